@@ -15,7 +15,7 @@ function(svcmgr_platform_library name)
     PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
     PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
   target_link_libraries(${name} PUBLIC ${arg_LINK} PRIVATE ${arg_PRIVATE})
-  set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION 1
+  set_target_properties(${name} PROPERTIES VERSION 1.0.0 SOVERSION 1
     LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib INSTALL_RPATH "$ORIGIN")
 
   set(PC_NAME ${name})
