@@ -1,0 +1,55 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+#ifndef PACKAGE_DESKTOP_H
+#define PACKAGE_DESKTOP_H
+
+/*
+ * What only the desktop has: writing the folder of installed packages, and asking which clients a
+ * package admits. Applications never need it; a device has its package manager instead.
+ *
+ * The folder is $VELMORA_PACKAGE_DIR, else velmora/packages below the user's data folder. It holds one
+ * key file for each package, PACKAGE_ID.package:
+ *
+ *     [Package]
+ *     Version=2.3.182
+ *     # Application IDs, with * and ?, that may connect to the package's ports; without the key: all.
+ *     Clients=com.example.*;org.example.notes
+ *
+ *     [Application com.velmora.notes]
+ *     # Each key is one metadata entry of the application.
+ *     ai-agent-category=text
+ *
+ * All functions return 0 on success and a negative error code otherwise, and may be called from any
+ * thread.
+ */
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+#pragma GCC visibility push(default)
+
+/**
+ * Installs or replaces a package in the folder `dir`, which is made if it is missing. `key_file` is
+ * the text of the package's key file. Readers see either the old or the new package, never a part,
+ * and see the new one from their next look-up on.
+ *
+ * Returns -22 if the text is not a valid package description or the ID cannot be a file name, -5 if
+ * the folder cannot be written.
+ */
+int package_desktop_install(const char *dir, const char *package_id, const char *key_file);
+
+/** Removes a package from the folder `dir`. Returns -22 if it is not there. */
+int package_desktop_remove(const char *dir, const char *package_id);
+
+/**
+ * Asks whether the application `client` may connect to the ports of the application `server`.
+ * Returns -22 if no such server application is installed, -13 if it does not admit the client. A
+ * package without application groups has one application, whose ID is the package's.
+ */
+int package_desktop_check_client(const char *server, const char *client);
+
+#pragma GCC visibility pop
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* PACKAGE_DESKTOP_H */
