@@ -128,8 +128,9 @@ typedef void (*velmora_svcmgr_connection_cb)(int result, int state, void *user_d
  * and returns success.
  *
  * A trap: after the connection was lost or refused, connecting again returns success and starts
- * nothing, and disconnecting does not help, because there is no connection to end. The way out is
- * the agent's own: when the agent announces that it was launched, the library connects again.
+ * nothing, and disconnecting does not help, because there is no connection to end. After a loss the way
+ * out is the agent's own: when it announces that it was launched, the library connects again. After a
+ * refusal there is none but a new process.
  *
  * A failure inside the platform that is neither of those below is not reported: the function returns
  * success and the callback never comes. Guard the wait with a time limit of your own.

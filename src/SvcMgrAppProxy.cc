@@ -1,0 +1,276 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "SvcMgrAppProxy.h"
+
+#include <cxxabi.h>
+#include <velmora_svcmgr.h>
+
+#include <utility>
+
+#include "proxy_log.h"
+#include "wire.h"
+
+// Closes a function that the platform calls: nothing that is thrown reaches the platform's C code,
+// but for the unwinding of a thread that exits or is cancelled, which must go on.
+#define END_ON_EXCEPTION                \
+  catch (const abi::__forced_unwind&) { \
+    throw;                              \
+  }                                     \
+  catch (...) {                         \
+    PROXY_ERROR("Unknown Exception");   \
+  }
+
+namespace rpc_port::SvcMgrAppProxy::proxy {
+
+using svcmgr::CallSite;
+using svcmgr::Parcel;
+using svcmgr::ParcelReader;
+using svcmgr::ParcelWriter;
+using svcmgr::Text;
+
+namespace {
+
+template <typename... Arguments>
+Parcel MakeRequest(Method method, const Arguments&... arguments) {
+  Parcel request = svcmgr::CreateParcel();
+  ParcelWriter out(request);
+  out.Int32(static_cast<int>(method));
+  (Write(out, arguments), ...);
+  return request;
+}
+
+}  // namespace
+
+// ---- Methods: number, arguments in wire order, result -------------------------------------------
+
+int SvcMgrAppPort::get_agent_api_level() {
+  return Call(PROXY_HERE, Method::get_agent_api_level, &ParcelReader::Int32);
+}
+
+Text SvcMgrAppPort::get_license() {
+  return Call(PROXY_HERE, Method::get_license, &ParcelReader::String);
+}
+
+int SvcMgrAppPort::request_update() {
+  return Call(PROXY_HERE, Method::request_update, &ParcelReader::Int32);
+}
+
+int SvcMgrAppPort::request_update_with_list(const AgentUpdateRequest& request) {
+  return Call(PROXY_HERE, Method::request_update_with_list, &ParcelReader::Int32, request);
+}
+
+void SvcMgrAppPort::GetUsableModelList(std::unique_ptr<CallbackBase> delegate,
+                                       const std::string& app_id, const std::string& app_version) {
+  Post(PROXY_HERE, Method::GetUsableModelList, std::move(delegate), app_id, app_version);
+}
+
+void SvcMgrAppPort::GetUsableModelListWithDesc(std::unique_ptr<CallbackBase> delegate,
+                                               const std::string& app_id,
+                                               const std::string& app_version) {
+  Post(PROXY_HERE, Method::GetUsableModelListWithDesc, std::move(delegate), app_id, app_version);
+}
+
+void SvcMgrAppPort::GetModelVersionList(std::unique_ptr<CallbackBase> delegate,
+                                        const AIModelInfo& model, const std::string& app_id,
+                                        const std::string& app_version) {
+  Post(PROXY_HERE, Method::GetModelVersionList, std::move(delegate), model, app_id, app_version);
+}
+
+void SvcMgrAppPort::RequestToUpdate(std::unique_ptr<CallbackBase> delegate,
+                                    const AIModelList& models) {
+  Post(PROXY_HERE, Method::RequestToUpdate, std::move(delegate), models);
+}
+
+void SvcMgrAppPort::RequestToUninstall(std::unique_ptr<CallbackBase> delegate,
+                                       const AIModelList& models) {
+  Post(PROXY_HERE, Method::RequestToUninstall, std::move(delegate), models);
+}
+
+// ---- Life ---------------------------------------------------------------------------------------
+
+SvcMgrAppPort::CallbackBase::CallbackBase(DelegateId id, bool once)
+    : id_(static_cast<int>(id)), once_(once) {
+  static std::atomic<int> next_seq{0};
+  seq_ = next_seq++;
+}
+
+SvcMgrAppPort::SvcMgrAppPort(IEventListener* listener, std::string target_app_id)
+    : listener_(listener), target_app_id_(std::move(target_app_id)) {
+  rpc_port_proxy_h handle = nullptr;
+  if (rpc_port_proxy_create(&handle) != 0) {
+    PROXY_ERROR("Failed to create proxy");
+    throw InvalidIOException();
+  }
+  proxy_handle_ = handle;
+  rpc_port_proxy_add_connected_event_cb(handle, OnConnectedCB, this);
+  rpc_port_proxy_add_disconnected_event_cb(handle, OnDisconnectedCB, this);
+  rpc_port_proxy_add_rejected_event_cb(handle, OnRejectedCB, this);
+  rpc_port_proxy_add_received_event_cb(handle, OnReceivedCB, this);
+}
+
+SvcMgrAppPort::~SvcMgrAppPort() { Close(); }
+
+void SvcMgrAppPort::Connect() {
+  const int result = rpc_port_proxy_connect(proxy_handle_, target_app_id_.c_str(), kPortName);
+  if (result == 0) return;
+  PROXY_ERROR("Failed to connect SvcMgrAppPort");
+  switch (result) {
+    case SVCMGR_ERROR_INVALID_PARAMETER:
+      throw InvalidIDException();
+    case SVCMGR_ERROR_IO_ERROR:
+      throw InvalidIOException();
+    case SVCMGR_ERROR_PERMISSION_DENIED:
+      throw PermissionDeniedException();
+    default:
+      return;  // counts as started
+  }
+}
+
+void SvcMgrAppPort::Close() {
+  // The port handles end with the proxy handle.
+  port_ = nullptr;
+  callback_port_ = nullptr;
+  const rpc_port_proxy_h handle = proxy_handle_.exchange(nullptr);
+  if (handle != nullptr) rpc_port_proxy_destroy(handle);
+  delegates_->Clear();
+}
+
+// ---- Requests -----------------------------------------------------------------------------------
+
+rpc_port_h SvcMgrAppPort::ConnectedPort(const CallSite& site) const {
+  const rpc_port_h port = port_;
+  if (port == nullptr) {
+    PROXY_ERROR_AT(site, "Not connected");
+    throw NotConnectedSocketException();
+  }
+  return port;
+}
+
+void SvcMgrAppPort::Send(const CallSite& site, Parcel& request, rpc_port_h port) {
+  const int result = rpc_port_parcel_send(request.get(), port);
+  if (result == 0) return;
+  PROXY_ERROR_F_AT(site, "Failed to send parcel. result(%d)", result);
+  request.reset();
+  throw InvalidIOException();
+}
+
+// Sends a request and waits for its reply; empty if none can come any more.
+Parcel SvcMgrAppPort::Exchange(const CallSite& site, Parcel& request, rpc_port_h port) {
+  const std::lock_guard lock(mutex_);
+  Send(site, request, port);
+  // Sending may have run events that closed the port: its handle is gone then.
+  while (port_ == port) {
+    Parcel message = svcmgr::ReceiveParcel(port);
+    if (message == nullptr) break;
+    ParcelReader in(message.get());
+    if (in.Int32() == kReplyCommand && in.ok()) return message;
+  }
+  return nullptr;
+}
+
+template <typename Result, typename... Arguments>
+Result SvcMgrAppPort::Call(const CallSite& site, Method method, Result (ParcelReader::*read)(),
+                           const Arguments&... arguments) {
+  const rpc_port_h port = ConnectedPort(site);
+  Parcel request = MakeRequest(method, arguments...);
+  Parcel reply = Exchange(site, request, port);
+  ParcelReader in(reply.get());
+  Result result = reply == nullptr ? Result{} : (in.*read)();
+  if (reply == nullptr || !in.ok()) {
+    PROXY_ERROR_AT(site, "Invalid protocol");
+    throw InvalidProtocolException();
+  }
+  request.reset();
+  return result;
+}
+
+template <typename... Arguments>
+void SvcMgrAppPort::Post(const CallSite& site, Method method,
+                         std::unique_ptr<CallbackBase> delegate, const Arguments&... arguments) {
+  const rpc_port_h port = ConnectedPort(site);
+  Parcel request = MakeRequest(method, *delegate, arguments...);
+  const std::lock_guard lock(mutex_);
+  // In place before the request leaves: the answer may be dispatched inside the send.
+  delegates_->Append(std::move(delegate));
+  Send(site, request, port);
+}
+
+// ---- Events -------------------------------------------------------------------------------------
+//
+// A listener or a delegate may close the port. Each event function therefore keeps the port alive,
+// and calls the listener last.
+
+void SvcMgrAppPort::OnConnectedCB(const char*, const char*, rpc_port_h port, void* user_data) try {
+  auto* self = static_cast<SvcMgrAppPort*>(user_data);
+  const auto alive = self->weak_from_this().lock();
+  self->port_ = port;
+  rpc_port_h callback_port = nullptr;
+  const int result =
+      rpc_port_proxy_get_port(self->proxy_handle_, RPC_PORT_PORT_CALLBACK, &callback_port);
+  // Without a callback port the connection counts all the same; only its answers are lost.
+  if (result == 0) self->callback_port_ = callback_port;
+  self->listener_->OnConnected();
+}
+END_ON_EXCEPTION
+
+void SvcMgrAppPort::OnDisconnectedCB(const char*, const char*, void* user_data) try {
+  auto* self = static_cast<SvcMgrAppPort*>(user_data);
+  const auto alive = self->weak_from_this().lock();
+  self->delegates_->Clear();
+  self->listener_->OnDisconnected();
+}
+END_ON_EXCEPTION
+
+void SvcMgrAppPort::OnRejectedCB(const char*, const char*, void* user_data) try {
+  auto* self = static_cast<SvcMgrAppPort*>(user_data);
+  const auto alive = self->weak_from_this().lock();
+  self->listener_->OnRejected();
+}
+END_ON_EXCEPTION
+
+void SvcMgrAppPort::OnReceivedCB(const char*, const char*, void* user_data) try {
+  auto* self = static_cast<SvcMgrAppPort*>(user_data);
+  const auto alive = self->weak_from_this().lock();
+  const Parcel message = svcmgr::ReceiveParcel(self->callback_port_);
+  if (message == nullptr) {
+    PROXY_ERROR("Failed to create parcel from port");
+    return;
+  }
+  self->Dispatch(message);
+}
+END_ON_EXCEPTION
+
+void SvcMgrAppPort::Dispatch(const Parcel& message) {
+  ParcelReader in(message.get());
+  if (in.Int32() != kDelegateCommand) return;
+  const int id = in.Int32();
+  const int seq = in.Int32();
+  in.Bool();  // the agent's once flag; the delegate's own counts
+  if (!in.ok()) return;
+
+  const auto delegates = delegates_;
+  const auto delegate = delegates->Find(id, seq);
+  if (delegate == nullptr) return;
+  delegate->OnReceivedEvent(message.get());
+  if (delegate->once()) delegates->Remove(*delegate);
+}
+
+template <DelegateId delegate_id, typename Payload>
+void PayloadCallback<delegate_id, Payload>::OnReceivedEvent(rpc_port_parcel_h parcel) {
+  ParcelReader in(parcel);
+  const int result = in.Int32();
+  Payload payload;
+  Read(in, payload);
+  if (in.ok()) {
+    OnReceived(result, payload);
+  } else {
+    OnReceived(SVCMGR_ERROR_INVALID_OPERATION, Payload{});
+  }
+}
+
+template class PayloadCallback<DelegateId::GetUsableModelList, AIModelList>;
+template class PayloadCallback<DelegateId::GetUsableModelListWithDesc, AIModelList>;
+template class PayloadCallback<DelegateId::GetModelVersionList, AIModelList>;
+template class PayloadCallback<DelegateId::RequestToUpdate, AIUpdateProgressInfo>;
+template class PayloadCallback<DelegateId::RequestToUninstall, AIUpdateProgressInfo>;
+
+}  // namespace rpc_port::SvcMgrAppProxy::proxy

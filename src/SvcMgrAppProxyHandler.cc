@@ -1,0 +1,251 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "SvcMgrAppProxyHandler.h"
+
+#include <app_common.h>
+#include <cxxabi.h>
+
+#include <new>
+#include <utility>
+
+#include "AgentStatusEventHandler.h"
+#include "SvcMgrAppProxyCallback.h"
+#include "SvcmgrException.h"
+#include "agent_update_state.h"
+#include "category_lookup.h"
+#include "client_log.h"
+#include "frame.h"
+#include "service_model_info.h"
+
+namespace rpc = rpc_port::SvcMgrAppProxy::proxy;
+
+using svcmgr::CallSite;
+using svcmgr::CopyText;
+using svcmgr::ModelListReceiver;
+using svcmgr::Text;
+
+namespace {
+
+// Runs a query whose answer is waited for; the failure value, logged, if it cannot be asked.
+template <typename Result, typename Work>
+Result AskAgent(const CallSite& site, Result failure, Work work) try {
+  return work();
+} catch (const abi::__forced_unwind&) {
+  throw;
+} catch (const AppInfoException& exception) {
+  CLIENT_ERROR_F_AT(site, "%s", exception.what());
+  return failure;
+} catch (const rpc::Exception&) {
+  CLIENT_ERROR_AT(site, "PROXY EXCEPTION!!!");
+  return failure;
+} catch (...) {
+  CLIENT_ERROR_AT(site, "Unknown Exception");
+  return failure;
+}
+
+// Sends a model request. Refusal is the client exception that the work may throw, and refusal_code
+// what it means.
+template <typename Refusal, typename Work>
+int PostRequest(const CallSite& site, int refusal_code, Work work) try {
+  work();
+  return SVCMGR_ERROR_NONE;
+} catch (const abi::__forced_unwind&) {
+  throw;
+} catch (const Refusal& exception) {
+  CLIENT_ERROR_F_AT(site, "%s", exception.what());
+  return refusal_code;
+} catch (...) {
+  CLIENT_ERROR_AT(site, "Unknown Exception");
+  return SVCMGR_ERROR_INVALID_OPERATION;
+}
+
+// Throws std::logic_error if a text is not set.
+rpc::AIModelInfo CopyToWire(const velmora_svcmgr_ai_model_info_s& info) {
+  return {CopyText(info.id), CopyText(info.version), CopyText(info.title),
+          CopyText(info.description)};
+}
+
+// One of the calling application's texts; empty if the platform fails.
+std::string ReadAppText(int (*get)(char**)) {
+  char* text = nullptr;
+  if (get(&text) != 0 || text == nullptr) return {};
+  const Text owner(text);
+  return text;
+}
+
+}  // namespace
+
+SvcMgrAppProxyHandler& SvcMgrAppProxyHandler::GetInstance() {
+  alignas(SvcMgrAppProxyHandler) static char storage[sizeof(SvcMgrAppProxyHandler)];
+  static SvcMgrAppProxyHandler* const instance = new (storage) SvcMgrAppProxyHandler();
+  return *instance;
+}
+
+// ---- Connection ---------------------------------------------------------------------------------
+
+int SvcMgrAppProxyHandler::Connect(velmora_svcmgr_connection_cb callback, void* user_data) {
+  CLIENT_INFO("Connect");
+  callback_ = callback;
+  user_data_ = user_data;
+  if (Proxy() != nullptr) return SVCMGR_ERROR_NONE;
+
+  // Held here, because the application may disconnect, and connect again, inside the attempt.
+  std::shared_ptr<SvcMgrAppPort> proxy;
+  try {
+    proxy = std::make_shared<SvcMgrAppPort>(this, AGENT_PACKAGE_ID);
+    std::atomic_store(&proxy_, proxy);
+    proxy->Connect();
+    return SVCMGR_ERROR_NONE;
+  } catch (const abi::__forced_unwind&) {
+    throw;
+  } catch (const rpc::InvalidIDException&) {
+    CLIENT_ERROR("Invalid ID exception occurred!!!");
+    Drop(proxy);
+    return SVCMGR_ERROR_CONNECTION_FAILED;
+  } catch (const rpc::InvalidIOException&) {
+    CLIENT_ERROR("Invalid IO exception occurred!!!");
+    Drop(proxy);
+    return SVCMGR_ERROR_CONNECTION_FAILED;
+  } catch (const rpc::PermissionDeniedException&) {
+    CLIENT_ERROR("Permission denied exception occurred!!!");
+    Drop(proxy);
+    return SVCMGR_ERROR_PERMISSION_DENIED;
+  } catch (...) {
+    CLIENT_ERROR("Unexpected Exception occurred!!!");
+    Drop(proxy);
+    return SVCMGR_ERROR_INVALID_OPERATION;
+  }
+}
+
+// Ends a proxy whose Connect failed. A proxy that was made inside that attempt is not touched.
+void SvcMgrAppProxyHandler::Drop(const std::shared_ptr<SvcMgrAppPort>& proxy) {
+  if (proxy == nullptr) return;
+  std::shared_ptr<SvcMgrAppPort> expected = proxy;
+  std::atomic_compare_exchange_strong(&proxy_, &expected, {});
+  proxy->Close();
+}
+
+void SvcMgrAppProxyHandler::Disconnect() {
+  CLIENT_INFO("Disconnect");
+  connected_ = false;
+  // Taken out first: closing may run code of the application that connects again.
+  const auto proxy = std::atomic_exchange(&proxy_, {});
+  if (proxy != nullptr) proxy->Close();
+  AgentStatusEventHandler::GetInstance().DontCareConnection();
+  CLIENT_INFO("proxy handle was destroyed");
+}
+
+void SvcMgrAppProxyHandler::Reconnect() {
+  CLIENT_INFO("Re-connect");
+  Disconnect();
+  Connect(callback_, user_data_);
+}
+
+void SvcMgrAppProxyHandler::OnConnected() {
+  CLIENT_INFO("OnConnected");
+  connected_ = true;
+  AgentStatusEventHandler::GetInstance().KeepConnection();
+  if (svcmgr::agent_update_state.IsAgentRelaunched()) return;
+  Notify(SVCMGR_ERROR_NONE, SVCMGR_CONNECTION_STATE_CONNECTED);
+}
+
+void SvcMgrAppProxyHandler::OnDisconnected() {
+  CLIENT_INFO("OnDisconnected");
+  connected_ = false;
+  if (svcmgr::agent_update_state.LoseAgent()) return;
+  Notify(SVCMGR_ERROR_NONE, SVCMGR_CONNECTION_STATE_DISCONNECTED);
+}
+
+void SvcMgrAppProxyHandler::OnRejected() {
+  CLIENT_INFO("OnRejected");
+  connected_ = false;
+  Notify(SVCMGR_ERROR_PERMISSION_DENIED, SVCMGR_CONNECTION_STATE_REJECTED);
+}
+
+void SvcMgrAppProxyHandler::Notify(int result, int state) const {
+  // Copies: the callback may connect with another one.
+  const auto callback = callback_;
+  void* const user_data = user_data_;
+  if (callback != nullptr) callback(result, state, user_data);
+}
+
+// ---- Queries that wait --------------------------------------------------------------------------
+
+int SvcMgrAppProxyHandler::get_agent_api_level() {
+  const auto proxy = Proxy();
+  RETURN_ERROR_IF(proxy == nullptr, "Not connected", kNoApiLevel);
+  return AskAgent(SVCMGR_HERE, kNoApiLevel, [&] { return proxy->get_agent_api_level(); });
+}
+
+Text SvcMgrAppProxyHandler::get_license() {
+  const auto proxy = Proxy();
+  RETURN_ERROR_IF(proxy == nullptr, "Not connected", nullptr);
+  return AskAgent(SVCMGR_HERE, Text(), [&] { return proxy->get_license(); });
+}
+
+// ---- Model requests -----------------------------------------------------------------------------
+//
+// A delegate, and with it a sequence number, is made when all that it is sent with stands.
+
+int SvcMgrAppProxyHandler::GetUsableModelList(ModelListReceiver receiver) {
+  const auto proxy = Proxy();
+  RETURN_ERROR_IF(proxy == nullptr, "Not connected", SVCMGR_ERROR_NOT_CONNECTED);
+  return PostRequest<AppInfoException>(SVCMGR_HERE, SVCMGR_ERROR_INVALID_OPERATION, [&] {
+    const std::string app_id = GetAppId();
+    const std::string app_version = GetAppVersion();
+    proxy->GetUsableModelList(std::make_unique<svcmgr::GetUsableModelListCB>(receiver), app_id,
+                              app_version);
+  });
+}
+
+int SvcMgrAppProxyHandler::GetUsableModelListWithDesc(ModelListReceiver receiver) {
+  const auto proxy = Proxy();
+  RETURN_ERROR_IF(proxy == nullptr, "Not connected", SVCMGR_ERROR_NOT_CONNECTED);
+  return PostRequest<AppInfoException>(SVCMGR_HERE, SVCMGR_ERROR_INVALID_OPERATION, [&] {
+    const std::string app_id = GetAppId();
+    const std::string app_version = GetAppVersion();
+    proxy->GetUsableModelListWithDesc(
+        std::make_unique<svcmgr::GetUsableModelListWithDescCB>(receiver), app_id, app_version);
+  });
+}
+
+int SvcMgrAppProxyHandler::GetUsableModelListWithCategory(const char* category,
+                                                          ModelListReceiver receiver) {
+  const auto proxy = Proxy();
+  RETURN_ERROR_IF(proxy == nullptr, "Not connected", SVCMGR_ERROR_NOT_CONNECTED);
+  return PostRequest<NoSuchAppException>(SVCMGR_HERE, SVCMGR_ERROR_INVALID_PARAMETER, [&] {
+    const svcmgr::CategorySearch match = svcmgr::FindPackageOfCategory(category);
+    proxy->GetUsableModelList(std::make_unique<svcmgr::GetUsableModelListCB>(receiver),
+                              match.package_id, match.package_version);
+  });
+}
+
+int SvcMgrAppProxyHandler::GetModelVersionList(velmora_svcmgr_ai_model_info_h info,
+                                               ModelListReceiver receiver) {
+  const auto proxy = Proxy();
+  RETURN_ERROR_IF(proxy == nullptr, "Not connected", SVCMGR_ERROR_NOT_CONNECTED);
+  return PostRequest<AppInfoException>(SVCMGR_HERE, SVCMGR_ERROR_INVALID_OPERATION, [&] {
+    const rpc::AIModelInfo model = CopyToWire(*info);
+    const std::string app_id = GetAppId();
+    const std::string app_version = GetAppVersion();
+    proxy->GetModelVersionList(std::make_unique<svcmgr::GetModelVersionListCB>(receiver), model,
+                               app_id, app_version);
+  });
+}
+
+std::string SvcMgrAppProxyHandler::GetAppId() {
+  std::string id = ReadAppText(app_get_id);
+  if (id.empty()) {
+    CLIENT_ERROR("Failed to get app ID.");
+    throw AppInfoException();
+  }
+  return id;
+}
+
+std::string SvcMgrAppProxyHandler::GetAppVersion() {
+  std::string version = ReadAppText(app_get_version);
+  if (version.empty()) {
+    CLIENT_ERROR("Failed to get app version.");
+    throw AppInfoException();
+  }
+  return version;
+}

@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef SVCMGR_SVCMGRAPPPROXYHANDLER_H_
+#define SVCMGR_SVCMGRAPPPROXYHANDLER_H_
+
+#include <velmora_svcmgr.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "SvcMgrAppProxy.h"
+#include "SvcMgrAppProxyCallback.h"
+#include "text.h"
+
+// The client context: the process's one connection to the agent, and what is asked over it.
+//
+//     state        connected  proxy   entered by
+//     idle         false      null    start, Disconnect, a Connect that failed
+//     connecting   false      set     Connect
+//     connected    true       set     OnConnected
+//     dropped      false      set     OnDisconnected, OnRejected
+//
+// Connect and Disconnect belong on the main loop's thread, where the events arrive.
+class SvcMgrAppProxyHandler final
+    : public rpc_port::SvcMgrAppProxy::proxy::SvcMgrAppPort::IEventListener {
+ public:
+  static SvcMgrAppProxyHandler& GetInstance();
+
+  bool IsConnected() const { return connected_; }
+
+  int Connect(velmora_svcmgr_connection_cb callback, void* user_data);
+  void Disconnect();
+  void Reconnect();
+
+  void OnConnected() override;
+  void OnDisconnected() override;
+  void OnRejected() override;
+
+  // What the agent answers when it has no API level, and what stands for a failed query.
+  static constexpr int kNoApiLevel = -1;
+
+  // The agent's answers; kNoApiLevel or no text, logged, if it cannot be asked.
+  int get_agent_api_level();
+  svcmgr::Text get_license();
+
+  // Each returns an error code; the receiver gets the agent's answer.
+  int GetUsableModelList(svcmgr::ModelListReceiver receiver);
+  int GetUsableModelListWithDesc(svcmgr::ModelListReceiver receiver);
+  int GetUsableModelListWithCategory(const char* category, svcmgr::ModelListReceiver receiver);
+  int GetModelVersionList(velmora_svcmgr_ai_model_info_h info, svcmgr::ModelListReceiver receiver);
+
+  // The calling application's own; throw AppInfoException.
+  std::string GetAppId();
+  std::string GetAppVersion();
+
+ private:
+  using SvcMgrAppPort = rpc_port::SvcMgrAppProxy::proxy::SvcMgrAppPort;
+
+  SvcMgrAppProxyHandler() = default;
+  // Never runs: a proxy that is still held when the process exits is left as it is.
+  ~SvcMgrAppProxyHandler() override = default;
+
+  std::shared_ptr<SvcMgrAppPort> Proxy() const { return std::atomic_load(&proxy_); }
+  void Drop(const std::shared_ptr<SvcMgrAppPort>& proxy);
+  void Notify(int result, int state) const;
+
+  // Read by requests on any thread, hence the atomic accesses.
+  std::shared_ptr<SvcMgrAppPort> proxy_;
+  std::atomic<bool> connected_{false};
+  velmora_svcmgr_connection_cb callback_ = nullptr;
+  void* user_data_ = nullptr;
+};
+
+#endif  // SVCMGR_SVCMGRAPPPROXYHANDLER_H_

@@ -1,0 +1,84 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef SVCMGR_CATEGORY_LOOKUP_H_
+#define SVCMGR_CATEGORY_LOOKUP_H_
+
+#include <app_info.h>
+#include <cxxabi.h>
+#include <package_manager.h>
+
+#include <cstring>
+#include <exception>
+#include <string>
+
+#include "SvcmgrException.h"
+#include "package_info_handle.h"
+
+namespace svcmgr {
+
+struct CategorySearch {
+  std::string package_id;
+  std::string package_version;
+  const char* category = nullptr;
+  bool found = false;
+  // What a step could not throw through the platform's C code.
+  std::exception_ptr failure;
+};
+
+// The steps below return whether the iteration goes on.
+
+inline bool MatchCategory(const char* key, const char* value, void* user_data) {
+  constexpr char kCategoryKey[] = "ai-agent-category";
+  auto* search = static_cast<CategorySearch*>(user_data);
+  if (key == nullptr || std::strcmp(key, kCategoryKey) != 0) return true;
+  if (value == nullptr || std::strcmp(value, search->category) != 0) return true;
+  search->found = true;
+  return false;
+}
+
+inline bool SearchPackage(package_info_h package, CategorySearch& search) {
+  const Text id_text = ReadPackageText(package, package_info_get_package);
+  if (id_text == nullptr) return false;
+  const Text version_text = ReadPackageText(package, package_info_get_version);
+  if (version_text == nullptr) return false;
+  const std::string id = id_text.get();
+  const std::string version = version_text.get();
+  if (id.find(VENDOR_PACKAGE_PREFIX) == std::string::npos) return true;
+
+  app_info_h app = nullptr;
+  if (app_info_create(id.c_str(), &app) != 0) return false;
+  // The app info is kept on purpose: which platform functions this look-up calls is fixed.
+  app_info_foreach_metadata(app, MatchCategory, &search);
+  if (!search.found) return true;
+  search.package_id = id;
+  search.package_version = version;
+  return false;
+}
+
+inline bool SearchPackageStep(package_info_h package, void* user_data) {
+  auto* search = static_cast<CategorySearch*>(user_data);
+  try {
+    return SearchPackage(package, *search);
+  } catch (const abi::__forced_unwind&) {
+    throw;
+  } catch (...) {
+    search->failure = std::current_exception();
+    return false;
+  }
+}
+
+// Finds the first of the vendor's packages, in the package manager's order, whose application
+// declares the category. Throws NoSuchAppException.
+inline CategorySearch FindPackageOfCategory(const char* category) {
+  if (category == nullptr) throw NoSuchAppException();
+  CategorySearch search;
+  search.category = category;
+  // The result is ignored: an iteration that fails behind a match has done its work.
+  package_manager_foreach_package_info(SearchPackageStep, &search);
+  if (search.failure != nullptr) std::rethrow_exception(search.failure);
+  if (!search.found) throw NoSuchAppException();
+  return search;
+}
+
+}  // namespace svcmgr
+
+#endif  // SVCMGR_CATEGORY_LOOKUP_H_

@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <velmora_svcmgr.h>
+
+#include <cstring>
+
+#include "SvcMgrAppProxyHandler.h"
+#include "frame.h"
+
+int velmora_svcmgr_connect(velmora_svcmgr_connection_cb callback, void* user_data) try {
+  RETURN_IF_AGENT_MISSING();
+  RETURN_IF_NULL(callback, "parameter is NULL!!");
+  SvcMgrAppProxyHandler& context = SvcMgrAppProxyHandler::GetInstance();
+  RETURN_ERROR_IF(context.IsConnected(), "already connected\n", SVCMGR_ERROR_ALREADY_CONNECTED);
+  const int result = context.Connect(callback, user_data);
+  if (result != SVCMGR_ERROR_NONE) CLIENT_ERROR_F("connection result = [%d]", result);
+  return result;
+}
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+
+int velmora_svcmgr_disconnect() try {
+  RETURN_IF_AGENT_MISSING();
+  SvcMgrAppProxyHandler& context = SvcMgrAppProxyHandler::GetInstance();
+  if (context.IsConnected()) context.Disconnect();
+  return SVCMGR_ERROR_NONE;
+}
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+
+int velmora_svcmgr_get_license_fulltext(char** text) try {
+  RETURN_IF_AGENT_MISSING();
+  RETURN_IF_NULL(text, "parameter is NULL!!");
+  RETURN_IF_NOT_CONNECTED();
+  const svcmgr::Text license = SvcMgrAppProxyHandler::GetInstance().get_license();
+  if (license == nullptr || *license == '\0') {
+    // On purpose a success: there is nothing to show, which is no error to an application.
+    CLIENT_INFO("can't get agent license");
+    return SVCMGR_ERROR_NONE;
+  }
+  if (std::strcmp(license.get(), "SVCMGR_ERROR_KYR_DISABLED") == 0) {
+    CLIENT_INFO("KYR is disabled");
+    return SVCMGR_ERROR_KYR_DISABLED;
+  }
+  *text = strdup(license.get());
+  return SVCMGR_ERROR_NONE;
+}
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+
+int velmora_svcmgr_get_agent_api_level(int* level) try {
+  RETURN_IF_AGENT_MISSING();
+  RETURN_IF_NULL(level, "parameter is NULL!!");
+  RETURN_IF_NOT_CONNECTED();
+  const int answer = SvcMgrAppProxyHandler::GetInstance().get_agent_api_level();
+  if (answer == SVCMGR_ERROR_KYR_DISABLED) {
+    CLIENT_INFO("KYR is disabled");
+    return SVCMGR_ERROR_KYR_DISABLED;
+  }
+  if (answer == SvcMgrAppProxyHandler::kNoApiLevel) {
+    CLIENT_INFO("invalid api level");
+    return SVCMGR_ERROR_INVALID_API_LEVEL;
+  }
+  *level = answer;
+  return SVCMGR_ERROR_NONE;
+}
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_API_LEVEL)

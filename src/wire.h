@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef SVCMGR_WIRE_H_
+#define SVCMGR_WIRE_H_
+
+// One Write and one Read for each record: its fields in wire order.
+
+#include <string>
+
+#include "SvcMgrAppProxy.h"
+#include "parcel.h"
+#include "svcmgr_protocol.h"
+
+namespace rpc_port::SvcMgrAppProxy::proxy {
+
+inline void Write(svcmgr::ParcelWriter& out, const std::string& text) { out.String(text.c_str()); }
+
+inline void Write(svcmgr::ParcelWriter& out, const SvcMgrAppPort::CallbackBase& delegate) {
+  out.Int32(delegate.id());
+  out.Int32(delegate.seq());
+  out.Bool(delegate.once());
+}
+
+inline void Write(svcmgr::ParcelWriter& out, const AIModelInfo& model) {
+  out.String(model.id.get());
+  out.String(model.version.get());
+  out.String(model.title.get());
+  out.String(model.description.get());
+}
+
+inline void Write(svcmgr::ParcelWriter& out, const AIModelList& list) {
+  out.Count(static_cast<int>(list.models.size()));
+  for (const AIModelInfo& model : list.models) Write(out, model);
+  out.Int32(list.count);
+}
+
+inline void Write(svcmgr::ParcelWriter& out, const AgentUpdateRequest& request) {
+  out.Count(static_cast<int>(request.agents.size()));
+  for (const svcmgr::Text& agent : request.agents) out.String(agent.get());
+  out.Int32(request.count);
+}
+
+inline void Read(svcmgr::ParcelReader& in, AIModelInfo& model) {
+  model.id = in.String();
+  model.version = in.String();
+  model.title = in.String();
+  model.description = in.String();
+}
+
+// The count may lie: nothing is allocated for elements that are not there, and none is kept that is
+// not whole.
+inline void Read(svcmgr::ParcelReader& in, AIModelList& list) {
+  const int size = in.Count();
+  for (int i = 0; i < size && in.ok(); ++i) {
+    Read(in, list.models.emplace_back());
+    if (!in.ok()) list.models.pop_back();
+  }
+  list.count = in.Int32();
+}
+
+inline void Read(svcmgr::ParcelReader& in, AIUpdateProgressInfo& progress) {
+  progress.state = in.Int32();
+  progress.index = in.Int32();
+  progress.count = in.Int32();
+  progress.percentage = in.Int32();
+}
+
+}  // namespace rpc_port::SvcMgrAppProxy::proxy
+
+#endif  // SVCMGR_WIRE_H_
