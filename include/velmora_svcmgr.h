@@ -4,10 +4,11 @@
 
 /**
  * @file
- * Client interface of the device's service-manager agent, which keeps service agents and on-device AI
- * models up to date.
+ * Client interface of the device's service-manager agent, which keeps service agents and on-device
+ * AI models up to date.
  *
- * An application connects once, then asks. Results that the agent needs time for arrive in callbacks.
+ * An application connects once, then asks. Results that the agent needs time for arrive in
+ * callbacks.
  *
  *     velmora_svcmgr_connect(on_connection, NULL);
  *     g_main_loop_run(loop);
@@ -20,26 +21,30 @@
  * Conventions
  *
  *  1. Error codes. Every function returns SVCMGR_ERROR_NONE or a negative code of
- *     velmora_svcmgr_error_e, and never throws. The codes that a function returns are listed with it,
- *     but for two that are the same everywhere: SVCMGR_ERROR_NOT_SUPPORTED when the agent's package is
- *     not installed, which is found before any argument is looked at; and
- *     SVCMGR_ERROR_INVALID_OPERATION when something unforeseen happens inside, such as memory running
- *     out.
+ *     velmora_svcmgr_error_e, and never throws. The codes that a function returns are listed with
+ *     it, but for two that are the same everywhere: SVCMGR_ERROR_NOT_SUPPORTED when the agent's
+ *     package is not installed, which is found before any argument is looked at; and
+ *     SVCMGR_ERROR_INVALID_OPERATION when something unforeseen happens inside, such as memory
+ *     running out.
  *  2. Outputs are written on success only. After a failure they hold what they held before.
- *  3. Texts are NUL-terminated. A text that a function hands out is a copy that belongs to the caller,
+ *  3. Texts are NUL-terminated. A text that a function hands out is a copy that belongs to the
+ *  caller,
  *     who releases it with free(). A text that is handed in is copied.
- *  4. Handles come from a `_create` function, from a function that says so, or with a callback; they
- *     belong to the application, which releases each with the `_destroy` function of its kind. A handle
- *     is not thread-safe. A handle that was destroyed must not be passed in again.
+ *  4. Handles come from a `_create` function, from a function that says so, or with a callback;
+ *  they
+ *     belong to the application, which releases each with the `_destroy` function of its kind. A
+ *     handle is not thread-safe. A handle that was destroyed must not be passed in again.
  *  5. Callbacks run on the thread that runs the application's main loop (the default GLib main
  *     context), with no lock of the library held. They may call any function of this interface,
- *     velmora_svcmgr_disconnect and velmora_svcmgr_connect included. After velmora_svcmgr_disconnect
- *     has returned, no callback of that connection runs. C++: an exception that leaves a callback is
- *     caught and logged.
+ *     velmora_svcmgr_disconnect and velmora_svcmgr_connect included. After
+ *     velmora_svcmgr_disconnect has returned, no callback of that connection runs. C++: an
+ *     exception that leaves a callback is caught and logged.
  *  6. User data is passed back as it is. The library never reads, copies or releases it.
- *  7. Threads. Call velmora_svcmgr_connect and velmora_svcmgr_disconnect on the main-loop thread. The
+ *  7. Threads. Call velmora_svcmgr_connect and velmora_svcmgr_disconnect on the main-loop thread.
+ *  The
  *     other functions may be called on any thread. The library starts no thread and sets no timer.
- *  8. Blocking. A function that says "blocks" waits for the agent's answer, however long that takes.
+ *  8. Blocking. A function that says "blocks" waits for the agent's answer, however long that
+ *  takes.
  *     The others return at once.
  */
 
@@ -80,19 +85,19 @@ typedef enum {
   /** The application is not connected. */
   SVCMGR_ERROR_NOT_CONNECTED = -107,
   /** The agent's package is not installed on the device. */
-  SVCMGR_ERROR_NOT_SUPPORTED = -1073741822,              /* 0xC0000002 */
+  SVCMGR_ERROR_NOT_SUPPORTED = -1073741822, /* 0xC0000002 */
   /** The agent's API level could not be obtained. */
-  SVCMGR_ERROR_INVALID_API_LEVEL = -1073741825,          /* 0xBFFFFFFF */
+  SVCMGR_ERROR_INVALID_API_LEVEL = -1073741825, /* 0xBFFFFFFF */
   /** The agent reports that the KYR feature is disabled. */
-  SVCMGR_ERROR_KYR_DISABLED = -1073741826,               /* 0xBFFFFFFE */
+  SVCMGR_ERROR_KYR_DISABLED = -1073741826, /* 0xBFFFFFFE */
   /** The installed agent is older than the function needs. */
-  SVCMGR_ERROR_UNSUPPORTED_AGENT_VERSION = -1073741827,  /* 0xBFFFFFFD */
+  SVCMGR_ERROR_UNSUPPORTED_AGENT_VERSION = -1073741827, /* 0xBFFFFFFD */
   /** The agent's result 6; its meaning is the agent's. */
-  SVCMGR_ERROR_AGENT_CODE_6 = -1073741829,               /* 0xBFFFFFFB */
+  SVCMGR_ERROR_AGENT_CODE_6 = -1073741829, /* 0xBFFFFFFB */
   /** An index is not below the size of the list. */
-  SVCMGR_ERROR_OUT_OF_INDEX = -1073741830,               /* 0xBFFFFFFA */
+  SVCMGR_ERROR_OUT_OF_INDEX = -1073741830, /* 0xBFFFFFFA */
   /** The agent's result 3; its meaning is the agent's. */
-  SVCMGR_ERROR_AGENT_CODE_3 = -1073741831                /* 0xBFFFFFF9 */
+  SVCMGR_ERROR_AGENT_CODE_3 = -1073741831 /* 0xBFFFFFF9 */
 } velmora_svcmgr_error_e;
 
 /* ---- Connection ------------------------------------------------------------------------------- */
@@ -111,29 +116,29 @@ typedef enum {
  * Reports a change of the connection; comes each time that the connection stands, is lost or is
  * refused.
  *
- * While the agent replaces itself by a new version, the library reconnects by itself; neither the loss
- * nor the return of the connection is reported then.
+ * While the agent replaces itself by a new version, the library reconnects by itself; neither the
+ * loss nor the return of the connection is reported then.
  *
  * @param result     SVCMGR_ERROR_NONE; SVCMGR_ERROR_PERMISSION_DENIED if the agent refused.
  * @param state      One of velmora_svcmgr_connection_state_e.
  * @param user_data  As given to velmora_svcmgr_connect.
  */
-typedef void (*velmora_svcmgr_connection_cb)(int result, int state, void *user_data);
+typedef void (*velmora_svcmgr_connection_cb)(int result, int state, void* user_data);
 
 /**
  * Starts connecting to the agent. Success means that the attempt was started; the callback reports
  * how it ended. The callback may run before this function returns.
  *
- * A call while an attempt is under way starts no second one: it replaces the callback and its user data
- * and returns success.
+ * A call while an attempt is under way starts no second one: it replaces the callback and its user
+ * data and returns success.
  *
  * A trap: after the connection was lost or refused, connecting again returns success and starts
- * nothing, and disconnecting does not help, because there is no connection to end. After a loss the way
- * out is the agent's own: when it announces that it was launched, the library connects again. After a
- * refusal there is none but a new process.
+ * nothing, and disconnecting does not help, because there is no connection to end. After a loss the
+ * way out is the agent's own: when it announces that it was launched, the library connects again.
+ * After a refusal there is none but a new process.
  *
- * A failure inside the platform that is neither of those below is not reported: the function returns
- * success and the callback never comes. Guard the wait with a time limit of your own.
+ * A failure inside the platform that is neither of those below is not reported: the function
+ * returns success and the callback never comes. Guard the wait with a time limit of your own.
  *
  * @param callback   Reports changes of the connection. It and user_data must stay valid for as long
  *                   as connections are attempted, which may be for the life of the process.
@@ -146,12 +151,12 @@ typedef void (*velmora_svcmgr_connection_cb)(int result, int state, void *user_d
  * @return SVCMGR_ERROR_PERMISSION_DENIED  the application may not connect
  * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
  */
-int velmora_svcmgr_connect(velmora_svcmgr_connection_cb callback, void *user_data);
+int velmora_svcmgr_connect(velmora_svcmgr_connection_cb callback, void* user_data);
 
 /**
  * Ends the connection. Requests that were not answered yet are dropped: their callbacks never come.
- * The connection callback is not called. Does nothing, successfully, while not connected: also while
- * connecting, and after the connection was lost or refused.
+ * The connection callback is not called. Does nothing, successfully, while not connected: also
+ * while connecting, and after the connection was lost or refused.
  *
  * @return SVCMGR_ERROR_NONE, SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
  */
@@ -162,8 +167,8 @@ int velmora_svcmgr_disconnect(void);
 /**
  * Asks the agent for its licence text. Blocks.
  *
- * A trap: when the agent cannot be asked, or has no text, the function returns SVCMGR_ERROR_NONE and
- * leaves *text as it was. Set *text to null before the call, and test it after.
+ * A trap: when the agent cannot be asked, or has no text, the function returns SVCMGR_ERROR_NONE
+ * and leaves *text as it was. Set *text to null before the call, and test it after.
  *
  * @param[out] text  The licence text; released by the caller with free().
  *
@@ -173,7 +178,7 @@ int velmora_svcmgr_disconnect(void);
  * @return SVCMGR_ERROR_KYR_DISABLED       the KYR feature is disabled
  * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
  */
-int velmora_svcmgr_get_license_fulltext(char **text);
+int velmora_svcmgr_get_license_fulltext(char** text);
 
 /**
  * Asks the agent for the API level that it implements. Blocks.
@@ -187,7 +192,7 @@ int velmora_svcmgr_get_license_fulltext(char **text);
  * @return SVCMGR_ERROR_KYR_DISABLED       the KYR feature is disabled
  * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
  */
-int velmora_svcmgr_get_agent_api_level(int *level);
+int velmora_svcmgr_get_agent_api_level(int* level);
 
 /* ---- AI models: one model --------------------------------------------------------------------- */
 
@@ -199,7 +204,7 @@ int velmora_svcmgr_get_agent_api_level(int *level);
  *     title        for display
  *     description  for display
  */
-typedef struct velmora_svcmgr_ai_model_info_s *velmora_svcmgr_ai_model_info_h;
+typedef struct velmora_svcmgr_ai_model_info_s* velmora_svcmgr_ai_model_info_h;
 
 /**
  * Makes a model with no texts.
@@ -211,14 +216,15 @@ typedef struct velmora_svcmgr_ai_model_info_s *velmora_svcmgr_ai_model_info_h;
  * @return SVCMGR_ERROR_OUT_OF_MEMORY      memory is exhausted
  * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
  */
-int velmora_svcmgr_ai_model_info_create(velmora_svcmgr_ai_model_info_h *info);
+int velmora_svcmgr_ai_model_info_create(velmora_svcmgr_ai_model_info_h* info);
 
 /**
  * Releases a model and its texts.
  *
  * @return SVCMGR_ERROR_NONE
  * @return SVCMGR_ERROR_INVALID_PARAMETER  info is null
- * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION; the model is not released then
+ * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION; the model is not released
+ * then
  */
 int velmora_svcmgr_ai_model_info_destroy(velmora_svcmgr_ai_model_info_h info);
 
@@ -233,17 +239,17 @@ int velmora_svcmgr_ai_model_info_destroy(velmora_svcmgr_ai_model_info_h info);
  * @return SVCMGR_ERROR_INVALID_OPERATION  the text was not set
  * @return SVCMGR_ERROR_NOT_SUPPORTED
  */
-int velmora_svcmgr_ai_model_info_get_id(velmora_svcmgr_ai_model_info_h info, char **text);
+int velmora_svcmgr_ai_model_info_get_id(velmora_svcmgr_ai_model_info_h info, char** text);
 /** As velmora_svcmgr_ai_model_info_get_id, for the version. */
-int velmora_svcmgr_ai_model_info_get_version(velmora_svcmgr_ai_model_info_h info, char **text);
+int velmora_svcmgr_ai_model_info_get_version(velmora_svcmgr_ai_model_info_h info, char** text);
 /** As velmora_svcmgr_ai_model_info_get_id, for the title. */
-int velmora_svcmgr_ai_model_info_get_title(velmora_svcmgr_ai_model_info_h info, char **text);
+int velmora_svcmgr_ai_model_info_get_title(velmora_svcmgr_ai_model_info_h info, char** text);
 /** As velmora_svcmgr_ai_model_info_get_id, for the description. */
-int velmora_svcmgr_ai_model_info_get_description(velmora_svcmgr_ai_model_info_h info, char **text);
+int velmora_svcmgr_ai_model_info_get_description(velmora_svcmgr_ai_model_info_h info, char** text);
 
 /**
- * Sets one text of a model to a copy of the first 2048 bytes of `text`; a multi-byte character may be
- * cut in two there.
+ * Sets one text of a model to a copy of the first 2048 bytes of `text`; a multi-byte character may
+ * be cut in two there.
  *
  * Set each text once: setting it again leaves the former copy allocated until the process ends.
  *
@@ -251,20 +257,19 @@ int velmora_svcmgr_ai_model_info_get_description(velmora_svcmgr_ai_model_info_h 
  * @return SVCMGR_ERROR_INVALID_PARAMETER  info or text is null
  * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
  */
-int velmora_svcmgr_ai_model_info_set_id(velmora_svcmgr_ai_model_info_h info, const char *text);
+int velmora_svcmgr_ai_model_info_set_id(velmora_svcmgr_ai_model_info_h info, const char* text);
 /** As velmora_svcmgr_ai_model_info_set_id, for the version. */
-int velmora_svcmgr_ai_model_info_set_version(velmora_svcmgr_ai_model_info_h info,
-                                             const char *text);
+int velmora_svcmgr_ai_model_info_set_version(velmora_svcmgr_ai_model_info_h info, const char* text);
 /** As velmora_svcmgr_ai_model_info_set_id, for the title. */
-int velmora_svcmgr_ai_model_info_set_title(velmora_svcmgr_ai_model_info_h info, const char *text);
+int velmora_svcmgr_ai_model_info_set_title(velmora_svcmgr_ai_model_info_h info, const char* text);
 /** As velmora_svcmgr_ai_model_info_set_id, for the description. */
 int velmora_svcmgr_ai_model_info_set_description(velmora_svcmgr_ai_model_info_h info,
-                                                 const char *text);
+                                                 const char* text);
 
 /* ---- AI models: lists ------------------------------------------------------------------------- */
 
 /** A list of models, in the order in which they were added. It owns its models. */
-typedef struct velmora_svcmgr_ai_model_list_s *velmora_svcmgr_ai_model_list_h;
+typedef struct velmora_svcmgr_ai_model_list_s* velmora_svcmgr_ai_model_list_h;
 
 /**
  * Makes an empty list.
@@ -276,7 +281,7 @@ typedef struct velmora_svcmgr_ai_model_list_s *velmora_svcmgr_ai_model_list_h;
  * @return SVCMGR_ERROR_OUT_OF_MEMORY      memory is exhausted
  * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
  */
-int velmora_svcmgr_ai_model_list_create(velmora_svcmgr_ai_model_list_h *list);
+int velmora_svcmgr_ai_model_list_create(velmora_svcmgr_ai_model_list_h* list);
 
 /**
  * Releases a list and its models. The array of a list that ever held a model stays allocated: eight
@@ -292,7 +297,8 @@ int velmora_svcmgr_ai_model_list_create(velmora_svcmgr_ai_model_list_h *list);
 int velmora_svcmgr_ai_model_list_destroy(velmora_svcmgr_ai_model_list_h list);
 
 /**
- * Adds a copy of a model at the end of a list. Texts that are not set stay so. The caller keeps `info`.
+ * Adds a copy of a model at the end of a list. Texts that are not set stay so. The caller keeps
+ * `info`.
  *
  * @return SVCMGR_ERROR_NONE
  * @return SVCMGR_ERROR_INVALID_PARAMETER  list or info is null
@@ -316,7 +322,7 @@ int velmora_svcmgr_ai_model_list_add(velmora_svcmgr_ai_model_list_h list,
  * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
  */
 int velmora_svcmgr_ai_model_list_get(velmora_svcmgr_ai_model_list_h list, int index,
-                                     velmora_svcmgr_ai_model_info_h *info);
+                                     velmora_svcmgr_ai_model_info_h* info);
 
 /**
  * The number of models in a list.
@@ -325,7 +331,7 @@ int velmora_svcmgr_ai_model_list_get(velmora_svcmgr_ai_model_list_h list, int in
  * @return SVCMGR_ERROR_INVALID_PARAMETER  list or size is null
  * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
  */
-int velmora_svcmgr_ai_model_list_get_size(velmora_svcmgr_ai_model_list_h list, int *size);
+int velmora_svcmgr_ai_model_list_get_size(velmora_svcmgr_ai_model_list_h list, int* size);
 
 /* ---- AI models: queries ----------------------------------------------------------------------- */
 
@@ -337,20 +343,21 @@ int velmora_svcmgr_ai_model_list_get_size(velmora_svcmgr_ai_model_list_h list, i
  * ends first, the callback never comes.
  *
  * @param error      SVCMGR_ERROR_NONE, or what the agent reports: SVCMGR_ERROR_INVALID_OPERATION,
- *                   SVCMGR_ERROR_NO_SPACE, SVCMGR_ERROR_KYR_DISABLED, SVCMGR_ERROR_PERMISSION_DENIED,
- *                   SVCMGR_ERROR_AGENT_CODE_3 or SVCMGR_ERROR_AGENT_CODE_6. An answer that cannot be
- *                   read is SVCMGR_ERROR_INVALID_OPERATION with an empty list.
+ *                   SVCMGR_ERROR_NO_SPACE, SVCMGR_ERROR_KYR_DISABLED,
+ *                   SVCMGR_ERROR_PERMISSION_DENIED, SVCMGR_ERROR_AGENT_CODE_3 or
+ *                   SVCMGR_ERROR_AGENT_CODE_6. An answer that cannot be read is
+ *                   SVCMGR_ERROR_INVALID_OPERATION with an empty list.
  * @param list       The models. It belongs to the application, which releases it with
- *                   velmora_svcmgr_ai_model_list_destroy, whatever the error is. Null if it could not
- *                   be created.
+ *                   velmora_svcmgr_ai_model_list_destroy, whatever the error is. Null if it could
+ *                   not be created.
  * @param user_data  As given with the request.
  */
 typedef void (*velmora_svcmgr_ai_model_list_cb)(int error, velmora_svcmgr_ai_model_list_h list,
-                                                void *user_data);
+                                                void* user_data);
 
 /**
- * Asks for the models that the calling application may use. Descriptions are left to the agent: most
- * send none here.
+ * Asks for the models that the calling application may use. Descriptions are left to the agent:
+ * most send none here.
  *
  * @param callback   Receives the answer.
  * @param user_data  Passed to the callback; may be null.
@@ -359,17 +366,18 @@ typedef void (*velmora_svcmgr_ai_model_list_cb)(int error, velmora_svcmgr_ai_mod
  * @return SVCMGR_ERROR_UNSUPPORTED_AGENT_VERSION  the agent is older than 1.7
  * @return SVCMGR_ERROR_INVALID_PARAMETER          callback is null
  * @return SVCMGR_ERROR_NOT_CONNECTED              no connection was started
- * @return SVCMGR_ERROR_INVALID_OPERATION          the request could not be sent, for example because
+ * @return SVCMGR_ERROR_INVALID_OPERATION          the request could not be sent, for example
+ * because
  *                                                 the connection does not stand yet; or the
  *                                                 application's own ID or version cannot be read
  * @return SVCMGR_ERROR_NOT_SUPPORTED
  */
 int velmora_svcmgr_ai_request_usable_model_list(velmora_svcmgr_ai_model_list_cb callback,
-                                                void *user_data);
+                                                void* user_data);
 
 /** As velmora_svcmgr_ai_request_usable_model_list, with the models' descriptions. */
 int velmora_svcmgr_ai_request_usable_model_list_with_description(
-    velmora_svcmgr_ai_model_list_cb callback, void *user_data);
+    velmora_svcmgr_ai_model_list_cb callback, void* user_data);
 
 /**
  * Asks for the models that another application may use: the first of the vendor's installed
@@ -388,7 +396,7 @@ int velmora_svcmgr_ai_request_usable_model_list_with_description(
  * @return SVCMGR_ERROR_NOT_SUPPORTED
  */
 int velmora_svcmgr_ai_request_usable_model_list_with_category(
-    velmora_svcmgr_ai_model_list_cb callback, const char *category, void *user_data);
+    velmora_svcmgr_ai_model_list_cb callback, const char* category, void* user_data);
 
 /**
  * Asks for the available versions of a model. The answer holds one entry for each version.
@@ -407,7 +415,7 @@ int velmora_svcmgr_ai_request_usable_model_list_with_category(
  */
 int velmora_svcmgr_ai_request_model_version_list(velmora_svcmgr_ai_model_info_h info,
                                                  velmora_svcmgr_ai_model_list_cb callback,
-                                                 void *user_data);
+                                                 void* user_data);
 
 #ifdef __cplusplus
 }
