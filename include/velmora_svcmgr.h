@@ -28,11 +28,9 @@
  *     running out.
  *  2. Outputs are written on success only. After a failure they hold what they held before.
  *  3. Texts are NUL-terminated. A text that a function hands out is a copy that belongs to the
- *  caller,
- *     who releases it with free(). A text that is handed in is copied.
+ \*     caller, who releases it with free(). A text that is handed in is copied.
  *  4. Handles come from a `_create` function, from a function that says so, or with a callback;
- *  they
- *     belong to the application, which releases each with the `_destroy` function of its kind. A
+ \*     they belong to the application, which releases each with the `_destroy` function of its kind. A
  *     handle is not thread-safe. A handle that was destroyed must not be passed in again.
  *  5. Callbacks run on the thread that runs the application's main loop (the default GLib main
  *     context), with no lock of the library held. They may call any function of this interface,
@@ -41,11 +39,9 @@
  *     exception that leaves a callback is caught and logged.
  *  6. User data is passed back as it is. The library never reads, copies or releases it.
  *  7. Threads. Call velmora_svcmgr_connect and velmora_svcmgr_disconnect on the main-loop thread.
- *  The
- *     other functions may be called on any thread. The library starts no thread and sets no timer.
+ \*     The other functions may be called on any thread. The library starts no thread and sets no timer.
  *  8. Blocking. A function that says "blocks" waits for the agent's answer, however long that
- *  takes.
- *     The others return at once.
+ \*     takes. The others return at once.
  */
 
 #define VELMORA_SVCMGR_VERSION_MAJOR 2
@@ -100,7 +96,7 @@ typedef enum {
   SVCMGR_ERROR_AGENT_CODE_3 = -1073741831 /* 0xBFFFFFF9 */
 } velmora_svcmgr_error_e;
 
-/* ---- Connection ------------------------------------------------------------------------------- */
+/* ---- Connection --------------------------------------------------------------------------- */
 
 /** What has become of the connection. */
 typedef enum {
@@ -162,7 +158,7 @@ int velmora_svcmgr_connect(velmora_svcmgr_connection_cb callback, void* user_dat
  */
 int velmora_svcmgr_disconnect(void);
 
-/* ---- The agent -------------------------------------------------------------------------------- */
+/* ---- The agent ---------------------------------------------------------------------------- */
 
 /**
  * Asks the agent for its licence text. Blocks.
@@ -194,7 +190,7 @@ int velmora_svcmgr_get_license_fulltext(char** text);
  */
 int velmora_svcmgr_get_agent_api_level(int* level);
 
-/* ---- AI models: one model --------------------------------------------------------------------- */
+/* ---- AI models: one model ----------------------------------------------------------------- */
 
 /**
  * One AI model: four texts, each absent until it is set.
@@ -266,7 +262,7 @@ int velmora_svcmgr_ai_model_info_set_title(velmora_svcmgr_ai_model_info_h info, 
 int velmora_svcmgr_ai_model_info_set_description(velmora_svcmgr_ai_model_info_h info,
                                                  const char* text);
 
-/* ---- AI models: lists ------------------------------------------------------------------------- */
+/* ---- AI models: lists --------------------------------------------------------------------- */
 
 /** A list of models, in the order in which they were added. It owns its models. */
 typedef struct velmora_svcmgr_ai_model_list_s* velmora_svcmgr_ai_model_list_h;
@@ -333,7 +329,7 @@ int velmora_svcmgr_ai_model_list_get(velmora_svcmgr_ai_model_list_h list, int in
  */
 int velmora_svcmgr_ai_model_list_get_size(velmora_svcmgr_ai_model_list_h list, int* size);
 
-/* ---- AI models: queries ----------------------------------------------------------------------- */
+/* ---- AI models: queries ------------------------------------------------------------------- */
 
 /**
  * Receives the agent's answer to one of the queries below.
