@@ -28,10 +28,10 @@
  *     running out.
  *  2. Outputs are written on success only. After a failure they hold what they held before.
  *  3. Texts are NUL-terminated. A text that a function hands out is a copy that belongs to the
- \*     caller, who releases it with free(). A text that is handed in is copied.
+ *     caller, who releases it with free(). A text that is handed in is copied.
  *  4. Handles come from a `_create` function, from a function that says so, or with a callback;
- \*     they belong to the application, which releases each with the `_destroy` function of its kind. A
- *     handle is not thread-safe. A handle that was destroyed must not be passed in again.
+ *     they belong to the application, which releases each with the `_destroy` function of its
+ *     kind. A handle is not thread-safe. A handle that was destroyed must not be passed in again.
  *  5. Callbacks run on the thread that runs the application's main loop (the default GLib main
  *     context), with no lock of the library held. They may call any function of this interface,
  *     velmora_svcmgr_disconnect and velmora_svcmgr_connect included. After
@@ -39,9 +39,10 @@
  *     exception that leaves a callback is caught and logged.
  *  6. User data is passed back as it is. The library never reads, copies or releases it.
  *  7. Threads. Call velmora_svcmgr_connect and velmora_svcmgr_disconnect on the main-loop thread.
- \*     The other functions may be called on any thread. The library starts no thread and sets no timer.
+ *     The other functions may be called on any thread. The library starts no thread and sets no
+ *     timer.
  *  8. Blocking. A function that says "blocks" waits for the agent's answer, however long that
- \*     takes. The others return at once.
+ *     takes. The others return at once.
  */
 
 #define VELMORA_SVCMGR_VERSION_MAJOR 2
