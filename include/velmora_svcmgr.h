@@ -220,8 +220,7 @@ int velmora_svcmgr_ai_model_info_create(velmora_svcmgr_ai_model_info_h* info);
  *
  * @return SVCMGR_ERROR_NONE
  * @return SVCMGR_ERROR_INVALID_PARAMETER  info is null
- * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION; the model is not released
- * then
+ * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION; the model is kept then
  */
 int velmora_svcmgr_ai_model_info_destroy(velmora_svcmgr_ai_model_info_h info);
 
@@ -364,9 +363,8 @@ typedef void (*velmora_svcmgr_ai_model_list_cb)(int error, velmora_svcmgr_ai_mod
  * @return SVCMGR_ERROR_INVALID_PARAMETER          callback is null
  * @return SVCMGR_ERROR_NOT_CONNECTED              no connection was started
  * @return SVCMGR_ERROR_INVALID_OPERATION          the request could not be sent, for example
- * because
- *                                                 the connection does not stand yet; or the
- *                                                 application's own ID or version cannot be read
+ *                                                 because the connection does not stand yet; or
+ *                                                 the application's own ID or version is unknown
  * @return SVCMGR_ERROR_NOT_SUPPORTED
  */
 int velmora_svcmgr_ai_request_usable_model_list(velmora_svcmgr_ai_model_list_cb callback,
