@@ -1,0 +1,253 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+#ifndef SVCMGR_FAKE_PLATFORM_INTERNAL_H
+#define SVCMGR_FAKE_PLATFORM_INTERNAL_H
+
+#include <cstddef>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "fake_platform.h"
+
+namespace fake::internal {
+
+/**
+ * Entered wherever the fake works on its own state: holds the state's lock, hides from
+ * ThreadSanitizer, and keeps the fake's own allocations out of the ledger. Never held while a hook
+ * or a callback runs.
+ */
+class Guard {
+ public:
+  Guard();
+  ~Guard();
+  Guard(const Guard&) = delete;
+  Guard& operator=(const Guard&) = delete;
+};
+
+/** Whether this thread is inside a Guard. */
+bool InsideFake();
+
+/** A thing behind a handle. Destroyed objects stay as tombstones, so that later uses are seen. */
+struct Object {
+  Object() = default;
+  Object(const Object&) = delete;
+  Object& operator=(const Object&) = delete;
+  virtual ~Object() = default;
+
+  Kind kind = Kind::kParcel;
+  int number = 0;
+  bool alive = true;
+};
+
+struct Parcel : Object {
+  Items items;
+  bool untyped = false;
+  std::string bytes;  // content of an untyped parcel
+  std::size_t position = 0;
+};
+
+struct Message {
+  Items items;
+  bool untyped = false;
+  std::string bytes;
+};
+
+struct ProxyObject;
+
+struct Port {
+  ProxyObject* proxy = nullptr;
+  rpc_port_port_type_e type = RPC_PORT_PORT_MAIN;
+};
+
+template <typename Callback>
+struct Registered {
+  Callback callback;
+  void* data;
+};
+
+struct ProxyObject : Object {
+  std::string target;
+  std::string port_name;
+  bool connected = false;
+  Port main;
+  Port callback;
+  std::deque<Message> messages;  // on the callback port
+  std::vector<Registered<rpc_port_proxy_connected_event_cb>> connected_callbacks;
+  std::vector<Registered<rpc_port_proxy_disconnected_event_cb>> disconnected_callbacks;
+  std::vector<Registered<rpc_port_proxy_rejected_event_cb>> rejected_callbacks;
+  std::vector<Registered<rpc_port_proxy_received_event_cb>> received_callbacks;
+};
+
+struct Script {
+  std::map<int, Step> at;
+  std::deque<Step> next;
+  std::vector<Step> always;  // empty or one
+  int calls = 0;
+};
+
+struct State {
+  std::recursive_mutex mutex;
+  bool recording = true;
+  std::vector<Call> calls;
+  std::vector<LogRecord> logs;
+  std::vector<std::string> trace;
+  std::vector<std::string> faults;
+  std::vector<Sent> sent;
+  std::map<std::string, Script> scripts;
+  std::function<void(const LogRecord&)> on_log;
+  std::function<void(const Sent&)> on_send;
+
+  std::unordered_map<const void*, std::unique_ptr<Object>> objects;
+  std::unordered_map<const void*, Port*> ports;
+  std::map<Kind, int> made;
+  std::map<Kind, int> live;
+  std::map<Kind, int> allowed;
+  std::vector<ProxyObject*> proxies;
+  std::vector<event_handler*> handlers;
+  std::deque<Message> main_messages;
+
+  Application application;
+  std::vector<Package> packages;
+
+  std::size_t kept = 0;
+  std::vector<std::string> kept_texts;
+};
+
+/** Lives for ever: the library may call the platform from destructors that run at exit. */
+State& state();
+
+const char* KindName(Kind kind);
+
+/** Records a call and says what it has to do. */
+Step Begin(const char* function, const std::string& arguments);
+/** As Begin, for functions that the record leaves out. */
+Step BeginUnrecorded(const char* function);
+
+/** Puts an object under the care of the state and numbers it. */
+template <typename T>
+T* Adopt(Kind kind) {
+  const Guard guard;
+  auto object = std::make_unique<T>();
+  T* const raw = object.get();
+  raw->kind = kind;
+  raw->number = ++state().made[kind];
+  ++state().live[kind];
+  state().objects[static_cast<void*>(raw)] = std::move(object);
+  return raw;
+}
+
+/** The live object behind a handle; null, and a fault, if there is none of that kind. */
+Object* FindObject(const char* function, const void* handle, Kind kind);
+
+template <typename T>
+T* Find(const char* function, const void* handle, Kind kind) {
+  return static_cast<T*>(FindObject(function, handle, kind));
+}
+
+/** Ends an object; a fault if it is unknown or gone already. */
+Object* Destroy(const char* function, const void* handle, Kind kind);
+
+/** "parcel#3" for the record. */
+std::string Name(const void* handle);
+/** A text in quotes, or null. */
+std::string Quote(const char* text);
+
+/** A pointer that no one may follow or release. */
+void* PoisonPointer();
+/** A malloc'd copy in the ledger, which the caller of the platform releases. */
+char* HandOut(const char* function, const std::string& text);
+
+template <typename T>
+void Spoil(T** out) {
+  *out = static_cast<T*>(PoisonPointer());
+}
+inline void Spoil(void** out) { *out = PoisonPointer(); }
+inline void Spoil(int* out) { *out = kGarbageInt; }
+inline void Spoil(bool* out) { *out = true; }
+
+/** Stands for the output of functions that have none. */
+struct NoOutput {};
+inline void Spoil(NoOutput*) {}
+
+inline void PutText(const char* function, const std::string& text, char** out) {
+  *out = HandOut(function, text);
+}
+template <typename T>
+void PutText(const char* function, const std::string&, T*) {
+  Fault(std::string(function) + " has no text output to script");
+}
+
+/** Carries one step out; `work` does what the function is for and returns its result. */
+template <typename Out, typename Work>
+int Perform(const char* function, const Step& step, Out* out, Work work) {
+  if (step.entering) step.entering();
+  int result = step.result;
+  switch (step.shape) {
+    case Step::Shape::kWork: {
+      const int worked = work();
+      if (result == 0) result = worked;
+      break;
+    }
+    case Step::Shape::kUntouched:
+      break;
+    case Step::Shape::kGarbage:
+      if (out != nullptr) Spoil(out);
+      break;
+    case Step::Shape::kNull:
+      if (out != nullptr) *out = Out{};
+      break;
+    case Step::Shape::kText:
+      if (out != nullptr) PutText(function, step.text, out);
+      break;
+  }
+  if (step.leaving) step.leaving();
+  return result;
+}
+
+template <typename Work>
+int Perform(const char* function, const Step& step, Work work) {
+  return Perform(function, step, static_cast<NoOutput*>(nullptr), work);
+}
+
+/** Runs a callback of the library; what escapes from it is a fault. */
+void Shielded(const char* what, const std::function<void()>& callback);
+
+/* The ledger of blocks (ledger.cc). */
+void ResetLedger();
+void ReleaseLiveBlocks();
+bool IsPoison(const void* pointer);
+
+}  // namespace fake::internal
+
+struct _bundle_t : fake::internal::Object {
+  struct Value {
+    enum class Type { kStr, kByte, kStrArray } type = Type::kStr;
+    std::string text;
+    std::unique_ptr<unsigned char[]> bytes;  // one byte before the value, so that it is misaligned
+    std::size_t size = 0;
+    std::vector<std::string> texts;
+    std::vector<const char*> pointers;
+  };
+  std::map<std::string, Value> values;
+};
+
+struct event_handler : fake::internal::Object {
+  std::string name;
+  event_cb callback = nullptr;
+  void* data = nullptr;
+};
+
+struct package_info_s : fake::internal::Object {
+  fake::Package package;
+  bool borrowed = false;
+};
+
+struct app_info_s : fake::internal::Object {
+  fake::Package package;
+};
+
+#endif  // SVCMGR_FAKE_PLATFORM_INTERNAL_H
