@@ -43,7 +43,7 @@ int velmora_svcmgr_ai_model_list_add(velmora_svcmgr_ai_model_list_h list,
   RETURN_IF_NULL(info, "Invalid parameter!!");
   svcmgr::OwnedModelInfo copy = svcmgr::CopyModelInfo(info);
   list->models.push_back(copy.get());
-  copy.release();
+  static_cast<void>(copy.release());  // the list's from here on
   return SVCMGR_ERROR_NONE;
 }
 RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
