@@ -235,7 +235,9 @@ std::string Quote(const char* text) {
   return '"' + std::string(text) + '"';
 }
 
-void Shielded(const char* what, const std::function<void()>& callback) {
+// UndefinedBehaviorSanitizer is told that the forced unwind of a thread has no object.
+__attribute__((no_sanitize("null"))) void Shielded(const char* what,
+                                                   const std::function<void()>& callback) {
   try {
     callback();
   } catch (abi::__forced_unwind&) {

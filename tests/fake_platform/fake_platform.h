@@ -385,6 +385,12 @@ void ExpectKept(std::size_t n);
 /** Announces one block more that is left on purpose, by its content; told apart in the verdict. */
 void ExpectKeptText(const std::string& text);
 
+/**
+ * Whether operator new can be tracked and made to fail: not under clang's sanitizers, which bring
+ * their own. Tests that need it skip themselves then.
+ */
+bool SeesOperatorNew();
+
 /** Tracks blocks of operator new made by this thread during its life, as if malloc had made them.
  */
 class NewTracking {

@@ -22,6 +22,11 @@
 #define SVCMGR_FAKE_SANITIZED 1
 #endif
 
+// The sanitizers of clang bring an operator new that cannot be replaced.
+#if !(defined(__clang__) && defined(SVCMGR_FAKE_SANITIZED))
+#define SVCMGR_FAKE_REPLACES_NEW 1
+#endif
+
 extern "C" {
 void* __real_malloc(std::size_t size);
 void* __real_calloc(std::size_t count, std::size_t size);
@@ -120,13 +125,13 @@ void Discard(void* block, std::size_t size) {
 #endif
 }
 
-void EnterNew(void* block, std::size_t size) {
+[[maybe_unused]] void EnterNew(void* block, std::size_t size) {
   if (internal::InsideFake()) return;
   Enter(block, size, kNewOrigin);
   tracked_news.fetch_add(1, std::memory_order_relaxed);
 }
 
-void LeaveNew(void* block) {
+[[maybe_unused]] void LeaveNew(void* block) {
   if (internal::InsideFake() || tracked_news.load(std::memory_order_relaxed) == 0) return;
   const Guard guard;
   if (ledger().live.erase(block) > 0) tracked_news.fetch_sub(1, std::memory_order_relaxed);
@@ -203,6 +208,14 @@ std::vector<Block> LiveBlocks() {
   return blocks;
 }
 
+bool SeesOperatorNew() {
+#ifdef SVCMGR_FAKE_REPLACES_NEW
+  return true;
+#else
+  return false;
+#endif
+}
+
 NewTracking::NewTracking() { ++new_tracking; }
 NewTracking::~NewTracking() { --new_tracking; }
 
@@ -265,6 +278,7 @@ void __wrap_free(void* block) {
   }
 }
 
+#ifdef SVCMGR_FAKE_REPLACES_NEW
 /*
  * The global operator new and delete. They hand on to the next definition, so that a sanitizer
  * still sees blocks of new and blocks of malloc apart.
@@ -303,3 +317,4 @@ void operator delete(void* block) noexcept {
 }
 
 void operator delete(void* block, std::size_t) noexcept { ::operator delete(block); }
+#endif  // SVCMGR_FAKE_REPLACES_NEW
