@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef RPC_PORT_HANDLES_H_
+#define RPC_PORT_HANDLES_H_
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+
+namespace rpc_port_desktop {
+
+// Numbers are never given twice, not even to objects of different types.
+inline std::atomic<uintptr_t> last_handle{0};
+
+// The handles of one type of object. A handle is a number, not an address: one that has outlived
+// its object, or belongs to another type, is recognised, and touches no memory.
+template <typename Object>
+class Handles {
+ public:
+  // Lives until the process ends, because destructors that run at exit may still pass handles.
+  static Handles& Get() {
+    static auto* const handles = new Handles;
+    return *handles;
+  }
+
+  void* Add(std::shared_ptr<Object> object) {
+    const uintptr_t handle = ++last_handle;
+    std::lock_guard<std::mutex> lock(mutex_);
+    objects_.emplace(handle, std::move(object));
+    return reinterpret_cast<void*>(handle);
+  }
+
+  // Null if the handle is not, or no longer, one of these.
+  std::shared_ptr<Object> Find(void* handle) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = objects_.find(reinterpret_cast<uintptr_t>(handle));
+    return found == objects_.end() ? nullptr : found->second;
+  }
+
+  // Makes the handle invalid; null if it was.
+  std::shared_ptr<Object> Remove(void* handle) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = objects_.find(reinterpret_cast<uintptr_t>(handle));
+    if (found == objects_.end()) return nullptr;
+    std::shared_ptr<Object> object = std::move(found->second);
+    objects_.erase(found);
+    return object;
+  }
+
+ private:
+  std::mutex mutex_;  // guards the objects
+  std::unordered_map<uintptr_t, std::shared_ptr<Object>> objects_;
+};
+
+}  // namespace rpc_port_desktop
+
+#endif  // RPC_PORT_HANDLES_H_

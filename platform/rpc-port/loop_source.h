@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef RPC_PORT_LOOP_SOURCE_H_
+#define RPC_PORT_LOOP_SOURCE_H_
+
+#include <glib.h>
+
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace rpc_port_desktop {
+
+// A source of the default main context that watches several descriptors. It may be dispatched
+// inside its own dispatch, by a nested main loop: that spares the main loop the re-arming of its
+// poll set around each dispatch, and leaves it to the handler to decide what a nested loop
+// delivers.
+//
+// Thread-safe; the handler is called on the thread that runs the context.
+class LoopSource {
+ public:
+  class Handler {
+   public:
+    virtual ~Handler() = default;
+    // Whether there is work that no descriptor shows.
+    virtual bool HasWork() { return false; }
+    virtual void Dispatch() = 0;
+  };
+
+  LoopSource();
+  ~LoopSource();
+  LoopSource(const LoopSource&) = delete;
+  LoopSource& operator=(const LoopSource&) = delete;
+
+  // Starts to call the handler, which is kept alive during its calls, not between them.
+  void Attach(std::weak_ptr<Handler> handler);
+  // Ends all calls that have not begun yet; the descriptors may be closed now.
+  void Destroy();
+
+  // Watches for `events`; a hang-up is always watched for, unless Unwatch is called.
+  void Watch(int fd, GIOCondition events);
+  void WatchWritable(int fd, bool wanted);
+  void Unwatch(int fd);
+  // What the descriptor showed when this dispatch began; 0 if it is not watched.
+  GIOCondition Events(int fd);
+
+  // Stops and restarts watching; events that are set meanwhile count from the restart on.
+  void Pause(int fd);
+  void Resume(int fd);
+
+  // Calls the handler at this time of the monotonic clock, in microseconds; never if negative.
+  void SetDeadline(gint64 time);
+
+ private:
+  struct Watched {
+    int fd;
+    GIOCondition events;
+    gpointer tag;  // null while paused
+  };
+
+  std::vector<Watched>::iterator Find(int fd);
+
+  GSource* const source_;
+  std::mutex mutex_;  // guards the rest
+  std::vector<Watched> watched_;
+  bool destroyed_ = false;
+};
+
+}  // namespace rpc_port_desktop
+
+#endif  // RPC_PORT_LOOP_SOURCE_H_

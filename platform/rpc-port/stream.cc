@@ -1,0 +1,227 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "stream.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "codes.h"
+
+namespace rpc_port_desktop {
+namespace {
+
+constexpr size_t kReadAhead = size_t{32} << 10;
+// From here on handing over the whole buffer is cheaper than copying the message out of it.
+constexpr size_t kHandOver = size_t{4} << 10;
+
+void WaitFor(int fd, short events) {
+  pollfd wait = {fd, events, 0};
+  // A signal only makes the caller look once more.
+  (void)poll(&wait, 1, -1);
+}
+
+// The number of bytes that the peer took; -1 if it is gone.
+ssize_t SendOnce(int fd, const uint8_t* bytes, size_t size) {
+  for (;;) {
+    const ssize_t sent = send(fd, bytes, size, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent >= 0) return sent;
+    if (errno == EAGAIN) return 0;
+    if (errno != EINTR) return -1;
+  }
+}
+
+}  // namespace
+
+Stream::Stream(UniqueFd socket, size_t max_content)
+    : socket_(std::move(socket)), max_content_(max_content) {}
+
+// Needs read_mutex_, as do the next two.
+bool Stream::FrontIsWhole() {
+  const size_t held = in_end_ - in_begin_;
+  if (held < kPrefixSize) return false;
+  // Unsigned, so that a negative length is merely one of those that exceed the limit.
+  const size_t content = LoadLe32(in_.data() + in_begin_);
+  if (content > max_content_) {
+    ended_ = true;
+    Consume(held);
+    return false;
+  }
+  return held - kPrefixSize >= content;
+}
+
+// Makes room behind what is held: at least for the rest of the message at the front, whose buffer
+// then holds it and nothing else if it is a large one.
+size_t Stream::RoomToRead() {
+  if (FrontIsWhole()) return in_.capacity() - in_end_;
+  const size_t held = in_end_ - in_begin_;
+  size_t message = kPrefixSize;
+  if (held >= kPrefixSize) message += LoadLe32(in_.data() + in_begin_);
+  if (in_begin_ > 0 && message > in_.capacity() - in_begin_) {
+    std::memmove(in_.data(), in_.data() + in_begin_, held);
+    in_begin_ = 0;
+    in_end_ = held;
+  }
+  if (in_begin_ + message > in_.capacity() && !in_.Resize(std::max(message, kReadAhead))) return 0;
+  return in_.capacity() - in_end_;
+}
+
+void Stream::Consume(size_t size) {
+  in_begin_ += size;
+  if (in_begin_ < in_end_) return;
+  in_begin_ = in_end_ = 0;
+  if (in_.capacity() > kReadAhead) in_.Reset();
+}
+
+void Stream::Fill() {
+  std::lock_guard<std::mutex> lock(read_mutex_);
+  if (ended_) return;
+  const size_t room = RoomToRead();
+  if (ended_) return;
+  if (room == 0) {
+    // Full of whole messages that nobody has taken yet; or memory is short, which cannot be mended.
+    ended_ = !FrontIsWhole();
+    return;
+  }
+  ssize_t got;
+  do {
+    got = recv(fd(), in_.data() + in_end_, room, MSG_DONTWAIT);
+  } while (got < 0 && errno == EINTR);
+  if (got > 0) {
+    in_end_ += static_cast<size_t>(got);
+  } else if (got == 0 || errno != EAGAIN) {
+    ended_ = true;
+  }
+}
+
+std::optional<uint64_t> Stream::Front() {
+  std::lock_guard<std::mutex> lock(read_mutex_);
+  if (!FrontIsWhole()) return std::nullopt;
+  return taken_;
+}
+
+bool Stream::Take(Parcel* parcel) {
+  std::lock_guard<std::mutex> lock(read_mutex_);
+  if (!FrontIsWhole()) return false;
+  const uint8_t* front = in_.data() + in_begin_;
+  const size_t content = LoadLe32(front);
+  const size_t message = kPrefixSize + content;
+  if (message >= kHandOver && in_begin_ == 0 && in_end_ == message) {
+    parcel->Adopt(std::move(in_), message);
+    in_begin_ = in_end_ = 0;
+  } else {
+    if (!parcel->Assign(front + kPrefixSize, content)) throw std::bad_alloc();
+    Consume(message);
+  }
+  ++taken_;
+  return true;
+}
+
+void Stream::Discard(uint64_t number) {
+  std::lock_guard<std::mutex> lock(read_mutex_);
+  if (taken_ != number || !FrontIsWhole()) return;
+  Consume(kPrefixSize + LoadLe32(in_.data() + in_begin_));
+  ++taken_;
+}
+
+int Stream::Receive(Parcel* parcel) {
+  for (;;) {
+    if (closed_) return kIoError;
+    if (Take(parcel)) return kOk;
+    if (ended()) return kIoError;
+    WaitFor(fd(), POLLIN);
+    Fill();
+  }
+}
+
+bool Stream::ended() {
+  std::lock_guard<std::mutex> lock(read_mutex_);
+  return ended_;
+}
+
+void Stream::set_max_content(size_t max_content) {
+  std::lock_guard<std::mutex> lock(read_mutex_);
+  max_content_ = max_content;
+}
+
+void Stream::QueueWrites(std::shared_ptr<LoopSource> source) {
+  std::lock_guard<std::mutex> lock(write_mutex_);
+  write_source_ = std::move(source);
+}
+
+int Stream::Send(const void* bytes, size_t size) {
+  std::lock_guard<std::mutex> lock(write_mutex_);
+  const auto* begin = static_cast<const uint8_t*>(bytes);
+  return write_source_ ? SendOrQueue(begin, size) : SendAll(begin, size);
+}
+
+// Needs write_mutex_, as do the next two.
+int Stream::SendAll(const uint8_t* bytes, size_t size) {
+  for (;;) {
+    if (closed_) return kIoError;
+    const ssize_t sent = SendOnce(fd(), bytes, size);
+    if (sent < 0) return kIoError;
+    bytes += sent;
+    size -= static_cast<size_t>(sent);
+    if (size == 0) return kOk;
+    WaitFor(fd(), POLLOUT);
+  }
+}
+
+int Stream::SendOrQueue(const uint8_t* bytes, size_t size) {
+  if (closed_) return kIoError;
+  if (out_begin_ == out_end_) {
+    const ssize_t sent = SendOnce(fd(), bytes, size);
+    if (sent < 0) return kIoError;
+    bytes += sent;
+    size -= static_cast<size_t>(sent);
+    if (size == 0) return kOk;
+  }
+  if (!Enqueue(bytes, size)) {
+    // Half a message may have gone out already: nothing sensible can follow it.
+    Close();
+    return kIoError;
+  }
+  write_source_->WatchWritable(fd(), true);
+  return kOk;
+}
+
+bool Stream::Enqueue(const uint8_t* bytes, size_t size) {
+  const size_t queued = out_end_ - out_begin_;
+  if (size > kMaxQueued - queued) return false;
+  if (size > out_.capacity() - out_end_) {
+    if (queued != 0) std::memmove(out_.data(), out_.data() + out_begin_, queued);
+    out_begin_ = 0;
+    out_end_ = queued;
+    // Twice what is needed: many small messages are then moved a few times, not once each.
+    const size_t wanted = (queued + size) * 2;
+    if (out_.capacity() < wanted && !out_.Resize(wanted)) return false;
+  }
+  std::memcpy(out_.data() + out_end_, bytes, size);
+  out_end_ += size;
+  return true;
+}
+
+void Stream::Flush() {
+  std::lock_guard<std::mutex> lock(write_mutex_);
+  if (out_begin_ < out_end_) {
+    const ssize_t sent = SendOnce(fd(), out_.data() + out_begin_, out_end_ - out_begin_);
+    // Nobody will take the rest of it; the reading side learns of the end by itself.
+    out_begin_ = sent < 0 ? out_end_ : out_begin_ + static_cast<size_t>(sent);
+  }
+  if (out_begin_ < out_end_) return;
+  out_begin_ = out_end_ = 0;
+  out_.Reset();
+  if (write_source_) write_source_->WatchWritable(fd(), false);
+}
+
+void Stream::ShutDown() { (void)shutdown(fd(), SHUT_RDWR); }
+
+void Stream::Close() {
+  closed_ = true;
+  ShutDown();
+}
+
+}  // namespace rpc_port_desktop

@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef RPC_PORT_STREAM_H_
+#define RPC_PORT_STREAM_H_
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+#include "byte_buffer.h"
+#include "loop_source.h"
+#include "parcel.h"
+#include "unique_fd.h"
+
+namespace rpc_port_desktop {
+
+// One end of a stream of messages: a non-blocking socket with a read-ahead buffer and, on the
+// server's side, a queue of what the peer has not taken yet.
+//
+// Thread-safe. No lock is held while a reader waits, so that the main loop never waits for a thread
+// that is blocked on the same stream.
+class Stream {
+ public:
+  // A peer that announces more than `max_content` bytes ends the stream.
+  Stream(UniqueFd socket, size_t max_content);
+
+  int fd() const { return socket_.get(); }
+
+  // --- Reading
+
+  // Reads once what has arrived; never blocks.
+  void Fill();
+  // The number of the message at the front; none if no whole message is buffered. Messages are
+  // numbered in the order in which they arrive.
+  std::optional<uint64_t> Front();
+  // Moves the message at the front into the parcel; false if none is whole.
+  bool Take(Parcel* parcel);
+  // Drops the message with this number, if it is still at the front.
+  void Discard(uint64_t number);
+  // Blocks for one whole message. Fails when the peer is gone and when the stream is closed.
+  int Receive(Parcel* parcel);
+  // The peer is gone or has broken the rules: nothing will arrive behind what is buffered.
+  bool ended();
+  void set_max_content(size_t max_content);
+
+  // --- Writing
+
+  // From now on a send never blocks: what the peer does not take at once is queued, and `source`
+  // watches for it to take more. A peer that lets more than kMaxQueued bytes pile up is cut off.
+  static constexpr size_t kMaxQueued = size_t{64} << 20;
+  void QueueWrites(std::shared_ptr<LoopSource> source);
+  // Writes all of it, in one call to the kernel if the peer has room.
+  int Send(const void* bytes, size_t size);
+  // Writes what is queued, as far as the peer takes it.
+  void Flush();
+
+  // --- Ending
+
+  // Ends the transport in both directions. What is buffered can still be read.
+  void ShutDown();
+  // Ends the stream for everybody: blocked readers and writers wake up and fail. The descriptor
+  // lives on until the last of them has let go of the stream.
+  void Close();
+
+ private:
+  bool FrontIsWhole();
+  size_t RoomToRead();
+  void Consume(size_t size);
+  int SendAll(const uint8_t* bytes, size_t size);
+  int SendOrQueue(const uint8_t* bytes, size_t size);
+  bool Enqueue(const uint8_t* bytes, size_t size);
+
+  const UniqueFd socket_;
+  std::atomic<bool> closed_{false};
+
+  std::mutex read_mutex_;  // guards the next six
+  size_t max_content_;
+  ByteBuffer in_;
+  size_t in_begin_ = 0;
+  size_t in_end_ = 0;
+  uint64_t taken_ = 0;
+  bool ended_ = false;
+
+  std::mutex write_mutex_;  // keeps messages whole, and guards the next four
+  std::shared_ptr<LoopSource> write_source_;
+  ByteBuffer out_;
+  size_t out_begin_ = 0;
+  size_t out_end_ = 0;
+};
+
+}  // namespace rpc_port_desktop
+
+#endif  // RPC_PORT_STREAM_H_

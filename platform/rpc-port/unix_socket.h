@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef RPC_PORT_UNIX_SOCKET_H_
+#define RPC_PORT_UNIX_SOCKET_H_
+
+#include <string>
+
+#include "unique_fd.h"
+
+namespace rpc_port_desktop {
+
+// The peer runs as the same user as this process.
+bool PeerIsOwnUser(int socket);
+
+// Connects to the socket `name` of the folder without waiting. -5 if nobody listens there or the
+// listener is hopelessly behind, -13 if it is not this user's.
+int ConnectTo(int folder, const std::string& name, UniqueFd* connected);
+
+// A listening socket in a folder, which it leaves when it is destroyed.
+//
+// A lock beside the socket tells a living server from a dead one: the system gives it back however
+// the server ends, and whoever holds it may replace the socket.
+class ServerSocket {
+ public:
+  ~ServerSocket();
+
+  // -5 if a living server listens there already.
+  int Listen(UniqueFd folder, const std::string& name);
+  int fd() const { return socket_.get(); }
+
+ private:
+  bool TakeLock();
+
+  UniqueFd folder_;
+  std::string name_;
+  UniqueFd lock_;
+  UniqueFd socket_;
+};
+
+}  // namespace rpc_port_desktop
+
+#endif  // RPC_PORT_UNIX_SOCKET_H_

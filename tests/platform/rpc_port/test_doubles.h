@@ -1,0 +1,15 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef TESTS_PLATFORM_RPC_PORT_TEST_DOUBLES_H_
+#define TESTS_PLATFORM_RPC_PORT_TEST_DOUBLES_H_
+
+#include <string>
+
+// What this process is when nothing else is said.
+constexpr char kOwnAppId[] = "org.example.self";
+
+// What the installed packages say about the next client, and about whom they have been asked last.
+extern int check_client_result;
+extern std::string checked_server;
+extern std::string checked_client;
+
+#endif  // TESTS_PLATFORM_RPC_PORT_TEST_DOUBLES_H_
