@@ -1,1 +1,335 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "dlog.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <stdarg.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/types.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <exception>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace {
+
+constexpr size_t kLongestMessage = 64 * 1024;
+constexpr size_t kLongestTag = 256;
+constexpr char kCutMark[] = " [cut]";
+constexpr size_t kBufferSize = 64 * 1024;
+constexpr int64_t kOldestBufferedMs = 200;
+constexpr char kLetters[] = "??VDIWEFS";
+
+// Records below it are dropped; unset until the first record has read the environment.
+constexpr int kUnset = -1;
+std::atomic<int> threshold{kUnset};
+
+struct Sink {
+  int fd = STDERR_FILENO;
+  bool is_file = false;
+  bool keeps_colour = false;
+};
+
+// Both are settled before the threshold is, and read without a lock.
+Sink sink;
+pid_t pid = 0;
+
+// Guards the records that wait for a write to the file.
+pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+char buffer[kBufferSize];
+size_t buffered = 0;
+int64_t oldest_buffered_ms = 0;
+bool exiting = false;
+
+class Lock {
+ public:
+  Lock() { pthread_mutex_lock(&mutex); }
+  ~Lock() { pthread_mutex_unlock(&mutex); }
+  Lock(const Lock&) = delete;
+  Lock& operator=(const Lock&) = delete;
+};
+
+// Logging leaves errno alone, so that it may stand between a failure and its handling.
+class ErrnoKeeper {
+ public:
+  ~ErrnoKeeper() { errno = saved_; }
+  int saved() const { return saved_; }
+
+ private:
+  const int saved_ = errno;
+};
+
+int64_t CoarseMs() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+int WriteAll(int fd, const char* data, size_t size) {
+  constexpr int kPatienceMs = 100;
+  while (size > 0) {
+    const ssize_t written = write(fd, data, size);
+    if (written >= 0) {
+      data += written;
+      size -= static_cast<size_t>(written);
+      continue;
+    }
+    if (errno == EINTR) continue;
+    pollfd writable = {fd, POLLOUT, 0};
+    if (errno != EAGAIN || poll(&writable, 1, kPatienceMs) <= 0) return -EIO;
+  }
+  return 0;
+}
+
+int Flush() {
+  const size_t size = buffered;
+  buffered = 0;
+  return WriteAll(sink.fd, buffer, size);
+}
+
+int WriteBuffered(log_priority prio, std::string_view record) {
+  Lock lock;
+  const int64_t now = CoarseMs();
+  const bool old = buffered > 0 && now - oldest_buffered_ms >= kOldestBufferedMs;
+  int result = 0;
+  if (buffered + record.size() > kBufferSize) result = Flush();
+  if (record.size() > kBufferSize) return WriteAll(sink.fd, record.data(), record.size());
+  if (buffered == 0) oldest_buffered_ms = now;
+  memcpy(buffer + buffered, record.data(), record.size());
+  buffered += record.size();
+  if (prio >= DLOG_ERROR || old || exiting) result = Flush();
+  return result;
+}
+
+int ThresholdFromEnvironment() {
+  static constexpr struct {
+    const char* name;
+    int level;
+  } kLevels[] = {
+      {"verbose", DLOG_VERBOSE}, {"debug", DLOG_DEBUG}, {"info", DLOG_INFO},
+      {"warn", DLOG_WARN},       {"error", DLOG_ERROR}, {"fatal", DLOG_FATAL},
+      {"silent", DLOG_SILENT},
+  };
+  const char* name = getenv("VELMORA_LOG_LEVEL");
+  for (const auto& level : kLevels) {
+    if (name && strcmp(name, level.name) == 0) return level.level;
+  }
+  return DLOG_WARN;
+}
+
+void OpenSink() {
+  const char* path = getenv("VELMORA_LOG_FILE");
+  if (path && *path) {
+    const int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0644);
+    if (fd >= 0) sink = {fd, true, false};
+  }
+  const char* no_colour = getenv("NO_COLOR");
+  sink.keeps_colour = !(no_colour && *no_colour) && isatty(sink.fd);
+}
+
+void LockForFork() { pthread_mutex_lock(&mutex); }
+void UnlockInParent() { pthread_mutex_unlock(&mutex); }
+
+// The buffered records are the parent's to write.
+void UnlockInChild() {
+  buffered = 0;
+  pid = getpid();
+  pthread_mutex_unlock(&mutex);
+}
+
+void Initialize() {
+  ErrnoKeeper keeper;
+  Lock lock;
+  if (threshold.load(std::memory_order_relaxed) != kUnset) return;
+  OpenSink();
+  pid = getpid();
+  pthread_atfork(LockForFork, UnlockInParent, UnlockInChild);
+  threshold.store(ThresholdFromEnvironment(), std::memory_order_release);
+}
+
+// Later records, from other libraries' destructors, are written at once.
+__attribute__((destructor)) void FlushAtExit() {
+  Lock lock;
+  if (buffered > 0) Flush();
+  exiting = true;
+}
+
+bool IsFiltered(log_priority prio) {
+  int lowest = threshold.load(std::memory_order_acquire);
+  if (__builtin_expect(lowest == kUnset, 0)) {
+    Initialize();
+    lowest = threshold.load(std::memory_order_acquire);
+  }
+  return prio < lowest;
+}
+
+// Length of the colour sequence (ESC [ digits and semicolons m) that `text` starts with, or 0.
+size_t ColourLength(std::string_view text) {
+  if (text.size() < 3 || text[0] != '\x1b' || text[1] != '[') return 0;
+  const size_t end = text.find_first_not_of("0123456789;", 2);
+  return end != std::string_view::npos && text[end] == 'm' ? end + 1 : 0;
+}
+
+void AppendEscaped(std::string* out, char c) {
+  if (c == '\n') {
+    *out += "\\n";
+    return;
+  }
+  char escaped[8];
+  snprintf(escaped, sizeof escaped, "\\x%02x",
+           static_cast<unsigned>(static_cast<unsigned char>(c)));
+  *out += escaped;
+}
+
+bool IsControl(char c) { return (static_cast<unsigned char>(c) < ' ' && c != '\t') || c == '\x7f'; }
+
+// One record is one line: newlines at the end vanish, also those before the colour's reset, and
+// other control characters become visible.
+void AppendLine(std::string* out, std::string_view text, bool keeps_colour) {
+  size_t newlines = 0;
+  for (size_t i = 0; i < text.size();) {
+    if (const size_t colour = ColourLength(text.substr(i))) {
+      if (keeps_colour) out->append(text, i, colour);
+      i += colour;
+      continue;
+    }
+    const char c = text[i++];
+    if (c == '\n') {
+      ++newlines;
+      continue;
+    }
+    for (; newlines > 0; --newlines) AppendEscaped(out, '\n');
+    if (IsControl(c)) {
+      AppendEscaped(out, c);
+    } else {
+      *out += c;
+    }
+  }
+}
+
+// Calendar date of a day counted from 1970-01-01. The C library's functions take a lock that a
+// child forked from a threaded process may find held.
+void DateOfDay(int64_t day, int* year, int* month, int* day_of_month) {
+  // Counted from 0000-03-01, so that the leap day ends a year, in eras of 400 years.
+  constexpr int64_t kDaysBefore1970 = 719468;
+  constexpr int64_t kDaysPerEra = 146097;
+  const int64_t era = (day + kDaysBefore1970) / kDaysPerEra;
+  const int64_t of_era = (day + kDaysBefore1970) % kDaysPerEra;
+  const int64_t year_of_era =
+      (of_era - of_era / 1460 + of_era / 36524 - of_era / (kDaysPerEra - 1)) / 365;
+  const int64_t of_year = of_era - (365 * year_of_era + year_of_era / 4 - year_of_era / 100);
+  const int64_t from_march = (5 * of_year + 2) / 153;
+  *day_of_month = static_cast<int>(of_year - (153 * from_march + 2) / 5 + 1);
+  *month = static_cast<int>(from_march < 10 ? from_march + 3 : from_march - 9);
+  *year = static_cast<int>(era * 400 + year_of_era + (*month <= 2 ? 1 : 0));
+}
+
+void AppendTime(std::string* out) {
+  // A burst of records shares its second.
+  static thread_local time_t last_second;
+  static thread_local char last_text[48];
+  timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  if (now.tv_sec != last_second || last_text[0] == '\0') {
+    last_second = now.tv_sec;
+    int year, month, day;
+    DateOfDay(now.tv_sec / 86400, &year, &month, &day);
+    const int second = static_cast<int>(now.tv_sec % 86400);
+    snprintf(last_text, sizeof last_text, "%04d-%02d-%02dT%02d:%02d:%02d", year, month, day,
+             second / 3600, second / 60 % 60, second % 60);
+  }
+  const int ms = static_cast<int>(now.tv_nsec / 1000000);
+  const char fraction[] = {'.', static_cast<char>('0' + ms / 100),
+                           static_cast<char>('0' + ms / 10 % 10), static_cast<char>('0' + ms % 10),
+                           'Z'};
+  *out += last_text;
+  out->append(fraction, sizeof fraction);
+}
+
+struct FreeDeleter {
+  void operator()(char* text) const { free(text); }
+};
+
+// The formatted message, in `space` if it fits there.
+class Message {
+ public:
+  int Format(const char* fmt, va_list args) __attribute__((format(printf, 2, 0))) {
+    va_list again;
+    va_copy(again, args);
+    const int error = errno;
+    const int length = vsnprintf(space_, sizeof space_, fmt, args);
+    errno = error;
+    int result = length < 0 ? -EINVAL : 0;
+    size_ = length < 0 ? 0 : static_cast<size_t>(length);
+    if (size_ >= sizeof space_) result = FormatLong(fmt, again);
+    va_end(again);
+    return result;
+  }
+
+  std::string_view text() const { return {heap_ ? heap_.get() : space_, size_}; }
+  bool cut() const { return cut_; }
+
+ private:
+  int FormatLong(const char* fmt, va_list args) __attribute__((format(printf, 2, 0))) {
+    cut_ = size_ > kLongestMessage;
+    if (cut_) size_ = kLongestMessage;
+    heap_.reset(static_cast<char*>(malloc(size_ + 1)));
+    if (!heap_) return -ENOMEM;
+    return vsnprintf(heap_.get(), size_ + 1, fmt, args) < 0 ? -EINVAL : 0;
+  }
+
+  char space_[1024];
+  std::unique_ptr<char, FreeDeleter> heap_;
+  size_t size_ = 0;
+  bool cut_ = false;
+};
+
+int Write(log_priority prio, const char* tag, const Message& message) {
+  std::string record;
+  record.reserve(message.text().size() + 160);
+  AppendTime(&record);
+  const int letter = prio < DLOG_VERBOSE ? DLOG_INFO : prio;
+  record += ' ';
+  record += kLetters[letter];
+  record += ' ';
+  AppendLine(&record, std::string_view(tag, strnlen(tag, kLongestTag)), false);
+
+  record += ' ';
+  record += std::to_string(pid);
+  record += ": ";
+  AppendLine(&record, message.text(), sink.keeps_colour);
+  if (message.cut()) record += kCutMark;
+  record += '\n';
+  // One write puts the whole line out: no lock needed.
+  if (!sink.is_file) return WriteAll(sink.fd, record.data(), record.size());
+  return WriteBuffered(prio, record);
+}
+
+}  // namespace
+
+int dlog_print(log_priority prio, const char* tag, const char* fmt, ...) {
+  if (!tag || !fmt) return -EINVAL;
+  if (prio <= DLOG_UNKNOWN || prio >= DLOG_SILENT) return -EINVAL;
+  if (IsFiltered(prio == DLOG_DEFAULT ? DLOG_INFO : prio)) return 0;
+  ErrnoKeeper keeper;
+  try {
+    Message message;
+    va_list args;
+    va_start(args, fmt);
+    errno = keeper.saved();
+    const int result = message.Format(fmt, args);
+    va_end(args);
+    return result < 0 ? result : Write(prio, tag, message);
+  } catch (const std::exception&) {
+    return -ENOMEM;  // not "...": a cancelled thread unwinds through here
+  }
+}

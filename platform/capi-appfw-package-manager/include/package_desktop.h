@@ -6,8 +6,9 @@
  * What only the desktop has: writing the folder of installed packages, and asking which clients a
  * package admits. Applications never need it; a device has its package manager instead.
  *
- * The folder is $VELMORA_PACKAGE_DIR, else velmora/packages below the user's data folder. It holds one
- * key file for each package, PACKAGE_ID.package:
+ * The folder is $VELMORA_PACKAGE_DIR, else velmora/packages below the user's data folder
+ * ($XDG_DATA_HOME, else ~/.local/share); a process settles it at its first look-up. It need not exist:
+ * there are no packages then. It holds one key file for each package, PACKAGE_ID.package:
  *
  *     [Package]
  *     Version=2.3.182
@@ -17,6 +18,14 @@
  *     [Application com.velmora.notes]
  *     # Each key is one metadata entry of the application.
  *     ai-agent-category=text
+ *
+ * A key file is a regular file of at most 1 MiB. One that is broken is left out, with one record in
+ * the log. A section without an ID or of another name is ignored. Of two packages that have the same
+ * application, the first by ID counts.
+ *
+ * Anybody may change the folder by hand, and look-ups see it. They are quickest where the functions
+ * below do it, because these also change the file .generation in the folder, which look-ups have
+ * mapped. Nobody else writes that file; who needs it gone removes it.
  *
  * All functions return 0 on success and a negative error code otherwise, and may be called from any
  * thread.

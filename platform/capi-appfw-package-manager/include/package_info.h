@@ -2,7 +2,12 @@
 #ifndef PACKAGE_INFO_H
 #define PACKAGE_INFO_H
 
-/* One installed package. */
+/*
+ * One installed package.
+ *
+ * All functions return 0 on success, -22 for a null argument and -12 when memory is exhausted, and may
+ * be called from any thread; a handle may be used by several threads, and is released once.
+ */
 
 #ifdef __cplusplus
 extern "C" {
@@ -13,8 +18,11 @@ extern "C" {
 typedef struct package_info_s *package_info_h;
 
 /**
- * Looks a package up; the caller releases the handle with package_info_destroy. 0xFEEB0071, as a
- * 32-bit value, says that no such package is installed.
+ * Looks a package up; the caller releases the handle with package_info_destroy. Every installation,
+ * upgrade or removal that came before the call is seen.
+ *
+ * Returns 0xFEEB0071, as a 32-bit value, if no such package is installed, another negative code if the
+ * installed packages cannot be read; the handle is then left untouched.
  */
 int package_info_create(const char *package, package_info_h *package_info);
 

@@ -2,14 +2,30 @@
 #ifndef DLOG_H
 #define DLOG_H
 
-/* The platform log. */
+/*
+ * The platform log.
+ *
+ * On the desktop records go to standard error, each with one write, or to the end of the file that
+ * VELMORA_LOG_FILE names. Records for a file are gathered: they are written when a record of error
+ * priority or above comes, when 64 KiB have gathered, at the next record after 200 ms, and when the
+ * process exits; a forked child never writes those of its parent. What has gathered is lost when the
+ * process replaces itself by exec or is killed.
+ *
+ * VELMORA_LOG_LEVEL is the lowest priority that is written: verbose, debug, info, warn (the default),
+ * error, fatal, or silent for none. The environment is read at the first record.
+ *
+ * A record is one line: "TIME PRIORITY TAG PID: MESSAGE", with the time in UTC and the priority as
+ * one letter. Newlines at the message's end are dropped, and other control characters are written as
+ * "\n" and "\x1b"; sequences that set a colour stay if the sink is a terminal and NO_COLOR is not set,
+ * else they are dropped. Beyond 64 KiB a message is cut, which " [cut]" says.
+ */
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/** Priority of a record, rising. */
+/** Priority of a record, rising. DLOG_DEFAULT counts as DLOG_INFO; UNKNOWN and SILENT are for no record. */
 typedef enum {
   DLOG_UNKNOWN,
   DLOG_DEFAULT,
@@ -26,7 +42,8 @@ typedef enum {
  * Writes one record, formatted as by printf. The texts are copied before the call returns.
  *
  * Returns 0 or more on success, also when the record's priority is filtered out, else a negative
- * error code. Callable from any thread.
+ * error code: -22 for a null argument, a priority that no record has, or a conversion that fails, -5 if
+ * the sink refuses, -12 when memory is exhausted. errno stays as it was. Callable from any thread.
  */
 int dlog_print(log_priority prio, const char *tag, const char *fmt, ...)
     __attribute__((format(printf, 3, 4)));

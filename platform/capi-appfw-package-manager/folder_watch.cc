@@ -1,0 +1,113 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "folder_watch.h"
+
+#include <errno.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <sys/inotify.h>
+
+#include <algorithm>
+#include <memory>
+#include <string_view>
+
+#include "generation.h"
+#include "snapshot_reader.h"
+
+namespace packages {
+
+namespace {
+
+constexpr uint32_t kEntryMoved = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ATTRIB;
+constexpr uint32_t kSelfMoved = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT;
+constexpr uint32_t kStepMask = kEntryMoved | IN_DELETE_SELF | IN_MOVE_SELF;
+constexpr uint32_t kFolderMask = kStepMask | IN_MODIFY | IN_CLOSE_WRITE;
+
+// A writer's own closing of the generation file says nothing that its content does not say.
+bool Matters(std::string_view entry, uint32_t mask) {
+  if (entry == kGenerationFile) return (mask & ~(IN_CLOSE_WRITE | IN_ATTRIB)) != 0;
+  return IsKeyFileName(entry);
+}
+
+}  // namespace
+
+bool FolderWatch::Changed() {
+  if (!inotify_) {
+    inotify_ = UniqueFd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    if (inotify_) WatchPath();
+    return true;
+  }
+  const News news = ReadEvents();
+  if (news == News::kPath) WatchPath();
+  return news != News::kNone;
+}
+
+FolderWatch::News FolderWatch::ReadEvents() {
+  alignas(inotify_event) char events[4096];
+  News news = News::kNone;
+  for (;;) {
+    const ssize_t size = read(inotify_.get(), events, sizeof events);
+    if (size < 0 && errno == EINTR) continue;
+    if (size <= 0) return news;
+    for (const char* at = events; at < events + size;) {
+      const auto* event = reinterpret_cast<const inotify_event*>(at);
+      news = std::max(news, Judge(*event));
+      at += sizeof *event + event->len;
+    }
+  }
+}
+
+FolderWatch::News FolderWatch::Judge(const inotify_event& event) const {
+  if (event.mask & IN_Q_OVERFLOW) return News::kPath;
+  const std::string_view entry = event.len > 0 ? event.name : "";
+  News news = News::kNone;
+  for (const Step& step : steps_) {
+    if (step.watch != event.wd) continue;
+    if (event.mask & kSelfMoved) return News::kPath;
+    if (!step.entry.empty()) {
+      if (entry == step.entry && (event.mask & kEntryMoved)) return News::kPath;
+    } else if (entry.empty() || Matters(entry, event.mask)) {
+      news = News::kContent;
+    }
+  }
+  return news;
+}
+
+// Watches come before the folder is read, so that whatever changes during the reading is news.
+void FolderWatch::WatchPath() {
+  for (const Step& step : steps_) inotify_rm_watch(inotify_.get(), step.watch);
+  steps_.clear();
+  short_of_watches_ = false;
+  WatchSteps(folder_);
+  // Where the path leads through a symbolic link, the folders behind it matter as well.
+  const std::unique_ptr<char, void (*)(void*)> real(realpath(folder_.c_str(), nullptr), free);
+  if (real && folder_ != real.get()) WatchSteps(real.get());
+  // With a part of the watches only, news could be missed.
+  if (steps_.empty() || short_of_watches_) inotify_ = UniqueFd();
+}
+
+// Stops at the first folder that is missing: its coming is news from the one before.
+bool FolderWatch::WatchSteps(const std::string& path) {
+  for (size_t slash = 0; slash != std::string::npos;) {
+    const size_t entry = path.find_first_not_of('/', slash);
+    if (entry == std::string::npos) break;
+    const size_t next = path.find('/', entry);
+    if (!Add(path.substr(0, entry), path.substr(entry, next - entry))) return false;
+    slash = next;
+  }
+  return Add(path, "");
+}
+
+bool FolderWatch::Add(const std::string& folder, const std::string& entry) {
+  const uint32_t mask = entry.empty() ? kFolderMask : kStepMask;
+  const int watch =
+      inotify_add_watch(inotify_.get(), folder.c_str(), mask | IN_MASK_ADD | IN_ONLYDIR);
+  if (watch >= 0) {
+    steps_.push_back({watch, entry});
+    return true;
+  }
+  if (errno == ENOSPC || errno == ENOMEM) short_of_watches_ = true;
+  // A folder that may be passed but not read cannot be watched, and is not the user's to replace.
+  return errno == EACCES;
+}
+
+}  // namespace packages

@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef PLATFORM_PACKAGE_MANAGER_FOLDER_WATCH_H_
+#define PLATFORM_PACKAGE_MANAGER_FOLDER_WATCH_H_
+
+#include <string>
+#include <vector>
+
+#include "unique_fd.h"
+
+struct inotify_event;
+
+namespace packages {
+
+// Watches a folder that may be absent, appear, go or be replaced by another of its name.
+class FolderWatch {
+ public:
+  // `folder` is an absolute path.
+  explicit FolderWatch(std::string folder) : folder_(std::move(folder)) {}
+
+  // Whether the folder may hold something else than at the last call: one read while nothing
+  // happens. Always true at the first call, and as long as the kernel grants no watch.
+  bool Changed();
+
+  // Readable when something has happened; -1 without a watch.
+  int fd() const { return inotify_.get(); }
+
+ private:
+  // A folder on the way to the watched one, and the entry of it that leads on; no entry for the
+  // watched folder itself.
+  struct Step {
+    int watch;
+    std::string entry;
+  };
+  enum class News { kNone, kContent, kPath };
+
+  News Judge(const inotify_event& event) const;
+  News ReadEvents();
+  void WatchPath();
+  bool WatchSteps(const std::string& path);
+  bool Add(const std::string& folder, const std::string& entry);
+
+  const std::string folder_;
+  UniqueFd inotify_;
+  bool short_of_watches_ = false;
+  std::vector<Step> steps_;
+};
+
+}  // namespace packages
+
+#endif  // PLATFORM_PACKAGE_MANAGER_FOLDER_WATCH_H_

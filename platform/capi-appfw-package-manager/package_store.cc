@@ -1,0 +1,220 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "package_store.h"
+
+#include <dlog.h>
+#include <glib.h>
+#include <limits.h>
+#include <pthread.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "change_signal.h"
+#include "folder_watch.h"
+#include "generation.h"
+#include "snapshot_reader.h"
+
+// How a look-up knows that its snapshot is the latest
+//
+// The sure way is to read the folder's watch, one system call. Where the folder has a generation
+// file, comparing words in memory does instead: the generation word, which the functions of
+// package_desktop.h change before they return, and the change signal, which the kernel changes when
+// anybody else touches the folder. Each thread keeps the snapshot that it used last, with the words
+// as they were; while they stay so, a look-up takes no lock either.
+
+namespace packages {
+
+namespace {
+
+// The change signal makes the end of a process some milliseconds longer; a process that asks a few
+// times only is better off without.
+constexpr unsigned kReadsBeforeSignal = 64;
+
+// Counts up whenever a look-up has found something new; never wraps, unlike the signal's word.
+std::atomic<uint64_t> store_version{1};
+
+// The words that tell whether a snapshot is the latest; without them, none is known to be.
+struct Stamp {
+  std::shared_ptr<const Generation> generation;
+  uint64_t generation_seen = 0;
+  const ChangeSignal::Word* signal = nullptr;
+  ChangeSignal::Word signal_seen = 0;
+  uint64_t version = 0;
+
+  bool CanTell() const { return signal && generation; }
+  bool IsLatest() const {
+    return CanTell() && version == store_version.load(std::memory_order_acquire) &&
+           __atomic_load_n(signal, __ATOMIC_ACQUIRE) == signal_seen &&
+           generation->Load() == generation_seen;
+  }
+};
+
+std::string PackageFolder() {
+  const char* given = getenv("VELMORA_PACKAGE_DIR");
+  if (!given || !*given) return std::string(g_get_user_data_dir()) + "/velmora/packages";
+  if (given[0] == '/') return given;
+  char current[PATH_MAX];
+  return std::string(getcwd(current, sizeof current) ? current : "") + "/" + given;
+}
+
+class Store {
+ public:
+  // Never destroyed: look-ups from other libraries' destructors still work.
+  static Store& Get();
+
+  int Latest(SnapshotRef* snapshot, Stamp* stamp, Snapshot::Complaints* fresh_complaints);
+
+ private:
+  int Refresh(Snapshot::Complaints* fresh_complaints);
+  int Read(Snapshot::Complaints* fresh_complaints);
+  bool Ask();
+
+  static void LockForFork() { Get().mutex_.lock(); }
+  static void UnlockInParent() { Get().mutex_.unlock(); }
+  static void ForgetInChild();
+
+  std::mutex mutex_;  // guards all that follows
+  const std::string folder_ = PackageFolder();
+  std::unique_ptr<FolderWatch> watch_;
+  std::unique_ptr<ChangeSignal> signal_;
+  unsigned reads_ = 0;
+  SnapshotRef snapshot_;  // none until the folder has been read since its last change
+  Snapshot::Complaints complaints_;
+  Stamp stamp_;
+};
+
+// What a thread used last. Trivial, so that late look-ups of a thread that ends may still touch it.
+struct ThreadCache {
+  const Snapshot* snapshot;
+  const Stamp* stamp;  // where there is a snapshot
+  bool closed;
+
+  void Clear() {
+    delete stamp;
+    if (snapshot) snapshot->Release();
+    stamp = nullptr;
+    snapshot = nullptr;
+  }
+};
+__attribute__((tls_model("initial-exec"))) thread_local ThreadCache cache;
+
+// Gives back at the thread's end what its cache holds.
+struct CacheCloser {
+  ~CacheCloser() {
+    cache.Clear();
+    cache.closed = true;
+  }
+  void Touch() {}
+};
+thread_local CacheCloser closer;
+
+Store& Store::Get() {
+  static Store& store = []() -> Store& {
+    auto* made = new Store;
+    pthread_atfork(LockForFork, UnlockInParent, ForgetInChild);
+    return *made;
+  }();
+  return store;
+}
+
+// The watch's queue is shared with the parent, and the signal is the parent's alone.
+void Store::ForgetInChild() {
+  Store& store = Get();
+  store.watch_.reset();
+  store.signal_.reset();
+  store.reads_ = 0;
+  store.snapshot_ = SnapshotRef();
+  store_version.fetch_add(1, std::memory_order_release);
+  store.mutex_.unlock();
+}
+
+int Store::Latest(SnapshotRef* snapshot, Stamp* stamp, Snapshot::Complaints* fresh_complaints) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const int error = Refresh(fresh_complaints);
+  if (error) return error;
+  *snapshot = snapshot_;
+  *stamp = stamp_;
+  return 0;
+}
+
+// Whether the folder may have changed since it was last asked.
+bool Store::Ask() {
+  if (!watch_) watch_ = std::make_unique<FolderWatch>(folder_);
+  const bool changed = watch_->Changed();
+  if (watch_->fd() < 0) {
+    signal_.reset();
+  } else if (!signal_ && stamp_.generation && ++reads_ == kReadsBeforeSignal) {
+    signal_ = std::make_unique<ChangeSignal>();
+    if (!signal_->Watch(watch_->fd())) signal_.reset();
+  }
+  stamp_.signal = nullptr;
+  if (signal_) {
+    stamp_.signal_seen = signal_->Rearm();
+    stamp_.signal = signal_->word();
+    if (!stamp_.signal) signal_.reset();
+  }
+  stamp_.version = store_version.fetch_add(1, std::memory_order_release) + 1;
+  return changed;
+}
+
+int Store::Refresh(Snapshot::Complaints* fresh_complaints) {
+  if (snapshot_ && stamp_.IsLatest()) return 0;
+  if (Ask()) snapshot_ = SnapshotRef();
+  const bool same_generation =
+      !stamp_.generation || stamp_.generation->Load() == stamp_.generation_seen;
+  if (snapshot_ && same_generation) return 0;
+  return Read(fresh_complaints);
+}
+
+int Store::Read(Snapshot::Complaints* fresh_complaints) {
+  snapshot_ = SnapshotRef();
+  // The word is read before the folder: a change in between is found by the next look-up.
+  stamp_.generation = Generation::Open(folder_, stamp_.generation);
+  stamp_.generation_seen = stamp_.generation ? stamp_.generation->Load() : 0;
+  SnapshotRef snapshot;
+  const int error = ReadSnapshot(folder_, &snapshot);
+  if (error) return error;
+  for (const std::string& complaint : snapshot->complaints()) {
+    if (complaints_.count(complaint) == 0) fresh_complaints->insert(complaint);
+  }
+  complaints_ = snapshot->complaints();
+  snapshot_ = std::move(snapshot);
+  return 0;
+}
+
+// Outside the store's lock, because the log may be anybody's.
+void Complain(const Snapshot::Complaints& complaints) {
+  for (const std::string& complaint : complaints) {
+    dlog_print(DLOG_ERROR, "PACKAGE_MANAGER", "Left out a broken package: %s", complaint.c_str());
+  }
+}
+
+int AskStore(SnapshotRef* snapshot) {
+  cache.Clear();
+  Snapshot::Complaints complaints;
+  Stamp stamp;
+  const int error = Store::Get().Latest(snapshot, &stamp, &complaints);
+  Complain(complaints);
+  if (error) return error;
+  if (!cache.closed && stamp.CanTell()) {
+    closer.Touch();
+    cache.stamp = new Stamp(std::move(stamp));
+    cache.snapshot = SnapshotRef(*snapshot).Detach();
+  }
+  return 0;
+}
+
+}  // namespace
+
+int LatestSnapshot(SnapshotRef* snapshot) {
+  if (!cache.snapshot || !cache.stamp->IsLatest()) return AskStore(snapshot);
+  cache.snapshot->Hold();
+  *snapshot = SnapshotRef(cache.snapshot);
+  return 0;
+}
+
+}  // namespace packages
