@@ -45,11 +45,11 @@ struct Stamp {
   ChangeSignal::Word signal_seen = 0;
   uint64_t version = 0;
 
+  bool GenerationMoved() const { return generation && generation->Load() != generation_seen; }
   bool CanTell() const { return signal && generation; }
   bool IsLatest() const {
     return CanTell() && version == store_version.load(std::memory_order_acquire) &&
-           __atomic_load_n(signal, __ATOMIC_ACQUIRE) == signal_seen &&
-           generation->Load() == generation_seen;
+           __atomic_load_n(signal, __ATOMIC_ACQUIRE) == signal_seen && !GenerationMoved();
   }
 };
 
@@ -164,9 +164,8 @@ bool Store::Ask() {
 int Store::Refresh(Snapshot::Complaints* fresh_complaints) {
   if (snapshot_ && stamp_.IsLatest()) return 0;
   if (Ask()) snapshot_ = SnapshotRef();
-  const bool same_generation =
-      !stamp_.generation || stamp_.generation->Load() == stamp_.generation_seen;
-  if (snapshot_ && same_generation) return 0;
+  // Only a folder in which nobody touched the generation file has a word that is safe to look at.
+  if (snapshot_ && !stamp_.GenerationMoved()) return 0;
   return Read(fresh_complaints);
 }
 

@@ -47,6 +47,8 @@ class Error {
     g_clear_error(&error_);
     return &error_;
   }
+  // A value with an escape that is none comes together with an error.
+  bool IsSet() const { return error_ != nullptr; }
   const char* text() const { return error_ ? error_->message : "unknown reason"; }
   bool Is(GKeyFileError code) const { return g_error_matches(error_, G_KEY_FILE_ERROR, code); }
 
@@ -56,14 +58,15 @@ class Error {
 
 bool ReadVersion(GKeyFile* file, package_info_s* package, Error* error) {
   const TextPtr version(g_key_file_get_string(file, kPackageGroup, "Version", error->Receive()));
-  if (version) package->version = version.get();
-  return version != nullptr;
+  if (error->IsSet()) return false;
+  package->version = version.get();
+  return true;
 }
 
 bool ReadClients(GKeyFile* file, package_info_s* package, Error* error) {
   const StrvPtr clients(
       g_key_file_get_string_list(file, kPackageGroup, "Clients", nullptr, error->Receive()));
-  if (!clients) return error->Is(G_KEY_FILE_ERROR_KEY_NOT_FOUND);
+  if (error->IsSet()) return error->Is(G_KEY_FILE_ERROR_KEY_NOT_FOUND);
   package->admits_all = false;
   for (gchar** client = clients.get(); *client; ++client) {
     package->admitted_clients.emplace_back(*client);
@@ -78,7 +81,7 @@ bool ReadApplication(GKeyFile* file, const char* group, package_info_s* package,
   if (!keys) return false;
   for (gchar** key = keys.get(); *key; ++key) {
     const TextPtr value(g_key_file_get_string(file, group, *key, error->Receive()));
-    if (!value) return false;
+    if (error->IsSet()) return false;
     application.metadata.emplace_back(*key, value.get());
   }
   package->applications.push_back(std::move(application));

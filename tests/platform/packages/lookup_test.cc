@@ -1,0 +1,328 @@
+// SPDX-License-Identifier: Apache-2.0
+// Whether look-ups are never stale, and cheap.
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <package_desktop.h>
+#include <stddef.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+
+#include <atomic>
+#include <functional>
+#include <thread>
+
+#include "package_world.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+// Whoever writes the folder, and however often it has been asked before: each look-up that follows
+// a change must see it. The parameter is the number of look-ups before each change.
+class ALookUp : public PackageWorld, public testing::WithParamInterface<int> {
+ protected:
+  int Install(const char* id, const std::string& version) const {
+    return package_desktop_install(folder_.c_str(), id, KeyFile(version).c_str());
+  }
+  void InstallElsewhere(const char* id, const std::string& version) const {
+    ASSERT_EQ(RunProgram({PACKAGE_WRITER, "install", folder_, id, KeyFile(version)}), 0);
+  }
+  void Ask(const char* id) const {
+    const std::string version = VersionOf(id);
+    for (int i = 1; i < GetParam(); ++i) ASSERT_EQ(VersionOf(id), version);
+  }
+};
+// Enough to make use of every way of asking.
+INSTANTIATE_TEST_SUITE_P(AfterLookUps, ALookUp, testing::Values(1, 200),
+                         testing::PrintToStringParamName());
+
+TEST_P(ALookUp, SeesWhatAnotherProcessInstalls) {
+  for (int i = 0; i < 20; ++i) {
+    Ask("a");
+    ASSERT_NO_FATAL_FAILURE(InstallElsewhere("a", std::to_string(i)));
+    ASSERT_EQ(VersionOf("a"), std::to_string(i));
+  }
+  Ask("a");
+  ASSERT_EQ(RunProgram({PACKAGE_WRITER, "remove", folder_, "a"}), 0);
+  EXPECT_EQ(VersionOf("a"), "");
+}
+
+TEST_P(ALookUp, SeesWhatIsChangedByHandInAFolderOfThePlatform) {
+  ASSERT_EQ(Install("a", "1"), 0);
+  for (int i = 0; i < 20; ++i) {
+    Ask("a");
+    WriteByHand("a", KeyFile(std::to_string(i)));
+    ASSERT_EQ(VersionOf("a"), std::to_string(i));
+  }
+  Ask("a");
+  std::filesystem::remove(PathOf("a"));
+  EXPECT_EQ(VersionOf("a"), "");
+}
+
+TEST_P(ALookUp, SeesWhatIsChangedByHandInAFolderWithoutAGeneration) {
+  for (int i = 0; i < 20; ++i) {
+    WriteByHand("a", KeyFile(std::to_string(i)));
+    ASSERT_EQ(VersionOf("a"), std::to_string(i));
+    Ask("a");
+  }
+  std::filesystem::rename(PathOf("a"), PathOf("b"));
+  EXPECT_THAT(AllIds(), ElementsAre("b"));
+}
+
+TEST_P(ALookUp, SeesAFolderThatIsCreatedLater) {
+  folder_ = top_ / "one" / "two" / "packages";
+  setenv("VELMORA_PACKAGE_DIR", folder_.c_str(), 1);
+  Ask("a");
+  std::filesystem::create_directory(top_ / "one");
+  Ask("a");
+  std::filesystem::create_directory(top_ / "one" / "two");
+  Ask("a");
+  WriteByHand("a", KeyFile("1"));
+  EXPECT_EQ(VersionOf("a"), "1");
+}
+
+TEST_P(ALookUp, SeesAFolderThatGoesAndComesBack) {
+  for (int i = 0; i < 5; ++i) {
+    ASSERT_EQ(Install("a", std::to_string(i)), 0);
+    ASSERT_EQ(VersionOf("a"), std::to_string(i));
+    Ask("a");
+    std::filesystem::remove_all(folder_);
+    ASSERT_EQ(VersionOf("a"), "");
+    Ask("a");
+  }
+}
+
+TEST_P(ALookUp, SeesAFolderThatIsReplaced) {
+  ASSERT_EQ(Install("a", "1"), 0);
+  const auto other = top_ / "other";
+  ASSERT_EQ(package_desktop_install(other.c_str(), "b", KeyFile("2").c_str()), 0);
+  EXPECT_THAT(AllIds(), ElementsAre("a"));
+  Ask("a");
+  std::filesystem::rename(folder_, top_ / "old");
+  EXPECT_THAT(AllIds(), IsEmpty());
+  Ask("a");
+  std::filesystem::rename(other, folder_);
+  EXPECT_THAT(AllIds(), ElementsAre("b"));
+  Ask("b");
+  ASSERT_NO_FATAL_FAILURE(InstallElsewhere("c", "3"));
+  EXPECT_THAT(AllIds(), ElementsAre("b", "c"));
+}
+
+TEST_P(ALookUp, SeesAFolderAboveThatIsReplaced) {
+  const auto above = top_ / "above";
+  folder_ = above / "packages";
+  setenv("VELMORA_PACKAGE_DIR", folder_.c_str(), 1);
+  ASSERT_EQ(Install("a", "1"), 0);
+  Ask("a");
+  std::filesystem::rename(above, top_ / "old");
+  EXPECT_EQ(VersionOf("a"), "");
+  Ask("a");
+  ASSERT_EQ(Install("a", "2"), 0);
+  EXPECT_EQ(VersionOf("a"), "2");
+}
+
+TEST_P(ALookUp, SeesASymbolicLinkThatIsTurned) {
+  for (const char* name : {"one", "two"}) {
+    const auto folder = top_ / name;
+    ASSERT_EQ(package_desktop_install(folder.c_str(), name, KeyFile("1").c_str()), 0);
+  }
+  std::filesystem::create_directory_symlink(top_ / "one", folder_);
+  EXPECT_THAT(AllIds(), ElementsAre("one"));
+  Ask("one");
+  std::filesystem::create_directory_symlink(top_ / "two", top_ / "link");
+  std::filesystem::rename(top_ / "link", folder_);
+  EXPECT_THAT(AllIds(), ElementsAre("two"));
+  Ask("two");
+  std::filesystem::rename(top_ / "two", top_ / "three");
+  EXPECT_THAT(AllIds(), IsEmpty());
+}
+
+TEST_P(ALookUp, SeesChangesWhenTheGenerationFileComesGoesOrIsReplaced) {
+  WriteByHand("a", KeyFile("1"));
+  Ask("a");
+  ASSERT_NO_FATAL_FAILURE(InstallElsewhere("a", "2"));
+  ASSERT_EQ(VersionOf("a"), "2");
+  Ask("a");
+  std::filesystem::remove(folder_ / ".generation");
+  Ask("a");
+  ASSERT_NO_FATAL_FAILURE(InstallElsewhere("a", "3"));
+  ASSERT_EQ(VersionOf("a"), "3");
+  Ask("a");
+  std::ofstream(folder_ / "other") << "12345678";
+  std::filesystem::rename(folder_ / "other", folder_ / ".generation");
+  Ask("a");
+  ASSERT_NO_FATAL_FAILURE(InstallElsewhere("a", "4"));
+  ASSERT_EQ(VersionOf("a"), "4");
+}
+
+TEST_P(ALookUp, SurvivesAGenerationFileThatIsEmptied) {
+  ASSERT_EQ(Install("a", "1"), 0);
+  Ask("a");
+  std::filesystem::resize_file(folder_ / ".generation", 0);
+  Ask("a");
+  WriteByHand("a", KeyFile("2"));
+  ASSERT_EQ(VersionOf("a"), "2");
+  ASSERT_EQ(Install("a", "3"), 0);
+  EXPECT_EQ(VersionOf("a"), "3");
+}
+
+TEST_P(ALookUp, SurvivesAGenerationFileThatIsNone) {
+  std::filesystem::create_directories(folder_ / ".generation");
+  ASSERT_EQ(Install("a", "1"), 0);
+  Ask("a");
+  ASSERT_EQ(Install("a", "2"), 0);
+  EXPECT_EQ(VersionOf("a"), "2");
+}
+
+TEST_P(ALookUp, IsFreshOnBothSidesOfAFork) {
+  ASSERT_EQ(Install("a", "1"), 0);
+  Ask("a");
+  const pid_t child = fork();
+  if (child == 0) {
+    // The child's look-ups must not eat what the parent has yet to hear of.
+    bool fresh = VersionOf("a") == "1";
+    for (int i = 0; i < 100; ++i) {
+      WriteByHand("a", KeyFile(std::to_string(i)));
+      fresh = fresh && VersionOf("a") == std::to_string(i);
+    }
+    _exit(fresh ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(VersionOf("a"), "99");
+}
+
+TEST_P(ALookUp, LeavesNoDescriptorBehindAndHandsNoneToOtherPrograms) {
+  ASSERT_EQ(Install("a", "1"), 0);
+  // The last descriptor is opened by a process that asks often.
+  for (int i = 0; i < 200; ++i) ASSERT_EQ(VersionOf("a"), "1");
+  const size_t before = OpenDescriptors();
+  for (int i = 0; i < 50; ++i) {
+    WriteByHand("a", KeyFile(std::to_string(i)));
+    Ask("a");
+    std::filesystem::remove_all(folder_);
+    Ask("a");
+    ASSERT_EQ(Install("a", "1"), 0);
+    Ask("a");
+  }
+  EXPECT_EQ(OpenDescriptors(), before);
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    const std::string target = std::filesystem::read_symlink(entry.path());
+    if (target.rfind("anon_inode:", 0) != 0) continue;
+    EXPECT_TRUE(fcntl(std::stoi(entry.path().filename()), F_GETFD) & FD_CLOEXEC) << target;
+  }
+}
+
+class LookUps : public ALookUp {};
+INSTANTIATE_TEST_SUITE_P(AfterLookUps, LookUps, testing::Values(200),
+                         testing::PrintToStringParamName());
+
+TEST_P(LookUps, AreRightInAllThreadsWhileAnotherChangesTheFolder) {
+  ASSERT_EQ(Install("a", "0"), 0);
+  constexpr int kChanges = 300;
+  std::atomic<int> installed{0};
+  const auto ask = [&] {
+    for (int before = 0; before < kChanges;) {
+      before = installed.load();
+      const std::string version = VersionOf("a");
+      const int after = installed.load();
+      // What is being installed right now may be seen or not.
+      ASSERT_GE(std::stoi(version), before);
+      ASSERT_LE(std::stoi(version), after + 1);
+    }
+  };
+  std::thread readers[] = {std::thread(ask), std::thread(ask), std::thread(ask)};
+  for (int i = 1; i <= kChanges; ++i) {
+    if (i % 2) {
+      EXPECT_EQ(Install("a", std::to_string(i)), 0);
+    } else {
+      // By hand, but in one step: a half-written file would be none for a moment.
+      std::ofstream(folder_ / "new") << KeyFile(std::to_string(i));
+      std::filesystem::rename(folder_ / "new", PathOf("a"));
+    }
+    installed.store(i);
+  }
+  for (std::thread& reader : readers) reader.join();
+}
+
+TEST_P(LookUps, OfThreadsThatEndLeaveNothingBehind) {
+  ASSERT_EQ(Install("a", "1"), 0);
+  Ask("a");
+  for (int i = 0; i < 50; ++i) std::thread([this] { Ask("a"); }).join();
+  EXPECT_EQ(VersionOf("a"), "1");
+}
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#elif defined(__has_feature)
+constexpr bool kSanitized = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
+#else
+constexpr bool kSanitized = false;
+#endif
+
+// From here on the calling thread is killed at any system call but its exit.
+void ForbidSystemCalls() {
+  sock_filter filter[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_exit_group, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS),
+  };
+  sock_fprog program = {sizeof filter / sizeof *filter, filter};
+  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+      prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
+    _exit(3);
+  }
+}
+
+TEST_P(LookUps, MakeNoSystemCallWhileNothingChangesInAFolderOfThePlatform) {
+  if (kSanitized) GTEST_SKIP() << "sanitizers make system calls of their own";
+  ASSERT_EQ(Install("a", "1"), 0);
+  const auto look_up = [](bool forbidden) {
+    const pid_t child = fork();
+    if (child == 0) {
+      package_info_h info = nullptr;
+      for (int i = 0; i < 200; ++i) {
+        if (package_info_create("a", &info) == 0) package_info_destroy(info);
+      }
+      if (forbidden) ForbidSystemCalls();
+      bool right = true;
+      for (int i = 0; i < 10000; ++i) {
+        right = right && package_info_create("a", &info) == 0 && package_info_destroy(info) == 0;
+        right = right && package_info_create("b", &info) == kNoSuchPackage;
+      }
+      if (!right) _exit(1);
+      if (forbidden) _exit(0);
+      _exit(getppid() > 0 ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    return status;
+  };
+  EXPECT_EQ(look_up(false), 0);
+  EXPECT_EQ(look_up(true), 0);
+}
+
+TEST_P(LookUps, AreToldFromSystemCallsByTheFilterOfTheTestAbove) {
+  if (kSanitized) GTEST_SKIP() << "sanitizers make system calls of their own";
+  const pid_t child = fork();
+  if (child == 0) {
+    const rlimit no_core = {0, 0};
+    setrlimit(RLIMIT_CORE, &no_core);
+    ForbidSystemCalls();
+    getppid();
+    _exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFSIGNALED(status)) << status;
+}
+
+}  // namespace
