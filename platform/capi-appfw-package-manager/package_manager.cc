@@ -27,12 +27,10 @@ int CopyOut(const std::string& text, char** out) {
 
 int package_info_create(const char* package, package_info_h* package_info) try {
   if (!package || !package_info) return -EINVAL;
-  SnapshotRef snapshot;
-  if (const int error = LatestSnapshot(&snapshot)) return error;
-  const package_info_s* found = snapshot->FindPackage(package);
-  if (!found) return kNoSuchPackage;
-  *package_info = const_cast<package_info_h>(found);
-  snapshot.Detach();
+  const package_info_s* held = nullptr;
+  if (const int error = packages::HoldLatestPackage(package, &held)) return error;
+  if (!held) return kNoSuchPackage;
+  *package_info = const_cast<package_info_h>(held);
   return 0;
 } catch (const std::exception&) {
   return -ENOMEM;
@@ -40,7 +38,7 @@ int package_info_create(const char* package, package_info_h* package_info) try {
 
 int package_info_destroy(package_info_h package_info) {
   if (!package_info) return -EINVAL;
-  package_info->snapshot->Release();
+  packages::GiveBack(package_info->snapshot);
   return 0;
 }
 
@@ -81,4 +79,4 @@ int packages::HoldApplication(const char* id, const app_info_s** held) try {
   return -ENOMEM;
 }
 
-void packages::ReleaseApplication(const app_info_s* held) { held->package->snapshot->Release(); }
+void packages::ReleaseApplication(const app_info_s* held) { GiveBack(held->package->snapshot); }

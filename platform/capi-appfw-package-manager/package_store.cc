@@ -91,13 +91,36 @@ class Store {
 struct ThreadCache {
   const Snapshot* snapshot;
   const Stamp* stamp;  // where there is a snapshot
+  // Shares of the snapshot that the thread took in advance: handing out a handle and taking it back
+  // then needs no atomic operation.
+  uint64_t shares;
+  // Most threads ask for the same package again and again.
+  const package_info_s* last_found;
   bool closed;
 
+  bool IsLatest() const { return snapshot && stamp->IsLatest(); }
+  void Fill(const Snapshot* latest, Stamp latest_stamp) {
+    stamp = new Stamp(std::move(latest_stamp));
+    snapshot = latest;
+    TakeShares();
+  }
+  void TakeShares() {
+    constexpr uint64_t kInAdvance = 1 << 16;
+    snapshot->Hold(kInAdvance);
+    shares += kInAdvance;
+  }
+  // Always leaves one share, which keeps the snapshot itself.
+  const Snapshot* HandOut() {
+    if (--shares == 0) TakeShares();
+    return snapshot;
+  }
   void Clear() {
     delete stamp;
-    if (snapshot) snapshot->Release();
+    if (snapshot) snapshot->Release(shares);
     stamp = nullptr;
     snapshot = nullptr;
+    shares = 0;
+    last_found = nullptr;
   }
 };
 __attribute__((tls_model("initial-exec"))) thread_local ThreadCache cache;
@@ -201,8 +224,7 @@ int AskStore(SnapshotRef* snapshot) {
   if (error) return error;
   if (!cache.closed && stamp.CanTell()) {
     closer.Touch();
-    cache.stamp = new Stamp(std::move(stamp));
-    cache.snapshot = SnapshotRef(*snapshot).Detach();
+    cache.Fill(snapshot->get(), std::move(stamp));
   }
   return 0;
 }
@@ -210,10 +232,32 @@ int AskStore(SnapshotRef* snapshot) {
 }  // namespace
 
 int LatestSnapshot(SnapshotRef* snapshot) {
-  if (!cache.snapshot || !cache.stamp->IsLatest()) return AskStore(snapshot);
-  cache.snapshot->Hold();
-  *snapshot = SnapshotRef(cache.snapshot);
+  if (!cache.IsLatest()) return AskStore(snapshot);
+  *snapshot = SnapshotRef(cache.HandOut());
   return 0;
+}
+
+int HoldLatestPackage(const char* id, const package_info_s** held) {
+  if (cache.last_found && cache.IsLatest() && cache.last_found->id == id) {
+    cache.HandOut();
+    *held = cache.last_found;
+    return 0;
+  }
+  SnapshotRef snapshot;
+  if (const int error = LatestSnapshot(&snapshot)) return error;
+  *held = snapshot->FindPackage(id);
+  if (!*held) return 0;
+  if (snapshot.get() == cache.snapshot) cache.last_found = *held;
+  snapshot.Detach();
+  return 0;
+}
+
+void GiveBack(const Snapshot* snapshot) {
+  if (snapshot == cache.snapshot) {
+    ++cache.shares;
+  } else {
+    snapshot->Release();
+  }
 }
 
 }  // namespace packages

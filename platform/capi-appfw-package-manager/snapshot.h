@@ -3,6 +3,7 @@
 #define PLATFORM_PACKAGE_MANAGER_SNAPSHOT_H_
 
 #include <app_info_record.h>
+#include <stdint.h>
 
 #include <atomic>
 #include <set>
@@ -27,13 +28,13 @@ struct package_info_s {
 
 namespace packages {
 
-// All installed packages at one moment: immutable, and released by its last holder.
+// All installed packages at one moment: immutable, and released with its last share.
 class Snapshot {
  public:
   // Complaints about key files that could not be read; the same complaint is made once.
   using Complaints = std::set<std::string>;
 
-  // The new snapshot has one holder.
+  // The new snapshot has one share, the maker's.
   Snapshot(std::vector<package_info_s> packages, Complaints complaints);
   Snapshot(const Snapshot&) = delete;
   Snapshot& operator=(const Snapshot&) = delete;
@@ -44,21 +45,21 @@ class Snapshot {
   const package_info_s* FindPackage(std::string_view id) const;
   const app_info_s* FindApplication(std::string_view id) const;
 
-  void Hold() const { holders_.fetch_add(1, std::memory_order_relaxed); }
-  void Release() const {
-    if (holders_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+  void Hold(uint64_t shares = 1) const { shares_.fetch_add(shares, std::memory_order_relaxed); }
+  void Release(uint64_t shares = 1) const {
+    if (shares_.fetch_sub(shares, std::memory_order_acq_rel) == shares) delete this;
   }
 
  private:
   ~Snapshot() = default;
 
-  mutable std::atomic<unsigned> holders_{1};
+  mutable std::atomic<uint64_t> shares_{1};
   std::vector<package_info_s> packages_;
   std::vector<const app_info_s*> applications_;  // ordered by ID
   const Complaints complaints_;
 };
 
-// One holder's share of a snapshot.
+// Owner of one share of a snapshot.
 class SnapshotRef {
  public:
   SnapshotRef() = default;
