@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef AGENT_AGENT_SERVICE_H
+#define AGENT_AGENT_SERVICE_H
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "delivery.h"
+#include "messages.h"
+#include "scenario.h"
+
+namespace sim {
+
+/** The agent: serves its port as a scenario says, on the default main context. */
+class AgentService {
+ public:
+  explicit AgentService(Scenario scenario);
+  ~AgentService();
+  AgentService(const AgentService&) = delete;
+  AgentService& operator=(const AgentService&) = delete;
+
+  /** Starts to accept clients. Throws PlatformError. */
+  void Listen();
+
+ private:
+  static bool OnAdmission(const char* sender, const char* instance, void* data);
+  static void OnConnected(const char* sender, const char* instance, void* data);
+  static void OnDisconnected(const char* sender, const char* instance, void* data);
+  static int OnReceived(const char* sender, const char* instance, rpc_port_h port, void* data);
+
+  void Serve(const char* instance, rpc_port_h port);
+  std::vector<TimedParcel> Answer(const Request& request);
+  std::vector<TimedParcel> AnswerList(const Request& request, std::int32_t result) const;
+  std::vector<TimedParcel> AnswerProgress(const Request& request, std::int32_t result) const;
+  std::vector<ModelView> Models(const Request& request) const;
+  std::vector<ModelView> Versions(const Request& request) const;
+
+  /** The result of this call of a method, and moves on to the next. */
+  std::int32_t NextResult(Method method);
+  std::int32_t UsualResult(Method method) const;
+
+  const Scenario scenario_;
+  std::array<std::size_t, kMethodCount> calls_{};
+  rpc_port_stub_h stub_ = nullptr;
+  std::unique_ptr<DeliveryQueue> deliveries_;
+};
+
+/**
+ * Runs the agent until SIGTERM, SIGINT or SIGHUP, and returns the process's exit status. A byte is
+ * written to `ready_fd`, which is then closed, as soon as clients can connect.
+ */
+int RunAgent(Scenario scenario, int ready_fd);
+
+}  // namespace sim
+
+#endif  // AGENT_AGENT_SERVICE_H

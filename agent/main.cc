@@ -1,0 +1,176 @@
+// SPDX-License-Identifier: Apache-2.0
+// svcmgr-sim: runs commands beside a simulated agent.
+
+#include <fcntl.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "agent_service.h"
+#include "child.h"
+#include "run.h"
+#include "scenario.h"
+
+namespace {
+
+constexpr int kUsageError = 2;
+constexpr char kMoreHelp[] =
+    "A SCENARIO is the name of one that ships (see \"svcmgr-sim list\") or a JSON file, whose "
+    "name\n"
+    "has a slash or ends in .json.\n"
+    "\n"
+    "run ends with the command's exit status: 128 and the signal if a signal killed it, 127 if it "
+    "was\n"
+    "not found, 126 if it cannot be executed. 125 is a failure of svcmgr-sim itself, 2 a wrong "
+    "usage.\n"
+    "check ends with 1 if a scenario is wrong.";
+
+struct Options {
+  std::vector<std::string> scenarios;
+  std::string scenario;
+  std::string folder;
+  std::optional<std::string> app_id;
+  std::optional<std::string> app_version;
+  std::optional<std::string> app_root;
+  sim::RunOptions run;
+};
+
+/** What stands behind "--" is the command's, whatever it looks like. */
+std::vector<std::string> TakeCommand(int* argc, char** argv) {
+  char** const end = argv + *argc;
+  char** const dashes = std::find(argv, end, std::string("--"));
+  if (dashes == end) {
+    return {};
+  }
+  *argc = static_cast<int>(dashes - argv);
+  return std::vector<std::string>(dashes + 1, end);
+}
+
+/** A closed one would be given to the next file that is opened. */
+bool OpenStandardDescriptors() {
+  int fd = 0;
+  do {
+    fd = open("/dev/null", O_RDWR);
+  } while (fd >= 0 && fd <= STDERR_FILENO);
+  return fd < 0 || close(fd) == 0;
+}
+
+sim::Scenario Read(const sim::ScenarioSource& source) {
+  return sim::ReadScenario(source.document, source.name, source.folder);
+}
+
+int Run(const Options& options) {
+  const sim::ScenarioSource source = sim::FindScenario(options.scenario);
+  sim::Scenario scenario = Read(source);
+  scenario.client.id = options.app_id.value_or(scenario.client.id);
+  scenario.client.version = options.app_version.value_or(scenario.client.version);
+  scenario.client.root = options.app_root.value_or(scenario.client.root);
+  return sim::RunInWorld(source, scenario, options.run);
+}
+
+int RunAgent(const Options& options) {
+  sim::ScenarioSource source = sim::FindScenario(options.scenario);
+  source.folder = options.folder;
+  sim::Scenario scenario = Read(source);
+  scenario.time_scale = options.run.time_scale.value_or(scenario.time_scale);
+  return sim::RunAgent(std::move(scenario), sim::kExtraFd);
+}
+
+int CheckAll(const std::vector<std::string>& scenarios) {
+  int status = 0;
+  for (const std::string& name : scenarios) {
+    try {
+      Read(sim::FindScenario(name));
+    } catch (const sim::ScenarioError& error) {
+      std::fprintf(stderr, "%s\n", error.what());
+      status = 1;
+    }
+  }
+  return status;
+}
+
+int List() {
+  std::size_t width = 0;
+  for (const sim::ShippedScenario& shipped : sim::ShippedScenarios()) {
+    width = std::max(width, std::string(shipped.name).size());
+  }
+  for (const sim::ShippedScenario& shipped : sim::ShippedScenarios()) {
+    const sim::Scenario scenario = sim::ReadScenario(shipped.document, shipped.name, "");
+    std::printf("%-*s  %s\n", static_cast<int>(width), shipped.name, scenario.description.c_str());
+  }
+  return std::fflush(stdout) == 0 ? 0 : 1;
+}
+
+void AddRun(CLI::App& app, Options& options) {
+  CLI::App* run = app.add_subcommand(
+      "run", "Run a command in a world of its own: agent, packages, runtime folder");
+  run->footer(
+      "The command stands last: svcmgr-sim run SCENARIO [OPTIONS] -- COMMAND [ARGUMENT...]");
+  run->add_option("SCENARIO", options.scenario, "What the agent does")->required();
+  run->add_flag("--keep", options.run.keep, "Leave the world's folder behind and print its name");
+  run->add_flag("--verbose", options.run.verbose, "Show what the agent does on standard error");
+  run->add_option("--time-scale", options.run.time_scale,
+                  "Multiply the scenario's delays; 0 makes them vanish")
+      ->check(CLI::Range(0.0, 1000.0));
+  run->add_option("--app-id", options.app_id, "The command's application ID");
+  run->add_option("--app-version", options.app_version, "The command's application version");
+  run->add_option("--app-root", options.app_root, "The command's application folder");
+}
+
+int Execute(CLI::App& app, const Options& options) {
+  try {
+    if (app.got_subcommand("run")) {
+      return Run(options);
+    }
+    if (app.got_subcommand("agent")) {
+      return RunAgent(options);
+    }
+    return app.got_subcommand("check") ? CheckAll(options.scenarios) : List();
+  } catch (const sim::ScenarioError& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "svcmgr-sim: %s\n", error.what());
+  }
+  return sim::kOwnFailure;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (!OpenStandardDescriptors()) {
+    return sim::kOwnFailure;
+  }
+  Options options;
+  options.run.command = TakeCommand(&argc, argv);
+
+  CLI::App app("Runs commands beside a simulated service-manager agent.", "svcmgr-sim");
+  app.footer(kMoreHelp);
+  app.set_version_flag("--version", std::string("svcmgr-sim ") + SVCMGR_SIM_VERSION);
+  app.require_subcommand(1);
+  AddRun(app, options);
+  app.add_subcommand("check", "Say what is wrong with scenarios, file by file and place by place")
+      ->add_option("SCENARIO", options.scenarios, "Scenarios to check")
+      ->required();
+  app.add_subcommand("list", "Name the scenarios that ship");
+  CLI::App* agent = app.add_subcommand("agent", "Be the agent of a world")->group("");
+  agent->add_option("SCENARIO", options.scenario)->required();
+  agent->add_option("--folder", options.folder);
+  agent->add_option("--time-scale", options.run.time_scale);
+  try {
+    app.parse(argc, argv);
+    if (app.got_subcommand("run") && options.run.command.empty()) {
+      throw CLI::RequiredError("-- COMMAND");
+    }
+    if (!app.got_subcommand("run") && !options.run.command.empty()) {
+      throw CLI::ExtrasError({options.run.command.front()});
+    }
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : kUsageError;
+  }
+  return Execute(app, options);
+}

@@ -1,0 +1,418 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "scenario.h"
+
+#include <fnmatch.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <set>
+#include <sstream>
+
+#include "object_reader.h"
+
+#ifndef AGENT_PACKAGE_ID
+#error "AGENT_PACKAGE_ID is not defined"
+#endif
+
+namespace sim {
+namespace {
+
+constexpr std::array<const char*, kMethodCount> kMethodNames = {
+    "get_agent_api_level",        "get_license",         "request_update",  "GetUsableModelList",
+    "GetUsableModelListWithDesc", "GetModelVersionList", "RequestToUpdate", "RequestToUninstall",
+    "request_update_with_list",
+};
+
+const std::vector<std::pair<const char*, Fault>> kFaults = {
+    {"none", Fault::kNone},           {"never", Fault::kNever},
+    {"drop", Fault::kDrop},           {"drop-after", Fault::kDropAfter},
+    {"crash", Fault::kCrash},         {"cut", Fault::kCut},
+    {"truncated", Fault::kTruncated}, {"oversized", Fault::kOversized},
+    {"negative", Fault::kNegative},
+};
+
+constexpr std::int32_t kLongestDelay = 600000;
+constexpr std::int32_t kMostGenerated = 100000;
+constexpr std::int32_t kMostRepeats = 10000;
+constexpr std::size_t kLongestName = 200;
+
+constexpr char kDefaultLicence[] =
+    "Velmora Service Agent\n"
+    "Sample licence of a simulated agent.\n";
+
+bool IsAllOf(const std::string& text, const char* characters) {
+  return !text.empty() && text.size() <= kLongestName &&
+         text.find_first_not_of(characters) == std::string::npos;
+}
+
+#define LETTERS_AND_DIGITS "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"
+
+TextRule CharactersOf(const char* characters, const char* said) {
+  return [=](const std::string& text) -> std::optional<std::string> {
+    if (IsAllOf(text, characters)) {
+      return std::nullopt;
+    }
+    return "\"" + text + "\" must be 1 to " + std::to_string(kLongestName) + " of " + said;
+  };
+}
+
+std::optional<std::string> ApplicationId(const std::string& text) {
+  static const TextRule characters =
+      CharactersOf(LETTERS_AND_DIGITS "._-", "letters, digits, '.', '_', '-'");
+  if (auto reason = characters(text)) {
+    return reason;
+  }
+  if (text.front() == '.' || text.front() == '-') {
+    return "\"" + text + "\" must begin with a letter, a digit or '_'";
+  }
+  return std::nullopt;
+}
+
+const TextRule kPattern =
+    CharactersOf(LETTERS_AND_DIGITS "._-*?", "letters, digits, '.', '_', '-', '*', '?'");
+const TextRule kVersion =
+    CharactersOf(LETTERS_AND_DIGITS ".+~_-", "letters, digits, '.', '+', '~', '_', '-'");
+const TextRule kMetadataKey = CharactersOf(LETTERS_AND_DIGITS "-", "letters, digits, '-'");
+
+#undef LETTERS_AND_DIGITS
+
+std::optional<std::string> NotEmpty(const std::string& text) {
+  return text.empty() ? std::optional<std::string>("must not be empty") : std::nullopt;
+}
+
+void ReadPatterns(ObjectReader& object, const char* key,
+                  std::optional<std::vector<std::string>>* out) {
+  std::vector<std::string> patterns;
+  if (object.Texts(key, &patterns, kPattern)) {
+    *out = std::move(patterns);
+  }
+}
+
+void ReadPackageKeys(ObjectReader& object, Package* package) {
+  object.Text("id", &package->id, ApplicationId);
+  object.Text("version", &package->version, kVersion);
+  ReadPatterns(object, "clients", &package->clients);
+  object.Object("metadata", [&](ObjectReader& metadata) {
+    metadata.AllTexts(&package->metadata, kMetadataKey);
+  });
+}
+
+/** A licence is one text or a list of lines. */
+void ReadLicence(const Value& value, std::string* licence) {
+  if (value.node().kind == JsonNode::Kind::kText) {
+    *licence = value.node().text;
+    return;
+  }
+  std::vector<std::string> lines;
+  if (value.node().kind != JsonNode::Kind::kList) {
+    value.Refuse(std::string("must be a text or a list of lines, not ") +
+                 NameOf(value.node().kind));
+  } else if (ReadTexts(value, &lines, nullptr)) {
+    licence->clear();
+    for (const std::string& line : lines) {
+      *licence += line + "\n";
+    }
+  }
+}
+
+bool ReadFile(const std::string& path, std::string* content) {
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(path, error)) {
+    return false;
+  }
+  std::ifstream file(path, std::ios::binary);
+  std::ostringstream text;
+  text << file.rdbuf();
+  *content = text.str();
+  return !file.fail() && !file.bad();
+}
+
+void ReadLicenceFile(const Value& value, const std::string& folder, std::string* licence) {
+  if (!value.Is(JsonNode::Kind::kText)) {
+    return;
+  }
+  const std::filesystem::path path = value.node().text;
+  if (folder.empty() && path.is_relative()) {
+    value.Refuse("a scenario that ships has no files beside it");
+  } else if (!ReadFile(folder / path, licence)) {
+    value.Refuse("cannot read the file \"" + (folder / path).string() + "\"");
+  } else if (licence->find('\0') != std::string::npos) {
+    value.Refuse("the file \"" + (folder / path).string() + "\" is not a text");
+  }
+}
+
+void ReadAgent(ObjectReader& object, const std::string& folder, Agent* agent) {
+  ReadPackageKeys(object, &agent->package);
+  object.Integer("apiLevel", &agent->api_level);
+  const auto licence = object.Take("licence");
+  const auto file = object.Take("licenceFile");
+  if (licence && file) {
+    file->Refuse("the licence is given twice: \"licence\" stands here, too");
+  } else if (licence) {
+    ReadLicence(*licence, &agent->licence);
+  } else if (file) {
+    ReadLicenceFile(*file, folder, &agent->licence);
+  }
+  object.Flag("installed", &agent->installed);
+  object.Flag("running", &agent->running);
+  object.Flag("refuse", &agent->refuse);
+  object.Choice<bool>("kyr", &agent->kyr_disabled, {{"enabled", false}, {"disabled", true}});
+}
+
+void ReadClient(ObjectReader& object, const std::string& folder, Client* client) {
+  object.Text("id", &client->id, ApplicationId);
+  object.Text("version", &client->version, kVersion);
+  if (object.Text("root", &client->root, NotEmpty)) {
+    client->root = (std::filesystem::path(folder) / client->root).lexically_normal().string();
+    if (client->root.front() != '/') {
+      object.value().Refuse("\"root\" must be an absolute path in a scenario that ships");
+    }
+  }
+}
+
+/** Notes a name that an earlier entry has; `seen` collects them. */
+void RefuseSecond(ObjectReader& object, const char* what, const std::string& name,
+                  std::set<std::string>* seen) {
+  if (!name.empty() && !seen->insert(name).second) {
+    object.value().Refuse(std::string("there is ") + what + " \"" + name + "\" already");
+  }
+}
+
+void ReadPackages(ObjectReader& root, Scenario* scenario) {
+  std::set<std::string> seen = {scenario->agent.package.id};
+  root.Objects("packages", [&](ObjectReader& object) {
+    Package package;
+    package.version = "1.0.0";
+    ReadPackageKeys(object, &package);
+    object.Require("id");
+    RefuseSecond(object, "a package", package.id, &seen);
+    scenario->packages.push_back(std::move(package));
+  });
+}
+
+void ReadModel(ObjectReader& object, Model* model) {
+  object.Text("id", &model->id, NotEmpty);
+  object.Text("title", &model->title);
+  object.Text("description", &model->description);
+  if (object.Texts("versions", &model->versions, NotEmpty) && model->versions.empty()) {
+    object.value().Refuse("\"versions\" must name at least one version");
+  }
+  ReadPatterns(object, "apps", &model->apps);
+  object.Require("id");
+  object.Require("versions");
+}
+
+Model GeneratedModel(int number) {
+  char id[32];
+  std::snprintf(id, sizeof id, "generated.model.%06d", number);
+  Model model;
+  model.id = id;
+  model.title = "Generated model " + std::to_string(number);
+  model.description = "Model number " + std::to_string(number) + ", made for lists of any length";
+  model.versions = {"1.0.0", "1." + std::to_string(number % 10) + ".1"};
+  return model;
+}
+
+void ReadModels(ObjectReader& root, Scenario* scenario) {
+  std::set<std::string> seen;
+  root.Objects("models", [&](ObjectReader& object) {
+    Model model;
+    ReadModel(object, &model);
+    RefuseSecond(object, "a model", model.id, &seen);
+    scenario->models.push_back(std::move(model));
+  });
+  std::int32_t generated = 0;
+  root.Integer("generate", &generated, 0, kMostGenerated);
+  for (int number = 1; number <= generated; ++number) {
+    scenario->models.push_back(GeneratedModel(number));
+  }
+}
+
+/** A result is one number, or a list of them for one call after the other. */
+void ReadResults(const Value& value, std::vector<std::int32_t>* results) {
+  std::int32_t result = 0;
+  if (value.node().kind != JsonNode::Kind::kList) {
+    if (ReadInteger(value, &result)) {
+      *results = {result};
+    }
+    return;
+  }
+  if (value.node().elements.empty()) {
+    value.Refuse("must name at least one result");
+  }
+  for (const JsonNode& element : value.node().elements) {
+    if (ReadInteger(value.Inside(element, std::to_string(results->size())), &result)) {
+      results->push_back(result);
+    }
+  }
+}
+
+void ReadProgress(ObjectReader& object, MethodScript* script) {
+  std::vector<ProgressStep> steps;
+  const bool present = object.Objects("progress", [&](ObjectReader& entry) {
+    ProgressStep step;
+    entry.Integer("state", &step.state);
+    entry.Integer("index", &step.index);
+    entry.Integer("count", &step.count);
+    entry.Integer("percentage", &step.percentage);
+    entry.Integer("result", &step.result);
+    entry.Integer("delay", &step.delay, 0, kLongestDelay);
+    steps.push_back(step);
+  });
+  if (present) {
+    script->progress = std::move(steps);
+  }
+}
+
+bool IsOneOf(Method method, std::initializer_list<Method> methods) {
+  return std::find(methods.begin(), methods.end(), method) != methods.end();
+}
+
+void ReadMethod(ObjectReader& object, Method method, MethodScript* script) {
+  const bool lists =
+      IsOneOf(method, {Method::kGetUsableModelList, Method::kGetUsableModelListWithDesc,
+                       Method::kGetModelVersionList});
+  const bool works = IsOneOf(method, {Method::kRequestToUpdate, Method::kRequestToUninstall});
+  if (method != Method::kGetLicense) {
+    if (const auto results = object.Take("result")) {
+      ReadResults(*results, &script->results);
+    }
+  }
+  object.Integer("delay", &script->delay, 0, kLongestDelay);
+  object.Choice("fault", &script->fault, kFaults);
+  if (object.Integer("cutAt", &script->cut_at, 0) && script->fault != Fault::kCut &&
+      script->fault != Fault::kTruncated) {
+    object.value().Refuse("\"cutAt\" needs the fault \"cut\" or \"truncated\"");
+  }
+  object.Integer("stray", &script->stray, 0, kMostRepeats);
+  if (lists || works) {
+    object.Integer("repeat", &script->repeat, 1, kMostRepeats);
+  }
+  if (lists) {
+    object.Integer("count", &script->count);
+    object.Integer("arrayCount", &script->array_count);
+  }
+  if (works) {
+    ReadProgress(object, script);
+  }
+}
+
+void ReadMethods(ObjectReader& root, Scenario* scenario) {
+  root.Object("methods", [&](ObjectReader& object) {
+    for (std::size_t i = 0; i < kMethodCount; ++i) {
+      object.Object(kMethodNames[i], [&](ObjectReader& entry) {
+        ReadMethod(entry, static_cast<Method>(static_cast<int>(i) + kFirstMethod),
+                   &scenario->methods[i]);
+      });
+    }
+  });
+}
+
+void ReadRoot(ObjectReader& root, const std::string& folder, Scenario* scenario) {
+  root.Text("description", &scenario->description);
+  root.Number("timeScale", &scenario->time_scale, 0, 1000);
+  root.Object("agent", [&](ObjectReader& object) { ReadAgent(object, folder, &scenario->agent); });
+  root.Object("client",
+              [&](ObjectReader& object) { ReadClient(object, folder, &scenario->client); });
+  ReadPackages(root, scenario);
+  ReadModels(root, scenario);
+  ReadMethods(root, scenario);
+}
+
+/** What is quoted from a file must not reach a terminal as it stands. */
+std::string Printable(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(),
+      [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '?');
+  return text;
+}
+
+void ThrowProblems(std::vector<Problem> problems, const std::string& name) {
+  if (problems.empty()) {
+    return;
+  }
+  std::stable_sort(problems.begin(), problems.end(), [](const Problem& a, const Problem& b) {
+    return std::pair(a.place.line, a.place.column) < std::pair(b.place.line, b.place.column);
+  });
+  std::string text;
+  for (const Problem& problem : problems) {
+    text += (text.empty() ? "" : "\n") + name + ":" + std::to_string(problem.place.line) + ":" +
+            std::to_string(problem.place.column) + ": " +
+            (problem.pointer.empty() ? "" : Printable(problem.pointer) + ": ") +
+            Printable(problem.reason);
+  }
+  throw ScenarioError(text);
+}
+
+std::string ShippedNames() {
+  std::string names;
+  for (const ShippedScenario& shipped : ShippedScenarios()) {
+    names += (names.empty() ? "" : ", ") + std::string(shipped.name);
+  }
+  return names;
+}
+
+bool NamesFile(const std::string& name) {
+  static const std::string ending = ".json";
+  const bool has_ending = name.size() >= ending.size() &&
+                          name.compare(name.size() - ending.size(), ending.size(), ending) == 0;
+  return has_ending || name.find('/') != std::string::npos;
+}
+
+}  // namespace
+
+const char* MethodName(int number) {
+  const int index = number - kFirstMethod;
+  if (index < 0 || index >= static_cast<int>(kMethodCount)) {
+    return nullptr;
+  }
+  return kMethodNames[static_cast<std::size_t>(index)];
+}
+
+Scenario ReadScenario(std::string_view document, const std::string& name,
+                      const std::string& folder) {
+  Scenario scenario;
+  scenario.agent.package.id = AGENT_PACKAGE_ID;
+  scenario.agent.package.version = "2.3.182";
+  scenario.agent.licence = kDefaultLicence;
+
+  std::vector<Problem> problems;
+  const JsonNode tree = ParseJson(document, problems);
+  ThrowProblems(problems, name);
+  const Value value(tree, "", problems);
+  if (value.Is(JsonNode::Kind::kObject)) {
+    ObjectReader root(value);
+    ReadRoot(root, folder, &scenario);
+    root.Finish();
+  }
+  ThrowProblems(problems, name);
+  return scenario;
+}
+
+ScenarioSource FindScenario(const std::string& name) {
+  if (!NamesFile(name)) {
+    for (const ShippedScenario& shipped : ShippedScenarios()) {
+      if (name == shipped.name) {
+        return {name, shipped.document, ""};
+      }
+    }
+    throw ScenarioError(name + ": no scenario of this name ships; there are: " + ShippedNames() +
+                        " (a file's name has a slash or ends in .json)");
+  }
+  ScenarioSource source;
+  source.name = name;
+  if (!ReadFile(name, &source.document)) {
+    throw ScenarioError(name + ": cannot read the file");
+  }
+  source.folder = std::filesystem::absolute(name).parent_path().string();
+  return source;
+}
+
+bool Matches(const std::string& pattern, const std::string& text) {
+  return fnmatch(pattern.c_str(), text.c_str(), FNM_NOESCAPE) == 0;
+}
+
+}  // namespace sim

@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef AGENT_WORLD_H
+#define AGENT_WORLD_H
+
+#include <string>
+
+#include "child.h"
+#include "scenario.h"
+
+namespace sim {
+
+/**
+ * A private folder in which one agent and its clients live:
+ *
+ *   run/         the runtime folder, where ports are
+ *   packages/    the installed packages
+ *   app/res/     the client application's root and its resources, unless the scenario has others
+ *   xdg/         the agent's home
+ *   agent.log    what the agent prints
+ *   agent.pid    the agent's process ID
+ */
+class World {
+ public:
+  /** Makes the folder (mode 0700, below TMPDIR) and installs the packages. Throws std::exception.
+   */
+  explicit World(const Scenario& scenario);
+
+  ~World() { Remove(); }
+  World(const World&) = delete;
+  World& operator=(const World&) = delete;
+
+  void Keep() { kept_ = true; }
+
+  /** Removes the folder, unless it is kept. */
+  void Remove();
+
+  const std::string& folder() const { return folder_; }
+  std::string log_file() const { return folder_ + "/agent.log"; }
+  std::string pid_file() const { return folder_ + "/agent.pid"; }
+
+  /** What the command's environment has that this process's has not. */
+  EnvironmentChanges ClientEnvironment(const Client& client) const;
+  EnvironmentChanges AgentEnvironment(const Agent& agent) const;
+
+ private:
+  void Furnish(const Scenario& scenario);
+  void Install(const Package& package) const;
+
+  std::string folder_;
+  bool kept_ = false;
+};
+
+/** Removes a folder with all that is in it, even while others write there. False if it remains. */
+bool RemoveTree(const std::string& folder);
+
+/** The text of a package's key file. */
+std::string KeyFileOf(const Package& package);
+
+}  // namespace sim
+
+#endif  // AGENT_WORLD_H

@@ -1,0 +1,432 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "scenario.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "temp_folder.h"
+
+namespace {
+
+using sim::Fault;
+using sim::Method;
+using sim::Scenario;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Optional;
+using testing::StartsWith;
+
+Scenario Read(const std::string& document, const std::string& folder = "") {
+  return sim::ReadScenario(document, "file.json", folder);
+}
+
+/** What is said about a document; empty if nothing. */
+std::string Complaint(const std::string& document, const std::string& folder = "") {
+  try {
+    Read(document, folder);
+    return "";
+  } catch (const sim::ScenarioError& error) {
+    return error.what();
+  }
+}
+
+TEST(AnEmptyScenario, HasAnAgentThatWorks) {
+  const Scenario scenario = Read("{}");
+  EXPECT_EQ(scenario.agent.package.id, AGENT_PACKAGE_ID);
+  EXPECT_EQ(scenario.agent.package.version, "2.3.182");
+  EXPECT_EQ(scenario.agent.api_level, 11);
+  EXPECT_FALSE(scenario.agent.licence.empty());
+  EXPECT_TRUE(scenario.agent.installed);
+  EXPECT_TRUE(scenario.agent.running);
+  EXPECT_FALSE(scenario.agent.refuse);
+  EXPECT_FALSE(scenario.agent.kyr_disabled);
+  EXPECT_EQ(scenario.agent.package.clients, std::nullopt);
+  EXPECT_EQ(scenario.client.id, "com.example.client");
+  EXPECT_EQ(scenario.client.version, "1.0.0");
+  EXPECT_THAT(scenario.client.root, IsEmpty());
+  EXPECT_THAT(scenario.packages, IsEmpty());
+  EXPECT_THAT(scenario.models, IsEmpty());
+  EXPECT_EQ(scenario.time_scale, 1);
+}
+
+TEST(AScenario, SaysEverythingAboutTheAgent) {
+  const Scenario scenario = Read(R"({"agent": {
+      "id": "com.example.agent", "version": "1.7", "apiLevel": -2, "licence": "free",
+      "installed": false, "running": false, "refuse": true, "kyr": "disabled",
+      "clients": ["com.*", "?"], "metadata": {"a-key": "a value"}}})");
+  EXPECT_EQ(scenario.agent.package.id, "com.example.agent");
+  EXPECT_EQ(scenario.agent.package.version, "1.7");
+  EXPECT_EQ(scenario.agent.api_level, -2);
+  EXPECT_EQ(scenario.agent.licence, "free");
+  EXPECT_FALSE(scenario.agent.installed);
+  EXPECT_FALSE(scenario.agent.running);
+  EXPECT_TRUE(scenario.agent.refuse);
+  EXPECT_TRUE(scenario.agent.kyr_disabled);
+  EXPECT_THAT(scenario.agent.package.clients, Optional(ElementsAre("com.*", "?")));
+  EXPECT_THAT(scenario.agent.package.metadata, ElementsAre(testing::Pair("a-key", "a value")));
+}
+
+TEST(AScenario, TakesALicenceAsLines) {
+  EXPECT_EQ(Read(R"({"agent": {"licence": ["one", "", "", "four"]}})").agent.licence,
+            "one\n\n\nfour\n");
+}
+
+TEST(AScenario, TakesAnEmptyLicence) {
+  EXPECT_EQ(Read(R"({"agent": {"licence": ""}})").agent.licence, "");
+}
+
+TEST(AScenario, ReadsALicenceFileBesideIt) {
+  const TempFolder folder;
+  folder.Write("licence.txt", "from a file\n");
+  const Scenario scenario = Read(R"({"agent": {"licenceFile": "licence.txt"}})", folder.path());
+  EXPECT_EQ(scenario.agent.licence, "from a file\n");
+}
+
+TEST(AScenario, PutsTheClientsRootIntoItsFolder) {
+  const Scenario scenario =
+      Read(R"({"client": {"id": "a.b", "version": "2", "root": "x/../app"}})", "/some/where");
+  EXPECT_EQ(scenario.client.id, "a.b");
+  EXPECT_EQ(scenario.client.version, "2");
+  EXPECT_EQ(scenario.client.root, "/some/where/app");
+}
+
+TEST(AScenario, HasPackages) {
+  const Scenario scenario = Read(R"({"packages": [
+      {"id": "com.velmora.notes", "version": "1.4.0", "clients": [],
+       "metadata": {"ai-agent-category": "text"}},
+      {"id": "other"}]})");
+  ASSERT_EQ(scenario.packages.size(), 2u);
+  EXPECT_EQ(scenario.packages[0].id, "com.velmora.notes");
+  EXPECT_EQ(scenario.packages[0].version, "1.4.0");
+  EXPECT_THAT(scenario.packages[0].clients, Optional(IsEmpty()));
+  EXPECT_THAT(scenario.packages[0].metadata,
+              ElementsAre(testing::Pair("ai-agent-category", "text")));
+  EXPECT_EQ(scenario.packages[1].version, "1.0.0");
+  EXPECT_EQ(scenario.packages[1].clients, std::nullopt);
+}
+
+TEST(AScenario, HasModels) {
+  const Scenario scenario = Read(R"({"models": [
+      {"id": "m", "title": "T", "description": "D", "versions": ["1", "2"], "apps": ["a.*"]},
+      {"id": "n", "versions": ["1"]}]})");
+  ASSERT_EQ(scenario.models.size(), 2u);
+  EXPECT_EQ(scenario.models[0].id, "m");
+  EXPECT_EQ(scenario.models[0].title, "T");
+  EXPECT_EQ(scenario.models[0].description, "D");
+  EXPECT_THAT(scenario.models[0].versions, ElementsAre("1", "2"));
+  EXPECT_THAT(scenario.models[0].apps, Optional(ElementsAre("a.*")));
+  EXPECT_EQ(scenario.models[1].apps, std::nullopt);
+}
+
+TEST(AScenario, GeneratesModelsBehindItsOwn) {
+  const Scenario scenario =
+      Read(R"({"generate": 1000, "models": [{"id": "m", "versions": ["1"]}]})");
+  ASSERT_EQ(scenario.models.size(), 1001u);
+  EXPECT_EQ(scenario.models[0].id, "m");
+  EXPECT_EQ(scenario.models[1].id, "generated.model.000001");
+  EXPECT_EQ(scenario.models[1000].id, "generated.model.001000");
+  std::set<std::string> ids;
+  for (const auto& model : scenario.models) {
+    ids.insert(model.id);
+  }
+  EXPECT_EQ(ids.size(), 1001u);
+}
+
+TEST(AScenario, ScriptsItsMethods) {
+  const Scenario scenario = Read(R"({"timeScale": 0.5, "methods": {
+      "get_agent_api_level": {"result": 7, "delay": 250},
+      "GetUsableModelList": {"result": [0, -1], "stray": 2, "repeat": 3, "count": 9,
+                             "arrayCount": -4},
+      "GetModelVersionList": {"fault": "cut", "cutAt": 5},
+      "RequestToUpdate": {"progress": [
+          {"state": 1, "index": 2, "count": 3, "percentage": 4, "result": 5, "delay": 6}, {}]}}})");
+  EXPECT_EQ(scenario.time_scale, 0.5);
+  EXPECT_THAT(scenario.Script(Method::kGetAgentApiLevel).results, ElementsAre(7));
+  EXPECT_EQ(scenario.Script(Method::kGetAgentApiLevel).delay, 250);
+  const auto& list = scenario.Script(Method::kGetUsableModelList);
+  EXPECT_THAT(list.results, ElementsAre(0, -1));
+  EXPECT_EQ(list.stray, 2);
+  EXPECT_EQ(list.repeat, 3);
+  EXPECT_THAT(list.count, Optional(9));
+  EXPECT_THAT(list.array_count, Optional(-4));
+  EXPECT_EQ(scenario.Script(Method::kGetModelVersionList).fault, Fault::kCut);
+  EXPECT_THAT(scenario.Script(Method::kGetModelVersionList).cut_at, Optional(5));
+  const auto& progress = scenario.Script(Method::kRequestToUpdate).progress;
+  ASSERT_TRUE(progress.has_value());
+  ASSERT_EQ(progress->size(), 2u);
+  const sim::ProgressStep& step = progress->front();
+  EXPECT_EQ(step.state, 1);
+  EXPECT_EQ(step.index, 2);
+  EXPECT_EQ(step.count, 3);
+  EXPECT_EQ(step.percentage, 4);
+  EXPECT_THAT(step.result, Optional(5));
+  EXPECT_EQ(step.delay, 6);
+  EXPECT_EQ(progress->back().result, std::nullopt);
+  EXPECT_THAT(scenario.Script(Method::kGetLicense).results, IsEmpty());
+}
+
+struct Refusal {
+  const char* name;
+  const char* document;
+  const char* said;  // the whole message, or where it ends in "...", its beginning
+};
+
+void PrintTo(const Refusal& refusal, std::ostream* out) { *out << refusal.name; }
+
+class AWrongScenario : public testing::TestWithParam<Refusal> {};
+
+TEST_P(AWrongScenario, IsRefusedWithItsPlace) {
+  const std::string said = GetParam().said;
+  const std::string complaint = Complaint(GetParam().document);
+  const auto dots = said.rfind("...");
+  if (dots == std::string::npos) {
+    EXPECT_EQ(complaint, said);
+  } else {
+    EXPECT_THAT(complaint, StartsWith(said.substr(0, dots)));
+  }
+}
+
+const Refusal kRefusals[] = {
+    // No JSON.
+    {"Empty", "", "file.json:1:1: syntax error while parsing value - unexpected end of input..."},
+    {"NotJson", "{\n  \"agent\": nope}", "file.json:2:13: syntax error while parsing value..."},
+    {"MissingComma", "{\"a\": 1\n \"b\": 2}",
+     "file.json:2:4: syntax error while parsing object..."},
+    {"NotUtf8", "{\"a\": \"\xff\"}",
+     "file.json:1:8: syntax error while parsing value - invalid..."},
+    {"TwoDocuments", "{} {}", "file.json:1:4: syntax error while parsing value..."},
+    {"NulInText", "{\"description\": \"a\\u0000b\"}",
+     "file.json:1:17: a text cannot hold the character U+0000"},
+    {"TooDeep", "[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[", "file.json:1:33: nested too deeply"},
+    {"KeyTwice", "{\"timeScale\": 1,\n  \"timeScale\": 2}",
+     "file.json:2:3: the key \"timeScale\" stands here a second time"},
+    // Kinds.
+    {"NoObject", " []", "file.json:1:2: must be an object, not a list"},
+    {"AgentNoObject", "{\"agent\": 1}",
+     "file.json:1:11: /agent: must be an object, not a whole "
+     "number"},
+    {"FlagNoFlag", "{\"agent\": {\"running\": \"yes\"}}",
+     "file.json:1:23: /agent/running: must be true or false, not a text"},
+    {"TextNoText", "{\"description\": null}",
+     "file.json:1:17: /description: must be a text, not null"},
+    {"IntegerNoInteger", "{\"agent\": {\"apiLevel\": 1.5}}",
+     "file.json:1:24: /agent/apiLevel: must be a whole number, not a number"},
+    {"ListNoList", "{\"models\": {}}", "file.json:1:12: /models: must be a list, not an object"},
+    {"ElementNoObject", "{\"models\": [true]}",
+     "file.json:1:13: /models/0: must be an object, not true or false"},
+    {"ElementNoText", "{\"agent\": {\"clients\": [\"a\", 5]}}",
+     "file.json:1:29: /agent/clients/1: must be a text, not a whole number"},
+    {"NumberNoNumber", "{\"timeScale\": \"1\"}",
+     "file.json:1:15: /timeScale: must be a number, not a text"},
+    // Keys.
+    {"UnknownKey", "{\n  \"agnet\": {}\n}",
+     "file.json:2:3: /agnet: unknown key \"agnet\"; allowed here: description, timeScale, agent, "
+     "client, packages, models, generate, methods"},
+    {"UnknownAgentKey", "{\"agent\": {\"name\": 1}}",
+     "file.json:1:12: /agent/name: unknown key \"name\"; allowed here: id, version, clients, "
+     "metadata, apiLevel, licence, licenceFile, installed, running, refuse, kyr"},
+    {"UnknownMethod", "{\"methods\": {\"getLicense\": {}}}",
+     "file.json:1:14: /methods/getLicense: unknown key \"getLicense\"; allowed here: "
+     "get_agent_api_level, get_license, request_update, GetUsableModelList, "
+     "GetUsableModelListWithDesc, GetModelVersionList, RequestToUpdate, RequestToUninstall, "
+     "request_update_with_list"},
+    {"KeyOfAnotherMethod", "{\"methods\": {\"request_update\": {\"repeat\": 2}}}",
+     "file.json:1:33: /methods/request_update/repeat: unknown key \"repeat\"; allowed here: "
+     "result, delay, fault, cutAt, stray"},
+    {"ResultOfALicence", "{\"methods\": {\"get_license\": {\"result\": 2}}}",
+     "file.json:1:30: /methods/get_license/result: unknown key \"result\"; allowed here: delay, "
+     "fault, cutAt, stray"},
+    {"OddKey", "{\"a/b~c\\u001b\": 1}",
+     "file.json:1:2: /a~1b~0c?: unknown key \"a/b~c?\"; allowed here: ..."},
+    {"ModelWithoutId", "{\"models\": [{\"versions\": [\"1\"]}]}",
+     "file.json:1:13: /models/0: the key \"id\" is missing"},
+    {"ModelWithoutVersions", "{\"models\": [{\"id\": \"m\"}]}",
+     "file.json:1:13: /models/0: the key \"versions\" is missing"},
+    {"PackageWithoutId", "{\"packages\": [{}]}",
+     "file.json:1:15: /packages/0: the key \"id\" is missing"},
+    // Ranges and words.
+    {"LevelTooHigh", "{\"agent\": {\"apiLevel\": 2147483648}}",
+     "file.json:1:24: /agent/apiLevel: must be from -2147483648 to 2147483647"},
+    {"LevelFarTooHigh", "{\"agent\": {\"apiLevel\": 18446744073709551615}}",
+     "file.json:1:24: /agent/apiLevel: must be a whole number, not a number"},
+    {"TimeScaleNegative", "{\"timeScale\": -0.5}",
+     "file.json:1:15: /timeScale: must be from 0 to 1000"},
+    {"GenerateNegative", "{\"generate\": -1}",
+     "file.json:1:14: /generate: must be from 0 to "
+     "100000"},
+    {"DelayTooLong", "{\"methods\": {\"get_license\": {\"delay\": 600001}}}",
+     "file.json:1:39: /methods/get_license/delay: must be from 0 to 600000"},
+    {"RepeatNone", "{\"methods\": {\"RequestToUpdate\": {\"repeat\": 0}}}",
+     "file.json:1:44: /methods/RequestToUpdate/repeat: must be from 1 to 10000"},
+    {"UnknownFault", "{\"methods\": {\"get_license\": {\"fault\": \"sulk\"}}}",
+     "file.json:1:39: /methods/get_license/fault: \"sulk\" is not one of: none, never, drop, "
+     "drop-after, crash, cut, truncated, oversized, negative"},
+    {"UnknownKyr", "{\"agent\": {\"kyr\": \"off\"}}",
+     "file.json:1:19: /agent/kyr: \"off\" is not one of: enabled, disabled"},
+    {"NoResult", "{\"methods\": {\"request_update\": {\"result\": []}}}",
+     "file.json:1:43: /methods/request_update/result: must name at least one result"},
+    {"ResultNoNumber", "{\"methods\": {\"request_update\": {\"result\": [1, \"2\"]}}}",
+     "file.json:1:47: /methods/request_update/result/1: must be a whole number, not a text"},
+    {"CutWithoutFault", "{\"methods\": {\"get_license\": {\"cutAt\": 2}}}",
+     "file.json:1:29: /methods/get_license: \"cutAt\" needs the fault \"cut\" or \"truncated\""},
+    {"ProgressNoList", "{\"methods\": {\"RequestToUpdate\": {\"progress\": {}}}}",
+     "file.json:1:46: /methods/RequestToUpdate/progress: must be a list, not an object"},
+    {"ProgressStepWrong",
+     "{\"methods\": {\"RequestToUpdate\": {\"progress\": [{\"percent\": 1}]}}}",
+     "file.json:1:48: /methods/RequestToUpdate/progress/0/percent: unknown key \"percent\"; "
+     "allowed here: state, index, count, percentage, result, delay"},
+    // Texts.
+    {"EmptyId", "{\"agent\": {\"id\": \"\"}}",
+     "file.json:1:18: /agent/id: \"\" must be 1 to 200 of letters, digits, '.', '_', '-'"},
+    {"IdWithSlash", "{\"packages\": [{\"id\": \"../x\"}]}",
+     "file.json:1:22: /packages/0/id: \"../x\" must be 1 to 200 of letters, digits, '.', '_', '-'"},
+    {"IdWithDot", "{\"client\": {\"id\": \".x\"}}",
+     "file.json:1:19: /client/id: \".x\" must begin with a letter, a digit or '_'"},
+    {"VersionWithBlank", "{\"agent\": {\"version\": \"2 3\"}}",
+     "file.json:1:23: /agent/version: \"2 3\" must be 1 to 200 of letters, digits, '.', '+', '~', "
+     "'_', '-'"},
+    {"PatternWithSemicolon", "{\"agent\": {\"clients\": [\"a;b\"]}}",
+     "file.json:1:24: /agent/clients/0: \"a;b\" must be 1 to 200 of letters, digits, '.', '_', "
+     "'-', '*', '?'"},
+    {"MetadataKeyWithEquals", "{\"agent\": {\"metadata\": {\"a=b\": \"c\"}}}",
+     "file.json:1:32: /agent/metadata/a=b: \"a=b\" must be 1 to 200 of letters, digits, '-'"},
+    {"MetadataNoText", "{\"agent\": {\"metadata\": {\"a\": 1}}}",
+     "file.json:1:30: /agent/metadata/a: must be a text, not a whole number"},
+    {"EmptyModelId", "{\"models\": [{\"id\": \"\", \"versions\": [\"1\"]}]}",
+     "file.json:1:20: /models/0/id: must not be empty"},
+    {"NoVersions", "{\"models\": [{\"id\": \"m\", \"versions\": []}]}",
+     "file.json:1:13: /models/0: \"versions\" must name at least one version"},
+    {"LicenceNoText", "{\"agent\": {\"licence\": 5}}",
+     "file.json:1:23: /agent/licence: must be a text or a list of lines, not a whole number"},
+    // Twice.
+    {"ModelTwice",
+     "{\"models\": [{\"id\": \"m\", \"versions\": [\"1\"]},\n {\"id\": \"m\", \"versions\": "
+     "[\"1\"]}]}",
+     "file.json:2:2: /models/1: there is a model \"m\" already"},
+    {"VersionTwice", "{\"models\": [{\"id\": \"m\", \"versions\": [\"1\", \"1\"]}]}",
+     "file.json:1:43: /models/0/versions/1: \"1\" stands in this list already"},
+    {"PackageTwice", "{\"packages\": [{\"id\": \"a\"}, {\"id\": \"a\"}]}",
+     "file.json:1:28: /packages/1: there is a package \"a\" already"},
+    {"PackageLikeAgent", "{\"packages\": [{\"id\": \"a\"}], \"agent\": {\"id\": \"a\"}}",
+     "file.json:1:15: /packages/0: there is a package \"a\" already"},
+    {"LicenceTwice", "{\"agent\": {\"licenceFile\": \"/x\", \"licence\": \"a\"}}",
+     "file.json:1:27: /agent/licenceFile: the licence is given twice: \"licence\" stands here, "
+     "too"},
+    // Files.
+    {"LicenceFileOfNoFolder", "{\"agent\": {\"licenceFile\": \"x\"}}",
+     "file.json:1:27: /agent/licenceFile: a scenario that ships has no files beside it"},
+    {"LicenceFileMissing", "{\"agent\": {\"licenceFile\": \"/nonexistent/x\"}}",
+     "file.json:1:27: /agent/licenceFile: cannot read the file \"/nonexistent/x\""},
+    {"RootOfNoFolder", "{\"client\": {\"root\": \"x\"}}",
+     "file.json:1:12: /client: \"root\" must be an absolute path in a scenario that ships"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Each, AWrongScenario, testing::ValuesIn(kRefusals),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST(AWrongScenarioWithTwoFaults, IsRefusedWithBothInTheirOrder) {
+  EXPECT_EQ(Complaint("{\"unknown\": 1,\n \"agent\": {\"running\": 1}}"),
+            "file.json:1:2: /unknown: unknown key \"unknown\"; allowed here: description, "
+            "timeScale, agent, client, packages, models, generate, methods\n"
+            "file.json:2:23: /agent/running: must be true or false, not a whole number");
+}
+
+TEST(ALicenceFile, IsRefusedWhenItHoldsANul) {
+  const TempFolder folder;
+  const std::string file = folder.Write("binary", std::string("a\0b", 3));
+  EXPECT_EQ(Complaint(R"({"agent": {"licenceFile": "binary"}})", folder.path()),
+            "file.json:1:27: /agent/licenceFile: the file \"" + file + "\" is not a text");
+}
+
+TEST(AScenariosPlaces, AreRightAfterEveryKindOfValue) {
+  EXPECT_EQ(Complaint("{\"agent\": {\"apiLevel\" : 12 ,\n\"running\":true\t,\n\n"
+                      "  \"licence\":\"\\u00e4\\\\\" , \"clients\":[ \"a\" ,\"b\"] , \"x\" : {}}}"),
+            "file.json:4:50: /agent/x: unknown key \"x\"; allowed here: id, version, clients, "
+            "metadata, apiLevel, licence, licenceFile, installed, running, refuse, kyr");
+}
+
+TEST(FindScenario, FindsThoseThatShipByName) {
+  const sim::ScenarioSource source = sim::FindScenario("demo");
+  EXPECT_EQ(source.name, "demo");
+  EXPECT_EQ(source.folder, "");
+  EXPECT_THAT(source.document, HasSubstr("vision.segment"));
+}
+
+TEST(FindScenario, FindsFilesAndTheirFolder) {
+  const TempFolder folder;
+  const std::string file = folder.Write("mine.json", "{}");
+  const sim::ScenarioSource source = sim::FindScenario(file);
+  EXPECT_EQ(source.name, file);
+  EXPECT_EQ(source.folder, folder.path());
+  EXPECT_EQ(source.document, "{}");
+}
+
+TEST(FindScenario, NamesThoseThatShipWhenThereIsNoneOfTheName) {
+  try {
+    sim::FindScenario("dmeo");
+    FAIL() << "found";
+  } catch (const sim::ScenarioError& error) {
+    EXPECT_THAT(error.what(), StartsWith("dmeo: no scenario of this name ships; there are: "));
+    EXPECT_THAT(error.what(), HasSubstr("demo, drops, "));
+  }
+}
+
+TEST(FindScenario, RefusesFilesThatAreNotThere) {
+  for (const std::string name : {"./demo", "demo.json", "/", "/nonexistent/x.json"}) {
+    try {
+      sim::FindScenario(name);
+      FAIL() << "found " << name;
+    } catch (const sim::ScenarioError& error) {
+      EXPECT_EQ(error.what(), name + ": cannot read the file");
+    }
+  }
+}
+
+TEST(TheScenariosThatShip, AreRightAndSayWhatTheyAre) {
+  ASSERT_GE(sim::ShippedScenarios().size(), 12u);
+  for (const sim::ShippedScenario& shipped : sim::ShippedScenarios()) {
+    const Scenario scenario = sim::ReadScenario(shipped.document, shipped.name, "");
+    EXPECT_THAT(scenario.description, testing::Not(IsEmpty())) << shipped.name;
+    EXPECT_LT(scenario.description.size(), 80u) << shipped.name;
+  }
+}
+
+TEST(TheDemo, ShowsSeveralModelsWithSeveralVersionsEach) {
+  const Scenario demo = Read(sim::FindScenario("demo").document);
+  EXPECT_EQ(demo.agent.package.version, "2.3.182");
+  EXPECT_EQ(demo.agent.api_level, 11);
+  EXPECT_THAT(demo.agent.licence, HasSubstr("\n"));
+  EXPECT_GE(demo.models.size(), 4u);
+  for (const sim::Model& model : demo.models) {
+    EXPECT_GE(model.versions.size(), 2u) << model.id;
+  }
+}
+
+TEST(AMethodsName, BelongsToItsNumber) {
+  EXPECT_STREQ(sim::MethodName(2), "get_agent_api_level");
+  EXPECT_STREQ(sim::MethodName(3), "get_license");
+  EXPECT_STREQ(sim::MethodName(4), "request_update");
+  EXPECT_STREQ(sim::MethodName(5), "GetUsableModelList");
+  EXPECT_STREQ(sim::MethodName(6), "GetUsableModelListWithDesc");
+  EXPECT_STREQ(sim::MethodName(7), "GetModelVersionList");
+  EXPECT_STREQ(sim::MethodName(8), "RequestToUpdate");
+  EXPECT_STREQ(sim::MethodName(9), "RequestToUninstall");
+  EXPECT_STREQ(sim::MethodName(10), "request_update_with_list");
+  for (const int number : {-1, 0, 1, 11, 2147483647, -2147483647 - 1}) {
+    EXPECT_EQ(sim::MethodName(number), nullptr) << number;
+  }
+}
+
+TEST(APattern, MatchesWithStarsAndQuestionMarks) {
+  EXPECT_TRUE(sim::Matches("com.velmora.*", "com.velmora.notes"));
+  EXPECT_TRUE(sim::Matches("*", ""));
+  EXPECT_TRUE(sim::Matches("a?c", "abc"));
+  EXPECT_FALSE(sim::Matches("com.velmora.*", "com.velmora"));
+  EXPECT_FALSE(sim::Matches("a?c", "ac"));
+  EXPECT_FALSE(sim::Matches("abc", "abcd"));
+}
+
+}  // namespace
