@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef TOOLS_SVCMGRCTL_COMMAND_LINE_H_
+#define TOOLS_SVCMGRCTL_COMMAND_LINE_H_
+
+#include <string>
+
+#include "commands.h"
+#include "options.h"
+
+namespace svcmgrctl {
+
+/** What the command line asks for. */
+struct Invocation {
+  Options options;
+  /** Empty if only a text is asked for. */
+  Command command;
+  /** Help or version. */
+  std::string text;
+};
+
+/**
+ * Reads the command line. A wrong one is a Failure that exits with kExitUsage;
+ * `invocation->options` then still tell the form in which to report it.
+ */
+void ReadCommandLine(int argc, const char* const* argv, Invocation* invocation);
+
+}  // namespace svcmgrctl
+
+#endif  // TOOLS_SVCMGRCTL_COMMAND_LINE_H_

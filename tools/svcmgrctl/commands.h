@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef TOOLS_SVCMGRCTL_COMMANDS_H_
+#define TOOLS_SVCMGRCTL_COMMANDS_H_
+
+#include <CLI/App.hpp>
+#include <functional>
+
+#include "console.h"
+#include "session.h"
+
+namespace svcmgrctl {
+
+/** What a command does: asks the agent, hands its data to the console, or fails with a Failure. A
+ *  command that has data in spite of a failure hands it over first. */
+using Command = std::function<void(Session&, Console&)>;
+
+// Each adds one family of commands to the command line. The command that the user names, and no
+// other, is stored in *chosen.
+
+/** status */
+void AddStatusCommand(CLI::App& app, Command* chosen);
+/** api-level, license */
+void AddAgentCommands(CLI::App& app, Command* chosen);
+/** models list, models versions */
+void AddModelCommands(CLI::App& app, Command* chosen);
+
+}  // namespace svcmgrctl
+
+#endif  // TOOLS_SVCMGRCTL_COMMANDS_H_

@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef TOOLS_SVCMGRCTL_HANDLES_H_
+#define TOOLS_SVCMGRCTL_HANDLES_H_
+
+#include <cstdlib>
+#include <memory>
+
+#include "velmora_svcmgr.h"
+
+namespace svcmgrctl {
+
+struct DestroyModelInfo {
+  using pointer = velmora_svcmgr_ai_model_info_h;
+  void operator()(pointer info) const { velmora_svcmgr_ai_model_info_destroy(info); }
+};
+
+struct DestroyModelList {
+  using pointer = velmora_svcmgr_ai_model_list_h;
+  void operator()(pointer list) const { velmora_svcmgr_ai_model_list_destroy(list); }
+};
+
+struct FreeText {
+  void operator()(char* text) const { std::free(text); }
+};
+
+using ModelInfo = std::unique_ptr<velmora_svcmgr_ai_model_info_h, DestroyModelInfo>;
+using ModelList = std::unique_ptr<velmora_svcmgr_ai_model_list_h, DestroyModelList>;
+using Text = std::unique_ptr<char, FreeText>;
+
+}  // namespace svcmgrctl
+
+#endif  // TOOLS_SVCMGRCTL_HANDLES_H_

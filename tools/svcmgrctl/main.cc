@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <optional>
+
+#include "command_line.h"
+#include "console.h"
+#include "session.h"
+
+namespace svcmgrctl {
+namespace {
+
+struct Outcome {
+  std::optional<Failure> failure;
+  // A thread still uses the library: see Session::HasStuckCall.
+  bool stuck = false;
+};
+
+template <class Work>
+std::optional<Failure> FailureFrom(Work work) {
+  try {
+    work();
+    return std::nullopt;
+  } catch (const Failure& failure) {
+    return failure;
+  } catch (const std::exception& error) {
+    return Failure{std::nullopt, "UNFORESEEN", error.what(), kExitFailed};
+  }
+}
+
+// The library's records are for developers: a person gets the message of the program.
+void ChooseLogLevel(bool verbose) { setenv("VELMORA_LOG_LEVEL", verbose ? "info" : "silent", 0); }
+
+Outcome Carry(const Command& command, const Options& options, Console* console) {
+  Outcome outcome;
+  Session session(options.timeout);
+  outcome.failure = FailureFrom([&] { command(session, *console); });
+  outcome.stuck = session.HasStuckCall();
+  return outcome;
+}
+
+int Run(int argc, const char* const* argv) {
+  Invocation invocation;
+  const auto wrong = FailureFrom([&] { ReadCommandLine(argc, argv, &invocation); });
+  Console console(invocation.options);
+  if (wrong) {
+    console.Error(*wrong);
+    return wrong->exit;
+  }
+  Outcome outcome;
+  if (invocation.command) {
+    ChooseLogLevel(invocation.options.verbose);
+    outcome = Carry(invocation.command, invocation.options, &console);
+  } else {
+    console.Text(invocation.text);
+  }
+  const auto unwritten = FailureFrom([&] { console.Flush(); });
+  if (!outcome.failure) outcome.failure = unwritten;
+  if (outcome.failure) console.Error(*outcome.failure);
+  const int status = outcome.failure ? outcome.failure->exit : kExitDone;
+  if (outcome.stuck) _exit(status);
+  return status;
+}
+
+}  // namespace
+}  // namespace svcmgrctl
+
+int main(int argc, char** argv) {
+  svcmgrctl::ReserveStandardDescriptors();
+  std::signal(SIGPIPE, SIG_IGN);
+  return svcmgrctl::Run(argc, argv);
+}

@@ -1,0 +1,130 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "queries.h"
+#include "table.h"
+#include "text.h"
+
+namespace svcmgrctl {
+namespace {
+
+struct Column {
+  const char* title;
+  std::optional<std::string> Model::*text;
+};
+
+constexpr Column kId = {"ID", &Model::id};
+constexpr Column kVersion = {"VERSION", &Model::version};
+constexpr Column kTitle = {"TITLE", &Model::title};
+constexpr Column kDescription = {"DESCRIPTION", &Model::description};
+
+std::string TableOf(const std::vector<Model>& models, const std::vector<Column>& columns,
+                    bool color) {
+  if (models.empty()) return {};
+  Table table;
+  std::vector<std::string> titles;
+  for (const Column& column : columns) titles.push_back(column.title);
+  table.AddHeading(titles);
+  for (const Model& model : models) {
+    std::vector<Table::Cell> row;
+    for (const Column& column : columns) row.push_back({(model.*column.text).value_or("")});
+    table.AddRow(row);
+  }
+  return table.Render(color);
+}
+
+Json TextOrNull(const std::optional<std::string>& text) { return text ? Json(*text) : Json(); }
+
+Json ToJson(const std::vector<Model>& models) {
+  Json list = Json::array();
+  for (const Model& model : models)
+    list.push_back({{"id", TextOrNull(model.id)},
+                    {"version", TextOrNull(model.version)},
+                    {"title", TextOrNull(model.title)},
+                    {"description", TextOrNull(model.description)}});
+  return list;
+}
+
+struct ListOptions {
+  bool descriptions = false;
+  std::optional<std::string> category;
+};
+
+void ListModels(Session& session, Console& console, const ListOptions& options) {
+  session.Connect();
+  const std::vector<Model> models =
+      options.category       ? AskModelsOfCategory(session, *options.category)
+      : options.descriptions ? AskUsableModelsWithDescriptions(session)
+                             : AskUsableModels(session);
+  std::vector<Column> columns = {kId, kVersion, kTitle};
+  if (options.descriptions) columns.push_back(kDescription);
+  if (models.empty()) console.Note("there are no usable models");
+  console.Data({{"models", ToJson(models)}}, TableOf(models, columns, console.color()));
+}
+
+[[noreturn]] void ThrowNoSuchModel(const std::string& id, const std::vector<Model>& models) {
+  std::vector<std::string> ids;
+  for (const Model& model : models) ids.push_back(model.id.value_or(""));
+  std::string message = "there is no usable model '" + id + "'";
+  const char* separator = "; did you mean ";
+  for (const std::string& similar : SimilarTo(id, ids)) {
+    message += separator + ("'" + similar + "'");
+    separator = " or ";
+  }
+  throw Failure{std::nullopt, "NOT_FOUND", message, kExitNotFound};
+}
+
+void ListVersions(Session& session, Console& console, const std::string& id) {
+  session.Connect();
+  // The agent is asked with all four texts of a model, so the model has to be found first.
+  const std::vector<Model> models = AskUsableModelsWithDescriptions(session);
+  const auto model = std::find_if(models.begin(), models.end(),
+                                  [&id](const Model& candidate) { return candidate.id == id; });
+  if (model == models.end()) ThrowNoSuchModel(id, models);
+  const std::vector<Model> versions = AskVersions(session, *model);
+  if (versions.empty()) console.Note("there are no versions of '" + id + "'");
+  console.Data({{"id", id}, {"versions", ToJson(versions)}},
+               TableOf(versions, {kVersion, kId, kTitle}, console.color()));
+}
+
+void AddList(CLI::App& models, Command* chosen) {
+  auto options = std::make_shared<ListOptions>();
+  CLI::App* list = models.add_subcommand("list", "List the models that may be used");
+  CLI::Option* descriptions = list->add_flag("--descriptions", options->descriptions,
+                                             "With their descriptions; not with --category");
+  list->add_option("--category", options->category,
+                   "Those that the application which declares this category may use")
+      ->type_name("NAME")
+      ->excludes(descriptions);
+  list->callback([chosen, options] {
+    *chosen = [options](Session& session, Console& console) {
+      ListModels(session, console, *options);
+    };
+  });
+}
+
+void AddVersions(CLI::App& models, Command* chosen) {
+  auto id = std::make_shared<std::string>();
+  CLI::App* versions = models.add_subcommand("versions", "List the available versions of a model");
+  versions->add_option("ID", *id, "The model, as 'models list' shows it")
+      ->type_name("")
+      ->required();
+  versions->callback([chosen, id] {
+    *chosen = [id](Session& session, Console& console) { ListVersions(session, console, *id); };
+  });
+}
+
+}  // namespace
+
+void AddModelCommands(CLI::App& app, Command* chosen) {
+  CLI::App* models = app.add_subcommand("models", "Ask about AI models");
+  models->require_subcommand(1);
+  AddList(*models, chosen);
+  AddVersions(*models, chosen);
+}
+
+}  // namespace svcmgrctl

@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef TOOLS_SVCMGRCTL_OPTIONS_H_
+#define TOOLS_SVCMGRCTL_OPTIONS_H_
+
+namespace svcmgrctl {
+
+/** When to use colours. */
+enum class ColorWhen { kAuto, kAlways, kNever };
+
+/** What is said once, for every command. */
+struct Options {
+  /** Data and errors as JSON documents. */
+  bool json = false;
+  /** The library's log records too. */
+  bool verbose = false;
+  /** Seconds that the whole command may take; 0 for no limit. */
+  double timeout = 30;
+  ColorWhen color = ColorWhen::kAuto;
+};
+
+}  // namespace svcmgrctl
+
+#endif  // TOOLS_SVCMGRCTL_OPTIONS_H_

@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "table.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <utility>
+
+#include "text.h"
+
+namespace svcmgrctl {
+namespace {
+
+const char* EscapeOf(Tone tone) {
+  switch (tone) {
+    case Tone::kHeading:
+      return "\x1b[1m";
+    case Tone::kGood:
+      return "\x1b[32m";
+    case Tone::kBad:
+      return "\x1b[31m";
+    case Tone::kPlain:
+      break;
+  }
+  return "";
+}
+
+}  // namespace
+
+std::string Painted(std::string_view text, Tone tone, bool color) {
+  std::string painted(text);
+  if (!color || tone == Tone::kPlain) return painted;
+  return EscapeOf(tone) + painted + "\x1b[0m";
+}
+
+void Table::AddRow(std::vector<Cell> row) {
+  for (Cell& cell : row) cell.text = cell.text.empty() ? "-" : ForTerminal(cell.text);
+  rows_.push_back(std::move(row));
+}
+
+void Table::AddHeading(const std::vector<std::string>& titles) {
+  std::vector<Cell> row;
+  for (const std::string& title : titles) row.push_back({title, Tone::kHeading});
+  AddRow(std::move(row));
+}
+
+std::string Table::Render(bool color) const {
+  std::vector<std::size_t> widths;
+  for (const auto& row : rows_) {
+    widths.resize(std::max(widths.size(), row.size()));
+    for (std::size_t i = 0; i < row.size(); ++i)
+      widths[i] = std::max(widths[i], CellWidth(row[i].text));
+  }
+  std::string out;
+  for (const auto& row : rows_) {
+    for (std::size_t i = 0; i < row.size(); ++i) {
+      out += Painted(row[i].text, row[i].tone, color);
+      // Nothing is aligned to the last column, and spaces at a line's end only wrap it.
+      if (i + 1 < row.size()) out.append(widths[i] - CellWidth(row[i].text) + 2, ' ');
+    }
+    out += '\n';
+  }
+  return out;
+}
+
+}  // namespace svcmgrctl

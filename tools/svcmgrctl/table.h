@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef TOOLS_SVCMGRCTL_TABLE_H_
+#define TOOLS_SVCMGRCTL_TABLE_H_
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace svcmgrctl {
+
+/** What a piece of output means, which decides its colour. */
+enum class Tone { kPlain, kHeading, kGood, kBad };
+
+/** A text in the colour of its tone. The text itself must be safe for a terminal already. */
+std::string Painted(std::string_view text, Tone tone, bool color);
+
+/** A table for people: columns as wide as their widest cell on the terminal, two spaces between. */
+class Table {
+ public:
+  struct Cell {
+    /** As it came; the table makes it safe. An empty cell is shown as "-". */
+    std::string text;
+    Tone tone = Tone::kPlain;
+  };
+
+  /** All rows must have the same number of cells. */
+  void AddRow(std::vector<Cell> row);
+  void AddHeading(const std::vector<std::string>& titles);
+
+  std::string Render(bool color) const;
+
+ private:
+  std::vector<std::vector<Cell>> rows_;
+};
+
+}  // namespace svcmgrctl
+
+#endif  // TOOLS_SVCMGRCTL_TABLE_H_

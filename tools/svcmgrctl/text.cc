@@ -1,0 +1,124 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "text.h"
+
+#include <glib.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <iterator>
+#include <numeric>
+#include <utility>
+
+namespace svcmgrctl {
+namespace {
+
+struct Range {
+  gunichar first;
+  gunichar last;
+};
+
+constexpr Range kUnsafe[] = {
+    {0x0000, 0x001F},  // control characters, among them the start of every escape sequence
+    {0x007F, 0x009F},  // delete, and the control characters that need no escape
+    {0x061C, 0x061C},  // Arabic letter mark
+    {0x200E, 0x200F},  // left-to-right and right-to-left marks
+    {0x2028, 0x202E},  // line and paragraph separators, embeddings and overrides of direction
+    {0x2066, 0x2069},  // isolates of direction
+    {0xFEFF, 0xFEFF},  // byte order mark
+    {0xFFF9, 0xFFFB},  // interlinear annotations
+};
+
+// What is above it are GLib's marks for bytes that are no character.
+constexpr gunichar kLastCharacter = 0x10FFFF;
+
+bool IsUnsafe(gunichar c) {
+  return std::any_of(std::begin(kUnsafe), std::end(kUnsafe),
+                     [c](Range range) { return range.first <= c && c <= range.last; });
+}
+
+std::string ByteNumber(unsigned byte) {
+  char shown[8];
+  std::snprintf(shown, sizeof shown, "\\x%02X", byte);
+  return shown;
+}
+
+std::string CharacterNumber(unsigned c) {
+  char shown[16];
+  std::snprintf(shown, sizeof shown, "\\u%04X", c);
+  return shown;
+}
+
+std::string Escaped(gunichar c) {
+  if (c == '\n') return "\\n";
+  if (c == '\r') return "\\r";
+  if (c == '\t') return "\\t";
+  return c < 0x80 ? ByteNumber(c) : CharacterNumber(c);
+}
+
+std::size_t EditDistance(std::string_view a, std::string_view b) {
+  std::vector<std::size_t> row(b.size() + 1);
+  std::iota(row.begin(), row.end(), std::size_t{0});
+  for (std::size_t i = 1; i <= a.size(); ++i) {
+    std::size_t diagonal = std::exchange(row[0], i);
+    for (std::size_t j = 1; j <= b.size(); ++j) {
+      const std::size_t replaced = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
+      diagonal = std::exchange(row[j], std::min({row[j] + 1, row[j - 1] + 1, replaced}));
+    }
+  }
+  return row[b.size()];
+}
+
+}  // namespace
+
+std::string ForTerminal(std::string_view text, Layout layout) {
+  std::string safe;
+  safe.reserve(text.size());
+  while (!text.empty()) {
+    const auto first = static_cast<guchar>(text[0]);
+    const gunichar c =
+        first < 0x80 ? first
+                     : g_utf8_get_char_validated(text.data(), static_cast<gssize>(text.size()));
+    const bool valid = c <= kLastCharacter;
+    const std::size_t length = valid ? static_cast<std::size_t>(g_unichar_to_utf8(c, nullptr)) : 1;
+    if (!valid)
+      safe += ByteNumber(first);
+    else if (IsUnsafe(c) && !(layout == Layout::kKeep && (c == '\n' || c == '\t')))
+      safe += Escaped(c);
+    else
+      safe += text.substr(0, length);
+    text.remove_prefix(length);
+  }
+  return safe;
+}
+
+std::size_t CellWidth(std::string_view text) {
+  std::size_t cells = 0;
+  const char* const end = text.data() + text.size();
+  for (const char* p = text.data(); p < end; p = g_utf8_next_char(p)) {
+    const gunichar c = g_utf8_get_char(p);
+    if (!g_unichar_iszerowidth(c)) cells += g_unichar_iswide(c) ? 2 : 1;
+  }
+  return cells;
+}
+
+std::vector<std::string> SimilarTo(std::string_view word,
+                                   const std::vector<std::string>& candidates) {
+  constexpr std::size_t kAtMost = 3;
+  // The cost of comparing grows with the product of the lengths, and nobody mistypes a whole page.
+  constexpr std::size_t kLongest = 256;
+  const std::size_t tolerance = std::max<std::size_t>(1, word.size() / 3);
+  std::vector<std::pair<std::size_t, std::string>> ranked;
+  for (const std::string& candidate : candidates) {
+    if (candidate.empty() || word.size() > kLongest || candidate.size() > kLongest) continue;
+    const std::size_t distance = EditDistance(word, candidate);
+    if (distance <= tolerance) ranked.emplace_back(distance, candidate);
+  }
+  std::sort(ranked.begin(), ranked.end());
+  ranked.erase(std::unique(ranked.begin(), ranked.end()), ranked.end());
+  std::vector<std::string> similar;
+  for (auto& [distance, candidate] : ranked)
+    if (similar.size() < kAtMost) similar.push_back(std::move(candidate));
+  return similar;
+}
+
+}  // namespace svcmgrctl

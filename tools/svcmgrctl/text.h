@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef TOOLS_SVCMGRCTL_TEXT_H_
+#define TOOLS_SVCMGRCTL_TEXT_H_
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace svcmgrctl {
+
+/** Whether line feeds and tabs of a text are layout that is wanted. */
+enum class Layout { kEscape, kKeep };
+
+/**
+ * A text from outside, made safe for a terminal: what could steer the terminal, or make a text look
+ * like another one, is shown by its number. Bytes that are not UTF-8 become \xNN, control
+ * characters \xNN or \uNNNN, characters that reorder the line \uNNNN. All else is passed on.
+ */
+std::string ForTerminal(std::string_view text, Layout layout = Layout::kEscape);
+
+/** How many cells of a terminal a text takes, which ForTerminal has made safe. */
+std::size_t CellWidth(std::string_view text);
+
+/** Those of `candidates` that differ little enough from `word` to be what was meant, best first, at
+ *  most three. */
+std::vector<std::string> SimilarTo(std::string_view word,
+                                   const std::vector<std::string>& candidates);
+
+}  // namespace svcmgrctl
+
+#endif  // TOOLS_SVCMGRCTL_TEXT_H_
