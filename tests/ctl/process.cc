@@ -1,0 +1,140 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "process.h"
+
+#include <poll.h>
+#include <pty.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <system_error>
+#include <utility>
+
+namespace {
+
+class Descriptor {
+ public:
+  explicit Descriptor(int fd = -1) : fd_(fd) {}
+  Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+  }
+  ~Descriptor() { Close(); }
+  int get() const { return fd_; }
+  void Close() {
+    if (fd_ >= 0) close(std::exchange(fd_, -1));
+  }
+
+ private:
+  int fd_;
+};
+
+struct Pipe {
+  Descriptor read_end;
+  Descriptor write_end;
+};
+
+void Require(bool worked, const char* what) {
+  if (!worked) throw std::system_error(errno, std::generic_category(), what);
+}
+
+Pipe MakePipe() {
+  int ends[2];
+  Require(pipe(ends) == 0, "pipe");
+  return {Descriptor(ends[0]), Descriptor(ends[1])};
+}
+
+Pipe MakeTerminal() {
+  int master = -1;
+  int slave = -1;
+  Require(openpty(&master, &slave, nullptr, nullptr, nullptr) == 0, "openpty");
+  return {Descriptor(master), Descriptor(slave)};
+}
+
+struct Channels {
+  Pipe output;
+  Pipe errors;
+  Pipe waiting;
+};
+
+[[noreturn]] void BecomeProgram(const std::string& script, const Start& start,
+                                const Channels& channels) {
+  for (const char* name : {"NO_COLOR", "TERM", "VELMORA_LOG_LEVEL"}) unsetenv(name);
+  for (const auto& [name, value] : start.environment) setenv(name.c_str(), value.c_str(), 1);
+  setenv("SVCMGRCTL_SCRIPT", script.c_str(), 1);
+  if (start.signal_when_waiting != 0)
+    setenv("SVCMGRCTL_SCRIPT_FD", std::to_string(channels.waiting.write_end.get()).c_str(), 1);
+  const int out =
+      start.standard_output >= 0 ? start.standard_output : channels.output.write_end.get();
+  dup2(out, STDOUT_FILENO);
+  dup2(start.terminal ? out : channels.errors.write_end.get(), STDERR_FILENO);
+  if (start.no_descriptors)
+    for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) close(fd);
+  if (start.no_file_space) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit none = {0, 0};
+    setrlimit(RLIMIT_FSIZE, &none);
+  }
+  std::vector<char*> arguments;
+  std::string name = "svcmgrctl";
+  arguments.push_back(name.data());
+  std::vector<std::string> copies = start.arguments;
+  for (std::string& copy : copies) arguments.push_back(copy.data());
+  arguments.push_back(nullptr);
+  execv(SVCMGRCTL_SCRIPTED, arguments.data());
+  _exit(98);
+}
+
+// Appends what there is to read, or closes at the end.
+void ReadSome(Descriptor* from, std::string* into) {
+  std::array<char, 4096> bytes;
+  const ssize_t count = read(from->get(), bytes.data(), bytes.size());
+  if (count > 0)
+    into->append(bytes.data(), static_cast<std::size_t>(count));
+  else if (count == 0 || errno != EINTR)  // a terminal's end is an error, EIO
+    from->Close();
+}
+
+void ReadToTheEnd(Channels* channels, Ending* ending) {
+  Descriptor& output = channels->output.read_end;
+  Descriptor& errors = channels->errors.read_end;
+  while (output.get() >= 0 || errors.get() >= 0) {
+    std::array<pollfd, 2> ready = {
+        {{output.get(), POLLIN, 0}, {errors.get(), POLLIN, 0}}};  // poll skips -1
+    poll(ready.data(), ready.size(), -1);
+    if (ready[0].revents != 0) ReadSome(&output, &ending->output);
+    if (ready[1].revents != 0) ReadSome(&errors, &ending->errors);
+  }
+}
+
+}  // namespace
+
+Ending RunScripted(const std::string& script, const Start& start) {
+  Channels channels = {start.terminal ? MakeTerminal() : MakePipe(), MakePipe(), MakePipe()};
+  if (start.output_without_reader) channels.output.read_end.Close();
+  const pid_t child = fork();
+  Require(child >= 0, "fork");
+  if (child == 0) BecomeProgram(script, start, channels);
+  for (Pipe* pipe : {&channels.output, &channels.errors, &channels.waiting})
+    pipe->write_end.Close();
+  char byte = 0;
+  if (start.signal_when_waiting != 0 && read(channels.waiting.read_end.get(), &byte, 1) == 1)
+    kill(child, start.signal_when_waiting);
+  Ending ending;
+  ReadToTheEnd(&channels, &ending);
+  int status = 0;
+  Require(waitpid(child, &status, 0) == child, "waitpid");
+  ending.status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  return ending;
+}
+
+Ending RunScripted(const std::string& script, std::vector<std::string> arguments) {
+  Start start;
+  start.arguments = std::move(arguments);
+  return RunScripted(script, start);
+}

@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef TESTS_CTL_PROCESS_H_
+#define TESTS_CTL_PROCESS_H_
+
+#include <map>
+#include <string>
+#include <vector>
+
+/** How a program is started, and what happens to it. */
+struct Start {
+  std::vector<std::string> arguments;
+  /** Variables set for the program; those that could change its output are removed. */
+  std::map<std::string, std::string> environment;
+  /** A descriptor to use as standard output instead of the pipe that is read; -1 for none. */
+  int standard_output = -1;
+  /** Standard output has nobody to read it. */
+  bool output_without_reader = false;
+  /** The program starts without standard descriptors 0 to 2; its output is lost. */
+  bool no_descriptors = false;
+  /** Files cannot grow, as on a full disk. */
+  bool no_file_space = false;
+  /** Standard output and standard error are one terminal; what it shows is the output. */
+  bool terminal = false;
+  /** A signal to send as soon as the program waits for what never comes; 0 for none. */
+  int signal_when_waiting = 0;
+};
+
+struct Ending {
+  /** The exit status; the negative number of the signal that ended the program. */
+  int status = 0;
+  std::string output;
+  std::string errors;
+};
+
+/** Runs the command line against the scripted library, to its end. */
+Ending RunScripted(const std::string& script, const Start& start);
+Ending RunScripted(const std::string& script, std::vector<std::string> arguments);
+
+#endif  // TESTS_CTL_PROCESS_H_

@@ -1,0 +1,309 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The public interface without an agent behind it: every function answers as the environment
+// variable SVCMGRCTL_SCRIPT says, which holds a JSON object. All keys may be left out.
+//
+//   "connect"    {"result": code, "events": [[result, state]...], "inside": bool}
+//                inside: the events run before the function returns
+//   "license"    {"result": code, "text": text}, "level" {"result": code, "value": number}
+//   "models", "described", "category", "versions"
+//                {"result": code, "error": code, "models": [{"id": text...}...], "times": number,
+//                 "null": bool, "echo": bool}
+//                echo: answer with the model that was asked about
+//
+// In each but "connect": "drop": true loses the connection when the function is called, "never":
+// true never answers. A text is a string, or {"hex": digits} for bytes that JSON cannot hold.
+//
+// When something is asked that will never be answered, one byte is written to descriptor
+// SVCMGRCTL_SCRIPT_FD, so that a test knows without a clock that the program waits.
+//
+// What the interface forbids its callers ends the process with 99, and so do handles left at the
+// end.
+
+#include <glib.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "velmora_svcmgr.h"
+
+using nlohmann::json;
+
+enum Field { kId, kVersion, kTitle, kDescription, kFieldCount };
+
+struct velmora_svcmgr_ai_model_info_s {
+  std::array<std::optional<std::string>, kFieldCount> texts;
+};
+
+struct velmora_svcmgr_ai_model_list_s {
+  std::vector<velmora_svcmgr_ai_model_info_s> models;
+};
+
+namespace {
+
+constexpr std::array<const char*, kFieldCount> kFieldNames = {"id", "version", "title",
+                                                              "description"};
+
+[[noreturn]] void Forbidden(const char* what) {
+  std::fprintf(stderr, "scripted library: %s\n", what);
+  _exit(99);
+}
+
+struct Library {
+  const std::thread::id main_thread = std::this_thread::get_id();
+  json script;
+  velmora_svcmgr_connection_cb on_connection = nullptr;
+  void* on_connection_data = nullptr;
+  int connection = 0;
+  bool connected = false;
+  long live_handles = 0;
+
+  Library() {
+    const char* text = std::getenv("SVCMGRCTL_SCRIPT");
+    script = text == nullptr ? json::object() : json::parse(text);
+  }
+  ~Library() {
+    if (live_handles != 0) Forbidden("handles are left at the end");
+    if (connected) Forbidden("the connection was not ended");
+  }
+};
+
+Library library;
+
+void CheckMainThread() {
+  if (std::this_thread::get_id() != library.main_thread) Forbidden("not on the main thread");
+}
+
+json Step(const char* name) { return library.script.value(name, json::object()); }
+
+std::string TextOf(const json& text) {
+  if (text.is_string()) return text.get<std::string>();
+  const std::string hex = text.at("hex").get<std::string>();
+  std::string bytes;
+  for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
+    bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+  return bytes;
+}
+
+void RunLater(std::function<void()> event) {
+  g_idle_add_full(
+      G_PRIORITY_DEFAULT,
+      [](gpointer data) -> gboolean {
+        (*static_cast<std::function<void()>*>(data))();
+        return G_SOURCE_REMOVE;
+      },
+      new std::function<void()>(std::move(event)),
+      [](gpointer data) { delete static_cast<std::function<void()>*>(data); });
+}
+
+void Report(int result, int state) {
+  library.connected = state == SVCMGR_CONNECTION_STATE_CONNECTED;
+  library.on_connection(result, state, library.on_connection_data);
+}
+
+void TellThatItWaits() {
+  const char* fd = std::getenv("SVCMGRCTL_SCRIPT_FD");
+  if (fd != nullptr && write(std::atoi(fd), "w", 1) != 1) Forbidden("nobody listens");
+}
+
+void DropIfAsked(const json& step) {
+  if (step.value("drop", false))
+    RunLater([] { Report(SVCMGR_ERROR_NONE, SVCMGR_CONNECTION_STATE_DISCONNECTED); });
+}
+
+// A call that waits for the agent.
+int Call(const json& step, const std::function<void()>& answer) {
+  DropIfAsked(step);
+  if (step.value("never", false)) {
+    TellThatItWaits();
+    for (;;) pause();
+  }
+  const int result = step.value("result", 0);
+  if (result == SVCMGR_ERROR_NONE) answer();
+  return result;
+}
+
+velmora_svcmgr_ai_model_list_h ListOf(const json& models) {
+  auto* list = new velmora_svcmgr_ai_model_list_s;
+  ++library.live_handles;
+  for (const json& texts : models) {
+    auto& info = list->models.emplace_back();
+    for (std::size_t i = 0; i < kFieldCount; ++i)
+      if (texts.contains(kFieldNames[i])) info.texts[i] = TextOf(texts[kFieldNames[i]]);
+  }
+  return list;
+}
+
+int Request(const json& step, velmora_svcmgr_ai_model_list_cb callback, void* data) {
+  if (callback == nullptr) return SVCMGR_ERROR_INVALID_PARAMETER;
+  DropIfAsked(step);
+  const int result = step.value("result", 0);
+  if (result != SVCMGR_ERROR_NONE) return result;
+  if (step.value("never", false)) {
+    TellThatItWaits();
+    return SVCMGR_ERROR_NONE;
+  }
+  for (int i = 0; i < step.value("times", 1); ++i)
+    RunLater([step, callback, data, connection = library.connection] {
+      if (!library.connected || connection != library.connection) return;
+      callback(step.value("error", 0),
+               step.value("null", false) ? nullptr : ListOf(step.value("models", json::array())),
+               data);
+    });
+  return SVCMGR_ERROR_NONE;
+}
+
+template <std::size_t field>
+int GetText(velmora_svcmgr_ai_model_info_h info, char** text) {
+  if (info == nullptr || text == nullptr) return SVCMGR_ERROR_INVALID_PARAMETER;
+  if (!info->texts[field]) return SVCMGR_ERROR_INVALID_OPERATION;
+  *text = strdup(info->texts[field]->c_str());
+  return SVCMGR_ERROR_NONE;
+}
+
+template <std::size_t field>
+int SetText(velmora_svcmgr_ai_model_info_h info, const char* text) {
+  if (info == nullptr || text == nullptr) return SVCMGR_ERROR_INVALID_PARAMETER;
+  if (info->texts[field]) Forbidden("a text is set twice");
+  info->texts[field] = text;
+  return SVCMGR_ERROR_NONE;
+}
+
+}  // namespace
+
+int velmora_svcmgr_connect(velmora_svcmgr_connection_cb callback, void* user_data) {
+  CheckMainThread();
+  const json step = Step("connect");
+  library.on_connection = callback;
+  library.on_connection_data = user_data;
+  ++library.connection;
+  const json events = step.value("events", json::parse("[[0, 0]]"));
+  const auto run = [events] {
+    for (const json& event : events) Report(event[0].get<int>(), event[1].get<int>());
+  };
+  if (events.empty()) TellThatItWaits();
+  if (step.value("inside", false))
+    run();
+  else if (step.value("result", 0) == SVCMGR_ERROR_NONE)
+    RunLater(run);
+  return step.value("result", 0);
+}
+
+int velmora_svcmgr_disconnect(void) {
+  CheckMainThread();
+  library.connected = false;
+  return SVCMGR_ERROR_NONE;
+}
+
+int velmora_svcmgr_get_license_fulltext(char** text) {
+  const json step = Step("license");
+  return Call(step, [&] {
+    if (step.contains("text")) *text = strdup(TextOf(step["text"]).c_str());
+  });
+}
+
+int velmora_svcmgr_get_agent_api_level(int* level) {
+  const json step = Step("level");
+  return Call(step, [&] { *level = step.value("value", 11); });
+}
+
+int velmora_svcmgr_ai_model_info_create(velmora_svcmgr_ai_model_info_h* info) {
+  *info = new velmora_svcmgr_ai_model_info_s;
+  ++library.live_handles;
+  return SVCMGR_ERROR_NONE;
+}
+
+int velmora_svcmgr_ai_model_info_destroy(velmora_svcmgr_ai_model_info_h info) {
+  --library.live_handles;
+  delete info;
+  return SVCMGR_ERROR_NONE;
+}
+
+int velmora_svcmgr_ai_model_info_get_id(velmora_svcmgr_ai_model_info_h info, char** text) {
+  return GetText<kId>(info, text);
+}
+int velmora_svcmgr_ai_model_info_get_version(velmora_svcmgr_ai_model_info_h info, char** text) {
+  return GetText<kVersion>(info, text);
+}
+int velmora_svcmgr_ai_model_info_get_title(velmora_svcmgr_ai_model_info_h info, char** text) {
+  return GetText<kTitle>(info, text);
+}
+int velmora_svcmgr_ai_model_info_get_description(velmora_svcmgr_ai_model_info_h info, char** text) {
+  return GetText<kDescription>(info, text);
+}
+int velmora_svcmgr_ai_model_info_set_id(velmora_svcmgr_ai_model_info_h info, const char* text) {
+  return SetText<kId>(info, text);
+}
+int velmora_svcmgr_ai_model_info_set_version(velmora_svcmgr_ai_model_info_h info,
+                                             const char* text) {
+  return SetText<kVersion>(info, text);
+}
+int velmora_svcmgr_ai_model_info_set_title(velmora_svcmgr_ai_model_info_h info, const char* text) {
+  return SetText<kTitle>(info, text);
+}
+int velmora_svcmgr_ai_model_info_set_description(velmora_svcmgr_ai_model_info_h info,
+                                                 const char* text) {
+  return SetText<kDescription>(info, text);
+}
+
+int velmora_svcmgr_ai_model_list_destroy(velmora_svcmgr_ai_model_list_h list) {
+  if (list == nullptr) return SVCMGR_ERROR_INVALID_PARAMETER;
+  --library.live_handles;
+  delete list;
+  return SVCMGR_ERROR_NONE;
+}
+
+int velmora_svcmgr_ai_model_list_get(velmora_svcmgr_ai_model_list_h list, int index,
+                                     velmora_svcmgr_ai_model_info_h* info) {
+  if (index < 0) Forbidden("a negative index");
+  if (static_cast<std::size_t>(index) >= list->models.size()) return SVCMGR_ERROR_OUT_OF_INDEX;
+  *info = new velmora_svcmgr_ai_model_info_s(list->models[static_cast<std::size_t>(index)]);
+  ++library.live_handles;
+  return SVCMGR_ERROR_NONE;
+}
+
+int velmora_svcmgr_ai_model_list_get_size(velmora_svcmgr_ai_model_list_h list, int* size) {
+  if (list == nullptr) return SVCMGR_ERROR_INVALID_PARAMETER;
+  *size = static_cast<int>(list->models.size());
+  return SVCMGR_ERROR_NONE;
+}
+
+int velmora_svcmgr_ai_request_usable_model_list(velmora_svcmgr_ai_model_list_cb callback,
+                                                void* user_data) {
+  return Request(Step("models"), callback, user_data);
+}
+
+int velmora_svcmgr_ai_request_usable_model_list_with_description(
+    velmora_svcmgr_ai_model_list_cb callback, void* user_data) {
+  return Request(Step("described"), callback, user_data);
+}
+
+int velmora_svcmgr_ai_request_usable_model_list_with_category(
+    velmora_svcmgr_ai_model_list_cb callback, const char* category, void* user_data) {
+  json step = Step("category");
+  if (step.value("name", category) != category) return SVCMGR_ERROR_INVALID_PARAMETER;
+  return Request(step, callback, user_data);
+}
+
+int velmora_svcmgr_ai_request_model_version_list(velmora_svcmgr_ai_model_info_h info,
+                                                 velmora_svcmgr_ai_model_list_cb callback,
+                                                 void* user_data) {
+  json step = Step("versions");
+  json echo;
+  for (std::size_t i = 0; i < kFieldCount; ++i) {
+    if (!info->texts[i]) return SVCMGR_ERROR_INVALID_OPERATION;
+    echo[kFieldNames[i]] = *info->texts[i];
+  }
+  if (step.value("echo", false)) step["models"] = {echo};
+  return Request(step, callback, user_data);
+}

@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "table.h"
+
+#include <gtest/gtest.h>
+
+namespace svcmgrctl {
+namespace {
+
+TEST(ATable, AlignsItsColumnsByTerminalCells) {
+  Table table;
+  table.AddHeading({"ID", "TITLE", "VERSION"});
+  table.AddRow({{"a"}, {"\xe4\xb8\xad\xe6\x96\x87\xe6\xa8\xa1\xe5\x9e\x8b"}, {"1"}});
+  table.AddRow({{"longer"}, {"caf\xc3\xa9"}, {"2"}});
+  table.AddRow({{"b"}, {"cafe\xcc\x81"}, {"3"}});
+  EXPECT_EQ(table.Render(false),
+            "ID      TITLE     VERSION\n"
+            "a       \xe4\xb8\xad\xe6\x96\x87\xe6\xa8\xa1\xe5\x9e\x8b  1\n"
+            "longer  caf\xc3\xa9      2\n"
+            "b       cafe\xcc\x81      3\n");
+}
+
+TEST(ATable, ShowsAnEmptyCellAsADashAndEndsNoLineInSpaces) {
+  Table table;
+  table.AddRow({{""}, {"long cell"}});
+  table.AddRow({{"x"}, {""}});
+  EXPECT_EQ(table.Render(false), "-  long cell\nx  -\n");
+}
+
+TEST(ATable, IsAlignedByWhatItShowsOfAHostileText) {
+  Table table;
+  table.AddRow({{"\x1b[2J"}, {"1"}});
+  table.AddRow({{"x"}, {"2"}});
+  EXPECT_EQ(table.Render(false), "\\x1B[2J  1\nx        2\n");
+}
+
+TEST(ATable, KeepsItsAlignmentInColor) {
+  Table table;
+  table.AddRow({{"Link", Tone::kHeading}, {"up", Tone::kGood}});
+  table.AddRow({{"Agent"}, {"gone", Tone::kBad}});
+  EXPECT_EQ(table.Render(true),
+            "\x1b[1mLink\x1b[0m   \x1b[32mup\x1b[0m\n"
+            "Agent  \x1b[31mgone\x1b[0m\n");
+}
+
+TEST(ATable, WithoutRowsIsEmpty) { EXPECT_EQ(Table().Render(true), ""); }
+
+}  // namespace
+}  // namespace svcmgrctl
