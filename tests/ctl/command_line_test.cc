@@ -3,7 +3,10 @@
 // What may be typed, and what a wrong command line is told.
 #include <gmock/gmock.h>
 
+#include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "process.h"
 
@@ -92,6 +95,18 @@ TEST(Help, IsDataAndHoldsTheTableOfExitCodes) {
                            "--timeout", "--color", "Examples:", "Exit status:", "\n    0  done\n",
                            "\n    7  the agent did not answer in time\n", "\n  130  interrupted\n"})
     EXPECT_THAT(ending.output, HasSubstr(part));
+}
+
+TEST(TheManPage, HasTheSameExitCodesAsHelp) {
+  std::ifstream file(SVCMGRCTL_MAN_PAGE);
+  const std::string page((std::istreambuf_iterator<char>(file)), {});
+  const std::string help = RunScripted("{}", {"--help"}).output;
+  std::istringstream codes(help.substr(help.find("Exit status:\n") + 13));
+  int code = 0;
+  int count = 0;
+  for (std::string meaning; codes >> code && std::getline(codes >> std::ws, meaning); ++count)
+    EXPECT_THAT(page, HasSubstr("\n" + std::to_string(code) + "\t" + meaning));
+  EXPECT_EQ(count, 12);
 }
 
 TEST(Help, OfACommandNamesTheWholeCommand) {

@@ -81,12 +81,12 @@ struct Channels {
     setrlimit(RLIMIT_FSIZE, &none);
   }
   std::vector<char*> arguments;
-  std::string name = "svcmgrctl";
-  arguments.push_back(name.data());
+  std::string program = start.program;
+  arguments.push_back(program.data());
   std::vector<std::string> copies = start.arguments;
   for (std::string& copy : copies) arguments.push_back(copy.data());
   arguments.push_back(nullptr);
-  execv(SVCMGRCTL_SCRIPTED, arguments.data());
+  execv(program.c_str(), arguments.data());
   _exit(98);
 }
 

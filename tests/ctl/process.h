@@ -8,6 +8,8 @@
 
 /** How a program is started, and what happens to it. */
 struct Start {
+  /** The program, linked with the scripted library. */
+  std::string program = SVCMGRCTL_SCRIPTED;
   std::vector<std::string> arguments;
   /** Variables set for the program; those that could change its output are removed. */
   std::map<std::string, std::string> environment;
@@ -32,8 +34,9 @@ struct Ending {
   std::string errors;
 };
 
-/** Runs the command line against the scripted library, to its end. */
+/** Runs a program against the scripted library, to its end. */
 Ending RunScripted(const std::string& script, const Start& start);
+/** Runs svcmgrctl so. */
 Ending RunScripted(const std::string& script, std::vector<std::string> arguments);
 
 #endif  // TESTS_CTL_PROCESS_H_
