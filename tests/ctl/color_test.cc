@@ -28,7 +28,7 @@ Ending RunOnTerminal(std::vector<std::string> arguments,
   start.arguments = std::move(arguments);
   start.environment = std::move(environment);
   start.terminal = true;
-  return RunScripted("{}", start);
+  return RunWith(start, "{}");
 }
 
 TEST(Color, IsNotUsedInAPipe) {
@@ -55,7 +55,7 @@ TEST(Color, ThatIsAskedForCountsMoreThanNoColor) {
   Start start;
   start.arguments = {"status", "--color", "always"};
   start.environment = {{"NO_COLOR", "1"}};
-  EXPECT_THAT(RunScripted("{}", start).output, HasSubstr(kEscape));
+  EXPECT_THAT(RunWith(start, "{}").output, HasSubstr(kEscape));
 }
 
 TEST(Color, IsUsedOnATerminalUnlessItIsNotWanted) {

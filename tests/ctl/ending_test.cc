@@ -126,7 +126,7 @@ TEST(ATimeLimit, OfZeroIsNone) {
   Start start;
   start.arguments = {"api-level", "--timeout", "0"};
   start.signal_when_waiting = SIGINT;
-  EXPECT_EQ(RunScripted(kSilent, start).status, 130);
+  EXPECT_EQ(RunWith(start, kSilent).status, 130);
 }
 
 TEST(ALostConnection, EndsEveryWaitAtOnce) {
@@ -162,7 +162,7 @@ TEST(ASignal, EndsEveryWait) {
       Start start;
       start.arguments = With(command, {"--timeout", "0"});
       start.signal_when_waiting = SIGINT;
-      const Ending ending = RunScripted(script, start);
+      const Ending ending = RunWith(start, script);
       EXPECT_EQ(ending.status, 130) << command.back();
       EXPECT_EQ(ending.output, "");
       EXPECT_EQ(ending.errors, "svcmgrctl: error: interrupted\n");
@@ -173,7 +173,7 @@ TEST(ASignal, ToTerminateHasAStatusOfItsOwn) {
   Start start;
   start.arguments = {"models", "versions", "vision", "--json", "--timeout", "0"};
   start.signal_when_waiting = SIGTERM;
-  const Ending ending = RunScripted(kVersionsSilent, start);
+  const Ending ending = RunWith(start, kVersionsSilent);
   EXPECT_EQ(ending.status, 143);
   EXPECT_THAT(ending.errors, HasSubstr(R"("name":"TERMINATED")"));
 }
@@ -182,7 +182,7 @@ TEST(AReaderThatIsGone, IsNoFailure) {
   Start start;
   start.arguments = {"api-level"};
   start.output_without_reader = true;
-  const Ending ending = RunScripted("{}", start);
+  const Ending ending = RunWith(start, "{}");
   EXPECT_EQ(ending.status, 0);
   EXPECT_EQ(ending.errors, "");
 }
@@ -194,7 +194,7 @@ TEST(AFullDisk, FailsWithAMessage) {
   Start start;
   start.arguments = {"--help"};
   start.standard_output = open("/dev/full", O_WRONLY | O_CLOEXEC);
-  const Ending ending = RunScripted("{}", start);
+  const Ending ending = RunWith(start, "{}");
   close(start.standard_output);
   EXPECT_EQ(ending.status, 1);
   EXPECT_EQ(ending.errors,
@@ -221,21 +221,21 @@ class AFileThatCannotGrow : public testing::Test {
 
 TEST_F(AFileThatCannotGrow, FailsACommandThatSucceeded) {
   start_.arguments = {"models", "list", "--json"};
-  const Ending ending = RunScripted("{}", start_);
+  const Ending ending = RunWith(start_, "{}");
   EXPECT_EQ(ending.status, 1);
   EXPECT_THAT(ending.errors, HasSubstr(R"("name":"WRITE_FAILED")"));
 }
 
 TEST_F(AFileThatCannotGrow, DoesNotHideAnEarlierFailure) {
   start_.arguments = {"status"};
-  EXPECT_EQ(RunScripted(R"({"level": {"result": -1073741826}})", start_).status, 9);
+  EXPECT_EQ(RunWith(start_, R"({"level": {"result": -1073741826}})").status, 9);
 }
 
 TEST(StandardOutput, WhenItIsClosedIsAFailureToWrite) {
   Start start;
   start.arguments = {"api-level"};
   start.no_descriptors = true;
-  EXPECT_EQ(RunScripted("{}", start).status, 1);
+  EXPECT_EQ(RunWith(start, "{}").status, 1);
 }
 
 }  // namespace

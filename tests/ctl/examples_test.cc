@@ -5,16 +5,16 @@
 
 namespace {
 
-Ending Run(const char* program, const std::string& script) {
+Ending RunExample(const char* program, const std::string& script) {
   Start start;
   start.program = program;
-  return RunScripted(script, start);
+  return RunWith(start, script);
 }
 
 constexpr const char* kPrograms[] = {LIST_MODELS_C, LIST_MODELS_CC};
 
 TEST(TheExampleInC, ListsTheIdsOfTheModels) {
-  const Ending ending = Run(
+  const Ending ending = RunExample(
       LIST_MODELS_C, R"({"models": {"models": [{"id": "a"}, {"title": "no id"}, {"id": "b"}]}})");
   EXPECT_EQ(ending.status, 0);
   EXPECT_EQ(ending.output, "a\nb\n");
@@ -22,7 +22,7 @@ TEST(TheExampleInC, ListsTheIdsOfTheModels) {
 }
 
 TEST(TheExampleInCxx, ListsVersionsAndDescriptionsToo) {
-  const Ending ending = Run(
+  const Ending ending = RunExample(
       LIST_MODELS_CC,
       R"({"described": {"models": [{"id": "a", "version": "1", "description": "Sees"}, {"id": "b"}]}})");
   EXPECT_EQ(ending.status, 0);
@@ -32,7 +32,7 @@ TEST(TheExampleInCxx, ListsVersionsAndDescriptionsToo) {
 
 TEST(AnExample, ListsTheModelsAlsoWhenTheConnectionStandsBeforeConnectReturns) {
   for (const char* program : kPrograms)
-    EXPECT_EQ(Run(program, R"({"connect": {"inside": true}})").status, 0) << program;
+    EXPECT_EQ(RunExample(program, R"({"connect": {"inside": true}})").status, 0) << program;
 }
 
 TEST(AnExample, FailsWithTheCodeOfWhatWentWrong) {
@@ -52,7 +52,7 @@ TEST(AnExample, FailsWithTheCodeOfWhatWentWrong) {
   };
   for (const char* program : kPrograms)
     for (const auto& row : rows) {
-      const Ending ending = Run(program, row.script);
+      const Ending ending = RunExample(program, row.script);
       EXPECT_EQ(ending.status, 1) << program << row.script;
       const std::string end = ": error " + std::to_string(row.code) + "\n";
       ASSERT_GE(ending.errors.size(), end.size()) << program << row.script;

@@ -114,7 +114,7 @@ void ReadToTheEnd(Channels* channels, Ending* ending) {
 
 }  // namespace
 
-Ending RunScripted(const std::string& script, const Start& start) {
+Ending RunWith(const Start& start, const std::string& script) {
   Channels channels = {start.terminal ? MakeTerminal() : MakePipe(), MakePipe(), MakePipe()};
   if (start.output_without_reader) channels.output.read_end.Close();
   const pid_t child = fork();
@@ -136,5 +136,5 @@ Ending RunScripted(const std::string& script, const Start& start) {
 Ending RunScripted(const std::string& script, std::vector<std::string> arguments) {
   Start start;
   start.arguments = std::move(arguments);
-  return RunScripted(script, start);
+  return RunWith(start, script);
 }

@@ -35,7 +35,7 @@ struct Ending {
 };
 
 /** Runs a program against the scripted library, to its end. */
-Ending RunScripted(const std::string& script, const Start& start);
+Ending RunWith(const Start& start, const std::string& script);
 /** Runs svcmgrctl so. */
 Ending RunScripted(const std::string& script, std::vector<std::string> arguments);
 

@@ -265,6 +265,7 @@ int velmora_svcmgr_ai_model_list_destroy(velmora_svcmgr_ai_model_list_h list) {
 
 int velmora_svcmgr_ai_model_list_get(velmora_svcmgr_ai_model_list_h list, int index,
                                      velmora_svcmgr_ai_model_info_h* info) {
+  if (list == nullptr || info == nullptr) return SVCMGR_ERROR_INVALID_PARAMETER;
   if (index < 0) Forbidden("a negative index");
   if (static_cast<std::size_t>(index) >= list->models.size()) return SVCMGR_ERROR_OUT_OF_INDEX;
   *info = new velmora_svcmgr_ai_model_info_s(list->models[static_cast<std::size_t>(index)]);
