@@ -37,7 +37,7 @@ bool IsUnsafe(gunichar c) {
 }
 
 std::string ByteNumber(unsigned byte) {
-  char shown[8];
+  char shown[16];
   std::snprintf(shown, sizeof shown, "\\x%02X", byte);
   return shown;
 }
