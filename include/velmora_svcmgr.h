@@ -24,8 +24,8 @@
  *     velmora_svcmgr_error_e, and never throws. The codes that a function returns are listed with
  *     it, but for two that are the same everywhere: SVCMGR_ERROR_NOT_SUPPORTED when the agent's
  *     package is not installed, which is found before any argument is looked at; and
- *     SVCMGR_ERROR_INVALID_OPERATION when something unforeseen happens inside, such as memory
- *     running out.
+ *     SVCMGR_ERROR_INVALID_OPERATION, unless the function names another, when something unforeseen
+ *     happens inside, such as memory running out.
  *  2. Outputs are written on success only. After a failure they hold what they held before.
  *  3. Texts are NUL-terminated. A text that a function hands out is a copy that belongs to the
  *     caller, who releases it with free(). A text that is handed in is copied.
@@ -33,16 +33,18 @@
  *     they belong to the application, which releases each with the `_destroy` function of its
  *     kind. A handle is not thread-safe. A handle that was destroyed must not be passed in again.
  *  5. Callbacks run on the thread that runs the application's main loop (the default GLib main
- *     context), with no lock of the library held. They may call any function of this interface,
- *     velmora_svcmgr_disconnect and velmora_svcmgr_connect included. After
- *     velmora_svcmgr_disconnect has returned, no callback of that connection runs. C++: an
- *     exception that leaves a callback is caught and logged.
+ *     context). They may call any function of this interface, velmora_svcmgr_disconnect and
+ *     velmora_svcmgr_connect included. After velmora_svcmgr_disconnect has ended a connection, no
+ *     callback of that connection runs. C++: an exception that leaves a callback is caught and
+ *     logged.
  *  6. User data is passed back as it is. The library never reads, copies or releases it.
- *  7. Threads. Call velmora_svcmgr_connect and velmora_svcmgr_disconnect on the main-loop thread.
- *     The other functions may be called on any thread. The library starts no thread and sets no
- *     timer.
+ *  7. Threads. Call velmora_svcmgr_connect and velmora_svcmgr_disconnect on the main-loop thread,
+ *     and disconnect only when no other thread is inside a call: such a call fails, and how well
+ *     is up to the platform. The other functions may be called on any thread. The library starts
+ *     no thread and sets no timer.
  *  8. Blocking. A function that says "blocks" waits for the agent's answer, however long that
- *     takes. The others return at once.
+ *     takes. While one thread waits so, requests of other threads wait too; on the main-loop
+ *     thread prefer the requests that are answered by callbacks. The others return at once.
  */
 
 #define VELMORA_SVCMGR_VERSION_MAJOR 2
@@ -135,7 +137,12 @@ typedef void (*velmora_svcmgr_connection_cb)(int result, int state, void* user_d
  * After a refusal there is none but a new process.
  *
  * A failure inside the platform that is neither of those below is not reported: the function
- * returns success and the callback never comes. Guard the wait with a time limit of your own.
+ * returns success, the callback never comes, and connecting again starts nothing. Guard the wait
+ * with a time limit of your own.
+ *
+ * Should the platform report a connection and fail all the same, the callback has said connected
+ * while this function returns a failure. Queries then fail as if the agent could not be asked, and
+ * velmora_svcmgr_disconnect leads out.
  *
  * @param callback   Reports changes of the connection. It and user_data must stay valid for as long
  *                   as connections are attempted, which may be for the life of the process.
@@ -152,10 +159,13 @@ int velmora_svcmgr_connect(velmora_svcmgr_connection_cb callback, void* user_dat
 
 /**
  * Ends the connection. Requests that were not answered yet are dropped: their callbacks never come.
- * The connection callback is not called. Does nothing, successfully, while not connected: also
- * while connecting, and after the connection was lost or refused.
+ * The connection callback is not called.
  *
- * @return SVCMGR_ERROR_NONE, SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
+ * A trap: while not connected it does nothing, successfully; also while connecting, when the
+ * connection callback may still come, and after the connection was lost or refused.
+ *
+ * @return SVCMGR_ERROR_NONE
+ * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION; the connection stands on then
  */
 int velmora_svcmgr_disconnect(void);
 
@@ -167,7 +177,8 @@ int velmora_svcmgr_disconnect(void);
  * A trap: when the agent cannot be asked, or has no text, the function returns SVCMGR_ERROR_NONE
  * and leaves *text as it was. Set *text to null before the call, and test it after.
  *
- * @param[out] text  The licence text; released by the caller with free().
+ * @param[out] text  The licence text; released by the caller with free(). Null when memory is
+ *                   exhausted, with SVCMGR_ERROR_NONE.
  *
  * @return SVCMGR_ERROR_NONE               also without a text, see above
  * @return SVCMGR_ERROR_INVALID_PARAMETER  text is null
@@ -187,7 +198,7 @@ int velmora_svcmgr_get_license_fulltext(char** text);
  * @return SVCMGR_ERROR_NOT_CONNECTED      not connected
  * @return SVCMGR_ERROR_INVALID_API_LEVEL  the agent could not be asked, or answered -1
  * @return SVCMGR_ERROR_KYR_DISABLED       the KYR feature is disabled
- * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
+ * @return SVCMGR_ERROR_NOT_SUPPORTED
  */
 int velmora_svcmgr_get_agent_api_level(int* level);
 
@@ -280,8 +291,8 @@ typedef struct velmora_svcmgr_ai_model_list_s* velmora_svcmgr_ai_model_list_h;
 int velmora_svcmgr_ai_model_list_create(velmora_svcmgr_ai_model_list_h* list);
 
 /**
- * Releases a list and its models. The array of a list that ever held a model stays allocated: eight
- * bytes for each model, rounded up to a power of two.
+ * Releases a list and its models. The array of a list that ever held a model stays allocated: a
+ * pointer for each model, their number rounded up to a power of two.
  *
  * If releasing a model fails, its code is returned at once: the list and the models that remain are
  * still there, and the call may be repeated.
@@ -336,7 +347,8 @@ int velmora_svcmgr_ai_model_list_get_size(velmora_svcmgr_ai_model_list_h list, i
  *
  * A request is normally answered once, but an agent may answer it again at any time until the
  * connection ends; the callback and its user data must stay valid until then. If the connection
- * ends first, the callback never comes.
+ * ends first, the callback never comes. Each answer costs the process a copy of its models that is
+ * never released: ask when something may have changed, not all the time.
  *
  * @param error      SVCMGR_ERROR_NONE, or what the agent reports: SVCMGR_ERROR_INVALID_OPERATION,
  *                   SVCMGR_ERROR_NO_SPACE, SVCMGR_ERROR_KYR_DISABLED,
@@ -355,13 +367,15 @@ typedef void (*velmora_svcmgr_ai_model_list_cb)(int error, velmora_svcmgr_ai_mod
  * Asks for the models that the calling application may use. Descriptions are left to the agent:
  * most send none here.
  *
+ * After a loss of the connection a request may still be taken, and is then never answered.
+ *
  * @param callback   Receives the answer.
  * @param user_data  Passed to the callback; may be null.
  *
  * @return SVCMGR_ERROR_NONE                       the request was sent
  * @return SVCMGR_ERROR_UNSUPPORTED_AGENT_VERSION  the agent is older than 1.7
  * @return SVCMGR_ERROR_INVALID_PARAMETER          callback is null
- * @return SVCMGR_ERROR_NOT_CONNECTED              no connection was started
+ * @return SVCMGR_ERROR_NOT_CONNECTED              no connection was started, or it was ended
  * @return SVCMGR_ERROR_INVALID_OPERATION          the request could not be sent, for example
  *                                                 because the connection does not stand yet; or
  *                                                 the application's own ID or version is unknown
@@ -376,7 +390,8 @@ int velmora_svcmgr_ai_request_usable_model_list_with_description(
 
 /**
  * Asks for the models that another application may use: the first of the vendor's installed
- * applications, in the platform's order, whose metadata "ai-agent-category" equals `category`.
+ * applications, in the platform's order, whose metadata "ai-agent-category" equals `category`. Each
+ * call keeps a platform record of every application that it looks at until the process ends.
  *
  * @param callback   Receives the answer.
  * @param category   The category, compared exactly.
@@ -386,7 +401,7 @@ int velmora_svcmgr_ai_request_usable_model_list_with_description(
  * @return SVCMGR_ERROR_UNSUPPORTED_AGENT_VERSION  the agent is older than 2.3
  * @return SVCMGR_ERROR_INVALID_PARAMETER          callback or category is null, or no application
  *                                                 declares the category
- * @return SVCMGR_ERROR_NOT_CONNECTED              no connection was started
+ * @return SVCMGR_ERROR_NOT_CONNECTED              no connection was started, or it was ended
  * @return SVCMGR_ERROR_INVALID_OPERATION          the request could not be sent
  * @return SVCMGR_ERROR_NOT_SUPPORTED
  */
@@ -403,7 +418,7 @@ int velmora_svcmgr_ai_request_usable_model_list_with_category(
  * @return SVCMGR_ERROR_NONE                       the request was sent
  * @return SVCMGR_ERROR_UNSUPPORTED_AGENT_VERSION  the agent is older than 1.7
  * @return SVCMGR_ERROR_INVALID_PARAMETER          info or callback is null
- * @return SVCMGR_ERROR_NOT_CONNECTED              no connection was started
+ * @return SVCMGR_ERROR_NOT_CONNECTED              no connection was started, or it was ended
  * @return SVCMGR_ERROR_INVALID_OPERATION          a text of the model is not set, or the request
  *                                                 could not be sent
  * @return SVCMGR_ERROR_NOT_SUPPORTED

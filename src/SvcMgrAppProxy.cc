@@ -4,19 +4,19 @@
 #include <cxxabi.h>
 #include <velmora_svcmgr.h>
 
+#include <new>
 #include <utility>
 
+#include "flag.h"
 #include "proxy_log.h"
+#include "thread_exit.h"
 #include "wire.h"
 
-// Closes a function that the platform calls: nothing that is thrown reaches the platform's C code,
-// but for the unwinding of a thread that exits or is cancelled, which must go on.
-#define END_ON_EXCEPTION                \
-  catch (const abi::__forced_unwind&) { \
-    throw;                              \
-  }                                     \
-  catch (...) {                         \
-    PROXY_ERROR("Unknown Exception");   \
+// Closes a function that the platform calls: nothing that is thrown reaches the platform's C code.
+#define END_ON_EXCEPTION              \
+  LET_THREAD_EXIT_PASS                \
+  catch (...) {                       \
+    PROXY_ERROR("Unknown Exception"); \
   }
 
 namespace rpc_port::SvcMgrAppProxy::proxy {
@@ -28,6 +28,14 @@ using svcmgr::ParcelWriter;
 using svcmgr::Text;
 
 namespace {
+
+// Codes of the platform.
+constexpr int kPlatformIoError = -5;
+constexpr int kPlatformPermissionDenied = -13;
+constexpr int kPlatformInvalidParameter = -22;
+
+// Of the process, across all ports.
+std::atomic<int> next_seq{0};
 
 template <typename... Arguments>
 Parcel MakeRequest(Method method, const Arguments&... arguments) {
@@ -88,15 +96,12 @@ void SvcMgrAppPort::RequestToUninstall(std::unique_ptr<CallbackBase> delegate,
 // ---- Life ---------------------------------------------------------------------------------------
 
 SvcMgrAppPort::CallbackBase::CallbackBase(DelegateId id, bool once)
-    : id_(static_cast<int>(id)), once_(once) {
-  static std::atomic<int> next_seq{0};
-  seq_ = next_seq++;
-}
+    : id_(static_cast<int>(id)), seq_(next_seq++), once_(once) {}
 
 SvcMgrAppPort::SvcMgrAppPort(IEventListener* listener, std::string target_app_id)
     : listener_(listener), target_app_id_(std::move(target_app_id)) {
   rpc_port_proxy_h handle = nullptr;
-  if (rpc_port_proxy_create(&handle) != 0) {
+  if (rpc_port_proxy_create(&handle) != 0 || handle == nullptr) {
     PROXY_ERROR("Failed to create proxy");
     throw InvalidIOException();
   }
@@ -114,11 +119,11 @@ void SvcMgrAppPort::Connect() {
   if (result == 0) return;
   PROXY_ERROR("Failed to connect SvcMgrAppPort");
   switch (result) {
-    case SVCMGR_ERROR_INVALID_PARAMETER:
+    case kPlatformInvalidParameter:
       throw InvalidIDException();
-    case SVCMGR_ERROR_IO_ERROR:
+    case kPlatformIoError:
       throw InvalidIOException();
-    case SVCMGR_ERROR_PERMISSION_DENIED:
+    case kPlatformPermissionDenied:
       throw PermissionDeniedException();
     default:
       return;  // counts as started
@@ -145,24 +150,48 @@ rpc_port_h SvcMgrAppPort::ConnectedPort(const CallSite& site) const {
   return port;
 }
 
+// Under the mutex: the port may have been closed while the request was built or the mutex awaited,
+// and its handle is gone then.
+void SvcMgrAppPort::RequirePort(const CallSite& site, rpc_port_h port) const {
+  if (ConnectedPort(site) != port) throw NotConnectedSocketException();
+}
+
 void SvcMgrAppPort::Send(const CallSite& site, Parcel& request, rpc_port_h port) {
   const int result = rpc_port_parcel_send(request.get(), port);
   if (result == 0) return;
   PROXY_ERROR_F_AT(site, "Failed to send parcel. result(%d)", result);
+  // While the mutex is held, as long as the request counts as under way.
   request.reset();
   throw InvalidIOException();
+}
+
+// Waits for a message on the main port. The reply of a thread that ends here will come all the
+// same.
+Parcel SvcMgrAppPort::Receive(rpc_port_h port) try {
+  return svcmgr::ReceiveParcel(port);
+} catch (const abi::__forced_unwind&) {
+  ++orphaned_replies_;
+  throw;
 }
 
 // Sends a request and waits for its reply; empty if none can come any more.
 Parcel SvcMgrAppPort::Exchange(const CallSite& site, Parcel& request, rpc_port_h port) {
   const std::lock_guard lock(mutex_);
+  RequirePort(site, port);
+  // An event that runs inside the send below must not wait for a reply of its own: nobody could
+  // tell the two replies apart.
+  if (exchanging_) throw InvalidIOException();
+  const svcmgr::Flag exchanging(exchanging_);
   Send(site, request, port);
-  // Sending may have run events that closed the port: its handle is gone then.
+  // Sending may have run events that closed the port.
   while (port_ == port) {
-    Parcel message = svcmgr::ReceiveParcel(port);
+    Parcel message = Receive(port);
     if (message == nullptr) break;
     ParcelReader in(message.get());
-    if (in.Int32() == kReplyCommand && in.ok()) return message;
+    if (in.Int32() != kReplyCommand || !in.ok()) continue;
+    // Replies come in the order of their requests.
+    if (orphaned_replies_ == 0) return message;
+    --orphaned_replies_;
   }
   return nullptr;
 }
@@ -172,14 +201,14 @@ Result SvcMgrAppPort::Call(const CallSite& site, Method method, Result (ParcelRe
                            const Arguments&... arguments) {
   const rpc_port_h port = ConnectedPort(site);
   Parcel request = MakeRequest(method, arguments...);
-  Parcel reply = Exchange(site, request, port);
+  const Parcel reply = Exchange(site, request, port);
   ParcelReader in(reply.get());
   Result result = reply == nullptr ? Result{} : (in.*read)();
   if (reply == nullptr || !in.ok()) {
     PROXY_ERROR_AT(site, "Invalid protocol");
     throw InvalidProtocolException();
   }
-  request.reset();
+  request.reset();  // before the reply, which goes with this function
   return result;
 }
 
@@ -189,6 +218,7 @@ void SvcMgrAppPort::Post(const CallSite& site, Method method,
   const rpc_port_h port = ConnectedPort(site);
   Parcel request = MakeRequest(method, *delegate, arguments...);
   const std::lock_guard lock(mutex_);
+  RequirePort(site, port);
   // In place before the request leaves: the answer may be dispatched inside the send.
   delegates_->Append(std::move(delegate));
   Send(site, request, port);
@@ -202,12 +232,14 @@ void SvcMgrAppPort::Post(const CallSite& site, Method method,
 void SvcMgrAppPort::OnConnectedCB(const char*, const char*, rpc_port_h port, void* user_data) try {
   auto* self = static_cast<SvcMgrAppPort*>(user_data);
   const auto alive = self->weak_from_this().lock();
+  if (self->IsClosed()) return;
   self->port_ = port;
   rpc_port_h callback_port = nullptr;
   const int result =
       rpc_port_proxy_get_port(self->proxy_handle_, RPC_PORT_PORT_CALLBACK, &callback_port);
   // Without a callback port the connection counts all the same; only its answers are lost.
   if (result == 0) self->callback_port_ = callback_port;
+  if (self->IsClosed()) return;
   self->listener_->OnConnected();
 }
 END_ON_EXCEPTION
@@ -215,6 +247,7 @@ END_ON_EXCEPTION
 void SvcMgrAppPort::OnDisconnectedCB(const char*, const char*, void* user_data) try {
   auto* self = static_cast<SvcMgrAppPort*>(user_data);
   const auto alive = self->weak_from_this().lock();
+  if (self->IsClosed()) return;
   self->delegates_->Clear();
   self->listener_->OnDisconnected();
 }
@@ -223,6 +256,7 @@ END_ON_EXCEPTION
 void SvcMgrAppPort::OnRejectedCB(const char*, const char*, void* user_data) try {
   auto* self = static_cast<SvcMgrAppPort*>(user_data);
   const auto alive = self->weak_from_this().lock();
+  if (self->IsClosed()) return;
   self->listener_->OnRejected();
 }
 END_ON_EXCEPTION
@@ -230,6 +264,7 @@ END_ON_EXCEPTION
 void SvcMgrAppPort::OnReceivedCB(const char*, const char*, void* user_data) try {
   auto* self = static_cast<SvcMgrAppPort*>(user_data);
   const auto alive = self->weak_from_this().lock();
+  if (self->IsClosed()) return;
   const Parcel message = svcmgr::ReceiveParcel(self->callback_port_);
   if (message == nullptr) {
     PROXY_ERROR("Failed to create parcel from port");
@@ -254,13 +289,27 @@ void SvcMgrAppPort::Dispatch(const Parcel& message) {
   if (delegate->once()) delegates->Remove(*delegate);
 }
 
+namespace {
+
+// False if the payload cannot be read to its end, also for lack of memory.
+template <typename Payload>
+bool TryRead(ParcelReader& in, Payload& payload) {
+  try {
+    Read(in, payload);
+    return in.ok();
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+}  // namespace
+
 template <DelegateId delegate_id, typename Payload>
 void PayloadCallback<delegate_id, Payload>::OnReceivedEvent(rpc_port_parcel_h parcel) {
   ParcelReader in(parcel);
   const int result = in.Int32();
   Payload payload;
-  Read(in, payload);
-  if (in.ok()) {
+  if (TryRead(in, payload)) {
     OnReceived(result, payload);
   } else {
     OnReceived(SVCMGR_ERROR_INVALID_OPERATION, Payload{});

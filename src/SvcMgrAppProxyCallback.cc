@@ -48,6 +48,7 @@ velmora_svcmgr_ai_model_list_h Convert(const wire::AIModelList& list) {
       CLIENT_INFO_F("model [%s - %s - %s - %s]", model.id.get(), model.version.get(),
                     model.title.get(), model.description.get());
       if (result != SVCMGR_ERROR_NONE) continue;
+      // Results are ignored on purpose: the answer is delivered with what there is memory for.
       velmora_svcmgr_ai_model_info_set_id(info, model.id.get());
       velmora_svcmgr_ai_model_info_set_version(info, model.version.get());
       velmora_svcmgr_ai_model_info_set_title(info, model.title.get());

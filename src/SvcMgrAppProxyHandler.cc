@@ -2,7 +2,6 @@
 #include "SvcMgrAppProxyHandler.h"
 
 #include <app_common.h>
-#include <cxxabi.h>
 
 #include <new>
 #include <utility>
@@ -15,6 +14,7 @@
 #include "client_log.h"
 #include "frame.h"
 #include "service_model_info.h"
+#include "thread_exit.h"
 
 namespace rpc = rpc_port::SvcMgrAppProxy::proxy;
 
@@ -29,15 +29,17 @@ namespace {
 template <typename Result, typename Work>
 Result AskAgent(const CallSite& site, Result failure, Work work) try {
   return work();
-} catch (const abi::__forced_unwind&) {
-  throw;
-} catch (const AppInfoException& exception) {
+}
+LET_THREAD_EXIT_PASS
+catch (const AppInfoException& exception) {
   CLIENT_ERROR_F_AT(site, "%s", exception.what());
   return failure;
-} catch (const rpc::Exception&) {
+}
+catch (const rpc::Exception&) {
   CLIENT_ERROR_AT(site, "PROXY EXCEPTION!!!");
   return failure;
-} catch (...) {
+}
+catch (...) {
   CLIENT_ERROR_AT(site, "Unknown Exception");
   return failure;
 }
@@ -48,12 +50,13 @@ template <typename Refusal, typename Work>
 int PostRequest(const CallSite& site, int refusal_code, Work work) try {
   work();
   return SVCMGR_ERROR_NONE;
-} catch (const abi::__forced_unwind&) {
-  throw;
-} catch (const Refusal& exception) {
+}
+LET_THREAD_EXIT_PASS
+catch (const Refusal& exception) {
   CLIENT_ERROR_F_AT(site, "%s", exception.what());
   return refusal_code;
-} catch (...) {
+}
+catch (...) {
   CLIENT_ERROR_AT(site, "Unknown Exception");
   return SVCMGR_ERROR_INVALID_OPERATION;
 }
@@ -95,29 +98,32 @@ int SvcMgrAppProxyHandler::Connect(velmora_svcmgr_connection_cb callback, void* 
     std::atomic_store(&proxy_, proxy);
     proxy->Connect();
     return SVCMGR_ERROR_NONE;
-  } catch (const abi::__forced_unwind&) {
-    throw;
-  } catch (const rpc::InvalidIDException&) {
+  }
+  LET_THREAD_EXIT_PASS
+  catch (const rpc::InvalidIDException&) {
     CLIENT_ERROR("Invalid ID exception occurred!!!");
-    Drop(proxy);
+    Discard(proxy);
     return SVCMGR_ERROR_CONNECTION_FAILED;
-  } catch (const rpc::InvalidIOException&) {
+  }
+  catch (const rpc::InvalidIOException&) {
     CLIENT_ERROR("Invalid IO exception occurred!!!");
-    Drop(proxy);
+    Discard(proxy);
     return SVCMGR_ERROR_CONNECTION_FAILED;
-  } catch (const rpc::PermissionDeniedException&) {
+  }
+  catch (const rpc::PermissionDeniedException&) {
     CLIENT_ERROR("Permission denied exception occurred!!!");
-    Drop(proxy);
+    Discard(proxy);
     return SVCMGR_ERROR_PERMISSION_DENIED;
-  } catch (...) {
+  }
+  catch (...) {
     CLIENT_ERROR("Unexpected Exception occurred!!!");
-    Drop(proxy);
+    Discard(proxy);
     return SVCMGR_ERROR_INVALID_OPERATION;
   }
 }
 
 // Ends a proxy whose Connect failed. A proxy that was made inside that attempt is not touched.
-void SvcMgrAppProxyHandler::Drop(const std::shared_ptr<SvcMgrAppPort>& proxy) {
+void SvcMgrAppProxyHandler::Discard(const std::shared_ptr<SvcMgrAppPort>& proxy) {
   if (proxy == nullptr) return;
   std::shared_ptr<SvcMgrAppPort> expected = proxy;
   std::atomic_compare_exchange_strong(&proxy_, &expected, {});
@@ -127,7 +133,7 @@ void SvcMgrAppProxyHandler::Drop(const std::shared_ptr<SvcMgrAppPort>& proxy) {
 void SvcMgrAppProxyHandler::Disconnect() {
   CLIENT_INFO("Disconnect");
   connected_ = false;
-  // Taken out first: closing may run code of the application that connects again.
+  // Taken out first: what closing calls finds no proxy, and may connect again.
   const auto proxy = std::atomic_exchange(&proxy_, {});
   if (proxy != nullptr) proxy->Close();
   AgentStatusEventHandler::GetInstance().DontCareConnection();
@@ -189,22 +195,18 @@ Text SvcMgrAppProxyHandler::get_license() {
 int SvcMgrAppProxyHandler::GetUsableModelList(ModelListReceiver receiver) {
   const auto proxy = Proxy();
   RETURN_ERROR_IF(proxy == nullptr, "Not connected", SVCMGR_ERROR_NOT_CONNECTED);
-  return PostRequest<AppInfoException>(SVCMGR_HERE, SVCMGR_ERROR_INVALID_OPERATION, [&] {
-    const std::string app_id = GetAppId();
-    const std::string app_version = GetAppVersion();
-    proxy->GetUsableModelList(std::make_unique<svcmgr::GetUsableModelListCB>(receiver), app_id,
-                              app_version);
+  return PostAsApp(SVCMGR_HERE, [&](const AppIdentity& app) {
+    proxy->GetUsableModelList(std::make_unique<svcmgr::GetUsableModelListCB>(receiver), app.id,
+                              app.version);
   });
 }
 
 int SvcMgrAppProxyHandler::GetUsableModelListWithDesc(ModelListReceiver receiver) {
   const auto proxy = Proxy();
   RETURN_ERROR_IF(proxy == nullptr, "Not connected", SVCMGR_ERROR_NOT_CONNECTED);
-  return PostRequest<AppInfoException>(SVCMGR_HERE, SVCMGR_ERROR_INVALID_OPERATION, [&] {
-    const std::string app_id = GetAppId();
-    const std::string app_version = GetAppVersion();
+  return PostAsApp(SVCMGR_HERE, [&](const AppIdentity& app) {
     proxy->GetUsableModelListWithDesc(
-        std::make_unique<svcmgr::GetUsableModelListWithDescCB>(receiver), app_id, app_version);
+        std::make_unique<svcmgr::GetUsableModelListWithDescCB>(receiver), app.id, app.version);
   });
 }
 
@@ -225,11 +227,20 @@ int SvcMgrAppProxyHandler::GetModelVersionList(velmora_svcmgr_ai_model_info_h in
   RETURN_ERROR_IF(proxy == nullptr, "Not connected", SVCMGR_ERROR_NOT_CONNECTED);
   return PostRequest<AppInfoException>(SVCMGR_HERE, SVCMGR_ERROR_INVALID_OPERATION, [&] {
     const rpc::AIModelInfo model = CopyToWire(*info);
-    const std::string app_id = GetAppId();
-    const std::string app_version = GetAppVersion();
+    const AppIdentity app = ReadAppIdentity();
     proxy->GetModelVersionList(std::make_unique<svcmgr::GetModelVersionListCB>(receiver), model,
-                               app_id, app_version);
+                               app.id, app.version);
   });
+}
+
+template <typename Work>
+int SvcMgrAppProxyHandler::PostAsApp(const CallSite& site, Work work) {
+  return PostRequest<AppInfoException>(site, SVCMGR_ERROR_INVALID_OPERATION,
+                                       [&] { work(ReadAppIdentity()); });
+}
+
+SvcMgrAppProxyHandler::AppIdentity SvcMgrAppProxyHandler::ReadAppIdentity() {
+  return {GetAppId(), GetAppVersion()};
 }
 
 std::string SvcMgrAppProxyHandler::GetAppId() {

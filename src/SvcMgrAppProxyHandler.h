@@ -20,6 +20,8 @@
 //     connected    true       set     OnConnected
 //     dropped      false      set     OnDisconnected, OnRejected
 //
+// Connected without a proxy it is when the connected event came inside a Connect that then failed.
+//
 // Connect and Disconnect belong on the main loop's thread, where the events arrive.
 class SvcMgrAppProxyHandler final
     : public rpc_port::SvcMgrAppProxy::proxy::SvcMgrAppPort::IEventListener {
@@ -56,12 +58,21 @@ class SvcMgrAppProxyHandler final
  private:
   using SvcMgrAppPort = rpc_port::SvcMgrAppProxy::proxy::SvcMgrAppPort;
 
+  // What the agent is told of the calling application.
+  struct AppIdentity {
+    std::string id;
+    std::string version;
+  };
+
   SvcMgrAppProxyHandler() = default;
   // Never runs: a proxy that is still held when the process exits is left as it is.
   ~SvcMgrAppProxyHandler() override = default;
 
   std::shared_ptr<SvcMgrAppPort> Proxy() const { return std::atomic_load(&proxy_); }
-  void Drop(const std::shared_ptr<SvcMgrAppPort>& proxy);
+  void Discard(const std::shared_ptr<SvcMgrAppPort>& proxy);
+  AppIdentity ReadAppIdentity();
+  template <typename Work>
+  int PostAsApp(const svcmgr::CallSite& site, Work work);
   void Notify(int result, int state) const;
 
   // Read by requests on any thread, hence the atomic accesses.

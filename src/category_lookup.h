@@ -3,7 +3,6 @@
 #define SVCMGR_CATEGORY_LOOKUP_H_
 
 #include <app_info.h>
-#include <cxxabi.h>
 #include <package_manager.h>
 
 #include <cstring>
@@ -12,6 +11,7 @@
 
 #include "SvcmgrException.h"
 #include "package_info_handle.h"
+#include "thread_exit.h"
 
 namespace svcmgr {
 
@@ -36,21 +36,19 @@ inline bool MatchCategory(const char* key, const char* value, void* user_data) {
 }
 
 inline bool SearchPackage(package_info_h package, CategorySearch& search) {
-  const Text id_text = ReadPackageText(package, package_info_get_package);
-  if (id_text == nullptr) return false;
-  const Text version_text = ReadPackageText(package, package_info_get_version);
-  if (version_text == nullptr) return false;
-  const std::string id = id_text.get();
-  const std::string version = version_text.get();
-  if (id.find(VENDOR_PACKAGE_PREFIX) == std::string::npos) return true;
+  const Text id = ReadPackageText(package, package_info_get_package);
+  if (id == nullptr) return false;
+  const Text version = ReadPackageText(package, package_info_get_version);
+  if (version == nullptr) return false;
+  if (std::strstr(id.get(), VENDOR_PACKAGE_PREFIX) == nullptr) return true;
 
   app_info_h app = nullptr;
-  if (app_info_create(id.c_str(), &app) != 0) return false;
+  if (app_info_create(id.get(), &app) != 0 || app == nullptr) return false;
   // The app info is kept on purpose: which platform functions this look-up calls is fixed.
   app_info_foreach_metadata(app, MatchCategory, &search);
   if (!search.found) return true;
-  search.package_id = id;
-  search.package_version = version;
+  search.package_id = id.get();
+  search.package_version = version.get();
   return false;
 }
 
@@ -58,9 +56,9 @@ inline bool SearchPackageStep(package_info_h package, void* user_data) {
   auto* search = static_cast<CategorySearch*>(user_data);
   try {
     return SearchPackage(package, *search);
-  } catch (const abi::__forced_unwind&) {
-    throw;
-  } catch (...) {
+  }
+  LET_THREAD_EXIT_PASS
+  catch (...) {
     search->failure = std::current_exception();
     return false;
   }

@@ -7,9 +7,8 @@
 // forms take arguments for the message's conversions, the _AT forms log in the name of another call
 // site.
 
-#include <dlog.h>
-
 #include "call_site.h"
+#include "platform_log.h"
 
 #define SVCMGR_CLIENT_TAG "SERVICE_MANAGER_CLIENT"
 #define SVCMGR_INFO_FORMAT(message) "\033[0;32m %s: %s(%d) > " message "\033[0;m"

@@ -2,11 +2,11 @@
 #ifndef SVCMGR_DELEGATE_LIST_H_
 #define SVCMGR_DELEGATE_LIST_H_
 
-#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <unordered_map>
+#include <utility>
 
 namespace svcmgr {
 
@@ -37,11 +37,6 @@ class DelegateList {
     std::unordered_map<std::uint64_t, std::shared_ptr<Delegate>> dropped;
     const std::lock_guard lock(links_);
     dropped.swap(delegates_);
-  }
-
-  std::size_t size() const {
-    const std::lock_guard lock(links_);
-    return delegates_.size();
   }
 
  private:

@@ -14,11 +14,11 @@
 //       return SVCMGR_ERROR_NONE;
 //     } RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
 
-#include <cxxabi.h>
 #include <velmora_svcmgr.h>
 
 #include "agent_package.h"
 #include "client_log.h"
+#include "thread_exit.h"
 
 #define RETURN_ERROR_IF(condition, message, code) \
   do {                                            \
@@ -39,6 +39,7 @@
 #define RETURN_IF_NULL(pointer, message) \
   RETURN_ERROR_IF((pointer) == nullptr, message, SVCMGR_ERROR_INVALID_PARAMETER)
 
+// For units that include SvcMgrAppProxyHandler.h.
 #define RETURN_IF_NOT_CONNECTED()                              \
   do {                                                         \
     if (!SvcMgrAppProxyHandler::GetInstance().IsConnected()) { \
@@ -47,15 +48,12 @@
     }                                                          \
   } while (false)
 
-// Closes a function's try block: nothing that is thrown leaves the library, but for the unwinding
-// of a thread that exits or is cancelled, which must go on.
-#define RETURN_ON_EXCEPTION(code)       \
-  catch (const abi::__forced_unwind&) { \
-    throw;                              \
-  }                                     \
-  catch (...) {                         \
-    CLIENT_ERROR("Unknown Exception");  \
-    return code;                        \
+// Closes a function's try block: nothing that is thrown leaves the library.
+#define RETURN_ON_EXCEPTION(code)      \
+  LET_THREAD_EXIT_PASS                 \
+  catch (...) {                        \
+    CLIENT_ERROR("Unknown Exception"); \
+    return code;                       \
   }
 
 #endif  // SVCMGR_FRAME_H_

@@ -5,6 +5,7 @@
 #include <rpc-port.h>
 
 #include <memory>
+#include <utility>
 
 #include "SvcMgrAppProxyException.h"
 #include "text.h"
@@ -20,7 +21,7 @@ using Parcel = std::unique_ptr<void, ParcelDeleter>;
 
 inline Parcel CreateParcel() {
   rpc_port_parcel_h parcel = nullptr;
-  if (rpc_port_parcel_create(&parcel) != 0) {
+  if (rpc_port_parcel_create(&parcel) != 0 || parcel == nullptr) {
     throw rpc_port::SvcMgrAppProxy::proxy::InvalidIOException();
   }
   return Parcel(parcel);

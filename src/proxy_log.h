@@ -4,11 +4,10 @@
 
 // Log records of the port proxy: plain, under a tag of their own.
 
-#include <dlog.h>
-
 #include <cstring>
 
 #include "call_site.h"
+#include "platform_log.h"
 
 #define SVCMGR_PROXY_TAG "RPC_PORT_PROXY"
 #define SVCMGR_PROXY_FORMAT(message) "%s: %s(%d) > " message

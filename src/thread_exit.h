@@ -1,0 +1,14 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef SVCMGR_THREAD_EXIT_H_
+#define SVCMGR_THREAD_EXIT_H_
+
+#include <cxxabi.h>
+
+// Stands before a catch-all clause: the unwinding of a thread that exits or is cancelled must go
+// on.
+#define LET_THREAD_EXIT_PASS            \
+  catch (const abi::__forced_unwind&) { \
+    throw;                              \
+  }
+
+#endif  // SVCMGR_THREAD_EXIT_H_
