@@ -24,7 +24,7 @@ constexpr uint32_t kFolderMask = kStepMask | IN_MODIFY | IN_CLOSE_WRITE;
 
 // A writer's own closing of the generation file says nothing that its content does not say.
 bool Matters(std::string_view entry, uint32_t mask) {
-  if (entry == kGenerationFile) return (mask & ~(IN_CLOSE_WRITE | IN_ATTRIB)) != 0;
+  if (entry == kGenerationFile) return (mask & (kFolderMask ^ (IN_CLOSE_WRITE | IN_ATTRIB))) != 0;
   return IsKeyFileName(entry);
 }
 
