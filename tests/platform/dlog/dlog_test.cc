@@ -1,0 +1,417 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <dlog.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <stddef.h>
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::Not;
+using testing::SizeIs;
+
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#elif defined(__has_feature)
+constexpr bool kSanitized = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
+#else
+constexpr bool kSanitized = false;
+#endif
+
+class Log : public testing::Test {
+ protected:
+  Log() {
+    std::string pattern = testing::TempDir() + "/dlog-XXXXXX";
+    top_ = mkdtemp(pattern.data());
+    path_ = top_ / "log";
+    unsetenv("VELMORA_LOG_LEVEL");
+    unsetenv("NO_COLOR");
+  }
+  ~Log() override { std::filesystem::remove_all(top_); }
+
+  void ToFile(const char* level) const {
+    setenv("VELMORA_LOG_FILE", path_.c_str(), 1);
+    setenv("VELMORA_LOG_LEVEL", level, 1);
+  }
+
+  std::vector<std::string> Lines() const {
+    std::ifstream file(path_);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(file, line);) lines.push_back(line);
+    return lines;
+  }
+
+  // The messages alone, behind "TIME PRIORITY TAG PID: ".
+  std::vector<std::string> Messages() const {
+    std::vector<std::string> messages;
+    for (const std::string& line : Lines()) messages.push_back(line.substr(line.find(": ") + 2));
+    return messages;
+  }
+
+  std::filesystem::path top_;
+  std::filesystem::path path_;
+};
+
+class ALogFile : public Log {};
+class AStandardErrorLog : public Log {};
+class ARecord : public Log {};
+
+// Status of a child that does `work` and exits, by exit or not at all the normal way.
+int InChild(const std::function<void()>& work, bool at_once) {
+  const pid_t child = fork();
+  if (child == 0) {
+    work();
+    if (at_once) _exit(0);
+    exit(0);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  return status;
+}
+
+TEST_F(ARecord, IsOneLineWithTimePriorityTagAndProcess) {
+  ToFile("verbose");
+  EXPECT_GE(dlog_print(DLOG_ERROR, "TAG", "%s %d", "text", 7), 0);
+  ASSERT_THAT(Lines(), SizeIs(1));
+  const std::regex shape(
+      "20[0-9]{2}-[01][0-9]-[0-3][0-9]T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}Z "
+      "E TAG " +
+      std::to_string(getpid()) + ": text 7");
+  EXPECT_TRUE(std::regex_match(Lines()[0], shape)) << Lines()[0];
+}
+
+TEST_F(ARecord, HasTheTimeOfTheSystem) {
+  ToFile("error");
+  char before[32];
+  char after[32];
+  time_t now = time(nullptr);
+  strftime(before, sizeof before, "%FT%T", gmtime(&now));
+  dlog_print(DLOG_ERROR, "TAG", "text");
+  now = time(nullptr);
+  strftime(after, sizeof after, "%FT%T", gmtime(&now));
+  const std::string written = Lines().at(0).substr(0, 19);
+  // time() may be a tick behind the clock that the log reads.
+  EXPECT_GE(written, before);
+  EXPECT_LE(written.substr(0, 16), std::string(after).substr(0, 16));
+}
+
+TEST_F(ARecord, IsFilteredBelowTheLevel) {
+  const struct {
+    const char* level;
+    const char* letters;
+  } rows[] = {{"verbose", "VDIIWEF"}, {"debug", "DIIWEF"}, {"info", "IIWEF"},
+              {"warn", "WEF"},        {"error", "EF"},     {"fatal", "F"},
+              {"silent", ""},         {"nonsense", "WEF"}, {"", "WEF"}};
+  for (const auto& row : rows) {
+    std::filesystem::remove(path_);
+    const auto log_all = [&] {
+      ToFile(row.level);
+      for (const log_priority prio :
+           {DLOG_VERBOSE, DLOG_DEBUG, DLOG_DEFAULT, DLOG_INFO, DLOG_WARN, DLOG_ERROR, DLOG_FATAL}) {
+        if (dlog_print(prio, "T", "x") < 0) _exit(1);
+      }
+    };
+    EXPECT_EQ(InChild(log_all, false), 0);
+    std::string letters;
+    for (const std::string& line : Lines()) letters += line[25];
+    EXPECT_EQ(letters, row.letters) << row.level;
+  }
+}
+
+TEST_F(ARecord, IsRefusedWithNullArgumentsOrAPriorityThatNoRecordHas) {
+  ToFile("verbose");
+  const char* null = nullptr;
+  EXPECT_EQ(dlog_print(DLOG_ERROR, nullptr, "text"), -22);
+  EXPECT_EQ(dlog_print(DLOG_VERBOSE, nullptr, "text"), -22);
+  EXPECT_EQ(dlog_print(DLOG_ERROR, "TAG", null), -22);
+  EXPECT_EQ(dlog_print(DLOG_UNKNOWN, "TAG", "text"), -22);
+  EXPECT_EQ(dlog_print(DLOG_SILENT, "TAG", "text"), -22);
+  EXPECT_EQ(dlog_print(static_cast<log_priority>(99), "TAG", "text"), -22);
+  EXPECT_THAT(Lines(), IsEmpty());
+}
+
+TEST_F(ARecord, TakesEveryConversionAndLeavesErrnoAlone) {
+  ToFile("verbose");
+  errno = ENOENT;
+  dlog_print(DLOG_ERROR, "TAG", "%m|%5d|%-3s|%c|%x|%.2f|%zu|%lld|%%|%*d", 42, "a", 'z', 255u, 1.5,
+             size_t{7}, -5LL, 3, 9);
+  EXPECT_EQ(errno, ENOENT);
+  errno = 0;
+  EXPECT_THAT(Messages(), ElementsAre("No such file or directory|   42|a  |z|ff|1.50|7|-5|%|  9"));
+}
+
+TEST_F(ARecord, HasNoBlankLineForANewlineAtItsEnd) {
+  ToFile("verbose");
+  dlog_print(DLOG_ERROR, "TAG", "plain\n");
+  dlog_print(DLOG_ERROR, "TAG", "two\n\n");
+  dlog_print(DLOG_ERROR, "TAG", "\033[31mcoloured\n\033[0m");
+  dlog_print(DLOG_ERROR, "TAG", "\n");
+  EXPECT_THAT(Messages(), ElementsAre("plain", "two", "coloured", ""));
+}
+
+TEST_F(ARecord, StaysOneLineWhateverItsTextHolds) {
+  ToFile("verbose");
+  dlog_print(DLOG_ERROR, "TAG\nTAG", "%s", "one\ntwo\r\n\x1b]0;title\x07\x7f\tend");
+  EXPECT_THAT(Messages(), ElementsAre("one\\ntwo\\x0d\\n\\x1b]0;title\\x07\\x7f\tend"));
+  EXPECT_THAT(Lines()[0], HasSubstr(" TAG\\nTAG "));
+}
+
+TEST_F(ARecord, LosesItsColourInAFile) {
+  ToFile("verbose");
+  dlog_print(DLOG_ERROR, "TAG", "\033[1;31mred\033[0m plain \033[");
+  EXPECT_THAT(Messages(), ElementsAre("red plain \\x1b["));
+}
+
+TEST_F(ARecord, IsWholeUpTo64KiBAndCutBeyondWithAMark) {
+  ToFile("verbose");
+  const std::string text(200 * 1024, 'x');
+  for (const int size : {1022, 1023, 1024, 1025, 65535, 65536}) {
+    dlog_print(DLOG_ERROR, "TAG", "%.*s", size, text.c_str());
+  }
+  dlog_print(DLOG_ERROR, "TAG", "%.*s", 65537, text.c_str());
+  dlog_print(DLOG_ERROR, "TAG", "%s", text.c_str());
+  const std::vector<std::string> messages = Messages();
+  ASSERT_THAT(messages, SizeIs(8));
+  const size_t sizes[] = {1022, 1023, 1024, 1025, 65535, 65536};
+  for (size_t i = 0; i < 6; ++i) EXPECT_EQ(messages[i], text.substr(0, sizes[i]));
+  for (size_t i = 6; i < 8; ++i) EXPECT_EQ(messages[i], text.substr(0, 65536) + " [cut]");
+}
+
+TEST_F(ALogFile, GathersRecordsUntilAnError) {
+  ToFile("info");
+  dlog_print(DLOG_INFO, "TAG", "one");
+  dlog_print(DLOG_INFO, "TAG", "two");
+  EXPECT_THAT(Messages(), IsEmpty());
+  dlog_print(DLOG_ERROR, "TAG", "three");
+  EXPECT_THAT(Messages(), ElementsAre("one", "two", "three"));
+}
+
+TEST_F(ALogFile, IsWrittenWhenMuchHasGathered) {
+  ToFile("info");
+  const std::string text(1000, 'x');
+  for (int i = 0; i < 100; ++i) dlog_print(DLOG_INFO, "TAG", "%s", text.c_str());
+  EXPECT_GE(Messages().size(), 50u);
+  dlog_print(DLOG_ERROR, "TAG", "last");
+  EXPECT_THAT(Messages(), SizeIs(101));
+}
+
+TEST_F(ALogFile, IsWrittenByALaterRecordOnceTheFirstIsOld) {
+  ToFile("info");
+  dlog_print(DLOG_INFO, "TAG", "first");
+  for (int records = 0; Messages().empty(); ++records) {
+    ASSERT_LT(records, 10000);
+    usleep(1000);
+    dlog_print(DLOG_INFO, "TAG", "later");
+  }
+  EXPECT_EQ(Messages().front(), "first");
+}
+
+TEST_F(ALogFile, IsWrittenWhenTheProcessExits) {
+  ToFile("info");
+  EXPECT_EQ(InChild([] { dlog_print(DLOG_INFO, "TAG", "last words"); }, false), 0);
+  EXPECT_THAT(Messages(), ElementsAre("last words"));
+}
+
+TEST_F(ALogFile, HoldsNoRecordTwiceAfterAFork) {
+  ToFile("info");
+  dlog_print(DLOG_INFO, "TAG", "parent");
+  for (const bool at_once : {true, false}) {
+    EXPECT_EQ(InChild([] { dlog_print(DLOG_ERROR, "TAG", "child"); }, at_once), 0);
+  }
+  EXPECT_THAT(Messages(), ElementsAre("child", "child"));
+  dlog_print(DLOG_ERROR, "TAG", "end");
+  EXPECT_THAT(Messages(), ElementsAre("child", "child", "parent", "end"));
+}
+
+TEST_F(ALogFile, NamesTheProcessThatWroteARecord) {
+  ToFile("info");
+  dlog_print(DLOG_ERROR, "TAG", "parent");
+  ASSERT_EQ(InChild([] { dlog_print(DLOG_ERROR, "TAG", "child"); }, false), 0);
+  const std::string own = " " + std::to_string(getpid()) + ": ";
+  EXPECT_THAT(Lines().at(0), HasSubstr(own));
+  EXPECT_THAT(Lines().at(1), Not(HasSubstr(own)));
+}
+
+TEST_F(ALogFile, IsAppendedToAndNotInherited) {
+  ToFile("info");
+  std::ofstream(path_) << "T W X 1: before\n";
+  dlog_print(DLOG_ERROR, "TAG", "after");
+  EXPECT_THAT(Messages(), ElementsAre("before", "after"));
+  bool found = false;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    if (std::filesystem::read_symlink(entry.path(), gone) != path_) continue;
+    found = true;
+    EXPECT_TRUE(fcntl(std::stoi(entry.path().filename()), F_GETFD) & FD_CLOEXEC);
+  }
+  EXPECT_TRUE(found);
+}
+
+TEST_F(ALogFile, KeepsTheRecordsOfManyThreadsWholeAndInTheirOrder) {
+  ToFile("info");
+  constexpr int kThreads = 4;
+  constexpr int kRecords = 2000;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t] {
+      for (int i = 0; i < kRecords; ++i) {
+        dlog_print(i % 100 ? DLOG_INFO : DLOG_ERROR, "TAG", "thread %d record %d end", t, i);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  dlog_print(DLOG_ERROR, "TAG", "last");
+  int next[kThreads] = {};
+  for (const std::string& message : Messages()) {
+    int t = 0;
+    int i = 0;
+    if (message == "last") continue;
+    ASSERT_EQ(sscanf(message.c_str(), "thread %d record %d end", &t, &i), 2) << message;
+    EXPECT_THAT(message, EndsWith(" end"));
+    ASSERT_EQ(i, next[t]++);
+  }
+  for (const int count : next) EXPECT_EQ(count, kRecords);
+}
+
+TEST_F(ALogFile, MayBeWrittenWhileOtherThreadsFork) {
+  ToFile("info");
+  std::thread logger([] {
+    for (int i = 0; i < 20000; ++i) dlog_print(DLOG_INFO, "TAG", "record");
+  });
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(InChild([] { dlog_print(DLOG_ERROR, "TAG", "child"); }, true), 0);
+  }
+  logger.join();
+  dlog_print(DLOG_ERROR, "TAG", "last");
+  EXPECT_THAT(Messages(), SizeIs(20000 + 20 + 1));
+}
+
+TEST_F(ALogFile, ThatCannotBeOpenedIsStandardError) {
+  setenv("VELMORA_LOG_FILE", (top_ / "missing" / "log").c_str(), 1);
+  testing::internal::CaptureStderr();
+  EXPECT_GE(dlog_print(DLOG_ERROR, "TAG", "text"), 0);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), EndsWith(": text\n"));
+}
+
+TEST_F(ALogFile, ThatTakesNoMoreFailsTheRecord) {
+  setenv("VELMORA_LOG_FILE", "/dev/full", 1);
+  EXPECT_EQ(dlog_print(DLOG_ERROR, "TAG", "text"), -5);
+  EXPECT_EQ(dlog_print(DLOG_WARN, "TAG", "gathered"), 0);
+}
+
+TEST_F(AStandardErrorLog, GetsEachRecordInOneWrite) {
+  unsetenv("VELMORA_LOG_FILE");
+  // A packet socket shows what came in one write.
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, ends), 0);
+  const std::string text(5000, 'x');
+  const auto log_two = [&] {
+    dup2(ends[1], STDERR_FILENO);
+    dlog_print(DLOG_WARN, "TAG", "first");
+    dlog_print(DLOG_WARN, "TAG", "%s", text.c_str());
+  };
+  EXPECT_EQ(InChild(log_two, true), 0);
+  char packet[8192];
+  ssize_t size = read(ends[0], packet, sizeof packet);
+  ASSERT_GT(size, 0);
+  EXPECT_THAT(std::string(packet, static_cast<size_t>(size)), EndsWith(": first\n"));
+  size = read(ends[0], packet, sizeof packet);
+  ASSERT_GT(size, 5000);
+  EXPECT_THAT(std::string(packet, static_cast<size_t>(size)), EndsWith(text + "\n"));
+  close(ends[0]);
+  close(ends[1]);
+}
+
+// What a child whose standard error is a terminal writes there.
+std::string OnATerminal() {
+  const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+  EXPECT_GE(master, 0);
+  EXPECT_EQ(grantpt(master), 0);
+  EXPECT_EQ(unlockpt(master), 0);
+  char name[64];
+  EXPECT_EQ(ptsname_r(master, name, sizeof name), 0);
+  const int terminal = open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
+  EXPECT_GE(terminal, 0);
+  const auto log_colour = [terminal] {
+    dup2(terminal, STDERR_FILENO);
+    dlog_print(DLOG_ERROR, "TAG", "\033[31mred\n\033[0m");
+  };
+  EXPECT_EQ(InChild(log_colour, true), 0);
+  char text[256];
+  const ssize_t size = read(master, text, sizeof text);
+  close(terminal);
+  close(master);
+  return std::string(text, size > 0 ? static_cast<size_t>(size) : 0);
+}
+
+TEST_F(AStandardErrorLog, KeepsColourOnATerminalUnlessToldNotTo) {
+  if (access("/dev/ptmx", R_OK | W_OK) != 0) GTEST_SKIP() << "no pseudo terminals here";
+  unsetenv("VELMORA_LOG_FILE");
+  EXPECT_THAT(OnATerminal(), HasSubstr(": \033[31mred\033[0m\r\n"));
+  setenv("NO_COLOR", "", 1);
+  EXPECT_THAT(OnATerminal(), HasSubstr(": \033[31mred\033[0m\r\n"));
+  setenv("NO_COLOR", "1", 1);
+  EXPECT_THAT(OnATerminal(), HasSubstr(": red\r\n"));
+}
+
+TEST_F(AStandardErrorLog, FailsTheRecordWhenItIsClosed) {
+  unsetenv("VELMORA_LOG_FILE");
+  const auto log_closed = [] {
+    close(STDERR_FILENO);
+    _exit(dlog_print(DLOG_ERROR, "TAG", "text") == -5 ? 0 : 1);
+  };
+  EXPECT_EQ(InChild(log_closed, true), 0);
+}
+
+// From here on the calling process is killed at any system call but its exit.
+void ForbidSystemCalls() {
+  sock_filter filter[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_exit_group, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS),
+  };
+  sock_fprog program = {sizeof filter / sizeof *filter, filter};
+  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+      prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
+    _exit(3);
+  }
+}
+
+TEST_F(ALogFile, MakesNoSystemCallForARecordThatIsFilteredOrGathered) {
+  if (kSanitized) GTEST_SKIP() << "sanitizers make system calls of their own";
+  ToFile("info");
+  const auto log_quietly = [] {
+    dlog_print(DLOG_ERROR, "TAG", "opened");
+    ForbidSystemCalls();
+    for (int i = 0; i < 100000; ++i) dlog_print(DLOG_DEBUG, "TAG", "filtered %d", i);
+    for (int i = 0; i < 100; ++i) dlog_print(DLOG_INFO, "TAG", "gathered %d", i);
+    _exit(0);
+  };
+  EXPECT_EQ(InChild(log_quietly, true), 0);
+}
+
+}  // namespace
