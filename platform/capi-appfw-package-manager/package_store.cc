@@ -77,8 +77,8 @@ class Store {
   static void UnlockInParent() { Get().mutex_.unlock(); }
   static void ForgetInChild();
 
-  std::mutex mutex_;  // guards all that follows
-  const std::string folder_ = PackageFolder();
+  std::mutex mutex_;    // guards all that follows
+  std::string folder_;  // empty before the first look-up
   std::unique_ptr<FolderWatch> watch_;
   std::unique_ptr<ChangeSignal> signal_;
   unsigned reads_ = 0;
@@ -164,8 +164,13 @@ int Store::Latest(SnapshotRef* snapshot, Stamp* stamp, Snapshot::Complaints* fre
   return 0;
 }
 
+// Before there can be a second thread: a fork while the first look-up runs finds the lock taken
+// care of.
+__attribute__((constructor)) void PrepareStore() { Store::Get(); }
+
 // Whether the folder may have changed since it was last asked.
 bool Store::Ask() {
+  if (folder_.empty()) folder_ = PackageFolder();
   if (!watch_) watch_ = std::make_unique<FolderWatch>(folder_);
   const bool changed = watch_->Changed();
   if (watch_->fd() < 0) {

@@ -152,8 +152,13 @@ void Initialize() {
   if (threshold.load(std::memory_order_relaxed) != kUnset) return;
   OpenSink();
   pid = getpid();
-  pthread_atfork(LockForFork, UnlockInParent, UnlockInChild);
   threshold.store(ThresholdFromEnvironment(), std::memory_order_release);
+}
+
+// Before there can be a second thread: a fork while the first record is being written finds the
+// lock taken care of.
+__attribute__((constructor)) void PrepareForFork() {
+  pthread_atfork(LockForFork, UnlockInParent, UnlockInChild);
 }
 
 // Later records, from other libraries' destructors, are written at once.
