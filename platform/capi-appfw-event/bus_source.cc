@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "bus_source.h"
+
+#include <poll.h>
+
+#include <algorithm>
+
+namespace events {
+
+namespace {
+
+struct BusSource {
+  GSource base;
+  gpointer tag;
+  Wish (*ask)();
+  void (*dispatch)();
+  uint64_t due_time;
+};
+
+bool IsDue(const BusSource& source) {
+  return static_cast<uint64_t>(g_get_monotonic_time()) >= source.due_time;
+}
+
+gboolean Prepare(GSource* base, gint* timeout_ms) {
+  auto* source = reinterpret_cast<BusSource*>(base);
+  const Wish wish = source->ask();
+  source->due_time = wish.due_time;
+  g_source_modify_unix_fd(base, source->tag, static_cast<GIOCondition>(wish.poll_events));
+  *timeout_ms = -1;
+  if (wish.due_time == UINT64_MAX) return FALSE;
+  if (IsDue(*source)) return TRUE;
+  const uint64_t now = static_cast<uint64_t>(g_get_monotonic_time());
+  const uint64_t wait_ms = wish.due_time > now ? (wish.due_time - now) / 1000 + 1 : 0;
+  *timeout_ms = static_cast<gint>(std::min<uint64_t>(wait_ms, G_MAXINT));
+  return FALSE;
+}
+
+gboolean Check(GSource* base) {
+  auto* source = reinterpret_cast<BusSource*>(base);
+  return g_source_query_unix_fd(base, source->tag) != 0 || IsDue(*source);
+}
+
+gboolean Dispatch(GSource* base, GSourceFunc, gpointer) {
+  reinterpret_cast<BusSource*>(base)->dispatch();
+  return G_SOURCE_CONTINUE;
+}
+
+GSourceFuncs functions = {Prepare, Check, Dispatch, nullptr, nullptr, nullptr};
+
+}  // namespace
+
+GSource* AttachBusSource(int fd, Wish (*ask)(), void (*dispatch)()) {
+  GSource* base = g_source_new(&functions, sizeof(BusSource));
+  auto* source = reinterpret_cast<BusSource*>(base);
+  source->tag = g_source_add_unix_fd(base, fd, G_IO_IN);
+  source->ask = ask;
+  source->dispatch = dispatch;
+  source->due_time = 0;
+  g_source_set_name(base, "application events");
+  // A handler may run a main loop of its own.
+  g_source_set_can_recurse(base, TRUE);
+  g_source_attach(base, nullptr);
+  return base;
+}
+
+}  // namespace events

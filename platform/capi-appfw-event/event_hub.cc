@@ -1,0 +1,154 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "event_hub.h"
+
+#include <bundle_desktop.h>
+#include <errno.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace events {
+
+namespace {
+
+struct BundleFree {
+  void operator()(bundle* b) const { bundle_free(b); }
+};
+
+}  // namespace
+
+EventHub& EventHub::Get() {
+  static EventHub& hub = *new EventHub;
+  return hub;
+}
+
+// Makes sure of a connection that watches for every subscription.
+bool EventHub::Connect() {
+  // A forked child must not speak on its parent's connection.
+  if (connection_ && (process_ != getpid() || !connection_->IsOpen())) Disconnect();
+  if (connection_) return true;
+  auto connection = BusConnection::Open();
+  if (!connection) return false;
+  for (const Handler& handler : handlers_) {
+    if (!connection->Watch(handler->name)) return false;
+  }
+  source_ = AttachBusSource(
+      connection->fd(), [] { return Get().Ask(); }, [] { Get().Dispatch(); });
+  connection_ = std::move(connection);
+  process_ = getpid();
+  return true;
+}
+
+void EventHub::Disconnect() {
+  if (!connection_) return;
+  g_source_destroy(source_);
+  g_source_unref(source_);
+  source_ = nullptr;
+  connection_.reset();
+}
+
+// A bus that went away unnoticed shows when it is spoken to; another may have taken its place.
+bool EventHub::Watch(const EventName& name) {
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    if (!Connect()) return false;
+    if (connection_->Watch(name)) return true;
+    if (connection_->IsOpen()) return false;
+  }
+  return false;
+}
+
+int EventHub::Add(const EventName& name, event_cb callback, void* user_data,
+                  event_handler_h* added) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  auto handler = std::make_shared<event_handler>(event_handler{name, callback, user_data});
+  handlers_.reserve(handlers_.size() + 1);
+  if (!Watch(name)) {
+    if (handlers_.empty() && connection_ && !connection_->IsPublisher()) Disconnect();
+    return -EIO;
+  }
+  *added = handler.get();
+  handlers_.push_back(std::move(handler));
+  return 0;
+}
+
+bool EventHub::Has(event_handler_h handler) const {
+  return std::any_of(handlers_.begin(), handlers_.end(),
+                     [handler](const Handler& h) { return h.get() == handler; });
+}
+
+int EventHub::Remove(event_handler_h handler) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const auto found = std::find_if(handlers_.begin(), handlers_.end(),
+                                  [handler](const Handler& h) { return h.get() == handler; });
+  if (found == handlers_.end()) return -EINVAL;
+  const EventName name = (*found)->name;
+  handlers_.erase(found);
+  if (!connection_) return 0;
+  if (handlers_.empty() && !connection_->IsPublisher()) {
+    Disconnect();
+  } else if (HandlersOf(name.full).empty()) {
+    connection_->Unwatch(name);
+  }
+  return 0;
+}
+
+int EventHub::Publish(const EventName& name, const unsigned char* payload, size_t size) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  int result = -EIO;
+  for (int attempt = 0; attempt < 2 && Connect(); ++attempt) {
+    result = connection_->Publish(name, payload, size);
+    if (result != -EIO || connection_->IsOpen()) break;
+  }
+  if (connection_ && handlers_.empty() && !connection_->IsPublisher()) Disconnect();
+  return result;
+}
+
+std::vector<EventHub::Handler> EventHub::HandlersOf(const std::string& name) {
+  std::vector<Handler> found;
+  for (const Handler& handler : handlers_) {
+    if (handler->name.full == name) found.push_back(handler);
+  }
+  return found;
+}
+
+Wish EventHub::Ask() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (!connection_) return {0, UINT64_MAX};
+  const int events = connection_->PollEvents();
+  // A connection that is gone is due at once.
+  if (events < 0) return {0, 0};
+  return {events, connection_->DueTime()};
+}
+
+void EventHub::Dispatch() {
+  std::vector<ReceivedEvent> received;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (connection_ && !connection_->Process(&received)) Disconnect();
+  }
+  for (const ReceivedEvent& event : received) Deliver(event);
+}
+
+void EventHub::Deliver(const ReceivedEvent& event) {
+  const std::unique_ptr<bundle, BundleFree> data(
+      bundle_desktop_decode(event.payload.data(), event.payload.size()));
+  if (!data) return;
+  std::vector<Handler> handlers;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    handlers = HandlersOf(event.name);
+  }
+  for (const Handler& handler : handlers) Call(handler, event, data.get());
+}
+
+// An earlier handler may have removed this one.
+void EventHub::Call(const Handler& handler, const ReceivedEvent& event, bundle* data) {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!Has(handler.get())) return;
+  }
+  handler->callback(event.name.c_str(), data, handler->user_data);
+}
+
+}  // namespace events

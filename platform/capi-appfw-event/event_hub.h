@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef PLATFORM_EVENT_EVENT_HUB_H_
+#define PLATFORM_EVENT_EVENT_HUB_H_
+
+#include <app_event.h>
+#include <glib.h>
+#include <sys/types.h>
+
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "bus_connection.h"
+#include "bus_source.h"
+
+struct event_handler {
+  events::EventName name;
+  event_cb callback;
+  void* user_data;
+};
+
+namespace events {
+
+// The process's subscriptions and its connection, which exists while it is needed.
+class EventHub {
+ public:
+  // Never destroyed: subscriptions may outlast the library's statics.
+  static EventHub& Get();
+
+  int Add(const EventName& name, event_cb callback, void* user_data, event_handler_h* added);
+  int Remove(event_handler_h handler);
+  int Publish(const EventName& name, const unsigned char* payload, size_t size);
+
+ private:
+  using Handler = std::shared_ptr<event_handler>;
+
+  bool Connect();
+  void Disconnect();
+  bool Watch(const EventName& name);
+  bool Has(event_handler_h handler) const;
+  std::vector<Handler> HandlersOf(const std::string& name);
+  Wish Ask();
+  void Dispatch();
+  void Deliver(const ReceivedEvent& event);
+  void Call(const Handler& handler, const ReceivedEvent& event, bundle* data);
+
+  // Guards all that follows. Never held while a handler is called.
+  std::mutex mutex_;
+  std::vector<Handler> handlers_;
+  std::unique_ptr<BusConnection> connection_;
+  GSource* source_ = nullptr;  // where there is a connection
+  pid_t process_ = 0;          // whose connection it is
+};
+
+}  // namespace events
+
+#endif  // PLATFORM_EVENT_EVENT_HUB_H_
