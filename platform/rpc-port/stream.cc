@@ -220,8 +220,7 @@ void Stream::Flush() {
 void Stream::ShutDown() { (void)shutdown(fd(), SHUT_RDWR); }
 
 void Stream::Close() {
-  closed_ = true;
-  ShutDown();
+  if (!closed_.exchange(true)) ShutDown();
 }
 
 }  // namespace rpc_port_desktop

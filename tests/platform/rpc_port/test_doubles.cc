@@ -3,7 +3,11 @@
 
 #include <app_common.h>
 #include <package_desktop.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -23,4 +27,15 @@ int app_get_id(char** id) {
   const char* given = std::getenv("VELMORA_APP_ID");
   *id = strdup(given != nullptr ? given : kOwnAppId);
   return *id == nullptr ? -12 : 0;
+}
+
+int accept_failure = 0;
+
+extern "C" __attribute__((visibility("default"))) int accept4(int fd, sockaddr* address,
+                                                              socklen_t* length, int flags) {
+  if (accept_failure != 0) {
+    errno = accept_failure;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_accept4, fd, address, length, flags));
 }

@@ -12,4 +12,7 @@ extern int check_client_result;
 extern std::string checked_server;
 extern std::string checked_client;
 
+// What accepting fails with; 0 if it works.
+extern int accept_failure;
+
 #endif  // TESTS_PLATFORM_RPC_PORT_TEST_DOUBLES_H_
