@@ -19,15 +19,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The path of a port's socket has to fit into the 108 bytes that the kernel has for it.
-constexpr std::size_t kLongestTmpdir = 24;
-
 std::string Tmpdir() {
   const char* tmpdir = getenv("TMPDIR");
   const std::string folder = tmpdir != nullptr ? tmpdir : "";
   std::error_code error;
-  const bool usable = !folder.empty() && folder.front() == '/' && folder.size() <= kLongestTmpdir &&
-                      fs::is_directory(folder, error);
+  const bool usable = !folder.empty() && folder.front() == '/' && fs::is_directory(folder, error);
   return usable ? folder : "/tmp";
 }
 
