@@ -73,7 +73,12 @@ AgentService::~AgentService() {
   rpc_port_stub_destroy(stub_);
 }
 
-void AgentService::Listen() { Check(rpc_port_stub_listen(stub_), "cannot listen on the port"); }
+void AgentService::Listen() {
+  Check(rpc_port_stub_listen(stub_), "cannot listen on the port");
+  const Package& package = scenario_.agent.package;
+  dlog_print(DLOG_INFO, kTag, "%s %s serves %s", package.id.c_str(), package.version.c_str(),
+             kPortName);
+}
 
 bool AgentService::OnAdmission(const char* sender, const char*, void* data) {
   const bool refused = static_cast<AgentService*>(data)->scenario_.agent.refuse;
