@@ -365,11 +365,11 @@ bool NamesFile(const std::string& name) {
 }  // namespace
 
 const char* MethodName(int number) {
-  const int index = number - kFirstMethod;
-  if (index < 0 || index >= static_cast<int>(kMethodCount)) {
+  constexpr int kEnd = kFirstMethod + static_cast<int>(kMethodCount);
+  if (number < kFirstMethod || number >= kEnd) {
     return nullptr;
   }
-  return kMethodNames[static_cast<std::size_t>(index)];
+  return kMethodNames[static_cast<std::size_t>(number - kFirstMethod)];
 }
 
 Scenario ReadScenario(std::string_view document, const std::string& name,
