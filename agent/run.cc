@@ -5,15 +5,18 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/signalfd.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <deque>
 #include <exception>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
@@ -126,6 +129,21 @@ void WriteFile(const std::string& path, const std::string& content) {
   if (!file) {
     throw RunError("cannot write " + path);
   }
+}
+
+/** A folder of PATH that may not be entered must not pass for a command that may not be executed. */
+int ReasonFor(const std::string& command, int reason) {
+  if (reason != EACCES || command.find('/') != std::string::npos) {
+    return reason;
+  }
+  const char* path = getenv("PATH");
+  std::istringstream folders(path != nullptr ? path : "");
+  for (std::string folder; std::getline(folders, folder, ':');) {
+    if (access(((folder.empty() ? "." : folder) + "/" + command).c_str(), F_OK) == 0) {
+      return EACCES;
+    }
+  }
+  return ENOENT;
 }
 
 class Run {
@@ -279,9 +297,10 @@ int Run::StartCommand() {
   try {
     command_.pid = StartChild(setup);
   } catch (const StartError& error) {
-    std::fprintf(stderr, "svcmgr-sim: %s: %s\n", options_.command.front().c_str(),
-                 strerror(error.reason));
-    return error.reason == ENOENT ? kNotFound : kNotExecutable;
+    const std::string& name = options_.command.front();
+    const int reason = ReasonFor(name, error.reason);
+    std::fprintf(stderr, "svcmgr-sim: %s: %s\n", name.c_str(), strerror(reason));
+    return reason == ENOENT ? kNotFound : kNotExecutable;
   }
   if (guardian_) {
     guardian_->Watch(command_.pid);

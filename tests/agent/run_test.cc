@@ -93,6 +93,18 @@ TEST_F(ARun, SaysWhenTheCommandCannotBeExecuted) {
   EXPECT_EQ(run.errors, "svcmgr-sim: /: Permission denied\n");
 }
 
+TEST_F(ARun, LooksForTheCommandAlongThePathAsAShellDoes) {
+  const TempFolder folder;
+  std::filesystem::create_directory(folder.path() + "/closed");
+  std::filesystem::permissions(folder.path() + "/closed", std::filesystem::perms::none);
+  folder.Write("no-program", "");
+  setenv("PATH", (folder.path() + "/closed:" + folder.path() + "::/usr/bin:/bin").c_str(), 1);
+  EXPECT_EQ(RunSim({"run", "demo", "--", "true"}).status, 0);
+  EXPECT_EQ(RunSim({"run", "demo", "--", "no-such-command-anywhere"}).status, 127);
+  EXPECT_EQ(RunSim({"run", "demo", "--", "no-program"}).status, 126);
+  std::filesystem::permissions(folder.path() + "/closed", std::filesystem::perms::owner_all);
+}
+
 TEST_F(ARun, PassesArgumentsAsTheyAre) {
   const Finished run = RunSim({"run", "demo", "--", "printf", "<%s>", "a b", "--help", "--", ""});
   EXPECT_EQ(run.status, 0);

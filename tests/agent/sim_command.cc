@@ -49,6 +49,10 @@ int Hold() {
 }
 
 int Linger() {
+  int ends[2];
+  if (pipe(ends) != 0) {
+    return 1;
+  }
   const pid_t child = fork();
   if (child == 0) {
     // It stands in the world's folder and keeps a file open there.
@@ -57,9 +61,11 @@ int Linger() {
     if (folder != nullptr && chdir(folder) == 0) {
       file = std::fopen("held", "w");
     }
-    return file == nullptr ? 1 : Hold();
+    const bool told = write(ends[1], "r", 1) == 1;
+    return file == nullptr || !told ? 1 : Hold();
   }
-  return child > 0 ? 3 : 1;
+  char byte = 0;
+  return child > 0 && read(ends[0], &byte, 1) == 1 ? 3 : 1;
 }
 
 }  // namespace
