@@ -219,10 +219,11 @@ std::vector<ModelView> AgentService::Versions(const Request& request) const {
 
 int RunAgent(Scenario scenario, int ready_fd) {
   UniqueFd ready(ready_fd);
+  signal(SIGPIPE, SIG_IGN);
   sigset_t ends;
   sigemptyset(&ends);
-  for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
-    sigaddset(&ends, signal);
+  for (const int end : {SIGTERM, SIGINT, SIGHUP}) {
+    sigaddset(&ends, end);
   }
   sigprocmask(SIG_BLOCK, &ends, nullptr);
   // GLib's own signal sources would start a thread.

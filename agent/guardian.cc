@@ -3,6 +3,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -11,6 +12,8 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
+#include <cstdlib>
+#include <system_error>
 #include <vector>
 
 #include "world.h"
@@ -20,6 +23,7 @@ namespace {
 
 constexpr pid_t kDismissed = 0;  // in place of a process ID
 constexpr int kPatienceMs = 10000;
+constexpr int kLifelineFd = STDERR_FILENO + 1;
 
 struct Watched {
   pid_t pid;
@@ -31,11 +35,10 @@ void CloseAllBut(int kept) {
   for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
     dup2(nothing, fd);
   }
-  constexpr int kNewPlace = STDERR_FILENO + 1;
-  if (kept != kNewPlace) {
-    dup2(kept, kNewPlace);
+  if (kept != kLifelineFd) {
+    dup2(kept, kLifelineFd);
   }
-  const unsigned first = kNewPlace + 1;
+  const unsigned first = kLifelineFd + 1;
   if (syscall(SYS_close_range, first, ~0u, 0u) != 0) {
     for (int fd = static_cast<int>(first); fd < sysconf(_SC_OPEN_MAX); ++fd) {
       close(fd);
@@ -53,8 +56,26 @@ void EndWatched(const std::vector<Watched>& children) {
   }
 }
 
-[[noreturn]] void Guard(int lifeline, const std::string& folder) {
+/** Makes the folder and tells its name, or the errno, as one message. */
+std::string TellFolder(int lifeline) {
+  std::string folder;
+  std::string message;
+  try {
+    folder = MakeWorldFolder();
+    message = folder;
+  } catch (const std::system_error& error) {
+    message = std::to_string(error.code().value());
+  }
+  send(lifeline, message.data(), message.size(), MSG_NOSIGNAL);
+  return folder;
+}
+
+[[noreturn]] void Guard(int lifeline) {
   std::vector<Watched> children;
+  const std::string folder = TellFolder(lifeline);
+  if (folder.empty()) {
+    _exit(EXIT_FAILURE);
+  }
   for (;;) {
     pid_t child = kDismissed;
     const ssize_t size = read(lifeline, &child, sizeof child);
@@ -76,14 +97,17 @@ void EndWatched(const std::vector<Watched>& children) {
 
 }  // namespace
 
-Guardian::Guardian(const std::string& folder) {
+Guardian::Guardian() {
   int ends[2];
-  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
-    return;
+  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
+    throw std::system_error(errno, std::generic_category(), "cannot make a socket");
   }
   UniqueFd theirs(ends[0]);
-  UniqueFd ours(ends[1]);
+  lifeline_.Reset(ends[1]);
   pid_ = fork();
+  if (pid_ < 0) {
+    throw std::system_error(errno, std::generic_category(), "cannot make a process");
+  }
   if (pid_ == 0) {
     sigset_t all;
     sigfillset(&all);
@@ -94,26 +118,32 @@ Guardian::Guardian(const std::string& folder) {
     if (chdir("/") != 0) {
       _exit(EXIT_FAILURE);
     }
-    Guard(STDERR_FILENO + 1, folder);
+    Guard(kLifelineFd);
   }
-  if (pid_ > 0) {
-    lifeline_ = std::move(ours);
+  theirs.Reset();
+  AwaitFolder();
+}
+
+void Guardian::AwaitFolder() {
+  char message[PATH_MAX];
+  ssize_t size;
+  do {
+    size = recv(lifeline_.get(), message, sizeof message, 0);
+  } while (size < 0 && errno == EINTR);
+  folder_.assign(message, static_cast<std::size_t>(size > 0 ? size : 0));
+  if (folder_.empty() || folder_.front() != '/') {
+    waitpid(pid_, nullptr, 0);
+    throw std::system_error(std::atoi(folder_.c_str()), std::generic_category(),
+                            "cannot make a folder for the world");
   }
 }
 
 Guardian::~Guardian() {
-  if (pid_ <= 0) {
-    return;
-  }
   send(lifeline_.get(), &kDismissed, sizeof kDismissed, MSG_NOSIGNAL);
   while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
   }
 }
 
-void Guardian::Watch(pid_t child) {
-  if (pid_ > 0) {
-    send(lifeline_.get(), &child, sizeof child, MSG_NOSIGNAL);
-  }
-}
+void Guardian::Watch(pid_t child) { send(lifeline_.get(), &child, sizeof child, MSG_NOSIGNAL); }
 
 }  // namespace sim

@@ -16,9 +16,11 @@
 #include <deque>
 #include <exception>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include "child.h"
 #include "guardian.h"
@@ -149,20 +151,20 @@ int ReasonFor(const std::string& command, int reason) {
 class Run {
  public:
   Run(const ScenarioSource& source, const Scenario& scenario, const RunOptions& options)
-      : source_(source), scenario_(scenario), options_(options), world_(scenario) {
+      : source_(source),
+        scenario_(scenario),
+        options_(options),
+        guardian_(options.keep ? nullptr : std::make_unique<Guardian>()),
+        world_(scenario, guardian_ ? guardian_->folder() : MakeWorldFolder()) {
     if (options.keep) {
       world_.Keep();
       std::fprintf(stderr, "svcmgr-sim: the world is kept in %s\n", world_.folder().c_str());
-    } else {
-      guardian_.emplace(world_.folder());
     }
   }
 
-  // The guardian goes last: until then it cleans up should this process be killed.
   ~Run() {
     End(command_);
     End(agent_);
-    world_.Remove();
   }
   Run(const Run&) = delete;
   Run& operator=(const Run&) = delete;
@@ -177,7 +179,7 @@ class Run {
   int StartCommand();
   void AwaitCommand();
   void StopAgent();
-  void ReportAgent() const;
+  void ReportAgent();
 
   /** Waits for a signal, or for `other` to be readable, and takes all signals. False in time-out.
    */
@@ -188,9 +190,10 @@ class Run {
   const Scenario& scenario_;
   const RunOptions& options_;
   const Signals signals_;
+  const std::unique_ptr<Guardian> guardian_;  // none where the world is kept
   World world_;
-  std::optional<Guardian> guardian_;
   Process agent_;
+  bool agent_reported_ = false;
   Process command_;
   int interrupted_by_ = 0;  // a signal that came while there was no command to pass it on to
 };
@@ -309,12 +312,10 @@ int Run::StartCommand() {
 }
 
 void Run::AwaitCommand() {
-  bool told = false;
   command_.Reap();
   while (command_.running()) {
     Wait(-1, -1);
-    if (!told && agent_.status && !EndedAsWanted(*agent_.status)) {
-      told = true;
+    if (agent_.status && !EndedAsWanted(*agent_.status)) {
       ReportAgent();
     }
   }
@@ -338,32 +339,29 @@ void Run::StopAgent() {
   }
 }
 
-void Run::ReportAgent() const {
-  std::fprintf(stderr, "svcmgr-sim: the agent %s%s\n", HowItEnded(*agent_.status).c_str(),
-               LastLines(world_.log_file()).c_str());
+void Run::ReportAgent() {
+  if (!std::exchange(agent_reported_, true)) {
+    std::fprintf(stderr, "svcmgr-sim: the agent %s%s\n", HowItEnded(*agent_.status).c_str(),
+                 LastLines(world_.log_file()).c_str());
+  }
 }
 
 int Run::Execute() {
   if (scenario_.agent.running) {
     StartAgent();
   }
-  int status = 0;
-  bool reported = false;
-  if (interrupted_by_ == 0) {
-    status = StartCommand();
+  TakeSignals();
+  if (interrupted_by_ != 0) {
+    return kKilledBy + interrupted_by_;
   }
+  int status = StartCommand();
   if (command_.pid > 0) {
     AwaitCommand();
     status = ExitStatus(*command_.status);
-    reported = agent_.status && !EndedAsWanted(*agent_.status);
-  } else if (interrupted_by_ != 0) {
-    status = kKilledBy + interrupted_by_;
   }
   StopAgent();
   if (agent_.status && !EndedAsWanted(*agent_.status)) {
-    if (!reported) {
-      ReportAgent();
-    }
+    ReportAgent();
     return status != 0 ? status : kOwnFailure;
   }
   return status;

@@ -27,14 +27,6 @@ std::string Tmpdir() {
   return usable ? folder : "/tmp";
 }
 
-std::string MakeFolder() {
-  std::string folder = Tmpdir() + "/svcmgr-sim-XXXXXX";
-  if (mkdtemp(folder.data()) == nullptr) {
-    throw std::system_error(errno, std::generic_category(), folder);
-  }
-  return folder;
-}
-
 void MakePrivateFolder(const std::string& path) {
   if (mkdir(path.c_str(), 0700) != 0) {
     throw std::system_error(errno, std::generic_category(), path);
@@ -66,6 +58,14 @@ void SetList(GKeyFile* file, const char* group, const char* key,
 
 }  // namespace
 
+std::string MakeWorldFolder() {
+  std::string folder = Tmpdir() + "/svcmgr-sim-XXXXXX";
+  if (mkdtemp(folder.data()) == nullptr) {
+    throw std::system_error(errno, std::generic_category(), folder);
+  }
+  return folder;
+}
+
 bool RemoveTree(const std::string& folder) {
   constexpr int kAttempts = 100;
   std::error_code error;
@@ -94,7 +94,7 @@ std::string KeyFileOf(const Package& package) {
   return text.get();
 }
 
-World::World(const Scenario& scenario) : folder_(MakeFolder()) {
+World::World(const Scenario& scenario, const std::string& folder) : folder_(folder) {
   try {
     Furnish(scenario);
   } catch (...) {
@@ -103,7 +103,7 @@ World::World(const Scenario& scenario) : folder_(MakeFolder()) {
   }
 }
 
-void World::Remove() {
+World::~World() {
   if (!kept_) {
     RemoveTree(folder_);
   }

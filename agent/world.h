@@ -21,18 +21,15 @@ namespace sim {
  */
 class World {
  public:
-  /** Makes the folder (mode 0700, below TMPDIR) and installs the packages. Throws std::exception.
-   */
-  explicit World(const Scenario& scenario);
+  /** Takes over an empty folder and installs the packages there. Throws std::exception. */
+  World(const Scenario& scenario, const std::string& folder);
 
-  ~World() { Remove(); }
+  /** Removes the folder, unless it is kept. */
+  ~World();
   World(const World&) = delete;
   World& operator=(const World&) = delete;
 
   void Keep() { kept_ = true; }
-
-  /** Removes the folder, unless it is kept. */
-  void Remove();
 
   const std::string& folder() const { return folder_; }
   std::string log_file() const { return folder_ + "/agent.log"; }
@@ -49,6 +46,9 @@ class World {
   std::string folder_;
   bool kept_ = false;
 };
+
+/** Makes an empty folder, mode 0700, below TMPDIR or /tmp. Throws std::system_error. */
+std::string MakeWorldFolder();
 
 /** Removes a folder with all that is in it, even while others write there. False if it remains. */
 bool RemoveTree(const std::string& folder);

@@ -16,7 +16,7 @@
 AgentWorld::AgentWorld(const std::string& document)
     : file_(folder_.Write("scenario.json", document)),
       scenario_(sim::ReadScenario(document, "scenario.json", folder_.path())) {
-  world_.emplace(scenario_);
+  world_.emplace(scenario_, sim::MakeWorldFolder());
   for (const auto& [name, value] : world_->ClientEnvironment(scenario_.client).set) {
     setenv(name.c_str(), value.c_str(), 1);
   }

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pty.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
@@ -274,6 +275,43 @@ TEST_F(ARun, TakesEverythingWithItWhenItIsKilled) {
   EXPECT_NE(kill(agent, 0), 0);
   EXPECT_NE(kill(command, 0), 0);
   EXPECT_TRUE(std::filesystem::is_empty(worlds_.path()));
+}
+
+TEST_F(ARun, LeavesNothingWhenItIsKilledWhileItStarts) {
+  AdoptOrphans();
+  const auto world_holds = [this](const std::string& name) {
+    for (const auto& world : std::filesystem::directory_iterator(worlds_.path())) {
+      if (name.empty() || std::filesystem::exists(world.path() / name)) {
+        return true;
+      }
+    }
+    return false;
+  };
+  for (const char* sign : {"", "run", "packages/com.velmora.svcmgr.package", "scenario.json",
+                           "agent.log", "agent.pid", "run/com.velmora.svcmgr:SvcMgrAppPort"}) {
+    SimProcess process({"run", "demo", "--", SIM_COMMAND, "hold"});
+    while (!world_holds(sign)) {
+      sched_yield();
+    }
+    process.Signal(SIGKILL);
+    EXPECT_EQ(process.Await(), -SIGKILL);
+    AwaitAllChildren();
+    EXPECT_TRUE(std::filesystem::is_empty(worlds_.path())) << "killed after " << sign;
+  }
+}
+
+TEST_F(ARun, EndsByASignalThatComesBeforeTheCommandRuns) {
+  // It is pending from the beginning, and so taken as soon as signals are taken at all.
+  const Finished run = RunSim(Script("echo ran"), [] {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    raise(SIGTERM);
+  });
+  EXPECT_EQ(run.status, 128 + SIGTERM);
+  EXPECT_EQ(run.output, "");
+  EXPECT_EQ(run.errors, "");
 }
 
 TEST_F(ARun, LeavesNoProcessBehind) {
