@@ -307,8 +307,12 @@ using fake::internal::state;
 
 namespace {
 
-/** The port behind a handle, of a proxy that lives; null, and a fault, otherwise. */
+/**
+ * The port behind a handle, of a proxy that lives; null otherwise, and a fault, but for a null
+ * handle, which the platform refuses as any caller may expect.
+ */
 Port* FindPort(const char* function, const void* handle) {
+  if (handle == nullptr) return nullptr;
   const auto found = state().ports.find(handle);
   if (found == state().ports.end()) {
     fake::Fault(std::string(function) + ": unknown handle where a port is expected");
