@@ -248,6 +248,8 @@ void QueueStray(int command, const Items& rest = {});
 void QueueBytes(const std::string& hex);
 /** How many messages wait on the main port. */
 std::size_t WaitingMessages();
+/** Takes all messages off the main port. */
+void ForgetMessages();
 
 /*
  * Proxies.

@@ -155,6 +155,11 @@ std::size_t WaitingMessages() {
   return state().main_messages.size();
 }
 
+void ForgetMessages() {
+  const Guard guard;
+  state().main_messages.clear();
+}
+
 void DeliverDelegateMessage(int id, int seq, const Items& payload, bool once) {
   DeliverMessage(Items{1, id, seq, once} + payload);
 }

@@ -1,0 +1,361 @@
+// SPDX-License-Identifier: Apache-2.0
+// What an application may do inside its callbacks, and a platform inside its calls.
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "client.h"
+
+namespace {
+
+using client::Answer;
+using client::Connection;
+using client::EmptyList;
+using client::kConnected;
+using client::kDisconnected;
+using client::kRejected;
+using client::Models;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+/* Every action inside every callback. */
+
+/** The world of one test: a connection that stands and a request whose answer is awaited. */
+struct World {
+  Connection connection;
+  Connection second;  // for connections made inside a callback
+  Models models;      // awaits delegate 1, sequence number 0
+  Models more;        // for requests made inside a callback
+};
+
+struct Action {
+  const char* name;
+  std::function<void(World&)> run;
+};
+
+struct Event {
+  const char* name;
+  std::function<void(World&, std::function<void()>)> fire;  // fires, and acts inside the callback
+};
+
+void Disconnect(World&) { EXPECT_EQ(velmora_svcmgr_disconnect(), 0); }
+
+void Replace(World& world) {
+  Disconnect(world);
+  EXPECT_EQ(world.second.Connect(), 0);
+}
+
+void ReplaceAndComplete(World& world) {
+  Replace(world);
+  fake::Proxy().FireConnected();
+}
+
+const std::vector<Action> kActions = {
+    {"Disconnects", Disconnect},
+    {"ConnectsAgain", Replace},
+    {"ConnectsAgainAndIsConnected", ReplaceAndComplete},
+    {"ConnectsOver",
+     [](World& world) { EXPECT_THAT(world.second.Connect(), testing::AnyOf(0, -106)); }},
+    {"SendsMore", [](World& world) { world.more.Request(); }},
+    {"AsksAndWaits",
+     [](World&) {
+       int level = 0;
+       fake::QueueReply({11});
+       velmora_svcmgr_get_agent_api_level(&level);
+     }},
+    {"IsDropped", [](World&) { fake::Proxy().FireDisconnected(); }},
+    {"IsRejected", [](World&) { fake::Proxy().FireRejected(); }},
+    {"ReceivesAnotherMessage", [](World&) { fake::DeliverDelegateMessage(1, 0, EmptyList(0)); }},
+};
+
+const std::vector<Event> kEvents = {
+    {"Connected",
+     [](World& world, std::function<void()> act) {
+       world.connection.inside = std::move(act);
+       fake::Proxy().FireConnected();  // once more, as a platform might
+     }},
+    {"Disconnected",
+     [](World& world, std::function<void()> act) {
+       world.connection.inside = std::move(act);
+       fake::Proxy().FireDisconnected();
+     }},
+    {"Rejected",
+     [](World& world, std::function<void()> act) {
+       world.connection.inside = std::move(act);
+       fake::Proxy().FireRejected();
+     }},
+    {"Answered",
+     [](World& world, std::function<void()> act) {
+       world.models.inside = std::move(act);
+       fake::DeliverDelegateMessage(1, 0, EmptyList(0));
+     }},
+    {"InsideASend",
+     [](World& world, std::function<void()> act) {
+       fake::Next("rpc_port_parcel_send", fake::Hook(std::move(act)));
+       world.more.Request();
+     }},
+    {"InsideASendThatFails",
+     [](World& world, std::function<void()> act) {
+       fake::Next("rpc_port_parcel_send", fake::FailAfterWork(-5).Leaving(std::move(act)));
+       world.more.Request();
+     }},
+    {"InsideASendThatIsAnswered",
+     [](World&, std::function<void()> act) {
+       fake::Next("rpc_port_parcel_send", fake::Hook(std::move(act)));
+       fake::QueueReply({7});
+       int level = 0;
+       velmora_svcmgr_get_agent_api_level(&level);
+     }},
+    {"InsideAReceive",
+     [](World&, std::function<void()> act) {
+       fake::QueueReply({7});
+       fake::Next("rpc_port_parcel_create_from_port", fake::Hook(std::move(act)));
+       int level = 0;
+       velmora_svcmgr_get_agent_api_level(&level);
+     }},
+    {"InsideAConnect",
+     [](World& world, std::function<void()> act) {
+       EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
+       fake::Next("rpc_port_proxy_connect", fake::Succeed().Entering([&world, act] {
+         world.connection.inside = act;
+         fake::Proxy().FireConnected();
+       }));
+       world.connection.Connect();
+     }},
+    {"InsideAConnectThatFails",
+     [](World& world, std::function<void()> act) {
+       EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
+       fake::Next("rpc_port_proxy_connect", fake::Fail(-5).Entering([&world, act] {
+         world.connection.inside = act;
+         fake::Proxy().FireConnected();
+       }));
+       world.connection.Connect();
+     }},
+};
+
+class AnAction : public client::ConnectedTest,
+                 public testing::WithParamInterface<std::tuple<Event, Action>> {};
+
+// Whatever is done wherever: nothing crashes, leaks or is used after its end, which the fake and the
+// sanitizers watch, and a fresh connection works afterwards.
+TEST_P(AnAction, IsSurvivedInsideAnyCallback) {
+  World world;
+  if (velmora_svcmgr_disconnect() != 0 || world.connection.Connect() != 0) FAIL();
+  fake::Proxy().FireConnected();
+  ASSERT_EQ(world.models.Request(), 0);
+  fake::AllowHeldConnection();
+
+  const auto& [event, action] = GetParam();
+  bool acted = false;
+  event.fire(world, [&, run = action.run] {
+    acted = true;
+    run(world);
+  });
+  EXPECT_TRUE(acted);
+
+  world.connection.inside = nullptr;
+  if (fake::LiveObjects(fake::Kind::kProxy) == 0) {
+    velmora_svcmgr_disconnect();  // the flag may have stayed set
+    ASSERT_EQ(world.connection.Connect(), 0);
+  }
+  fake::Proxy().FireConnected();
+  EXPECT_EQ(fake::LiveObjects(fake::Kind::kProxy), 1);
+  fake::ForgetMessages();
+  fake::QueueReply({11});
+  int level = 0;
+  EXPECT_EQ(velmora_svcmgr_get_agent_api_level(&level), 0);
+  EXPECT_EQ(level, 11);
+  EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
+  EXPECT_EQ(fake::LiveObjects(fake::Kind::kProxy), 0);
+  EXPECT_EQ(fake::LiveObjects(fake::Kind::kParcel), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, AnAction,
+                         testing::Combine(testing::ValuesIn(kEvents), testing::ValuesIn(kActions)),
+                         [](const auto& row) {
+                           return std::string(std::get<0>(row.param).name) +
+                                  std::get<1>(row.param).name;
+                         });
+
+/* What is observed. */
+
+class ACallback : public client::ConnectedTest {
+ protected:
+  Models models;
+};
+
+TEST_F(ACallback, ThatDisconnectsIsTheLastOfItsConnection) {
+  Models others;
+  ASSERT_EQ(models.Request(), 0);
+  ASSERT_EQ(others.Request(), 0);
+  models.inside = [] { EXPECT_EQ(velmora_svcmgr_disconnect(), 0); };
+  fake::DeliverDelegateMessage(1, 0, EmptyList(0));
+  EXPECT_THAT(models.answers, ElementsAre(Answer{0, 0}));
+  EXPECT_THAT(others.answers, IsEmpty());
+  EXPECT_THAT(connection.notices, IsEmpty());
+  EXPECT_FALSE(fake::Proxy().Alive());
+}
+
+TEST_F(ACallback, ThatDisconnectsDestroysTheProxyAtOnce) {
+  ASSERT_EQ(models.Request(), 0);
+  bool alive = true;
+  models.inside = [&] {
+    EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
+    alive = fake::Proxy().Alive();
+  };
+  fake::DeliverDelegateMessage(1, 0, EmptyList(0));
+  EXPECT_FALSE(alive);
+}
+
+TEST_F(ACallback, ThatConnectsAgainGetsTheNewConnectionsNotices) {
+  Connection second;
+  ASSERT_EQ(models.Request(), 0);
+  models.inside = [&] {
+    EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
+    EXPECT_EQ(second.Connect(), 0);
+    fake::Proxy().FireConnected();
+  };
+  fake::DeliverDelegateMessage(1, 0, EmptyList(0));
+  EXPECT_THAT(second.notices, ElementsAre(kConnected));
+  EXPECT_EQ(fake::ProxyCount(), 2);
+  fake::Proxy().FireDisconnected();
+  EXPECT_THAT(second.notices, ElementsAre(kConnected, kDisconnected));
+}
+
+TEST_F(ACallback, ThatSendsMoreGetsItsAnswer) {
+  Models more;
+  ASSERT_EQ(models.Request(), 0);
+  models.inside = [&] { EXPECT_EQ(more.Request(), 0); };
+  fake::DeliverDelegateMessage(1, 0, EmptyList(0));
+  fake::DeliverDelegateMessage(1, 1, EmptyList(9));
+  EXPECT_THAT(more.answers, ElementsAre(Answer{-13, 0}));
+}
+
+TEST_F(ACallback, MaySendAThousandRequests) {
+  std::vector<std::unique_ptr<Models>> more;
+  ASSERT_EQ(models.Request(), 0);
+  models.inside = [&] {
+    for (int i = 0; i < 1000; ++i) {
+      more.push_back(std::make_unique<Models>());
+      EXPECT_EQ(more.back()->Request(), 0);
+    }
+  };
+  fake::DeliverDelegateMessage(1, 0, EmptyList(0));
+  fake::DeliverDelegateMessage(1, 1000, EmptyList(0));
+  EXPECT_THAT(more.back()->answers, ElementsAre(Answer{0, 0}));
+}
+
+TEST_F(ACallback, MayAskAndWait) {
+  int level = 0;
+  ASSERT_EQ(models.Request(), 0);
+  models.inside = [&] {
+    fake::QueueReply({11});
+    EXPECT_EQ(velmora_svcmgr_get_agent_api_level(&level), 0);
+  };
+  fake::DeliverDelegateMessage(1, 0, EmptyList(0));
+  EXPECT_EQ(level, 11);
+}
+
+TEST_F(ACallback, MayRunInsideAnother) {
+  Models others;
+  ASSERT_EQ(models.Request(), 0);
+  ASSERT_EQ(others.Request(), 0);
+  models.inside = [] { fake::DeliverDelegateMessage(1, 1, EmptyList(0)); };
+  fake::DeliverDelegateMessage(1, 0, EmptyList(0));
+  EXPECT_THAT(models.answers, ElementsAre(Answer{0, 0}));
+  EXPECT_THAT(others.answers, ElementsAre(Answer{0, 0}));
+}
+
+TEST_F(ACallback, MayRunInsideItself) {
+  ASSERT_EQ(models.Request(), 0);
+  models.inside = [] { fake::DeliverDelegateMessage(1, 0, EmptyList(8)); };
+  fake::DeliverDelegateMessage(1, 0, EmptyList(0));
+  EXPECT_THAT(models.answers, ElementsAre(Answer{0, 0}, Answer{client::kKyrDisabled, 0}));
+}
+
+TEST_F(ACallback, IsNotCalledAfterALossInsideAnother) {
+  Models others;
+  ASSERT_EQ(models.Request(), 0);
+  ASSERT_EQ(others.Request(), 0);
+  models.inside = [] { fake::Proxy().FireDisconnected(); };
+  fake::DeliverDelegateMessage(1, 0, EmptyList(0));
+  fake::DeliverDelegateMessage(1, 1, EmptyList(0));
+  EXPECT_THAT(others.answers, IsEmpty());
+  EXPECT_THAT(connection.notices, ElementsAre(kDisconnected));
+}
+
+TEST_F(ACallback, OfALossMayFindTheConnectionUnusable) {
+  int code = 0;
+  connection.inside = [&] {
+    int level = 0;
+    code = velmora_svcmgr_get_agent_api_level(&level);
+  };
+  fake::Proxy().FireDisconnected();
+  EXPECT_EQ(code, -107);
+}
+
+TEST_F(ACallback, OfTheConnectionMayBeReplacedInsideItself) {
+  Connection second;
+  EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
+  EXPECT_EQ(connection.Connect(), 0);
+  connection.inside = [&] { fake::Proxy().FireDisconnected(); };
+  fake::Proxy().FireConnected();
+  EXPECT_THAT(connection.notices, ElementsAre(kConnected, kDisconnected));
+  EXPECT_EQ(second.Connect(), 0);  // dropped: replaces the callback, starts nothing
+  fake::Proxy().FireRejected();
+  EXPECT_THAT(second.notices, ElementsAre(kRejected));
+}
+
+TEST_F(ACallback, MayDisconnectInsideTheSendOfItsOwnRequest) {
+  fake::Next("rpc_port_parcel_send", fake::Hook([] { EXPECT_EQ(velmora_svcmgr_disconnect(), 0); }));
+  models.Request();
+  EXPECT_FALSE(fake::Proxy().Alive());
+  EXPECT_THAT(models.answers, IsEmpty());
+}
+
+TEST_F(ACallback, ThatDisconnectsInsideAWaitEndsTheWait) {
+  fake::QueueStray(5);
+  fake::Next("rpc_port_parcel_create_from_port",
+             fake::Hook([] { EXPECT_EQ(velmora_svcmgr_disconnect(), 0); }));
+  int level = 5;
+  EXPECT_EQ(velmora_svcmgr_get_agent_api_level(&level), client::kInvalidApiLevel);
+  EXPECT_EQ(level, 5);
+}
+
+/* Sequence numbers of the client layer. */
+
+TEST_F(ACallback, IsFoundByASequenceNumberThatCountsOnAcrossConnections) {
+  Models second;
+  ASSERT_EQ(models.Request(), 0);
+  EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
+  EXPECT_EQ(connection.Connect(), 0);
+  fake::Proxy().FireConnected();
+  ASSERT_EQ(second.Request(), 0);
+  EXPECT_EQ(fake::SentParcels().at(0).items.at(2), fake::Item(0));
+  EXPECT_EQ(fake::SentParcels().at(1).items.at(2), fake::Item(1));
+  fake::DeliverDelegateMessage(1, 0, EmptyList(0));
+  fake::DeliverDelegateMessage(1, 1, EmptyList(0));
+  EXPECT_THAT(models.answers, IsEmpty());
+  EXPECT_THAT(second.answers, ElementsAre(Answer{0, 0}));
+}
+
+TEST_F(ACallback, UsesItsSequenceNumberUpWhenTheSendFails) {
+  fake::Next("rpc_port_parcel_send", fake::Fail(-5));
+  EXPECT_EQ(models.Request(), -38);
+  EXPECT_EQ(models.Request(), 0);
+  EXPECT_EQ(fake::SentParcels().at(0).items.at(2), fake::Item(1));
+}
+
+TEST_F(ACallback, TakesNoSequenceNumberWhenTheIdentityIsUnknown) {
+  fake::Next("app_get_id", fake::Fail(-5));
+  EXPECT_EQ(models.Request(), -38);
+  fake::Next("app_get_version", fake::Fail(-5));
+  EXPECT_EQ(models.Request(), -38);
+  EXPECT_EQ(models.Request(), 0);
+  EXPECT_EQ(fake::SentParcels().at(0).items.at(2), fake::Item(0));
+}
+
+}  // namespace
