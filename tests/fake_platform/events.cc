@@ -63,6 +63,7 @@ std::vector<const event_handler*> HandlersOf(const std::string& name) {
 }  // namespace
 
 bundle* bundle_create(void) {
+  const fake::internal::Inside inside;
   const fake::Step step = BeginUnrecorded(__func__);
   bundle* made = nullptr;
   Perform(__func__, step, &made, [&] {
@@ -73,6 +74,7 @@ bundle* bundle_create(void) {
 }
 
 int bundle_free(bundle* b) {
+  const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
   const fake::Step step = BeginUnrecorded(kFunction);
   return Perform(kFunction, step, [&] {
@@ -85,6 +87,7 @@ int bundle_free(bundle* b) {
 }
 
 int bundle_add_str(bundle* b, const char* key, const char* str) {
+  const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
   const fake::Step step = BeginUnrecorded(kFunction);
   return Perform(kFunction, step, [&] {
@@ -97,6 +100,7 @@ int bundle_add_str(bundle* b, const char* key, const char* str) {
 }
 
 int bundle_get_str(bundle* b, const char* key, char** str) {
+  const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
   const fake::Step step = Begin(kFunction, Name(b) + ", " + Quote(key));
   return Perform(kFunction, step, str, [&] {
@@ -109,6 +113,7 @@ int bundle_get_str(bundle* b, const char* key, char** str) {
 }
 
 int bundle_add_byte(bundle* b, const char* key, const void* byte, const size_t size) {
+  const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
   const fake::Step step = BeginUnrecorded(kFunction);
   return Perform(kFunction, step, [&] {
@@ -123,6 +128,7 @@ int bundle_add_byte(bundle* b, const char* key, const void* byte, const size_t s
 }
 
 int bundle_get_byte(bundle* b, const char* key, void** byte, size_t* size) {
+  const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
   const fake::Step step = Begin(kFunction, Name(b) + ", " + Quote(key));
   return Perform(kFunction, step, byte, [&] {
@@ -136,6 +142,7 @@ int bundle_get_byte(bundle* b, const char* key, void** byte, size_t* size) {
 }
 
 int bundle_add_str_array(bundle* b, const char* key, const char** str_array, const int len) {
+  const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
   const fake::Step step = BeginUnrecorded(kFunction);
   return Perform(kFunction, step, [&] {
@@ -148,6 +155,7 @@ int bundle_add_str_array(bundle* b, const char* key, const char** str_array, con
 }
 
 const char** bundle_get_str_array(bundle* b, const char* key, int* len) {
+  const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
   const fake::Step step = Begin(kFunction, Name(b) + ", " + Quote(key));
   const char** found = nullptr;
@@ -167,6 +175,7 @@ const char** bundle_get_str_array(bundle* b, const char* key, int* len) {
 
 int event_add_event_handler(const char* event_name, event_cb callback, void* user_data,
                             event_handler_h* handler) {
+  const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
   const fake::Step step =
       Begin(kFunction, Quote(event_name) + (user_data == nullptr ? ", null" : ", data"));
@@ -187,6 +196,7 @@ int event_add_event_handler(const char* event_name, event_cb callback, void* use
 }
 
 int event_remove_event_handler(event_handler_h handler) {
+  const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
   const fake::Step step = Begin(kFunction, Name(handler));
   return Perform(kFunction, step, [&] {
@@ -196,6 +206,7 @@ int event_remove_event_handler(event_handler_h handler) {
 }
 
 int event_publish_app_event(const char* event_name, bundle* event_data) {
+  const fake::internal::Inside inside;
   const fake::Step step = Begin(__func__, Quote(event_name) + ", " + Name(event_data));
   return Perform(__func__, step, [] { return 0; });
 }
@@ -237,6 +248,7 @@ std::vector<std::string> Subscriptions() {
 }
 
 int FireEvent(const std::string& name, bundle* data) {
+  const internal::Inside inside;
   int ran = 0;
   for (const event_handler* handler : HandlersOf(name)) {
     if (!handler->alive) continue;
@@ -251,6 +263,7 @@ int FireEvent(const std::string& name, const BundleBuilder& data) {
 }
 
 void FireEventAt(const std::string& subscribed, const char* name, bundle* data) {
+  const internal::Inside inside;
   const auto handlers = HandlersOf(subscribed);
   if (handlers.empty()) Fault("nobody is subscribed to " + subscribed);
   for (const event_handler* handler : handlers) Run(handler, name, data);

@@ -128,6 +128,11 @@ Guard::~Guard() {
   --inside_fake;
 }
 
+Inside::Inside() { ++inside_fake; }
+Inside::~Inside() { --inside_fake; }
+Outside::Outside() : depth_(inside_fake) { inside_fake = 0; }
+Outside::~Outside() { inside_fake = depth_; }
+
 bool InsideFake() { return inside_fake > 0; }
 
 State& state() {
@@ -239,6 +244,7 @@ std::string Quote(const char* text) {
 __attribute__((no_sanitize("null"))) void Shielded(const char* what,
                                                    const std::function<void()>& callback) {
   try {
+    const Outside outside;
     callback();
   } catch (abi::__forced_unwind&) {
     throw;

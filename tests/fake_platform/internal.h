@@ -28,8 +28,39 @@ class Guard {
   Guard& operator=(const Guard&) = delete;
 };
 
-/** Whether this thread is inside a Guard. */
+/**
+ * Stands at the top of each function of the platform and of the control interface that does more
+ * than enter a Guard: what this thread allocates from here on is the fake's own.
+ */
+class Inside {
+ public:
+  Inside();
+  ~Inside();
+  Inside(const Inside&) = delete;
+  Inside& operator=(const Inside&) = delete;
+};
+
+/** Stands around hooks and callbacks: what they allocate is not the fake's own. */
+class Outside {
+ public:
+  Outside();
+  ~Outside();
+  Outside(const Outside&) = delete;
+  Outside& operator=(const Outside&) = delete;
+
+ private:
+  int depth_;
+};
+
+/** Whether this thread is at work for the fake itself. */
 bool InsideFake();
+
+/** Runs a hook, if there is one. */
+inline void RunHook(const std::function<void()>& hook) {
+  if (!hook) return;
+  const Outside outside;
+  hook();
+}
 
 /** A thing behind a handle. Destroyed objects stay as tombstones, so that later uses are seen. */
 struct Object {
@@ -184,7 +215,7 @@ void PutText(const char* function, const std::string&, T*) {
 /** Carries one step out; `work` does what the function is for and returns its result. */
 template <typename Out, typename Work>
 int Perform(const char* function, const Step& step, Out* out, Work work) {
-  if (step.entering) step.entering();
+  RunHook(step.entering);
   int result = step.result;
   switch (step.shape) {
     case Step::Shape::kWork: {
@@ -204,7 +235,7 @@ int Perform(const char* function, const Step& step, Out* out, Work work) {
       if (out != nullptr) PutText(function, step.text, out);
       break;
   }
-  if (step.leaving) step.leaving();
+  RunHook(step.leaving);
   return result;
 }
 

@@ -72,6 +72,7 @@ void Split(LogRecord* record, va_list arguments) {
 }  // namespace
 
 int dlog_print(log_priority prio, const char* tag, const char* fmt, ...) {
+  const fake::internal::Inside inside;
   const fake::Step step = fake::internal::BeginUnrecorded("dlog_print");
   LogRecord record;
   std::function<void(const LogRecord&)> hook;
@@ -94,6 +95,9 @@ int dlog_print(log_priority prio, const char* tag, const char* fmt, ...) {
     }
     hook = state().on_log;
   }
-  if (hook) hook(record);
+  if (hook) {
+    const fake::internal::Outside outside;
+    hook(record);
+  }
   return fake::internal::Perform("dlog_print", step, [] { return 0; });
 }

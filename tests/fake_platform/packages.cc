@@ -111,13 +111,18 @@ const char* CStringOrNull(const std::optional<std::string>& text) {
 
 }  // namespace
 
-int app_get_id(char** id) { return GetOwn(__func__, &fake::Application::id, id); }
+int app_get_id(char** id) {
+  const fake::internal::Inside inside;
+  return GetOwn(__func__, &fake::Application::id, id);
+}
 
 int app_get_version(char** version) {
+  const fake::internal::Inside inside;
   return GetOwn(__func__, &fake::Application::version, version);
 }
 
 char* app_get_resource_path(void) {
+  const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
   char* path = nullptr;
   const fake::Step step = Begin(kFunction, "");
@@ -131,12 +136,14 @@ char* app_get_resource_path(void) {
 }
 
 char* get_error_message(int code) {
+  const fake::internal::Inside inside;
   const Guard guard;
   static auto* const texts = new std::map<int, std::string>;
   return texts->emplace(code, fake::ErrorText(code)).first->second.data();
 }
 
 int package_info_create(const char* package, package_info_h* package_info) {
+  const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
   const fake::Step step = Begin(kFunction, Quote(package));
   return Perform(kFunction, step, package_info, [&] {
@@ -152,6 +159,7 @@ int package_info_create(const char* package, package_info_h* package_info) {
 }
 
 int package_info_destroy(package_info_h package_info) {
+  const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
   const fake::Step step = Begin(kFunction, Name(package_info));
   return Perform(kFunction, step, [&] {
@@ -170,15 +178,18 @@ int package_info_destroy(package_info_h package_info) {
 }
 
 int package_info_get_package(package_info_h package_info, char** package) {
+  const fake::internal::Inside inside;
   return GetText(__func__, package_info, &Package::id, package);
 }
 
 int package_info_get_version(package_info_h package_info, char** version) {
+  const fake::internal::Inside inside;
   return GetText(__func__, package_info, &Package::version, version);
 }
 
 int package_manager_foreach_package_info(package_manager_package_info_cb callback,
                                          void* user_data) {
+  const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
   const fake::Step step = Begin(kFunction, "");
   return Perform(kFunction, step, [&] {
@@ -195,6 +206,7 @@ int package_manager_foreach_package_info(package_manager_package_info_cb callbac
 }
 
 int app_info_create(const char* app_id, app_info_h* app_info) {
+  const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
   const fake::Step step = Begin(kFunction, Quote(app_id));
   return Perform(kFunction, step, app_info, [&] {
@@ -210,6 +222,7 @@ int app_info_create(const char* app_id, app_info_h* app_info) {
 }
 
 int app_info_destroy(app_info_h app_info) {
+  const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
   const fake::Step step = Begin(kFunction, Name(app_info));
   return Perform(kFunction, step, [&] {
@@ -218,6 +231,7 @@ int app_info_destroy(app_info_h app_info) {
 }
 
 int app_info_foreach_metadata(app_info_h app_info, app_info_metadata_cb callback, void* user_data) {
+  const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
   const fake::Step step = Begin(kFunction, Name(app_info));
   return Perform(kFunction, step, [&] {

@@ -161,16 +161,19 @@ void ForgetMessages() {
 }
 
 void DeliverDelegateMessage(int id, int seq, const Items& payload, bool once) {
+  const internal::Inside inside;
   DeliverMessage(Items{1, id, seq, once} + payload);
 }
 
 void DeliverMessage(const Items& items) {
+  const internal::Inside inside;
   const ProxyControl proxy = Proxy();
   proxy.QueueCallbackMessage(items);
   proxy.FireReceived();
 }
 
 void DeliverBytes(const std::string& hex) {
+  const internal::Inside inside;
   const ProxyControl proxy = Proxy();
   proxy.QueueCallbackBytes(hex);
   proxy.FireReceived();
@@ -187,6 +190,7 @@ ProxyObject* FindProxy(const char* what, const void* handle) {
 /** Runs what is registered under `member`, as long as the proxy lives. */
 template <typename List, typename Call>
 void Fire(const char* what, void* handle, List ProxyObject::*member, Call call) {
+  const internal::Inside inside;
   List callbacks;
   std::string target;
   std::string port_name;
@@ -442,6 +446,7 @@ int WithStub(const char* function, rpc_port_stub_h h) {
 /* Parcels. */
 
 int rpc_port_parcel_create(rpc_port_parcel_h* h) {
+  const fake::internal::Inside inside;
   const Step step = Begin(__func__, "");
   return Perform(__func__, step, h, [&] {
     *h = Adopt<Parcel>(Kind::kParcel);
@@ -450,6 +455,7 @@ int rpc_port_parcel_create(rpc_port_parcel_h* h) {
 }
 
 int rpc_port_parcel_create_from_port(rpc_port_parcel_h* h, rpc_port_h port) {
+  const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
   const Step step = Begin(kFunction, Name(port));
   return Perform(kFunction, step, h, [&] {
@@ -471,6 +477,7 @@ int rpc_port_parcel_create_from_port(rpc_port_parcel_h* h, rpc_port_h port) {
 }
 
 int rpc_port_parcel_send(rpc_port_parcel_h h, rpc_port_h port) {
+  const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
   const Step step = Begin(kFunction, Name(h) + ", " + Name(port));
   return Perform(kFunction, step, [&] {
@@ -485,12 +492,16 @@ int rpc_port_parcel_send(rpc_port_parcel_h h, rpc_port_h port) {
       if (state().recording) state().sent.push_back(sent);
       agent = state().on_send;
     }
-    if (agent) agent(sent);
+    if (agent) {
+      const fake::internal::Outside outside;
+      agent(sent);
+    }
     return 0;
   });
 }
 
 int rpc_port_parcel_destroy(rpc_port_parcel_h h) {
+  const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
   const Step step = Begin(kFunction, Name(h));
   return Perform(kFunction, step, [&] {
@@ -504,41 +515,50 @@ int rpc_port_parcel_destroy(rpc_port_parcel_h h) {
 }
 
 int rpc_port_parcel_write_int32(rpc_port_parcel_h h, int i) {
+  const fake::internal::Inside inside;
   return Write(__func__, h, std::to_string(i), Item(i));
 }
 
 int rpc_port_parcel_write_bool(rpc_port_parcel_h h, bool b) {
+  const fake::internal::Inside inside;
   return Write(__func__, h, b ? "true" : "false", Item(b));
 }
 
 int rpc_port_parcel_write_string(rpc_port_parcel_h h, const char* str) {
+  const fake::internal::Inside inside;
   return Write(__func__, h, Quote(str),
                str != nullptr ? std::optional<Item>(str) : std::optional<Item>());
 }
 
 int rpc_port_parcel_write_array_count(rpc_port_parcel_h h, int count) {
+  const fake::internal::Inside inside;
   return Write(__func__, h, std::to_string(count), fake::Count(count));
 }
 
 int rpc_port_parcel_read_int32(rpc_port_parcel_h h, int* i) {
+  const fake::internal::Inside inside;
   return Read(__func__, h, Item::Type::kInt32, i);
 }
 
 int rpc_port_parcel_read_bool(rpc_port_parcel_h h, bool* b) {
+  const fake::internal::Inside inside;
   return Read(__func__, h, Item::Type::kBool, b);
 }
 
 int rpc_port_parcel_read_string(rpc_port_parcel_h h, char** str) {
+  const fake::internal::Inside inside;
   return Read(__func__, h, Item::Type::kString, str);
 }
 
 int rpc_port_parcel_read_array_count(rpc_port_parcel_h h, int* count) {
+  const fake::internal::Inside inside;
   return Read(__func__, h, Item::Type::kCount, count);
 }
 
 /* Client side. */
 
 int rpc_port_proxy_create(rpc_port_proxy_h* h) {
+  const fake::internal::Inside inside;
   const Step step = Begin(__func__, "");
   return Perform(__func__, step, h, [&] {
     const Guard guard;
@@ -554,6 +574,7 @@ int rpc_port_proxy_create(rpc_port_proxy_h* h) {
 }
 
 int rpc_port_proxy_destroy(rpc_port_proxy_h h) {
+  const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
   const Step step = Begin(kFunction, Name(h));
   return Perform(kFunction, step, [&] {
@@ -562,6 +583,7 @@ int rpc_port_proxy_destroy(rpc_port_proxy_h h) {
 }
 
 int rpc_port_proxy_connect(rpc_port_proxy_h h, const char* appid, const char* port) {
+  const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
   {
     const Guard guard;
@@ -576,25 +598,30 @@ int rpc_port_proxy_connect(rpc_port_proxy_h h, const char* appid, const char* po
 
 int rpc_port_proxy_add_connected_event_cb(rpc_port_proxy_h h, rpc_port_proxy_connected_event_cb cb,
                                           void* data) {
+  const fake::internal::Inside inside;
   return AddCallback(__func__, h, cb, data, &ProxyObject::connected_callbacks);
 }
 
 int rpc_port_proxy_add_disconnected_event_cb(rpc_port_proxy_h h,
                                              rpc_port_proxy_disconnected_event_cb cb, void* data) {
+  const fake::internal::Inside inside;
   return AddCallback(__func__, h, cb, data, &ProxyObject::disconnected_callbacks);
 }
 
 int rpc_port_proxy_add_rejected_event_cb(rpc_port_proxy_h h, rpc_port_proxy_rejected_event_cb cb,
                                          void* data) {
+  const fake::internal::Inside inside;
   return AddCallback(__func__, h, cb, data, &ProxyObject::rejected_callbacks);
 }
 
 int rpc_port_proxy_add_received_event_cb(rpc_port_proxy_h h, rpc_port_proxy_received_event_cb cb,
                                          void* data) {
+  const fake::internal::Inside inside;
   return AddCallback(__func__, h, cb, data, &ProxyObject::received_callbacks);
 }
 
 int rpc_port_proxy_get_port(rpc_port_proxy_h h, rpc_port_port_type_e type, rpc_port_h* port) {
+  const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
   const Step step = Begin(kFunction, Name(h) + ", " + std::to_string(static_cast<int>(type)));
   return Perform(kFunction, step, port, [&] {
@@ -610,6 +637,7 @@ int rpc_port_proxy_get_port(rpc_port_proxy_h h, rpc_port_port_type_e type, rpc_p
 /* Server side: recorded, with nothing behind it. */
 
 int rpc_port_stub_create(rpc_port_stub_h* h, const char* port_name) {
+  const fake::internal::Inside inside;
   const Step step = Begin(__func__, Quote(port_name));
   return Perform(__func__, step, h, [&] {
     *h = Adopt<Object>(Kind::kStub);
@@ -618,6 +646,7 @@ int rpc_port_stub_create(rpc_port_stub_h* h, const char* port_name) {
 }
 
 int rpc_port_stub_destroy(rpc_port_stub_h h) {
+  const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
   const Step step = Begin(kFunction, Name(h));
   return Perform(kFunction, step, [&] {
@@ -625,23 +654,30 @@ int rpc_port_stub_destroy(rpc_port_stub_h h) {
   });
 }
 
-int rpc_port_stub_listen(rpc_port_stub_h h) { return WithStub(__func__, h); }
+int rpc_port_stub_listen(rpc_port_stub_h h) {
+  const fake::internal::Inside inside;
+  return WithStub(__func__, h);
+}
 
 int rpc_port_stub_add_connected_event_cb(rpc_port_stub_h h, rpc_port_stub_connected_event_cb,
                                          void*) {
+  const fake::internal::Inside inside;
   return WithStub(__func__, h);
 }
 
 int rpc_port_stub_add_disconnected_event_cb(rpc_port_stub_h h, rpc_port_stub_disconnected_event_cb,
                                             void*) {
+  const fake::internal::Inside inside;
   return WithStub(__func__, h);
 }
 
 int rpc_port_stub_add_received_event_cb(rpc_port_stub_h h, rpc_port_stub_received_event_cb, void*) {
+  const fake::internal::Inside inside;
   return WithStub(__func__, h);
 }
 
 int rpc_port_stub_get_port(rpc_port_stub_h h, rpc_port_port_type_e, const char*, rpc_port_h* port) {
+  const fake::internal::Inside inside;
   const Step step = Begin(__func__, Name(h));
   return Perform(__func__, step, port, [] { return fake::kIoError; });
 }

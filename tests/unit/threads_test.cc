@@ -1,0 +1,200 @@
+// SPDX-License-Identifier: Apache-2.0
+// Several threads: the fake adds no ordering of its own, so ThreadSanitizer sees the library's.
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "client.h"
+
+namespace {
+
+using client::Connection;
+using client::EmptyList;
+using client::Models;
+
+constexpr int kRounds = 200;
+
+/** Runs `work` on a number of threads at once while `meanwhile` repeats on this one. */
+template <typename Work, typename Meanwhile>
+void RunTogether(int threads, Work work, Meanwhile meanwhile) {
+  std::atomic<int> running{threads};
+  std::vector<std::thread> workers;
+  for (int i = 0; i < threads; ++i) {
+    workers.emplace_back([&] {
+      work();
+      --running;
+    });
+  }
+  do {
+    meanwhile();
+  } while (running > 0);
+  for (std::thread& worker : workers) worker.join();
+}
+
+TEST(TheFirstCalls, MayRace) {
+  fake::Reset();
+  std::atomic<int> refused{0};
+  RunTogether(
+      4,
+      [&] {
+        int level = 0;
+        if (velmora_svcmgr_get_agent_api_level(&level) == -107) ++refused;
+      },
+      [] {});
+  EXPECT_EQ(refused, 4);
+  fake::Verify();
+}
+
+class Threads : public client::ConnectedTest {
+ protected:
+  void SetUp() override {
+    ConnectedTest::SetUp();
+    fake::SetRecording(false);
+  }
+
+  /** An agent that answers each synchronous request, and counts requests sent while one waits. */
+  void StartAgent() {
+    fake::OnSend([this](const fake::Sent& sent) {
+      const int method = sent.items.front().number;
+      if (method != 2 && method != 3) return;
+      if (fake::WaitingMessages() != 0) ++interleaved;
+      if (method == 2) {
+        fake::QueueReply({11});
+      } else {
+        fake::QueueReply({"Licence"});
+      }
+    });
+  }
+
+  std::atomic<int> interleaved{0};
+};
+
+TEST_F(Threads, NeverTakeEachOthersReplies) {
+  StartAgent();
+  std::atomic<int> wrong{0};
+  RunTogether(
+      3,
+      [&] {
+        for (int i = 0; i < kRounds; ++i) {
+          int level = 0;
+          if (velmora_svcmgr_get_agent_api_level(&level) != 0 || level != 11) ++wrong;
+          char* text = nullptr;
+          if (velmora_svcmgr_get_license_fulltext(&text) != 0 || text == nullptr ||
+              std::string(text) != "Licence") {
+            ++wrong;
+          }
+          free(text);
+        }
+      },
+      [] {});
+  EXPECT_EQ(wrong, 0);
+  EXPECT_EQ(interleaved, 0);
+}
+
+TEST_F(Threads, AskWhileTheMainLoopDispatches) {
+  StartAgent();
+  Models models;
+  ASSERT_EQ(models.Request(), 0);
+  std::atomic<int> wrong{0};
+  int delivered = 0;
+  RunTogether(
+      2,
+      [&] {
+        for (int i = 0; i < kRounds; ++i) {
+          int level = 0;
+          if (velmora_svcmgr_get_agent_api_level(&level) != 0 || level != 11) ++wrong;
+        }
+      },
+      [&] {
+        fake::DeliverDelegateMessage(1, 0, EmptyList(0));
+        ++delivered;
+      });
+  EXPECT_EQ(wrong, 0);
+  EXPECT_EQ(interleaved, 0);
+  EXPECT_EQ(static_cast<int>(models.answers.size()), delivered);
+}
+
+TEST_F(Threads, RequestWhileTheMainLoopDispatches) {
+  Models models;
+  ASSERT_EQ(models.Request(), 0);
+  std::atomic<int> refused{0};
+  std::vector<Models> others(2);
+  std::atomic<std::size_t> next{0};
+  RunTogether(
+      2,
+      [&] {
+        Models& own = others[next++];
+        for (int i = 0; i < kRounds; ++i) {
+          if (own.Request() != 0) ++refused;
+        }
+      },
+      [&] { fake::DeliverDelegateMessage(1, 0, EmptyList(0)); });
+  EXPECT_EQ(refused, 0);
+  fake::DeliverDelegateMessage(1, 1, EmptyList(0));
+  fake::DeliverDelegateMessage(1, 2 * kRounds, EmptyList(0));
+  EXPECT_EQ(others[0].answers.size() + others[1].answers.size(), 2U);
+}
+
+TEST_F(Threads, AskWhileTheConnectionIsLostAndRejected) {
+  StartAgent();
+  std::atomic<int> strange{0};
+  RunTogether(
+      2,
+      [&] {
+        for (int i = 0; i < kRounds; ++i) {
+          int level = 0;
+          const int code = velmora_svcmgr_get_agent_api_level(&level);
+          if (code != 0 && code != -107) ++strange;
+        }
+      },
+      [&] {
+        fake::Proxy().FireDisconnected();
+        fake::Proxy().FireConnected();
+        fake::Proxy().FireRejected();
+        fake::Proxy().FireConnected();
+      });
+  EXPECT_EQ(strange, 0);
+}
+
+TEST_F(Threads, RequestWhileTheConnectionIsLost) {
+  std::vector<Models> others(2);
+  std::atomic<std::size_t> next{0};
+  std::atomic<int> refused{0};
+  RunTogether(
+      2,
+      [&] {
+        Models& own = others[next++];
+        for (int i = 0; i < kRounds; ++i) {
+          if (own.Request() != 0) ++refused;
+        }
+      },
+      [&] {
+        fake::Proxy().FireDisconnected();
+        fake::Proxy().FireConnected();
+      });
+  EXPECT_EQ(refused, 0);
+  EXPECT_EQ(others[0].answers.size() + others[1].answers.size(), 0U);
+}
+
+TEST_F(Threads, MayUseTheirOwnModelHandles) {
+  std::atomic<int> wrong{0};
+  RunTogether(
+      3,
+      [&] {
+        for (int i = 0; i < kRounds; ++i) {
+          velmora_svcmgr_ai_model_info_h info = nullptr;
+          char* id = nullptr;
+          if (velmora_svcmgr_ai_model_info_create(&info) != 0) ++wrong;
+          if (velmora_svcmgr_ai_model_info_set_id(info, "id") != 0) ++wrong;
+          if (velmora_svcmgr_ai_model_info_get_id(info, &id) != 0) ++wrong;
+          free(id);
+          if (velmora_svcmgr_ai_model_info_destroy(info) != 0) ++wrong;
+        }
+      },
+      [] {});
+  EXPECT_EQ(wrong, 0);
+}
+
+}  // namespace
