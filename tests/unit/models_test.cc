@@ -1,0 +1,942 @@
+// SPDX-License-Identifier: Apache-2.0
+// Model and model list handles.
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "fake_platform.h"
+#include "model_support.h"
+
+namespace {
+
+using fake::Allocator;
+using fake::FailingAllocation;
+using fake::IsError;
+using fake::IsInfo;
+using models::Add;
+using models::At;
+using models::Contents;
+using models::Info;
+using models::List;
+using models::NameOfRow;
+using models::NewInfo;
+using models::NewList;
+using models::Read;
+using models::Size;
+using models::Steps;
+using models::Texts;
+using ::testing::AllOf;
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+constexpr char kInfoFile[] = "service_model_info.cc";
+constexpr char kListFile[] = "service_model_list.cc";
+constexpr char kInfoCreate[] = "velmora_svcmgr_ai_model_info_create";
+constexpr char kInfoDestroy[] = "velmora_svcmgr_ai_model_info_destroy";
+constexpr char kListCreate[] = "velmora_svcmgr_ai_model_list_create";
+constexpr char kListDestroy[] = "velmora_svcmgr_ai_model_list_destroy";
+constexpr char kListAdd[] = "velmora_svcmgr_ai_model_list_add";
+constexpr char kListGet[] = "velmora_svcmgr_ai_model_list_get";
+constexpr char kListGetSize[] = "velmora_svcmgr_ai_model_list_get_size";
+constexpr std::size_t kBound = 2048;
+
+const Texts kFull = {"model-1", "1.0", "A title", "A description"};
+
+// What outputs hold before a call; never followed or released.
+char untouched_text[] = "untouched";
+const Info kUntouchedInfo = reinterpret_cast<Info>(untouched_text);
+const List kUntouchedList = reinterpret_cast<List>(untouched_text);
+constexpr int kUntouchedSize = -77;
+
+// A model with no texts, one with all, an empty list and a list of one model; and one output of
+// each type. Whatever lives at the end is released through the public functions.
+struct ModelHandles : fake::PlatformTest {
+  void SetUp() override {
+    PlatformTest::SetUp();
+    blank = NewInfo();
+    full = NewInfo(kFull);
+    empty = NewList();
+    filled = NewList();
+    EXPECT_EQ(Add(filled, full), SVCMGR_ERROR_NONE);
+    fake::ClearRecord();
+  }
+
+  void TearDown() override {
+    fake::ForgetScripts("package_info_create");
+    fake::InstallAgent("2.3.0");
+    for (const Info info : {blank, full, out_info}) Destroy(info);
+    for (const List list : {empty, filled, out_list}) Destroy(list);
+    if (out_text != untouched_text) free(out_text);
+    fake::ExpectKept(kept);
+    PlatformTest::TearDown();
+  }
+
+  static void Destroy(Info info) {
+    if (info == nullptr || info == kUntouchedInfo) return;
+    EXPECT_EQ(velmora_svcmgr_ai_model_info_destroy(info), SVCMGR_ERROR_NONE);
+  }
+
+  static void Destroy(List list) {
+    if (list == nullptr || list == kUntouchedList) return;
+    EXPECT_EQ(velmora_svcmgr_ai_model_list_destroy(list), SVCMGR_ERROR_NONE);
+  }
+
+  void ExpectOutputsUntouched() const {
+    EXPECT_EQ(out_info, kUntouchedInfo);
+    EXPECT_EQ(out_list, kUntouchedList);
+    EXPECT_EQ(out_text, untouched_text);
+    EXPECT_EQ(out_size, kUntouchedSize);
+  }
+
+  // Nothing that was handed in has changed.
+  void ExpectHandlesIntact() const {
+    EXPECT_EQ(Read(blank), Texts{});
+    EXPECT_EQ(Read(full), kFull);
+    EXPECT_THAT(Contents(empty), IsEmpty());
+    EXPECT_THAT(Contents(filled), ElementsAre(kFull));
+  }
+
+  Info blank = nullptr;
+  Info full = nullptr;
+  List empty = nullptr;
+  List filled = nullptr;
+  Info out_info = kUntouchedInfo;
+  List out_list = kUntouchedList;
+  char* out_text = untouched_text;
+  int out_size = kUntouchedSize;
+  std::size_t kept = 1;  // the storage of `filled`
+};
+
+using H = ModelHandles;
+
+// ---- What all fifteen functions share -----------------------------------------------------------
+
+struct Function {
+  std::string name;
+  const char* file;
+  bool has_entry_record;
+  const char* null_message;
+  int (*succeed)(H&);
+  std::vector<int (*)(H&)> with_null;  // one for each argument that is null, and all of them
+};
+
+void PrintTo(const Function& function, std::ostream* out) { *out << function.name; }
+
+template <auto get>
+Function Getter(const char* name) {
+  return {
+      name,
+      kInfoFile,
+      false,
+      "Invalid parameter",
+      [](H& h) { return get(h.full, &h.out_text); },
+      {[](H& h) { return get(nullptr, &h.out_text); }, [](H& h) { return get(h.full, nullptr); },
+       [](H& h) { return get(h.blank, nullptr); }, [](H&) { return get(nullptr, nullptr); }}};
+}
+
+template <auto set>
+Function Setter(const char* name) {
+  return {name,
+          kInfoFile,
+          false,
+          "Invalid parameter",
+          [](H& h) { return set(h.blank, "text"); },
+          {[](H&) { return set(nullptr, "text"); }, [](H& h) { return set(h.full, nullptr); },
+           [](H&) { return set(nullptr, nullptr); }}};
+}
+
+std::vector<Function> AllFunctions() {
+  return {
+      {kInfoCreate,
+       kInfoFile,
+       true,
+       "Invalid parameter!!",
+       [](H& h) { return velmora_svcmgr_ai_model_info_create(&h.out_info); },
+       {[](H&) { return velmora_svcmgr_ai_model_info_create(nullptr); }}},
+      {kInfoDestroy,
+       kInfoFile,
+       true,
+       "Invalid parameter!!",
+       [](H& h) {
+         const int result = velmora_svcmgr_ai_model_info_destroy(h.blank);
+         if (result == SVCMGR_ERROR_NONE) h.blank = nullptr;
+         return result;
+       },
+       {[](H&) { return velmora_svcmgr_ai_model_info_destroy(nullptr); }}},
+      {kListCreate,
+       kListFile,
+       true,
+       "Invalid parameter!!",
+       [](H& h) { return velmora_svcmgr_ai_model_list_create(&h.out_list); },
+       {[](H&) { return velmora_svcmgr_ai_model_list_create(nullptr); }}},
+      {kListDestroy,
+       kListFile,
+       true,
+       "Invalid parameter!!",
+       [](H& h) {
+         const int result = velmora_svcmgr_ai_model_list_destroy(h.empty);
+         if (result == SVCMGR_ERROR_NONE) h.empty = nullptr;
+         return result;
+       },
+       {[](H&) { return velmora_svcmgr_ai_model_list_destroy(nullptr); }}},
+      {kListAdd,
+       kListFile,
+       false,
+       "Invalid parameter!!",
+       [](H& h) {
+         const int result = Add(h.empty, h.full);
+         if (result == SVCMGR_ERROR_NONE) ++h.kept;
+         return result;
+       },
+       {[](H& h) { return velmora_svcmgr_ai_model_list_add(nullptr, h.full); },
+        [](H& h) { return velmora_svcmgr_ai_model_list_add(h.empty, nullptr); },
+        [](H&) { return velmora_svcmgr_ai_model_list_add(nullptr, nullptr); }}},
+      {kListGet,
+       kListFile,
+       false,
+       "Invalid parameter!!",
+       [](H& h) { return velmora_svcmgr_ai_model_list_get(h.filled, 0, &h.out_info); },
+       {[](H& h) { return velmora_svcmgr_ai_model_list_get(nullptr, 0, &h.out_info); },
+        [](H& h) { return velmora_svcmgr_ai_model_list_get(h.filled, 0, nullptr); },
+        // An index behind the end is looked at last.
+        [](H& h) { return velmora_svcmgr_ai_model_list_get(h.empty, 9, nullptr); },
+        [](H&) { return velmora_svcmgr_ai_model_list_get(nullptr, 9, nullptr); }}},
+      {kListGetSize,
+       kListFile,
+       false,
+       "Invalid parameter",
+       [](H& h) { return velmora_svcmgr_ai_model_list_get_size(h.filled, &h.out_size); },
+       {[](H& h) { return velmora_svcmgr_ai_model_list_get_size(nullptr, &h.out_size); },
+        [](H& h) { return velmora_svcmgr_ai_model_list_get_size(h.filled, nullptr); },
+        [](H&) { return velmora_svcmgr_ai_model_list_get_size(nullptr, nullptr); }}},
+      Getter<velmora_svcmgr_ai_model_info_get_id>("velmora_svcmgr_ai_model_info_get_id"),
+      Getter<velmora_svcmgr_ai_model_info_get_version>("velmora_svcmgr_ai_model_info_get_version"),
+      Getter<velmora_svcmgr_ai_model_info_get_title>("velmora_svcmgr_ai_model_info_get_title"),
+      Getter<velmora_svcmgr_ai_model_info_get_description>(
+          "velmora_svcmgr_ai_model_info_get_description"),
+      Setter<velmora_svcmgr_ai_model_info_set_id>("velmora_svcmgr_ai_model_info_set_id"),
+      Setter<velmora_svcmgr_ai_model_info_set_version>("velmora_svcmgr_ai_model_info_set_version"),
+      Setter<velmora_svcmgr_ai_model_info_set_title>("velmora_svcmgr_ai_model_info_set_title"),
+      Setter<velmora_svcmgr_ai_model_info_set_description>(
+          "velmora_svcmgr_ai_model_info_set_description"),
+  };
+}
+
+struct AHandleFunction : ModelHandles, ::testing::WithParamInterface<Function> {
+  // The entry record, where there is one, then the error of this message, if any.
+  static void ExpectRecords(const char* error = nullptr) {
+    const Function& f = GetParam();
+    std::vector<fake::LogRecord> logs = fake::Logs();
+    if (f.has_entry_record) {
+      ASSERT_THAT(logs, ::testing::Not(IsEmpty()));
+      EXPECT_THAT(logs.front(), IsInfo(f.file, f.name, f.name));
+      logs.erase(logs.begin());
+    }
+    if (error == nullptr) {
+      EXPECT_THAT(logs, IsEmpty());
+    } else {
+      EXPECT_THAT(logs, ElementsAre(IsError(f.file, f.name, error)));
+    }
+  }
+
+  // The same with the calls between them.
+  static void ExpectSteps(std::vector<std::string> behind_the_entry) {
+    if (GetParam().has_entry_record) {
+      behind_the_entry.insert(behind_the_entry.begin(),
+                              "I " + GetParam().name + ": " + GetParam().name);
+    }
+    EXPECT_THAT(Steps(), ElementsAreArray(behind_the_entry));
+  }
+
+  static std::string Error(const std::string& message) {
+    return "E " + GetParam().name + ": " + message;
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(All, AHandleFunction, ::testing::ValuesIn(AllFunctions()), NameOfRow());
+
+TEST_P(AHandleFunction, ChecksThatTheAgentIsThereAndCallsNothingElse) {
+  EXPECT_EQ(GetParam().succeed(*this), SVCMGR_ERROR_NONE);
+  ExpectSteps({"package_info_create", "package_info_destroy"});
+  EXPECT_EQ(fake::Calls().front().arguments, '"' + std::string(fake::kAgentId) + '"');
+  ExpectRecords();
+}
+
+TEST_P(AHandleFunction, IsNotSupportedWhenTheAgentIsMissingAndDoesNothingElse) {
+  fake::RemoveAgent();
+  const auto blocks = fake::LiveBlocks().size();
+  EXPECT_EQ(GetParam().succeed(*this), SVCMGR_ERROR_NOT_SUPPORTED);
+  ExpectSteps({"package_info_create", Error("Not supported")});
+  ExpectRecords("Not supported");
+  ExpectOutputsUntouched();
+  EXPECT_EQ(fake::LiveBlocks().size(), blocks);
+  fake::InstallAgent("2.3.0");
+  ExpectHandlesIntact();
+}
+
+TEST_P(AHandleFunction, IsNotSupportedWhenTheAgentIsMissingWhateverArgumentIsNull) {
+  fake::RemoveAgent();
+  for (const auto call : GetParam().with_null) {
+    fake::ClearRecord();
+    EXPECT_EQ(call(*this), SVCMGR_ERROR_NOT_SUPPORTED);
+    ExpectRecords("Not supported");
+  }
+  ExpectOutputsUntouched();
+}
+
+TEST_P(AHandleFunction, RefusesEachNullArgument) {
+  for (const auto call : GetParam().with_null) {
+    fake::ClearRecord();
+    EXPECT_EQ(call(*this), SVCMGR_ERROR_INVALID_PARAMETER);
+    ExpectSteps({"package_info_create", "package_info_destroy", Error(GetParam().null_message)});
+    ExpectRecords(GetParam().null_message);
+  }
+  ExpectOutputsUntouched();
+  ExpectHandlesIntact();
+}
+
+TEST_P(AHandleFunction, ReleasesWhatAFailingLookUpHandsOut) {
+  fake::Next("package_info_create", fake::FailAfterWork(fake::kNoSuchPackage));
+  EXPECT_EQ(GetParam().succeed(*this), SVCMGR_ERROR_NOT_SUPPORTED);
+  ExpectSteps({"package_info_create", "package_info_destroy", Error("Not supported")});
+  ExpectOutputsUntouched();
+}
+
+TEST_P(AHandleFunction, ReleasesNothingWhenTheLookUpHandsOutNothing) {
+  fake::Next("package_info_create", fake::SucceedWithNull());
+  EXPECT_EQ(GetParam().succeed(*this), SVCMGR_ERROR_NONE);
+  ExpectSteps({"package_info_create"});
+}
+
+TEST_P(AHandleFunction, IsInvalidWhenTheLookUpThrows) {
+  fake::Next("package_info_create", fake::Throw(std::runtime_error("thrown")));
+  EXPECT_EQ(GetParam().succeed(*this), SVCMGR_ERROR_INVALID_OPERATION);
+  ExpectRecords("Unknown Exception");
+  ExpectOutputsUntouched();
+  ExpectHandlesIntact();
+}
+
+struct LookUpFailure {
+  std::string name;
+  fake::Step (*step)();
+  bool hands_out;
+};
+
+void PrintTo(const LookUpFailure& failure, std::ostream* out) { *out << failure.name; }
+
+struct AHandleFunctionWithAFailingLookUp
+    : ModelHandles,
+      ::testing::WithParamInterface<std::tuple<Function, LookUpFailure>> {};
+
+INSTANTIATE_TEST_SUITE_P(
+    All, AHandleFunctionWithAFailingLookUp,
+    ::testing::Combine(
+        ::testing::ValuesIn(AllFunctions()),
+        ::testing::Values(
+            LookUpFailure{"InvalidParameter", [] { return fake::Fail(-22); }, false},
+            LookUpFailure{"OutOfMemory", [] { return fake::Fail(-12); }, false},
+            LookUpFailure{"IoErrorWithAnObject", [] { return fake::FailAfterWork(-5); }, true},
+            LookUpFailure{"PermissionDeniedWithGarbage", [] { return fake::FailWithGarbage(-13); },
+                          true},
+            LookUpFailure{"OneBelowTheCodeOfAMissingPackage",
+                          [] { return fake::Fail(fake::kNoSuchPackage - 1); }, false},
+            LookUpFailure{"OneAboveTheCodeOfAMissingPackage",
+                          [] { return fake::FailWithNull(fake::kNoSuchPackage + 1); }, false},
+            LookUpFailure{"APositiveCode", [] { return fake::Fail(0x71); }, false})),
+    [](const auto& row) {
+      return std::get<0>(row.param).name + "_" + std::get<1>(row.param).name;
+    });
+
+TEST_P(AHandleFunctionWithAFailingLookUp, GoesOn) {
+  const auto& [function, failure] = GetParam();
+  fake::Next("package_info_create", failure.step());
+  EXPECT_EQ(function.succeed(*this), SVCMGR_ERROR_NONE);
+  EXPECT_EQ(fake::CountCalls("package_info_create"), 1U);
+  EXPECT_EQ(fake::CountCalls("package_info_destroy"), failure.hands_out ? 1U : 0U);
+  EXPECT_THAT(fake::Logs(), Each(IsInfo(function.file, function.name, function.name)));
+}
+
+// ---- Creating and destroying --------------------------------------------------------------------
+
+// The order of a record's fields is part of what other code may rely on.
+static_assert(offsetof(velmora_svcmgr_ai_model_info_s, id) == 0);
+static_assert(offsetof(velmora_svcmgr_ai_model_info_s, version) == sizeof(char*));
+static_assert(offsetof(velmora_svcmgr_ai_model_info_s, title) == 2 * sizeof(char*));
+static_assert(offsetof(velmora_svcmgr_ai_model_info_s, description) == 3 * sizeof(char*));
+static_assert(sizeof(velmora_svcmgr_ai_model_info_s) == 4 * sizeof(char*));
+
+TEST_F(ModelHandles, HaveNoTextsWhenTheyAreNew) { EXPECT_EQ(Read(blank), Texts{}); }
+
+TEST_F(ModelHandles, AreOneBlockThatFreeReleases) {
+  const auto before = fake::LiveBlocks().size();
+  ASSERT_EQ(velmora_svcmgr_ai_model_info_create(&out_info), SVCMGR_ERROR_NONE);
+  EXPECT_THAT(fake::LiveBlocks(), SizeIs(before + 1));
+  free(out_info);
+  out_info = nullptr;
+  EXPECT_THAT(fake::LiveBlocks(), SizeIs(before));
+}
+
+TEST_F(ModelHandles, CannotBeMadeWhenMemoryIsExhausted) {
+  bool happened = false;
+  int result = 0;
+  {
+    const FailingAllocation failing(Allocator::kCalloc);
+    result = velmora_svcmgr_ai_model_info_create(&out_info);
+    happened = failing.Happened();
+  }
+  EXPECT_TRUE(happened);
+  EXPECT_EQ(result, SVCMGR_ERROR_OUT_OF_MEMORY);
+  EXPECT_THAT(fake::Logs(),
+              ElementsAre(IsInfo(kInfoFile, kInfoCreate, kInfoCreate),
+                          IsError(kInfoFile, kInfoCreate,
+                                  "Failed to create velmora_svcmgr_ai_model_info_h.")));
+  ExpectOutputsUntouched();
+}
+
+TEST_F(ModelHandles, OfListsCannotBeMadeWhenMemoryIsExhausted) {
+  bool happened = false;
+  int result = 0;
+  {
+    const FailingAllocation failing(Allocator::kCalloc);
+    result = velmora_svcmgr_ai_model_list_create(&out_list);
+    happened = failing.Happened();
+  }
+  EXPECT_TRUE(happened);
+  EXPECT_EQ(result, SVCMGR_ERROR_OUT_OF_MEMORY);
+  EXPECT_THAT(fake::Logs(),
+              ElementsAre(IsInfo(kListFile, kListCreate, kListCreate),
+                          IsError(kListFile, kListCreate,
+                                  "Failed to create velmora_svcmgr_ai_model_list_s.")));
+  ExpectOutputsUntouched();
+}
+
+// All sixteen combinations of texts that are set and texts that are not.
+std::vector<Texts> AllCombinations() {
+  std::vector<Texts> all;
+  for (int mask = 0; mask < 16; ++mask) {
+    const auto text = [&](int bit, const std::string& value) {
+      return (mask & bit) != 0 ? std::optional<std::string>(value) : std::nullopt;
+    };
+    all.push_back({text(1, "an id"), text(2, "a version"), text(4, "a title"), text(8, "words")});
+  }
+  return all;
+}
+
+TEST_F(ModelHandles, AreReleasedWithAllTheirTextsWhicheverAreSet) {
+  const auto before = fake::LiveBlocks().size();
+  for (const Texts& texts : AllCombinations()) {
+    EXPECT_EQ(velmora_svcmgr_ai_model_info_destroy(NewInfo(texts)), SVCMGR_ERROR_NONE);
+    EXPECT_THAT(fake::LiveBlocks(), SizeIs(before)) << texts;
+  }
+}
+
+// ---- Texts of a model ---------------------------------------------------------------------------
+
+struct Field {
+  std::string name;
+  int (*get)(Info, char**);
+  int (*set)(Info, const char*);
+  char* velmora_svcmgr_ai_model_info_s::*member;
+  const char* wrong_data;
+
+  std::string Getter() const { return "velmora_svcmgr_ai_model_info_get_" + name; }
+  std::string Setter() const { return "velmora_svcmgr_ai_model_info_set_" + name; }
+};
+
+void PrintTo(const Field& field, std::ostream* out) { *out << field.name; }
+
+const Field kFields[] = {
+    {"id", velmora_svcmgr_ai_model_info_get_id, velmora_svcmgr_ai_model_info_set_id,
+     &velmora_svcmgr_ai_model_info_s::id, "handle has wrong data"},
+    {"version", velmora_svcmgr_ai_model_info_get_version, velmora_svcmgr_ai_model_info_set_version,
+     &velmora_svcmgr_ai_model_info_s::version, "Handle has wrong data"},
+    {"title", velmora_svcmgr_ai_model_info_get_title, velmora_svcmgr_ai_model_info_set_title,
+     &velmora_svcmgr_ai_model_info_s::title, "Handle has wrong data"},
+    {"description", velmora_svcmgr_ai_model_info_get_description,
+     velmora_svcmgr_ai_model_info_set_description, &velmora_svcmgr_ai_model_info_s::description,
+     "Handle has wrong data"},
+};
+
+struct AText : ModelHandles, ::testing::WithParamInterface<Field> {
+  int Get() { return GetParam().get(blank, &out_text); }
+  int Set(const std::string& text) { return GetParam().set(blank, text.c_str()); }
+};
+
+INSTANTIATE_TEST_SUITE_P(Of, AText, ::testing::ValuesIn(kFields), NameOfRow());
+
+TEST_P(AText, ThatIsNotSetIsWrongData) {
+  EXPECT_EQ(Get(), SVCMGR_ERROR_INVALID_OPERATION);
+  EXPECT_THAT(Steps(), ElementsAre("package_info_create", "package_info_destroy",
+                                   "E " + GetParam().Getter() + ": " + GetParam().wrong_data));
+  EXPECT_THAT(fake::Logs(),
+              ElementsAre(IsError(kInfoFile, GetParam().Getter(), GetParam().wrong_data)));
+  ExpectOutputsUntouched();
+}
+
+TEST_P(AText, ThatIsNotSetIsWrongDataEvenWhenAllOthersAreSet) {
+  for (const Field& field : kFields) {
+    if (field.name != GetParam().name) {
+      EXPECT_EQ(field.set(blank, "text"), SVCMGR_ERROR_NONE);
+    }
+  }
+  EXPECT_EQ(Get(), SVCMGR_ERROR_INVALID_OPERATION);
+  ExpectOutputsUntouched();
+}
+
+TEST_P(AText, IsReadBackAndChangesNoOther) {
+  EXPECT_EQ(Set("text"), SVCMGR_ERROR_NONE);
+  EXPECT_EQ(Get(), SVCMGR_ERROR_NONE);
+  EXPECT_STREQ(out_text, "text");
+  for (const Field& field : kFields) {
+    if (field.name != GetParam().name) {
+      EXPECT_EQ(blank->*field.member, nullptr) << field.name;
+    }
+  }
+}
+
+TEST_P(AText, IsSetWithoutARecord) {
+  EXPECT_EQ(Set("text"), SVCMGR_ERROR_NONE);
+  EXPECT_THAT(fake::Logs(), IsEmpty());
+}
+
+TEST_P(AText, MayBeEmpty) {
+  EXPECT_EQ(Set(""), SVCMGR_ERROR_NONE);
+  EXPECT_EQ(Get(), SVCMGR_ERROR_NONE);
+  EXPECT_STREQ(out_text, "");
+}
+
+TEST_P(AText, IsACopyOfWhatWasHandedIn) {
+  char text[] = "before";
+  EXPECT_EQ(GetParam().set(blank, text), SVCMGR_ERROR_NONE);
+  std::memcpy(text, "behind", sizeof text);
+  EXPECT_STREQ(blank->*GetParam().member, "before");
+}
+
+TEST_P(AText, IsHandedOutAsACopy) {
+  EXPECT_EQ(Set("before"), SVCMGR_ERROR_NONE);
+  EXPECT_EQ(Get(), SVCMGR_ERROR_NONE);
+  EXPECT_NE(out_text, blank->*GetParam().member);
+  std::memcpy(out_text, "behind", 6);
+  EXPECT_STREQ(blank->*GetParam().member, "before");
+}
+
+TEST_P(AText, LeavesItsFormerValueAllocatedWhenItIsSetAgain) {
+  EXPECT_EQ(Set("first"), SVCMGR_ERROR_NONE);
+  EXPECT_EQ(Set("second"), SVCMGR_ERROR_NONE);
+  EXPECT_EQ(Set("third"), SVCMGR_ERROR_NONE);
+  EXPECT_STREQ(blank->*GetParam().member, "third");
+  fake::ExpectKeptText("first");
+  fake::ExpectKeptText("second");
+}
+
+TEST_P(AText, IsUnknownExceptionAndStaysWhenSettingItRunsOutOfMemory) {
+  EXPECT_EQ(Set("before"), SVCMGR_ERROR_NONE);
+  fake::ClearRecord();
+  const std::string text = "behind";
+  bool happened = false;
+  int result = 0;
+  {
+    const FailingAllocation failing(Allocator::kStrndup);
+    result = GetParam().set(blank, text.c_str());
+    happened = failing.Happened();
+  }
+  EXPECT_TRUE(happened);
+  EXPECT_EQ(result, SVCMGR_ERROR_INVALID_OPERATION);
+  EXPECT_THAT(fake::Logs(),
+              ElementsAre(IsError(kInfoFile, GetParam().Setter(), "Unknown Exception")));
+  EXPECT_STREQ(blank->*GetParam().member, "before");
+}
+
+TEST_P(AText, IsUnknownExceptionAndNotHandedOutWhenReadingItRunsOutOfMemory) {
+  EXPECT_EQ(Set("text"), SVCMGR_ERROR_NONE);
+  fake::ClearRecord();
+  bool happened = false;
+  int result = 0;
+  {
+    const FailingAllocation failing(Allocator::kStrndup);
+    result = Get();
+    happened = failing.Happened();
+  }
+  EXPECT_TRUE(happened);
+  EXPECT_EQ(result, SVCMGR_ERROR_INVALID_OPERATION);
+  EXPECT_THAT(fake::Logs(),
+              ElementsAre(IsError(kInfoFile, GetParam().Getter(), "Unknown Exception")));
+  ExpectOutputsUntouched();
+}
+
+TEST_P(AText, IsCutInTheMiddleOfACharacter) {
+  const std::string text = std::string(kBound - 1, 'x') + "\xc3\xa9";
+  EXPECT_EQ(Set(text), SVCMGR_ERROR_NONE);
+  EXPECT_EQ(blank->*GetParam().member, std::string(kBound - 1, 'x') + "\xc3");
+}
+
+struct ATextOfLength : ModelHandles, ::testing::WithParamInterface<std::tuple<Field, std::size_t>> {
+  static const Field& TheField() { return std::get<0>(GetParam()); }
+  static std::size_t Length() { return std::get<1>(GetParam()); }
+
+  // No two of its bytes that lie near each other are the same.
+  static std::string Text() {
+    std::string text;
+    for (std::size_t i = 0; i < Length(); ++i) text.push_back(static_cast<char>('!' + i % 90));
+    return text;
+  }
+  static std::string Bounded() { return Text().substr(0, kBound); }
+
+  // A record may hold a longer text than the setters let in.
+  static void Plant(Info info) { info->*TheField().member = strdup(Text().c_str()); }
+};
+
+INSTANTIATE_TEST_SUITE_P(Of, ATextOfLength,
+                         ::testing::Combine(::testing::ValuesIn(kFields),
+                                            ::testing::Values(0, 1, 2047, 2048, 2049, 3000)),
+                         [](const auto& row) {
+                           return std::get<0>(row.param).name + "_" +
+                                  std::to_string(std::get<1>(row.param));
+                         });
+
+TEST_P(ATextOfLength, IsBoundedWhenItIsSet) {
+  EXPECT_EQ(TheField().set(blank, Text().c_str()), SVCMGR_ERROR_NONE);
+  EXPECT_EQ(blank->*TheField().member, Bounded());
+  EXPECT_EQ(TheField().get(blank, &out_text), SVCMGR_ERROR_NONE);
+  EXPECT_EQ(out_text, Bounded());
+}
+
+TEST_P(ATextOfLength, IsBoundedWhenItIsRead) {
+  Plant(blank);
+  EXPECT_EQ(TheField().get(blank, &out_text), SVCMGR_ERROR_NONE);
+  EXPECT_EQ(out_text, Bounded());
+  EXPECT_EQ(blank->*TheField().member, Text());
+}
+
+TEST_P(ATextOfLength, IsBoundedWhenItsModelIsAdded) {
+  Plant(blank);
+  EXPECT_EQ(Add(filled, blank), SVCMGR_ERROR_NONE);
+  EXPECT_EQ(velmora_svcmgr_ai_model_list_get(filled, 1, &out_info), SVCMGR_ERROR_NONE);
+  EXPECT_EQ(out_info->*TheField().member, Bounded());
+  EXPECT_EQ(blank->*TheField().member, Text());
+}
+
+// ---- Lists --------------------------------------------------------------------------------------
+
+struct ModelLists : ModelHandles {
+  // Three models in `filled`.
+  void AddTwoMore() {
+    Add(filled, Texts{"model-2", "2.0", "Second", "of three"});
+    Add(filled, Texts{"model-3", "3.0", "Third", "of three"});
+    fake::ClearRecord();
+  }
+
+  static Texts Second() { return {"model-2", "2.0", "Second", "of three"}; }
+  static Texts Third() { return {"model-3", "3.0", "Third", "of three"}; }
+
+  // The blocks that no record and no text lies in.
+  static std::vector<std::size_t> StorageSizes() {
+    std::vector<std::size_t> sizes;
+    for (const fake::Block& block : fake::LiveBlocks()) {
+      if (block.origin != "calloc" && block.origin != "strndup") sizes.push_back(block.size);
+    }
+    return sizes;
+  }
+};
+
+TEST_F(ModelLists, AreEmptyWhenTheyAreNew) {
+  EXPECT_EQ(velmora_svcmgr_ai_model_list_get_size(empty, &out_size), SVCMGR_ERROR_NONE);
+  EXPECT_EQ(out_size, 0);
+}
+
+TEST_F(ModelLists, KeepModelsInTheOrderInWhichTheyWereAdded) {
+  std::vector<Texts> added = {kFull};
+  for (int i = 2; i <= 100; ++i) {
+    added.push_back({"model-" + std::to_string(i), std::to_string(i), "title", std::nullopt});
+    Add(filled, added.back());
+    EXPECT_EQ(Size(filled), i);
+  }
+  EXPECT_EQ(Contents(filled), added);
+}
+
+TEST_F(ModelLists, DoubleTheirStorageWheneverItIsFull) {
+  std::size_t capacity = 1;
+  for (std::size_t size = 1; size <= 40; ++size) {
+    if (size > capacity) capacity *= 2;
+    if (size > 1) {
+      EXPECT_EQ(Add(filled, full), SVCMGR_ERROR_NONE);
+    }
+    EXPECT_THAT(StorageSizes(), ElementsAre(capacity * sizeof(void*))) << size;
+  }
+}
+
+TEST_F(ModelLists, HoldNoStorageWhenNothingWasEverAdded) {
+  EXPECT_EQ(velmora_svcmgr_ai_model_list_destroy(filled), SVCMGR_ERROR_NONE);
+  filled = nullptr;
+  EXPECT_THAT(StorageSizes(), SizeIs(1));  // what the destroyed list leaves
+  EXPECT_EQ(velmora_svcmgr_ai_model_list_destroy(empty), SVCMGR_ERROR_NONE);
+  empty = nullptr;
+  EXPECT_THAT(StorageSizes(), SizeIs(1));
+}
+
+TEST_F(ModelLists, LeaveTheirStorageAndNothingElseWhenTheyAreDestroyed) {
+  AddTwoMore();
+  Destroy(blank);
+  Destroy(full);
+  Destroy(empty);
+  Destroy(filled);
+  blank = full = nullptr;
+  empty = filled = nullptr;
+  const auto blocks = fake::LiveBlocks();
+  ASSERT_THAT(blocks, SizeIs(1));
+  EXPECT_EQ(blocks.front().size, 4 * sizeof(void*));
+}
+
+TEST_F(ModelLists, CopyWhicheverTextsAreSet) {
+  for (const Texts& texts : AllCombinations()) {
+    Add(filled, texts);
+    EXPECT_EQ(At(filled, Size(filled) - 1), texts);
+  }
+}
+
+TEST_F(ModelLists, OutliveTheModelsThatWereAdded) {
+  EXPECT_EQ(Add(filled, full), SVCMGR_ERROR_NONE);
+  Destroy(full);
+  full = nullptr;
+  EXPECT_THAT(Contents(filled), ElementsAre(kFull, kFull));
+}
+
+TEST_F(ModelLists, HoldTwoCopiesOfAModelThatIsAddedTwice) {
+  EXPECT_EQ(Add(filled, full), SVCMGR_ERROR_NONE);
+  const auto before = fake::LiveBlocks().size();
+  EXPECT_EQ(Add(filled, full), SVCMGR_ERROR_NONE);
+  // A record and four texts; the storage is replaced.
+  EXPECT_THAT(fake::LiveBlocks(), SizeIs(before + 5));
+  EXPECT_THAT(Contents(filled), ElementsAre(kFull, kFull, kFull));
+}
+
+TEST_F(ModelLists, DoNotSeeLaterChangesOfAModel) {
+  EXPECT_EQ(Add(filled, blank), SVCMGR_ERROR_NONE);
+  EXPECT_EQ(velmora_svcmgr_ai_model_info_set_id(blank, "late"), SVCMGR_ERROR_NONE);
+  EXPECT_EQ(At(filled, 1), Texts{});
+}
+
+TEST_F(ModelLists, HandOutCopies) {
+  EXPECT_EQ(velmora_svcmgr_ai_model_list_get(filled, 0, &out_info), SVCMGR_ERROR_NONE);
+  EXPECT_EQ(Read(out_info), kFull);
+  EXPECT_NE(out_info, full);
+  for (const Field& field : kFields) *(out_info->*field.member) = '#';
+  EXPECT_THAT(Contents(filled), ElementsAre(kFull));
+  EXPECT_EQ(Read(full), kFull);
+}
+
+TEST_F(ModelLists, HandOutCopiesThatOutliveThem) {
+  EXPECT_EQ(velmora_svcmgr_ai_model_list_get(filled, 0, &out_info), SVCMGR_ERROR_NONE);
+  Destroy(filled);
+  filled = nullptr;
+  EXPECT_EQ(Read(out_info), kFull);
+}
+
+struct Index {
+  std::string name;
+  bool of_empty;
+  int index;
+};
+
+void PrintTo(const Index& index, std::ostream* out) { *out << index.name; }
+
+struct AnIndexBehindTheEnd : ModelHandles, ::testing::WithParamInterface<Index> {};
+
+INSTANTIATE_TEST_SUITE_P(Of, AnIndexBehindTheEnd,
+                         ::testing::Values(Index{"AnEmptyList", true, 0},
+                                           Index{"AnEmptyListByOne", true, 1},
+                                           Index{"AListOfOne", false, 1},
+                                           Index{"AListOfOneByOne", false, 2},
+                                           Index{"AListOfOneByFar", false, INT_MAX}),
+                         NameOfRow());
+
+TEST_P(AnIndexBehindTheEnd, IsOutOfIndex) {
+  const List list = GetParam().of_empty ? empty : filled;
+  EXPECT_EQ(velmora_svcmgr_ai_model_list_get(list, GetParam().index, &out_info),
+            SVCMGR_ERROR_OUT_OF_INDEX);
+  EXPECT_THAT(Steps(), ElementsAre("package_info_create", "package_info_destroy",
+                                   "E velmora_svcmgr_ai_model_list_get: Out of Index!!!"));
+  EXPECT_THAT(fake::Logs(), ElementsAre(IsError(kListFile, kListGet, "Out of Index!!!")));
+  ExpectOutputsUntouched();
+}
+
+TEST_F(ModelLists, DestroyTheirModelsThroughThePublicFunction) {
+  AddTwoMore();
+  EXPECT_EQ(velmora_svcmgr_ai_model_list_destroy(filled), SVCMGR_ERROR_NONE);
+  filled = nullptr;
+  std::vector<std::string> expected = {
+      "I velmora_svcmgr_ai_model_list_destroy: "
+      "velmora_svcmgr_ai_model_list_destroy",
+      "package_info_create", "package_info_destroy"};
+  for (int i = 0; i < 3; ++i) {
+    expected.insert(expected.end(), {"I velmora_svcmgr_ai_model_info_destroy: "
+                                     "velmora_svcmgr_ai_model_info_destroy",
+                                     "package_info_create", "package_info_destroy"});
+  }
+  EXPECT_EQ(Steps(), expected);
+}
+
+// Destroying a list of three models while the agent vanishes behind some of them.
+struct AListDestroyThatStops : ModelLists, ::testing::WithParamInterface<int> {
+  void SetUp() override {
+    ModelLists::SetUp();
+    AddTwoMore();
+  }
+
+  static int Destroyed() { return GetParam(); }
+
+  void StopWith(fake::Step step) {
+    // The list's own check comes first.
+    fake::AtCall("package_info_create", 1 + Destroyed() + 1, std::move(step));
+    result = velmora_svcmgr_ai_model_list_destroy(filled);
+  }
+
+  int result = 0;
+};
+
+INSTANTIATE_TEST_SUITE_P(Behind, AListDestroyThatStops, ::testing::Values(0, 1, 2),
+                         [](const auto& row) { return std::to_string(row.param) + "Models"; });
+
+TEST_P(AListDestroyThatStops, ReturnsTheCodeAtOnce) {
+  StopWith(fake::Fail(fake::kNoSuchPackage));
+  EXPECT_EQ(result, SVCMGR_ERROR_NOT_SUPPORTED);
+  const auto logs = fake::Logs();
+  ASSERT_THAT(logs, SizeIs(static_cast<std::size_t>(Destroyed()) + 3));
+  EXPECT_THAT(logs.front(), IsInfo(kListFile, kListDestroy, kListDestroy));
+  for (std::size_t i = 1; i + 1 < logs.size(); ++i) {
+    EXPECT_THAT(logs[i], IsInfo(kInfoFile, kInfoDestroy, kInfoDestroy));
+  }
+  EXPECT_THAT(logs.back(), IsError(kInfoFile, kInfoDestroy, "Not supported"));
+}
+
+TEST_P(AListDestroyThatStops, ReturnsWhateverCodeItsModelReturns) {
+  StopWith(fake::Throw(std::runtime_error("thrown")));
+  EXPECT_EQ(result, SVCMGR_ERROR_INVALID_OPERATION);
+  EXPECT_THAT(fake::Logs().back(), IsError(kInfoFile, kInfoDestroy, "Unknown Exception"));
+  EXPECT_EQ(Size(filled), 3);
+}
+
+TEST_P(AListDestroyThatStops, HasReleasedTheModelsBeforeThatOne) {
+  const auto before = fake::LiveBlocks().size();
+  StopWith(fake::Fail(fake::kNoSuchPackage));
+  EXPECT_THAT(fake::LiveBlocks(), SizeIs(before - 5 * static_cast<std::size_t>(Destroyed())));
+}
+
+TEST_P(AListDestroyThatStops, LeavesSizeAndIndicesAsTheyAre) {
+  StopWith(fake::Fail(fake::kNoSuchPackage));
+  EXPECT_EQ(Size(filled), 3);
+  const std::vector<Texts> all = {kFull, Second(), Third()};
+  for (int i = Destroyed(); i < 3; ++i) EXPECT_EQ(At(filled, i), all[static_cast<std::size_t>(i)]);
+  EXPECT_EQ(velmora_svcmgr_ai_model_list_get(filled, 3, &out_info), SVCMGR_ERROR_OUT_OF_INDEX);
+}
+
+TEST_P(AListDestroyThatStops, LeavesSlotsThatCannotBeRead) {
+  StopWith(fake::Fail(fake::kNoSuchPackage));
+  for (int i = 0; i < Destroyed(); ++i) {
+    EXPECT_EQ(velmora_svcmgr_ai_model_list_get(filled, i, &out_info),
+              SVCMGR_ERROR_INVALID_OPERATION);
+  }
+  ExpectOutputsUntouched();
+}
+
+TEST_P(AListDestroyThatStops, IsCompletedByASecondOneThatSkipsWhatIsGone) {
+  StopWith(fake::Fail(fake::kNoSuchPackage));
+  fake::ClearRecord();
+  EXPECT_EQ(velmora_svcmgr_ai_model_list_destroy(filled), SVCMGR_ERROR_NONE);
+  filled = nullptr;
+  EXPECT_EQ(fake::CountCalls("package_info_create"), 1U + 3U - static_cast<unsigned>(Destroyed()));
+  EXPECT_THAT(fake::Logs(), SizeIs(1U + 3U - static_cast<unsigned>(Destroyed())));
+}
+
+TEST_P(AListDestroyThatStops, LeavesAListThatStillGrows) {
+  StopWith(fake::Fail(fake::kNoSuchPackage));
+  EXPECT_EQ(Add(filled, full), SVCMGR_ERROR_NONE);
+  EXPECT_EQ(Size(filled), 4);
+  EXPECT_EQ(At(filled, 3), kFull);
+}
+
+// ---- Memory that runs out -----------------------------------------------------------------------
+
+struct Exhaustion {
+  std::string name;
+  Allocator which;
+  int n;
+};
+
+void PrintTo(const Exhaustion& exhaustion, std::ostream* out) { *out << exhaustion.name; }
+
+struct ACopyThatRunsOutOfMemory : ModelLists, ::testing::WithParamInterface<Exhaustion> {
+  template <typename Work>
+  int Exhausted(Work work) {
+    blocks = fake::LiveBlocks().size();
+    int result = 0;
+    bool happened = false;
+    {
+      const FailingAllocation failing(GetParam().which, GetParam().n);
+      result = work();
+      happened = failing.Happened();
+    }
+    EXPECT_TRUE(happened);
+    return result;
+  }
+
+  std::size_t blocks = 0;
+};
+
+INSTANTIATE_TEST_SUITE_P(At, ACopyThatRunsOutOfMemory,
+                         ::testing::Values(Exhaustion{"TheRecord", Allocator::kCalloc, 1},
+                                           Exhaustion{"TheFirstText", Allocator::kStrndup, 1},
+                                           Exhaustion{"TheSecondText", Allocator::kStrndup, 2},
+                                           Exhaustion{"TheThirdText", Allocator::kStrndup, 3},
+                                           Exhaustion{"TheFourthText", Allocator::kStrndup, 4}),
+                         NameOfRow());
+
+TEST_P(ACopyThatRunsOutOfMemory, IsNotAdded) {
+  EXPECT_EQ(Exhausted([this] { return Add(filled, full); }), SVCMGR_ERROR_INVALID_OPERATION);
+  EXPECT_THAT(fake::Logs(), ElementsAre(IsError(kListFile, kListAdd, "Unknown Exception")));
+  EXPECT_THAT(fake::LiveBlocks(), SizeIs(blocks));
+  ExpectHandlesIntact();
+}
+
+TEST_P(ACopyThatRunsOutOfMemory, IsNotHandedOut) {
+  EXPECT_EQ(Exhausted([this] { return velmora_svcmgr_ai_model_list_get(filled, 0, &out_info); }),
+            SVCMGR_ERROR_INVALID_OPERATION);
+  EXPECT_THAT(fake::Logs(), ElementsAre(IsError(kListFile, kListGet, "Unknown Exception")));
+  EXPECT_THAT(fake::LiveBlocks(), SizeIs(blocks));
+  ExpectOutputsUntouched();
+  ExpectHandlesIntact();
+}
+
+TEST_F(ModelLists, StayAsTheyAreWhenTheyCannotGrow) {
+  int failures = 0;
+  for (bool happened = true; happened && failures < 100;) {
+    const auto blocks = fake::LiveBlocks().size();
+    fake::ClearRecord();
+    int result = 0;
+    {
+      const FailingAllocation failing(Allocator::kNew, failures + 1);
+      result = Add(filled, full);
+      happened = failing.Happened();
+    }
+    if (!happened) {
+      EXPECT_EQ(result, SVCMGR_ERROR_NONE);
+      break;
+    }
+    ++failures;
+    EXPECT_EQ(result, SVCMGR_ERROR_INVALID_OPERATION);
+    EXPECT_THAT(fake::Logs(), ElementsAre(IsError(kListFile, kListAdd, "Unknown Exception")));
+    EXPECT_THAT(fake::LiveBlocks(), SizeIs(blocks));
+    ExpectHandlesIntact();
+  }
+  EXPECT_GE(failures, 1);
+  EXPECT_EQ(Size(filled), 2);
+}
+
+}  // namespace
