@@ -93,15 +93,32 @@ int GetOwn(const char* function, std::string fake::Application::*field, char** o
 }
 
 /** The handle of one step of the iteration, which lives no longer than the step. */
+class StepHandle {
+ public:
+  explicit StepHandle(const Package& package) {
+    const Guard guard;
+    info_ = Adopt<package_info_s>(Kind::kPackageInfo);
+    info_->package = package;
+    info_->borrowed = true;
+  }
+  ~StepHandle() {
+    const Guard guard;
+    info_->alive = false;
+    --state().live[Kind::kPackageInfo];
+  }
+  StepHandle(const StepHandle&) = delete;
+  StepHandle& operator=(const StepHandle&) = delete;
+
+  package_info_s* get() const { return info_; }
+
+ private:
+  package_info_s* info_ = nullptr;
+};
+
 bool VisitPackage(const Package& package, package_manager_package_info_cb callback, void* data) {
-  package_info_s* const info = Adopt<package_info_s>(Kind::kPackageInfo);
-  info->package = package;
-  info->borrowed = true;
+  const StepHandle info(package);
   bool goes_on = false;
-  Shielded("package step", [&] { goes_on = callback(info, data); });
-  const Guard guard;
-  info->alive = false;
-  --state().live[Kind::kPackageInfo];
+  Shielded("package step", [&] { goes_on = callback(info.get(), data); });
   return goes_on;
 }
 
