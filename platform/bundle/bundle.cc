@@ -222,7 +222,7 @@ int bundle_desktop_encode(bundle* b, unsigned char** bytes, size_t* size) {
 }
 
 bundle* bundle_desktop_decode(const unsigned char* bytes, size_t size) {
-  if (!bytes) return nullptr;
+  if (!bytes && size > 0) return nullptr;
   GBytes* copy = g_bytes_new(bytes, size);
   VariantPtr variant(
       g_variant_ref_sink(g_variant_new_from_bytes(G_VARIANT_TYPE_VARDICT, copy, FALSE)));

@@ -2,6 +2,7 @@
 #include "bus_connection.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <string.h>
 
 #include <exception>
@@ -31,7 +32,7 @@ using Message = std::unique_ptr<sd_bus_message, MessageUnref>;
 
 struct BusError {
   ~BusError() { sd_bus_error_free(&error); }
-  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_error error = {};
 };
 
 bool IsSuffix(std::string_view text) {
@@ -55,7 +56,8 @@ bool EventName::Parse(const char* text, EventName* name) {
   if (dot <= prefix.size() || !IsSuffix(full.substr(dot + 1))) return false;
   name->full = full;
   name->package = full.substr(prefix.size(), dot - prefix.size());
-  return sd_bus_service_name_is_valid(name->package.c_str()) > 0;
+  // A connection's unique name is not one that a package can have.
+  return name->package[0] != ':' && sd_bus_service_name_is_valid(name->package.c_str()) > 0;
 }
 
 std::unique_ptr<BusConnection> BusConnection::Open() {
@@ -73,6 +75,10 @@ std::unique_ptr<BusConnection> BusConnection::Open() {
 BusConnection::~BusConnection() = default;
 
 bool BusConnection::IsOpen() const { return sd_bus_is_open(bus_.get()) > 0; }
+
+bool BusConnection::WantsTurn() const {
+  return DueTime() != UINT64_MAX || (PollEvents() & POLLOUT) != 0;
+}
 
 uint64_t BusConnection::DueTime() const {
   uint64_t time = 0;

@@ -58,6 +58,8 @@ class BusConnection {
   int PollEvents() const { return sd_bus_get_events(bus_.get()); }
   // Time on CLOCK_MONOTONIC in microseconds from which Process is due anyway; UINT64_MAX for never.
   uint64_t DueTime() const;
+  // Whether Process has something to do that a poll begun earlier does not wait for.
+  bool WantsTurn() const;
 
  private:
   struct BusClose {

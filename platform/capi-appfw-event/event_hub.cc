@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <exception>
 #include <utility>
 
 namespace events {
@@ -48,6 +49,18 @@ void EventHub::Disconnect() {
   connection_.reset();
 }
 
+// At the end of each function of the interface: a connection that nobody needs goes, and the main
+// loop, which may be polling in another thread, hears of messages that came in along with an
+// answer.
+void EventHub::Settle() {
+  if (!connection_) return;
+  if (handlers_.empty() && !connection_->IsPublisher()) {
+    Disconnect();
+  } else if (connection_->WantsTurn()) {
+    g_main_context_wakeup(nullptr);
+  }
+}
+
 // A bus that went away unnoticed shows when it is spoken to; another may have taken its place.
 bool EventHub::Watch(const EventName& name) {
   for (int attempt = 0; attempt < 2; ++attempt) {
@@ -63,13 +76,13 @@ int EventHub::Add(const EventName& name, event_cb callback, void* user_data,
   const std::lock_guard<std::mutex> lock(mutex_);
   auto handler = std::make_shared<event_handler>(event_handler{name, callback, user_data});
   handlers_.reserve(handlers_.size() + 1);
-  if (!Watch(name)) {
-    if (handlers_.empty() && connection_ && !connection_->IsPublisher()) Disconnect();
-    return -EIO;
+  const bool watched = Watch(name);
+  if (watched) {
+    *added = handler.get();
+    handlers_.push_back(std::move(handler));
   }
-  *added = handler.get();
-  handlers_.push_back(std::move(handler));
-  return 0;
+  Settle();
+  return watched ? 0 : -EIO;
 }
 
 bool EventHub::Has(event_handler_h handler) const {
@@ -84,12 +97,8 @@ int EventHub::Remove(event_handler_h handler) {
   if (found == handlers_.end()) return -EINVAL;
   const EventName name = (*found)->name;
   handlers_.erase(found);
-  if (!connection_) return 0;
-  if (handlers_.empty() && !connection_->IsPublisher()) {
-    Disconnect();
-  } else if (HandlersOf(name.full).empty()) {
-    connection_->Unwatch(name);
-  }
+  if (connection_ && HandlersOf(name.full).empty()) connection_->Unwatch(name);
+  Settle();
   return 0;
 }
 
@@ -100,7 +109,7 @@ int EventHub::Publish(const EventName& name, const unsigned char* payload, size_
     result = connection_->Publish(name, payload, size);
     if (result != -EIO || connection_->IsOpen()) break;
   }
-  if (connection_ && handlers_.empty() && !connection_->IsPublisher()) Disconnect();
+  Settle();
   return result;
 }
 
@@ -121,13 +130,15 @@ Wish EventHub::Ask() {
   return {events, connection_->DueTime()};
 }
 
-void EventHub::Dispatch() {
+void EventHub::Dispatch() try {
   std::vector<ReceivedEvent> received;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (connection_ && !connection_->Process(&received)) Disconnect();
   }
   for (const ReceivedEvent& event : received) Deliver(event);
+} catch (const std::exception&) {
+  // Without memory events are lost; the main loop goes on.
 }
 
 void EventHub::Deliver(const ReceivedEvent& event) {

@@ -36,6 +36,7 @@ class EventHub {
 
   bool Connect();
   void Disconnect();
+  void Settle();
   bool Watch(const EventName& name);
   bool Has(event_handler_h handler) const;
   std::vector<Handler> HandlersOf(const std::string& name);

@@ -71,6 +71,7 @@ TEST(AnEncodedBundle, MayBeEmpty) {
   const std::string bytes = Encoded(b.get());
   EXPECT_EQ(bytes, "");
   EXPECT_NE(Decoded(bytes), nullptr);
+  EXPECT_NE(BundlePtr(bundle_desktop_decode(nullptr, 0)), nullptr);
 }
 
 TEST(AnEncodedBundle, HasTheSameBytesOnEveryMachine) {
@@ -175,7 +176,7 @@ TEST(AnEncodedBundle, RefusesNullArguments) {
   EXPECT_EQ(bundle_desktop_encode(nullptr, &bytes, &size), -22);
   EXPECT_EQ(bundle_desktop_encode(b.get(), nullptr, &size), -22);
   EXPECT_EQ(bundle_desktop_encode(b.get(), &bytes, nullptr), -22);
-  EXPECT_EQ(bundle_desktop_decode(nullptr, 0), nullptr);
+  EXPECT_EQ(bundle_desktop_decode(nullptr, 1), nullptr);
 }
 
 }  // namespace

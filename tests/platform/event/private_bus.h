@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef TESTS_PLATFORM_EVENT_PRIVATE_BUS_H_
+#define TESTS_PLATFORM_EVENT_PRIVATE_BUS_H_
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+#include <systemd/sd-bus.h>
+
+#include <filesystem>
+#include <functional>
+#include <string>
+
+// A bus daemon of the test's own, which the process under test takes for the session's.
+class PrivateBus {
+ public:
+  PrivateBus();
+  ~PrivateBus();
+
+  // Kills the daemon; Start brings another one up under the same address.
+  void Kill();
+  void Start();
+
+  const std::filesystem::path& folder() const { return folder_; }
+
+ private:
+  std::filesystem::path folder_;
+  pid_t daemon_ = -1;
+};
+
+// A client of the bus that sends what it likes.
+class RawClient {
+ public:
+  RawClient();
+  ~RawClient();
+
+  // An event as the platform sends it, but from this client; to everybody if `destination` is null.
+  // The bus has passed it on when the call returns.
+  void SendEvent(const char* name, const std::string& payload, const char* destination);
+  // Claims, to one client, that a name has another owner.
+  void SendOwnerChange(const char* id, const char* owner, const char* destination);
+  bool OwnName(const char* name) { return sd_bus_request_name(bus_, name, 0) > 0; }
+  const char* unique_name() const;
+  // The unique name that owns a name; empty if there is none.
+  std::string OwnerOf(const char* name);
+  // Every unique name on the bus but this one's own.
+  std::string OnlyOtherClient();
+
+  sd_bus* get() { return bus_; }
+
+ private:
+  void Send(sd_bus_message* message, const char* destination);
+
+  sd_bus* bus_ = nullptr;
+};
+
+// Another process that publishes.
+class Publisher {
+ public:
+  Publisher();
+  ~Publisher();
+  // The result of event_publish_app_event there.
+  int Publish(const std::string& name, const std::string& key, const std::string& value);
+
+ private:
+  FILE* to_ = nullptr;
+  FILE* from_ = nullptr;
+  pid_t process_ = -1;
+};
+
+// Runs the default main context until the condition holds; fails the test after a generous time.
+void RunUntil(const std::function<bool()>& condition);
+
+size_t OpenDescriptors();
+
+// Number of descriptors that the default main context polls.
+int PolledDescriptors();
+
+#endif  // TESTS_PLATFORM_EVENT_PRIVATE_BUS_H_
