@@ -44,7 +44,9 @@
  *     no thread and sets no timer.
  *  8. Blocking. A function that says "blocks" waits for the agent's answer, however long that
  *     takes. While one thread waits so, requests of other threads wait too; on the main-loop
- *     thread prefer the requests that are answered by callbacks. The others return at once.
+ *     thread prefer the requests that are answered by callbacks. A thread that is cancelled while
+ *     it waits leaves its answer behind for the next one to take: disconnect then. The others
+ *     return at once.
  */
 
 #define VELMORA_SVCMGR_VERSION_MAJOR 2

@@ -1,13 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "SvcMgrAppProxy.h"
 
-#include <cxxabi.h>
 #include <velmora_svcmgr.h>
 
 #include <new>
 #include <utility>
 
-#include "flag.h"
 #include "proxy_log.h"
 #include "thread_exit.h"
 #include "wire.h"
@@ -106,10 +104,16 @@ SvcMgrAppPort::SvcMgrAppPort(IEventListener* listener, std::string target_app_id
     throw InvalidIOException();
   }
   proxy_handle_ = handle;
-  rpc_port_proxy_add_connected_event_cb(handle, OnConnectedCB, this);
-  rpc_port_proxy_add_disconnected_event_cb(handle, OnDisconnectedCB, this);
-  rpc_port_proxy_add_rejected_event_cb(handle, OnRejectedCB, this);
-  rpc_port_proxy_add_received_event_cb(handle, OnReceivedCB, this);
+  try {
+    rpc_port_proxy_add_connected_event_cb(handle, OnConnectedCB, this);
+    rpc_port_proxy_add_disconnected_event_cb(handle, OnDisconnectedCB, this);
+    rpc_port_proxy_add_rejected_event_cb(handle, OnRejectedCB, this);
+    rpc_port_proxy_add_received_event_cb(handle, OnReceivedCB, this);
+  } catch (...) {
+    // The destructor does not run for an object that was never whole.
+    Close();
+    throw;
+  }
 }
 
 SvcMgrAppPort::~SvcMgrAppPort() { Close(); }
@@ -165,33 +169,17 @@ void SvcMgrAppPort::Send(const CallSite& site, Parcel& request, rpc_port_h port)
   throw InvalidIOException();
 }
 
-// Waits for a message on the main port. The reply of a thread that ends here will come all the
-// same.
-Parcel SvcMgrAppPort::Receive(rpc_port_h port) try {
-  return svcmgr::ReceiveParcel(port);
-} catch (const abi::__forced_unwind&) {
-  ++orphaned_replies_;
-  throw;
-}
-
 // Sends a request and waits for its reply; empty if none can come any more.
 Parcel SvcMgrAppPort::Exchange(const CallSite& site, Parcel& request, rpc_port_h port) {
   const std::lock_guard lock(mutex_);
   RequirePort(site, port);
-  // An event that runs inside the send below must not wait for a reply of its own: nobody could
-  // tell the two replies apart.
-  if (exchanging_) throw InvalidIOException();
-  const svcmgr::Flag exchanging(exchanging_);
   Send(site, request, port);
   // Sending may have run events that closed the port.
   while (port_ == port) {
-    Parcel message = Receive(port);
+    Parcel message = svcmgr::ReceiveParcel(port);
     if (message == nullptr) break;
     ParcelReader in(message.get());
-    if (in.Int32() != kReplyCommand || !in.ok()) continue;
-    // Replies come in the order of their requests.
-    if (orphaned_replies_ == 0) return message;
-    --orphaned_replies_;
+    if (in.Int32() == kReplyCommand && in.ok()) return message;
   }
   return nullptr;
 }

@@ -102,7 +102,6 @@ class SvcMgrAppPort : public std::enable_shared_from_this<SvcMgrAppPort> {
   rpc_port_h ConnectedPort(const svcmgr::CallSite& site) const;
   void RequirePort(const svcmgr::CallSite& site, rpc_port_h port) const;
   static void Send(const svcmgr::CallSite& site, svcmgr::Parcel& request, rpc_port_h port);
-  svcmgr::Parcel Receive(rpc_port_h port);
   svcmgr::Parcel Exchange(const svcmgr::CallSite& site, svcmgr::Parcel& request, rpc_port_h port);
 
   // Set by the connected event, left in place by a drop; null again once closed.
@@ -110,11 +109,8 @@ class SvcMgrAppPort : public std::enable_shared_from_this<SvcMgrAppPort> {
   std::atomic<rpc_port_h> callback_port_{nullptr};
   std::atomic<rpc_port_proxy_h> proxy_handle_{nullptr};
   IEventListener* listener_;
-  // Keeps requests and their replies together; guards the two fields below it. Recursive: sending
-  // may run events that send in turn.
+  // Keeps requests and their replies together. Recursive: sending may run events that send in turn.
   std::recursive_mutex mutex_;
-  bool exchanging_ = false;
-  int orphaned_replies_ = 0;
   // Shared with a dispatch, which may outlive the port.
   std::shared_ptr<Delegates> delegates_ = std::make_shared<Delegates>();
   std::string target_app_id_;
