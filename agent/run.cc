@@ -326,8 +326,10 @@ void Run::StopAgent() {
   if (!agent_.running()) {
     return;
   }
+  // It may have been stopped. Behind SIGTERM this could hit it while a sanitizer that looks for leaks
+  // has stopped it at its end, and waits for that stop.
+  kill(agent_.pid, SIGCONT);
   kill(agent_.pid, SIGTERM);
-  kill(agent_.pid, SIGCONT);  // it may have been stopped
   const auto end = std::chrono::steady_clock::now() + kAgentPatience;
   while (agent_.running()) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
