@@ -179,11 +179,11 @@ class Run {
   int StartCommand();
   void AwaitCommand();
   void StopAgent();
-  void ReportAgent();
+  void CheckAgent();
+  void ReportAgent(const std::string& what);
 
-  /** Waits for a signal, or for `other` to be readable, and takes all signals. False in time-out.
-   */
-  bool Wait(int other, int timeout_ms);
+  /** Waits for a signal or for `other` to be readable, no longer than the time, and takes signals. */
+  void Wait(int other, int timeout_ms);
   void TakeSignals();
 
   const ScenarioSource& source_;
@@ -193,7 +193,7 @@ class Run {
   const std::unique_ptr<Guardian> guardian_;  // none where the world is kept
   World world_;
   Process agent_;
-  bool agent_reported_ = false;
+  bool agent_failed_ = false;
   Process command_;
   int interrupted_by_ = 0;  // a signal that came while there was no command to pass it on to
 };
@@ -214,11 +214,10 @@ ChildSetup Run::Setup() const {
   return setup;
 }
 
-bool Run::Wait(int other, int timeout_ms) {
+void Run::Wait(int other, int timeout_ms) {
   pollfd watched[] = {{signals_.fd(), POLLIN, 0}, {other, POLLIN, 0}};
-  const int ready = poll(watched, 2, timeout_ms);
+  poll(watched, 2, timeout_ms);
   TakeSignals();
-  return ready != 0;
 }
 
 void Run::TakeSignals() {
@@ -315,35 +314,41 @@ void Run::AwaitCommand() {
   command_.Reap();
   while (command_.running()) {
     Wait(-1, -1);
-    if (agent_.status && !EndedAsWanted(*agent_.status)) {
-      ReportAgent();
-    }
+    CheckAgent();
   }
 }
 
 void Run::StopAgent() {
   agent_.Reap();
-  if (!agent_.running()) {
-    return;
+  if (agent_.running()) {
+    // It may have been stopped. Behind SIGTERM this could hit it while a sanitizer that looks for
+    // leaks has stopped it at its end, and waits for that stop.
+    kill(agent_.pid, SIGCONT);
+    kill(agent_.pid, SIGTERM);
   }
-  // It may have been stopped. Behind SIGTERM this could hit it while a sanitizer that looks for leaks
-  // has stopped it at its end, and waits for that stop.
-  kill(agent_.pid, SIGCONT);
-  kill(agent_.pid, SIGTERM);
   const auto end = std::chrono::steady_clock::now() + kAgentPatience;
   while (agent_.running()) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         end - std::chrono::steady_clock::now());
     if (left.count() <= 0) {
-      throw RunError("the agent did not end when it was asked to");
+      ReportAgent("did not end when it was asked to");
+      End(agent_);
+      return;
     }
     Wait(-1, static_cast<int>(left.count()));
   }
+  CheckAgent();
 }
 
-void Run::ReportAgent() {
-  if (!std::exchange(agent_reported_, true)) {
-    std::fprintf(stderr, "svcmgr-sim: the agent %s%s\n", HowItEnded(*agent_.status).c_str(),
+void Run::CheckAgent() {
+  if (agent_.status && !EndedAsWanted(*agent_.status)) {
+    ReportAgent(HowItEnded(*agent_.status));
+  }
+}
+
+void Run::ReportAgent(const std::string& what) {
+  if (!std::exchange(agent_failed_, true)) {
+    std::fprintf(stderr, "svcmgr-sim: the agent %s%s\n", what.c_str(),
                  LastLines(world_.log_file()).c_str());
   }
 }
@@ -362,11 +367,7 @@ int Run::Execute() {
     status = ExitStatus(*command_.status);
   }
   StopAgent();
-  if (agent_.status && !EndedAsWanted(*agent_.status)) {
-    ReportAgent();
-    return status != 0 ? status : kOwnFailure;
-  }
-  return status;
+  return status == 0 && agent_failed_ ? kOwnFailure : status;
 }
 
 }  // namespace

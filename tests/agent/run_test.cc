@@ -352,6 +352,19 @@ TEST_F(ARun, ShowsWhatTheAgentDoesWhenAsked) {
   EXPECT_THAT(run.output, testing::Not(HasSubstr("agent.log")));
 }
 
+TEST_F(ARun, FailsWhereItCannotMakeAWorld) {
+  setenv("TMPDIR", "/proc", 1);
+  const Finished run = RunScript("echo ran");
+  EXPECT_EQ(run.status, 125);
+  EXPECT_EQ(run.output, "");
+  EXPECT_THAT(run.errors, StartsWith("svcmgr-sim: cannot make a folder for the world: "));
+}
+
+TEST_F(ARun, TakesTmpWhereTmpdirIsNoFolder) {
+  setenv("TMPDIR", (worlds_.path() + "/missing").c_str(), 1);
+  EXPECT_THAT(RunScript("echo $VELMORA_RUNTIME_DIR").output, StartsWith("/tmp/svcmgr-sim-"));
+}
+
 TEST_F(ARun, RefusesAWrongScenarioBeforeItMakesAnything) {
   const TempFolder folder;
   const std::string file = folder.Write("wrong.json", "{\"agent\": 5}");

@@ -4,7 +4,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <set>
+#include <sstream>
+#include <string>
+#include <vector>
 
 #include "temp_folder.h"
 
@@ -346,6 +350,48 @@ TEST(AScenariosPlaces, AreRightAfterEveryKindOfValue) {
                       "  \"licence\":\"\\u00e4\\\\\" , \"clients\":[ \"a\" ,\"b\"] , \"x\" : {}}}"),
             "file.json:4:50: /agent/x: unknown key \"x\"; allowed here: id, version, clients, "
             "metadata, apiLevel, licence, licenceFile, installed, running, refuse, kyr");
+}
+
+/** The words that a complaint lists behind a text. */
+std::vector<std::string> ListedBehind(const std::string& text, const std::string& complaint) {
+  std::vector<std::string> words;
+  const auto begin = complaint.find(text);
+  EXPECT_NE(begin, std::string::npos) << complaint;
+  std::istringstream list(complaint.substr(begin + text.size()));
+  for (std::string word; list >> word;) {
+    words.push_back(word.substr(0, word.find_first_of(",\n")));
+    if (word.back() != ',') {
+      break;
+    }
+  }
+  return words;
+}
+
+TEST(TheGuideToScenarios, NamesEveryKeyAndWord) {
+  std::ifstream file(SCENARIO_GUIDE);
+  std::ostringstream guide;
+  guide << file.rdbuf();
+  std::vector<std::string> words;
+  const auto add = [&](const std::string& text, const std::string& document) {
+    for (const std::string& word : ListedBehind(text, Complaint(document))) {
+      words.push_back(word);
+    }
+  };
+  const std::string allowed = "allowed here: ";
+  add(allowed, R"({"?": 1})");
+  add(allowed, R"({"agent": {"?": 1}})");
+  add(allowed, R"({"client": {"?": 1}})");
+  add(allowed, R"({"packages": [{"id": "a", "?": 1}]})");
+  add(allowed, R"({"models": [{"id": "a", "versions": ["1"], "?": 1}]})");
+  add(allowed, R"({"methods": {"?": 1}})");
+  add(allowed, R"({"methods": {"GetUsableModelList": {"?": 1}}})");
+  add(allowed, R"({"methods": {"RequestToUpdate": {"?": 1}}})");
+  add(allowed, R"({"methods": {"RequestToUpdate": {"progress": [{"?": 1}]}}})");
+  add("is not one of: ", R"({"methods": {"get_license": {"fault": "?"}}})");
+  EXPECT_GT(words.size(), 60u);
+  for (const std::string& word : words) {
+    EXPECT_THAT(guide.str(), HasSubstr("`" + word + "`"));
+  }
 }
 
 TEST(FindScenario, FindsThoseThatShipByName) {
