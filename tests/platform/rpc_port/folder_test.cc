@@ -145,6 +145,15 @@ TEST_F(ARuntimeFolder, HoldsNoSymbolicLinkThatIsFollowed) {
   EXPECT_TRUE(fs::is_socket(fs::symlink_status(SocketPath())));
 }
 
+TEST_F(ARuntimeFolder, HoldsNoSymbolicLinkToALivingServer) {
+  Server server;
+  ASSERT_EQ(server.Listen(), 0);
+  const std::string moved = folder() + "/moved";
+  ASSERT_EQ(rename(SocketPath().c_str(), moved.c_str()), 0);
+  ASSERT_EQ(symlink(moved.c_str(), SocketPath().c_str()), 0);
+  EXPECT_EQ(Client().Connect(), -13);
+}
+
 TEST_F(ARuntimeFolder, HoldsNoLockThatIsASymbolicLink) {
   mkdir(folder().c_str(), 0700);
   const std::string target = home() + "/target";

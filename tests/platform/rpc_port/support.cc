@@ -288,12 +288,14 @@ std::string RawStream::Await(size_t size) const {
   return bytes;
 }
 
+bool RawStream::HasEnded() const {
+  char c;
+  const ssize_t n = recv(fd, &c, 1, MSG_DONTWAIT);
+  return n == 0 || (n < 0 && errno != EAGAIN);
+}
+
 bool RawStream::AwaitEnd() const {
-  return RunUntil([this] {
-    char c;
-    const ssize_t n = recv(fd, &c, 1, MSG_DONTWAIT);
-    return n == 0 || (n < 0 && errno != EAGAIN);
-  });
+  return RunUntil([this] { return HasEnded(); });
 }
 
 std::string Int32(int32_t value) {

@@ -144,6 +144,8 @@ class RawStream {
   std::string Read() const;
   // Runs the main context until this many bytes have come, or the end.
   std::string Await(size_t size) const;
+  // Whether the peer has ended the stream; takes a byte if it has sent one.
+  bool HasEnded() const;
   bool AwaitEnd() const;
 
   int fd = -1;
