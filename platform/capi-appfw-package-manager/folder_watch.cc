@@ -19,7 +19,8 @@ namespace {
 
 constexpr uint32_t kEntryMoved = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ATTRIB;
 constexpr uint32_t kSelfMoved = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT;
-constexpr uint32_t kStepMask = kEntryMoved | IN_DELETE_SELF | IN_MOVE_SELF;
+constexpr uint32_t kMoveMask = IN_MOVE_SELF | IN_DELETE_SELF;
+constexpr uint32_t kStepMask = kEntryMoved | kMoveMask;
 constexpr uint32_t kFolderMask = kStepMask | IN_MODIFY | IN_CLOSE_WRITE;
 
 // A writer's own closing of the generation file says nothing that its content does not say.
@@ -72,35 +73,48 @@ FolderWatch::News FolderWatch::Judge(const inotify_event& event) const {
   return news;
 }
 
-// Watches come before the folder is read, so that whatever changes during the reading is news.
-void FolderWatch::WatchPath() {
+void FolderWatch::Forget() {
   for (const Step& step : steps_) inotify_rm_watch(inotify_.get(), step.watch);
   steps_.clear();
+}
+
+// Watches come before the folder is read, so that whatever changes during the reading is news.
+//
+// A folder above that stands and is no link can only be moved: to be removed or replaced it must be
+// empty first. What else happens in it, say in /tmp, is better not heard of. Where the path ends early
+// or leads through a link, every folder on the way has to be listened to.
+void FolderWatch::WatchPath() {
+  Forget();
   short_of_watches_ = false;
-  WatchSteps(folder_);
-  // Where the path leads through a symbolic link, the folders behind it matter as well.
-  const std::unique_ptr<char, void (*)(void*)> real(realpath(folder_.c_str(), nullptr), free);
-  if (real && folder_ != real.get()) WatchSteps(real.get());
+  if (!WatchSteps(folder_, Care::kMoves)) {
+    Forget();
+    WatchSteps(folder_, Care::kEntries);
+    const std::unique_ptr<char, void (*)(void*)> real(realpath(folder_.c_str(), nullptr), free);
+    if (real && folder_ != real.get()) WatchSteps(real.get(), Care::kEntries);
+  }
   // With a part of the watches only, news could be missed.
   if (steps_.empty() || short_of_watches_) inotify_ = UniqueFd();
 }
 
 // Stops at the first folder that is missing: its coming is news from the one before.
-bool FolderWatch::WatchSteps(const std::string& path) {
+bool FolderWatch::WatchSteps(const std::string& path, Care care) {
+  const uint32_t follow = care == Care::kMoves ? IN_DONT_FOLLOW : 0;
   for (size_t slash = 0; slash != std::string::npos;) {
     const size_t entry = path.find_first_not_of('/', slash);
     if (entry == std::string::npos) break;
     const size_t next = path.find('/', entry);
-    if (!Add(path.substr(0, entry), path.substr(entry, next - entry))) return false;
+    const bool is_last = path.find_first_not_of('/', next) == std::string::npos;
+    const bool listen = care == Care::kEntries || is_last;
+    const uint32_t mask = (listen ? kStepMask : kMoveMask) | follow;
+    if (!Add(path.substr(0, slash), path.substr(entry, next - entry), mask)) return false;
     slash = next;
   }
-  return Add(path, "");
+  return Add(path.substr(0, path.find_last_not_of('/') + 1), "", kFolderMask | follow);
 }
 
-bool FolderWatch::Add(const std::string& folder, const std::string& entry) {
-  const uint32_t mask = entry.empty() ? kFolderMask : kStepMask;
-  const int watch =
-      inotify_add_watch(inotify_.get(), folder.c_str(), mask | IN_MASK_ADD | IN_ONLYDIR);
+bool FolderWatch::Add(const std::string& folder, const std::string& entry, uint32_t mask) {
+  const char* path = folder.empty() ? "/" : folder.c_str();
+  const int watch = inotify_add_watch(inotify_.get(), path, mask | IN_MASK_ADD | IN_ONLYDIR);
   if (watch >= 0) {
     steps_.push_back({watch, entry});
     return true;

@@ -32,12 +32,15 @@ class FolderWatch {
     std::string entry;
   };
   enum class News { kNone, kContent, kPath };
+  // How closely the folders above are watched.
+  enum class Care { kMoves, kEntries };
 
   News Judge(const inotify_event& event) const;
   News ReadEvents();
   void WatchPath();
-  bool WatchSteps(const std::string& path);
-  bool Add(const std::string& folder, const std::string& entry);
+  void Forget();
+  bool WatchSteps(const std::string& path, Care care);
+  bool Add(const std::string& folder, const std::string& entry, unsigned mask);
 
   const std::string folder_;
   UniqueFd inotify_;

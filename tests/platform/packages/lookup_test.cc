@@ -161,6 +161,37 @@ TEST_P(ALookUp, SeesAFolderAboveThatIsReplaced) {
   EXPECT_EQ(VersionOf("a"), "2");
 }
 
+TEST_P(ALookUp, SeesAFolderFarAboveThatIsReplaced) {
+  folder_ = top_ / "one" / "two" / "three" / "packages";
+  setenv("VELMORA_PACKAGE_DIR", (top_.string() + "/one//two/.//three//packages//").c_str(), 1);
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_EQ(Install("a", std::to_string(i)), 0);
+    EXPECT_EQ(VersionOf("a"), std::to_string(i));
+    Ask("a");
+    std::filesystem::rename(top_ / "one", top_ / ("old" + std::to_string(i)));
+    EXPECT_EQ(VersionOf("a"), "");
+    Ask("a");
+  }
+  std::filesystem::rename(top_ / "old1", top_ / "one");
+  EXPECT_EQ(VersionOf("a"), "1");
+  Ask("a");
+  std::filesystem::remove_all(top_ / "one");
+  EXPECT_EQ(VersionOf("a"), "");
+}
+
+TEST_P(ALookUp, SeesAFolderThatIsRemovedWhileSomebodyIsInIt) {
+  ASSERT_EQ(Install("a", "1"), 0);
+  Ask("a");
+  const auto before = std::filesystem::current_path();
+  std::filesystem::current_path(folder_);
+  std::filesystem::remove_all(folder_);
+  EXPECT_EQ(VersionOf("a"), "");
+  Ask("a");
+  WriteByHand("a", KeyFile("2"));
+  EXPECT_EQ(VersionOf("a"), "2");
+  std::filesystem::current_path(before);
+}
+
 TEST_P(ALookUp, SeesASymbolicLinkThatIsTurned) {
   for (const char* name : {"one", "two"}) {
     const auto folder = top_ / name;
@@ -175,6 +206,23 @@ TEST_P(ALookUp, SeesASymbolicLinkThatIsTurned) {
   Ask("two");
   std::filesystem::rename(top_ / "two", top_ / "three");
   EXPECT_THAT(AllIds(), IsEmpty());
+}
+
+TEST_P(ALookUp, SeesAFolderThatBecomesASymbolicLink) {
+  const auto above = top_ / "above";
+  folder_ = above / "packages";
+  setenv("VELMORA_PACKAGE_DIR", folder_.c_str(), 1);
+  ASSERT_EQ(Install("a", "1"), 0);
+  Ask("a");
+  const auto other = top_ / "other" / "packages";
+  ASSERT_EQ(package_desktop_install(other.c_str(), "b", KeyFile("1").c_str()), 0);
+  std::filesystem::rename(above, top_ / "old");
+  std::filesystem::create_directory_symlink(top_ / "other", above);
+  EXPECT_THAT(AllIds(), ElementsAre("b"));
+  Ask("b");
+  std::filesystem::remove(above);
+  std::filesystem::rename(top_ / "old", above);
+  EXPECT_THAT(AllIds(), ElementsAre("a"));
 }
 
 TEST_P(ALookUp, SeesChangesWhenTheGenerationFileComesGoesOrIsReplaced) {
@@ -315,13 +363,16 @@ class ManyLookUps : public PackageWorld {};
 TEST_F(ManyLookUps, MakeNoSystemCallWhileNothingChangesInAFolderOfThePlatform) {
   if (!KernelSignals()) GTEST_SKIP() << "this kernel or container has no completion rings";
   ASSERT_EQ(package_desktop_install(folder_.c_str(), "a", KeyFile("1").c_str()), 0);
-  const auto look_up = [](bool forbidden) {
+  const auto look_up = [this](bool forbidden) {
     const pid_t child = fork();
     if (child == 0) {
       package_info_h info = nullptr;
       for (int i = 0; i < 200; ++i) {
         if (package_info_create("a", &info) == 0) package_info_destroy(info);
       }
+      // What happens further up is not heard of.
+      std::ofstream(top_.parent_path() / (top_.filename().string() + "-noise")) << "noise";
+      std::filesystem::remove(top_.string() + "-noise");
       if (forbidden) ForbidSystemCalls();
       bool right = true;
       for (int i = 0; i < 10000; ++i) {
