@@ -62,7 +62,6 @@ class Lock {
 class ErrnoKeeper {
  public:
   ~ErrnoKeeper() { errno = saved_; }
-  int saved() const { return saved_; }
 
  private:
   const int saved_ = errno;
@@ -197,27 +196,47 @@ void AppendEscaped(std::string* out, char c) {
 
 bool IsControl(char c) { return (static_cast<unsigned char>(c) < ' ' && c != '\t') || c == '\x7f'; }
 
-// One record is one line: newlines at the end vanish, also those before the colour's reset, and
-// other control characters become visible.
+// Whether one of eight bytes may be a control character; true also for a tab.
+bool MayHoldControl(const char* bytes) {
+  constexpr uint64_t kOnes = 0x0101010101010101;
+  constexpr uint64_t kHighBits = kOnes * 0x80;
+  uint64_t word;
+  memcpy(&word, bytes, sizeof word);
+  const uint64_t deletes = word ^ (kOnes * 0x7f);
+  const uint64_t below_space = (word - kOnes * ' ') & ~word;
+  const uint64_t is_delete = (deletes - kOnes) & ~deletes;
+  return ((below_space | is_delete) & kHighBits) != 0;
+}
+
+// Length of what `text` starts with that needs no look: no control character.
+size_t PlainLength(std::string_view text) {
+  size_t length = 0;
+  while (length + 8 <= text.size() && !MayHoldControl(text.data() + length)) length += 8;
+  while (length < text.size() && !IsControl(text[length])) ++length;
+  return length;
+}
+
+// One record is one line: newlines at the end vanish, also those before the colour's reset, and other
+// control characters become visible.
 void AppendLine(std::string* out, std::string_view text, bool keeps_colour) {
   size_t newlines = 0;
-  for (size_t i = 0; i < text.size();) {
-    if (const size_t colour = ColourLength(text.substr(i))) {
-      if (keeps_colour) out->append(text, i, colour);
-      i += colour;
-      continue;
-    }
-    const char c = text[i++];
-    if (c == '\n') {
+  while (!text.empty()) {
+    size_t length = ColourLength(text);
+    if (length > 0) {
+      if (keeps_colour) out->append(text.data(), length);
+    } else if (text[0] == '\n') {
       ++newlines;
-      continue;
-    }
-    for (; newlines > 0; --newlines) AppendEscaped(out, '\n');
-    if (IsControl(c)) {
-      AppendEscaped(out, c);
+      length = 1;
     } else {
-      *out += c;
+      for (; newlines > 0; --newlines) AppendEscaped(out, '\n');
+      length = PlainLength(text);
+      out->append(text.data(), length);
+      if (length == 0) {
+        AppendEscaped(out, text[0]);
+        length = 1;
+      }
     }
+    text.remove_prefix(length);
   }
 }
 
@@ -319,22 +338,28 @@ int Write(log_priority prio, const char* tag, const Message& message) {
   return WriteBuffered(prio, record);
 }
 
+// Apart from the filter, which then needs next to no stack.
+__attribute__((noinline, format(printf, 3, 0))) int Print(log_priority prio, const char* tag,
+                                                          const char* fmt, va_list args) {
+  ErrnoKeeper keeper;
+  try {
+    Message message;
+    const int result = message.Format(fmt, args);
+    return result < 0 ? result : Write(prio, tag, message);
+  } catch (const std::exception&) {
+    return -ENOMEM;  // not "...": a cancelled thread unwinds through here
+  }
+}
+
 }  // namespace
 
 int dlog_print(log_priority prio, const char* tag, const char* fmt, ...) {
   if (!tag || !fmt) return -EINVAL;
   if (prio <= DLOG_UNKNOWN || prio >= DLOG_SILENT) return -EINVAL;
   if (IsFiltered(prio == DLOG_DEFAULT ? DLOG_INFO : prio)) return 0;
-  ErrnoKeeper keeper;
-  try {
-    Message message;
-    va_list args;
-    va_start(args, fmt);
-    errno = keeper.saved();
-    const int result = message.Format(fmt, args);
-    va_end(args);
-    return result < 0 ? result : Write(prio, tag, message);
-  } catch (const std::exception&) {
-    return -ENOMEM;  // not "...": a cancelled thread unwinds through here
-  }
+  va_list args;
+  va_start(args, fmt);
+  const int result = Print(prio, tag, fmt, args);
+  va_end(args);
+  return result;
 }

@@ -174,6 +174,25 @@ TEST_F(ARecord, StaysOneLineWhateverItsTextHolds) {
   EXPECT_THAT(Lines()[0], HasSubstr(" TAG\\nTAG "));
 }
 
+TEST_F(ARecord, MakesEveryControlCharacterVisibleWhereverItStands) {
+  ToFile("verbose");
+  for (size_t place = 0; place < 20; ++place) {
+    for (int c = 1; c < 256; ++c) {
+      if (c == '\n') continue;
+      std::string text = "0123456789abcdefghij\xc3\xa4";
+      text[place] = static_cast<char>(c);
+      std::string expected = text;
+      char escaped[8];
+      snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned>(c));
+      if ((c < ' ' && c != '\t') || c == 0x7f) expected.replace(place, 1, escaped);
+      std::error_code missing;
+      std::filesystem::resize_file(path_, 0, missing);
+      dlog_print(DLOG_ERROR, "TAG", "%s", text.c_str());
+      ASSERT_THAT(Messages(), ElementsAre(expected)) << c << " at " << place;
+    }
+  }
+}
+
 TEST_F(ARecord, LosesItsColourInAFile) {
   ToFile("verbose");
   dlog_print(DLOG_ERROR, "TAG", "\033[1;31mred\033[0m plain \033[");
