@@ -176,21 +176,22 @@ TEST_F(ARecord, StaysOneLineWhateverItsTextHolds) {
 
 TEST_F(ARecord, MakesEveryControlCharacterVisibleWhereverItStands) {
   ToFile("verbose");
+  std::vector<std::string> expected;
   for (size_t place = 0; place < 20; ++place) {
     for (int c = 1; c < 256; ++c) {
       if (c == '\n') continue;
       std::string text = "0123456789abcdefghij\xc3\xa4";
       text[place] = static_cast<char>(c);
-      std::string expected = text;
+      dlog_print(DLOG_INFO, "TAG", "%s", text.c_str());
       char escaped[8];
       snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned>(c));
-      if ((c < ' ' && c != '\t') || c == 0x7f) expected.replace(place, 1, escaped);
-      std::error_code missing;
-      std::filesystem::resize_file(path_, 0, missing);
-      dlog_print(DLOG_ERROR, "TAG", "%s", text.c_str());
-      ASSERT_THAT(Messages(), ElementsAre(expected)) << c << " at " << place;
+      if ((c < ' ' && c != '\t') || c == 0x7f) text.replace(place, 1, escaped);
+      expected.push_back(text);
     }
   }
+  dlog_print(DLOG_ERROR, "TAG", "end");
+  expected.push_back("end");
+  EXPECT_EQ(Messages(), expected);
 }
 
 TEST_F(ARecord, LosesItsColourInAFile) {
