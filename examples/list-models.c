@@ -8,9 +8,12 @@
 enum { WAITING = 1 };
 
 static void on_models(int error, velmora_svcmgr_ai_model_list_h list, void* result) {
-  velmora_svcmgr_ai_model_info_h model;
-  for (int i = 0; velmora_svcmgr_ai_model_list_get(list, i, &model) == SVCMGR_ERROR_NONE; i++) {
+  int size = 0;
+  velmora_svcmgr_ai_model_list_get_size(list, &size);
+  for (int i = 0; i < size; i++) {
+    velmora_svcmgr_ai_model_info_h model;
     char* id = NULL;
+    if (velmora_svcmgr_ai_model_list_get(list, i, &model) != SVCMGR_ERROR_NONE) break;
     if (velmora_svcmgr_ai_model_info_get_id(model, &id) == SVCMGR_ERROR_NONE) puts(id);
     free(id);
     velmora_svcmgr_ai_model_info_destroy(model);

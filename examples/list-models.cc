@@ -35,6 +35,12 @@ std::string TextOf(const ModelInfo& info, Getter get) {
   return Text(text).get();
 }
 
+int SizeOf(const ModelList& list) {
+  int size = 0;
+  velmora_svcmgr_ai_model_list_get_size(list.get(), &size);
+  return size;
+}
+
 ModelInfo ModelAt(const ModelList& list, int index) {
   velmora_svcmgr_ai_model_info_h info = nullptr;
   velmora_svcmgr_ai_model_list_get(list.get(), index, &info);
@@ -72,10 +78,12 @@ class Listing {
     const ModelList list(handle);
     auto* listing = static_cast<Listing*>(self);
     if (listing->result_) return;  // an agent may answer again
-    for (int i = 0; const ModelInfo model = ModelAt(list, i); ++i)
+    for (int i = 0; i < SizeOf(list); ++i) {
+      const ModelInfo model = ModelAt(list, i);
       std::cout << TextOf(model, velmora_svcmgr_ai_model_info_get_id) << " "
                 << TextOf(model, velmora_svcmgr_ai_model_info_get_version) << ": "
                 << TextOf(model, velmora_svcmgr_ai_model_info_get_description) << "\n";
+    }
     listing->result_ = error;
   }
 

@@ -101,14 +101,14 @@ std::string TextOf(const json& text) {
 // The events that wait for the main loop. The lock is what ThreadSanitizer sees of the hand-over
 // from a thread that blocks: GLib's own is hidden from it.
 std::mutex events_mutex;
-std::queue<std::function<void()>> events;
+std::queue<std::function<void()>> waiting_events;
 
 gboolean RunNextEvent(gpointer) {
   std::function<void()> event;
   {
     const std::lock_guard<std::mutex> lock(events_mutex);
-    event = std::move(events.front());
-    events.pop();
+    event = std::move(waiting_events.front());
+    waiting_events.pop();
   }
   event();
   return G_SOURCE_REMOVE;
@@ -117,7 +117,7 @@ gboolean RunNextEvent(gpointer) {
 void RunLater(std::function<void()> event) {
   {
     const std::lock_guard<std::mutex> lock(events_mutex);
-    events.push(std::move(event));
+    waiting_events.push(std::move(event));
   }
   g_idle_add_full(G_PRIORITY_DEFAULT, RunNextEvent, nullptr, nullptr);
 }
