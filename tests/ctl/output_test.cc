@@ -302,8 +302,8 @@ TEST(TheVersionsOfAModel, WhenThereAreNoneAreNoData) {
 
 TEST(AnAnswer, CountsOnceHoweverOftenItComes) {
   ExpectDone(RunScripted(
-                 R"({"described": {"models": [{"id": "a"}], "times": 3},
-                     "versions": {"models": [{"id": "a", "version": "1"}], "times": 2}})",
+                 R"({"described": {"models": [{"id": "a"}], "times": 3, "again": -38},
+                     "versions": {"models": [{"id": "a", "version": "1"}], "times": 2, "again": -38}})",
                  {"models", "versions", "a"}),
              "VERSION  ID  TITLE\n1        a   -\n");
 }

@@ -8,7 +8,8 @@
 //   "license"    {"result": code, "text": text}, "level" {"result": code, "value": number}
 //   "models", "described", "category", "versions"
 //                {"result": code, "error": code, "models": [{"id": text...}...], "times": number,
-//                 "null": bool, "echo": bool}
+//                 "again": code, "null": bool, "echo": bool}
+//                again: the error of all answers but the first
 //                echo: answer with the model that was asked about
 //
 // In each but "connect": "drop": true loses the connection when the function is called, "never":
@@ -172,9 +173,9 @@ int Request(const json& step, velmora_svcmgr_ai_model_list_cb callback, void* da
     return SVCMGR_ERROR_NONE;
   }
   for (int i = 0; i < step.value("times", 1); ++i)
-    RunLater([step, callback, data, connection = library.connection] {
+    RunLater([step, callback, data, i, connection = library.connection] {
       if (!library.connected || connection != library.connection) return;
-      callback(step.value("error", 0),
+      callback(step.value(i == 0 ? "error" : "again", 0),
                step.value("null", false) ? nullptr : ListOf(step.value("models", json::array())),
                data);
     });
