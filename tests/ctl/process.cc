@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <functional>
 #include <system_error>
 #include <utility>
 
@@ -108,13 +109,27 @@ void ReadSome(Descriptor* from, std::string* into) {
     from->Close();
 }
 
-void ReadToTheEnd(Channels* channels, Ending* ending) {
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define SIGNALS_GET_LOST 1
+#endif
+#endif
+
+// ThreadSanitizer defers signals, and now and then forgets one on the way into a blocking call. There,
+// and nowhere else, a signal is sent again until it has had its effect.
+#ifdef SIGNALS_GET_LOST
+constexpr int kMillisecondsUntilSentAgain = 500;
+#else
+constexpr int kMillisecondsUntilSentAgain = -1;
+#endif
+
+void ReadToTheEnd(Channels* channels, Ending* ending, const std::function<void()>& send_again) {
   Descriptor& output = channels->output.read_end;
   Descriptor& errors = channels->errors.read_end;
   while (output.get() >= 0 || errors.get() >= 0) {
     std::array<pollfd, 2> ready = {
         {{output.get(), POLLIN, 0}, {errors.get(), POLLIN, 0}}};  // poll skips -1
-    poll(ready.data(), ready.size(), -1);
+    if (poll(ready.data(), ready.size(), kMillisecondsUntilSentAgain) == 0) send_again();
     if (ready[0].revents != 0) ReadSome(&output, &ending->output);
     if (ready[1].revents != 0) ReadSome(&errors, &ending->errors);
   }
@@ -134,7 +149,9 @@ Ending RunWith(const Start& start, const std::string& script) {
   if (start.signal_when_waiting != 0 && read(channels.waiting.read_end.get(), &byte, 1) == 1)
     kill(child, start.signal_when_waiting);
   Ending ending;
-  ReadToTheEnd(&channels, &ending);
+  ReadToTheEnd(&channels, &ending, [&] {
+    if (start.signal_when_waiting != 0) kill(child, start.signal_when_waiting);
+  });
   int status = 0;
   Require(waitpid(child, &status, 0) == child, "waitpid");
   ending.status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
