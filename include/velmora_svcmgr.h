@@ -49,6 +49,10 @@
  *     return at once.
  */
 
+#ifndef __cplusplus
+#include <stdbool.h>
+#endif
+
 #define VELMORA_SVCMGR_VERSION_MAJOR 2
 #define VELMORA_SVCMGR_VERSION_MINOR 3
 #define VELMORA_SVCMGR_VERSION_PATCH 182
@@ -203,6 +207,159 @@ int velmora_svcmgr_get_license_fulltext(char** text);
  * @return SVCMGR_ERROR_NOT_SUPPORTED
  */
 int velmora_svcmgr_get_agent_api_level(int* level);
+
+/* ---- Updates of the agents ---------------------------------------------------------------- */
+
+/** Names of agents, in the order in which they were added. */
+typedef struct velmora_svcmgr_agent_list_s* velmora_svcmgr_agent_list_h;
+
+/**
+ * Makes an empty list.
+ *
+ * @param[out] list  The list; released with velmora_svcmgr_agent_list_destroy.
+ *
+ * @return SVCMGR_ERROR_NONE
+ * @return SVCMGR_ERROR_INVALID_PARAMETER  list is null
+ * @return SVCMGR_ERROR_OUT_OF_MEMORY      memory is exhausted
+ * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
+ */
+int velmora_svcmgr_agent_list_create(velmora_svcmgr_agent_list_h* list);
+
+/**
+ * Releases a list and its names. The array of a list that ever held a name stays allocated: eight
+ * bytes for each name, rounded up to a power of two.
+ *
+ * @return SVCMGR_ERROR_NONE
+ * @return SVCMGR_ERROR_INVALID_PARAMETER  list is null
+ * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
+ */
+int velmora_svcmgr_agent_list_destroy(velmora_svcmgr_agent_list_h list);
+
+/**
+ * Adds a copy of a name at the end of a list.
+ *
+ * @return SVCMGR_ERROR_NONE
+ * @return SVCMGR_ERROR_INVALID_PARAMETER  list or agent is null
+ * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
+ */
+int velmora_svcmgr_agent_list_add(velmora_svcmgr_agent_list_h list, const char* agent);
+
+/**
+ * Copies a name out of a list.
+ *
+ * @param      list   The list.
+ * @param      index  From 0 to the size less 1. A negative index is not detected: passing one is an
+ *                    error of the caller with undefined outcome.
+ * @param[out] agent  A copy of the name; released by the caller with free().
+ *
+ * @return SVCMGR_ERROR_NONE
+ * @return SVCMGR_ERROR_INVALID_PARAMETER  list or agent is null
+ * @return SVCMGR_ERROR_OUT_OF_INDEX       index is not below the size
+ * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
+ */
+int velmora_svcmgr_agent_list_get(velmora_svcmgr_agent_list_h list, int index, char** agent);
+
+/**
+ * The number of names in a list.
+ *
+ * @return SVCMGR_ERROR_NONE
+ * @return SVCMGR_ERROR_INVALID_PARAMETER  list or size is null
+ * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
+ */
+int velmora_svcmgr_agent_list_get_size(velmora_svcmgr_agent_list_h list, int* size);
+
+/**
+ * Asks the agent to update all agents, itself included. Blocks until the agent has taken the
+ * request; velmora_svcmgr_set_update_status_cb tells how the update goes.
+ *
+ * A trap: every failure but the two below is SVCMGR_ERROR_NOT_CONNECTED, also one that the agent
+ * itself reports.
+ *
+ * @return SVCMGR_ERROR_NONE               the agent took the request
+ * @return SVCMGR_ERROR_NOT_CONNECTED      not connected, or the request failed
+ * @return SVCMGR_ERROR_PERMISSION_DENIED  the agent refuses
+ * @return SVCMGR_ERROR_KYR_DISABLED       the KYR feature is disabled
+ * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
+ */
+int velmora_svcmgr_request_update(void);
+
+/**
+ * Asks the agent to update the named agents. Blocks until the agent has answered.
+ *
+ * A trap: what the agent answers is not looked at. Success says that it was asked; whether it will
+ * do so, only velmora_svcmgr_set_update_status_cb tells.
+ *
+ * @param list  The names; may be empty. It is copied.
+ *
+ * @return SVCMGR_ERROR_NONE                       the agent was asked
+ * @return SVCMGR_ERROR_UNSUPPORTED_AGENT_VERSION  the agent is older than 2.3
+ * @return SVCMGR_ERROR_INVALID_PARAMETER          list is null
+ * @return SVCMGR_ERROR_NOT_CONNECTED              not connected, or the request failed
+ * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
+ */
+int velmora_svcmgr_request_update_with_list(velmora_svcmgr_agent_list_h list);
+
+/**
+ * Tells whether an update of the agents is under way, as far as this process has heard: from the
+ * agent's announcement until its final status. An update that was requested and has not begun yet
+ * does not count.
+ *
+ * @return SVCMGR_ERROR_NONE
+ * @return SVCMGR_ERROR_INVALID_PARAMETER  updating is null
+ * @return SVCMGR_ERROR_NOT_CONNECTED      not connected
+ * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
+ */
+int velmora_svcmgr_is_being_updated(bool* updating);
+
+/** How an update of the agents goes. The meaning of the agent's results is the agent's. */
+typedef enum {
+  /** The update has begun. */
+  SVCMGR_UPDATE_STATUS_STARTED = 0,
+  /** The update has ended well, for the calling application or for all. */
+  SVCMGR_UPDATE_STATUS_COMPLETED = 1,
+  /** The update has failed with the agent's result 1. */
+  SVCMGR_UPDATE_STATUS_RESULT_1 = 2,
+  /** The update has failed with the agent's result 3. */
+  SVCMGR_UPDATE_STATUS_RESULT_3 = 3,
+  /** The update has failed with the agent's result 7. */
+  SVCMGR_UPDATE_STATUS_RESULT_7 = 4,
+  /** The update has failed with the agent's result 10. */
+  SVCMGR_UPDATE_STATUS_RESULT_10 = 5,
+  /** The update has failed with another result. */
+  SVCMGR_UPDATE_STATUS_FAILED = 6,
+  /** The update has failed with the agent's result 13. */
+  SVCMGR_UPDATE_STATUS_RESULT_13 = 7
+} velmora_svcmgr_update_status_e;
+
+/**
+ * Reports how an update of the agents goes: its start always, its end once for each start
+ * or request.
+ *
+ * @param status     One of velmora_svcmgr_update_status_e.
+ * @param user_data  As given to velmora_svcmgr_set_update_status_cb.
+ */
+typedef void (*velmora_svcmgr_update_status_cb)(int status, void* user_data);
+
+/**
+ * Sets who hears of updates of the agents, whoever asked for them. Needs no connection. A second
+ * call replaces the callback and its user data.
+ *
+ * A trap: the function succeeds also when the platform refuses the subscription, which is logged
+ * alone. Calling it again tries the subscription again.
+ *
+ * @return SVCMGR_ERROR_NONE
+ * @return SVCMGR_ERROR_INVALID_PARAMETER  callback is null
+ * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
+ */
+int velmora_svcmgr_set_update_status_cb(velmora_svcmgr_update_status_cb callback, void* user_data);
+
+/**
+ * Ends what velmora_svcmgr_set_update_status_cb began; the callback is not called any more. Does
+ * nothing, successfully, if nothing was set.
+ *
+ * @return SVCMGR_ERROR_NONE, SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
+ */
+int velmora_svcmgr_unset_update_status_cb(void);
 
 /* ---- AI models: one model ----------------------------------------------------------------- */
 
@@ -428,6 +585,51 @@ int velmora_svcmgr_ai_request_usable_model_list_with_category(
 int velmora_svcmgr_ai_request_model_version_list(velmora_svcmgr_ai_model_info_h info,
                                                  velmora_svcmgr_ai_model_list_cb callback,
                                                  void* user_data);
+
+/* ---- AI models: status events ------------------------------------------------------------- */
+
+/** What happens to the device's AI models. */
+typedef enum {
+  /** The agent has begun to work on models. */
+  SVCMGR_AI_STATUS_STARTED = 17,
+  /** The work has ended well. */
+  SVCMGR_AI_STATUS_COMPLETED = 20,
+  /** The work has failed. */
+  SVCMGR_AI_STATUS_FAILED = 24
+} velmora_svcmgr_ai_status_e;
+
+/**
+ * Reports what happens to the device's AI models, whoever asked for it.
+ *
+ * @param error      Always SVCMGR_ERROR_NONE.
+ * @param status     One of velmora_svcmgr_ai_status_e.
+ * @param user_data  As given to velmora_svcmgr_ai_register_status_cb.
+ */
+typedef void (*velmora_svcmgr_ai_status_cb)(int error, int status, void* user_data);
+
+/**
+ * Sets who hears of the device's AI models. Needs no connection. A second call replaces the
+ * callback and its user data.
+ *
+ * A trap: the function succeeds also when the platform refuses the subscription, which is logged
+ * alone. Calling it again tries the subscription again.
+ *
+ * @return SVCMGR_ERROR_NONE
+ * @return SVCMGR_ERROR_INVALID_PARAMETER  callback is null
+ * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
+ */
+int velmora_svcmgr_ai_register_status_cb(velmora_svcmgr_ai_status_cb callback, void* user_data);
+
+/**
+ * Ends what velmora_svcmgr_ai_register_status_cb began; the callback is not called any more. Does
+ * nothing, successfully, if nothing was registered.
+ *
+ * @return SVCMGR_ERROR_NONE
+ * @return SVCMGR_ERROR_INVALID_OPERATION  the platform refuses to end the subscription, which
+ *                                         counts as ended all the same
+ * @return SVCMGR_ERROR_NOT_SUPPORTED
+ */
+int velmora_svcmgr_ai_deregister_status_cb(void);
 
 #ifdef __cplusplus
 }

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "SvcMgrAppProxyHandler.h"
 
-#include <app_common.h>
-
 #include <new>
 #include <utility>
 
@@ -10,9 +8,11 @@
 #include "SvcMgrAppProxyCallback.h"
 #include "SvcmgrException.h"
 #include "agent_update_state.h"
+#include "app_identity.h"
 #include "category_lookup.h"
 #include "client_log.h"
 #include "frame.h"
+#include "service_agent_list.h"
 #include "service_model_info.h"
 #include "thread_exit.h"
 
@@ -44,35 +44,35 @@ catch (...) {
   return failure;
 }
 
-// Sends a model request. Refusal is the client exception that the work may throw, and refusal_code
-// what it means.
-template <typename Refusal, typename Work>
-int PostRequest(const CallSite& site, int refusal_code, Work work) try {
-  work();
-  return SVCMGR_ERROR_NONE;
+// Runs a request; anything that it throws is logged and becomes SVCMGR_ERROR_INVALID_OPERATION.
+template <typename Work>
+int SendRequest(const CallSite& site, Work work) try {
+  return work();
 }
 LET_THREAD_EXIT_PASS
-catch (const Refusal& exception) {
-  CLIENT_ERROR_F_AT(site, "%s", exception.what());
-  return refusal_code;
-}
 catch (...) {
   CLIENT_ERROR_AT(site, "Unknown Exception");
   return SVCMGR_ERROR_INVALID_OPERATION;
+}
+
+// The same for a request that a client exception may refuse; refusal_code is what that means.
+template <typename Refusal, typename Work>
+int SendUnlessRefused(const CallSite& site, int refusal_code, Work work) {
+  return SendRequest(site, [&] {
+    try {
+      work();
+      return static_cast<int>(SVCMGR_ERROR_NONE);
+    } catch (const Refusal& exception) {
+      CLIENT_ERROR_F_AT(site, "%s", exception.what());
+      return refusal_code;
+    }
+  });
 }
 
 // Throws std::logic_error if a text is not set.
 rpc::AIModelInfo CopyToWire(const velmora_svcmgr_ai_model_info_s& info) {
   return {CopyText(info.id), CopyText(info.version), CopyText(info.title),
           CopyText(info.description)};
-}
-
-// One of the calling application's texts; empty if the platform fails.
-std::string ReadAppText(int (*get)(char**)) {
-  char* text = nullptr;
-  if (get(&text) != 0 || text == nullptr) return {};
-  const Text owner(text);
-  return text;
 }
 
 }  // namespace
@@ -174,7 +174,8 @@ void SvcMgrAppProxyHandler::Notify(int result, int state) const {
   if (callback != nullptr) callback(result, state, user_data);
 }
 
-// ---- Queries that wait --------------------------------------------------------------------------
+// ---- Requests that wait
+// --------------------------------------------------------------------------
 
 int SvcMgrAppProxyHandler::get_agent_api_level() {
   const auto proxy = Proxy();
@@ -188,6 +189,29 @@ Text SvcMgrAppProxyHandler::get_license() {
   return AskAgent(SVCMGR_HERE, Text(), [&] { return proxy->get_license(); });
 }
 
+int SvcMgrAppProxyHandler::request_update() {
+  const auto proxy = Proxy();
+  RETURN_ERROR_IF(proxy == nullptr, "Not connected", SVCMGR_ERROR_INVALID_OPERATION);
+  // Whatever becomes of the request.
+  svcmgr::agent_update_state.Request();
+  return AskAgent(SVCMGR_HERE, static_cast<int>(SVCMGR_ERROR_INVALID_OPERATION),
+                  [&] { return proxy->request_update(); });
+}
+
+int SvcMgrAppProxyHandler::request_update_with_list(const velmora_svcmgr_agent_list_s& list) {
+  const auto proxy = Proxy();
+  RETURN_ERROR_IF(proxy == nullptr, "Not connected", SVCMGR_ERROR_NOT_CONNECTED);
+  svcmgr::agent_update_state.Request();
+  return SendRequest(SVCMGR_HERE, [&] {
+    rpc::AgentUpdateRequest request;
+    for (const char* agent : list.agents) request.agents.push_back(CopyText(agent));
+    request.count = static_cast<int>(list.agents.size());
+    // The agent's result is ignored on purpose: the events tell how the update goes.
+    proxy->request_update_with_list(request);
+    return static_cast<int>(SVCMGR_ERROR_NONE);
+  });
+}
+
 // ---- Model requests -----------------------------------------------------------------------------
 //
 // A delegate, and with it a sequence number, is made when all that it is sent with stands.
@@ -195,7 +219,7 @@ Text SvcMgrAppProxyHandler::get_license() {
 int SvcMgrAppProxyHandler::GetUsableModelList(ModelListReceiver receiver) {
   const auto proxy = Proxy();
   RETURN_ERROR_IF(proxy == nullptr, "Not connected", SVCMGR_ERROR_NOT_CONNECTED);
-  return PostAsApp(SVCMGR_HERE, [&](const AppIdentity& app) {
+  return SendAsApp(SVCMGR_HERE, [&](const AppIdentity& app) {
     proxy->GetUsableModelList(std::make_unique<svcmgr::GetUsableModelListCB>(receiver), app.id,
                               app.version);
   });
@@ -204,7 +228,7 @@ int SvcMgrAppProxyHandler::GetUsableModelList(ModelListReceiver receiver) {
 int SvcMgrAppProxyHandler::GetUsableModelListWithDesc(ModelListReceiver receiver) {
   const auto proxy = Proxy();
   RETURN_ERROR_IF(proxy == nullptr, "Not connected", SVCMGR_ERROR_NOT_CONNECTED);
-  return PostAsApp(SVCMGR_HERE, [&](const AppIdentity& app) {
+  return SendAsApp(SVCMGR_HERE, [&](const AppIdentity& app) {
     proxy->GetUsableModelListWithDesc(
         std::make_unique<svcmgr::GetUsableModelListWithDescCB>(receiver), app.id, app.version);
   });
@@ -214,7 +238,7 @@ int SvcMgrAppProxyHandler::GetUsableModelListWithCategory(const char* category,
                                                           ModelListReceiver receiver) {
   const auto proxy = Proxy();
   RETURN_ERROR_IF(proxy == nullptr, "Not connected", SVCMGR_ERROR_NOT_CONNECTED);
-  return PostRequest<NoSuchAppException>(SVCMGR_HERE, SVCMGR_ERROR_INVALID_PARAMETER, [&] {
+  return SendUnlessRefused<NoSuchAppException>(SVCMGR_HERE, SVCMGR_ERROR_INVALID_PARAMETER, [&] {
     const svcmgr::CategorySearch match = svcmgr::FindPackageOfCategory(category);
     proxy->GetUsableModelList(std::make_unique<svcmgr::GetUsableModelListCB>(receiver),
                               match.package_id, match.package_version);
@@ -225,7 +249,7 @@ int SvcMgrAppProxyHandler::GetModelVersionList(velmora_svcmgr_ai_model_info_h in
                                                ModelListReceiver receiver) {
   const auto proxy = Proxy();
   RETURN_ERROR_IF(proxy == nullptr, "Not connected", SVCMGR_ERROR_NOT_CONNECTED);
-  return PostRequest<AppInfoException>(SVCMGR_HERE, SVCMGR_ERROR_INVALID_OPERATION, [&] {
+  return SendUnlessRefused<AppInfoException>(SVCMGR_HERE, SVCMGR_ERROR_INVALID_OPERATION, [&] {
     const rpc::AIModelInfo model = CopyToWire(*info);
     const AppIdentity app = ReadAppIdentity();
     proxy->GetModelVersionList(std::make_unique<svcmgr::GetModelVersionListCB>(receiver), model,
@@ -234,9 +258,9 @@ int SvcMgrAppProxyHandler::GetModelVersionList(velmora_svcmgr_ai_model_info_h in
 }
 
 template <typename Work>
-int SvcMgrAppProxyHandler::PostAsApp(const CallSite& site, Work work) {
-  return PostRequest<AppInfoException>(site, SVCMGR_ERROR_INVALID_OPERATION,
-                                       [&] { work(ReadAppIdentity()); });
+int SvcMgrAppProxyHandler::SendAsApp(const CallSite& site, Work work) {
+  return SendUnlessRefused<AppInfoException>(site, SVCMGR_ERROR_INVALID_OPERATION,
+                                             [&] { work(ReadAppIdentity()); });
 }
 
 SvcMgrAppProxyHandler::AppIdentity SvcMgrAppProxyHandler::ReadAppIdentity() {
@@ -244,7 +268,7 @@ SvcMgrAppProxyHandler::AppIdentity SvcMgrAppProxyHandler::ReadAppIdentity() {
 }
 
 std::string SvcMgrAppProxyHandler::GetAppId() {
-  std::string id = ReadAppText(app_get_id);
+  std::string id = svcmgr::ReadAppText(app_get_id);
   if (id.empty()) {
     CLIENT_ERROR("Failed to get app ID.");
     throw AppInfoException();
@@ -253,7 +277,7 @@ std::string SvcMgrAppProxyHandler::GetAppId() {
 }
 
 std::string SvcMgrAppProxyHandler::GetAppVersion() {
-  std::string version = ReadAppText(app_get_version);
+  std::string version = svcmgr::ReadAppText(app_get_version);
   if (version.empty()) {
     CLIENT_ERROR("Failed to get app version.");
     throw AppInfoException();

@@ -45,6 +45,11 @@ class SvcMgrAppProxyHandler final
   int get_agent_api_level();
   svcmgr::Text get_license();
 
+  // The first returns the agent's result, the second SVCMGR_ERROR_NONE; both an error code, logged,
+  // if the agent cannot be asked.
+  int request_update();
+  int request_update_with_list(const velmora_svcmgr_agent_list_s& list);
+
   // Each returns an error code; the receiver gets the agent's answer.
   int GetUsableModelList(svcmgr::ModelListReceiver receiver);
   int GetUsableModelListWithDesc(svcmgr::ModelListReceiver receiver);
@@ -72,7 +77,7 @@ class SvcMgrAppProxyHandler final
   void Discard(const std::shared_ptr<SvcMgrAppPort>& proxy);
   AppIdentity ReadAppIdentity();
   template <typename Work>
-  int PostAsApp(const svcmgr::CallSite& site, Work work);
+  int SendAsApp(const svcmgr::CallSite& site, Work work);
   void Notify(int result, int state) const;
 
   // Read by requests on any thread, hence the atomic accesses.

@@ -17,4 +17,14 @@ class NoSuchAppException : public SvcmgrException {
   const char* what() const noexcept override { return "No such package for the category."; }
 };
 
+class RegisterEventException : public SvcmgrException {
+ public:
+  const char* what() const noexcept override { return "Failed to register app event."; }
+};
+
+class DeregisterEventException : public SvcmgrException {
+ public:
+  const char* what() const noexcept override { return "Failed to deregister app event."; }
+};
+
 #endif  // SVCMGR_SVCMGREXCEPTION_H_

@@ -14,6 +14,7 @@ namespace svcmgr {
 
 constexpr int kAgentLevelNone = -1;
 constexpr int kAgentLevelModels = 8;
+constexpr int kAgentLevelLists = 11;
 constexpr int kAgentLevelCategories = 11;
 
 inline bool IsAgentMissing() {
@@ -45,7 +46,7 @@ inline int AgentLevelOfVersion(const char* version) {
     TakeVersionNumber(++version, minor);
   }
   const std::int64_t value = major * 10000 + minor;
-  if (value >= 20003) return kAgentLevelCategories;
+  if (value >= 20003) return kAgentLevelLists;
   return value >= 10007 ? kAgentLevelModels : kAgentLevelNone;
 }
 

@@ -4,6 +4,8 @@
 #include <cstring>
 
 #include "SvcMgrAppProxyHandler.h"
+#include "UpdateStatusEventHandler.h"
+#include "agent_update_state.h"
 #include "frame.h"
 
 int velmora_svcmgr_connect(velmora_svcmgr_connection_cb callback, void* user_data) try {
@@ -62,3 +64,63 @@ int velmora_svcmgr_get_agent_api_level(int* level) try {
   return SVCMGR_ERROR_NONE;
 }
 RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_API_LEVEL)
+
+int velmora_svcmgr_request_update() try {
+  RETURN_IF_AGENT_MISSING();
+  RETURN_IF_NOT_CONNECTED();
+  const int answer = SvcMgrAppProxyHandler::GetInstance().request_update();
+  switch (answer) {
+    case SVCMGR_ERROR_NONE:
+      return SVCMGR_ERROR_NONE;
+    case SVCMGR_ERROR_PERMISSION_DENIED:
+      CLIENT_INFO("Permission denied");
+      return SVCMGR_ERROR_PERMISSION_DENIED;
+    case SVCMGR_ERROR_KYR_DISABLED:
+      CLIENT_INFO("KYR is disabled");
+      return SVCMGR_ERROR_KYR_DISABLED;
+    default:
+      CLIENT_INFO_F("Failed to invoke_request_update. err = %d", answer);
+      return SVCMGR_ERROR_NOT_CONNECTED;
+  }
+}
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+
+int velmora_svcmgr_request_update_with_list(velmora_svcmgr_agent_list_h list) try {
+  RETURN_IF_AGENT_MISSING();
+  RETURN_IF_AGENT_BELOW(svcmgr::kAgentLevelLists);
+  RETURN_IF_NULL(list, "parameter is NULL!!");
+  RETURN_IF_NOT_CONNECTED();
+  const int result = SvcMgrAppProxyHandler::GetInstance().request_update_with_list(*list);
+  if (result == SVCMGR_ERROR_NONE) return SVCMGR_ERROR_NONE;
+  CLIENT_INFO_F("Failed to invoke_request_update. err = %d", result);
+  return SVCMGR_ERROR_NOT_CONNECTED;
+}
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+
+int velmora_svcmgr_is_being_updated(bool* updating) try {
+  RETURN_IF_AGENT_MISSING();
+  RETURN_IF_NULL(updating, "parameter is NULL!!");
+  RETURN_IF_NOT_CONNECTED();
+  *updating = svcmgr::agent_update_state.IsUpdating();
+  return SVCMGR_ERROR_NONE;
+}
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+
+// Both succeed on purpose when the platform refuses the subscription or its end: that is logged
+// alone.
+
+int velmora_svcmgr_set_update_status_cb(velmora_svcmgr_update_status_cb callback,
+                                        void* user_data) try {
+  RETURN_IF_AGENT_MISSING();
+  RETURN_IF_NULL(callback, "parameter is NULL!!");
+  UpdateStatusEventHandler::GetInstance().SetEventCallback(callback, user_data);
+  return SVCMGR_ERROR_NONE;
+}
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+
+int velmora_svcmgr_unset_update_status_cb() try {
+  RETURN_IF_AGENT_MISSING();
+  UpdateStatusEventHandler::GetInstance().UnsetEventCallback();
+  return SVCMGR_ERROR_NONE;
+}
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
