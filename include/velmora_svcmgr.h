@@ -208,6 +208,24 @@ int velmora_svcmgr_get_license_fulltext(char** text);
  */
 int velmora_svcmgr_get_agent_api_level(int* level);
 
+/**
+ * Tells which client API level the calling application was built against. The level is read from
+ * marker sections in the files of the application's own folder: the newest one counts. Reads all
+ * ELF files below that folder, which may take a while, and asks nobody.
+ *
+ * Call it on one thread at a time. An application without a resource folder is ended by abort().
+ *
+ * @param[out] level  The level, 1 or more.
+ *
+ * @return SVCMGR_ERROR_NONE
+ * @return SVCMGR_ERROR_INVALID_PARAMETER  level is null
+ * @return SVCMGR_ERROR_NOT_SUPPORTED      no file has a marker, or the folder cannot be read; also
+ * when
+ *                                         the agent's package is not installed
+ * @return SVCMGR_ERROR_INVALID_OPERATION
+ */
+int velmora_svcmgr_get_client_api_level(int* level);
+
 /* ---- Updates of the agents ---------------------------------------------------------------- */
 
 /** Names of agents, in the order in which they were added. */
@@ -585,6 +603,112 @@ int velmora_svcmgr_ai_request_usable_model_list_with_category(
 int velmora_svcmgr_ai_request_model_version_list(velmora_svcmgr_ai_model_info_h info,
                                                  velmora_svcmgr_ai_model_list_cb callback,
                                                  void* user_data);
+
+/* ---- AI models: updates and uninstallation --------------------------------------------------- */
+
+/**
+ * How far an update or uninstallation has come: four numbers, each 0 at first and passed on from
+ * the agent as it sends it.
+ *
+ *     index       position of the model that is being worked on
+ *     count       number of models in the request
+ *     percentage  progress of the work
+ *     state       state of the work, as the agent defines it
+ */
+typedef struct velmora_svcmgr_ai_progress_s* velmora_svcmgr_ai_progress_h;
+
+/**
+ * Makes a progress record with all numbers 0.
+ *
+ * @param[out] progress  The record; released with velmora_svcmgr_ai_progress_destroy.
+ *
+ * @return SVCMGR_ERROR_NONE
+ * @return SVCMGR_ERROR_INVALID_PARAMETER  progress is null
+ * @return SVCMGR_ERROR_OUT_OF_MEMORY      memory is exhausted
+ * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
+ */
+int velmora_svcmgr_ai_progress_create(velmora_svcmgr_ai_progress_h* progress);
+
+/**
+ * Releases a progress record.
+ *
+ * @return SVCMGR_ERROR_NONE
+ * @return SVCMGR_ERROR_INVALID_PARAMETER  progress is null
+ * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
+ */
+int velmora_svcmgr_ai_progress_destroy(velmora_svcmgr_ai_progress_h progress);
+
+/**
+ * Reads one number of a progress record.
+ *
+ * @return SVCMGR_ERROR_NONE
+ * @return SVCMGR_ERROR_INVALID_PARAMETER  an argument is null
+ * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
+ */
+int velmora_svcmgr_ai_progress_get_percentage(velmora_svcmgr_ai_progress_h progress,
+                                              int* percentage);
+/** As velmora_svcmgr_ai_progress_get_percentage, for the count. */
+int velmora_svcmgr_ai_progress_get_count(velmora_svcmgr_ai_progress_h progress, int* count);
+/** As velmora_svcmgr_ai_progress_get_percentage, for the index. */
+int velmora_svcmgr_ai_progress_get_index(velmora_svcmgr_ai_progress_h progress, int* index);
+/** As velmora_svcmgr_ai_progress_get_percentage, for the state. */
+int velmora_svcmgr_ai_progress_get_state(velmora_svcmgr_ai_progress_h progress, int* state);
+
+/**
+ * Sets one number of a progress record; every value is taken.
+ *
+ * @return SVCMGR_ERROR_NONE
+ * @return SVCMGR_ERROR_INVALID_PARAMETER  progress is null
+ * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
+ */
+int velmora_svcmgr_ai_progress_set_percentage(velmora_svcmgr_ai_progress_h progress,
+                                              int percentage);
+/** As velmora_svcmgr_ai_progress_set_percentage, for the count. */
+int velmora_svcmgr_ai_progress_set_count(velmora_svcmgr_ai_progress_h progress, int count);
+/** As velmora_svcmgr_ai_progress_set_percentage, for the index. */
+int velmora_svcmgr_ai_progress_set_index(velmora_svcmgr_ai_progress_h progress, int index);
+/** As velmora_svcmgr_ai_progress_set_percentage, for the state. */
+int velmora_svcmgr_ai_progress_set_state(velmora_svcmgr_ai_progress_h progress, int state);
+
+/**
+ * Reports how an update or uninstallation of models goes; comes for each progress message of the
+ * agent, normally several times, until the connection ends. The callback and its user data must
+ * stay valid until then.
+ *
+ * @param error      As for velmora_svcmgr_ai_model_list_cb. A message that cannot be read is
+ *                   SVCMGR_ERROR_INVALID_OPERATION with all numbers 0.
+ * @param progress   A new record for each call. It belongs to the application, which releases it
+ * with
+ *                   velmora_svcmgr_ai_progress_destroy. Null if it could not be created.
+ * @param user_data  As given with the request.
+ */
+typedef void (*velmora_svcmgr_ai_progress_cb)(int error, velmora_svcmgr_ai_progress_h progress,
+                                              void* user_data);
+
+/**
+ * Asks the agent to install or update models.
+ *
+ * @param list       The models; may be empty. All four texts of each must be set, if only to "". It
+ * is
+ *                   copied.
+ * @param callback   Reports how the work goes.
+ * @param user_data  Passed to the callback; may be null.
+ *
+ * @return SVCMGR_ERROR_NONE                       the request was sent
+ * @return SVCMGR_ERROR_UNSUPPORTED_AGENT_VERSION  the agent is older than 1.7
+ * @return SVCMGR_ERROR_INVALID_PARAMETER          list or callback is null
+ * @return SVCMGR_ERROR_NOT_CONNECTED              no connection was started
+ * @return SVCMGR_ERROR_INVALID_OPERATION          a text of a model is not set, or the request
+ * could
+ *                                                 not be sent
+ * @return SVCMGR_ERROR_NOT_SUPPORTED
+ */
+int velmora_svcmgr_ai_request_to_update(velmora_svcmgr_ai_model_list_h list,
+                                        velmora_svcmgr_ai_progress_cb callback, void* user_data);
+
+/** As velmora_svcmgr_ai_request_to_update, to uninstall the models. */
+int velmora_svcmgr_ai_request_to_uninstall(velmora_svcmgr_ai_model_list_h list,
+                                           velmora_svcmgr_ai_progress_cb callback, void* user_data);
 
 /* ---- AI models: status events ------------------------------------------------------------- */
 

@@ -29,6 +29,15 @@ void Deliver(const ModelListReceiver& receiver, int result, const wire::AIModelL
   receiver.callback(TranslateAgentResult(result), handle, receiver.user_data);
 }
 
+void Deliver(const ProgressReceiver& receiver, int result, const wire::AIUpdateProgressInfo& info) {
+  velmora_svcmgr_ai_progress_h progress = nullptr;
+  Convert(info, &progress);
+  // The state is not used: the call is part of what a delivery does, and logs a missing handle.
+  int state = 0;
+  velmora_svcmgr_ai_progress_get_state(progress, &state);
+  receiver.callback(TranslateAgentResult(result), progress, receiver.user_data);
+}
+
 }  // namespace
 
 int TranslateAgentResult(int result) {
@@ -62,6 +71,19 @@ velmora_svcmgr_ai_model_list_h Convert(const wire::AIModelList& list) {
   return handle;
 }
 
+void Convert(const wire::AIUpdateProgressInfo& info, velmora_svcmgr_ai_progress_h* progress) {
+  CLIENT_INFO("conver AIUpdateProgressInfo to progress_handle");
+  velmora_svcmgr_ai_progress_h handle = nullptr;
+  if (velmora_svcmgr_ai_progress_create(&handle) == SVCMGR_ERROR_NONE) {
+    velmora_svcmgr_ai_progress_set_index(handle, info.index);
+    velmora_svcmgr_ai_progress_set_count(handle, info.count);
+    velmora_svcmgr_ai_progress_set_percentage(handle, info.percentage);
+    velmora_svcmgr_ai_progress_set_state(handle, info.state);
+  }
+  CLIENT_INFO("Successful conversion");
+  *progress = handle;
+}
+
 void GetUsableModelListCB::OnReceived(int result, const wire::AIModelList& list) {
   // The record names the version list's delegate; log readers know it by this text.
   CLIENT_INFO_F("GetModelVersionListCB::OnReceived error_code[%d]", result);
@@ -75,6 +97,14 @@ void GetUsableModelListWithDescCB::OnReceived(int result, const wire::AIModelLis
 
 void GetModelVersionListCB::OnReceived(int result, const wire::AIModelList& list) {
   Deliver(receiver_, result, list);
+}
+
+void RequestToUpdateCB::OnReceived(int result, const wire::AIUpdateProgressInfo& info) {
+  Deliver(receiver_, result, info);
+}
+
+void RequestToUninstallCB::OnReceived(int result, const wire::AIUpdateProgressInfo& info) {
+  Deliver(receiver_, result, info);
 }
 
 }  // namespace svcmgr

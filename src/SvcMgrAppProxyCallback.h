@@ -12,9 +12,14 @@ namespace svcmgr {
 
 namespace wire = rpc_port::SvcMgrAppProxy::proxy;
 
-// An application callback and its user data.
+// Application callbacks, each with its user data.
 struct ModelListReceiver {
   velmora_svcmgr_ai_model_list_cb callback;
+  void* user_data;
+};
+
+struct ProgressReceiver {
+  velmora_svcmgr_ai_progress_cb callback;
   void* user_data;
 };
 
@@ -23,6 +28,9 @@ int TranslateAgentResult(int result);
 
 // Makes a handle of a list; null if it cannot be created.
 velmora_svcmgr_ai_model_list_h Convert(const wire::AIModelList& list);
+
+// Makes a handle of a progress record; null if it cannot be created.
+void Convert(const wire::AIUpdateProgressInfo& info, velmora_svcmgr_ai_progress_h* progress);
 
 class GetUsableModelListCB final : public wire::GetUsableModelListCallback {
  public:
@@ -49,6 +57,24 @@ class GetModelVersionListCB final : public wire::GetModelVersionListCallback {
 
  private:
   ModelListReceiver receiver_;
+};
+
+class RequestToUpdateCB final : public wire::RequestToUpdateCallback {
+ public:
+  explicit RequestToUpdateCB(ProgressReceiver receiver) : receiver_(receiver) {}
+  void OnReceived(int result, const wire::AIUpdateProgressInfo& info) override;
+
+ private:
+  ProgressReceiver receiver_;
+};
+
+class RequestToUninstallCB final : public wire::RequestToUninstallCallback {
+ public:
+  explicit RequestToUninstallCB(ProgressReceiver receiver) : receiver_(receiver) {}
+  void OnReceived(int result, const wire::AIUpdateProgressInfo& info) override;
+
+ private:
+  ProgressReceiver receiver_;
 };
 
 }  // namespace svcmgr

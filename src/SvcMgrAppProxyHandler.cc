@@ -2,6 +2,7 @@
 #include "SvcMgrAppProxyHandler.h"
 
 #include <new>
+#include <stdexcept>
 #include <utility>
 
 #include "AgentStatusEventHandler.h"
@@ -14,6 +15,7 @@
 #include "frame.h"
 #include "service_agent_list.h"
 #include "service_model_info.h"
+#include "service_model_list.h"
 #include "thread_exit.h"
 
 namespace rpc = rpc_port::SvcMgrAppProxy::proxy;
@@ -21,6 +23,7 @@ namespace rpc = rpc_port::SvcMgrAppProxy::proxy;
 using svcmgr::CallSite;
 using svcmgr::CopyText;
 using svcmgr::ModelListReceiver;
+using svcmgr::ProgressReceiver;
 using svcmgr::Text;
 
 namespace {
@@ -73,6 +76,16 @@ int SendUnlessRefused(const CallSite& site, int refusal_code, Work work) {
 rpc::AIModelInfo CopyToWire(const velmora_svcmgr_ai_model_info_s& info) {
   return {CopyText(info.id), CopyText(info.version), CopyText(info.title),
           CopyText(info.description)};
+}
+
+rpc::AIModelList CopyToWire(const velmora_svcmgr_ai_model_list_s& list) {
+  rpc::AIModelList models;
+  for (const velmora_svcmgr_ai_model_info_h info : list.models) {
+    if (info == nullptr) throw std::logic_error("null model");
+    models.models.push_back(CopyToWire(*info));
+  }
+  models.count = static_cast<int>(list.models.size());
+  return models;
 }
 
 }  // namespace
@@ -254,6 +267,28 @@ int SvcMgrAppProxyHandler::GetModelVersionList(velmora_svcmgr_ai_model_info_h in
     const AppIdentity app = ReadAppIdentity();
     proxy->GetModelVersionList(std::make_unique<svcmgr::GetModelVersionListCB>(receiver), model,
                                app.id, app.version);
+  });
+}
+
+int SvcMgrAppProxyHandler::RequestToUpdate(const velmora_svcmgr_ai_model_list_s& list,
+                                           ProgressReceiver receiver) {
+  const auto proxy = Proxy();
+  RETURN_ERROR_IF(proxy == nullptr, "Not connected", SVCMGR_ERROR_NOT_CONNECTED);
+  return SendRequest(SVCMGR_HERE, [&] {
+    const rpc::AIModelList models = CopyToWire(list);
+    proxy->RequestToUpdate(std::make_unique<svcmgr::RequestToUpdateCB>(receiver), models);
+    return static_cast<int>(SVCMGR_ERROR_NONE);
+  });
+}
+
+int SvcMgrAppProxyHandler::RequestToUninstall(const velmora_svcmgr_ai_model_list_s& list,
+                                              ProgressReceiver receiver) {
+  const auto proxy = Proxy();
+  RETURN_ERROR_IF(proxy == nullptr, "Not connected", SVCMGR_ERROR_NOT_CONNECTED);
+  return SendRequest(SVCMGR_HERE, [&] {
+    const rpc::AIModelList models = CopyToWire(list);
+    proxy->RequestToUninstall(std::make_unique<svcmgr::RequestToUninstallCB>(receiver), models);
+    return static_cast<int>(SVCMGR_ERROR_NONE);
   });
 }
 

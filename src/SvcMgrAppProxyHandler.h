@@ -56,6 +56,11 @@ class SvcMgrAppProxyHandler final
   int GetUsableModelListWithCategory(const char* category, svcmgr::ModelListReceiver receiver);
   int GetModelVersionList(velmora_svcmgr_ai_model_info_h info, svcmgr::ModelListReceiver receiver);
 
+  int RequestToUpdate(const velmora_svcmgr_ai_model_list_s& list,
+                      svcmgr::ProgressReceiver receiver);
+  int RequestToUninstall(const velmora_svcmgr_ai_model_list_s& list,
+                         svcmgr::ProgressReceiver receiver);
+
   // The calling application's own; throw AppInfoException.
   std::string GetAppId();
   std::string GetAppVersion();

@@ -56,3 +56,33 @@ int velmora_svcmgr_ai_request_model_version_list(velmora_svcmgr_ai_model_info_h 
   return result;
 }
 RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+
+int velmora_svcmgr_ai_request_to_update(velmora_svcmgr_ai_model_list_h list,
+                                        velmora_svcmgr_ai_progress_cb callback,
+                                        void* user_data) try {
+  CLIENT_INFO("__ velmora_svcmgr_ai_request_to_update __");
+  RETURN_IF_AGENT_MISSING();
+  RETURN_IF_AGENT_BELOW(svcmgr::kAgentLevelModels);
+  RETURN_IF_NULL(list, "parameter is NULL!!");
+  RETURN_IF_NULL(callback, "parameter is NULL!!");
+  const int result =
+      SvcMgrAppProxyHandler::GetInstance().RequestToUpdate(*list, {callback, user_data});
+  if (result != SVCMGR_ERROR_NONE) CLIENT_ERROR_F("error [%d]", result);
+  return result;
+}
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+
+int velmora_svcmgr_ai_request_to_uninstall(velmora_svcmgr_ai_model_list_h list,
+                                           velmora_svcmgr_ai_progress_cb callback,
+                                           void* user_data) try {
+  CLIENT_INFO("__ velmora_svcmgr_ai_request_to_uninstall __");
+  RETURN_IF_AGENT_MISSING();
+  RETURN_IF_AGENT_BELOW(svcmgr::kAgentLevelModels);
+  RETURN_IF_NULL(list, "parameter is NULL!!");
+  RETURN_IF_NULL(callback, "parameter is NULL!!");
+  const int result =
+      SvcMgrAppProxyHandler::GetInstance().RequestToUninstall(*list, {callback, user_data});
+  if (result != SVCMGR_ERROR_NONE) CLIENT_ERROR_F("error [%d]", result);
+  return result;
+}
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)

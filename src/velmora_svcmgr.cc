@@ -1,12 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <app_common.h>
 #include <velmora_svcmgr.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "SvcMgrAppProxyHandler.h"
 #include "UpdateStatusEventHandler.h"
 #include "agent_update_state.h"
 #include "frame.h"
+#include "kyr-section.h"
+
+// An application without a resource path is broken: that ends it in every build, as it always has.
+#undef NDEBUG
+#include <cassert>
 
 int velmora_svcmgr_connect(velmora_svcmgr_connection_cb callback, void* user_data) try {
   RETURN_IF_AGENT_MISSING();
@@ -121,6 +128,27 @@ RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
 int velmora_svcmgr_unset_update_status_cb() try {
   RETURN_IF_AGENT_MISSING();
   UpdateStatusEventHandler::GetInstance().UnsetEventCallback();
+  return SVCMGR_ERROR_NONE;
+}
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+
+int velmora_svcmgr_get_client_api_level(int* level) try {
+  RETURN_IF_AGENT_MISSING();
+  RETURN_IF_NULL(level, "parameter is NULL!!");
+  const svcmgr::Text res_path_owner(app_get_resource_path());
+  const char* res_path = res_path_owner.get();
+  assert(res_path);
+  // The application's folder: the path without its last component, "res/".
+  const std::size_t length = std::strlen(res_path);
+  const svcmgr::Text root_path_owner(strndup(res_path, length - std::min<std::size_t>(length, 4)));
+  const char* root_path = root_path_owner.get();
+  assert(root_path);
+  const svcmgr::OwnedKyrRecord record = kyr_section_get_latest(root_path);
+  if (record == nullptr) {
+    CLIENT_INFO("Failed to get latest KYR section.\n");
+    return SVCMGR_ERROR_NOT_SUPPORTED;
+  }
+  *level = record->api_level;
   return SVCMGR_ERROR_NONE;
 }
 RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
