@@ -26,6 +26,7 @@ function(svcmgr_gtest name)
   endif()
   gtest_discover_tests(${name}
     TEST_PREFIX "${name}."
+    NO_PRETTY_VALUES
     DISCOVERY_TIMEOUT 120
     PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}"
                ENVIRONMENT "${SVCMGR_TEST_ENVIRONMENT}")
