@@ -1,0 +1,112 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gmock/gmock.h>
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "sim_process.h"
+
+namespace {
+
+using nlohmann::json;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+struct Row {
+  const char* name;
+  const char* scenario;
+  std::vector<std::string> arguments;
+  int status;
+  const char* output;  // a part of standard output; null if there must be none
+};
+
+void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
+
+Finished RunCtl(const std::string& scenario, const std::vector<std::string>& arguments) {
+  std::vector<std::string> all = {"run", scenario, "--", SVCMGRCTL};
+  all.insert(all.end(), arguments.begin(), arguments.end());
+  return RunSim(all);
+}
+
+const Row kRows[] = {
+    {"Status", "demo", {"status"}, 0, "Agent API level  11"},
+    {"ApiLevel", "demo", {"api-level"}, 0, "11\n"},
+    {"License", "demo", {"license"}, 0, "Velmora Service Agent 2.3\n"},
+    {"Models", "demo", {"models", "list"}, 0, "vision.segment"},
+    {"Descriptions", "demo", {"models", "list", "--descriptions"}, 0, "Finds people"},
+    {"Category", "demo", {"models", "list", "--category", "text"}, 0, "text.spelling"},
+    {"Versions", "demo", {"models", "versions", "speech.wake-word"}, 0, "3.0.4"},
+    {"UnknownModel", "demo", {"models", "versions", "no.such"}, 4, nullptr},
+    {"UnknownCategory", "demo", {"models", "list", "--category", "none"}, 4, nullptr},
+    {"NoModels", "empty", {"models", "list"}, 0, nullptr},
+    {"NoLicence", "empty", {"license"}, 1, nullptr},
+    {"AThousandModels", "large", {"models", "list"}, 0, "generated.model.001000"},
+    {"AgentMissing", "agent-missing", {"models", "list"}, 5, nullptr},
+    {"AgentTooOldForModels", "old-agent", {"models", "list"}, 5, nullptr},
+    {"AgentTooOldForCategories",
+     "no-category",
+     {"models", "list", "--category", "text"},
+     5,
+     nullptr},
+    {"AgentNotRunning", "agent-not-running", {"api-level"}, 6, nullptr},
+    {"AgentDies", "crashes", {"models", "list"}, 6, nullptr},
+    {"AgentDrops", "drops", {"models", "list"}, 6, nullptr},
+    {"NotPermitted", "permission-denied", {"api-level"}, 3, nullptr},
+    {"Refused", "refused", {"api-level"}, 3, nullptr},
+    {"KyrDisabledForLevel", "kyr-disabled", {"api-level"}, 9, nullptr},
+    {"KyrDisabledForLicence", "kyr-disabled", {"license"}, 9, nullptr},
+    {"KyrDisabledForModels", "kyr-disabled", {"models", "list"}, 9, nullptr},
+    {"NoAnswerToACallThatBlocks", "never-answers", {"--timeout", "0.2", "license"}, 7, nullptr},
+    {"NoAnswerToARequest", "never-answers", {"--timeout", "0.2", "models", "list"}, 7, nullptr},
+};
+
+class ACommand : public testing::TestWithParam<Row> {};
+INSTANTIATE_TEST_SUITE_P(With, ACommand, testing::ValuesIn(kRows),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST_P(ACommand, EndsWithItsStatusAndItsData) {
+  const Finished run = RunCtl(GetParam().scenario, GetParam().arguments);
+  EXPECT_EQ(run.status, GetParam().status) << run.errors;
+  if (GetParam().output == nullptr) {
+    EXPECT_THAT(run.errors, Not(IsEmpty()));
+    EXPECT_EQ(run.output, "");
+  } else {
+    EXPECT_THAT(run.output, HasSubstr(GetParam().output));
+    EXPECT_THAT(run.errors, IsEmpty());
+  }
+}
+
+TEST_P(ACommand, SaysTheSameInJson) {
+  std::vector<std::string> arguments = GetParam().arguments;
+  arguments.insert(arguments.begin(), "--json");
+  const Finished run = RunCtl(GetParam().scenario, arguments);
+  EXPECT_EQ(run.status, GetParam().status);
+  if (run.status == 0) {
+    EXPECT_TRUE(json::parse(run.output).is_object());
+    EXPECT_THAT(run.errors, IsEmpty());
+  } else {
+    EXPECT_EQ(json::parse(run.errors)["error"]["exit"], run.status);
+  }
+}
+
+TEST(AWrongCommandLine, IsRefused) { EXPECT_EQ(RunCtl("demo", {"models"}).status, 2); }
+
+TEST(Status, ShowsWhatItKnowsWithoutAnAgent) {
+  const Finished run = RunCtl("agent-missing", {"status"});
+  EXPECT_EQ(run.status, 5);
+  EXPECT_THAT(run.output, HasSubstr("the agent is not installed"));
+  EXPECT_THAT(run.errors, HasSubstr("SVCMGR_ERROR_NOT_SUPPORTED"));
+}
+
+TEST(HostileTexts, DoNotReachTheTerminal) {
+  const Finished run = RunCtl("hostile-texts", {"models", "list", "--descriptions"});
+  EXPECT_EQ(run.status, 0) << run.errors;
+  for (const char c : run.output) {
+    EXPECT_TRUE(c == '\n' || (static_cast<unsigned char>(c) >= 0x20 && c != 0x7f)) << int{c};
+  }
+  EXPECT_THAT(run.output, HasSubstr("\\x1B"));
+}
+
+}  // namespace
