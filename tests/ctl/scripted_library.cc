@@ -21,6 +21,7 @@
 // What the interface forbids its callers ends the process with 99, and so do handles left at the
 // end.
 
+#include <glib-unix.h>
 #include <glib.h>
 #include <unistd.h>
 
@@ -98,20 +99,31 @@ std::string TextOf(const json& text) {
   return bytes;
 }
 
-// The events that wait for the main loop. The lock is what ThreadSanitizer sees of the hand-over
-// from a thread that blocks: GLib's own is hidden from it.
+// The events that wait for the main loop, which a byte in a pipe wakes up. GLib's own hand-over from
+// a thread that blocks would look like a race to ThreadSanitizer, which cannot see into GLib.
 std::mutex events_mutex;
 std::queue<std::function<void()>> waiting_events;
+int wake_up[2] = {-1, -1};
 
-gboolean RunNextEvent(gpointer) {
-  std::function<void()> event;
-  {
-    const std::lock_guard<std::mutex> lock(events_mutex);
-    event = std::move(waiting_events.front());
-    waiting_events.pop();
-  }
-  event();
-  return G_SOURCE_REMOVE;
+std::function<void()> TakeEvent() {
+  const std::lock_guard<std::mutex> lock(events_mutex);
+  if (waiting_events.empty()) return nullptr;
+  std::function<void()> event = std::move(waiting_events.front());
+  waiting_events.pop();
+  return event;
+}
+
+gboolean RunEvents(gint fd, GIOCondition, gpointer) {
+  char byte = 0;
+  if (read(fd, &byte, 1) != 1) Forbidden("the pipe is gone");
+  while (const auto event = TakeEvent()) event();
+  return G_SOURCE_CONTINUE;
+}
+
+void ListenForEvents() {
+  if (wake_up[0] >= 0) return;
+  if (pipe(wake_up) != 0) Forbidden("no pipe");
+  g_unix_fd_add(wake_up[0], G_IO_IN, RunEvents, nullptr);
 }
 
 void RunLater(std::function<void()> event) {
@@ -119,7 +131,7 @@ void RunLater(std::function<void()> event) {
     const std::lock_guard<std::mutex> lock(events_mutex);
     waiting_events.push(std::move(event));
   }
-  g_idle_add_full(G_PRIORITY_DEFAULT, RunNextEvent, nullptr, nullptr);
+  if (write(wake_up[1], "e", 1) != 1) Forbidden("the pipe is gone");
 }
 
 void Report(int result, int state) {
@@ -203,6 +215,7 @@ int velmora_svcmgr_connect(velmora_svcmgr_connection_cb callback, void* user_dat
   library.on_connection = callback;
   library.on_connection_data = user_data;
   ++library.connection;
+  ListenForEvents();
   const json events = step.value("events", json::parse("[[0, 0]]"));
   const auto run = [events] {
     for (const json& event : events) Report(event[0].get<int>(), event[1].get<int>());
