@@ -6,6 +6,7 @@
 #include <limits.h>
 #include <pthread.h>
 #include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -243,7 +244,7 @@ int LatestSnapshot(SnapshotRef* snapshot) {
 }
 
 int HoldLatestPackage(const char* id, const package_info_s** held) {
-  if (cache.last_found && cache.IsLatest() && cache.last_found->id == id) {
+  if (cache.last_found && cache.IsLatest() && strcmp(cache.last_found->id.c_str(), id) == 0) {
     cache.HandOut();
     *held = cache.last_found;
     return 0;
