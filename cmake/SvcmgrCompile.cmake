@@ -34,3 +34,8 @@ if(SVCMGR_SANITIZE)
                       -fno-omit-frame-pointer -g)
   add_link_options(-fsanitize=${SVCMGR_SANITIZE} -fno-sanitize-recover=all)
 endif()
+if(SVCMGR_FUZZERS)
+  # The fuzzers are guided by what runs in every library.
+  add_compile_options(-fsanitize=fuzzer-no-link)
+  add_link_options(-fsanitize=fuzzer-no-link)
+endif()
