@@ -52,10 +52,11 @@ BENCHMARK(SizeGetter);
 
 int main(int argc, char** argv) {
   PrepareProcess();
-  const BenchWorld world(BenchWorld::Packages::BENCH_PACKAGES);
+  constexpr BenchWorld::Packages kWriter = BenchWorld::Packages::BENCH_PACKAGES;
+  const BenchWorld world(kWriter);
   std::vector<Promise> promises = {
       {"availability check", "AvailabilityCheck", nullptr, BENCH_CHECK_TARGET}};
-  if (BenchWorld::Packages::BENCH_PACKAGES == BenchWorld::Packages::kManaged) {
+  if (kWriter == BenchWorld::Packages::kManaged) {
     promises.push_back({"getter of 40 characters", "TextGetter", nullptr, 80});
     promises.push_back({"size getter", "SizeGetter", nullptr, 30});
   }
