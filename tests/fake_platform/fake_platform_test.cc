@@ -15,6 +15,15 @@
 #include <thread>
 #include <vector>
 
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define SVCMGR_FAKE_TSAN 1
+#endif
+#endif
+#if defined(__SANITIZE_THREAD__)
+#define SVCMGR_FAKE_TSAN 1
+#endif
+
 namespace {
 
 using ::testing::ElementsAre;
@@ -735,5 +744,26 @@ TEST_F(FakePlatform, ServesSeveralThreads) {
   other.join();
   EXPECT_EQ(fake::CountCalls("rpc_port_parcel_destroy"), 2U * kRounds);
 }
+
+#ifdef SVCMGR_FAKE_TSAN
+TEST(FakePlatformDeathTest, LeavesRacesOfTheLibraryVisible) {
+  fake::Reset();
+  static int unguarded = 0;
+  const auto touch = [] {
+    rpc_port_parcel_destroy(NewParcel());
+    ++unguarded;
+    rpc_port_parcel_destroy(NewParcel());
+  };
+  EXPECT_EXIT(
+      {
+        std::thread a(touch);
+        std::thread b(touch);
+        a.join();
+        b.join();
+        std::exit(0);
+      },
+      testing::ExitedWithCode(66), "data race");
+}
+#endif
 
 }  // namespace

@@ -41,6 +41,9 @@ struct Event {
   std::function<void(World&, std::function<void()>)> fire;  // fires, and acts inside the callback
 };
 
+void PrintTo(const Action& action, std::ostream* out) { *out << action.name; }
+void PrintTo(const Event& event, std::ostream* out) { *out << event.name; }
+
 void Disconnect(World&) { EXPECT_EQ(velmora_svcmgr_disconnect(), 0); }
 
 void Replace(World& world) {
@@ -115,6 +118,50 @@ const std::vector<Event> kEvents = {
        fake::Next("rpc_port_parcel_create_from_port", fake::Hook(std::move(act)));
        int level = 0;
        velmora_svcmgr_get_agent_api_level(&level);
+     }},
+    {"WhileARequestIsBuilt",
+     [](World& world, std::function<void()> act) {
+       fake::Next("rpc_port_parcel_write_string", fake::Hook(std::move(act)));
+       world.more.Request();
+     }},
+    {"WhileAQueryIsBuilt",
+     [](World&, std::function<void()> act) {
+       fake::Next("rpc_port_parcel_write_int32", fake::Hook(std::move(act)));
+       fake::QueueReply({7});
+       int level = 0;
+       velmora_svcmgr_get_agent_api_level(&level);
+     }},
+    {"WhileTheIdentityIsRead",
+     [](World& world, std::function<void()> act) {
+       fake::Next("app_get_version", fake::Hook(std::move(act)));
+       world.more.Request();
+     }},
+    {"InsideTheAvailabilityCheck",
+     [](World&, std::function<void()> act) {
+       fake::Next("package_info_create", fake::Hook(std::move(act)));
+       fake::QueueReply({7});
+       int level = 0;
+       velmora_svcmgr_get_agent_api_level(&level);
+     }},
+    {"WhileAMessageIsRead",
+     [](World&, std::function<void()> act) {
+       fake::Next("rpc_port_parcel_read_array_count", fake::Hook(std::move(act)));
+       fake::DeliverDelegateMessage(1, 0, EmptyList(0));
+     }},
+    {"WhileAMessageIsReceived",
+     [](World&, std::function<void()> act) {
+       fake::Next("rpc_port_parcel_create_from_port", fake::Hook(std::move(act)));
+       fake::DeliverDelegateMessage(1, 0, EmptyList(0));
+     }},
+    {"WhileTheCallbackPortIsFetched",
+     [](World&, std::function<void()> act) {
+       fake::Next("rpc_port_proxy_get_port", fake::Hook(std::move(act)));
+       fake::Proxy().FireConnected();
+     }},
+    {"WhileTheProxyIsDestroyed",
+     [](World&, std::function<void()> act) {
+       fake::Next("rpc_port_proxy_destroy", fake::Succeed().Entering(std::move(act)));
+       velmora_svcmgr_disconnect();
      }},
     {"InsideAConnect",
      [](World& world, std::function<void()> act) {

@@ -302,9 +302,8 @@ TEST_P(AThread, IsNotHeldBackByTheFrame) {
 }
 
 TEST_P(AThread, IsNotHeldBackByTheGuardAndGivesTheLockBack) {
-  for (const char* const function :
-       {"rpc_port_parcel_create", "rpc_port_parcel_write_int32", "rpc_port_parcel_send",
-        "rpc_port_parcel_create_from_port", "rpc_port_parcel_read_int32"}) {
+  for (const char* const function : {"rpc_port_parcel_create", "rpc_port_parcel_write_int32",
+                                     "rpc_port_parcel_send", "rpc_port_parcel_read_int32"}) {
     SCOPED_TRACE(function);
     fake::ForgetMessages();
     fake::QueueReply({3});
@@ -316,6 +315,16 @@ TEST_P(AThread, IsNotHeldBackByTheGuardAndGivesTheLockBack) {
     ExpectAnswered(11);
   }
   EXPECT_EQ(UnknownExceptions(), 0U);
+}
+
+TEST_P(AThread, LeavesItsReplyToNobodyElse) {
+  fake::Next("rpc_port_parcel_create_from_port", End());
+  fake::QueueReply({3});  // comes all the same
+  int level = 0;
+  EXPECT_FALSE(ComesBack([&] { velmora_svcmgr_get_agent_api_level(&level); }));
+  EXPECT_EQ(fake::LiveObjects(fake::Kind::kParcel), 0);
+  EXPECT_EQ(UnknownExceptions(), 0U);
+  ExpectAnswered(11);
 }
 
 TEST_P(AThread, IsNotHeldBackByAModelRequest) {

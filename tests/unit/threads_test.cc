@@ -178,6 +178,31 @@ TEST_F(Threads, RequestWhileTheConnectionIsLost) {
   EXPECT_EQ(others[0].answers.size() + others[1].answers.size(), 0U);
 }
 
+TEST_F(Threads, MayWaitForTheLockOrAReplyWhileTheConnectionEnds) {
+  std::atomic<int> waiting{0};
+  std::atomic<bool> ended{false};
+  // An agent that never answers; the wait ends when the connection does.
+  fake::Always("rpc_port_parcel_create_from_port", fake::Fail(-5).Entering([&] {
+    ++waiting;
+    while (!ended) std::this_thread::yield();
+  }));
+  std::atomic<int> strange{0};
+  const auto ask = [&] {
+    int level = 0;
+    const int code = velmora_svcmgr_get_agent_api_level(&level);
+    if (code != client::kInvalidApiLevel && code != -107) ++strange;
+  };
+  std::thread first(ask);
+  while (waiting == 0) std::this_thread::yield();
+  std::thread second(ask);
+  EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
+  ended = true;
+  first.join();
+  second.join();
+  EXPECT_EQ(strange, 0);
+  EXPECT_EQ(fake::LiveObjects(fake::Kind::kProxy), 0);
+}
+
 TEST_F(Threads, MayUseTheirOwnModelHandles) {
   std::atomic<int> wrong{0};
   RunTogether(
