@@ -81,6 +81,17 @@ TEST_F(AStubAmongBadClients, ServesTheRequestThatCameWithTheHello) {
   EXPECT_EQ(main.Await(kAcceptedBytes.size() + 14), kAcceptedBytes + Framed(Text("early")));
 }
 
+TEST_F(AStubAmongBadClients, ServesTheRequestThatCameBeforeThePartner) {
+  const RawStream main;
+  EXPECT_TRUE(main.Send(HelloBytes(kMain, 'a')));
+  RunAllReady();
+  EXPECT_TRUE(main.Send(Framed(Text("early"))));
+  RunAllReady();
+  const RawStream callback;
+  EXPECT_TRUE(callback.Send(HelloBytes(kCallback, 'a')));
+  EXPECT_EQ(main.Await(kAcceptedBytes.size() + 14), kAcceptedBytes + Framed(Text("early")));
+}
+
 TEST_F(AStubAmongBadClients, TellsTheRejectedOne) {
   server.Decide([] { return false; });
   const RawStream main;
