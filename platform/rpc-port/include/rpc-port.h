@@ -128,8 +128,8 @@ int rpc_port_proxy_destroy(rpc_port_proxy_h h);
  *
  * Returns -22 if no such application is installed, a name is empty or longer than 255 bytes, or the
  * proxy has connected before; -13 if the application does not admit this one, or the place where
- * its sockets should be is not this user's own; -5 if it is not running, or
- * has stopped accepting.
+ * its sockets should be is not this user's own; -5 if it is not running or has
+ * stopped accepting.
  */
 int rpc_port_proxy_connect(rpc_port_proxy_h h, const char *appid, const char *port);
 
