@@ -100,9 +100,9 @@ inline bool Always() { return true; }
 // Calls one callback after the other while the gate is open and `wanted` holds.
 template <typename Function, typename Wanted, typename Call>
 void CallEach(CallbackGate* gate, CallbackList<Function>* list, Wanted wanted, Call call) {
-  for (size_t i = 0; wanted(); ++i) {
+  for (size_t i = 0;; ++i) {
     const auto entry = list->At(i);
-    if (!entry) return;
+    if (!entry || !wanted()) return;
     const CallbackGate::Pass pass(gate);
     if (!pass) return;
     call(*entry);

@@ -24,9 +24,16 @@ struct Connection {
     callback_port = Handles<Stream>::Get().Add(callback);
   }
 
-  bool HungUp(const Stream& stream) const {
-    return (source->Events(stream.fd()) & (G_IO_HUP | G_IO_ERR)) != 0;
+  // What its streams showed when this dispatch began.
+  struct Events {
+    unsigned main;
+    unsigned callback;
+  };
+  Events Look() const {
+    const auto [main_events, callback_events] = source->Events(main->fd(), callback->fd());
+    return {main_events, callback_events};
   }
+  static bool HungUp(unsigned events) { return (events & (G_IO_HUP | G_IO_ERR)) != 0; }
 
   // The peer is gone: no more events, but the ports still hold what has arrived.
   void End() {

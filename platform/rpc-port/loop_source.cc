@@ -108,11 +108,15 @@ void LoopSource::Unwatch(int fd) {
   watched_.erase(watched);
 }
 
-GIOCondition LoopSource::Events(int fd) {
-  std::lock_guard<std::mutex> lock(mutex_);
+unsigned LoopSource::EventsOf(int fd) {
   const auto watched = Find(fd);
-  if (watched == watched_.end() || watched->tag == nullptr) return GIOCondition{};
+  if (watched == watched_.end() || watched->tag == nullptr) return 0;
   return g_source_query_unix_fd(source_, watched->tag);
+}
+
+std::pair<unsigned, unsigned> LoopSource::Events(int first_fd, int second_fd) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return {EventsOf(first_fd), EventsOf(second_fd)};
 }
 
 void LoopSource::Pause(int fd) {

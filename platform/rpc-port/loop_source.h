@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 namespace rpc_port_desktop {
@@ -40,8 +41,8 @@ class LoopSource {
   void Watch(int fd, GIOCondition events);
   void WatchWritable(int fd, bool wanted);
   void Unwatch(int fd);
-  // What the descriptor showed when this dispatch began; 0 if it is not watched.
-  GIOCondition Events(int fd);
+  // What these descriptors showed when this dispatch began; 0 for one that is not watched.
+  std::pair<unsigned, unsigned> Events(int first_fd, int second_fd);
 
   // Stops and restarts watching; events that are set meanwhile count from the restart on.
   void Pause(int fd);
@@ -58,6 +59,7 @@ class LoopSource {
   };
 
   std::vector<Watched>::iterator Find(int fd);
+  unsigned EventsOf(int fd);
 
   GSource* const source_;
   std::mutex mutex_;  // guards the rest

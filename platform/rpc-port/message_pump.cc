@@ -19,14 +19,14 @@ bool MessagePump::HasWork() {
 }
 
 // False if nothing may be offered now.
-bool MessagePump::Read() {
+bool MessagePump::Read(unsigned events) {
   if (FrontIsOnOffer()) {
     // A nested main loop, and the descriptor stays readable: watching it would only burn time.
     paused_ = true;
     source_->Pause(stream_->fd());
     return false;
   }
-  if (source_->Events(stream_->fd()) & (G_IO_IN | G_IO_HUP | G_IO_ERR)) stream_->Fill();
+  if (events & (G_IO_IN | G_IO_HUP | G_IO_ERR)) stream_->Fill();
   return true;
 }
 

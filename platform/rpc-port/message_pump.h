@@ -26,11 +26,11 @@ class MessagePump {
   // For the source's HasWork: whole messages wait that no descriptor shows.
   bool HasWork();
 
-  // For the source's Dispatch: reads once if something has arrived, then calls `offer` with
+  // For the source's Dispatch: reads once if the stream's events say so, then calls `offer` with
   // the number of each whole message while `alive` holds. Returns false if the stream is over.
   template <typename Alive, typename Offer>
-  bool Deliver(Alive alive, Offer offer) {
-    if (!Read()) return true;
+  bool Deliver(unsigned events, Alive alive, Offer offer) {
+    if (!Read(events)) return true;
     while (alive()) {
       const auto front = stream_->Front();
       if (!front) return !stream_->ended();
@@ -42,7 +42,7 @@ class MessagePump {
   }
 
  private:
-  bool Read();
+  bool Read(unsigned events);
   bool FrontIsOnOffer();
 
   const std::shared_ptr<Stream> stream_;

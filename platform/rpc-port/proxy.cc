@@ -120,7 +120,7 @@ void Proxy::Dispatch() {
 
 void Proxy::AwaitVerdict() {
   Stream& main = *connection_->main;
-  const bool callback_is_gone = connection_->HungUp(*connection_->callback);
+  const bool callback_is_gone = Connection::HungUp(connection_->Look().callback);
   main.Fill();
   Parcel message;
   if (main.Take(&message)) {
@@ -156,7 +156,8 @@ void Proxy::OnVerdict(Parcel* message) {
 }
 
 void Proxy::OnReadable() {
-  if (connection_->HungUp(*connection_->main)) {
+  const Connection::Events events = connection_->Look();
+  if (Connection::HungUp(events.main)) {
     // Without one of its streams the connection is over; what the other still holds comes first.
     connection_->source->Unwatch(connection_->main->fd());
     connection_->callback->ShutDown();
@@ -165,7 +166,7 @@ void Proxy::OnReadable() {
   const auto offer = [this](uint64_t number) {
     Emit(&received_callbacks, [&] { return pump_->Waits(number); });
   };
-  if (!pump_->Deliver(connected, offer)) Lose();
+  if (!pump_->Deliver(events.callback, connected, offer)) Lose();
 }
 
 void Proxy::Lose() {

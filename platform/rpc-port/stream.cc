@@ -38,7 +38,7 @@ ssize_t SendOnce(int fd, const uint8_t* bytes, size_t size) {
 Stream::Stream(UniqueFd socket, size_t max_content)
     : socket_(std::move(socket)), max_content_(max_content) {}
 
-// Needs read_mutex_, as do the next two.
+// Needs read_mutex_, as do the next four.
 bool Stream::FrontIsWhole() {
   const size_t held = in_end_ - in_begin_;
   if (held < kPrefixSize) return false;
@@ -75,8 +75,7 @@ void Stream::Consume(size_t size) {
   if (in_.capacity() > kReadAhead) in_.Reset();
 }
 
-void Stream::Fill() {
-  std::lock_guard<std::mutex> lock(read_mutex_);
+void Stream::ReadOnce() {
   if (ended_) return;
   const size_t room = RoomToRead();
   if (ended_) return;
@@ -96,14 +95,7 @@ void Stream::Fill() {
   }
 }
 
-std::optional<uint64_t> Stream::Front() {
-  std::lock_guard<std::mutex> lock(read_mutex_);
-  if (!FrontIsWhole()) return std::nullopt;
-  return taken_;
-}
-
-bool Stream::Take(Parcel* parcel) {
-  std::lock_guard<std::mutex> lock(read_mutex_);
+bool Stream::TakeFront(Parcel* parcel) {
   if (!FrontIsWhole()) return false;
   const uint8_t* front = in_.data() + in_begin_;
   const size_t content = LoadLe32(front);
@@ -119,6 +111,22 @@ bool Stream::Take(Parcel* parcel) {
   return true;
 }
 
+void Stream::Fill() {
+  std::lock_guard<std::mutex> lock(read_mutex_);
+  ReadOnce();
+}
+
+std::optional<uint64_t> Stream::Front() {
+  std::lock_guard<std::mutex> lock(read_mutex_);
+  if (!FrontIsWhole()) return std::nullopt;
+  return taken_;
+}
+
+bool Stream::Take(Parcel* parcel) {
+  std::lock_guard<std::mutex> lock(read_mutex_);
+  return TakeFront(parcel);
+}
+
 void Stream::Discard(uint64_t number) {
   std::lock_guard<std::mutex> lock(read_mutex_);
   if (taken_ != number || !FrontIsWhole()) return;
@@ -127,13 +135,16 @@ void Stream::Discard(uint64_t number) {
 }
 
 int Stream::Receive(Parcel* parcel) {
-  for (;;) {
-    if (closed_) return kIoError;
-    if (Take(parcel)) return kOk;
-    if (ended()) return kIoError;
+  for (bool readable = false; !closed_; readable = true) {
+    {
+      std::lock_guard<std::mutex> lock(read_mutex_);
+      if (readable) ReadOnce();
+      if (TakeFront(parcel)) return kOk;
+      if (ended_) return kIoError;
+    }
     WaitFor(fd(), POLLIN);
-    Fill();
   }
+  return kIoError;
 }
 
 bool Stream::ended() {

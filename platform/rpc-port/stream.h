@@ -66,6 +66,8 @@ class Stream {
   bool FrontIsWhole();
   size_t RoomToRead();
   void Consume(size_t size);
+  void ReadOnce();
+  bool TakeFront(Parcel* parcel);
   int SendAll(const uint8_t* bytes, size_t size);
   int SendOrQueue(const uint8_t* bytes, size_t size);
   bool Enqueue(const uint8_t* bytes, size_t size);

@@ -31,17 +31,18 @@ bool StubClient::HasWork() { return !ended_ && pump_.HasWork(); }
 void StubClient::Dispatch() {
   const auto stub = stub_.lock();
   if (!stub || ended_) return;
-  for (const auto& stream : {connection.main, connection.callback}) {
-    if (connection.source->Events(stream->fd()) & G_IO_OUT) stream->Flush();
-  }
-  if (connection.HungUp(*connection.callback)) {
+  const Connection::Events events = connection.Look();
+  if (events.main & G_IO_OUT) connection.main->Flush();
+  if (events.callback & G_IO_OUT) connection.callback->Flush();
+  if (Connection::HungUp(events.callback)) {
     // Without one of its streams the connection is over; what the other still holds comes first.
     connection.source->Unwatch(connection.callback->fd());
     connection.main->ShutDown();
   }
   const auto self = shared_from_this();
-  const bool goes_on = pump_.Deliver([&] { return !ended_; },
-                                     [&](uint64_t number) { stub->OnMessage(self, number); });
+  const bool goes_on = pump_.Deliver(
+      events.main, [&] { return !ended_; },
+      [&](uint64_t number) { stub->OnMessage(self, number); });
   if (!goes_on) stub->OnGone(self);
 }
 
