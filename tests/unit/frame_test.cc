@@ -70,6 +70,9 @@ INSTANTIATE_TEST_SUITE_P(
 constexpr char kInfoFile[] = "service_model_info.cc";
 constexpr char kListFile[] = "service_model_list.cc";
 constexpr char kRequestFile[] = "service_request.cc";
+constexpr char kAgentListFile[] = "service_agent_list.cc";
+constexpr char kProgressFile[] = "service_progress.cc";
+constexpr char kStatusFile[] = "service_status_cb.cc";
 
 /** An exported function, called with null wherever it takes a pointer. */
 struct Function {
@@ -121,6 +124,39 @@ std::vector<Function> ExportedFunctions() {
                nullptr),
       EXPORTED(velmora_svcmgr_ai_request_model_version_list, kRequestFile,
                "__ velmora_svcmgr_ai_request_usable_model_list __", nullptr, nullptr, nullptr),
+      EXPORTED(velmora_svcmgr_get_client_api_level, client::kClientFile, nullptr, nullptr),
+      {"velmora_svcmgr_request_update", client::kClientFile, nullptr,
+       velmora_svcmgr_request_update},
+      EXPORTED(velmora_svcmgr_request_update_with_list, client::kClientFile, nullptr, nullptr),
+      EXPORTED(velmora_svcmgr_is_being_updated, client::kClientFile, nullptr, nullptr),
+      EXPORTED(velmora_svcmgr_set_update_status_cb, client::kClientFile, nullptr, nullptr, nullptr),
+      {"velmora_svcmgr_unset_update_status_cb", client::kClientFile, nullptr,
+       velmora_svcmgr_unset_update_status_cb},
+      EXPORTED(velmora_svcmgr_agent_list_create, kAgentListFile, "velmora_svcmgr_agent_list_create",
+               nullptr),
+      EXPORTED(velmora_svcmgr_agent_list_destroy, kAgentListFile,
+               "velmora_svcmgr_agent_list_destroy", nullptr),
+      EXPORTED(velmora_svcmgr_agent_list_add, kAgentListFile, nullptr, nullptr, nullptr),
+      EXPORTED(velmora_svcmgr_agent_list_get, kAgentListFile, nullptr, nullptr, 0, nullptr),
+      EXPORTED(velmora_svcmgr_agent_list_get_size, kAgentListFile, nullptr, nullptr, nullptr),
+      EXPORTED(velmora_svcmgr_ai_progress_create, kProgressFile, nullptr, nullptr),
+      EXPORTED(velmora_svcmgr_ai_progress_destroy, kProgressFile, nullptr, nullptr),
+      EXPORTED(velmora_svcmgr_ai_progress_get_percentage, kProgressFile, nullptr, nullptr, nullptr),
+      EXPORTED(velmora_svcmgr_ai_progress_get_count, kProgressFile, nullptr, nullptr, nullptr),
+      EXPORTED(velmora_svcmgr_ai_progress_get_index, kProgressFile, nullptr, nullptr, nullptr),
+      EXPORTED(velmora_svcmgr_ai_progress_get_state, kProgressFile, nullptr, nullptr, nullptr),
+      EXPORTED(velmora_svcmgr_ai_progress_set_percentage, kProgressFile, nullptr, nullptr, 0),
+      EXPORTED(velmora_svcmgr_ai_progress_set_count, kProgressFile, nullptr, nullptr, 0),
+      EXPORTED(velmora_svcmgr_ai_progress_set_index, kProgressFile, nullptr, nullptr, 0),
+      EXPORTED(velmora_svcmgr_ai_progress_set_state, kProgressFile, nullptr, nullptr, 0),
+      EXPORTED(velmora_svcmgr_ai_request_to_update, kRequestFile,
+               "__ velmora_svcmgr_ai_request_to_update __", nullptr, nullptr, nullptr),
+      EXPORTED(velmora_svcmgr_ai_request_to_uninstall, kRequestFile,
+               "__ velmora_svcmgr_ai_request_to_uninstall __", nullptr, nullptr, nullptr),
+      EXPORTED(velmora_svcmgr_ai_register_status_cb, kStatusFile,
+               "__ velmora_svcmgr_ai_register_status_cb __", nullptr, nullptr),
+      {"velmora_svcmgr_ai_deregister_status_cb", kStatusFile,
+       "__ velmora_svcmgr_ai_deregister_status_cb __", velmora_svcmgr_ai_deregister_status_cb},
   };
   Function level =
       EXPORTED(velmora_svcmgr_get_agent_api_level, client::kClientFile, nullptr, nullptr);
