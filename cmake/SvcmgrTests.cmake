@@ -3,12 +3,6 @@
 include(GoogleTest)
 find_package(GTest REQUIRED)
 
-# What sanitized processes report with; a suppression file is never part of it.
-set(SVCMGR_TEST_ENVIRONMENT
-  "ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1"
-  "UBSAN_OPTIONS=print_stacktrace=1"
-  "TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1")
-
 # svcmgr_gtest(NAME
 #   SOURCES file... [LINK target...] [LABELS label...] [TIMEOUT seconds] [NO_MAIN])
 #
@@ -28,6 +22,5 @@ function(svcmgr_gtest name)
     TEST_PREFIX "${name}."
     NO_PRETTY_VALUES
     DISCOVERY_TIMEOUT 120
-    PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}"
-               ENVIRONMENT "${SVCMGR_TEST_ENVIRONMENT}")
+    PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
 endfunction()
