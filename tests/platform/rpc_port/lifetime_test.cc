@@ -36,10 +36,6 @@ void ExpectDeadPort(rpc_port_h port) {
   EXPECT_EQ(rpc_port_desktop_send_bytes(port, "text", 4), -22);
 }
 
-void PushMany(const Server* server) {
-  for (int i = 0; i < 20; ++i) server->Push("push");
-}
-
 // A proxy whose events find out whether they come after its end.
 class WatchedProxy {
  public:
@@ -284,33 +280,6 @@ TEST_F(AConnectionsEnd, ReleasesTheCallbackThatWaitsWhenAnotherThreadCausesIt) {
   destroyer.join();
 }
 
-TEST_F(AConnectionsEnd, MayComeFromAnyThreadAtAnyTime) {
-  server.on_connected = [&] { PushMany(&server); };
-  for (int round = 0; round < 100; ++round) {
-    WatchedProxy proxy;
-    proxy.Connect();
-    RunBeside([&] {
-      proxy.DestroyAfter(round);
-      return true;
-    });
-  }
-}
-
-TEST_F(AConnectionsEnd, MayComeFromTheThreadThatConnected) {
-#if IS_THREAD_SANITIZED
-  GTEST_SKIP() << "the locks inside GLib's g_source_attach are invisible to the thread sanitizer";
-#endif
-  server.on_connected = [&] { PushMany(&server); };
-  RunBeside([&] {
-    for (int round = 0; round < 100; ++round) {
-      WatchedProxy proxy;
-      proxy.Connect();
-      proxy.DestroyAfter(round);
-    }
-    return true;
-  });
-}
-
 TEST_F(AConnectionsEnd, MayComeFromTheServersCallbacks) {
   for (const char* where : {"admission", "connected", "received", "disconnected"}) {
     server.Destroy();
@@ -413,6 +382,42 @@ TEST_F(AConnectionsEnd, ClosesTheServersDescriptors) {
     EXPECT_GT(OpenDescriptors().size(), before.size());
   }
   EXPECT_EQ(OpenDescriptors(), before);
+}
+
+using AProxysEnd = PortTest;
+
+// The server has a process of its own, so that only the thread that destroys the proxy changes the main
+// context's sources: the locks inside GLib are invisible to the thread sanitizer.
+TEST_F(AProxysEnd, MayComeFromAnyThreadAtAnyTime) {
+  Peer server({"serve-pushing"});
+  ASSERT_EQ(server.Line(), "ready");
+  for (int round = 0; round < 100; ++round) {
+    WatchedProxy proxy;
+    proxy.Connect();
+    RunBeside([&] {
+      proxy.DestroyAfter(round);
+      return true;
+    });
+  }
+}
+
+TEST_F(AProxysEnd, MayComeFromTheThreadThatConnected) {
+#if IS_THREAD_SANITIZED
+  GTEST_SKIP() << "two threads change the main context's sources";
+#endif
+  Server server;
+  server.on_connected = [&] {
+    for (int i = 0; i < 20; ++i) server.Push("push");
+  };
+  ASSERT_EQ(server.Listen(), 0);
+  RunBeside([&] {
+    for (int round = 0; round < 100; ++round) {
+      WatchedProxy proxy;
+      proxy.Connect();
+      proxy.DestroyAfter(round);
+    }
+    return true;
+  });
 }
 
 using ADescriptor = PortTest;

@@ -23,6 +23,18 @@ int Serve() {
   return 2;
 }
 
+// Serves, and has much to say to each client that connects.
+int ServePushing() {
+  Server server;
+  server.on_connected = [&] {
+    for (int i = 0; i < 20; ++i) server.Push("push");
+  };
+  if (server.Listen() != 0) return 1;
+  Say("ready");
+  RunUntil(Never);
+  return 2;
+}
+
 // Serves, and ends in the middle of its answer.
 int ServeHalf() {
   Server server;
@@ -71,6 +83,7 @@ int Stay() {
 int RunPeer(const std::vector<std::string>& arguments) {
   const std::string& what = arguments.at(0);
   if (what == "serve") return Serve();
+  if (what == "serve-pushing") return ServePushing();
   if (what == "serve-half") return ServeHalf();
   if (what == "listen") return Listen();
   if (what == "call") return Call(arguments.at(1));

@@ -6,6 +6,7 @@
 #include <rpc-port-desktop.h>
 #include <sys/types.h>
 
+#include <chrono>
 #include <functional>
 #include <future>
 #include <map>
@@ -24,14 +25,17 @@ bool RunUntil(const std::function<bool()>& condition);
 // Lets the main context do all that it can do without waiting.
 void RunAllReady();
 
-// Runs `work` on another thread and the main context meanwhile; returns what it returns.
+// Runs `work` on another thread and the main context meanwhile; returns what it returns. The main
+// context's own sources are set up before the thread begins.
 template <typename Work>
 auto RunBeside(Work work) {
   std::promise<decltype(work())> promise;
   auto result = promise.get_future();
-  std::thread thread([&] { promise.set_value(work()); });
-  EXPECT_TRUE(RunUntil(
-      [&] { return result.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));
+  std::thread thread;
+  EXPECT_TRUE(RunUntil([&] {
+    if (!thread.joinable()) thread = std::thread([&] { promise.set_value(work()); });
+    return result.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+  }));
   thread.join();
   return result.get();
 }
