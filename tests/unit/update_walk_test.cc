@@ -68,11 +68,12 @@ class Model {
   /** The lines that each step must leave; the model is in the next state then. */
   Lines Connect() {
     Frame();
+    ++applications_;
     if (connected_) {
       Error("velmora_svcmgr_connect", "already connected\n");
       return Return(-106);
     }
-    StartConnecting(++applications_);
+    StartConnecting(applications_);
     return Return(0);
   }
 

@@ -1,0 +1,524 @@
+// SPDX-License-Identifier: Apache-2.0
+// Subscriptions to the agent's events: what the three subscribers share, and the client exceptions.
+
+#include <AgentStatusEventHandler.h>
+#include <ModelUpdateEventHandler.h>
+#include <SvcmgrException.h>
+#include <UpdateStatusEventHandler.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <exception>
+#include <functional>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "client.h"
+#include "event_support.h"
+
+namespace {
+
+using events::kAdd;
+using events::kRemove;
+using fake::IsError;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr char kEventFile[] = "VorlaEventHandler.h";
+
+/* Exceptions. */
+
+template <typename T>
+std::string TextOf() {
+  try {
+    throw T();
+  } catch (const std::exception& exception) {
+    return exception.what();
+  }
+}
+
+TEST(AnException, HasItsOwnText) {
+  EXPECT_EQ(TextOf<AppInfoException>(), "Failed to get app info.");
+  EXPECT_EQ(TextOf<NoSuchAppException>(), "No such package for the category.");
+  EXPECT_EQ(TextOf<RegisterEventException>(), "Failed to register app event.");
+  EXPECT_EQ(TextOf<DeregisterEventException>(), "Failed to deregister app event.");
+}
+
+TEST(AnException, OfNoKindHasTheStandardText) {
+  EXPECT_EQ(TextOf<SvcmgrException>(), std::exception().what());
+}
+
+TEST(AnException, IsOfTheClientFamilyAndNothingButItsType) {
+  EXPECT_TRUE((std::is_base_of_v<std::exception, SvcmgrException>));
+  EXPECT_TRUE((std::is_base_of_v<SvcmgrException, AppInfoException>));
+  EXPECT_TRUE((std::is_base_of_v<SvcmgrException, NoSuchAppException>));
+  EXPECT_TRUE((std::is_base_of_v<SvcmgrException, RegisterEventException>));
+  EXPECT_TRUE((std::is_base_of_v<SvcmgrException, DeregisterEventException>));
+  EXPECT_EQ(sizeof(AppInfoException), sizeof(std::exception));
+  EXPECT_EQ(sizeof(DeregisterEventException), sizeof(std::exception));
+}
+
+/* Subscribers. */
+
+TEST(ASubscriber, IsTheSameWhoeverAsks) {
+  EXPECT_EQ(&AgentStatusEventHandler::GetInstance(), &AgentStatusEventHandler::GetInstance());
+  EXPECT_EQ(&UpdateStatusEventHandler::GetInstance(), &UpdateStatusEventHandler::GetInstance());
+  EXPECT_EQ(&ModelUpdateEventHandler::GetInstance(), &ModelUpdateEventHandler::GetInstance());
+}
+
+TEST(ASubscriber, HasTheSingletonAsItsBaseAndCannotBeCopied) {
+  EXPECT_TRUE((std::is_base_of_v<Singleton<AgentStatusEventHandler>, AgentStatusEventHandler>));
+  EXPECT_TRUE((std::is_base_of_v<Singleton<UpdateStatusEventHandler>, UpdateStatusEventHandler>));
+  EXPECT_TRUE((std::is_base_of_v<Singleton<ModelUpdateEventHandler>, ModelUpdateEventHandler>));
+  EXPECT_TRUE(std::has_virtual_destructor_v<UpdateStatusEventHandler>);
+  EXPECT_FALSE(std::is_polymorphic_v<VorlaEventHandler>);
+  EXPECT_FALSE(std::is_copy_constructible_v<UpdateStatusEventHandler>);
+  EXPECT_FALSE(std::is_copy_assignable_v<ModelUpdateEventHandler>);
+  EXPECT_FALSE(std::is_default_constructible_v<AgentStatusEventHandler>);
+}
+
+/* The event part. */
+
+void Ignore(const char*, bundle*, void*) {}
+
+class TheEventPart : public fake::PlatformTest {
+ protected:
+  VorlaEventHandler event{"event.example"};
+};
+
+TEST_F(TheEventPart, CopiesItsNameAndIsNotSubscribed) {
+  std::string name = "event.other";
+  const VorlaEventHandler part(name);
+  name.clear();
+  EXPECT_EQ(part.event_name, "event.other");
+  EXPECT_EQ(part.event_handle, nullptr);
+  EXPECT_EQ(part.event_callback, nullptr);
+}
+
+TEST_F(TheEventPart, SubscribesWithoutUserData) {
+  event.event_callback = Ignore;
+  event.RegisterEvent();
+  EXPECT_NE(event.event_handle, nullptr);
+  ASSERT_EQ(fake::Calls().size(), 1U);
+  EXPECT_EQ(fake::Calls()[0].Text(), "event_add_event_handler(\"event.example\", null)");
+  event.RegisterEvent();
+  EXPECT_EQ(fake::Calls().size(), 1U);
+  event.DeregisterEvent();
+  EXPECT_EQ(event.event_handle, nullptr);
+  event.DeregisterEvent();
+  EXPECT_THAT(fake::CallNames(), ElementsAre(kAdd, kRemove));
+  EXPECT_THAT(fake::Logs(), IsEmpty());
+}
+
+TEST_F(TheEventPart, ThrowsWhenTheSubscriptionIsRefused) {
+  event.event_callback = Ignore;
+  for (const fake::Step& step :
+       {fake::Fail(-13), fake::FailWithGarbage(-5), fake::FailWithNull(-22),
+        fake::FailAfterWork(-12), fake::Fail(1)}) {
+    fake::ClearRecord();
+    fake::Next(kAdd, step);
+    EXPECT_THROW(event.RegisterEvent(), RegisterEventException);
+    EXPECT_EQ(event.event_handle, nullptr);
+    EXPECT_THAT(fake::Logs(),
+                ElementsAre(IsError(kEventFile, "RegisterEvent",
+                                    events::RefusalOf(step.result, "event.example"))));
+  }
+  fake::AllowHeld(fake::Kind::kEventHandler, 1);  // what the platform made in spite of its refusal
+}
+
+TEST_F(TheEventPart, ThrowsWhenTheRemovalIsRefusedAndCountsAsRemoved) {
+  event.event_callback = Ignore;
+  for (const int code : {-13, -5, -22, 1}) {
+    event.RegisterEvent();
+    fake::ClearRecord();
+    fake::Next(kRemove, fake::FailAfterWork(code));
+    EXPECT_THROW(event.DeregisterEvent(), DeregisterEventException);
+    EXPECT_EQ(event.event_handle, nullptr);
+    EXPECT_THAT(fake::Logs(), ElementsAre(IsError(kEventFile, "DeregisterEvent",
+                                                  "err: [" + std::to_string(code) + "]")));
+  }
+}
+
+TEST_F(TheEventPart, IsForgottenBeforeTheResultOfItsRemovalIsLookedAt) {
+  event.event_callback = Ignore;
+  event.RegisterEvent();
+  bool forgotten = false;
+  fake::Next(kRemove, fake::Hook([&] { forgotten = event.event_handle == nullptr; }));
+  event.DeregisterEvent();
+  EXPECT_TRUE(forgotten);
+}
+
+TEST_F(TheEventPart, IsForgottenWhenThePlatformThrows) {
+  event.event_callback = Ignore;
+  event.RegisterEvent();
+  fake::Next(kRemove, fake::Throw(std::runtime_error("no")));
+  EXPECT_THROW(event.DeregisterEvent(), std::runtime_error);
+  EXPECT_EQ(event.event_handle, nullptr);
+  fake::AllowHeld(fake::Kind::kEventHandler, 1);
+}
+
+TEST_F(TheEventPart, IsNamedByItsWholeName) {
+  EXPECT_TRUE(event.IsNamed("event.example"));
+  for (const char* name : {"", "event.exampl", "event.example.", "EVENT.EXAMPLE"}) {
+    EXPECT_FALSE(event.IsNamed(name)) << name;
+  }
+  EXPECT_FALSE(event.IsNamed(nullptr));
+}
+
+/* The two subscribers that an application sets callbacks for. */
+
+struct Subscriber {
+  const char* name;
+  const char* event;
+  const char* file;
+  const char* unset_function;  // the exported function
+  const char* unset_file;
+  int unset_refused;             // what unsetting returns when the removal is refused
+  std::size_t set_records;       // records of the exported functions themselves
+  std::function<int(int*)> set;  // with a callback that counts
+  std::function<int()> set_null;
+  std::function<int()> unset;
+  std::function<bool()> fire;  // an event of which the callback hears
+};
+
+void CountStatus(int, void* count) { ++*static_cast<int*>(count); }
+void CountModelStatus(int, int, void* count) { ++*static_cast<int*>(count); }
+
+const std::vector<Subscriber> kSubscribers = {
+    {"UpdateStatus", events::kUpdateStatus, "UpdateStatusEventHandler.cc",
+     "velmora_svcmgr_unset_update_status_cb", "velmora_svcmgr.cc", 0, 0,
+     [](int* count) { return velmora_svcmgr_set_update_status_cb(CountStatus, count); },
+     [] { return velmora_svcmgr_set_update_status_cb(nullptr, nullptr); },
+     velmora_svcmgr_unset_update_status_cb, [] { return events::AnnounceStart() > 0; }},
+    {"ModelStatus", events::kModelStatus, "ModelUpdateEventHandler.cc",
+     "velmora_svcmgr_ai_deregister_status_cb", "service_status_cb.cc", -38, 1,
+     [](int* count) { return velmora_svcmgr_ai_register_status_cb(CountModelStatus, count); },
+     [] { return velmora_svcmgr_ai_register_status_cb(nullptr, nullptr); },
+     velmora_svcmgr_ai_deregister_status_cb,
+     [] { return events::Announce(events::kModelStatus, {"START"}) > 0; }},
+};
+
+class EachSubscriber : public fake::PlatformTest, public testing::WithParamInterface<std::size_t> {
+ protected:
+  static const Subscriber& It() { return kSubscribers[GetParam()]; }
+
+  /** The records but for those of entering an exported function. */
+  static std::vector<fake::LogRecord> Errors() {
+    std::vector<fake::LogRecord> errors;
+    for (const fake::LogRecord& record : fake::Logs()) {
+      if (record.priority == DLOG_ERROR) errors.push_back(record);
+    }
+    return errors;
+  }
+
+  int count = 0;
+};
+
+TEST_P(EachSubscriber, SubscribesWhenACallbackIsSet) {
+  EXPECT_EQ(It().set(&count), 0);
+  EXPECT_THAT(fake::Subscriptions(), ElementsAre(It().event));
+  ASSERT_EQ(fake::Calls("event_").size(), 1U);
+  EXPECT_EQ(fake::Calls("event_")[0].Text(),
+            "event_add_event_handler(\"" + std::string(It().event) + "\", null)");
+  EXPECT_THAT(Errors(), IsEmpty());
+  EXPECT_EQ(fake::Logs().size(), It().set_records);
+  EXPECT_TRUE(It().fire());
+  EXPECT_EQ(count, 1);
+  EXPECT_EQ(It().unset(), 0);
+}
+
+TEST_P(EachSubscriber, NeedsNoConnectionAndTouchesNone) {
+  EXPECT_EQ(It().set(&count), 0);
+  EXPECT_EQ(It().unset(), 0);
+  EXPECT_THAT(fake::CallNames("rpc_port_"), IsEmpty());
+  EXPECT_THAT(fake::CallNames(),
+              ElementsAre("package_info_create", "package_info_destroy", kAdd,
+                          "package_info_create", "package_info_destroy", kRemove));
+}
+
+TEST_P(EachSubscriber, SubscribesOnceForTwoCallbacksAndHearsForTheSecond) {
+  int second = 0;
+  EXPECT_EQ(It().set(&count), 0);
+  EXPECT_EQ(It().set(&second), 0);
+  EXPECT_EQ(fake::CountCalls(kAdd), 1U);
+  EXPECT_TRUE(It().fire());
+  EXPECT_EQ(count, 0);
+  EXPECT_EQ(second, 1);
+  EXPECT_EQ(It().unset(), 0);
+}
+
+TEST_P(EachSubscriber, MayBeUnsetBeforeItIsSet) {
+  EXPECT_EQ(It().unset(), 0);
+  EXPECT_EQ(It().unset(), 0);
+  EXPECT_THAT(fake::CallNames("event_"), IsEmpty());
+  EXPECT_THAT(Errors(), IsEmpty());
+}
+
+TEST_P(EachSubscriber, SubscribesAfreshEachTimeThatNoneIsOpen) {
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(It().set(&count), 0);
+    EXPECT_TRUE(It().fire());
+    EXPECT_EQ(It().unset(), 0);
+    EXPECT_FALSE(It().fire());
+  }
+  EXPECT_EQ(count, 3);
+  EXPECT_EQ(fake::CountCalls(kAdd), 3U);
+  EXPECT_EQ(fake::CountCalls(kRemove), 3U);
+}
+
+TEST_P(EachSubscriber, RefusesANullCallbackAndKeepsTheFormer) {
+  EXPECT_EQ(It().set(&count), 0);
+  fake::ClearRecord();
+  EXPECT_EQ(It().set_null(), -22);
+  ASSERT_EQ(Errors().size(), 1U);
+  EXPECT_EQ(Errors()[0].message, "parameter is NULL!!");
+  EXPECT_EQ(Errors()[0].file, It().unset_file);
+  EXPECT_THAT(fake::CallNames("event_"), IsEmpty());
+  EXPECT_TRUE(It().fire());
+  EXPECT_EQ(count, 1);
+  EXPECT_EQ(It().unset(), 0);
+}
+
+TEST_P(EachSubscriber, AllowsNullUserData) {
+  static int calls;
+  calls = 0;
+  if (GetParam() == 0) {
+    EXPECT_EQ(velmora_svcmgr_set_update_status_cb(
+                  [](int, void* data) { calls += data == nullptr ? 1 : 100; }, nullptr),
+              0);
+  } else {
+    EXPECT_EQ(velmora_svcmgr_ai_register_status_cb(
+                  [](int, int, void* data) { calls += data == nullptr ? 1 : 100; }, nullptr),
+              0);
+  }
+  EXPECT_TRUE(It().fire());
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(It().unset(), 0);
+}
+
+TEST_P(EachSubscriber, IsNotTouchedWithoutTheAgent) {
+  EXPECT_EQ(It().set(&count), 0);
+  fake::RemoveAgent();
+  fake::ClearRecord();
+  int second = 0;
+  EXPECT_EQ(It().set(&second), client::kNotSupported);
+  EXPECT_EQ(It().set_null(), client::kNotSupported);
+  EXPECT_EQ(It().unset(), client::kNotSupported);
+  ASSERT_EQ(Errors().size(), 3U);
+  for (const fake::LogRecord& record : Errors()) EXPECT_EQ(record.message, "Not supported");
+  EXPECT_THAT(fake::CallNames("event_"), IsEmpty());
+  EXPECT_TRUE(It().fire());
+  EXPECT_EQ(count, 1);
+  fake::InstallAgent("2.3.0");
+  EXPECT_EQ(It().unset(), 0);
+}
+
+TEST_P(EachSubscriber, SucceedsWhenTheSubscriptionIsRefusedAndTriesAgain) {
+  for (const fake::Step& step : {fake::Fail(-13), fake::FailWithGarbage(-5),
+                                 fake::FailWithNull(-22), fake::FailAfterWork(-12)}) {
+    fake::ClearRecord();
+    fake::Next(kAdd, step);
+    EXPECT_EQ(It().set(&count), 0);
+    EXPECT_THAT(Errors(),
+                ElementsAre(IsError(kEventFile, "RegisterEvent",
+                                    events::RefusalOf(step.result, It().event)),
+                            IsError(It().file, "SetEventCallback", "Failed to register event")));
+  }
+  EXPECT_EQ(It().unset(), 0);
+  EXPECT_EQ(fake::CountCalls(kRemove), 0U);
+  EXPECT_EQ(It().set(&count), 0);
+  EXPECT_EQ(It().unset(), 0);
+  EXPECT_EQ(fake::CountCalls(kRemove), 1U);
+  fake::AllowHeld(fake::Kind::kEventHandler, 1);  // what the platform made in spite of its refusal
+}
+
+// Seen through an event that was under way: the platform has a subscription of an earlier set.
+TEST_P(EachSubscriber, KeepsTheCallbackWhenTheSubscriptionIsRefused) {
+  fake::Next(kAdd, fake::FailAfterWork(-5));
+  EXPECT_EQ(It().set(&count), 0);
+  EXPECT_TRUE(It().fire());
+  EXPECT_EQ(count, 1);
+  fake::AllowHeld(fake::Kind::kEventHandler, 1);
+}
+
+TEST_P(EachSubscriber, IsUnsubscribedAlsoWhenTheRemovalIsRefused) {
+  for (const fake::Step& step : {fake::Fail(-13), fake::FailAfterWork(-5)}) {
+    EXPECT_EQ(It().set(&count), 0);
+    fake::ClearRecord();
+    fake::Next(kRemove, step);
+    EXPECT_EQ(It().unset(), It().unset_refused);
+    std::vector<testing::Matcher<fake::LogRecord>> records = {
+        IsError(kEventFile, "DeregisterEvent", "err: [" + std::to_string(step.result) + "]"),
+        IsError(It().file, "UnsetEventCallback", "Failed to deregister event")};
+    if (It().unset_refused != 0) {
+      records.emplace_back(
+          IsError(It().unset_file, It().unset_function, "UnsetEventCallback Error"));
+    }
+    EXPECT_THAT(Errors(), testing::ElementsAreArray(records));
+    fake::ClearRecord();
+    EXPECT_EQ(It().unset(), 0);
+    EXPECT_THAT(fake::CallNames("event_"), IsEmpty());
+    EXPECT_EQ(It().set(&count), 0);
+    EXPECT_EQ(fake::CountCalls(kAdd), 1U);
+    EXPECT_EQ(It().unset(), 0);
+  }
+  fake::AllowHeld(fake::Kind::kEventHandler, 1);  // that of which the removal was refused
+}
+
+TEST_P(EachSubscriber, CallsNobodyWhenTheRemovalIsRefused) {
+  EXPECT_EQ(It().set(&count), 0);
+  fake::Next(kRemove, fake::Fail(-5));
+  EXPECT_EQ(It().unset(), It().unset_refused);
+  EXPECT_TRUE(It().fire());
+  EXPECT_EQ(count, 0);
+  fake::AllowHeld(fake::Kind::kEventHandler, 1);
+}
+
+TEST_P(EachSubscriber, ClearsItsCallbackBeforeTheRemoval) {
+  EXPECT_EQ(It().set(&count), 0);
+  fake::Next(kRemove, fake::Succeed().Entering([] { It().fire(); }));
+  EXPECT_EQ(It().unset(), 0);
+  EXPECT_EQ(count, 0);
+}
+
+TEST_P(EachSubscriber, StoresItsCallbackBeforeTheSubscription) {
+  fake::Next(kAdd, fake::Hook([] { It().fire(); }));
+  EXPECT_EQ(It().set(&count), 0);
+  EXPECT_EQ(count, 1);
+  EXPECT_EQ(It().unset(), 0);
+}
+
+TEST_P(EachSubscriber, SurvivesAPlatformThatThrows) {
+  fake::Next(kAdd, fake::Throw(std::runtime_error("no")));
+  EXPECT_EQ(It().set(&count), 0);
+  EXPECT_THAT(Errors(),
+              ElementsAre(IsError(It().file, "SetEventCallback", "Failed to register event")));
+  EXPECT_EQ(It().set(&count), 0);
+  fake::ClearRecord();
+  fake::Next(kRemove, fake::Throw(std::bad_alloc()));
+  EXPECT_EQ(It().unset(), It().unset_refused);
+  EXPECT_THAT(Errors()[0], IsError(It().file, "UnsetEventCallback", "Failed to deregister event"));
+  fake::ClearRecord();
+  EXPECT_EQ(It().unset(), 0);
+  EXPECT_THAT(fake::CallNames("event_"), IsEmpty());
+  fake::AllowHeld(fake::Kind::kEventHandler, 1);
+}
+
+TEST_P(EachSubscriber, ThatCannotBeBuiltIsBuiltByTheNextCall) {
+  if (!fake::SeesOperatorNew()) GTEST_SKIP() << "operator new cannot be made to fail here";
+  {
+    const fake::FailingAllocation failing(fake::Allocator::kNew);
+    EXPECT_EQ(It().set(&count), -38);
+    ASSERT_TRUE(failing.Happened());
+  }
+  ASSERT_EQ(Errors().size(), 1U);
+  EXPECT_EQ(Errors()[0].message, "Unknown Exception");
+  EXPECT_EQ(Errors()[0].file, It().unset_file);
+  {
+    const fake::FailingAllocation failing(fake::Allocator::kNew);
+    EXPECT_EQ(It().unset(), -38);
+    ASSERT_TRUE(failing.Happened());
+  }
+  EXPECT_EQ(It().set(&count), 0);
+  EXPECT_TRUE(It().fire());
+  EXPECT_EQ(count, 1);
+  EXPECT_EQ(It().unset(), 0);
+}
+
+TEST_P(EachSubscriber, HandlesTheEventThatItSubscribedToAndNoOther) {
+  EXPECT_EQ(It().set(&count), 0);
+  const Subscriber& other = kSubscribers[1 - GetParam()];
+  EXPECT_FALSE(other.fire());
+  EXPECT_EQ(count, 0);
+  EXPECT_EQ(It().unset(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, EachSubscriber, testing::Range<std::size_t>(0, 2),
+                         [](const auto& row) { return std::string(kSubscribers[row.param].name); });
+
+/* The end of the process. */
+
+constexpr int kAsItShouldBe = 42;
+int late_count = 0;
+bool (*judge)() = nullptr;
+
+// Registered before the library's first use: runs behind all destructors of the library's statics.
+void RegisterJudge(bool (*function)()) {
+  judge = function;
+  std::atexit([] { _exit(judge() ? kAsItShouldBe : 1); });
+}
+
+void SubscribeAll() {
+  static auto* const connection = new client::Connection;  // outlives the statics
+  if (connection->Connect() == 0) fake::Proxy().FireConnected();
+  for (const Subscriber& subscriber : kSubscribers) subscriber.set(&late_count);
+}
+
+[[noreturn]] void ExitSubscribed(bool (*function)()) {
+  fake::Reset();
+  RegisterJudge(function);
+  SubscribeAll();
+  std::exit(0);
+}
+
+TEST(AnExit, LeavesTheSubscriptionsToThePlatform) {
+  EXPECT_EXIT(ExitSubscribed([] {
+                return fake::CountCalls(kAdd) == 3 && fake::CountCalls(kRemove) == 0 &&
+                       fake::Faults().empty();
+              }),
+              testing::ExitedWithCode(kAsItShouldBe), "");
+}
+
+TEST(AnExit, LeavesNothingSubscribedForLateCalls) {
+  EXPECT_EXIT(ExitSubscribed([] {
+                const bool unset = velmora_svcmgr_unset_update_status_cb() == 0 &&
+                                   velmora_svcmgr_ai_deregister_status_cb() == 0 &&
+                                   velmora_svcmgr_disconnect() == 0;
+                return unset && fake::CountCalls(kRemove) == 0 && fake::Faults().empty();
+              }),
+              testing::ExitedWithCode(kAsItShouldBe), "");
+}
+
+TEST(AnExit, LetsLateCallsSubscribeAfresh) {
+  EXPECT_EXIT(ExitSubscribed([] {
+                fake::ClearRecord();
+                for (const Subscriber& subscriber : kSubscribers) {
+                  if (subscriber.set(&late_count) != 0 || subscriber.unset() != 0) return false;
+                }
+                return fake::CountCalls(kAdd) == 2 && fake::CountCalls(kRemove) == 2 &&
+                       fake::Faults().empty();
+              }),
+              testing::ExitedWithCode(kAsItShouldBe), "");
+}
+
+TEST(AnExit, LeavesLateEventsHarmless) {
+  EXPECT_EXIT(ExitSubscribed([] {
+                for (const Subscriber& subscriber : kSubscribers) subscriber.fire();
+                events::AnnounceUpdate();
+                fake::Proxy().FireDisconnected();
+                events::AnnounceLaunch();
+                return fake::ProxyCount() == 2 && fake::CountCalls(kRemove) == 0 &&
+                       fake::Faults().empty();
+              }),
+              testing::ExitedWithCode(kAsItShouldBe), "");
+}
+
+TEST(AnExit, LetsASubscriberBeBuiltLate) {
+  EXPECT_EXIT(([] {
+                fake::Reset();
+                RegisterJudge([] {
+                  for (const Subscriber& subscriber : kSubscribers) {
+                    if (subscriber.unset() != 0 || subscriber.set(&late_count) != 0) return false;
+                  }
+                  return fake::CountCalls(kAdd) == 2 && fake::Faults().empty();
+                });
+                std::exit(0);
+              }()),
+              testing::ExitedWithCode(kAsItShouldBe), "");
+}
+
+}  // namespace
