@@ -37,27 +37,12 @@
 
 #include "event_support.h"
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define SVCMGR_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define SVCMGR_SANITIZED 1
-#endif
-#endif
-
 namespace {
 
-#ifdef SVCMGR_SANITIZED
-constexpr std::size_t kForked = 3;
-constexpr std::size_t kExhaustive = 4;
-constexpr std::size_t kConnected = 3;
-constexpr std::size_t kPruned = 6;
-#else
 constexpr std::size_t kForked = 4;
 constexpr std::size_t kExhaustive = 5;
 constexpr std::size_t kConnected = 4;
 constexpr std::size_t kPruned = 7;
-#endif
 
 using Lines = std::vector<std::string>;
 
