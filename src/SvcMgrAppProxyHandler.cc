@@ -107,6 +107,8 @@ int SvcMgrAppProxyHandler::Connect(velmora_svcmgr_connection_cb callback, void* 
   // Held here, because the application may disconnect, and connect again, inside the attempt.
   std::shared_ptr<SvcMgrAppPort> proxy;
   try {
+    // Built here, where a lack of memory can still be reported: the events need it.
+    AgentStatusEventHandler::GetInstance();
     proxy = std::make_shared<SvcMgrAppPort>(this, AGENT_PACKAGE_ID);
     std::atomic_store(&proxy_, proxy);
     proxy->Connect();

@@ -185,22 +185,33 @@ TEST_F(TheWatch, SurvivesAPlatformThatThrows) {
   fake::AllowHeld(fake::Kind::kEventHandler, 1);
 }
 
-TEST_F(TheWatch, ThatCannotBeBuiltLeavesAConnectionThatCanBeEndedAndMadeAgain) {
+TEST_F(TheWatch, ThatCannotBeBuiltMakesTheAttemptFailAndIsBuiltByTheNext) {
   if (!fake::SeesOperatorNew()) GTEST_SKIP() << "operator new cannot be made to fail here";
-  ASSERT_EQ(connection.Connect(), 0);
   {
     const fake::FailingAllocation failing(fake::Allocator::kNew);
-    fake::Proxy().FireConnected();
+    EXPECT_EQ(connection.Connect(), -38);
     ASSERT_TRUE(failing.Happened());
   }
-  EXPECT_THAT(fake::Subscriptions(), IsEmpty());
-  EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
   EXPECT_EQ(connection.Connect(), 0);
-  connection.notices.clear();
   fake::Proxy().FireConnected();
   EXPECT_THAT(connection.notices, ElementsAre(kConnected));
   EXPECT_THAT(fake::Subscriptions(), ElementsAre(kAgentStatus));
   fake::AllowHeldConnection();
+}
+
+// Who has been promised a connection hears of it, however little memory there is.
+TEST_F(TheWatch, AllocatesNothingWhenTheConnectionStandsOrEnds) {
+  if (!fake::SeesOperatorNew()) GTEST_SKIP() << "operator new cannot be made to fail here";
+  ASSERT_EQ(connection.Connect(), 0);
+  connection.notices.reserve(1);
+  {
+    const fake::FailingAllocation failing(fake::Allocator::kAny, 1,
+                                          fake::FailingAllocation::Then::kFailAll);
+    fake::Proxy().FireConnected();
+    EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
+    EXPECT_FALSE(failing.Happened());
+  }
+  EXPECT_THAT(connection.notices, ElementsAre(kConnected));
 }
 
 /* When the connection is watched. */
