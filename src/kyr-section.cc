@@ -44,7 +44,7 @@ constexpr std::size_t kRecordSize = 16;
 constexpr std::size_t kHeaderSize32 = 52;
 constexpr std::size_t kHeaderSize64 = 64;
 // One read of this size serves the header and what else stands at the front of a file.
-constexpr std::size_t kFrontSize = 4096;
+constexpr std::uint64_t kFrontSize = 4096;
 
 std::uint16_t Uint16At(const unsigned char* bytes) {
   return static_cast<std::uint16_t>(bytes[0] | bytes[1] << 8);
@@ -98,13 +98,22 @@ class File {
   int descriptor_;
 };
 
-// The front of a file, and reads that are served from it where they can be.
+// The front of a file, and reads that are served from it where they can be. The file counts as no
+// longer than the walk saw it: no read is spent on finding its end.
 class FileFront {
  public:
-  explicit FileFront(const File& file) : file_(file), size_(file.Read(0, bytes_, kFrontSize)) {}
+  FileFront(const File& file, std::uint64_t file_size)
+      : file_(file),
+        file_size_(file_size),
+        size_(file.Read(0, bytes_, std::min(file_size, kFrontSize))) {}
 
   std::size_t size() const { return size_; }
   const unsigned char* bytes() const { return bytes_; }
+
+  // How many of `size` bytes at an offset lie in the file.
+  std::size_t Available(std::uint64_t offset, std::uint64_t size) const {
+    return offset < file_size_ ? std::min(size, file_size_ - offset) : 0;
+  }
 
   std::size_t Read(std::uint64_t offset, unsigned char* bytes, std::size_t size) const {
     if (offset + size > size_) return file_.Read(offset, bytes, size);
@@ -114,13 +123,15 @@ class FileFront {
 
  private:
   const File& file_;
+  const std::uint64_t file_size_;
   unsigned char bytes_[kFrontSize];
-  std::size_t size_;
+  const std::size_t size_;
 };
 
 std::optional<KyrRecord> ReadRecord(const FileFront& front, std::uint64_t offset) {
   constexpr unsigned char kMagicAndReserved[] = {'K', 'Y', 'R', '\0', 0, 0};
   unsigned char bytes[kRecordSize];
+  if (front.Available(offset, sizeof bytes) != sizeof bytes) return std::nullopt;
   if (front.Read(offset, bytes, sizeof bytes) != sizeof bytes) return std::nullopt;
   if (std::memcmp(bytes, kMagicAndReserved, sizeof kMagicAndReserved) != 0) return std::nullopt;
   return KyrRecord{Uint16At(bytes + 8), Uint16At(bytes + 10), Uint16At(bytes + 12),
@@ -129,14 +140,12 @@ std::optional<KyrRecord> ReadRecord(const FileFront& front, std::uint64_t offset
 
 // The first section of the file that is a record, whatever its name. The table may claim anything:
 // what does not lie in the file is passed over, and nothing is allocated for what a section claims.
-std::optional<KyrRecord> FindRecord(const FileFront& front, const Layout& layout,
-                                    std::uint64_t file_size) {
+std::optional<KyrRecord> FindRecord(const FileFront& front, const Layout& layout) {
   const std::uint64_t offset = Uint32At(front.bytes() + layout.table_offset);
   const std::uint64_t claimed =
       std::uint64_t{Uint16At(front.bytes() + layout.entry_count)} * layout.entry_size;
-  if (offset >= file_size) return std::nullopt;
-
-  std::vector<unsigned char> table(std::min(claimed, file_size - offset));
+  std::vector<unsigned char> table(front.Available(offset, claimed));
+  if (table.empty()) return std::nullopt;
   const std::size_t size = front.Read(offset, table.data(), table.size());
   for (std::size_t entry = 0; entry + layout.entry_size <= size; entry += layout.entry_size) {
     const unsigned char* section = table.data() + entry;
@@ -171,7 +180,7 @@ int kyr_section_read_file(const char* path, const struct stat* status, int type,
 #pragma GCC diagnostic pop
     return 0;
   }
-  const FileFront front(file);
+  const FileFront front(file, static_cast<std::uint64_t>(status->st_size));
   if (front.size() < kHeaderSize32) {
     CLIENT_ERROR("Failed to read ELF header");
     return 0;
@@ -182,7 +191,7 @@ int kyr_section_read_file(const char* path, const struct stat* status, int type,
     CLIENT_ERROR("Failed to read ELF header");
     return 0;
   }
-  const auto record = FindRecord(front, layout, static_cast<std::uint64_t>(status->st_size));
+  const auto record = FindRecord(front, layout);
   if (record && IsNewer(*record, latest_record)) latest_record = *record;
   return 0;
 }
