@@ -13,18 +13,37 @@ export PKG_CONFIG_PATH=$prefix/$LIBDIR/pkgconfig
 step() { printf -- '-- %s\n' "$*"; }
 die() { printf 'FAILED: %s\n' "$*" >&2; exit 1; }
 quiet() { "$@" >"$work/log" 2>&1 || { cat "$work/log"; die "$*"; }; }
+# Exactly one section of 16 bytes, never loaded: level 11, version 2.3.182.
+has_marker() {  # FILE
+  local rows offset bytes
+  rows=$(readelf -SW "$1" | sed -n 's/^ *\[ *[0-9]*\] \.kyr  *//p')
+  # Type, address, offset, 16 bytes, entry size, no flags, link, info, alignment.
+  [[ $rows =~ ^PROGBITS\ +0+\ ([0-9a-f]+)\ 000010\ 00\ +0\ +0\ +1$ ]] ||
+    die "$1 has these markers: '$rows'"
+  offset=$((16#${BASH_REMATCH[1]}))
+  bytes=$(od -An -tx1 -j "$offset" -N 16 "$1")
+  [ "$bytes" = " 4b 59 52 00 00 00 01 00 0b 00 02 00 03 00 b6 00" ] ||
+    die "the marker of $1 is$bytes"
+}
 needed() { readelf -d "$1" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p'; }
 
 step "installing"
 quiet "$CMAKE" --install "$BUILD_DIR" --prefix "$prefix"
 test -e "$prefix/include/velmora_svcmgr.h" || die "the public header is not installed"
+has_marker "$prefix/$LIBDIR/libvelmora-svcmgr.so"
+has_marker "$prefix/bin/svcmgrctl"
+quiet "$CMAKE" --install "$BUILD_DIR" --prefix "$work/stripped" --strip
+has_marker "$work/stripped/$LIBDIR/libvelmora-svcmgr.so"
 
 step "the library against the installed platform"
 quiet "$CMAKE" -S "$SOURCE_DIR" -B "$work/build" -DSVCMGR_PLATFORM=installed -DSVCMGR_WERROR=ON \
-  -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$device"
+  -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$device" \
+  -DCMAKE_CXX_FLAGS="-ffunction-sections -fdata-sections" \
+  -DCMAKE_SHARED_LINKER_FLAGS=-Wl,--gc-sections
 quiet "$CMAKE" --build "$work/build" --target install
 library=$device/$LIBDIR/libvelmora-svcmgr.so
 test -e "$library" || die "no library was built"
+has_marker "$library"
 
 platform='rpc-port bundle dlog capi-appfw-event capi-appfw-app-common capi-appfw-app-manager'
 platform="$platform capi-appfw-package-manager"
@@ -83,6 +102,67 @@ quiet "$CMAKE" -S "$work/cmake-app" -B "$work/cmake-app/build" -DCMAKE_PREFIX_PA
 quiet "$CMAKE" --build "$work/cmake-app/build"
 output=$("$prefix/bin/svcmgr-sim" run demo -- "$work/cmake-app/build/app")
 [ "$output" = installed ] || die "the CMake application printed '$output'"
+has_marker "$work/cmake-app/build/app"
+
+step "the client API level of applications"
+cat >"$work/level.c" <<'C'
+#include <stdio.h>
+#include <velmora_svcmgr.h>
+
+int main(void) {
+  int level = 0;
+  const int result = velmora_svcmgr_get_client_api_level(&level);
+  if (result == SVCMGR_ERROR_NONE) printf("level %d\n", level);
+  if (result == SVCMGR_ERROR_NOT_SUPPORTED) puts("no marker");
+  return 0;
+}
+C
+# The root of each application is a folder that holds nothing but its executable.
+expect_level() {  # APPLICATION ANSWER
+  local root=$work/root output
+  rm -rf "$root"
+  mkdir -p "$root/bin" "$root/res"
+  cp "$1" "$root/bin/app"
+  output=$(LD_LIBRARY_PATH=$prefix/$LIBDIR "$prefix/bin/svcmgr-sim" run demo -- \
+    env VELMORA_APP_ROOT="$root" "$root/bin/app")
+  [ "$output" = "$2" ] || die "the application $1 answered '$output', not '$2'"
+}
+link_level() {  # OUTPUT [OBJECT OR OPTION...]
+  # shellcheck disable=SC2046
+  quiet "$CC" -Wl,--gc-sections -o "$1" "$work/level.c" \
+    $(pkg-config --cflags --libs velmora-svcmgr) -Wl,-rpath-link,"$prefix/$LIBDIR" "${@:2}"
+}
+link_level "$work/unmarked"
+expect_level "$work/unmarked" "no marker"
+link_level "$work/marked" "$(pkg-config --variable=kyr_marker velmora-svcmgr)"
+has_marker "$work/marked"
+expect_level "$work/marked" "level 11"
+link_level "$work/assembled" "$prefix/share/velmora-svcmgr/kyr-marker.S"
+has_marker "$work/assembled"
+expect_level "$work/assembled" "level 11"
+
+mkdir "$work/marked-app"
+cat >"$work/marked-app/CMakeLists.txt" <<'C'
+cmake_minimum_required(VERSION 3.25)
+project(level C)
+find_package(velmora-svcmgr 2.3 REQUIRED)
+add_library(part STATIC ../app.c)
+target_link_libraries(part PUBLIC velmora-svcmgr::velmora-svcmgr)
+add_executable(level ../level.c)
+target_link_libraries(level PRIVATE velmora-svcmgr::velmora-svcmgr part)
+add_library(plugin MODULE ../level.c)
+target_link_libraries(plugin PRIVATE part velmora-svcmgr::velmora-svcmgr)
+C
+quiet "$CMAKE" -S "$work/marked-app" -B "$work/marked-app/build" -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCMAKE_BUILD_TYPE=Release -DCMAKE_C_FLAGS="-ffunction-sections -fPIC" \
+  -DCMAKE_EXE_LINKER_FLAGS=-Wl,--gc-sections
+quiet "$CMAKE" --build "$work/marked-app/build"
+has_marker "$work/marked-app/build/level"
+has_marker "$work/marked-app/build/libplugin.so"
+expect_level "$work/marked-app/build/level" "level 11"
+strip "$work/marked-app/build/level"
+has_marker "$work/marked-app/build/level"
+expect_level "$work/marked-app/build/level" "level 11"
 
 step "the installed command line"
 "$prefix/bin/svcmgr-sim" run demo -- "$prefix/bin/svcmgrctl" models list | grep -q . ||
