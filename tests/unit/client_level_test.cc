@@ -1,0 +1,999 @@
+// SPDX-License-Identifier: Apache-2.0
+// The client API level: the exported function, the search, and the reading of one file.
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <functional>
+#include <stdexcept>
+#include <vector>
+
+#include "client_level_support.h"
+#include "model_support.h"
+
+namespace {
+
+/** What the library does with files, and what happens to it meanwhile. */
+struct Files {
+  std::vector<std::string> opened;
+  int reads = 0;
+  std::size_t bytes_read = 0;
+  std::function<int(const std::string&)> on_open;  // before a file is opened; an errno, or 0
+  std::function<void()> on_read;                   // before a read
+  bool walk_fails = false;
+};
+
+Files& files() {
+  static Files* const forever = new Files;
+  return *forever;
+}
+
+}  // namespace
+
+// Linked in place of the C library's functions (-Wl,--wrap).
+extern "C" {
+int __real_open64(const char* path, int flags, ...);
+ssize_t __real_pread64(int descriptor, void* bytes, size_t size, off64_t offset);
+int __real_nftw64(const char* path, __nftw64_func_t step, int descriptors, int flags);
+
+int __wrap_open64(const char* path, int flags, ...) {
+  files().opened.emplace_back(path);
+  const int error = files().on_open ? files().on_open(path) : 0;
+  if (error == 0) return __real_open64(path, flags);
+  errno = error;
+  return -1;
+}
+
+ssize_t __wrap_pread64(int descriptor, void* bytes, size_t size, off64_t offset) {
+  ++files().reads;
+  if (files().on_read) files().on_read();
+  const ssize_t count = __real_pread64(descriptor, bytes, size, offset);
+  if (count > 0) files().bytes_read += static_cast<std::size_t>(count);
+  return count;
+}
+
+int __wrap_nftw64(const char* path, __nftw64_func_t step, int descriptors, int flags) {
+  EXPECT_EQ(descriptors, 0);
+  EXPECT_EQ(flags, FTW_PHYS | FTW_DEPTH);
+  EXPECT_EQ(flags, 9);
+  const int result = __real_nftw64(path, step, descriptors, flags);
+  return files().walk_fails ? -1 : result;
+}
+}
+
+namespace {
+
+using client_level::AnApplicationFolder;
+using client_level::Found;
+using client_level::kNoMarker;
+using client_level::kReader;
+using client_level::kScannerFile;
+using client_level::kWalk;
+using client_level::fs::path;
+using elf::Builder;
+using elf::Bytes;
+using elf::Kind;
+using elf::Marker;
+using fake::Allocator;
+using fake::FailingAllocation;
+using fake::IsError;
+using fake::IsInfo;
+using models::NameOfRow;
+using models::Steps;
+using ::testing::Contains;
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+namespace fs = std::filesystem;
+
+constexpr char kEntryFile[] = "velmora_svcmgr.cc";
+constexpr char kEntry[] = "velmora_svcmgr_get_client_api_level";
+constexpr int kUntouched = 4321;
+const Found kNothing = {};
+const Found kOwn = {11, 2, 3, 182};
+
+// ---- The exported function ----------------------------------------------------------------------
+
+struct TheClientLevel : AnApplicationFolder {
+  static int Ask(int* level) { return velmora_svcmgr_get_client_api_level(level); }
+
+  static ::testing::Matcher<const fake::LogRecord&> Failed() {
+    return IsInfo(kEntryFile, kEntry, "Failed to get latest KYR section.\n");
+  }
+
+  static void ExpectNotSupported(const ::testing::Matcher<const fake::LogRecord&>& reason) {
+    int level = kUntouched;
+    EXPECT_EQ(Ask(&level), SVCMGR_ERROR_NOT_SUPPORTED);
+    EXPECT_EQ(level, kUntouched);
+    EXPECT_THAT(fake::Logs(), ElementsAre(reason, Failed()));
+    EXPECT_THAT(fake::LiveBlocks(), IsEmpty());
+  }
+
+  static void SetResourcePath(const std::string& path) {
+    fake::Application application;
+    application.resource_path = path;
+    fake::SetApplication(application);
+  }
+};
+
+TEST_F(TheClientLevel, IsThatOfTheNewestMarker) {
+  Write("bin/app", Marker{10});
+  Write("lib/library.so", Marker{12});
+  Write("lib/other.so", Marker{9});
+  int level = 0;
+  EXPECT_EQ(Ask(&level), SVCMGR_ERROR_NONE);
+  EXPECT_EQ(level, 12);
+  EXPECT_THAT(Steps(),
+              ElementsAre("package_info_create", "package_info_destroy", "app_get_resource_path"));
+  EXPECT_THAT(fake::Logs(), IsEmpty());
+  EXPECT_THAT(fake::LiveBlocks(), IsEmpty());
+}
+
+TEST_F(TheClientLevel, IsPositiveUpToItsLargest) {
+  Write("app", Marker{0xffff, 0xffff, 0xffff, 0xffff});
+  int level = 0;
+  EXPECT_EQ(Ask(&level), SVCMGR_ERROR_NONE);
+  EXPECT_EQ(level, 65535);
+}
+
+TEST_F(TheClientLevel, IsNotSupportedWhenTheAgentIsMissing) {
+  Write("app", Marker{});
+  fake::RemoveAgent();
+  int level = kUntouched;
+  EXPECT_EQ(Ask(&level), SVCMGR_ERROR_NOT_SUPPORTED);
+  EXPECT_EQ(Ask(nullptr), SVCMGR_ERROR_NOT_SUPPORTED);
+  EXPECT_EQ(level, kUntouched);
+  EXPECT_THAT(fake::Logs(), Each(IsError(kEntryFile, kEntry, "Not supported")));
+  EXPECT_THAT(fake::CallNames("app_get"), IsEmpty());
+}
+
+TEST_F(TheClientLevel, CannotBeStoredInNull) {
+  EXPECT_EQ(Ask(nullptr), SVCMGR_ERROR_INVALID_PARAMETER);
+  EXPECT_THAT(fake::Logs(), ElementsAre(IsError(kEntryFile, kEntry, "parameter is NULL!!")));
+  EXPECT_THAT(fake::CallNames("app_get"), IsEmpty());
+}
+
+TEST_F(TheClientLevel, IsInvalidWhenThePlatformThrows) {
+  for (const char* function : {"package_info_create", "app_get_resource_path"}) {
+    fake::ClearRecord();
+    fake::Next(function, fake::Throw(std::runtime_error("thrown")));
+    int level = kUntouched;
+    EXPECT_EQ(Ask(&level), SVCMGR_ERROR_INVALID_OPERATION);
+    EXPECT_EQ(level, kUntouched);
+    EXPECT_THAT(fake::Logs(), ElementsAre(IsError(kEntryFile, kEntry, "Unknown Exception")));
+  }
+}
+
+TEST_F(TheClientLevel, NeedsNoConnection) {
+  Write("app", Marker{});
+  int level = 0;
+  EXPECT_EQ(Ask(&level), SVCMGR_ERROR_NONE);
+  EXPECT_THAT(fake::CallNames("rpc_port"), IsEmpty());
+}
+
+using TheClientLevelDeathTest = TheClientLevel;
+
+TEST_F(TheClientLevelDeathTest, AbortsWithoutAResourcePath) {
+  fake::Application application;
+  application.resource_path.reset();
+  fake::SetApplication(application);
+  int level = 0;
+  EXPECT_EXIT(Ask(&level), ::testing::KilledBySignal(SIGABRT), "Assertion .res_path. failed");
+}
+
+TEST_F(TheClientLevelDeathTest, AbortsWhenThereIsNoMemoryForTheRootPath) {
+  const auto ask = [] {
+    int level = 0;
+    const FailingAllocation failing(Allocator::kStrndup);
+    Ask(&level);
+  };
+  EXPECT_EXIT(ask(), ::testing::KilledBySignal(SIGABRT), "Assertion .root_path. failed");
+}
+
+TEST_F(TheClientLevel, IsSearchedForInTheResourcePathWithoutItsLastFourCharacters) {
+  Write("app/file", Marker{7});
+  for (const char* resources : {"app/res/", "app/abc/", "appres/", "app////", "appXXXX"}) {
+    SetResourcePath((Root() / resources).string());
+    int level = 0;
+    EXPECT_EQ(Ask(&level), SVCMGR_ERROR_NONE) << resources;
+    EXPECT_EQ(level, 7) << resources;
+  }
+}
+
+TEST_F(TheClientLevel, IsNotSearchedForAboveTheRootPath) {
+  Write("file", Marker{});
+  fs::create_directories(Root() / "app");
+  SetResourcePath((Root() / "app/res/").string());
+  ExpectNotSupported(IsError(kScannerFile, kWalk, kNoMarker));
+}
+
+TEST_F(TheClientLevel, IsNotSupportedWhenTheWalkFails) {
+  const std::string missing = (Root() / "missing/").string();
+  SetResourcePath(missing + "res/");
+  ExpectNotSupported(IsError(kScannerFile, kWalk, "Failed to travel " + missing));
+}
+
+TEST_F(TheClientLevel, IsNotSupportedWhenTheWalkFailsBehindAMarker) {
+  Write("app", Marker{});
+  files().walk_fails = true;
+  ExpectNotSupported(IsError(kScannerFile, kWalk, "Failed to travel " + Root().string() + "/"));
+}
+
+TEST_F(TheClientLevel, IsNotSupportedWhenTheResourcePathIsTooShort) {
+  for (const char* resources : {"", "/", "r", "res", "res/", "abcd"}) {
+    fake::ClearRecord();
+    SetResourcePath(resources);
+    ExpectNotSupported(IsError(kScannerFile, kWalk, "Failed to travel "));
+  }
+}
+
+TEST_F(TheClientLevel, IsNotSupportedWithoutAMarker) {
+  ExpectNotSupported(IsError(kScannerFile, kWalk, kNoMarker));
+  fake::ClearRecord();
+  Write("app", Builder(Kind::k64).Section(Bytes(16, 'x')).Build());
+  ExpectNotSupported(IsError(kScannerFile, kWalk, kNoMarker));
+}
+
+TEST_F(TheClientLevel, IsNotSupportedWhenThereIsNoMemoryForTheRecord) {
+  Write("app", Marker{});
+  int level = kUntouched;
+  int result = 0;
+  {
+    const FailingAllocation failing(Allocator::kMalloc);
+    result = Ask(&level);
+  }
+  EXPECT_EQ(result, SVCMGR_ERROR_NOT_SUPPORTED);
+  EXPECT_EQ(level, kUntouched);
+  EXPECT_THAT(fake::Logs(), ElementsAre(IsError(kScannerFile, kWalk, "malloc failed"), Failed()));
+}
+
+TEST_F(TheClientLevel, IsSearchedForAnewEachTime) {
+  Write("app", Marker{12});
+  int level = 0;
+  EXPECT_EQ(Ask(&level), SVCMGR_ERROR_NONE);
+  EXPECT_EQ(level, 12);
+  Write("app", Marker{9});
+  EXPECT_EQ(Ask(&level), SVCMGR_ERROR_NONE);
+  EXPECT_EQ(level, 9);
+  fs::remove(Root() / "app");
+  ExpectNotSupported(IsError(kScannerFile, kWalk, kNoMarker));
+}
+
+TEST_F(TheClientLevel, DoesNotNeedMemoryForWhatItReads) {
+  // Whatever is exhausted, the result is a level or an error, and nothing is left behind.
+  Write("app", Marker{});
+  int failures = 0;
+  for (; failures < 50; ++failures) {
+    int level = kUntouched;
+    int result = 0;
+    bool happened = false;
+    {
+      const FailingAllocation failing(Allocator::kNew, failures + 1);
+      result = Ask(&level);
+      happened = failing.Happened();
+    }
+    if (!happened) {
+      EXPECT_EQ(result, SVCMGR_ERROR_NONE);
+      break;
+    }
+    EXPECT_THAT(result, ::testing::AnyOf(SVCMGR_ERROR_NONE, SVCMGR_ERROR_NOT_SUPPORTED,
+                                         SVCMGR_ERROR_INVALID_OPERATION));
+    EXPECT_EQ(level, result == SVCMGR_ERROR_NONE ? 11 : kUntouched);
+    EXPECT_THAT(fake::LiveBlocks(), IsEmpty());
+  }
+  EXPECT_LT(failures, 50);
+}
+
+// ---- The order of markers -----------------------------------------------------------------------
+
+struct TwoMarkers {
+  std::string name;
+  Marker newer;
+  Marker older;
+};
+
+void PrintTo(const TwoMarkers& row, std::ostream* out) { *out << row.name; }
+
+struct TheNewerOfTwo : AnApplicationFolder, ::testing::WithParamInterface<TwoMarkers> {};
+
+INSTANTIATE_TEST_SUITE_P(
+    By, TheNewerOfTwo,
+    ::testing::Values(TwoMarkers{"Patch", {11, 2, 3, 183}, {11, 2, 3, 182}},
+                      TwoMarkers{"Minor", {11, 2, 4, 0}, {11, 2, 3, 0xffff}},
+                      TwoMarkers{"Major", {11, 3, 0, 0}, {11, 2, 0xffff, 0xffff}},
+                      TwoMarkers{"Level", {12, 0, 0, 0}, {11, 0xffff, 0xffff, 0xffff}},
+                      TwoMarkers{"UnsignedLevel", {0x8000, 0, 0, 0}, {0x7fff, 1, 1, 1}},
+                      TwoMarkers{"TheLargestLevel", {0xffff, 0, 0, 0}, {1, 0, 0, 0}},
+                      TwoMarkers{"UnsignedMajor", {1, 0xffff, 0, 0}, {1, 1, 0, 0}},
+                      TwoMarkers{"UnsignedMinor", {1, 0, 0xffff, 0}, {1, 0, 1, 0}},
+                      TwoMarkers{"UnsignedPatch", {1, 0, 0, 0xffff}, {1, 0, 0, 1}},
+                      TwoMarkers{"UpperBytes", {0x0100, 0, 0, 0}, {0x00ff, 0, 0, 0}},
+                      TwoMarkers{"LevelWhateverTheFormat", {2, 0, 0, 0, 0}, {1, 0, 0, 0, 0xffff}}),
+    NameOfRow());
+
+Found AsFound(const Marker& marker) {
+  return {static_cast<int>(marker.api_level), static_cast<int>(marker.version_major),
+          static_cast<int>(marker.version_minor), static_cast<int>(marker.version_patch)};
+}
+
+TEST_P(TheNewerOfTwo, IsTakenWhereverTheyStand) {
+  for (const auto& [newer, older] : {std::pair("a", "b"), std::pair("b", "a"),
+                                     std::pair("sub/a", "b"), std::pair("b", "sub/a")}) {
+    fs::remove_all(Root() / "app");
+    Write(path("app") / newer, GetParam().newer);
+    Write(path("app") / older, GetParam().older);
+    EXPECT_EQ(Search(Root() / "app"), AsFound(GetParam().newer)) << newer;
+  }
+}
+
+TEST_F(AnApplicationFolder, OfEqualMarkersHasThatOne) {
+  for (const char* name : {"a", "b", "c/d"}) Write(name, Marker{});
+  EXPECT_EQ(Search(), kOwn);
+}
+
+TEST_F(AnApplicationFolder, OfAMarkerOfZerosHasNone) {
+  Write("app", Marker{0, 0, 0, 0});
+  EXPECT_EQ(Search(), kNothing);
+  EXPECT_THAT(fake::Logs(), ElementsAre(IsError(kScannerFile, kWalk, kNoMarker)));
+}
+
+TEST_F(AnApplicationFolder, OfAMarkerOfLevelZeroHasNone) {
+  Write("app", Marker{0, 0xffff, 0xffff, 0xffff});
+  EXPECT_EQ(Search(), kNothing);
+  Write("other", Marker{1, 0, 0, 0});
+  EXPECT_EQ(Search(), (Found{1, 0, 0, 0}));
+}
+
+// ---- One file -----------------------------------------------------------------------------------
+
+struct AnElfFile : AnApplicationFolder, ::testing::WithParamInterface<Kind> {
+  static Builder New() { return Builder(GetParam()); }
+};
+
+INSTANTIATE_TEST_SUITE_P(Of, AnElfFile, ::testing::Values(Kind::k32, Kind::k64),
+                         [](const auto& row) { return row.param == Kind::k32 ? "32" : "64"; });
+
+TEST_P(AnElfFile, HasAMarker) {
+  EXPECT_EQ(SearchIn(New().Section(Marker{}).Build()), kOwn);
+  EXPECT_THAT(fake::Logs(), IsEmpty());
+}
+
+TEST_P(AnElfFile, HasAMarkerWhateverItsSectionsAreCalledAndWhateverTheirTypeIs) {
+  for (const char filler : {'\x00', '\x01', '\x08', '\x7f', '\xff'}) {
+    EXPECT_EQ(SearchIn(New().FillHeaders(filler).FillFileHeader(filler).Section(Marker{}).Build()),
+              kOwn);
+  }
+}
+
+TEST_P(AnElfFile, HasAMarkerWhateverByteOrderItClaims) {
+  for (const int order : {0, 1, 2, 255}) {
+    EXPECT_EQ(SearchIn(New().DataByte(order).Section(Marker{}).Build()), kOwn) << order;
+  }
+}
+
+TEST_P(AnElfFile, HasAMarkerWhateverEntrySizeItClaims) {
+  for (const std::uint64_t size : {0U, 1U, 39U, 40U, 41U, 64U, 65535U}) {
+    EXPECT_EQ(SearchIn(New().ClaimEntrySize(size).Section("a").Section(Marker{}).Build()), kOwn)
+        << size;
+  }
+}
+
+TEST_P(AnElfFile, OfAnotherClassIsReadAsOneOf64Bits) {
+  for (const int class_byte : {0, 2, 3, 4, 127, 255}) {
+    EXPECT_EQ(SearchIn(New().ClassByte(class_byte).Section(Marker{}).Build()),
+              GetParam() == Kind::k64 ? kOwn : kNothing)
+        << class_byte;
+  }
+}
+
+TEST_P(AnElfFile, OfClass1IsReadAsOneOf32Bits) {
+  EXPECT_EQ(SearchIn(New().ClassByte(1).Section(Marker{}).Build()),
+            GetParam() == Kind::k32 ? kOwn : kNothing);
+}
+
+TEST_P(AnElfFile, HasAMarkerWhateverTheUpperHalvesOfItsNumbersAre) {
+  for (const std::uint32_t upper : {1U, 0x80000000U, 0xffffffffU}) {
+    EXPECT_EQ(SearchIn(New().UpperHalves(upper).Section("a").Section(Marker{}).Build()), kOwn);
+  }
+}
+
+TEST_P(AnElfFile, HasItsFirstMarkerAlone) {
+  EXPECT_EQ(SearchIn(New().Section(Marker{5}).Section(Marker{9}).Build()), (Found{5, 2, 3, 182}));
+  EXPECT_EQ(SearchIn(New().Section(Marker{9}).Section(Marker{5}).Build()), (Found{9, 2, 3, 182}));
+  EXPECT_EQ(SearchIn(New().Section(Marker{0, 0, 0, 0}).Section(Marker{9}).Build()), kNothing);
+  Builder wrong_ones = New().Section("").Section(Bytes(16, 'x')).SectionClaiming(17, "KYR");
+  EXPECT_EQ(SearchIn(wrong_ones.Section(Marker{5}).Section(Marker{9}).Build()),
+            (Found{5, 2, 3, 182}));
+}
+
+TEST_P(AnElfFile, HasAMarkerAtAnyPlaceOfItsTable) {
+  for (const int before : {0, 1, 2, 50, 200}) {
+    for (const int behind : {0, 1, 200}) {
+      Builder builder = New();
+      for (int i = 0; i < before; ++i) builder.Section(Bytes(16, 'x'));
+      builder.Section(Marker{});
+      for (int i = 0; i < behind; ++i) builder.Section(Bytes(16, 'x'));
+      EXPECT_EQ(SearchIn(builder.Build()), kOwn) << before << ' ' << behind;
+      EXPECT_EQ(SearchIn(builder.TableFirst().Build()), kOwn) << before << ' ' << behind;
+    }
+  }
+}
+
+TEST_P(AnElfFile, HasAMarkerWhereverItStandsAroundAPage) {
+  const std::size_t header = New().HeaderSize();
+  const std::size_t entry = New().EntrySize();
+  for (std::size_t end = 4096 - 20; end <= 4096 + 20; ++end) {
+    const auto contents = New().GapBeforeContents(end - 16 - header).Section(Marker{});
+    EXPECT_EQ(SearchIn(Builder(contents).Build()), kOwn) << end;
+    EXPECT_EQ(SearchIn(Builder(contents).TableFirst().Build()), kOwn) << end;
+  }
+  for (std::size_t end = 4096 - 2 * entry; end <= 4096 + 2 * entry; ++end) {
+    Builder table = New();
+    table.Section("x").Section(Marker{}).GapBeforeTable(end - header - 17 - 2 * entry);
+    EXPECT_EQ(SearchIn(table.Build()), kOwn) << end;
+  }
+}
+
+TEST_P(AnElfFile, HasAMarkerFarBehind) {
+  EXPECT_EQ(
+      SearchIn(
+          New().GapBeforeContents(1'000'003).Section(Marker{}).GapBeforeTable(1'000'003).Build()),
+      kOwn);
+}
+
+TEST_P(AnElfFile, MayHaveItsMarkerInsideOtherParts) {
+  // In the table, in the header: wherever a header says.
+  const Bytes marker = Marker{}.ToBytes();
+  Builder inside = New().Section(marker + Bytes(100, 'x'));
+  inside.Header(New().HeaderSize(), 16);
+  EXPECT_EQ(SearchIn(inside.Build()), kOwn);
+}
+
+TEST_P(AnElfFile, HasNoMarkerOfAnotherSize) {
+  const Bytes bytes = Marker{}.ToBytes() + Bytes(64, '\0');
+  for (const std::size_t size : {0U, 1U, 4U, 15U, 17U, 32U, 64U}) {
+    EXPECT_EQ(SearchIn(New().SectionClaiming(size, bytes).Build()), kNothing) << size;
+  }
+  EXPECT_EQ(SearchIn(New().SectionClaiming(16, bytes).Build()), kOwn);
+}
+
+TEST_P(AnElfFile, HasNoMarkerOfAnotherMagic) {
+  const Bytes right = Marker{}.ToBytes();
+  for (std::size_t i = 0; i < right.size(); ++i) {
+    for (const int change : {1, 0x20, 0x80, 0xff}) {
+      Bytes wrong = right;
+      wrong[i] = static_cast<char>(wrong[i] ^ change);
+      const Found found = SearchIn(New().Section(wrong).Build());
+      if (i < 6) {
+        EXPECT_EQ(found, kNothing) << i;
+      } else if (i < 8) {
+        EXPECT_EQ(found, kOwn) << "the format is not looked at";
+      } else {
+        EXPECT_FALSE(found == kNothing || found == kOwn) << i;
+      }
+    }
+  }
+}
+
+TEST_P(AnElfFile, IsNoneWithAnotherMagicAndSaysNothing) {
+  const Bytes right = New().Section(Marker{}).Build();
+  for (std::size_t i = 0; i < 4; ++i) {
+    Bytes wrong = right;
+    wrong[i] = static_cast<char>(wrong[i] ^ 1);
+    fake::ClearRecord();
+    EXPECT_EQ(SearchIn(wrong), kNothing);
+    EXPECT_THAT(fake::Logs(), ElementsAre(IsError(kScannerFile, kWalk, kNoMarker)));
+  }
+}
+
+TEST_P(AnElfFile, MayBeCutAnywhere) {
+  const Bytes whole = New().Section("some text").Section(Marker{}).Section("more").Build();
+  const std::size_t last_entry = whole.size() - New().EntrySize();
+  for (std::size_t size = 0; size < whole.size(); ++size) {
+    fake::ClearRecord();
+    // Without the last header the table still holds the marker's.
+    EXPECT_EQ(SearchIn(whole.substr(0, size)), size < last_entry ? kNothing : kOwn) << size;
+    const bool no_header = size >= 52 && size < New().HeaderSize();
+    EXPECT_EQ(fake::Logs().size(), (no_header ? 1U : 0U) + (size < last_entry ? 1U : 0U)) << size;
+    if (no_header) {
+      EXPECT_THAT(fake::Logs().front(),
+                  IsError(kScannerFile, kReader, "Failed to read ELF header"));
+    }
+  }
+}
+
+TEST_P(AnElfFile, MayBeCutAnywhereWithItsTableFirst) {
+  const Bytes whole = New().Section("some text").Section(Marker{}).TableFirst().Build();
+  for (std::size_t size = 0; size < whole.size(); ++size) {
+    EXPECT_EQ(SearchIn(whole.substr(0, size)), kNothing) << size;
+  }
+  EXPECT_EQ(SearchIn(whole), kOwn);
+}
+
+TEST_P(AnElfFile, HasAsManySectionsAsItClaims) {
+  const auto with_count = [](std::uint64_t count) {
+    return New().Section(Marker{7}).Section(Marker{8}).ClaimCount(count).Build();
+  };
+  EXPECT_EQ(SearchIn(with_count(0)), kNothing);
+  EXPECT_EQ(SearchIn(with_count(1)), (Found{7, 2, 3, 182}));
+  EXPECT_EQ(SearchIn(with_count(65535)), (Found{7, 2, 3, 182}));
+  EXPECT_EQ(SearchIn(New().Section("x").Section(Marker{}).ClaimCount(1).Build()), kNothing);
+  EXPECT_EQ(SearchIn(New().Section("x").Section(Marker{}).ClaimCount(65535).Build()), kOwn);
+}
+
+TEST_P(AnElfFile, OfTheMostSectionsHasAMarkerInItsLast) {
+  Builder builder = New();
+  for (int i = 1; i < 65535; ++i) builder.Header(0, 16);
+  EXPECT_EQ(SearchIn(builder.Section(Marker{}).Build()), kOwn);
+}
+
+TEST_P(AnElfFile, MayPlaceItsTableAnywhere) {
+  const std::size_t size = New().Section(Marker{}).Build().size();
+  for (const std::uint64_t offset :
+       {std::uint64_t{0}, std::uint64_t{1}, std::uint64_t{size - 1}, std::uint64_t{size},
+        std::uint64_t{size + 1}, std::uint64_t{0x7fffffff}, std::uint64_t{0x80000000},
+        std::uint64_t{0xfffffff0}, std::uint64_t{0xffffffff}}) {
+    EXPECT_EQ(SearchIn(New().Section(Marker{}).ClaimTable(offset).Build()), kNothing) << offset;
+    EXPECT_EQ(SearchIn(New().Section(Marker{}).ClaimTable(offset).ClaimCount(65535).Build()),
+              kNothing)
+        << offset;
+  }
+}
+
+TEST_P(AnElfFile, MayPlaceItsSectionsAnywhere) {
+  const std::size_t size = New().Header(0, 0).Section(Marker{}).Build().size();
+  for (const std::uint64_t offset :
+       {std::uint64_t{0}, std::uint64_t{size - 16}, std::uint64_t{size - 15}, std::uint64_t{size},
+        std::uint64_t{0x7fffffff}, std::uint64_t{0x80000000}, std::uint64_t{0xfffffff0},
+        std::uint64_t{0xffffffff}}) {
+    for (const std::uint64_t claimed :
+         {std::uint64_t{0}, std::uint64_t{1}, std::uint64_t{16}, std::uint64_t{0x7fffffff},
+          std::uint64_t{0x80000000}, std::uint64_t{0xfffffff0}, std::uint64_t{0xffffffff}}) {
+      EXPECT_EQ(SearchIn(New().Header(offset, claimed).Section(Marker{}).Build()), kOwn)
+          << offset << ' ' << claimed;
+      EXPECT_EQ(SearchIn(New().Header(offset, claimed).Build()), kNothing)
+          << offset << ' ' << claimed;
+    }
+  }
+}
+
+// ---- Which files are read -----------------------------------------------------------------------
+
+TEST_F(AnApplicationFolder, IsSearchedToItsDepth) {
+  Write("a/b/c/d/e/f/g/h/i/j/k/l/m/n/o/p/file", Marker{});
+  EXPECT_EQ(Search(), kOwn);
+}
+
+TEST_F(AnApplicationFolder, MayBeOneFile) { EXPECT_EQ(Search(Write("file", Marker{})), kOwn); }
+
+TEST_F(AnApplicationFolder, MayHaveFilesOfAnyName) {
+  Write(".hidden/.file", Marker{5});
+  Write("%s %n \n \xff\xfe", Marker{6});
+  Write(std::string(255, 'x'), Marker{7});
+  EXPECT_EQ(Search(), (Found{7, 2, 3, 182}));
+}
+
+TEST_F(AnApplicationFolder, HasFilesBelow52BytesThatAreNotOpened) {
+  for (const std::size_t size : {0U, 1U, 4U, 51U}) {
+    Write("file" + std::to_string(size), Bytes("\x7f"
+                                               "ELF") +
+                                             Bytes(size, 'x'));
+    fs::resize_file(Root() / ("file" + std::to_string(size)), size);
+  }
+  files().opened.clear();
+  EXPECT_EQ(Search(), kNothing);
+  EXPECT_THAT(files().opened, IsEmpty());
+  Write("file52", Bytes(52, 'x'));
+  EXPECT_EQ(Search(), kNothing);
+  EXPECT_THAT(files().opened, ElementsAre((Root() / "file52").string()));
+}
+
+TEST_F(AnApplicationFolder, HasFilesOfAnotherKindThatAreReadInSilence) {
+  Write("text", Bytes(52, 'x'));
+  Write("page", Bytes(4096, 'x'));
+  Write("long", Bytes(100'000, '\0'));
+  EXPECT_EQ(Search(), kNothing);
+  EXPECT_THAT(fake::Logs(), ElementsAre(IsError(kScannerFile, kWalk, kNoMarker)));
+}
+
+TEST_F(AnApplicationFolder, HasSymbolicLinksThatAreNotFollowed) {
+  client_level::TemporaryFolder elsewhere;
+  const std::string target = (elsewhere.path() / "file").string();
+  std::ofstream(target, std::ios::binary) << elf::FileWith(Marker{});
+  fs::create_symlink(target, Root() / "link");
+  fs::create_directory_symlink(elsewhere.path(), Root() / "folder");
+  fs::create_symlink(Root(), Root() / "loop");
+  fs::create_symlink(std::string(100, 'x'), Root() / "dangling");
+  files().opened.clear();
+  EXPECT_EQ(Search(), kNothing);
+  EXPECT_THAT(files().opened, IsEmpty());
+  EXPECT_THAT(fake::Logs(), ElementsAre(IsError(kScannerFile, kWalk, kNoMarker)));
+}
+
+TEST_F(AnApplicationFolder, HasFifosSocketsAndDevicesThatAreNotOpened) {
+  ASSERT_EQ(mkfifo((Root() / "fifo").c_str(), 0600), 0);
+  const int descriptor = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string name = (Root() / "socket").string();
+  ASSERT_LT(name.size(), sizeof address.sun_path);
+  std::memcpy(address.sun_path, name.c_str(), name.size() + 1);
+  ASSERT_EQ(bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  Write("file", Marker{});
+  files().opened.clear();
+  EXPECT_EQ(Search(), kOwn);
+  EXPECT_THAT(files().opened, SizeIs(1));
+  close(descriptor);
+}
+
+TEST_F(AnApplicationFolder, IsNotChanged) {
+  const path file = Write("file", Marker{});
+  const auto written = fs::last_write_time(file);
+  EXPECT_EQ(Search(), kOwn);
+  EXPECT_EQ(fs::last_write_time(file), written);
+  EXPECT_EQ(std::distance(fs::recursive_directory_iterator(Root()), {}), 1);
+}
+
+struct AStepOfTheWalk : AnApplicationFolder, ::testing::WithParamInterface<int> {};
+
+INSTANTIATE_TEST_SUITE_P(OfType, AStepOfTheWalk,
+                         ::testing::Values(FTW_D, FTW_DNR, FTW_DP, FTW_NS, FTW_SL, FTW_SLN));
+
+TEST_P(AStepOfTheWalk, OpensNothing) {
+  const path file = Write("file", Marker{});
+  struct stat status {};
+  ASSERT_EQ(stat(file.c_str(), &status), 0);
+  files().opened.clear();
+  EXPECT_EQ(kyr_section_read_file(file.c_str(), &status, GetParam(), nullptr), 0);
+  EXPECT_THAT(files().opened, IsEmpty());
+  EXPECT_EQ(kyr_section_read_file(file.c_str(), &status, FTW_F, nullptr), 0);
+  EXPECT_THAT(files().opened, SizeIs(1));
+}
+
+// ---- Files that cannot be read ------------------------------------------------------------------
+
+struct AFileThatCannotBeOpened : AnApplicationFolder, ::testing::WithParamInterface<int> {
+  void TearDown() override {
+    files() = {};
+    AnApplicationFolder::TearDown();
+  }
+
+  ::testing::Matcher<const fake::LogRecord&> FailedToOpen(const std::string& name, int error) {
+    return IsError(kScannerFile, kReader,
+                   "Failed to open " + (Root() / name).string() + " : " + std::strerror(error));
+  }
+
+  /** Runs before the file is opened, once. */
+  void BeforeOpening(const std::string& name, const std::function<void(const path&)>& action) {
+    files().on_open = [=](const std::string& opened) {
+      if (path(opened).filename() == name) action(opened);
+      return 0;
+    };
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(BecauseOf, AFileThatCannotBeOpened,
+                         ::testing::Values(EACCES, EMFILE, ENOENT, EIO));
+
+TEST_P(AFileThatCannotBeOpened, IsLoggedAndPassedOver) {
+  Write("app/bad", Marker{99});
+  Write("app/good", Marker{});
+  files().on_open = [](const std::string& opened) {
+    return path(opened).filename() == "bad" ? GetParam() : 0;
+  };
+  EXPECT_EQ(Search(), kOwn);
+  EXPECT_THAT(fake::Logs(), ElementsAre(FailedToOpen("app/bad", GetParam())));
+}
+
+using AFileThatChanges = AFileThatCannotBeOpened;
+
+TEST_F(AFileThatChanges, IntoNothingIsLoggedAndPassedOver) {
+  Write("app/bad", Marker{99});
+  Write("app/good", Marker{});
+  BeforeOpening("bad", [](const path& file) { fs::remove(file); });
+  EXPECT_EQ(Search(), kOwn);
+  EXPECT_THAT(fake::Logs(), ElementsAre(FailedToOpen("app/bad", ENOENT)));
+}
+
+TEST_F(AFileThatChanges, IntoALinkIsLoggedAndPassedOver) {
+  Write("app/bad", Marker{99});
+  Write("app/good", Marker{});
+  client_level::TemporaryFolder elsewhere;
+  const path target = elsewhere.path() / "file";
+  std::ofstream(target, std::ios::binary) << elf::FileWith(Marker{99});
+  BeforeOpening("bad", [target](const path& file) {
+    fs::remove(file);
+    fs::create_symlink(target, file);
+  });
+  EXPECT_EQ(Search(), kOwn);
+  EXPECT_THAT(fake::Logs(), ElementsAre(FailedToOpen("app/bad", ELOOP)));
+}
+
+TEST_F(AFileThatChanges, IntoAFifoIsNotWaitedFor) {
+  Write("app/bad", Marker{99});
+  Write("app/good", Marker{});
+  BeforeOpening("bad", [](const path& file) {
+    fs::remove(file);
+    EXPECT_EQ(mkfifo(file.c_str(), 0600), 0);
+  });
+  EXPECT_EQ(Search(), kOwn);
+  EXPECT_THAT(fake::Logs(),
+              ElementsAre(IsError(kScannerFile, kReader, "Failed to read ELF header")));
+}
+
+TEST_F(AFileThatChanges, IntoAFolderIsPassedOver) {
+  Write("app/bad", Marker{99});
+  Write("app/good", Marker{});
+  BeforeOpening("bad", [](const path& file) {
+    fs::remove(file);
+    fs::create_directory(file);
+  });
+  EXPECT_EQ(Search(), kOwn);
+  EXPECT_THAT(fake::Logs(),
+              ElementsAre(IsError(kScannerFile, kReader, "Failed to read ELF header")));
+}
+
+TEST_F(AFileThatChanges, IntoAShorterOneIsReadToItsEnd) {
+  const Bytes whole = Builder(Kind::k64).GapBeforeContents(8000).Section(Marker{}).Build();
+  for (const std::size_t size : {0U, 51U, 63U, 64U, 8000U, 8070U, 8120U}) {
+    Write("app/bad", whole);
+    BeforeOpening("bad", [size](const path& file) { fs::resize_file(file, size); });
+    fake::ClearRecord();
+    EXPECT_EQ(Search(), kNothing);
+    EXPECT_EQ(fake::Logs().size(), size < 64 ? 2U : 1U) << size;
+  }
+}
+
+TEST_F(AFileThatChanges, WhileItIsReadDoesNoHarm) {
+  const Bytes whole = Builder(Kind::k64).GapBeforeContents(8000).Section(Marker{}).Build();
+  for (int at = 1; at <= 3; ++at) {
+    const path file = Write("app/bad", whole);
+    files().reads = 0;
+    files().on_read = [file, at] {
+      if (files().reads == at) fs::resize_file(file, 70);
+    };
+    EXPECT_EQ(Search(), kNothing) << at;
+  }
+}
+
+TEST_F(AFileThatChanges, IntoALongerOneIsReadAsFarAsItWent) {
+  Write("app/file", Marker{});
+  BeforeOpening("file", [](const path& file) { fs::resize_file(file, 1'000'000); });
+  EXPECT_EQ(Search(), kOwn);
+}
+
+TEST_F(AFileThatChanges, IsOneOfManyThatVanish) {
+  for (int i = 0; i < 50; ++i) Write("app/a/" + std::to_string(i), Marker{99});
+  Write("app/good", Marker{});
+  files().on_open = [this](const std::string& opened) {
+    if (path(opened).filename() == "good") return 0;
+    for (int i = 0; i < 50; ++i) fs::remove(Root() / "app/a" / std::to_string(i));
+    return 0;
+  };
+  EXPECT_EQ(Search(), kOwn);
+}
+
+TEST_F(AFileThatChanges, TimeAfterTimeIsReadWithoutInterruption) {
+  // Signals that interrupt reads, as often as they can.
+  struct sigaction action {};
+  action.sa_handler = [](int) {};
+  ASSERT_EQ(sigaction(SIGALRM, &action, nullptr), 0);
+  for (int i = 0; i < 200; ++i) Write("app/" + std::to_string(i), Marker{});
+  const itimerval often = {{0, 100}, {0, 100}};
+  ASSERT_EQ(setitimer(ITIMER_REAL, &often, nullptr), 0);
+  const Found found = Search();
+  const itimerval never = {};
+  setitimer(ITIMER_REAL, &never, nullptr);
+  EXPECT_EQ(found, kOwn);
+  EXPECT_THAT(fake::Logs(), IsEmpty());
+}
+
+/** Runs work in a process without root's rights; its result is the process's. */
+int WithoutRights(const std::function<int()>& work) {
+  const pid_t child = fork();
+  if (child == 0) {
+    constexpr uid_t kNobody = 65534;
+    if (geteuid() == 0 && (setgid(kNobody) != 0 || setuid(kNobody) != 0)) _exit(250);
+    _exit(work());
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST_F(AFileThatChanges, MayBeOneWithoutTheRightToReadIt) {
+  fs::permissions(Root(), fs::perms(0755));
+  Write("app/good", Marker{});
+  fs::permissions(Write("app/bad", Marker{99}), fs::perms::none);
+  const int result = WithoutRights([this] {
+    if (!(Search() == kOwn)) return 1;
+    const auto logs = fake::Logs();
+    if (logs.size() != 1) return 2;
+    return ::testing::Matches(FailedToOpen("app/bad", EACCES))(logs[0]) ? 0 : 3;
+  });
+  EXPECT_EQ(result, 0);
+}
+
+TEST_F(AFileThatChanges, MayLieInAFolderThatCannotBeRead) {
+  fs::permissions(Root(), fs::perms(0755));
+  Write("app/good", Marker{});
+  Write("app/closed/bad", Marker{99});
+  fs::permissions(Root() / "app/closed", fs::perms::none);
+  const int result = WithoutRights([this] { return Search() == kOwn ? 0 : 1; });
+  EXPECT_EQ(result, 0);
+  fs::permissions(Root() / "app/closed", fs::perms(0755));
+}
+
+// ---- What a search costs ------------------------------------------------------------------------
+
+std::ptrdiff_t OpenDescriptors() {
+  return std::distance(fs::directory_iterator("/proc/self/fd"), {});
+}
+
+struct ASearch : AnApplicationFolder {
+  void TearDown() override {
+    files() = {};
+    AnApplicationFolder::TearDown();
+  }
+};
+
+TEST_F(ASearch, TakesOneReadOfAFileOfAnotherKind) {
+  for (const std::size_t size : {52U, 64U, 4095U, 4096U, 4097U, 100'000U}) {
+    files() = {};
+    SearchIn(Bytes(size, 'x'));
+    EXPECT_EQ(files().reads, 1) << size;
+    EXPECT_LE(files().bytes_read, 4096U);
+  }
+}
+
+TEST_F(ASearch, TakesAtMostOneReadMoreForTheTableAndOneForEachCandidate) {
+  for (const Kind kind : {Kind::k32, Kind::k64}) {
+    Builder small(kind);
+    SearchIn(small.Section("text").Section(Marker{}).Build());
+    EXPECT_EQ(files().reads, 1);
+    files() = {};
+    Builder large(kind);
+    for (int i = 0; i < 100; ++i) large.Section(Bytes(1000, 'x'));
+    EXPECT_EQ(SearchIn(large.Section(Marker{}).Build()), kOwn);
+    EXPECT_EQ(files().reads, 3);
+    files() = {};
+    Builder with_candidates(kind);
+    for (int i = 0; i < 100; ++i) with_candidates.Section(Bytes(100, 'x')).Section(Bytes(16, 'x'));
+    SearchIn(with_candidates.Build());
+    EXPECT_LE(files().reads, 1 + 1 + 100);
+    files() = {};
+  }
+}
+
+TEST_F(ASearch, ReadsNothingBehindTheEndOfAFile) {
+  Builder builder(Kind::k64);
+  for (int i = 0; i < 65535; ++i) builder.Header(0xfffffff0U, 16);
+  EXPECT_EQ(SearchIn(builder.Build()), kNothing);
+  EXPECT_EQ(files().reads, 2);
+}
+
+TEST_F(ASearch, TakesLittleOfAFileThatClaimsMuch) {
+  // 65,535 sections of 4 GiB, in a file that takes no room on the disk.
+  Builder builder(Kind::k64);
+  const path file = Write("file", builder.ClaimTable(64).ClaimCount(65535).Build());
+  fs::resize_file(file, 4U << 20U);
+  EXPECT_EQ(Search(), kNothing);  // sections of size 0
+  std::string header(24, '\0');
+  header += elf::Little(0, 8) + elf::Little(0xffffffffU, 8) + std::string(24, '\0');
+  {
+    std::fstream out(file, std::ios::in | std::ios::out | std::ios::binary);
+    out.seekp(64);
+    for (int i = 0; i < 65535; ++i) out << header;
+  }
+  files() = {};
+  bool takes_malloc = false;
+  {
+    const FailingAllocation failing(Allocator::kMalloc);
+    EXPECT_EQ(Search(), kNothing);
+    takes_malloc = failing.Happened();
+  }
+  EXPECT_FALSE(takes_malloc);
+  std::size_t most = 0;
+  files().on_read = [&most] {
+    std::size_t total = 0;
+    for (const fake::Block& block : fake::LiveBlocks()) total += block.size;
+    most = std::max(most, total);
+  };
+  files().reads = 0;
+  files().bytes_read = 0;
+  {
+    const fake::NewTracking tracking;
+    EXPECT_EQ(Search(), kNothing);
+  }
+  EXPECT_LE(most, 5U << 20U);
+  EXPECT_EQ(files().reads, 2);
+  EXPECT_LE(files().bytes_read, (4U << 20U) + 4096U);
+  files() = {};
+}
+
+TEST_F(ASearch, TakesLittleOfAFileWhoseTableLiesInAHole) {
+  for (const std::uint64_t offset : {std::uint64_t{64}, std::uint64_t{0xf0000000U}}) {
+    const path file =
+        Write("file", Builder(Kind::k64).ClaimTable(offset).ClaimCount(65535).Build());
+    std::error_code no_room;
+    fs::resize_file(file, 1ULL << 33U, no_room);
+    if (no_room) GTEST_SKIP() << "no file of 8 GiB can be made here: " << no_room.message();
+    files() = {};
+    EXPECT_EQ(Search(), kNothing);
+    EXPECT_LE(files().bytes_read, (4U << 20U) + 4096U);
+    EXPECT_EQ(files().reads, 2);
+  }
+}
+
+TEST_F(ASearch, LeavesNoDescriptorOpen) {
+  const auto before = OpenDescriptors();
+  Write("text", Bytes(100, 'x'));
+  Write("short", Builder(Kind::k64).Build().substr(0, 60));
+  Write("marker", Marker{});
+  Write("a/b/c/d/none", Builder(Kind::k32).Section("x").Build());
+  Write("bad", Marker{99});
+  files().on_open = [](const std::string& opened) {
+    return path(opened).filename() == "bad" ? EACCES : 0;
+  };
+  EXPECT_EQ(Search(), kOwn);
+  EXPECT_EQ(OpenDescriptors(), before);
+  EXPECT_EQ(Search(Root() / "missing"), kNothing);
+  EXPECT_EQ(OpenDescriptors(), before);
+}
+
+TEST_F(ASearch, NeedsFewDescriptorsHoweverDeepTheFolders) {
+  path deep = "app";
+  for (int i = 0; i < 100; ++i) deep /= "folder";
+  Write(deep / "file", Marker{});
+  std::ptrdiff_t most = 0;
+  files().on_read = [&] { most = std::max(most, OpenDescriptors()); };
+  const auto before = OpenDescriptors();
+  EXPECT_EQ(Search(), kOwn);
+  EXPECT_LE(most, before + 3);
+}
+
+TEST_F(ASearch, OfManyFilesFindsTheOneThatCounts) {
+  const path text = Write("text", Bytes(52, 'x'));
+  const path marker = Write("marker", Marker{});
+  const auto before = OpenDescriptors();
+  for (int folder = 0; folder < 40; ++folder) {
+    const path in = Root() / "many" / std::to_string(folder);
+    fs::create_directories(in);
+    for (int i = 0; i < 490; ++i) fs::create_hard_link(text, in / std::to_string(i));
+    for (int i = 0; i < 5; ++i) fs::create_hard_link(marker, in / ("marker" + std::to_string(i)));
+    fs::create_symlink(Root(), in / "loop");
+    fs::create_symlink("/", in / "everything");
+    fs::create_symlink("missing", in / "dangling");
+    ASSERT_EQ(mkfifo((in / "fifo").c_str(), 0600), 0);
+    fs::create_directories(in / "closed");
+    fs::permissions(in / "closed", fs::perms::none);
+  }
+  Write("many/20/newest", Marker{12});
+  files().on_open = [](const std::string& opened) {
+    if (path(opened).filename() == "marker0") {
+      for (int i = 1; i < 5; ++i) {
+        std::error_code gone;
+        fs::remove(path(opened).parent_path() / ("marker" + std::to_string(i)), gone);
+      }
+    }
+    return 0;
+  };
+  EXPECT_EQ(Search(), (Found{12, 2, 3, 182}));
+  for (int folder = 0; folder < 40; ++folder) {
+    fs::permissions(Root() / "many" / std::to_string(folder) / "closed", fs::perms::owner_all);
+  }
+  EXPECT_EQ(OpenDescriptors(), before);
+  EXPECT_GE(files().opened.size(), 40U * 490U);
+  EXPECT_EQ(static_cast<std::size_t>(files().reads), files().opened.size());
+}
+
+}  // namespace
