@@ -8,7 +8,9 @@
 
 #include <algorithm>
 #include <exception>
+#include <optional>
 
+#include "control.h"
 #include "unique_fd.h"
 
 namespace sim {
@@ -29,6 +31,10 @@ bool IsListQuery(Method method) {
 
 bool IsModelWork(Method method) {
   return method == Method::kRequestToUpdate || method == Method::kRequestToUninstall;
+}
+
+bool IsUpdateRequest(Method method) {
+  return method == Method::kRequestUpdate || method == Method::kRequestUpdateWithList;
 }
 
 bool Admits(const Model& model, const std::string& app_id) {
@@ -59,7 +65,8 @@ std::vector<ProgressStep> UsualProgress(std::int32_t models) {
 
 }  // namespace
 
-AgentService::AgentService(Scenario scenario) : scenario_(std::move(scenario)) {
+AgentService::AgentService(const Scenario& scenario, UpdateRunner& updates)
+    : scenario_(scenario), updates_(updates) {
   Check(rpc_port_stub_create(&stub_, kPortName), "cannot make the port");
   rpc_port_desktop_stub_set_admission_cb(stub_, OnAdmission, this);
   rpc_port_stub_add_connected_event_cb(stub_, OnConnected, this);
@@ -109,9 +116,14 @@ void AgentService::Serve(const char* instance, rpc_port_h port) {
   const Request request = ReadRequest(parcel);
   dlog_print(DLOG_DEBUG, kTag, "%s calls %s", instance,
              MethodName(static_cast<int>(request.method)));
+  const std::int32_t result = NextResult(request.method);
+  const MethodScript& script = scenario_.Script(request.method);
   const bool delegated = IsListQuery(request.method) || IsModelWork(request.method);
-  deliveries_->Deliver(instance, delegated ? RPC_PORT_PORT_CALLBACK : RPC_PORT_PORT_MAIN,
-                       scenario_.Script(request.method), Answer(request));
+  deliveries_->Deliver(instance, delegated ? RPC_PORT_PORT_CALLBACK : RPC_PORT_PORT_MAIN, script,
+                       Answer(request, result));
+  if (IsUpdateRequest(request.method) && result == 0) {
+    updates_.StartUpdate(request.agents, script.delay);
+  }
 }
 
 std::int32_t AgentService::UsualResult(Method method) const {
@@ -136,8 +148,7 @@ std::int32_t AgentService::NextResult(Method method) {
   return result;
 }
 
-std::vector<TimedParcel> AgentService::Answer(const Request& request) {
-  const std::int32_t result = NextResult(request.method);
+std::vector<TimedParcel> AgentService::Answer(const Request& request, std::int32_t result) {
   if (IsListQuery(request.method)) {
     return AnswerList(request, result);
   }
@@ -217,9 +228,10 @@ std::vector<ModelView> AgentService::Versions(const Request& request) const {
   return versions;
 }
 
-int RunAgent(Scenario scenario, int ready_fd) {
-  UniqueFd ready(ready_fd);
-  signal(SIGPIPE, SIG_IGN);
+namespace {
+
+/** The signals that end an agent, as something to poll. */
+UniqueFd TakeEndSignals() {
   sigset_t ends;
   sigemptyset(&ends);
   for (const int end : {SIGTERM, SIGINT, SIGHUP}) {
@@ -227,12 +239,29 @@ int RunAgent(Scenario scenario, int ready_fd) {
   }
   sigprocmask(SIG_BLOCK, &ends, nullptr);
   // GLib's own signal sources would start a thread.
-  const UniqueFd signals(signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK));
+  return UniqueFd(signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK));
+}
 
-  AgentService service(std::move(scenario));
-  service.Listen();
+}  // namespace
+
+int RunAgent(const Scenario& scenario, const AgentOptions& options) {
+  UniqueFd ready(options.ready_fd);
+  signal(SIGPIPE, SIG_IGN);
+  const UniqueFd signals = TakeEndSignals();
   const std::unique_ptr<GMainLoop, decltype(&g_main_loop_unref)> loop(
       g_main_loop_new(nullptr, FALSE), g_main_loop_unref);
+
+  int status = 0;
+  UpdateRunner updates(scenario, options.journal, [&] {
+    status = kReplaceMe;
+    g_main_loop_quit(loop.get());
+  });
+  AgentService service(scenario, updates);
+  service.Listen();
+  std::optional<ControlPort> control;
+  if (options.control_fd >= 0) {
+    control.emplace(options.control_fd, updates);
+  }
   const guint watch = g_unix_fd_add(
       signals.get(), G_IO_IN,
       [](gint, GIOCondition, gpointer data) -> gboolean {
@@ -244,9 +273,13 @@ int RunAgent(Scenario scenario, int ready_fd) {
     return 1;  // whoever started the agent is gone
   }
   ready.Reset();
+  updates.Resume();
   g_main_loop_run(loop.get());
   g_source_remove(watch);
-  return 0;
+  if (status == 0) {
+    updates.Close();
+  }
+  return status;
 }
 
 }  // namespace sim

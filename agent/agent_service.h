@@ -12,13 +12,22 @@
 #include "delivery.h"
 #include "messages.h"
 #include "scenario.h"
+#include "update_runner.h"
 
 namespace sim {
+
+/** What an agent's process is given. */
+struct AgentOptions {
+  int ready_fd = -1;    // a byte is written there, and it is closed, when clients can connect
+  int control_fd = -1;  // listens for steps from outside, unless -1; borrowed
+  std::string journal;  // file for the process that follows this one; may be empty
+};
 
 /** The agent: serves its port as a scenario says, on the default main context. */
 class AgentService {
  public:
-  explicit AgentService(Scenario scenario);
+  /** `scenario` and `updates` must outlive the service. */
+  AgentService(const Scenario& scenario, UpdateRunner& updates);
   ~AgentService();
   AgentService(const AgentService&) = delete;
   AgentService& operator=(const AgentService&) = delete;
@@ -33,7 +42,7 @@ class AgentService {
   static int OnReceived(const char* sender, const char* instance, rpc_port_h port, void* data);
 
   void Serve(const char* instance, rpc_port_h port);
-  std::vector<TimedParcel> Answer(const Request& request);
+  std::vector<TimedParcel> Answer(const Request& request, std::int32_t result);
   std::vector<TimedParcel> AnswerList(const Request& request, std::int32_t result) const;
   std::vector<TimedParcel> AnswerProgress(const Request& request, std::int32_t result) const;
   std::vector<ModelView> Models(const Request& request) const;
@@ -43,17 +52,21 @@ class AgentService {
   std::int32_t NextResult(Method method);
   std::int32_t UsualResult(Method method) const;
 
-  const Scenario scenario_;
+  const Scenario& scenario_;
+  UpdateRunner& updates_;
   std::array<std::size_t, kMethodCount> calls_{};
   rpc_port_stub_h stub_ = nullptr;
   std::unique_ptr<DeliveryQueue> deliveries_;
 };
 
+/** The exit status of an agent that wants a new process in its place. */
+constexpr int kReplaceMe = 75;
+
 /**
- * Runs the agent until SIGTERM, SIGINT or SIGHUP, and returns the process's exit status. A byte is
- * written to `ready_fd`, which is then closed, as soon as clients can connect.
+ * Runs the agent until SIGTERM, SIGINT or SIGHUP, or until its own update needs a new process; returns
+ * the process's exit status.
  */
-int RunAgent(Scenario scenario, int ready_fd);
+int RunAgent(const Scenario& scenario, const AgentOptions& options);
 
 }  // namespace sim
 

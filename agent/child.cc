@@ -28,6 +28,21 @@ void CloseOnExecFrom(int first) {
   }
 }
 
+/** None of them may stand where another is to go. */
+bool Pass(const std::vector<int>& passed) {
+  std::vector<int> copies;
+  for (const int fd : passed) {
+    copies.push_back(fcntl(fd, F_DUPFD_CLOEXEC, kFirstSafeFd));
+  }
+  int target = kFirstPassedFd;
+  for (const int copy : copies) {
+    if (copy < 0 || dup2(copy, target++) < 0) {
+      return false;
+    }
+  }
+  return true;
+}
+
 bool Redirect(const ChildSetup& setup) {
   if (setup.detached) {
     const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
@@ -39,15 +54,8 @@ bool Redirect(const ChildSetup& setup) {
       (dup2(setup.output, STDOUT_FILENO) < 0 || dup2(setup.output, STDERR_FILENO) < 0)) {
     return false;
   }
-  if (setup.extra < 0) {
-    CloseOnExecFrom(STDERR_FILENO + 1);
-    return true;
-  }
   CloseOnExecFrom(STDERR_FILENO + 1);
-  if (setup.extra == kExtraFd) {
-    return fcntl(kExtraFd, F_SETFD, 0) == 0;
-  }
-  return dup2(setup.extra, kExtraFd) >= 0;
+  return Pass(setup.passed);
 }
 
 void ChangeEnvironment(const EnvironmentChanges& changes) {

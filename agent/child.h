@@ -17,7 +17,7 @@ struct EnvironmentChanges {
   std::vector<std::string> unset;
 };
 
-/** How a child process starts. Beyond 0, 1, 2 it inherits no descriptor but `extra`. */
+/** How a child process starts. Beyond 0, 1, 2 it inherits no descriptors but `passed`. */
 struct ChildSetup {
   const char* program = nullptr;  // null: the first argument, looked up along PATH
   std::vector<std::string> arguments;
@@ -26,10 +26,10 @@ struct ChildSetup {
   struct sigaction child_action;  // what SIGCHLD did when this process started
   bool detached = false;          // a session of its own, and nothing to read
   int output = -1;                // in place of both outputs, unless -1
-  int extra = -1;                 // becomes descriptor kExtraFd, unless -1
+  std::vector<int> passed;        // become the descriptors from kFirstPassedFd on
 };
 
-constexpr int kExtraFd = 3;
+constexpr int kFirstPassedFd = 3;
 
 /** A child that could not be started: why, as an errno. */
 struct StartError {

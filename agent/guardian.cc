@@ -12,6 +12,7 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <system_error>
 #include <vector>
@@ -56,6 +57,16 @@ void EndWatched(const std::vector<Watched>& children) {
   }
 }
 
+/** The children come and go; a handle of one that has ended is of no use. */
+void ForgetEnded(std::vector<Watched>* children) {
+  children->erase(std::remove_if(children->begin(), children->end(),
+                                 [](const Watched& child) {
+                                   pollfd ended = {child.handle.get(), POLLIN, 0};
+                                   return poll(&ended, 1, 0) > 0;
+                                 }),
+                  children->end());
+}
+
 /** Makes the folder and tells its name, or the errno, as one message. */
 std::string TellFolder(int lifeline) {
   std::string folder;
@@ -84,6 +95,7 @@ std::string TellFolder(int lifeline) {
     }
     if (size == sizeof child && child != kDismissed) {
       const auto handle = static_cast<int>(syscall(SYS_pidfd_open, child, 0u));
+      ForgetEnded(&children);
       children.push_back({child, UniqueFd(handle)});
       continue;
     }

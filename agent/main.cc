@@ -15,6 +15,7 @@
 #include "child.h"
 #include "run.h"
 #include "scenario.h"
+#include "send.h"
 
 namespace {
 
@@ -37,6 +38,9 @@ struct Options {
   std::optional<std::string> app_id;
   std::optional<std::string> app_version;
   std::optional<std::string> app_root;
+  bool prompted = false;
+  sim::AgentOptions agent;
+  std::vector<std::string> steps;
   sim::RunOptions run;
 };
 
@@ -78,7 +82,10 @@ int RunAgent(const Options& options) {
   source.folder = options.folder;
   sim::Scenario scenario = Read(source);
   scenario.time_scale = options.run.time_scale.value_or(scenario.time_scale);
-  return sim::RunAgent(std::move(scenario), sim::kExtraFd);
+  sim::AgentOptions agent = options.agent;
+  agent.ready_fd = sim::kFirstPassedFd;
+  agent.control_fd = options.prompted ? sim::kFirstPassedFd + 1 : -1;
+  return sim::RunAgent(scenario, agent);
 }
 
 int CheckAll(const std::vector<std::string>& scenarios) {
@@ -122,6 +129,22 @@ void AddRun(CLI::App& app, Options& options) {
   run->add_option("--app-root", options.app_root, "The command's application folder");
 }
 
+void AddSend(CLI::App& app, Options& options) {
+  CLI::App* send = app.add_subcommand(
+      "send", "From inside a world: have its agent take steps, and wait until they are done");
+  send->footer(sim::HelpForSteps());
+  send->add_option("STEP", options.steps, "What the agent does")->required();
+}
+
+int Send(const std::vector<std::string>& words) {
+  try {
+    return sim::Send(words);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "svcmgr-sim: %s\n", error.what());
+    return kUsageError;
+  }
+}
+
 int Execute(CLI::App& app, const Options& options) {
   try {
     if (app.got_subcommand("run")) {
@@ -129,6 +152,9 @@ int Execute(CLI::App& app, const Options& options) {
     }
     if (app.got_subcommand("agent")) {
       return RunAgent(options);
+    }
+    if (app.got_subcommand("send")) {
+      return Send(options.steps);
     }
     return app.got_subcommand("check") ? CheckAll(options.scenarios) : List();
   } catch (const sim::ScenarioError& error) {
@@ -157,9 +183,12 @@ int main(int argc, char** argv) {
       ->add_option("SCENARIO", options.scenarios, "Scenarios to check")
       ->required();
   app.add_subcommand("list", "Name the scenarios that ship");
+  AddSend(app, options);
   CLI::App* agent = app.add_subcommand("agent", "Be the agent of a world")->group("");
   agent->add_option("SCENARIO", options.scenario)->required();
   agent->add_option("--folder", options.folder);
+  agent->add_option("--journal", options.agent.journal);
+  agent->add_flag("--control", options.prompted);
   agent->add_option("--time-scale", options.run.time_scale);
   try {
     app.parse(argc, argv);

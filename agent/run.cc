@@ -22,7 +22,9 @@
 #include <system_error>
 #include <utility>
 
+#include "agent_service.h"
 #include "child.h"
+#include "control.h"
 #include "guardian.h"
 #include "unique_fd.h"
 #include "world.h"
@@ -99,7 +101,7 @@ bool EndedAsWanted(int raw) {
   if (WIFSIGNALED(raw)) {
     return WTERMSIG(raw) == SIGKILL || WTERMSIG(raw) == SIGTERM;
   }
-  return WEXITSTATUS(raw) == 0;
+  return WEXITSTATUS(raw) == 0 || WEXITSTATUS(raw) == kReplaceMe;
 }
 
 std::string HowItEnded(int raw) {
@@ -124,13 +126,62 @@ std::string LastLines(const std::string& file) {
   return text;
 }
 
+/** Readers see the old content or the new, never a part. */
 void WriteFile(const std::string& path, const std::string& content) {
-  std::ofstream file(path, std::ios::binary);
+  const std::string draft = path + ".new";
+  std::ofstream file(draft, std::ios::binary);
   file << content;
   file.close();
-  if (!file) {
+  if (!file || std::rename(draft.c_str(), path.c_str()) != 0) {
     throw RunError("cannot write " + path);
   }
+}
+
+struct Pipe {
+  UniqueFd read_end;
+  UniqueFd write_end;
+
+  Pipe() {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+      throw RunError(std::string("cannot make a pipe: ") + strerror(errno));
+    }
+    read_end.Reset(ends[0]);
+    write_end.Reset(ends[1]);
+  }
+};
+
+UniqueFd OpenLog(const std::string& path) {
+  return UniqueFd(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+}
+
+std::string XmlText(const std::string& text) {
+  std::string escaped;
+  for (const char c : text) {
+    switch (c) {
+      case '&':
+        escaped += "&amp;";
+        break;
+      case '<':
+        escaped += "&lt;";
+        break;
+      default:
+        escaped += c;
+    }
+  }
+  return escaped;
+}
+
+/** A bus that starts no services, reads nothing of the system's, and is open to its own user. */
+std::string BusConfiguration(const std::string& address) {
+  return "<busconfig>\n<type>session</type>\n<listen>" + XmlText(address) +
+         "</listen>\n<auth>EXTERNAL</auth>\n"
+         "<policy context=\"default\">\n"
+         "<allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
+         "<allow eavesdrop=\"true\"/>\n<allow own=\"*\"/>\n</policy>\n"
+         "<limit name=\"max_connections_per_user\">10000</limit>\n"
+         "<limit name=\"max_match_rules_per_connection\">10000</limit>\n"
+         "</busconfig>\n";
 }
 
 /** A folder of PATH that may not be entered must not pass for a command that may not be executed. */
@@ -165,6 +216,7 @@ class Run {
   ~Run() {
     End(command_);
     End(agent_);
+    End(bus_);
   }
   Run(const Run&) = delete;
   Run& operator=(const Run&) = delete;
@@ -174,8 +226,13 @@ class Run {
  private:
   static void End(Process& process);
   ChildSetup Setup() const;
+  pid_t Start(const ChildSetup& setup, const std::string& what);
+  void StartBus();
   void StartAgent();
-  void AwaitAgent(int ready);
+  void StartAgentProcess(int ready);
+  void Await(int ready, const std::string& what, const std::string& log);
+  void FollowAgent();
+  bool WantsAnotherAgent() const;
   int StartCommand();
   void AwaitCommand();
   void StopAgent();
@@ -192,6 +249,8 @@ class Run {
   const Signals signals_;
   const std::unique_ptr<Guardian> guardian_;  // none where the world is kept
   World world_;
+  UniqueFd control_;  // the agents' one after the other, so that none who knocks is lost
+  Process bus_;
   Process agent_;
   bool agent_failed_ = false;
   Process command_;
@@ -234,51 +293,88 @@ void Run::TakeSignals() {
       kill(command_.pid, signal);
     }
   }
+  bus_.Reap();
   agent_.Reap();
   command_.Reap();
 }
 
-void Run::StartAgent() {
-  const std::string scenario_file = world_.folder() + "/scenario.json";
-  WriteFile(scenario_file, source_.document);
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) {
-    throw RunError(std::string("cannot make a pipe: ") + strerror(errno));
+pid_t Run::Start(const ChildSetup& setup, const std::string& what) {
+  pid_t child = -1;
+  try {
+    child = StartChild(setup);
+  } catch (const StartError& error) {
+    throw RunError("cannot start " + what + ": " + strerror(error.reason));
   }
-  UniqueFd ready(ends[0]);
-  UniqueFd told(ends[1]);
-  UniqueFd log;
+  if (guardian_) {
+    guardian_->Watch(child);
+  }
+  return child;
+}
 
+void Run::StartBus() {
+  const std::string configuration = world_.folder() + "/bus.conf";
+  const std::string log_file = world_.folder() + "/bus.log";
+  WriteFile(configuration, BusConfiguration(world_.bus_address()));
+  Pipe ready;
+  const UniqueFd log = OpenLog(log_file);
+  ChildSetup setup = Setup();
+  setup.arguments = {"dbus-daemon",
+                     "--nofork",
+                     "--nopidfile",
+                     "--nosyslog",
+                     "--config-file=" + configuration,
+                     "--print-address=" + std::to_string(kFirstPassedFd)};
+  setup.detached = true;
+  setup.output = log.get();
+  setup.passed = {ready.write_end.get()};
+  bus_.pid = Start(setup,
+                   "the session bus (dbus-daemon, of the Debian package of that name; a "
+                   "scenario with \"bus\": false needs none)");
+  WriteFile(world_.folder() + "/bus.pid", std::to_string(bus_.pid) + "\n");
+  ready.write_end.Reset();
+  Await(ready.read_end.get(), "the session bus", log_file);
+}
+
+void Run::StartAgent() {
+  WriteFile(world_.folder() + "/scenario.json", source_.document);
+  control_ = ListenForSteps(world_.control_file());
+  Pipe ready;
+  StartAgentProcess(ready.write_end.get());
+  ready.write_end.Reset();
+  Await(ready.read_end.get(), "the agent", world_.log_file());
+}
+
+void Run::StartAgentProcess(int ready) {
+  UniqueFd log;
   ChildSetup setup = Setup();
   setup.program = "/proc/self/exe";
-  setup.arguments = {"svcmgr-sim-agent", "agent", scenario_file, "--folder", source_.folder};
+  setup.arguments = {"svcmgr-sim-agent",
+                     "agent",
+                     world_.folder() + "/scenario.json",
+                     "--folder",
+                     source_.folder,
+                     "--control",
+                     "--journal",
+                     world_.journal_file()};
   if (options_.time_scale) {
     setup.arguments.insert(setup.arguments.end(),
                            {"--time-scale", std::to_string(*options_.time_scale)});
   }
   setup.environment = world_.AgentEnvironment(scenario_.agent);
   setup.detached = true;
-  setup.extra = told.get();
+  setup.passed = {ready, control_.get()};
   if (options_.verbose) {
     setup.environment.set.emplace_back("VELMORA_LOG_LEVEL", "debug");
   } else {
-    log.Reset(open(world_.log_file().c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    log = OpenLog(world_.log_file());
     setup.output = log.get();
   }
-  try {
-    agent_.pid = StartChild(setup);
-  } catch (const StartError& error) {
-    throw RunError(std::string("cannot start the agent: ") + strerror(error.reason));
-  }
-  if (guardian_) {
-    guardian_->Watch(agent_.pid);
-  }
+  agent_ = Process();
+  agent_.pid = Start(setup, "the agent");
   WriteFile(world_.pid_file(), std::to_string(agent_.pid) + "\n");
-  told.Reset();
-  AwaitAgent(ready.get());
 }
 
-void Run::AwaitAgent(int ready) {
+void Run::Await(int ready, const std::string& what, const std::string& log) {
   char byte = 0;
   pollfd readable = {ready, POLLIN, 0};
   while (interrupted_by_ == 0 && poll(&readable, 1, 0) == 0) {
@@ -288,8 +384,35 @@ void Run::AwaitAgent(int ready) {
     return;
   }
   if (read(ready, &byte, 1) != 1) {
-    throw RunError("the agent does not start" + LastLines(world_.log_file()));
+    throw RunError(what + " does not start" + LastLines(log));
   }
+}
+
+bool Run::WantsAnotherAgent() const {
+  const bool replaced = WIFEXITED(*agent_.status) && WEXITSTATUS(*agent_.status) == kReplaceMe;
+  switch (scenario_.agent.restart) {
+    case Restart::kNever:
+      return false;
+    case Restart::kOnRequest:
+      return replaced;
+    case Restart::kAlways:
+      return replaced || WIFSIGNALED(*agent_.status);
+  }
+  return false;
+}
+
+/** Puts a new agent where one has ended; where none is to come, nobody shall wait for it. */
+void Run::FollowAgent() {
+  if (!agent_.status || !control_) {
+    return;
+  }
+  CheckAgent();
+  if (agent_failed_ || !WantsAnotherAgent()) {
+    control_.Reset();
+    return;
+  }
+  const UniqueFd nobody(open("/dev/null", O_WRONLY | O_CLOEXEC));
+  StartAgentProcess(nobody.get());
 }
 
 int Run::StartCommand() {
@@ -313,8 +436,8 @@ int Run::StartCommand() {
 void Run::AwaitCommand() {
   command_.Reap();
   while (command_.running()) {
+    FollowAgent();
     Wait(-1, -1);
-    CheckAgent();
   }
 }
 
@@ -354,7 +477,10 @@ void Run::ReportAgent(const std::string& what) {
 }
 
 int Run::Execute() {
-  if (scenario_.agent.running) {
+  if (scenario_.bus) {
+    StartBus();
+  }
+  if (scenario_.agent.running && interrupted_by_ == 0) {
     StartAgent();
   }
   TakeSignals();

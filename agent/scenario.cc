@@ -160,6 +160,19 @@ void ReadAgent(ObjectReader& object, const std::string& folder, Agent* agent) {
   object.Flag("running", &agent->running);
   object.Flag("refuse", &agent->refuse);
   object.Choice<bool>("kyr", &agent->kyr_disabled, {{"enabled", false}, {"disabled", true}});
+  object.Choice<Restart>("restart", &agent->restart,
+                         {{"never", Restart::kNever},
+                          {"on-request", Restart::kOnRequest},
+                          {"always", Restart::kAlways}});
+}
+
+void ReadUpdate(ObjectReader& object, Update* update) {
+  if (const auto steps = object.Take("steps")) {
+    update->steps = ReadSteps(*steps, StepsFrom::kScenario);
+  }
+  if (const auto recovery = object.Take("recovery")) {
+    update->recovery = ReadSteps(*recovery, StepsFrom::kScenario);
+  }
 }
 
 void ReadClient(ObjectReader& object, const std::string& folder, Client* client) {
@@ -314,11 +327,13 @@ void ReadMethods(ObjectReader& root, Scenario* scenario) {
 void ReadRoot(ObjectReader& root, const std::string& folder, Scenario* scenario) {
   root.Text("description", &scenario->description);
   root.Number("timeScale", &scenario->time_scale, 0, 1000);
+  root.Flag("bus", &scenario->bus);
   root.Object("agent", [&](ObjectReader& object) { ReadAgent(object, folder, &scenario->agent); });
   root.Object("client",
               [&](ObjectReader& object) { ReadClient(object, folder, &scenario->client); });
   ReadPackages(root, scenario);
   ReadModels(root, scenario);
+  root.Object("update", [&](ObjectReader& object) { ReadUpdate(object, &scenario->update); });
   ReadMethods(root, scenario);
 }
 
@@ -392,6 +407,15 @@ Scenario ReadScenario(std::string_view document, const std::string& name,
   return scenario;
 }
 
+Steps ReadStepsDocument(std::string_view document, const std::string& name) {
+  std::vector<Problem> problems;
+  const JsonNode tree = ParseJson(document, problems);
+  ThrowProblems(problems, name);
+  Steps steps = ReadSteps(Value(tree, "", problems), StepsFrom::kOutside);
+  ThrowProblems(problems, name);
+  return steps;
+}
+
 ScenarioSource FindScenario(const std::string& name) {
   if (!NamesFile(name)) {
     for (const ShippedScenario& shipped : ShippedScenarios()) {
@@ -410,6 +434,8 @@ ScenarioSource FindScenario(const std::string& name) {
   source.folder = std::filesystem::absolute(name).parent_path().string();
   return source;
 }
+
+std::optional<std::string> PackageVersion(const std::string& text) { return kVersion(text); }
 
 bool Matches(const std::string& pattern, const std::string& text) {
   return fnmatch(pattern.c_str(), text.c_str(), FNM_NOESCAPE) == 0;

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "json_tree.h"
+#include "steps.h"
 
 namespace sim {
 
@@ -86,6 +87,13 @@ struct Package {
   std::map<std::string, std::string> metadata;
 };
 
+/** When an agent that has ended is started again. */
+enum class Restart {
+  kNever,
+  kOnRequest,  // when it ended to be replaced
+  kAlways,     // also when it was killed
+};
+
 struct Agent {
   Package package;
   std::int32_t api_level = 11;
@@ -94,6 +102,13 @@ struct Agent {
   bool running = true;
   bool refuse = false;  // turns every client away
   bool kyr_disabled = false;
+  Restart restart = Restart::kOnRequest;
+};
+
+/** What the agent does when it is asked for an update. */
+struct Update {
+  Steps steps = UsualUpdate();
+  Steps recovery = UsualRecovery();  // by a new process, where it has died in the middle
 };
 
 /** Whom the command takes itself for. */
@@ -106,7 +121,9 @@ struct Client {
 struct Scenario {
   std::string description;
   double time_scale = 1;
+  bool bus = true;  // there is a session bus
   Agent agent;
+  Update update;
   Client client;
   std::vector<Package> packages;
   std::vector<Model> models;
@@ -151,6 +168,9 @@ struct ShippedScenario {
 
 /** All of them, sorted by name. */
 const std::vector<ShippedScenario>& ShippedScenarios();
+
+/** Says what is wrong with a package's version; nothing if it is right. */
+std::optional<std::string> PackageVersion(const std::string& text);
 
 /** Tells whether a text matches a pattern in which * stands for any text and ? for any character.
  */

@@ -7,11 +7,14 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
 
+#include "control.h"
 #include "parcel.h"
 
 namespace sim {
@@ -128,6 +131,26 @@ void World::Install(const Package& package) const {
         ("cannot install the package " + package.id).c_str());
 }
 
+std::string World::bus_address() const {
+  constexpr std::size_t kLongestPath = 100;
+  constexpr char kPlain[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-/.";
+  const std::string path = folder_ + "/bus";
+  if (path.size() > kLongestPath) {
+    return "unix:abstract=" + fs::path(folder_).filename().string();
+  }
+  std::string address = "unix:path=";
+  for (const char c : path) {
+    if (std::string_view(kPlain).find(c) != std::string_view::npos) {
+      address += c;
+    } else {
+      char escaped[4];
+      std::snprintf(escaped, sizeof escaped, "%%%02x", static_cast<unsigned char>(c));
+      address += escaped;
+    }
+  }
+  return address;
+}
+
 EnvironmentChanges World::ClientEnvironment(const Client& client) const {
   EnvironmentChanges changes;
   changes.set = {
@@ -136,6 +159,8 @@ EnvironmentChanges World::ClientEnvironment(const Client& client) const {
       {"VELMORA_APP_ID", client.id},
       {"VELMORA_APP_VERSION", client.version},
       {"VELMORA_APP_ROOT", client.root.empty() ? folder_ + "/app" : client.root},
+      {"DBUS_SESSION_BUS_ADDRESS", bus_address()},
+      {kControlVariable, control_file()},
   };
   return changes;
 }
@@ -144,11 +169,17 @@ EnvironmentChanges World::AgentEnvironment(const Agent& agent) const {
   const std::string xdg = folder_ + "/xdg";
   EnvironmentChanges changes;
   changes.set = {
-      {"VELMORA_RUNTIME_DIR", folder_ + "/run"}, {"VELMORA_PACKAGE_DIR", folder_ + "/packages"},
-      {"VELMORA_APP_ID", agent.package.id},      {"VELMORA_APP_VERSION", agent.package.version},
-      {"VELMORA_APP_ROOT", folder_ + "/app"},    {"XDG_CONFIG_HOME", xdg + "/config"},
-      {"XDG_DATA_HOME", xdg + "/data"},          {"XDG_CACHE_HOME", xdg + "/cache"},
-      {"XDG_STATE_HOME", xdg + "/state"},        {"XDG_RUNTIME_DIR", xdg + "/run"},
+      {"VELMORA_RUNTIME_DIR", folder_ + "/run"},
+      {"VELMORA_PACKAGE_DIR", folder_ + "/packages"},
+      {"VELMORA_APP_ID", agent.package.id},
+      {"VELMORA_APP_VERSION", agent.package.version},
+      {"VELMORA_APP_ROOT", folder_ + "/app"},
+      {"XDG_CONFIG_HOME", xdg + "/config"},
+      {"XDG_DATA_HOME", xdg + "/data"},
+      {"XDG_CACHE_HOME", xdg + "/cache"},
+      {"XDG_STATE_HOME", xdg + "/state"},
+      {"XDG_RUNTIME_DIR", xdg + "/run"},
+      {"DBUS_SESSION_BUS_ADDRESS", bus_address()},
   };
   changes.unset = {"VELMORA_LOG_FILE"};  // the client's
   return changes;

@@ -18,6 +18,9 @@ namespace sim {
  *   xdg/         the agent's home
  *   agent.log    what the agent prints
  *   agent.pid    the agent's process ID
+ *   bus          the session bus, with bus.conf, bus.log and bus.pid
+ *   control      where the agent takes steps from outside
+ *   journal      what the agent leaves for the process that follows it
  */
 class World {
  public:
@@ -34,6 +37,11 @@ class World {
   const std::string& folder() const { return folder_; }
   std::string log_file() const { return folder_ + "/agent.log"; }
   std::string pid_file() const { return folder_ + "/agent.pid"; }
+  std::string control_file() const { return folder_ + "/control"; }
+  std::string journal_file() const { return folder_ + "/journal"; }
+
+  /** Where the session bus is, whether there is one or not. */
+  std::string bus_address() const;
 
   /** What the command's environment has that this process's has not. */
   EnvironmentChanges ClientEnvironment(const Client& client) const;

@@ -37,7 +37,7 @@ void AgentWorld::Start() {
   setup.arguments = {"svcmgr-sim-agent", "agent", file_, "--folder", folder_.path()};
   setup.environment = world_->AgentEnvironment(scenario_.agent);
   setup.detached = true;
-  setup.extra = told.get();
+  setup.passed = {told.get()};
   sigprocmask(SIG_SETMASK, nullptr, &setup.signal_mask);
   sigaction(SIGCHLD, nullptr, &setup.child_action);
   agent_ = sim::StartChild(setup);

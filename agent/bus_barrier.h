@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef AGENT_BUS_BARRIER_H
+#define AGENT_BUS_BARRIER_H
+
+#include <string>
+
+namespace sim {
+
+/**
+ * Waits until everybody on the session bus but the owner of the name `own` has taken in what was sent
+ * there before the call. A peer that does not run its main loop is waited for no longer than two
+ * seconds.
+ *
+ * A process that ends right after an announcement would race with it: its clients hear of both on
+ * different sockets.
+ */
+void AwaitBusPeers(const std::string& own);
+
+}  // namespace sim
+
+#endif  // AGENT_BUS_BARRIER_H

@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "events.h"
+
+#include <app_event.h>
+#include <bundle.h>
+#include <dlog.h>
+
+#include <memory>
+
+#include "parcel.h"
+
+namespace sim {
+namespace {
+
+constexpr char kTag[] = "SVCMGR_SIM_AGENT";
+
+struct BundleFree {
+  void operator()(bundle* b) const { bundle_free(b); }
+};
+using Bundle = std::unique_ptr<bundle, BundleFree>;
+
+void AddList(bundle* data, const char* key, const std::vector<std::string>& texts) {
+  std::vector<const char*> pointers;
+  for (const std::string& text : texts) {
+    pointers.push_back(text.c_str());
+  }
+  Check(bundle_add_str_array(data, key, pointers.data(), static_cast<int>(pointers.size())),
+        "cannot add a list to an event");
+}
+
+Bundle BundleOf(const Broadcast& broadcast) {
+  Bundle data(bundle_create());
+  for (const auto& [key, text] : broadcast.texts) {
+    Check(bundle_add_str(data.get(), key.c_str(), text.c_str()), "cannot add a text to an event");
+  }
+  for (const auto& [key, texts] : broadcast.lists) {
+    AddList(data.get(), key.c_str(), texts);
+  }
+  for (const auto& [key, number] : broadcast.numbers) {
+    Check(bundle_add_byte(data.get(), key.c_str(), &number, sizeof number),
+          "cannot add a number to an event");
+  }
+  return data;
+}
+
+}  // namespace
+
+void Publish(const std::string& id, const Broadcast& broadcast,
+             const std::vector<std::string>& agents) {
+  const std::string name = "event." + id + "." + broadcast.event;
+  try {
+    const Bundle data = BundleOf(broadcast);
+    if (broadcast.names_agents) {
+      AddList(data.get(), "Start", agents.empty() ? std::vector<std::string>{id} : agents);
+    }
+    Check(event_publish_app_event(name.c_str(), data.get()), "cannot publish");
+    dlog_print(DLOG_DEBUG, kTag, "published %s", name.c_str());
+  } catch (const PlatformError& error) {
+    dlog_print(DLOG_WARN, kTag, "%s is lost: %s", name.c_str(), error.what());
+  }
+}
+
+}  // namespace sim
