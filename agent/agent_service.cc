@@ -4,6 +4,7 @@
 #include <dlog.h>
 #include <glib-unix.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <sys/signalfd.h>
 
 #include <algorithm>
@@ -42,40 +43,26 @@ bool Admits(const Model& model, const std::string& app_id) {
                                     [&](const auto& app) { return Matches(app, app_id); });
 }
 
-/** What model work reports where the scenario has no steps: start, middle and end of each model. */
-std::vector<ProgressStep> UsualProgress(std::int32_t models) {
-  constexpr std::int32_t kWorking = 1;
-  constexpr std::int32_t kDone = 2;
-  std::vector<ProgressStep> steps;
-  for (std::int32_t index = 1; index <= models; ++index) {
-    for (const std::int32_t percentage : {0, 50, 100}) {
-      ProgressStep step;
-      step.state = index == models && percentage == 100 ? kDone : kWorking;
-      step.index = index;
-      step.count = models;
-      step.percentage = percentage;
-      steps.push_back(step);
-    }
-  }
-  if (models == 0) {
-    steps.emplace_back().state = kDone;
-  }
-  return steps;
+std::string StoreFolder() {
+  const char* home = getenv("XDG_DATA_HOME");
+  return home == nullptr ? "" : std::string(home) + "/models";
 }
 
 }  // namespace
 
 AgentService::AgentService(const Scenario& scenario, UpdateRunner& updates)
-    : scenario_(scenario), updates_(updates) {
+    : scenario_(scenario), updates_(updates), store_(scenario, StoreFolder()) {
   Check(rpc_port_stub_create(&stub_, kPortName), "cannot make the port");
   rpc_port_desktop_stub_set_admission_cb(stub_, OnAdmission, this);
   rpc_port_stub_add_connected_event_cb(stub_, OnConnected, this);
   rpc_port_stub_add_disconnected_event_cb(stub_, OnDisconnected, this);
   rpc_port_stub_add_received_event_cb(stub_, OnReceived, this);
   deliveries_ = std::make_unique<DeliveryQueue>(stub_, scenario_.time_scale);
+  work_ = std::make_unique<ModelWork>(scenario_, store_, *deliveries_);
 }
 
 AgentService::~AgentService() {
+  work_.reset();
   deliveries_.reset();
   rpc_port_stub_destroy(stub_);
 }
@@ -118,6 +105,10 @@ void AgentService::Serve(const char* instance, rpc_port_h port) {
              MethodName(static_cast<int>(request.method)));
   const std::int32_t result = NextResult(request.method);
   const MethodScript& script = scenario_.Script(request.method);
+  if (IsModelWork(request.method) && !script.progress && result == 0) {
+    work_->Begin(instance, request);
+    return;
+  }
   const bool delegated = IsListQuery(request.method) || IsModelWork(request.method);
   deliveries_->Deliver(instance, delegated ? RPC_PORT_PORT_CALLBACK : RPC_PORT_PORT_MAIN, script,
                        Answer(request, result));
@@ -186,10 +177,10 @@ std::vector<TimedParcel> AgentService::AnswerProgress(const Request& request,
   std::vector<ProgressStep> steps;
   if (script.progress) {
     steps = *script.progress;
-  } else if (result == 0) {
-    steps = UsualProgress(static_cast<std::int32_t>(request.models.models.size()));
   } else {
-    steps.emplace_back().count = static_cast<std::int32_t>(request.models.models.size());
+    ProgressStep& refusal = steps.emplace_back();
+    refusal.state = kStateFailed;
+    refusal.count = static_cast<std::int32_t>(request.models.models.size());
   }
   std::vector<TimedParcel> messages;
   for (std::int32_t i = 0; i < script.repeat; ++i) {
@@ -204,10 +195,11 @@ std::vector<TimedParcel> AgentService::AnswerProgress(const Request& request,
 std::vector<ModelView> AgentService::Models(const Request& request) const {
   const bool described = request.method == Method::kGetUsableModelListWithDesc;
   std::vector<ModelView> models;
-  models.reserve(scenario_.models.size());
-  for (const Model& model : scenario_.models) {
-    if (Admits(model, request.app_id)) {
-      models.push_back({model.id.c_str(), model.versions.back().c_str(), model.title.c_str(),
+  models.reserve(store_.models().size());
+  for (const StoredModel& stored : store_.models()) {
+    const Model& model = *stored.model;
+    if (!stored.versions.empty() && Admits(model, request.app_id)) {
+      models.push_back({model.id.c_str(), stored.versions.back().c_str(), model.title.c_str(),
                         described ? model.description.c_str() : ""});
     }
   }
@@ -216,11 +208,12 @@ std::vector<ModelView> AgentService::Models(const Request& request) const {
 
 std::vector<ModelView> AgentService::Versions(const Request& request) const {
   std::vector<ModelView> versions;
-  for (const Model& model : scenario_.models) {
+  for (const StoredModel& stored : store_.models()) {
+    const Model& model = *stored.model;
     if (model.id != request.model.id || !Admits(model, request.app_id)) {
       continue;
     }
-    for (const std::string& version : model.versions) {
+    for (const std::string& version : stored.versions) {
       versions.push_back(
           {model.id.c_str(), version.c_str(), model.title.c_str(), model.description.c_str()});
     }

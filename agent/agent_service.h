@@ -11,6 +11,8 @@
 
 #include "delivery.h"
 #include "messages.h"
+#include "model_store.h"
+#include "model_work.h"
 #include "scenario.h"
 #include "update_runner.h"
 
@@ -57,6 +59,8 @@ class AgentService {
   std::array<std::size_t, kMethodCount> calls_{};
   rpc_port_stub_h stub_ = nullptr;
   std::unique_ptr<DeliveryQueue> deliveries_;
+  ModelStore store_;
+  std::unique_ptr<ModelWork> work_;
 };
 
 /** The exit status of an agent that wants a new process in its place. */

@@ -35,6 +35,8 @@ const std::vector<std::pair<const char*, Fault>> kFaults = {
 };
 
 constexpr std::int32_t kLongestDelay = 600000;
+constexpr std::int32_t kLargestModel = 1 << 30;
+constexpr std::int32_t kMostParts = 1000;
 constexpr std::int32_t kMostGenerated = 100000;
 constexpr std::int32_t kMostRepeats = 10000;
 constexpr std::size_t kLongestName = 200;
@@ -210,9 +212,18 @@ void ReadModel(ObjectReader& object, Model* model) {
   object.Text("id", &model->id, NotEmpty);
   object.Text("title", &model->title);
   object.Text("description", &model->description);
-  if (object.Texts("versions", &model->versions, NotEmpty) && model->versions.empty()) {
+  const bool installed = object.Texts("versions", &model->versions, NotEmpty);
+  object.Texts("available", &model->available, NotEmpty);
+  if (installed && model->versions.empty() && model->available.empty()) {
     object.value().Refuse("\"versions\" must name at least one version");
   }
+  for (const std::string& version : model->available) {
+    if (std::find(model->versions.begin(), model->versions.end(), version) !=
+        model->versions.end()) {
+      object.value().Refuse("\"available\" names the installed version \"" + version + "\"");
+    }
+  }
+  object.Integer("size", &model->size, 0, kLargestModel);
   ReadPatterns(object, "apps", &model->apps);
   object.Require("id");
   object.Require("versions");
@@ -280,6 +291,35 @@ void ReadProgress(ObjectReader& object, MethodScript* script) {
   }
 }
 
+void ReadWorkPoint(ObjectReader& object, const char* key, bool fails,
+                   std::optional<WorkPoint>* out) {
+  WorkPoint point;
+  const bool present = object.Object(key, [&](ObjectReader& entry) {
+    entry.Integer("model", &point.model, 1);
+    entry.Integer("percentage", &point.percentage, 0, 100);
+    if (fails) {
+      entry.Integer("result", &point.result);
+    }
+  });
+  if (present) {
+    *out = point;
+  }
+}
+
+void ReadWork(ObjectReader& object, MethodScript* script) {
+  ReadProgress(object, script);
+  object.Integer("parts", &script->parts, 1, kMostParts);
+  object.Integer("pace", &script->pace, 0, kLongestDelay);
+  object.Choice<Reported>("report", &script->report,
+                          {{"all", Reported::kAll},
+                           {"ends", Reported::kEnds},
+                           {"last", Reported::kLast},
+                           {"no-last", Reported::kNoLast},
+                           {"swapped", Reported::kSwapped}});
+  ReadWorkPoint(object, "failAt", true, &script->fail_at);
+  ReadWorkPoint(object, "stopAt", false, &script->stop_at);
+}
+
 bool IsOneOf(Method method, std::initializer_list<Method> methods) {
   return std::find(methods.begin(), methods.end(), method) != methods.end();
 }
@@ -309,7 +349,7 @@ void ReadMethod(ObjectReader& object, Method method, MethodScript* script) {
     object.Integer("arrayCount", &script->array_count);
   }
   if (works) {
-    ReadProgress(object, script);
+    ReadWork(object, script);
   }
 }
 
@@ -333,6 +373,17 @@ void ReadRoot(ObjectReader& root, const std::string& folder, Scenario* scenario)
               [&](ObjectReader& object) { ReadClient(object, folder, &scenario->client); });
   ReadPackages(root, scenario);
   ReadModels(root, scenario);
+  if (root.Text("repository", &scenario->repository, NotEmpty)) {
+    const auto path = std::filesystem::path(folder) / scenario->repository;
+    scenario->repository = path.lexically_normal().string();
+    if (scenario->repository.front() != '/') {
+      root.value().Refuse("\"repository\" must be an absolute path in a scenario that ships");
+    }
+  }
+  std::int32_t space = 0;
+  if (root.Integer("space", &space, 0)) {
+    scenario->space = space;
+  }
   root.Object("update", [&](ObjectReader& object) { ReadUpdate(object, &scenario->update); });
   ReadMethods(root, scenario);
 }

@@ -59,6 +59,22 @@ struct ProgressStep {
   std::int32_t delay = 0;              // milliseconds before this step
 };
 
+/** A point of model work: a model of the request, counting from 1, and how far it is done. */
+struct WorkPoint {
+  std::int32_t model = 1;
+  std::int32_t percentage = 0;
+  std::int32_t result = 1;  // where the work fails there
+};
+
+/** Which of its progress messages model work sends. */
+enum class Reported {
+  kAll,
+  kEnds,     // the first and the last of each model
+  kLast,     // the very last
+  kNoLast,   // all but the very last
+  kSwapped,  // each two in the wrong order
+};
+
 /** How one method is answered. */
 struct MethodScript {
   std::vector<std::int32_t> results;  // one per call, the last one for all further calls
@@ -70,13 +86,20 @@ struct MethodScript {
   std::optional<std::int32_t> count;        // sent in place of the list's count field
   std::optional<std::int32_t> array_count;  // sent in place of the list's own length
   std::optional<std::vector<ProgressStep>> progress;
+  std::int32_t parts = 2;  // that the work on one model is done in
+  std::int32_t pace = 0;   // milliseconds between them
+  Reported report = Reported::kAll;
+  std::optional<WorkPoint> fail_at;
+  std::optional<WorkPoint> stop_at;
 };
 
 struct Model {
   std::string id;
   std::string title;
   std::string description;
-  std::vector<std::string> versions;             // oldest first; the last one is the usable one
+  std::vector<std::string> versions;             // installed, oldest first; the last is usable
+  std::vector<std::string> available;            // further versions, not installed, newer
+  std::int32_t size = 65536;                     // bytes of each version
   std::optional<std::vector<std::string>> apps;  // patterns of application IDs; absent: all
 };
 
@@ -127,6 +150,8 @@ struct Scenario {
   Client client;
   std::vector<Package> packages;
   std::vector<Model> models;
+  std::string repository;             // absolute folder of the versions' content; empty: made up
+  std::optional<std::int32_t> space;  // bytes that installed versions may take; absent: any number
   std::array<MethodScript, kMethodCount> methods;
 
   const MethodScript& Script(Method method) const {
