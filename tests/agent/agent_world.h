@@ -25,6 +25,8 @@ class AgentWorld {
   /** Ends the agent and starts another in the same world. */
   void Restart();
 
+  const std::string& folder() const { return world_->folder(); }
+
   /** Waits for an agent that ends by itself, and tells how (as waitpid does). */
   int AwaitEnd();
 

@@ -61,7 +61,7 @@ Parcel AskWork(int method, int seq, const std::vector<const char*>& models) {
   Parcel request = Ask(method, seq);
   request.Count(static_cast<int>(models.size()));
   for (const char* model : models) {
-    request.Text(model).Text("1").Text("t").Text("d");
+    request.Text(model).Text("").Text("t").Text("d");
   }
   request.Int(static_cast<int>(models.size()));
   return request;
@@ -229,7 +229,7 @@ TEST_F(AnAgent, IsDoneAtOnceWithNoModels) {
 TEST_F(AnAgent, ReportsAFailedUpdateOnce) {
   Begin(WithMethod("RequestToUpdate", "\"result\": 5"));
   client_->Send(AskWork(8, 1, {"a", "b"}));
-  ExpectProgress(8, 1, {5, 0, 0, 2, 0});
+  ExpectProgress(8, 1, {5, 3, 0, 2, 0});
   client_->Send(AskWork(9, 2, {}));
   ExpectProgress(9, 2, {0, 2, 0, 0, 0});
 }
@@ -264,9 +264,9 @@ TEST_F(AnAgent, SaysThatKyrIsDisabled) {
   client_->Send(AskVersions(2, "m"));
   ExpectEmptyList(3, 2, 8);
   client_->Send(AskWork(8, 3, {"m"}));
-  ExpectProgress(8, 3, {8, 0, 0, 1, 0});
+  ExpectProgress(8, 3, {8, 3, 0, 1, 0});
   client_->Send(AskWork(9, 4, {"m"}));
-  ExpectProgress(9, 4, {8, 0, 0, 1, 0});
+  ExpectProgress(9, 4, {8, 3, 0, 1, 0});
 }
 
 TEST_F(AnAgent, GivesOneResultAfterTheOther) {

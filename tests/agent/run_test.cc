@@ -128,7 +128,10 @@ TEST_F(ARun, PassesInputAndOutputs) {
 TEST_F(ARun, AddsItsOwnToTheEnvironmentAndNothingElse) {
   setenv("VELMORA_APP_ID", "from.outside", 1);
   setenv("XDG_RUNTIME_DIR", "/from/outside", 1);
-  const auto is_own = [](const std::string& entry) { return entry.rfind("VELMORA_", 0) == 0; };
+  const auto is_own = [](const std::string& entry) {
+    return entry.rfind("VELMORA_", 0) == 0 || entry.rfind("DBUS_SESSION_BUS_ADDRESS=", 0) == 0 ||
+           entry.rfind("SVCMGR_SIM_CONTROL=", 0) == 0;
+  };
   std::set<std::string> difference;  // to be emptied by what the command sees
   for (char** entry = environ; *entry != nullptr; ++entry) {
     if (!is_own(*entry)) {
@@ -145,7 +148,8 @@ TEST_F(ARun, AddsItsOwnToTheEnvironmentAndNothingElse) {
     }
   }
   EXPECT_THAT(difference, IsEmpty());
-  EXPECT_THAT(own, testing::ElementsAre("VELMORA_APP_ID", "VELMORA_APP_ROOT", "VELMORA_APP_VERSION",
+  EXPECT_THAT(own, testing::ElementsAre("DBUS_SESSION_BUS_ADDRESS", "SVCMGR_SIM_CONTROL",
+                                        "VELMORA_APP_ID", "VELMORA_APP_ROOT", "VELMORA_APP_VERSION",
                                         "VELMORA_PACKAGE_DIR", "VELMORA_RUNTIME_DIR"));
 }
 
@@ -287,8 +291,9 @@ TEST_F(ARun, LeavesNothingWhenItIsKilledWhileItStarts) {
     }
     return false;
   };
-  for (const char* sign : {"", "run", "packages/com.velmora.svcmgr.package", "scenario.json",
-                           "agent.log", "agent.pid", "run/com.velmora.svcmgr:SvcMgrAppPort"}) {
+  for (const char* sign :
+       {"", "run", "packages/com.velmora.svcmgr.package", "bus.conf", "bus.pid", "scenario.json",
+        "control", "agent.log", "agent.pid", "run/com.velmora.svcmgr:SvcMgrAppPort"}) {
     SimProcess process({"run", "demo", "--", SIM_COMMAND, "hold"});
     while (!world_holds(sign)) {
       sched_yield();
@@ -501,7 +506,7 @@ TEST_F(ACall, ForTheVersionPrintsIt) {
 TEST_F(ACall, ForTheListNamesEachScenarioWithALine) {
   const Finished call = RunSim({"list"});
   EXPECT_EQ(call.status, 0);
-  EXPECT_THAT(call.output, HasSubstr("\ndemo               a well-behaved agent"));
+  EXPECT_THAT(call.output, HasSubstr("\ndemo                  a well-behaved agent"));
   for (const std::string& line : Lines(call.output)) {
     EXPECT_THAT(line, ContainsRegex("^[a-z-]+  +[a-z]"));
   }

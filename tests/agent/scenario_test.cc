@@ -227,11 +227,11 @@ const Refusal kRefusals[] = {
      "file.json:1:15: /timeScale: must be a number, not a text"},
     // Keys.
     {"UnknownKey", "{\n  \"agnet\": {}\n}",
-     "file.json:2:3: /agnet: unknown key \"agnet\"; allowed here: description, timeScale, agent, "
-     "client, packages, models, generate, methods"},
+     "file.json:2:3: /agnet: unknown key \"agnet\"; allowed here: description, timeScale, bus, "
+     "agent, client, packages, models, generate, repository, space, update, methods"},
     {"UnknownAgentKey", "{\"agent\": {\"name\": 1}}",
      "file.json:1:12: /agent/name: unknown key \"name\"; allowed here: id, version, clients, "
-     "metadata, apiLevel, licence, licenceFile, installed, running, refuse, kyr"},
+     "metadata, apiLevel, licence, licenceFile, installed, running, refuse, kyr, restart"},
     {"UnknownMethod", "{\"methods\": {\"getLicense\": {}}}",
      "file.json:1:14: /methods/getLicense: unknown key \"getLicense\"; allowed here: "
      "get_agent_api_level, get_license, request_update, GetUsableModelList, "
@@ -334,7 +334,8 @@ INSTANTIATE_TEST_SUITE_P(Each, AWrongScenario, testing::ValuesIn(kRefusals),
 TEST(AWrongScenarioWithTwoFaults, IsRefusedWithBothInTheirOrder) {
   EXPECT_EQ(Complaint("{\"unknown\": 1,\n \"agent\": {\"running\": 1}}"),
             "file.json:1:2: /unknown: unknown key \"unknown\"; allowed here: description, "
-            "timeScale, agent, client, packages, models, generate, methods\n"
+            "timeScale, bus, agent, client, packages, models, generate, repository, space, "
+            "update, methods\n"
             "file.json:2:23: /agent/running: must be true or false, not a whole number");
 }
 
@@ -349,7 +350,7 @@ TEST(AScenariosPlaces, AreRightAfterEveryKindOfValue) {
   EXPECT_EQ(Complaint("{\"agent\": {\"apiLevel\" : 12 ,\n\"running\":true\t,\n\n"
                       "  \"licence\":\"\\u00e4\\\\\" , \"clients\":[ \"a\" ,\"b\"] , \"x\" : {}}}"),
             "file.json:4:50: /agent/x: unknown key \"x\"; allowed here: id, version, clients, "
-            "metadata, apiLevel, licence, licenceFile, installed, running, refuse, kyr");
+            "metadata, apiLevel, licence, licenceFile, installed, running, refuse, kyr, restart");
 }
 
 /** The words that a complaint lists behind a text. */
@@ -387,6 +388,10 @@ TEST(TheGuideToScenarios, NamesEveryKeyAndWord) {
   add(allowed, R"({"methods": {"GetUsableModelList": {"?": 1}}})");
   add(allowed, R"({"methods": {"RequestToUpdate": {"?": 1}}})");
   add(allowed, R"({"methods": {"RequestToUpdate": {"progress": [{"?": 1}]}}})");
+  add(allowed, R"({"methods": {"RequestToUpdate": {"failAt": {"?": 1}}}})");
+  add(allowed, R"({"update": {"?": 1}})");
+  add(allowed, R"({"update": {"steps": [{"restart": true, "?": 1}]}})");
+  add("is not one of: ", R"({"methods": {"RequestToUpdate": {"report": "?"}}})");
   add("is not one of: ", R"({"methods": {"get_license": {"fault": "?"}}})");
   EXPECT_GT(words.size(), 60u);
   for (const std::string& word : words) {
