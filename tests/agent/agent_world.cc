@@ -55,6 +55,11 @@ void AgentWorld::Restart() {
   Start();
 }
 
+void AgentWorld::Kill() {
+  kill(agent_, SIGKILL);
+  AwaitEnd();
+}
+
 void AgentWorld::End() {
   if (agent_ > 0) {
     kill(agent_, SIGTERM);

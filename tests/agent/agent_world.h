@@ -27,6 +27,9 @@ class AgentWorld {
 
   const std::string& folder() const { return world_->folder(); }
 
+  /** Kills the agent. */
+  void Kill();
+
   /** Waits for an agent that ends by itself, and tells how (as waitpid does). */
   int AwaitEnd();
 

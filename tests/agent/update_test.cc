@@ -62,9 +62,13 @@ class AnUpdate : public testing::Test {
 };
 
 TEST_F(AnUpdate, TakesTheAgentThroughItsOwnRestart) {
-  EXPECT_THAT(Hear("update-self", 4, "request"),
-              ElementsAre(kStart, "reply 0", "agent_status Update", "agent_status Launch",
-                          "update_status Complete"));
+  // The reply comes on another socket.
+  auto lines = Hear("update-self", 4, "request");
+  const auto reply = std::find(lines.begin(), lines.end(), "reply 0");
+  ASSERT_NE(reply, lines.end());
+  lines.erase(reply);
+  EXPECT_THAT(lines, ElementsAre(kStart, "agent_status Update", "agent_status Launch",
+                                 "update_status Complete"));
 }
 
 TEST_F(AnUpdate, LeavesANewProcessAndANewVersion) {
@@ -139,7 +143,7 @@ TEST_F(AnUpdate, IsTakenUpAfterSigkillAtEachOfItsSteps) {
                 "{\"wait\": 600000}]}}",
             events,
             "\"$SIM\" send '{\"update\": true}' 2>/dev/null & until grep -q '\"next\":" +
-                std::to_string(stop + 1) +
+                std::to_string(stop) +
                 "' journal; do :; done; until "
                 "kill -KILL $(cat agent.pid); do :; done; wait $!; test $? = 1 && "
                 "until grep -q '\"entries\":\\[\\]' journal; do :; done; "
