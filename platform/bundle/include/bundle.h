@@ -24,31 +24,31 @@ extern "C" {
 typedef struct _bundle_t bundle;
 
 /** Makes an empty bundle, released with bundle_free; null when memory is exhausted. */
-bundle *bundle_create(void);
+bundle* bundle_create(void);
 
 /** Releases a bundle and all that it holds. */
-int bundle_free(bundle *b);
+int bundle_free(bundle* b);
 
 /** Adds a copy of a text. Fails if the key exists. */
-int bundle_add_str(bundle *b, const char *key, const char *str);
+int bundle_add_str(bundle* b, const char* key, const char* str);
 
 /** Borrows the text under a key. */
-int bundle_get_str(bundle *b, const char *key, char **str);
+int bundle_get_str(bundle* b, const char* key, char** str);
 
 /** Adds a copy of `size` bytes, which may be none. Fails if the key exists. */
-int bundle_add_byte(bundle *b, const char *key, const void *byte, const size_t size);
+int bundle_add_byte(bundle* b, const char* key, const void* byte, const size_t size);
 
 /** Borrows the bytes under a key, never null; `size` receives their number. */
-int bundle_get_byte(bundle *b, const char *key, void **byte, size_t *size);
+int bundle_get_byte(bundle* b, const char* key, void** byte, size_t* size);
 
 /**
  * Adds a copy of an array of `len` texts, which may be empty. Fails with -22 if `len` is negative or an
  * element null, and if the key exists.
  */
-int bundle_add_str_array(bundle *b, const char *key, const char **str_array, const int len);
+int bundle_add_str_array(bundle* b, const char* key, const char** str_array, const int len);
 
 /** Borrows the array of texts under a key; null, with `len` untouched, if there is none. */
-const char **bundle_get_str_array(bundle *b, const char *key, int *len);
+const char** bundle_get_str_array(bundle* b, const char* key, int* len);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

@@ -21,13 +21,13 @@ extern "C" {
  * `*bytes` is then not null either. Returns 0, -22 for a null argument or if a key or a text is not
  * UTF-8, -12 when memory is exhausted.
  */
-int bundle_desktop_encode(bundle *b, unsigned char **bytes, size_t *size);
+int bundle_desktop_encode(bundle* b, unsigned char** bytes, size_t* size);
 
 /**
  * Reads a bundle back, released with bundle_free. Null if the bytes, which anybody may have sent, are
  * not exactly one bundle.
  */
-bundle *bundle_desktop_decode(const unsigned char *bytes, size_t size);
+bundle* bundle_desktop_decode(const unsigned char* bytes, size_t size);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

@@ -23,22 +23,22 @@ extern "C" {
  * The calling application's ID; the caller releases the text with free. Returns -22 for a null
  * argument, -12 when memory is exhausted.
  */
-int app_get_id(char **id);
+int app_get_id(char** id);
 
 /** The calling application's version; ownership and errors as for app_get_id. */
-int app_get_version(char **version);
+int app_get_version(char** version);
 
 /**
  * The folder of the calling application's resources, which ends in "/res/" and need not exist; the
  * caller releases the text with free. Null when memory is exhausted.
  */
-char *app_get_resource_path(void);
+char* app_get_resource_path(void);
 
 /**
  * The text of a platform error code, "Unknown error" for a code that has none: static, never null,
  * not to be written to or released.
  */
-char *get_error_message(int code);
+char* get_error_message(int code);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

@@ -17,11 +17,11 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 /** What is known of one installed application; a snapshot that later installations do not change. */
-typedef struct app_info_s *app_info_h;
+typedef struct app_info_s* app_info_h;
 
 /** Called for each metadata entry; the texts are borrowed. False ends the iteration. */
-typedef bool (*app_info_metadata_cb)(const char *metadata_key, const char *metadata_value,
-                                     void *user_data);
+typedef bool (*app_info_metadata_cb)(const char* metadata_key, const char* metadata_value,
+                                     void* user_data);
 
 /**
  * Looks an application up; the caller releases the handle with app_info_destroy. Every installation or
@@ -30,7 +30,7 @@ typedef bool (*app_info_metadata_cb)(const char *metadata_key, const char *metad
  * Returns -22 if no such application is installed, -12 when memory is exhausted, another negative code
  * if the installed packages cannot be read; the handle is then left untouched.
  */
-int app_info_create(const char *app_id, app_info_h *app_info);
+int app_info_create(const char* app_id, app_info_h* app_info);
 
 /** Releases a handle. */
 int app_info_destroy(app_info_h app_info);
@@ -39,7 +39,7 @@ int app_info_destroy(app_info_h app_info);
  * Calls `callback` for each metadata entry of the application, in its stored order. The callback must
  * not let an exception out.
  */
-int app_info_foreach_metadata(app_info_h app_info, app_info_metadata_cb callback, void *user_data);
+int app_info_foreach_metadata(app_info_h app_info, app_info_metadata_cb callback, void* user_data);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

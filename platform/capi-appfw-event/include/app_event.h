@@ -23,7 +23,7 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 /** A subscription. */
-typedef struct event_handler *event_handler_h;
+typedef struct event_handler* event_handler_h;
 
 /**
  * Called on the default GLib main context for each event of a subscribed name.
@@ -31,7 +31,7 @@ typedef struct event_handler *event_handler_h;
  * `event_name` and `event_data` are borrowed for the duration of the call. The callback must not let an
  * exception out.
  */
-typedef void (*event_cb)(const char *event_name, bundle *event_data, void *user_data);
+typedef void (*event_cb)(const char* event_name, bundle* event_data, void* user_data);
 
 /**
  * Subscribes to the events of one name, from those on that are sent after the call. `event_handler`
@@ -40,8 +40,8 @@ typedef void (*event_cb)(const char *event_name, bundle *event_data, void *user_
  * If the bus goes away later, the subscription stays and is quiet. The next subscription or publication
  * looks for a bus again, and subscriptions made before then take part in it.
  */
-int event_add_event_handler(const char *event_name, event_cb callback, void *user_data,
-                            event_handler_h *event_handler);
+int event_add_event_handler(const char* event_name, event_cb callback, void* user_data,
+                            event_handler_h* event_handler);
 
 /**
  * Ends a subscription; legal inside the handler itself, which is then not called again. Another thread
@@ -54,7 +54,7 @@ int event_remove_event_handler(event_handler_h event_handler);
  * returns. Its texts must be UTF-8, and it may take up to 1 MiB as bytes. The caller's process owns the
  * package's name on the bus from then on; -13 if another process does.
  */
-int event_publish_app_event(const char *event_name, bundle *event_data);
+int event_publish_app_event(const char* event_name, bundle* event_data);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

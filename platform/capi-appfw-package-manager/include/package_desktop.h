@@ -44,17 +44,17 @@ extern "C" {
  * Returns -22 if the text is not a valid package description or the ID cannot be a file name, -5 if
  * the folder cannot be written.
  */
-int package_desktop_install(const char *dir, const char *package_id, const char *key_file);
+int package_desktop_install(const char* dir, const char* package_id, const char* key_file);
 
 /** Removes a package from the folder `dir`. Returns -22 if it is not there. */
-int package_desktop_remove(const char *dir, const char *package_id);
+int package_desktop_remove(const char* dir, const char* package_id);
 
 /**
  * Asks whether the application `client` may connect to the ports of the application `server`.
  * Returns -22 if no such server application is installed, -13 if it does not admit the client. A
  * package without application groups has one application, whose ID is the package's.
  */
-int package_desktop_check_client(const char *server, const char *client);
+int package_desktop_check_client(const char* server, const char* client);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

@@ -13,7 +13,7 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 /** Called for each package; the handle is borrowed. False ends the iteration. */
-typedef bool (*package_manager_package_info_cb)(package_info_h package_info, void *user_data);
+typedef bool (*package_manager_package_info_cb)(package_info_h package_info, void* user_data);
 
 /**
  * Calls `callback` for each package that is installed when the call begins, ordered by package ID. The
@@ -22,7 +22,7 @@ typedef bool (*package_manager_package_info_cb)(package_info_h package_info, voi
  * Returns 0, -22 for a null callback, -12 when memory is exhausted, another negative code if the
  * installed packages cannot be read. May be called from any thread.
  */
-int package_manager_foreach_package_info(package_manager_package_info_cb callback, void *user_data);
+int package_manager_foreach_package_info(package_manager_package_info_cb callback, void* user_data);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

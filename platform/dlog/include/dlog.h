@@ -45,7 +45,7 @@ typedef enum {
  * error code: -22 for a null argument, a priority that no record has, or a conversion that fails, -5 if
  * the sink refuses, -12 when memory is exhausted. errno stays as it was. Callable from any thread.
  */
-int dlog_print(log_priority prio, const char *tag, const char *fmt, ...)
+int dlog_print(log_priority prio, const char* tag, const char* fmt, ...)
     __attribute__((format(printf, 3, 4)));
 
 #pragma GCC visibility pop

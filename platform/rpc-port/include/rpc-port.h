@@ -29,10 +29,10 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-typedef void *rpc_port_h;
-typedef void *rpc_port_proxy_h;
-typedef void *rpc_port_stub_h;
-typedef void *rpc_port_parcel_h;
+typedef void* rpc_port_h;
+typedef void* rpc_port_proxy_h;
+typedef void* rpc_port_stub_h;
+typedef void* rpc_port_parcel_h;
 
 /** The two streams of a connection. */
 typedef enum { RPC_PORT_PORT_MAIN, RPC_PORT_PORT_CALLBACK } rpc_port_port_type_e;
@@ -50,7 +50,7 @@ typedef enum { RPC_PORT_PORT_MAIN, RPC_PORT_PORT_CALLBACK } rpc_port_port_type_e
  */
 
 /** Makes an empty parcel, released with rpc_port_parcel_destroy. */
-int rpc_port_parcel_create(rpc_port_parcel_h *h);
+int rpc_port_parcel_create(rpc_port_parcel_h* h);
 
 /**
  * Blocks for one whole message and makes a parcel of it, which the caller releases with
@@ -59,7 +59,7 @@ int rpc_port_parcel_create(rpc_port_parcel_h *h);
  * Returns -5 if the peer is gone, has sent a message of impossible size, or if the port's proxy or
  * connection is destroyed meanwhile; -22 if it was destroyed before.
  */
-int rpc_port_parcel_create_from_port(rpc_port_parcel_h *h, rpc_port_h port);
+int rpc_port_parcel_create_from_port(rpc_port_parcel_h* h, rpc_port_h port);
 
 /**
  * Sends the parcel as one whole message; it may be sent again. A client waits for a server that is
@@ -78,40 +78,40 @@ int rpc_port_parcel_destroy(rpc_port_parcel_h h);
 /* Writers append to the parcel. */
 int rpc_port_parcel_write_int32(rpc_port_parcel_h h, int i);
 int rpc_port_parcel_write_bool(rpc_port_parcel_h h, bool b);
-int rpc_port_parcel_write_string(rpc_port_parcel_h h, const char *str);
+int rpc_port_parcel_write_string(rpc_port_parcel_h h, const char* str);
 /** The number of elements that follow. Neither written nor read counts are checked. */
 int rpc_port_parcel_write_array_count(rpc_port_parcel_h h, int count);
 /* Readers go on behind what was read last. */
-int rpc_port_parcel_read_int32(rpc_port_parcel_h h, int *i);
-int rpc_port_parcel_read_bool(rpc_port_parcel_h h, bool *b);
+int rpc_port_parcel_read_int32(rpc_port_parcel_h h, int* i);
+int rpc_port_parcel_read_bool(rpc_port_parcel_h h, bool* b);
 /** The text is a copy that the caller releases with free. */
-int rpc_port_parcel_read_string(rpc_port_parcel_h h, char **str);
-int rpc_port_parcel_read_array_count(rpc_port_parcel_h h, int *count);
+int rpc_port_parcel_read_string(rpc_port_parcel_h h, char** str);
+int rpc_port_parcel_read_array_count(rpc_port_parcel_h h, int* count);
 
 /* Client side. */
 
 /** Both streams stand and the server has accepted; `port` is the main port. */
-typedef void (*rpc_port_proxy_connected_event_cb)(const char *endpoint, const char *port_name,
-                                                  rpc_port_h port, void *data);
+typedef void (*rpc_port_proxy_connected_event_cb)(const char* endpoint, const char* port_name,
+                                                  rpc_port_h port, void* data);
 /**
  * The server is gone, also before it has accepted; comes once, behind all messages that it had sent
  * on the callback port. Replies that had arrived on the main port can
  * still be read.
  */
-typedef void (*rpc_port_proxy_disconnected_event_cb)(const char *endpoint, const char *port_name,
-                                                     void *data);
+typedef void (*rpc_port_proxy_disconnected_event_cb)(const char* endpoint, const char* port_name,
+                                                     void* data);
 /** The server refused the client; no other event comes. */
-typedef void (*rpc_port_proxy_rejected_event_cb)(const char *endpoint, const char *port_name,
-                                                 void *data);
+typedef void (*rpc_port_proxy_rejected_event_cb)(const char* endpoint, const char* port_name,
+                                                 void* data);
 /**
  * A whole message waits on the callback port, to be taken with rpc_port_parcel_create_from_port.
  * One that is left behind is dropped.
  */
-typedef void (*rpc_port_proxy_received_event_cb)(const char *endpoint, const char *port_name,
-                                                 void *data);
+typedef void (*rpc_port_proxy_received_event_cb)(const char* endpoint, const char* port_name,
+                                                 void* data);
 
 /** Makes a proxy, released with rpc_port_proxy_destroy. It serves for one connection. */
-int rpc_port_proxy_create(rpc_port_proxy_h *h);
+int rpc_port_proxy_create(rpc_port_proxy_h* h);
 
 /**
  * Ends the connection and releases the proxy. Legal inside any of the proxy's own callbacks. The
@@ -131,38 +131,38 @@ int rpc_port_proxy_destroy(rpc_port_proxy_h h);
  * its sockets should be is not this user's own; -5 if it is not running or has
  * stopped accepting.
  */
-int rpc_port_proxy_connect(rpc_port_proxy_h h, const char *appid, const char *port);
+int rpc_port_proxy_connect(rpc_port_proxy_h h, const char* appid, const char* port);
 
 /* Adding a callback to an event: -22 if it is null. It is called with `data` as its last argument.
  */
 int rpc_port_proxy_add_connected_event_cb(rpc_port_proxy_h h, rpc_port_proxy_connected_event_cb cb,
-                                          void *data);
+                                          void* data);
 int rpc_port_proxy_add_disconnected_event_cb(rpc_port_proxy_h h,
-                                             rpc_port_proxy_disconnected_event_cb cb, void *data);
+                                             rpc_port_proxy_disconnected_event_cb cb, void* data);
 int rpc_port_proxy_add_rejected_event_cb(rpc_port_proxy_h h, rpc_port_proxy_rejected_event_cb cb,
-                                         void *data);
+                                         void* data);
 int rpc_port_proxy_add_received_event_cb(rpc_port_proxy_h h, rpc_port_proxy_received_event_cb cb,
-                                         void *data);
+                                         void* data);
 
 /** Borrows one of the proxy's ports. Returns -5 before the connection stands. */
-int rpc_port_proxy_get_port(rpc_port_proxy_h h, rpc_port_port_type_e type, rpc_port_h *port);
+int rpc_port_proxy_get_port(rpc_port_proxy_h h, rpc_port_port_type_e type, rpc_port_h* port);
 
 /* Server side. `sender` is the client's application ID, `instance` names one connection. */
 
-typedef void (*rpc_port_stub_connected_event_cb)(const char *sender, const char *instance,
-                                                 void *data);
-typedef void (*rpc_port_stub_disconnected_event_cb)(const char *sender, const char *instance,
-                                                    void *data);
+typedef void (*rpc_port_stub_connected_event_cb)(const char* sender, const char* instance,
+                                                 void* data);
+typedef void (*rpc_port_stub_disconnected_event_cb)(const char* sender, const char* instance,
+                                                    void* data);
 /**
  * A whole request waits on the main port, to be taken with rpc_port_parcel_create_from_port. One
  * that is left behind is dropped. A non-zero result ends the connection, and what has not been sent
  * yet is lost.
  */
-typedef int (*rpc_port_stub_received_event_cb)(const char *sender, const char *instance,
-                                               rpc_port_h port, void *data);
+typedef int (*rpc_port_stub_received_event_cb)(const char* sender, const char* instance,
+                                               rpc_port_h port, void* data);
 
 /** Makes a stub for a port of the calling application, released with rpc_port_stub_destroy. */
-int rpc_port_stub_create(rpc_port_stub_h *h, const char *port_name);
+int rpc_port_stub_create(rpc_port_stub_h* h, const char* port_name);
 
 /**
  * Ends all connections of the stub and releases it; legal inside any of its own callbacks, of which
@@ -178,15 +178,15 @@ int rpc_port_stub_listen(rpc_port_stub_h h);
 
 /* Adding a callback to an event, as for a proxy. */
 int rpc_port_stub_add_connected_event_cb(rpc_port_stub_h h, rpc_port_stub_connected_event_cb cb,
-                                         void *data);
+                                         void* data);
 int rpc_port_stub_add_disconnected_event_cb(rpc_port_stub_h h,
-                                            rpc_port_stub_disconnected_event_cb cb, void *data);
+                                            rpc_port_stub_disconnected_event_cb cb, void* data);
 int rpc_port_stub_add_received_event_cb(rpc_port_stub_h h, rpc_port_stub_received_event_cb cb,
-                                        void *data);
+                                        void* data);
 
 /** Borrows one of the ports of a connection. Returns -22 if there is no such connection. */
-int rpc_port_stub_get_port(rpc_port_stub_h h, rpc_port_port_type_e type, const char *instance,
-                           rpc_port_h *port);
+int rpc_port_stub_get_port(rpc_port_stub_h h, rpc_port_port_type_e type, const char* instance,
+                           rpc_port_h* port);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus
