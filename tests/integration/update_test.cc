@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gmock/gmock.h>
+
+#include <string>
+
+#include "sim_process.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+std::string Seen(int updates) {
+  return "updates " + std::to_string(updates) +
+         ", losses 0, other statuses 0, descriptors +0, memory as before\n";
+}
+
+TEST(AClient, SeesNoLossInTwoHundredUpdatesOfTheAgent) {
+  const Finished run = RunSim({"run", "update-self", "--", UPDATE_CLIENT, "200"});
+  EXPECT_EQ(run.status, 0) << run.errors;
+  EXPECT_EQ(run.output, Seen(200));
+}
+
+TEST(AClientWhoseBusIsKilled, KeepsItsConnection) {
+  const Finished run =
+      RunSim({"run", "demo", "--", "sh", "-c",
+              "kill -KILL \"$(cat \"$(dirname \"$SVCMGR_SIM_CONTROL\")\"/bus.pid)\"; "
+              "exec \"$0\" 2",
+              CYCLE_CLIENT});
+  EXPECT_EQ(run.status, 0) << run.errors;
+  EXPECT_THAT(run.output, HasSubstr("failures 0, refusals 0, descriptors +0"));
+}
+
+}  // namespace
