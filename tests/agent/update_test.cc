@@ -144,7 +144,7 @@ TEST_F(AnUpdate, IsTakenUpAfterSigkillAtEachOfItsSteps) {
             events,
             "\"$SIM\" send '{\"update\": true}' 2>/dev/null & until grep -q '\"next\":" +
                 std::to_string(stop) +
-                "' journal; do :; done; until "
+                ",.*\"replaced\":false' journal; do :; done; until "
                 "kill -KILL $(cat agent.pid) 2>/dev/null; do :; done; wait $!; test $? = 1 && "
                 "until grep -q '\"entries\":\\[\\]' journal; do :; done; "
                 "\"$SIM\" send model-completed");
