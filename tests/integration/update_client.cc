@@ -66,11 +66,12 @@ int main(int argc, char** argv) {
   g_timeout_add(5, LookAgain, nullptr);
   if (velmora_svcmgr_set_update_status_cb(OnStatus, &client) != SVCMGR_ERROR_NONE) return 2;
   if (velmora_svcmgr_connect(OnConnection, &client) != SVCMGR_ERROR_NONE) return 3;
-  // What is made once and kept stands after a few updates.
-  for (int i = 0; i < 3; ++i) Update(client);
+  // What is made once and kept, some of it only behind many look-ups, stands after a few updates.
+  constexpr int kFirst = 30;
+  for (int i = 0; i < kFirst; ++i) Update(client);
   const int descriptors = OpenDescriptors();
   const auto memory = static_cast<long>(mallinfo2().uordblks);
-  for (int i = 3; i < updates; ++i) Update(client);
+  for (int i = kFirst; i < updates; ++i) Update(client);
   const long growth = static_cast<long>(mallinfo2().uordblks) - memory;
   std::printf("updates %d, losses %d, other statuses %d, descriptors %+d, memory %s\n",
               client.completed, client.losses, client.other_statuses,
