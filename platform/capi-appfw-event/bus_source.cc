@@ -14,6 +14,7 @@ struct BusSource {
   gpointer tag;
   Wish (*ask)();
   void (*dispatch)();
+  int poll_events;  // what the descriptor is polled for now
   uint64_t due_time;
 };
 
@@ -25,7 +26,11 @@ gboolean Prepare(GSource* base, gint* timeout_ms) {
   auto* source = reinterpret_cast<BusSource*>(base);
   const Wish wish = source->ask();
   source->due_time = wish.due_time;
-  g_source_modify_unix_fd(base, source->tag, static_cast<GIOCondition>(wish.poll_events));
+  // Only what changes: each modification wakes the loop, which would never sleep again.
+  if (wish.poll_events != source->poll_events) {
+    source->poll_events = wish.poll_events;
+    g_source_modify_unix_fd(base, source->tag, static_cast<GIOCondition>(wish.poll_events));
+  }
   *timeout_ms = -1;
   if (wish.due_time == UINT64_MAX) return FALSE;
   if (IsDue(*source)) return TRUE;
@@ -55,6 +60,7 @@ GSource* AttachBusSource(int fd, Wish (*ask)(), void (*dispatch)()) {
   source->tag = g_source_add_unix_fd(base, fd, G_IO_IN);
   source->ask = ask;
   source->dispatch = dispatch;
+  source->poll_events = G_IO_IN;
   source->due_time = 0;
   g_source_set_name(base, "application events");
   // A handler may run a main loop of its own.
