@@ -262,11 +262,11 @@ int RunAgent(const Scenario& scenario, const AgentOptions& options) {
         return G_SOURCE_CONTINUE;
       },
       loop.get());
+  updates.Resume();
   if (ready && write(ready.get(), "r", 1) != 1) {
     return 1;  // whoever started the agent is gone
   }
   ready.Reset();
-  updates.Resume();
   g_main_loop_run(loop.get());
   g_source_remove(watch);
   if (status == 0) {

@@ -113,6 +113,10 @@ UpdateRunner::Sequence* UpdateRunner::Find(const std::string& id) {
 void UpdateRunner::Resume() {
   const Journal journal = ReadJournal(journal_file_);
   ended_ = journal.ended;
+  if (!journal.found && scenario_.bus) {
+    // From now on its name on the bus tells clients its own events from those of its successors.
+    Publish(scenario_.agent.package.id, LaunchStep().broadcast);
+  }
   if (journal.found && !journal.replaced) {
     Recover(journal);
   } else {

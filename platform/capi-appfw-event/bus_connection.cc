@@ -146,7 +146,9 @@ int BusConnection::OnOwnerChanged(sd_bus_message* message, void* connection, sd_
   if (!IsFrom(message, kBusName)) return 0;
   if (sd_bus_message_read(message, "sss", &id, nullptr, &owner) < 0) return 0;
   const auto package = self->packages_.find(id);
-  if (package != self->packages_.end()) package->second.owner = owner;
+  if (package == self->packages_.end()) return 0;
+  package->second.owner = owner;
+  package->second.owner_is_successor = true;
   return 0;
 }
 
@@ -172,7 +174,8 @@ void BusConnection::Receive(sd_bus_message* message) {
   if (sd_bus_message_read_array(message, 'y', &payload, &size) < 0) return;
   if (size > kLargestPayload) return;
   const auto* bytes = static_cast<const unsigned char*>(payload);
-  received_.push_back({name.full, {bytes, bytes + size}});
+  received_.push_back({name.full, {bytes, bytes + size}, package->second.owner_is_successor});
+  package->second.owner_is_successor = false;
 }
 
 int BusConnection::Publish(const EventName& name, const unsigned char* payload, size_t size) {
@@ -196,7 +199,8 @@ int BusConnection::Publish(const EventName& name, const unsigned char* payload, 
 
 bool BusConnection::Process(std::vector<ReceivedEvent>* received) {
   int result = 1;
-  for (int i = 0; i < kMessagesAtOnce && result > 0; ++i) {
+  const auto goes_on = [this] { return received_.empty() || !received_.back().from_successor; };
+  for (int i = 0; i < kMessagesAtOnce && result > 0 && goes_on(); ++i) {
     result = sd_bus_process(bus_.get(), nullptr);
   }
   received->swap(received_);

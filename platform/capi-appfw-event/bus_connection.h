@@ -27,6 +27,8 @@ struct EventName {
 struct ReceivedEvent {
   std::string name;
   std::vector<unsigned char> payload;
+  // Whether it is the first from a process that has taken another's place.
+  bool from_successor;
 };
 
 // One connection to the session bus. Not thread-safe.
@@ -49,7 +51,8 @@ class BusConnection {
 
   int Publish(const EventName& name, const unsigned char* payload, size_t size);
 
-  // Takes in what the bus has sent. False once the connection is gone.
+  // Takes in what the bus has sent, no further than to an event from a successor. False once the
+  // connection is gone.
   bool Process(std::vector<ReceivedEvent>* received);
 
   // What to poll for.
@@ -72,7 +75,8 @@ class BusConnection {
 
   // Who may send a package's events, followed as long as any of them is watched.
   struct Package {
-    std::string owner;  // a unique name of the bus; empty while there is none
+    std::string owner;                // a unique name of the bus; empty while there is none
+    bool owner_is_successor = false;  // which nothing has come from yet
     Slot owner_changes;
     std::map<std::string, Slot> events;
   };

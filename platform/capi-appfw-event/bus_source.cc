@@ -42,7 +42,9 @@ gboolean Prepare(GSource* base, gint* timeout_ms) {
 
 gboolean Check(GSource* base) {
   auto* source = reinterpret_cast<BusSource*>(base);
-  return g_source_query_unix_fd(base, source->tag) != 0 || IsDue(*source);
+  // A hang-up shows even where nothing is polled for.
+  const bool shows = source->poll_events != 0 && g_source_query_unix_fd(base, source->tag) != 0;
+  return shows || IsDue(*source);
 }
 
 gboolean Dispatch(GSource* base, GSourceFunc, gpointer) {

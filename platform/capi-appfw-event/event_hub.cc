@@ -13,6 +13,9 @@ namespace events {
 
 namespace {
 
+// Behind the end of a port, whose priority is one above.
+constexpr int kPriorityOfHeld = G_PRIORITY_DEFAULT + 2;
+
 struct BundleFree {
   void operator()(bundle* b) const { bundle_free(b); }
 };
@@ -26,7 +29,8 @@ EventHub& EventHub::Get() {
 
 // Makes sure of a connection that watches for every subscription.
 bool EventHub::Connect() {
-  // A forked child must not speak on its parent's connection.
+  // A forked child must not speak on its parent's connection, nor hear what came over it.
+  if (process_ != getpid()) DropHeld();
   if (connection_ && (process_ != getpid() || !connection_->IsOpen())) Disconnect();
   if (connection_) return true;
   auto connection = BusConnection::Open();
@@ -53,6 +57,7 @@ void EventHub::Disconnect() {
 // loop, which may be polling in another thread, hears of messages that came in along with an
 // answer.
 void EventHub::Settle() {
+  if (handlers_.empty()) DropHeld();
   if (!connection_) return;
   if (handlers_.empty() && !connection_->IsPublisher()) {
     Disconnect();
@@ -123,7 +128,7 @@ std::vector<EventHub::Handler> EventHub::HandlersOf(const std::string& name) {
 
 Wish EventHub::Ask() {
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (!connection_) return {0, UINT64_MAX};
+  if (!connection_ || held_) return {0, UINT64_MAX};
   const int events = connection_->PollEvents();
   // A connection that is gone is due at once.
   if (events < 0) return {0, 0};
@@ -134,11 +139,56 @@ void EventHub::Dispatch() try {
   std::vector<ReceivedEvent> received;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
+    if (held_) return;
     if (connection_ && !connection_->Process(&received)) Disconnect();
+    if (!received.empty() && received.back().from_successor) {
+      Hold(std::move(received.back()));
+      received.pop_back();
+    }
   }
   for (const ReceivedEvent& event : received) Deliver(event);
 } catch (const std::exception&) {
   // Without memory events are lost; the main loop goes on.
+}
+
+// What a successor says, clients must hear behind the end of its predecessor. Their ports to that
+// one show the end by now, but the main loop polled before: it polls once more, and what it finds
+// is dispatched first.
+void EventHub::Hold(ReceivedEvent event) {
+  held_ = std::move(event);
+  held_source_ = g_idle_source_new();
+  g_source_set_priority(held_source_, kPriorityOfHeld);
+  g_source_set_name(held_source_, "application event of a successor");
+  g_source_set_callback(
+      held_source_,
+      [](void*) -> gboolean {
+        Get().Release();
+        return G_SOURCE_REMOVE;
+      },
+      nullptr, nullptr);
+  g_source_attach(held_source_, nullptr);
+}
+
+void EventHub::DropHeld() {
+  if (!held_) return;
+  held_.reset();
+  g_source_destroy(held_source_);
+  g_source_unref(held_source_);
+  held_source_ = nullptr;
+}
+
+void EventHub::Release() try {
+  std::optional<ReceivedEvent> event;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    event.swap(held_);
+    if (!event) return;
+    g_source_unref(held_source_);
+    held_source_ = nullptr;
+  }
+  Deliver(*event);
+} catch (const std::exception&) {
+  // As in Dispatch.
 }
 
 void EventHub::Deliver(const ReceivedEvent& event) {

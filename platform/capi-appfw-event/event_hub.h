@@ -8,6 +8,7 @@
 
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 #include "bus_connection.h"
@@ -42,6 +43,9 @@ class EventHub {
   std::vector<Handler> HandlersOf(const std::string& name);
   Wish Ask();
   void Dispatch();
+  void Hold(ReceivedEvent event);
+  void DropHeld();
+  void Release();
   void Deliver(const ReceivedEvent& event);
   void Call(const Handler& handler, const ReceivedEvent& event, bundle* data);
 
@@ -51,6 +55,9 @@ class EventHub {
   std::unique_ptr<BusConnection> connection_;
   GSource* source_ = nullptr;  // where there is a connection
   pid_t process_ = 0;          // whose connection it is
+  // A successor's first event; until it is delivered nothing more is read from the bus.
+  std::optional<ReceivedEvent> held_;
+  GSource* held_source_ = nullptr;  // where an event is held
 };
 
 }  // namespace events

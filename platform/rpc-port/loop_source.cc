@@ -134,6 +134,8 @@ void LoopSource::Resume(int fd) {
   watched->tag = g_source_add_unix_fd(source_, fd, watched->events);
 }
 
+void LoopSource::StandBack() { g_source_set_priority(source_, G_PRIORITY_DEFAULT + 1); }
+
 void LoopSource::SetDeadline(gint64 time) { g_source_set_ready_time(source_, time); }
 
 }  // namespace rpc_port_desktop

@@ -9,6 +9,24 @@ namespace {
 
 using testing::HasSubstr;
 
+std::string Seen(int updates) {
+  return "updates " + std::to_string(updates) +
+         ", losses 0, other statuses 0, descriptors +0, memory as before\n";
+}
+
+TEST(AClient, SeesNoLossInTwoHundredUpdatesOfTheAgent) {
+  const Finished run = RunSim({"run", "update-self", "--", UPDATE_CLIENT, "200"});
+  EXPECT_EQ(run.status, 0) << run.errors;
+  EXPECT_EQ(run.output, Seen(200));
+}
+
+TEST(AClient, SeesNoLossInAnUpdateThatItLooksAtOnlyWhenItIsOver) {
+  const std::string update = std::string(SVCMGR_SIM) + " send update";
+  const Finished run = RunSim({"run", "update-self", "--", UPDATE_CLIENT, "2", update});
+  EXPECT_EQ(run.status, 0) << run.errors;
+  EXPECT_EQ(run.output, Seen(2));
+}
+
 TEST(AClientWhoseBusIsKilled, KeepsItsConnection) {
   const Finished run =
       RunSim({"run", "demo", "--", "sh", "-c",

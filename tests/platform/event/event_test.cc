@@ -3,9 +3,10 @@
 
 #include <app_event.h>
 #include <fcntl.h>
-#include <glib.h>
+#include <glib-unix.h>
 #include <gmock/gmock.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <thread>
@@ -86,6 +87,73 @@ TEST_F(ASubscriber, GetsEventsOfThePublishersSuccessor) {
   }
   WaitForEvents(3);
   EXPECT_EQ(events_.back().second, "third");
+}
+
+// What a port does when it finds that its server has ended.
+class TheEndOfAPort {
+ public:
+  explicit TheEndOfAPort(Events* events) : events_(events) {
+    EXPECT_EQ(pipe2(ends_, O_CLOEXEC), 0);
+    source_ = g_unix_fd_source_new(ends_[0], G_IO_HUP);
+    g_source_set_priority(source_, G_PRIORITY_DEFAULT + 1);
+    g_source_set_callback(source_, G_SOURCE_FUNC(OnEnd), this, nullptr);
+    g_source_attach(source_, nullptr);
+  }
+  ~TheEndOfAPort() {
+    g_source_unref(source_);
+    close(ends_[0]);
+  }
+  void Come() { close(ends_[1]); }
+
+ private:
+  static gboolean OnEnd(gint, GIOCondition, void* self) {
+    static_cast<TheEndOfAPort*>(self)->events_->emplace_back("end", "");
+    return G_SOURCE_REMOVE;
+  }
+
+  Events* const events_;
+  int ends_[2] = {-1, -1};
+  GSource* source_;
+};
+
+TEST_F(ASubscriber, HearsOfThePublishersEndBetweenItsEventsAndThoseOfItsSuccessor) {
+  Subscribe(kStatus);
+  Publisher introduction;
+  ASSERT_EQ(introduction.Publish(kStatus, "key", "introduction"), 0);
+  WaitForEvents(1);
+  TheEndOfAPort end(&events_);
+  ASSERT_EQ(introduction.Publish(kStatus, "key", "last"), 0);
+  ASSERT_EQ(introduction.Publish(kOther, "key", "not asked for"), 0);
+  introduction.End();
+  end.Come();
+  Publisher successor;
+  ASSERT_EQ(successor.Publish(kStatus, "key", "first"), 0);
+  ASSERT_EQ(successor.Publish(kStatus, "key", "second"), 0);
+  WaitForEvents(5);
+  EXPECT_THAT(events_,
+              ElementsAre(Pair(kStatus, "introduction"), Pair(kStatus, "last"), Pair("end", ""),
+                          Pair(kStatus, "first"), Pair(kStatus, "second")));
+}
+
+TEST_F(ASubscriber, LeavesNoEventBehindThatASuccessorHasSent) {
+  const event_handler_h handler = Subscribe(kStatus);
+  {
+    Publisher publisher;
+    ASSERT_EQ(publisher.Publish(kStatus, "key", "one"), 0);
+    WaitForEvents(1);
+  }
+  Publisher successor;
+  ASSERT_EQ(successor.Publish(kStatus, "key", "two"), 0);
+  // An endless source above it keeps the successor's event from being delivered.
+  const guint busy = g_idle_add_full(
+      G_PRIORITY_DEFAULT, [](void*) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
+  const int read = ReadDescriptors();
+  RunUntil([&] { return ReadDescriptors() == read - 1; });
+  EXPECT_EQ(events_.size(), 1u);
+  EXPECT_EQ(event_remove_event_handler(handler), 0);
+  g_source_remove(busy);
+  EXPECT_FALSE(g_main_context_pending(nullptr));
+  EXPECT_EQ(events_.size(), 1u);
 }
 
 TEST_F(ASubscriber, GetsOnlyWhatItAskedFor) {

@@ -10,7 +10,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
+#include <vector>
 
 namespace {
 
@@ -153,8 +155,14 @@ Publisher::Publisher() {
 }
 
 Publisher::~Publisher() {
-  fclose(to_);
+  End();
   fclose(from_);
+}
+
+void Publisher::End() {
+  if (!to_) return;
+  fclose(to_);
+  to_ = nullptr;
   waitpid(process_, nullptr, 0);
 }
 
@@ -186,15 +194,29 @@ size_t OpenDescriptors() {
   return count;
 }
 
-int PolledDescriptors() {
+namespace {
+
+std::vector<GPollFD> PollSet() {
   GMainContext* context = g_main_context_default();
   EXPECT_TRUE(g_main_context_acquire(context));
   gint priority = 0;
   gint timeout = 0;
-  GPollFD polled[16];
+  std::vector<GPollFD> polled(16);
   g_main_context_prepare(context, &priority);
-  const gint count = g_main_context_query(context, G_MAXINT, &timeout, polled, 16);
-  g_main_context_check(context, priority, polled, count);
+  const gint count = g_main_context_query(context, G_MAXINT, &timeout, polled.data(), 16);
+  g_main_context_check(context, priority, polled.data(), count);
   g_main_context_release(context);
-  return count;
+  polled.resize(static_cast<size_t>(count));
+  return polled;
+}
+
+}  // namespace
+
+int PolledDescriptors() { return static_cast<int>(PollSet().size()); }
+
+int ReadDescriptors() {
+  const auto polled = PollSet();
+  return static_cast<int>(std::count_if(polled.begin(), polled.end(), [](const GPollFD& each) {
+    return (each.events & G_IO_IN) != 0;
+  }));
 }

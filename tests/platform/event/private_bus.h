@@ -58,6 +58,7 @@ class Publisher {
  public:
   Publisher();
   ~Publisher();
+  void End();
   // The result of event_publish_app_event there.
   int Publish(const std::string& name, const std::string& key, const std::string& value);
 
@@ -72,7 +73,8 @@ void RunUntil(const std::function<bool()>& condition);
 
 size_t OpenDescriptors();
 
-// Number of descriptors that the default main context polls.
+// Number of descriptors that the default main context polls, and of those that it would read.
 int PolledDescriptors();
+int ReadDescriptors();
 
 #endif  // TESTS_PLATFORM_EVENT_PRIVATE_BUS_H_
