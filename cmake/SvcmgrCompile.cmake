@@ -31,7 +31,7 @@ if(SVCMGR_WERROR)
 endif()
 if(SVCMGR_SANITIZE)
   add_compile_options(-fsanitize=${SVCMGR_SANITIZE} -fno-sanitize-recover=all
-                      -fno-omit-frame-pointer -g)
+                      -fno-omit-frame-pointer -g1)
   add_link_options(-fsanitize=${SVCMGR_SANITIZE} -fno-sanitize-recover=all)
 endif()
 if(SVCMGR_FUZZERS)
