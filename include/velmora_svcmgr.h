@@ -40,8 +40,10 @@
  *  6. User data is passed back as it is. The library never reads, copies or releases it.
  *  7. Threads. Call velmora_svcmgr_connect and velmora_svcmgr_disconnect on the main-loop thread,
  *     and disconnect only when no other thread is inside a call: such a call fails, and how well
- *     is up to the platform. The other functions may be called on any thread. The library starts
- *     no thread and sets no timer.
+ *     is up to the platform. The library itself does so when it reconnects after an update of the
+ *     agent: make requests on the main-loop thread, or let none be under way while the agent
+ *     replaces itself. Set, unset, register and deregister callbacks on the main-loop thread. The
+ *     other functions may be called on any thread. The library starts no thread and sets no timer.
  *  8. Blocking. A function that says "blocks" waits for the agent's answer, however long that
  *     takes. While one thread waits so, requests of other threads wait too; on the main-loop
  *     thread prefer the requests that are answered by callbacks. A thread that is cancelled while
@@ -119,10 +121,17 @@ typedef enum {
 
 /**
  * Reports a change of the connection; comes each time that the connection stands, is lost or is
- * refused.
+ * refused, but for the times below.
  *
- * While the agent replaces itself by a new version, the library reconnects by itself; neither the
- * loss nor the return of the connection is reported then.
+ * While the agent replaces itself by a new version, the library reconnects by itself. Neither the
+ * loss nor the return of the connection is reported then, nor a reconnection that fails: between
+ * the two all that needs a connection is answered with SVCMGR_ERROR_NOT_CONNECTED. A request for an
+ * update that is made between the agent's announcement and the loss makes the loss visible.
+ *
+ * A trap: from such a reconnection until the end of the update is heard, no connection is reported
+ * to stand, one that the application made itself included. Only an application that has set an
+ * update status callback hears of that end. Without one, later connections stand unreported, too,
+ * and velmora_svcmgr_is_being_updated says so for ever.
  *
  * @param result     SVCMGR_ERROR_NONE; SVCMGR_ERROR_PERMISSION_DENIED if the agent refused.
  * @param state      One of velmora_svcmgr_connection_state_e.
@@ -132,7 +141,8 @@ typedef void (*velmora_svcmgr_connection_cb)(int result, int state, void* user_d
 
 /**
  * Starts connecting to the agent. Success means that the attempt was started; the callback reports
- * how it ended. The callback may run before this function returns.
+ * how it ended, unless the agent is being updated (see velmora_svcmgr_connection_cb). The callback
+ * may run before this function returns.
  *
  * A call while an attempt is under way starts no second one: it replaces the callback and its user
  * data and returns success.
@@ -144,7 +154,8 @@ typedef void (*velmora_svcmgr_connection_cb)(int result, int state, void* user_d
  *
  * A failure inside the platform that is neither of those below is not reported: the function
  * returns success, the callback never comes, and connecting again starts nothing. Guard the wait
- * with a time limit of your own.
+ * with a time limit of your own. The same may befall the library's own reconnection, which leaves
+ * no way out but a new process. After a reconnection that failed otherwise, connect again.
  *
  * Should the platform report a connection and fail all the same, the callback has said connected
  * while this function returns a failure. Queries then fail as if the agent could not be asked, and
@@ -168,7 +179,9 @@ int velmora_svcmgr_connect(velmora_svcmgr_connection_cb callback, void* user_dat
  * The connection callback is not called.
  *
  * A trap: while not connected it does nothing, successfully; also while connecting, when the
- * connection callback may still come, and after the connection was lost or refused.
+ * connection callback may still come, and after the connection was lost or refused. While the
+ * agent replaces itself the loss is not reported: a call then ends nothing, and the library
+ * connects again behind it.
  *
  * @return SVCMGR_ERROR_NONE
  * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION; the connection stands on then
@@ -210,18 +223,21 @@ int velmora_svcmgr_get_agent_api_level(int* level);
 
 /**
  * Tells which client API level the calling application was built against. The level is read from
- * marker sections in the files of the application's own folder: the newest one counts. Reads all
- * ELF files below that folder, which may take a while, and asks nobody.
+ * marker sections in the files of the application's own folder: the newest one counts, that is the
+ * one with the highest level, and a level of 0 never does. Reads all ELF files below that folder,
+ * which may take a while, and asks nobody. Symbolic links are not followed. What cannot be read is
+ * passed over without an error.
  *
- * Call it on one thread at a time. An application without a resource folder is ended by abort().
+ * Call it on one thread at a time. An application without a resource folder is ended by abort(),
+ * and so may be one whose memory runs out here.
  *
  * @param[out] level  The level, 1 or more.
  *
  * @return SVCMGR_ERROR_NONE
  * @return SVCMGR_ERROR_INVALID_PARAMETER  level is null
- * @return SVCMGR_ERROR_NOT_SUPPORTED      no file has a marker, or the folder cannot be read; also
- * when
- *                                         the agent's package is not installed
+ * @return SVCMGR_ERROR_NOT_SUPPORTED      no file has a marker, the folder cannot be read, or
+ *                                         memory is exhausted; also when the agent's package is
+ *                                         not installed
  * @return SVCMGR_ERROR_INVALID_OPERATION
  */
 int velmora_svcmgr_get_client_api_level(int* level);
@@ -244,12 +260,12 @@ typedef struct velmora_svcmgr_agent_list_s* velmora_svcmgr_agent_list_h;
 int velmora_svcmgr_agent_list_create(velmora_svcmgr_agent_list_h* list);
 
 /**
- * Releases a list and its names. The array of a list that ever held a name stays allocated: eight
- * bytes for each name, rounded up to a power of two.
+ * Releases a list and its names. The array of a list that ever held a name stays allocated: a
+ * pointer for each name, rounded up to a power of two.
  *
  * @return SVCMGR_ERROR_NONE
  * @return SVCMGR_ERROR_INVALID_PARAMETER  list is null
- * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
+ * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION; the list is kept then
  */
 int velmora_svcmgr_agent_list_destroy(velmora_svcmgr_agent_list_h list);
 
@@ -290,8 +306,11 @@ int velmora_svcmgr_agent_list_get_size(velmora_svcmgr_agent_list_h list, int* si
  * Asks the agent to update all agents, itself included. Blocks until the agent has taken the
  * request; velmora_svcmgr_set_update_status_cb tells how the update goes.
  *
- * A trap: every failure but the two below is SVCMGR_ERROR_NOT_CONNECTED, also one that the agent
- * itself reports.
+ * A trap: every failure of the request itself is SVCMGR_ERROR_NOT_CONNECTED, unless the agent
+ * refuses or the KYR feature is disabled; also one that the agent itself reports.
+ *
+ * A trap: a request while the agent is about to replace itself makes the loss of the connection
+ * visible, and velmora_svcmgr_is_being_updated deny the update, until its start is heard.
  *
  * @return SVCMGR_ERROR_NONE               the agent took the request
  * @return SVCMGR_ERROR_NOT_CONNECTED      not connected, or the request failed
@@ -319,8 +338,12 @@ int velmora_svcmgr_request_update_with_list(velmora_svcmgr_agent_list_h list);
 
 /**
  * Tells whether an update of the agents is under way, as far as this process has heard: from the
- * agent's announcement until its final status. An update that was requested and has not begun yet
- * does not count.
+ * agent's announcement until its final status, which only an application that has set an update
+ * status callback hears. An update that was requested and has not begun yet does not count. While
+ * the connection is away because the agent replaces itself, the question is answered with
+ * SVCMGR_ERROR_NOT_CONNECTED.
+ *
+ * @param[out] updating  Whether it is.
  *
  * @return SVCMGR_ERROR_NONE
  * @return SVCMGR_ERROR_INVALID_PARAMETER  updating is null
@@ -350,8 +373,9 @@ typedef enum {
 } velmora_svcmgr_update_status_e;
 
 /**
- * Reports how an update of the agents goes: its start always, its end once for each start
- * or request.
+ * Reports how an update of the agents goes: its start always, its end if there was a start, a
+ * request or an announcement since the end before. A request that is made inside the callback of an
+ * end is forgotten: the end of what it began is not reported, unless its start is.
  *
  * @param status     One of velmora_svcmgr_update_status_e.
  * @param user_data  As given to velmora_svcmgr_set_update_status_cb.
@@ -365,6 +389,10 @@ typedef void (*velmora_svcmgr_update_status_cb)(int status, void* user_data);
  * A trap: the function succeeds also when the platform refuses the subscription, which is logged
  * alone. Calling it again tries the subscription again.
  *
+ * @param callback   Reports how updates go. It and user_data must stay valid until they are
+ *                   replaced or unset.
+ * @param user_data  Passed to the callback; may be null.
+ *
  * @return SVCMGR_ERROR_NONE
  * @return SVCMGR_ERROR_INVALID_PARAMETER  callback is null
  * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
@@ -375,7 +403,8 @@ int velmora_svcmgr_set_update_status_cb(velmora_svcmgr_update_status_cb callback
  * Ends what velmora_svcmgr_set_update_status_cb began; the callback is not called any more. Does
  * nothing, successfully, if nothing was set.
  *
- * @return SVCMGR_ERROR_NONE, SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
+ * @return SVCMGR_ERROR_NONE
+ * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION; the callback stays set then
  */
 int velmora_svcmgr_unset_update_status_cb(void);
 
@@ -634,7 +663,7 @@ int velmora_svcmgr_ai_progress_create(velmora_svcmgr_ai_progress_h* progress);
  *
  * @return SVCMGR_ERROR_NONE
  * @return SVCMGR_ERROR_INVALID_PARAMETER  progress is null
- * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
+ * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION; the record is kept then
  */
 int velmora_svcmgr_ai_progress_destroy(velmora_svcmgr_ai_progress_h progress);
 
@@ -678,8 +707,7 @@ int velmora_svcmgr_ai_progress_set_state(velmora_svcmgr_ai_progress_h progress, 
  * @param error      As for velmora_svcmgr_ai_model_list_cb. A message that cannot be read is
  *                   SVCMGR_ERROR_INVALID_OPERATION with all numbers 0.
  * @param progress   A new record for each call. It belongs to the application, which releases it
- * with
- *                   velmora_svcmgr_ai_progress_destroy. Null if it could not be created.
+ *                   with velmora_svcmgr_ai_progress_destroy. Null if it could not be created.
  * @param user_data  As given with the request.
  */
 typedef void (*velmora_svcmgr_ai_progress_cb)(int error, velmora_svcmgr_ai_progress_h progress,
@@ -688,19 +716,20 @@ typedef void (*velmora_svcmgr_ai_progress_cb)(int error, velmora_svcmgr_ai_progr
 /**
  * Asks the agent to install or update models.
  *
- * @param list       The models; may be empty. All four texts of each must be set, if only to "". It
- * is
- *                   copied.
+ * After a loss of the connection a request may still be taken, and is then never answered.
+ *
+ * @param list       The models; may be empty. All four texts of each must be set, if only to "".
+ *                   It is copied.
  * @param callback   Reports how the work goes.
  * @param user_data  Passed to the callback; may be null.
  *
  * @return SVCMGR_ERROR_NONE                       the request was sent
  * @return SVCMGR_ERROR_UNSUPPORTED_AGENT_VERSION  the agent is older than 1.7
  * @return SVCMGR_ERROR_INVALID_PARAMETER          list or callback is null
- * @return SVCMGR_ERROR_NOT_CONNECTED              no connection was started
- * @return SVCMGR_ERROR_INVALID_OPERATION          a text of a model is not set, or the request
- * could
- *                                                 not be sent
+ * @return SVCMGR_ERROR_NOT_CONNECTED              no connection was started, or it was ended
+ * @return SVCMGR_ERROR_INVALID_OPERATION          a text of a model is not set; or the request
+ *                                                 could not be sent, for example because the
+ *                                                 connection does not stand yet
  * @return SVCMGR_ERROR_NOT_SUPPORTED
  */
 int velmora_svcmgr_ai_request_to_update(velmora_svcmgr_ai_model_list_h list,
@@ -738,6 +767,10 @@ typedef void (*velmora_svcmgr_ai_status_cb)(int error, int status, void* user_da
  * A trap: the function succeeds also when the platform refuses the subscription, which is logged
  * alone. Calling it again tries the subscription again.
  *
+ * @param callback   Reports what happens. It and user_data must stay valid until they are replaced
+ *                   or deregistered.
+ * @param user_data  Passed to the callback; may be null.
+ *
  * @return SVCMGR_ERROR_NONE
  * @return SVCMGR_ERROR_INVALID_PARAMETER  callback is null
  * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
@@ -751,7 +784,7 @@ int velmora_svcmgr_ai_register_status_cb(velmora_svcmgr_ai_status_cb callback, v
  * @return SVCMGR_ERROR_NONE
  * @return SVCMGR_ERROR_INVALID_OPERATION  the platform refuses to end the subscription, which
  *                                         counts as ended all the same
- * @return SVCMGR_ERROR_NOT_SUPPORTED
+ * @return SVCMGR_ERROR_NOT_SUPPORTED      the callback stays registered
  */
 int velmora_svcmgr_ai_deregister_status_cb(void);
 

@@ -15,6 +15,8 @@ void AgentStatusEventHandler::KeepConnection() {
   keep_connection_ = true;
   try {
     event_.RegisterEvent();
+    // The connection may have been ended inside the subscription.
+    if (!keep_connection_) event_.DeregisterEvent();
   }
   LET_THREAD_EXIT_PASS
   catch (...) {

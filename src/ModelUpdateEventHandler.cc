@@ -29,6 +29,8 @@ bool ModelUpdateEventHandler::SetEventCallback(velmora_svcmgr_ai_status_cb callb
   user_data_ = user_data;
   try {
     event_.RegisterEvent();
+    // The callback may have been unset inside the subscription.
+    if (callback_ == nullptr) event_.DeregisterEvent();
     return true;
   }
   LET_THREAD_EXIT_PASS

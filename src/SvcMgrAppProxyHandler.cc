@@ -151,7 +151,8 @@ void SvcMgrAppProxyHandler::Disconnect() {
   // Taken out first: what closing calls finds no proxy, and may connect again.
   const auto proxy = std::atomic_exchange(&proxy_, {});
   if (proxy != nullptr) proxy->Close();
-  AgentStatusEventHandler::GetInstance().DontCareConnection();
+  // A connection that stands by now, made inside the closing, keeps its watch.
+  if (!connected_) AgentStatusEventHandler::GetInstance().DontCareConnection();
   CLIENT_INFO("proxy handle was destroyed");
 }
 
@@ -164,7 +165,10 @@ void SvcMgrAppProxyHandler::Reconnect() {
 void SvcMgrAppProxyHandler::OnConnected() {
   CLIENT_INFO("OnConnected");
   connected_ = true;
+  const auto proxy = Proxy();
   AgentStatusEventHandler::GetInstance().KeepConnection();
+  // The connection may have ended, or another have taken its place, inside the subscription.
+  if (!connected_ || Proxy() != proxy) return;
   if (svcmgr::agent_update_state.IsAgentRelaunched()) return;
   Notify(SVCMGR_ERROR_NONE, SVCMGR_CONNECTION_STATE_CONNECTED);
 }

@@ -51,6 +51,8 @@ bool UpdateStatusEventHandler::SetEventCallback(velmora_svcmgr_update_status_cb 
   user_data_ = user_data;
   try {
     event_.RegisterEvent();
+    // The callback may have been unset inside the subscription.
+    if (callback_ == nullptr) event_.DeregisterEvent();
     return true;
   }
   LET_THREAD_EXIT_PASS

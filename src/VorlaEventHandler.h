@@ -27,7 +27,12 @@ class VorlaEventHandler {
                      event_name.c_str());
       throw RegisterEventException();
     }
-    event_handle = handle;
+    // Whoever subscribed inside the subscription came first.
+    if (event_handle != nullptr) {
+      event_remove_event_handler(handle);
+    } else {
+      event_handle = handle;
+    }
   }
 
   // Ends the subscription, if there is one. It counts as ended also if the platform refuses. Throws

@@ -420,6 +420,12 @@ TEST_F(AnAgentEvent, LaunchAfterARejectionReconnectsToo) {
   EXPECT_THAT(connection.notices, ElementsAre(kRejected, kConnected));
 }
 
+TEST_F(AnAgentEvent, WithoutDataAnnouncesNothing) {
+  Lose();
+  fake::FireEventAt(kAgentStatus, kAgentStatus, nullptr);
+  EXPECT_EQ(fake::ProxyCount(), 1);
+}
+
 TEST_F(AnAgentEvent, LaunchAfterTheApplicationDisconnectedIsNotHeard) {
   AnnounceUpdate();
   EXPECT_EQ(velmora_svcmgr_disconnect(), 0);

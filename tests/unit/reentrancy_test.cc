@@ -234,6 +234,111 @@ INSTANTIATE_TEST_SUITE_P(Each, AnAction,
                                   std::get<1>(row.param).name;
                          });
 
+/* What is done inside the platform's calls for events. */
+
+class ASubscription : public fake::PlatformTest {
+ protected:
+  static void Inside(const char* function, std::function<void()> act) {
+    fake::Next(function, fake::Succeed().Entering(std::move(act)));
+  }
+};
+
+TEST_F(ASubscription, OfAConnectionThatIsEndedInsideItEndsToo) {
+  Connection connection;
+  ASSERT_EQ(connection.Connect(), 0);
+  Inside(events::kAdd, [] { EXPECT_EQ(velmora_svcmgr_disconnect(), 0); });
+  fake::Proxy().FireConnected();
+  EXPECT_THAT(connection.notices, IsEmpty());
+  EXPECT_THAT(fake::Subscriptions(), IsEmpty());
+}
+
+TEST_F(ASubscription, OfAConnectionThatIsReplacedInsideItIsThatOfTheOther) {
+  Connection first;
+  Connection second;
+  ASSERT_EQ(first.Connect(), 0);
+  Inside(events::kAdd, [&] {
+    EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
+    EXPECT_EQ(second.Connect(), 0);
+    fake::Proxy().FireConnected();
+  });
+  fake::Proxy().FireConnected();
+  EXPECT_THAT(first.notices, IsEmpty());
+  EXPECT_THAT(second.notices, ElementsAre(kConnected));
+  EXPECT_THAT(fake::Subscriptions(), ElementsAre(events::kAgentStatus));
+  EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
+}
+
+TEST_F(ASubscription, StaysWithAConnectionThatIsMadeInsideTheEndOfTheOneBefore) {
+  Connection first;
+  Connection second;
+  ASSERT_EQ(first.Connect(), 0);
+  fake::Proxy().FireConnected();
+  Inside("rpc_port_proxy_destroy", [&] {
+    EXPECT_EQ(second.Connect(), 0);
+    fake::Proxy().FireConnected();
+  });
+  EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
+  EXPECT_THAT(second.notices, ElementsAre(kConnected));
+  EXPECT_THAT(fake::Subscriptions(), ElementsAre(events::kAgentStatus));
+  EXPECT_EQ(events::AnnounceUpdate(), 1);
+  fake::Proxy().FireDisconnected();
+  EXPECT_THAT(second.notices, ElementsAre(kConnected));
+  EXPECT_EQ(events::AnnounceLaunch(), 1);
+  fake::Proxy().FireConnected();
+  EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
+}
+
+TEST_F(ASubscription, ToUpdateStatusesIsMadeOnceThoughSetInsideItself) {
+  events::Statuses first;
+  events::Statuses second;
+  Inside(events::kAdd, [&] { EXPECT_EQ(second.Set(), 0); });
+  EXPECT_EQ(first.Set(), 0);
+  EXPECT_THAT(fake::Subscriptions(), ElementsAre(events::kUpdateStatus));
+  EXPECT_EQ(events::AnnounceStart(), 1);
+  EXPECT_THAT(first.received, IsEmpty());
+  EXPECT_THAT(second.received, ElementsAre(SVCMGR_UPDATE_STATUS_STARTED));
+  EXPECT_EQ(velmora_svcmgr_unset_update_status_cb(), 0);
+  EXPECT_THAT(fake::Subscriptions(), IsEmpty());
+}
+
+TEST_F(ASubscription, ToUpdateStatusesThatIsUnsetInsideItselfEnds) {
+  events::Statuses statuses;
+  Inside(events::kAdd, [] { EXPECT_EQ(velmora_svcmgr_unset_update_status_cb(), 0); });
+  EXPECT_EQ(statuses.Set(), 0);
+  EXPECT_THAT(fake::Subscriptions(), IsEmpty());
+}
+
+TEST_F(ASubscription, ToUpdateStatusesMayBeMadeInsideItsOwnEnd) {
+  events::Statuses first;
+  events::Statuses second;
+  EXPECT_EQ(first.Set(), 0);
+  Inside(events::kRemove, [&] { EXPECT_EQ(second.Set(), 0); });
+  EXPECT_EQ(velmora_svcmgr_unset_update_status_cb(), 0);
+  EXPECT_THAT(fake::Subscriptions(), ElementsAre(events::kUpdateStatus));
+  EXPECT_EQ(events::AnnounceStart(), 1);
+  EXPECT_THAT(second.received, ElementsAre(SVCMGR_UPDATE_STATUS_STARTED));
+  EXPECT_EQ(velmora_svcmgr_unset_update_status_cb(), 0);
+}
+
+TEST_F(ASubscription, ToModelStatusesIsMadeOnceThoughSetInsideItself) {
+  events::ModelStatuses first;
+  events::ModelStatuses second;
+  Inside(events::kAdd, [&] { EXPECT_EQ(second.Set(), 0); });
+  EXPECT_EQ(first.Set(), 0);
+  EXPECT_EQ(events::Announce(events::kModelStatus, {"START"}), 1);
+  EXPECT_THAT(first.received, IsEmpty());
+  EXPECT_THAT(second.received, ElementsAre(events::ModelNotice{0, SVCMGR_AI_STATUS_STARTED}));
+  EXPECT_EQ(velmora_svcmgr_ai_deregister_status_cb(), 0);
+  EXPECT_THAT(fake::Subscriptions(), IsEmpty());
+}
+
+TEST_F(ASubscription, ToModelStatusesThatIsEndedInsideItselfEnds) {
+  events::ModelStatuses statuses;
+  Inside(events::kAdd, [] { EXPECT_EQ(velmora_svcmgr_ai_deregister_status_cb(), 0); });
+  EXPECT_EQ(statuses.Set(), 0);
+  EXPECT_THAT(fake::Subscriptions(), IsEmpty());
+}
+
 /* What is observed. */
 
 class ACallback : public client::ConnectedTest {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Several threads: the fake adds no ordering of its own, so ThreadSanitizer sees the library's.
 
+#include <Singleton.h>
+
 #include <atomic>
 #include <string>
 #include <thread>
@@ -45,6 +47,20 @@ TEST(TheFirstCalls, MayRace) {
       [] {});
   EXPECT_EQ(refused, 4);
   fake::Verify();
+}
+
+TEST(EachSubscriber, IsOneForAllThreadsThatAskForItFirst) {
+  struct Subscriber {
+    Subscriber() { ++made(); }
+    void ForgetSubscription() {}
+    static std::atomic<int>& made() {
+      static std::atomic<int> count{0};
+      return count;
+    }
+  };
+  RunTogether(
+      4, [] { Singleton<Subscriber>::GetInstance(); }, [] {});
+  EXPECT_EQ(Subscriber::made(), 1);
 }
 
 class Threads : public client::ConnectedTest {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Requests for an update of the agents, and the list that names them.
 
+#include <SvcmgrException.h>
+
 #include <climits>
 #include <cstdlib>
 #include <functional>
@@ -486,25 +488,26 @@ TEST_P(AMishap, LeavesTheConnectionUsable) {
 
 INSTANTIATE_TEST_SUITE_P(
     Each, AMishap,
-    testing::Values(Mishap{"SendFails", [] { fake::Next("rpc_port_parcel_send", fake::Fail(-5)); },
-                           "Failed to send parcel. result(-5)", "PROXY EXCEPTION!!!"},
-                    Mishap{"NoReply", [] {}, "Invalid protocol", "PROXY EXCEPTION!!!"},
-                    Mishap{"EmptyReply",
-                           [] {
-                             fake::QueueMessage({0, fake::Unreadable()});
-                           },
-                           "Invalid protocol", "PROXY EXCEPTION!!!"},
-                    Mishap{"GarbageReply",
-                           [] {
-                             fake::QueueMessage({0, fake::UnreadableWithGarbage()});
-                           },
-                           "Invalid protocol", "PROXY EXCEPTION!!!"},
-                    Mishap{"PlatformThrows",
-                           [] {
-                             fake::Next("rpc_port_parcel_send",
-                                        fake::Throw(std::runtime_error("no")));
-                           },
-                           nullptr, "Unknown Exception"}),
+    testing::Values(
+        Mishap{"SendFails", [] { fake::Next("rpc_port_parcel_send", fake::Fail(-5)); },
+               "Failed to send parcel. result(-5)", "PROXY EXCEPTION!!!"},
+        Mishap{"NoReply", [] {}, "Invalid protocol", "PROXY EXCEPTION!!!"},
+        Mishap{"EmptyReply",
+               [] {
+                 fake::QueueMessage({0, fake::Unreadable()});
+               },
+               "Invalid protocol", "PROXY EXCEPTION!!!"},
+        Mishap{"GarbageReply",
+               [] {
+                 fake::QueueMessage({0, fake::UnreadableWithGarbage()});
+               },
+               "Invalid protocol", "PROXY EXCEPTION!!!"},
+        Mishap{"PlatformThrows",
+               [] { fake::Next("rpc_port_parcel_send", fake::Throw(std::runtime_error("no"))); },
+               nullptr, "Unknown Exception"},
+        Mishap{"ClientException",
+               [] { fake::Next("rpc_port_parcel_send", fake::Throw(AppInfoException())); }, nullptr,
+               "Failed to get app info."}),
     [](const auto& row) { return std::string(row.param.name); });
 
 class ARequestedState : public AnUpdateRequest, public testing::WithParamInterface<int> {};

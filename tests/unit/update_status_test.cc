@@ -392,6 +392,13 @@ INSTANTIATE_TEST_SUITE_P(Each, AForeignName,
                                          "event." AGENT_PACKAGE_ID ".Update_status",
                                          "event." AGENT_PACKAGE_ID ".agent_status"));
 
+TEST_F(AnUpdateStatus, WithoutDataIsNone) {
+  events::Enter(5);
+  fake::FireEventAt(kUpdateStatus, kUpdateStatus, nullptr);
+  EXPECT_THAT(statuses.received, IsEmpty());
+  EXPECT_EQ(events::State(), 5);
+}
+
 /* Inside the callback. */
 
 TEST_F(AnUpdateStatus, IsReportedBeforeTheStateBecomesIdle) {
