@@ -6,7 +6,7 @@
 //     connect, disconnect, request-update, updating, level    calls the function
 //     follow-updates, follow-models                           sets the callback for those events
 //     models, versions=MODEL                                  asks for the list
-//     update=MODELS, uninstall=MODELS                         asks for the work on MODEL[@VERSION]+...
+//     update=MODELS, uninstall=MODELS                         asks for it; MODEL[@VERSION]+...
 //     until=LINE    goes on when this line has been printed; each line counts once
 //     away, back    goes on when the connection is lost, when it stands, told or untold
 //     run=COMMAND   has a shell run this in the world's folder, while the main loop goes on
