@@ -213,9 +213,11 @@ std::vector<ModelView> AgentService::Versions(const Request& request) const {
     if (model.id != request.model.id || !Admits(model, request.app_id)) {
       continue;
     }
-    for (const std::string& version : stored.versions) {
-      versions.push_back(
-          {model.id.c_str(), version.c_str(), model.title.c_str(), model.description.c_str()});
+    for (const auto* offered : {&model.versions, &model.available}) {
+      for (const std::string& version : *offered) {
+        versions.push_back(
+            {model.id.c_str(), version.c_str(), model.title.c_str(), model.description.c_str()});
+      }
     }
   }
   return versions;

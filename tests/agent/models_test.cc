@@ -167,11 +167,22 @@ TEST_F(AStore, UninstallsAModelWithAllVersions) {
       Follow(kUninstall, {{"a/b", "1"}}),
       ElementsAre(Progress{0, 1, 1, 1, 0}, Progress{0, 1, 1, 1, 50}, Progress{0, 2, 1, 1, 100}));
   EXPECT_EQ(Usable(), (Request{{"c", "7"}}));
-  EXPECT_THAT(Versions("a/b"), IsEmpty());
   EXPECT_THAT(StoreFiles(), IsEmpty());
   EXPECT_THAT(Follow(kUninstall, {{"a/b", ""}}), ElementsAre(Progress{4, 3, 1, 1, 0}));
   Follow(kUpdate, {{"a/b", "2"}});
-  EXPECT_EQ(Versions("a/b"), (Request{{"a/b", "2"}}));
+  EXPECT_EQ(Usable(), (Request{{"a/b", "2"}, {"c", "7"}}));
+}
+
+TEST_F(AStore, ListsTheVersionsThatAnUpdateCanBringWhateverIsInstalled) {
+  Begin();
+  const Request versions = {{"a/b", "1"}, {"a/b", "2"}, {"a/b", "3"}};
+  EXPECT_EQ(Versions("a/b"), versions);
+  EXPECT_EQ(Versions("new"), (Request{{"new", "0.9"}}));
+  Follow(kUninstall, {{"a/b", ""}});
+  EXPECT_EQ(Versions("a/b"), versions);
+  for (const auto& version : versions) {
+    EXPECT_EQ(Follow(kUpdate, {version}).back(), (Progress{0, 2, 1, 1, 100}));
+  }
 }
 
 TEST_F(AStore, OutlivesTheAgent) {
