@@ -1,9 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <unistd.h>
-
-#include <cstdlib>
 
 #include "process.h"
 
@@ -13,14 +9,6 @@ using testing::HasSubstr;
 using testing::Not;
 
 constexpr char kEscape[] = "\x1b[";
-
-bool HasTerminals() {
-  const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
-  if (terminal < 0) return false;
-  const bool usable = grantpt(terminal) == 0 && unlockpt(terminal) == 0;
-  close(terminal);
-  return usable;
-}
 
 Ending RunOnTerminal(std::vector<std::string> arguments,
                      std::map<std::string, std::string> environment) {

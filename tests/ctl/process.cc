@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "process.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
 #include <sys/resource.h>
@@ -50,10 +51,11 @@ Pipe MakePipe() {
   return {Descriptor(ends[0]), Descriptor(ends[1])};
 }
 
-Pipe MakeTerminal() {
+Pipe MakeTerminal(const Start& start) {
   int master = -1;
   int slave = -1;
-  Require(openpty(&master, &slave, nullptr, nullptr, nullptr) == 0, "openpty");
+  const winsize size = {start.rows, start.columns, 0, 0};
+  Require(openpty(&master, &slave, nullptr, nullptr, &size) == 0, "openpty");
   return {Descriptor(master), Descriptor(slave)};
 }
 
@@ -123,7 +125,8 @@ constexpr int kMillisecondsUntilSentAgain = 500;
 constexpr int kMillisecondsUntilSentAgain = -1;
 #endif
 
-void ReadToTheEnd(Channels* channels, Ending* ending, const std::function<void()>& send_again) {
+void ReadToTheEnd(Channels* channels, Ending* ending, const std::function<void()>& send_again,
+                  const std::function<void()>& look) {
   Descriptor& output = channels->output.read_end;
   Descriptor& errors = channels->errors.read_end;
   while (output.get() >= 0 || errors.get() >= 0) {
@@ -131,14 +134,20 @@ void ReadToTheEnd(Channels* channels, Ending* ending, const std::function<void()
         {{output.get(), POLLIN, 0}, {errors.get(), POLLIN, 0}}};  // poll skips -1
     if (poll(ready.data(), ready.size(), kMillisecondsUntilSentAgain) == 0) send_again();
     if (ready[0].revents != 0) ReadSome(&output, &ending->output);
+    look();
     if (ready[1].revents != 0) ReadSome(&errors, &ending->errors);
   }
 }
 
 }  // namespace
 
+bool HasTerminals() {
+  const Descriptor terminal(posix_openpt(O_RDWR | O_NOCTTY));
+  return terminal.get() >= 0 && grantpt(terminal.get()) == 0 && unlockpt(terminal.get()) == 0;
+}
+
 Ending RunWith(const Start& start, const std::string& script) {
-  Channels channels = {start.terminal ? MakeTerminal() : MakePipe(), MakePipe(), MakePipe()};
+  Channels channels = {start.terminal ? MakeTerminal(start) : MakePipe(), MakePipe(), MakePipe()};
   if (start.output_without_reader) channels.output.read_end.Close();
   const pid_t child = fork();
   Require(child >= 0, "fork");
@@ -149,9 +158,19 @@ Ending RunWith(const Start& start, const std::string& script) {
   if (start.signal_when_waiting != 0 && read(channels.waiting.read_end.get(), &byte, 1) == 1)
     kill(child, start.signal_when_waiting);
   Ending ending;
-  ReadToTheEnd(&channels, &ending, [&] {
-    if (start.signal_when_waiting != 0) kill(child, start.signal_when_waiting);
-  });
+  bool interrupted = start.interrupt_when_shown.empty();
+  ReadToTheEnd(
+      &channels, &ending,
+      [&] {
+        if (start.signal_when_waiting != 0) kill(child, start.signal_when_waiting);
+        if (interrupted && !start.interrupt_when_shown.empty()) kill(child, SIGINT);
+      },
+      [&] {
+        if (interrupted || ending.output.find(start.interrupt_when_shown) == std::string::npos)
+          return;
+        interrupted = true;
+        kill(child, SIGINT);
+      });
   int status = 0;
   Require(waitpid(child, &status, 0) == child, "waitpid");
   ending.status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);

@@ -25,6 +25,11 @@ struct Start {
   bool terminal = false;
   /** A signal to send as soon as the program waits for what never comes; 0 for none. */
   int signal_when_waiting = 0;
+  /** Sends SIGINT as soon as the output has this in it; empty for never. */
+  std::string interrupt_when_shown;
+  /** The size of the terminal; 0 where it does not tell. */
+  unsigned short columns = 0;
+  unsigned short rows = 0;
 };
 
 struct Ending {
@@ -33,6 +38,9 @@ struct Ending {
   std::string output;
   std::string errors;
 };
+
+/** Whether this machine lets tests have terminals. */
+bool HasTerminals();
 
 /** Runs a program against the scripted library, to its end. */
 Ending RunWith(const Start& start, const std::string& script);

@@ -12,6 +12,21 @@
 //                again: the error of all answers but the first
 //                echo: answer with the model that was asked about
 //
+//   "update"     {"result": code, "agents": [text...], "then": steps}
+//                agents: the names that must be asked for; without it no list may be given
+//   "work"       {"result": code, "models": [[id, version]...], "uninstall": bool, "then": steps}
+//                models, uninstall: what must be asked for
+//   "subscribed" {"update": steps, "model": steps}, begun by the subscription
+//   "client"     {"result": code, "value": number, "root": text}
+//                root: what VELMORA_APP_ROOT must be
+//   "updating"   bool: what is_being_updated says, until a step says otherwise
+//
+// Steps are taken one after the other:
+//
+//   {"update": status}, {"model": status}, {"connection": [result, state]}
+//   {"progress": [error, state, index, count, percentage]}; with "null": true without a record
+//   {"updating": bool}, {"pause": milliseconds}, {"waiting": true}: tells that the program waits
+//
 // In each but "connect": "drop": true loses the connection when the function is called, "never":
 // true never answers. A text is a string, or {"hex": digits} for bytes that JSON cannot hold.
 //
@@ -26,6 +41,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -53,6 +69,14 @@ struct velmora_svcmgr_ai_model_list_s {
   std::vector<velmora_svcmgr_ai_model_info_s> models;
 };
 
+struct velmora_svcmgr_agent_list_s {
+  std::vector<std::string> agents;
+};
+
+struct velmora_svcmgr_ai_progress_s {
+  int state, index, count, percentage;
+};
+
 namespace {
 
 constexpr std::array<const char*, kFieldCount> kFieldNames = {"id", "version", "title",
@@ -70,11 +94,20 @@ struct Library {
   void* on_connection_data = nullptr;
   int connection = 0;
   bool connected = false;
-  long live_handles = 0;
+  // Handles may be made and released on the threads of calls that block.
+  std::atomic<long> live_handles{0};
+  std::atomic<bool> updating{false};
+  velmora_svcmgr_update_status_cb on_update = nullptr;
+  void* on_update_data = nullptr;
+  velmora_svcmgr_ai_status_cb on_model = nullptr;
+  void* on_model_data = nullptr;
+  velmora_svcmgr_ai_progress_cb on_progress = nullptr;
+  void* on_progress_data = nullptr;
 
   Library() {
     const char* text = std::getenv("SVCMGRCTL_SCRIPT");
     script = text == nullptr ? json::object() : json::parse(text);
+    updating = script.value("updating", false);
   }
   ~Library() {
     if (live_handles != 0) Forbidden("handles are left at the end");
@@ -188,6 +221,90 @@ int Request(const json& step, velmora_svcmgr_ai_model_list_cb callback, void* da
                step.value("null", false) ? nullptr : ListOf(step.value("models", json::array())),
                data);
     });
+  return SVCMGR_ERROR_NONE;
+}
+
+void ReportProgress(const json& step) {
+  if (!library.connected || library.on_progress == nullptr) return;
+  const json& numbers = step["progress"];
+  velmora_svcmgr_ai_progress_h progress = nullptr;
+  if (!step.value("null", false)) {
+    ++library.live_handles;
+    progress = new velmora_svcmgr_ai_progress_s{numbers[1].get<int>(), numbers[2].get<int>(),
+                                                numbers[3].get<int>(), numbers[4].get<int>()};
+  }
+  library.on_progress(numbers[0].get<int>(), progress, library.on_progress_data);
+}
+
+void ReportUpdate(int status) {
+  library.updating = status == SVCMGR_UPDATE_STATUS_STARTED;
+  if (library.on_update != nullptr) library.on_update(status, library.on_update_data);
+}
+
+void TakeStep(const json& step) {
+  if (step.contains("update")) ReportUpdate(step["update"].get<int>());
+  if (step.contains("model") && library.on_model != nullptr)
+    library.on_model(SVCMGR_ERROR_NONE, step["model"].get<int>(), library.on_model_data);
+  if (step.contains("connection"))
+    Report(step["connection"][0].get<int>(), step["connection"][1].get<int>());
+  if (step.contains("progress")) ReportProgress(step);
+  if (step.contains("updating")) library.updating = step["updating"].get<bool>();
+  if (step.contains("waiting")) TellThatItWaits();
+}
+
+void TakeSteps(const json& steps, std::size_t next) {
+  for (; next < steps.size(); ++next) {
+    if (!steps[next].contains("pause")) {
+      TakeStep(steps[next]);
+      continue;
+    }
+    using Rest = std::pair<json, std::size_t>;
+    g_timeout_add_full(
+        G_PRIORITY_DEFAULT, steps[next]["pause"].get<guint>(),
+        [](gpointer rest) -> gboolean {
+          TakeSteps(static_cast<Rest*>(rest)->first, static_cast<Rest*>(rest)->second);
+          return G_SOURCE_REMOVE;
+        },
+        new Rest(steps, next + 1), [](gpointer rest) { delete static_cast<Rest*>(rest); });
+    return;
+  }
+}
+
+void TakeStepsLater(const json& step, const char* name) {
+  if (step.contains(name)) RunLater([steps = step[name]] { TakeSteps(steps, 0); });
+}
+
+int RequestUpdate(const json& agents) {
+  const json step = Step("update");
+  if (step.value("agents", json()) != agents) Forbidden("other agents are updated");
+  return Call(step, [&] { TakeStepsLater(step, "then"); });
+}
+
+int RequestWork(bool uninstall, velmora_svcmgr_ai_model_list_h list,
+                velmora_svcmgr_ai_progress_cb callback, void* data) {
+  CheckMainThread();
+  const json step = Step("work");
+  json models = json::array();
+  for (const auto& model : list->models) {
+    for (const auto& text : model.texts)
+      if (!text) return SVCMGR_ERROR_INVALID_OPERATION;
+    models.push_back({*model.texts[kId], *model.texts[kVersion]});
+  }
+  if (step.value("models", models) != models) Forbidden("other models are worked on");
+  if (step.value("uninstall", uninstall) != uninstall) Forbidden("it is the other kind of work");
+  DropIfAsked(step);
+  const int result = step.value("result", 0);
+  if (result != SVCMGR_ERROR_NONE) return result;
+  library.on_progress = callback;
+  library.on_progress_data = data;
+  TakeStepsLater(step, "then");
+  return SVCMGR_ERROR_NONE;
+}
+
+template <int velmora_svcmgr_ai_progress_s::*number>
+int GetNumber(velmora_svcmgr_ai_progress_h progress, int* value) {
+  if (progress == nullptr || value == nullptr) return SVCMGR_ERROR_INVALID_PARAMETER;
+  *value = progress->*number;
   return SVCMGR_ERROR_NONE;
 }
 
@@ -336,4 +453,115 @@ int velmora_svcmgr_ai_request_model_version_list(velmora_svcmgr_ai_model_info_h 
   }
   if (step.value("echo", false)) step["models"] = json::array({echo});
   return Request(step, callback, user_data);
+}
+
+int velmora_svcmgr_get_client_api_level(int* level) {
+  const json step = Step("client");
+  const char* root = std::getenv("VELMORA_APP_ROOT");
+  if (step.contains("root") && (root == nullptr || step["root"] != root))
+    Forbidden("another folder is looked at");
+  return Call(step, [&] { *level = step.value("value", 11); });
+}
+
+int velmora_svcmgr_agent_list_create(velmora_svcmgr_agent_list_h* list) {
+  *list = new velmora_svcmgr_agent_list_s;
+  ++library.live_handles;
+  return SVCMGR_ERROR_NONE;
+}
+
+int velmora_svcmgr_agent_list_destroy(velmora_svcmgr_agent_list_h list) {
+  --library.live_handles;
+  delete list;
+  return SVCMGR_ERROR_NONE;
+}
+
+int velmora_svcmgr_agent_list_add(velmora_svcmgr_agent_list_h list, const char* agent) {
+  list->agents.emplace_back(agent);
+  return SVCMGR_ERROR_NONE;
+}
+
+int velmora_svcmgr_request_update(void) { return RequestUpdate(json()); }
+
+int velmora_svcmgr_request_update_with_list(velmora_svcmgr_agent_list_h list) {
+  return RequestUpdate(list->agents);
+}
+
+int velmora_svcmgr_is_being_updated(bool* updating) {
+  *updating = library.updating;
+  return library.connected ? SVCMGR_ERROR_NONE : SVCMGR_ERROR_NOT_CONNECTED;
+}
+
+int velmora_svcmgr_set_update_status_cb(velmora_svcmgr_update_status_cb callback, void* user_data) {
+  CheckMainThread();
+  library.on_update = callback;
+  library.on_update_data = user_data;
+  ListenForEvents();
+  const json step = Step("subscribed");
+  TakeStepsLater(step, "update");
+  return step.value("result", 0);
+}
+
+int velmora_svcmgr_unset_update_status_cb(void) {
+  CheckMainThread();
+  library.on_update = nullptr;
+  return SVCMGR_ERROR_NONE;
+}
+
+int velmora_svcmgr_ai_register_status_cb(velmora_svcmgr_ai_status_cb callback, void* user_data) {
+  CheckMainThread();
+  library.on_model = callback;
+  library.on_model_data = user_data;
+  ListenForEvents();
+  const json step = Step("subscribed");
+  TakeStepsLater(step, "model");
+  return step.value("result", 0);
+}
+
+int velmora_svcmgr_ai_deregister_status_cb(void) {
+  CheckMainThread();
+  library.on_model = nullptr;
+  return SVCMGR_ERROR_NONE;
+}
+
+int velmora_svcmgr_ai_model_list_create(velmora_svcmgr_ai_model_list_h* list) {
+  *list = ListOf(json::array());
+  return SVCMGR_ERROR_NONE;
+}
+
+int velmora_svcmgr_ai_model_list_add(velmora_svcmgr_ai_model_list_h list,
+                                     velmora_svcmgr_ai_model_info_h info) {
+  list->models.push_back(*info);
+  return SVCMGR_ERROR_NONE;
+}
+
+int velmora_svcmgr_ai_request_to_update(velmora_svcmgr_ai_model_list_h list,
+                                        velmora_svcmgr_ai_progress_cb callback, void* user_data) {
+  return RequestWork(false, list, callback, user_data);
+}
+
+int velmora_svcmgr_ai_request_to_uninstall(velmora_svcmgr_ai_model_list_h list,
+                                           velmora_svcmgr_ai_progress_cb callback,
+                                           void* user_data) {
+  return RequestWork(true, list, callback, user_data);
+}
+
+int velmora_svcmgr_ai_progress_destroy(velmora_svcmgr_ai_progress_h progress) {
+  if (progress == nullptr) return SVCMGR_ERROR_INVALID_PARAMETER;
+  --library.live_handles;
+  delete progress;
+  return SVCMGR_ERROR_NONE;
+}
+
+int velmora_svcmgr_ai_progress_get_state(velmora_svcmgr_ai_progress_h progress, int* state) {
+  return GetNumber<&velmora_svcmgr_ai_progress_s::state>(progress, state);
+}
+int velmora_svcmgr_ai_progress_get_index(velmora_svcmgr_ai_progress_h progress, int* index) {
+  return GetNumber<&velmora_svcmgr_ai_progress_s::index>(progress, index);
+}
+int velmora_svcmgr_ai_progress_get_count(velmora_svcmgr_ai_progress_h progress, int* count) {
+  return GetNumber<&velmora_svcmgr_ai_progress_s::count>(progress, count);
+}
+int velmora_svcmgr_ai_progress_get_percentage(velmora_svcmgr_ai_progress_h progress,
+                                              int* percentage) {
+  return GetNumber<&velmora_svcmgr_ai_progress_s::percentage>(progress, percentage);
 }

@@ -62,6 +62,59 @@ const Row kRows[] = {
     {"NoAnswerToARequest", "never-answers", {"--timeout", "0.2", "models", "list"}, 7, nullptr},
 };
 
+const Row kUpdates[] = {
+    {"Crashes", "update-crashes", {"update"}, 1, "SVCMGR_UPDATE_STATUS_RESULT_7"},
+    {"Fails", "update-fails", {"update"}, 1, "SVCMGR_UPDATE_STATUS_RESULT_3"},
+    {"NeverReturns", "update-never-returns", {"--timeout", "2", "update"}, 7, "STATUS_STARTED"},
+    {"Results", "update-results", {"update"}, 0, "SVCMGR_UPDATE_STATUS_COMPLETED"},
+    {"Self", "update-self", {"update"}, 0, "SVCMGR_UPDATE_STATUS_COMPLETED"},
+    {"SelfInTheMiddle", "demo", {"update"}, 0, "no loss of the connection was reported"},
+    {"OfNamedAgents", "demo", {"update", "org.b", "org.a"}, 0, "to update org.b, org.a"},
+    {"Silent", "update-silent", {"--timeout", "2", "update"}, 7, "was asked to update all agents"},
+    {"OfAnOldAgent", "old-agent", {"update", "org.a"}, 5, ""},
+    {"WithoutAnAgent", "agent-missing", {"update"}, 5, ""},
+    {"KyrDisabled", "kyr-disabled", {"update"}, 9, ""},
+    {"UpdatingNothing", "demo", {"updating"}, 0, "no\n"},
+};
+
+class AnUpdate : public testing::TestWithParam<Row> {};
+INSTANTIATE_TEST_SUITE_P(That, AnUpdate, testing::ValuesIn(kUpdates),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST_P(AnUpdate, EndsWithItsStatus) {
+  const Finished run = RunCtl(GetParam().scenario, GetParam().arguments);
+  EXPECT_EQ(run.status, GetParam().status) << run.output << run.errors;
+  EXPECT_THAT(run.output, HasSubstr(GetParam().output));
+  EXPECT_EQ(run.errors.empty(), run.status == 0) << run.errors;
+}
+
+TEST(AnUpdateOfTheAgentItself, EndsWithTheConnectionNeverLost) {
+  const Finished run = RunCtl("update-self", {"--json", "update"});
+  EXPECT_EQ(run.status, 0) << run.errors;
+  const std::string last = run.output.substr(run.output.rfind('\n', run.output.size() - 2) + 1);
+  EXPECT_EQ(json::parse(last)["connection_losses"], 0);
+}
+
+/** Runs a command with svcmgrctl as $0 beside an agent that takes this step until it has ended. */
+Finished RunBeside(const std::string& step, const std::string& command) {
+  const std::string script = "(" + command + ") & while kill -0 $!; do \"$1\" send " + step +
+                             "; done 2>/dev/null; wait $!";
+  return RunSim({"run", "demo", "--", "sh", "-c", script, SVCMGRCTL, SVCMGR_SIM});
+}
+
+TEST(Updating, IsToldOfAnUpdateThatBegins) {
+  const Finished run = RunBeside("update-start", "\"$0\" updating --listen 60");
+  EXPECT_EQ(run.status, 0) << run.errors;
+  EXPECT_EQ(run.output, "yes\n");
+}
+
+TEST(Watch, PrintsTheEventsOfTheAgent) {
+  const Finished updates = RunBeside("update-start", "\"$0\" watch update | head -n 1");
+  EXPECT_THAT(updates.output, HasSubstr("0 SVCMGR_UPDATE_STATUS_STARTED"));
+  const Finished models = RunBeside("model-failed", "\"$0\" watch model | head -n 1");
+  EXPECT_THAT(models.output, HasSubstr("24 SVCMGR_AI_STATUS_FAILED"));
+}
+
 class ACommand : public testing::TestWithParam<Row> {};
 INSTANTIATE_TEST_SUITE_P(With, ACommand, testing::ValuesIn(kRows),
                          [](const auto& row) { return std::string(row.param.name); });

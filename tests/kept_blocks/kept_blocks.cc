@@ -20,6 +20,9 @@ struct ModelInfo {
 struct ModelList {
   void** begin;
 };
+struct AgentList {
+  void** begin;
+};
 
 std::mutex mutex;
 std::set<ModelInfo*>& Kept() {
@@ -65,6 +68,15 @@ int velmora_svcmgr_ai_model_list_destroy(velmora_svcmgr_ai_model_list_h list) {
   static const auto next =
       Next<decltype(velmora_svcmgr_ai_model_list_destroy)>("velmora_svcmgr_ai_model_list_destroy");
   void* const array = list == nullptr ? nullptr : reinterpret_cast<ModelList*>(list)->begin;
+  const int result = next(list);
+  if (result == SVCMGR_ERROR_NONE) ::operator delete(array);
+  return result;
+}
+
+int velmora_svcmgr_agent_list_destroy(velmora_svcmgr_agent_list_h list) {
+  static const auto next =
+      Next<decltype(velmora_svcmgr_agent_list_destroy)>("velmora_svcmgr_agent_list_destroy");
+  void* const array = list == nullptr ? nullptr : reinterpret_cast<AgentList*>(list)->begin;
   const int result = next(list);
   if (result == SVCMGR_ERROR_NONE) ::operator delete(array);
   return result;

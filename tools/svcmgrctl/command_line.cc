@@ -19,11 +19,14 @@ constexpr double kLongestTimeout = 40.0 * 24 * 60 * 60;
 
 constexpr char kExamples[] = R"(Examples:
   svcmgrctl status                       is there an agent, and what does it say
+  svcmgrctl update                       update the agents, and follow it to the end
+  svcmgrctl watch                        what happens, as it happens
   svcmgrctl models list --descriptions   the models that may be used
   svcmgrctl models versions ID           the versions of one of them
   svcmgrctl models list --json | jq -r '.models[].id'
 
-Data goes to standard output, messages to standard error. With --json both are JSON documents.
+Data goes to standard output, messages to standard error. With --json both are JSON documents, one in
+each line where something is followed.
 )";
 
 std::string VersionText() {
@@ -31,14 +34,6 @@ std::string VersionText() {
          std::to_string(VELMORA_SVCMGR_VERSION_MINOR) + "." +
          std::to_string(VELMORA_SVCMGR_VERSION_PATCH) + " (client API level " +
          std::to_string(VELMORA_SVCMGR_API_LEVEL) + ")\n";
-}
-
-std::string CheckTimeout(const std::string& text) {
-  double seconds = 0;
-  // Written so that a NaN, which compares with nothing, is refused too.
-  if (CLI::detail::lexical_cast(text, seconds) && seconds >= 0 && seconds <= kLongestTimeout)
-    return {};
-  return "'" + text + "' is no number of seconds from 0 to 3456000";
 }
 
 ColorWhen ColorFrom(const std::string& word) {
@@ -62,9 +57,10 @@ class PlainFormatter : public CLI::Formatter {
 void AddOptions(CLI::App& app, Options* options) {
   app.add_flag("--json", options->json, "Data and errors as JSON documents");
   app.add_option("--timeout", options->timeout,
-                 "Give up after so many seconds; 0 waits for ever (default: 30)")
+                 "Give up after so many seconds, of silence where something is followed; 0 waits "
+                 "for ever (default: 30)")
       ->type_name("SECONDS")
-      ->check(CLI::Validator(CheckTimeout, ""));
+      ->check(CLI::Validator(CheckSeconds, ""));
   app.add_option_function<std::string>(
          "--color", [options](const std::string& word) { options->color = ColorFrom(word); },
          "auto, always or never; auto is for terminals, unless NO_COLOR is set")
@@ -123,14 +119,26 @@ std::string WhatIsWrong(const CLI::App& root, const CLI::App& understood, std::s
 
 }  // namespace
 
+std::string CheckSeconds(const std::string& text) {
+  double seconds = 0;
+  // Written so that a NaN, which compares with nothing, is refused too.
+  if (CLI::detail::lexical_cast(text, seconds) && seconds >= 0 && seconds <= kLongestTimeout)
+    return {};
+  return "'" + text + "' is no number of seconds from 0 to 3456000";
+}
+
 void ReadCommandLine(int argc, const char* const* argv, Invocation* invocation) {
   invocation->options.json = WantsJson(argc, argv);
-  CLI::App app("Asks the device's service-manager agent about itself and about AI models.");
+  CLI::App app(
+      "Asks the device's service-manager agent about itself and about AI models, and has it update "
+      "them.");
   SetUp(app, &invocation->options);
   app.require_subcommand(0, 1);
   AddStatusCommand(app, &invocation->command);
   AddAgentCommands(app, &invocation->command);
+  AddUpdateCommands(app, &invocation->command);
   AddModelCommands(app, &invocation->command);
+  AddWatchCommand(app, &invocation->command);
   std::string exit_codes = ExitCodeTable();
   exit_codes.pop_back();  // help ends the line itself
   app.footer(kExamples + ("\nExit status:\n" + exit_codes));

@@ -4,6 +4,7 @@
 
 #include <CLI/App.hpp>
 #include <functional>
+#include <string>
 
 #include "console.h"
 #include "session.h"
@@ -21,8 +22,15 @@ using Command = std::function<void(Session&, Console&)>;
 void AddStatusCommand(CLI::App& app, Command* chosen);
 /** api-level, license */
 void AddAgentCommands(CLI::App& app, Command* chosen);
+/** update, updating */
+void AddUpdateCommands(CLI::App& app, Command* chosen);
 /** models list, models versions */
 void AddModelCommands(CLI::App& app, Command* chosen);
+/** watch */
+void AddWatchCommand(CLI::App& app, Command* chosen);
+
+/** What is wrong with a number of seconds; empty if nothing is. */
+std::string CheckSeconds(const std::string& text);
 
 }  // namespace svcmgrctl
 

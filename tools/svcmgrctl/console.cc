@@ -3,9 +3,12 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <system_error>
 #include <utility>
@@ -21,11 +24,39 @@ bool IsSet(const char* variable) {
   return value != nullptr && *value != '\0';
 }
 
+bool IsCleverTerminal(int fd) {
+  const char* terminal = std::getenv("TERM");
+  return isatty(fd) != 0 && (terminal == nullptr || std::string_view(terminal) != "dumb");
+}
+
 bool UseColor(ColorWhen when, int fd) {
   if (when != ColorWhen::kAuto) return when == ColorWhen::kAlways;
-  if (IsSet("NO_COLOR") || isatty(fd) == 0) return false;
-  const char* terminal = std::getenv("TERM");
-  return terminal == nullptr || std::string_view(terminal) != "dumb";
+  return !IsSet("NO_COLOR") && IsCleverTerminal(fd);
+}
+
+struct TerminalSize {
+  std::size_t rows = 24;
+  std::size_t columns = 80;
+};
+
+TerminalSize SizeOfTerminal() {
+  winsize size = {};
+  TerminalSize found;
+  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) return found;
+  if (size.ws_row > 0) found.rows = size.ws_row;
+  if (size.ws_col > 0) found.columns = size.ws_col;
+  return found;
+}
+
+// From the line below what was drawn to its first line, of which nothing is left.
+std::string Erase(std::size_t lines) {
+  return lines == 0 ? "" : "\x1b[" + std::to_string(lines) + "A\r\x1b[J";
+}
+
+Failure WriteFailure(int error) {
+  return {std::nullopt, "WRITE_FAILED",
+          "cannot write to standard output: " + std::generic_category().message(error),
+          kExitFailed};
 }
 
 // Returns 0 or an errno value.
@@ -61,6 +92,8 @@ Json ToJson(const Failure& failure) {
 
 Console::Console(const Options& options)
     : json_(options.json),
+      verbose_(options.verbose),
+      live_(!options.json && IsCleverTerminal(STDOUT_FILENO)),
       out_color_(UseColor(options.color, STDOUT_FILENO)),
       err_color_(UseColor(options.color, STDERR_FILENO)) {}
 
@@ -69,6 +102,51 @@ void Console::Data(const Json& json, std::string_view text) {
     kept_ += Dump(json, 2);
   else
     kept_ += text;
+}
+
+void Console::Line(const Json& json, std::string_view text) {
+  if (json_) {
+    kept_ += Dump(json, -1);
+  } else if (!text.empty()) {
+    Draw({});
+    kept_ += std::string(text) + "\n";
+  }
+  WriteLeftovers();
+}
+
+void Console::Draw(const std::vector<std::string>& lines) {
+  if (!live_ || lines == drawn_) return;
+  WriteLeftovers();
+  // A terminal that lags behind gets fewer pictures, not a queue of them.
+  if (!kept_.empty() && !lines.empty()) return;
+  kept_ += Erase(drawn_.size());
+  // A line that fills the last column would wrap on some terminals.
+  const std::size_t width = SizeOfTerminal().columns - 1;
+  for (const std::string& line : lines) kept_ += FirstCells(line, width) + "\n";
+  drawn_ = lines;
+  WriteLeftovers();
+}
+
+std::size_t Console::TerminalHeight() const { return SizeOfTerminal().rows; }
+
+void Console::WriteLeftovers() {
+  // So little never blocks once there is space at all, in a pipe neither.
+  constexpr std::size_t kPiece = PIPE_BUF;
+  pollfd ready = {STDOUT_FILENO, POLLOUT, 0};
+  while (!kept_.empty() && poll(&ready, 1, 0) > 0) {
+    const ssize_t written = write(STDOUT_FILENO, kept_.data(), std::min(kPiece, kept_.size()));
+    if (written >= 0) {
+      kept_.erase(0, static_cast<std::size_t>(written));
+    } else if (errno == EPIPE) {
+      has_reader_ = false;
+      kept_.clear();
+    } else if (errno == EAGAIN) {
+      return;
+    } else if (const int error = errno; error != EINTR) {
+      kept_.clear();
+      throw WriteFailure(error);
+    }
+  }
 }
 
 void Console::Note(std::string_view message) const {
@@ -89,9 +167,7 @@ void Console::Error(const Failure& failure) const {
 void Console::Flush() {
   const int error = WriteAll(STDOUT_FILENO, std::exchange(kept_, {}));
   if (error == 0 || error == EPIPE) return;
-  throw Failure{std::nullopt, "WRITE_FAILED",
-                "cannot write to standard output: " + std::generic_category().message(error),
-                kExitFailed};
+  throw WriteFailure(error);
 }
 
 void ReserveStandardDescriptors() {

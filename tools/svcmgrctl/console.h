@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "failure.h"
 #include "options.h"
@@ -24,13 +25,45 @@ Json ToJson(const Failure& failure);
 class Console {
  public:
   explicit Console(const Options& options);
+  Console(const Console&) = delete;
+  Console& operator=(const Console&) = delete;
 
   /** Whether data is shown in colour; decided for standard output. */
   bool color() const { return out_color_; }
 
+  bool json() const { return json_; }
+  bool verbose() const { return verbose_; }
+
+  /** Whether people see the output where lines can be drawn again. */
+  bool live() const { return live_; }
+
   /** Takes the data of a command in both its forms and keeps the one that was asked for until
    *  Flush. `text` must be safe for a terminal. */
   void Data(const Json& json, std::string_view text);
+
+  /**
+   * Takes one line of data about something that goes on, in both its forms, and writes it at once,
+   * as far as the reader takes it: it never blocks. What is left is written with later lines, or by
+   * Flush. `text` must be safe for a terminal; without one there is no line for people. What Draw
+   * has shown is gone then.
+   */
+  void Line(const Json& json, std::string_view text);
+
+  /** Shows these lines at the end of what is on the terminal, in place of those that were shown so
+   *  before. They must be safe for a terminal, and are cut to its width. Only where live(). */
+  void Draw(const std::vector<std::string>& lines);
+
+  /** How many lines the terminal has. */
+  std::size_t TerminalHeight() const;
+
+  /** False once nobody reads what is written. */
+  bool HasReader() const { return has_reader_; }
+
+  /** Whether lines are left that the reader did not take. */
+  bool HasLeftovers() const { return !kept_.empty(); }
+
+  /** Writes as much of what is left as the reader takes. */
+  void WriteLeftovers();
 
   /** Takes a text that has one form only, such as help. */
   void Text(std::string_view text) { kept_ += text; }
@@ -50,9 +83,13 @@ class Console {
 
  private:
   const bool json_;
+  const bool verbose_;
+  const bool live_;
   const bool out_color_;
   const bool err_color_;
+  bool has_reader_ = true;
   std::string kept_;
+  std::vector<std::string> drawn_;
 };
 
 /** Opens descriptors 0 to 2 where the caller closed them, so that no connection gets their numbers

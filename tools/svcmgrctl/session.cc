@@ -36,16 +36,10 @@ guint AddSignal(int signal, Event event) {
                                 DeleteEvent);
 }
 
-Failure TimedOut(double seconds) {
+Failure TimedOut(const char* what_happened, double seconds) {
   char limit[32];
   g_ascii_formatd(limit, sizeof limit, "%g", seconds);
-  return {std::nullopt, "TIMEOUT", std::string("the agent did not answer within ") + limit + " s",
-          kExitTimeout};
-}
-
-Failure Lost() {
-  return {std::nullopt, "CONNECTION_LOST", "the connection to the agent was lost",
-          kExitNoConnection};
+  return {std::nullopt, "TIMEOUT", std::string(what_happened) + " " + limit + " s", kExitTimeout};
 }
 
 Failure ConnectFailure(int code) {
@@ -56,20 +50,46 @@ Failure ConnectFailure(int code) {
 
 }  // namespace
 
-Session::Session(double timeout) {
-  if (timeout > 0) sources_[0] = AddTimer(timeout, [this, timeout] { End(TimedOut(timeout)); });
-  sources_[1] = AddSignal(SIGINT, [this] {
+Failure LostConnection() {
+  return {std::nullopt, "CONNECTION_LOST", "the connection to the agent was lost",
+          kExitNoConnection};
+}
+
+Session::Session(double timeout) : timeout_(timeout) {
+  LimitTime("the agent did not answer within");
+  sources_.push_back(AddSignal(SIGINT, [this] {
     End({std::nullopt, "INTERRUPTED", "interrupted", kExitInterrupted});
-  });
-  sources_[2] = AddSignal(SIGTERM, [this] {
+  }));
+  sources_.push_back(AddSignal(SIGTERM, [this] {
     End({std::nullopt, "TERMINATED", "terminated", kExitTerminated});
-  });
+  }));
 }
 
 Session::~Session() {
-  for (guint source : sources_)
-    if (source != 0) g_source_remove(source);
+  EndTimeLimit();
+  for (guint source : sources_) g_source_remove(source);
   if (!has_stuck_call_) velmora_svcmgr_disconnect();
+}
+
+void Session::LimitTime(const char* what_happened) {
+  EndTimeLimit();
+  if (timeout_ > 0)
+    time_limit_ =
+        AddTimer(timeout_, [this, what_happened] { End(TimedOut(what_happened, timeout_)); });
+}
+
+void Session::EndTimeLimit() {
+  if (time_limit_ != 0) g_source_remove(std::exchange(time_limit_, 0));
+}
+
+void Session::Heard() { LimitTime("the agent said nothing for"); }
+
+void Session::Every(double seconds, std::function<void()> event) {
+  sources_.push_back(AddTimer(seconds, std::move(event)));
+}
+
+void Session::TellOfConnection(std::function<bool(int result, int state)> changed) {
+  connection_changed_ = std::move(changed);
 }
 
 void Session::End(Failure reason) {
@@ -78,6 +98,7 @@ void Session::End(Failure reason) {
 
 void Session::OnConnection(int result, int state, void* session) {
   auto* self = static_cast<Session*>(session);
+  const bool goes_on = self->connection_changed_ && self->connection_changed_(result, state);
   switch (state) {
     case SVCMGR_CONNECTION_STATE_CONNECTED:
       self->connected_ = true;
@@ -86,7 +107,7 @@ void Session::OnConnection(int result, int state, void* session) {
       self->End(FailureOf(result, "the agent refused the connection", kExitPermission));
       break;
     default:
-      self->End(Lost());
+      if (!goes_on) self->End(LostConnection());
   }
 }
 

@@ -7,11 +7,14 @@
 #include <deque>
 #include <functional>
 #include <optional>
+#include <vector>
 
 #include "failure.h"
 #include "handles.h"
 
 namespace svcmgrctl {
+
+Failure LostConnection();
 
 /**
  * One stay with the agent: a connection, a time limit, and the signals that end it early.
@@ -44,6 +47,23 @@ class Session {
   using StartRequest = std::function<int(velmora_svcmgr_ai_model_list_cb, void*)>;
   ModelList Request(const StartRequest& start);
 
+  /** Runs the main loop until `ready`, or until a reason to end; the reason is thrown. */
+  void WaitUntil(const std::function<bool()>& ready);
+
+  /** Runs `event` every so many seconds, in the main loop, as long as the session stands. */
+  void Every(double seconds, std::function<void()> event);
+
+  /** The agent has said something: from now on the time limit is for its silence alone, and begins
+   *  anew with each call. */
+  void Heard();
+
+  /** From now on there is no time limit. */
+  void EndTimeLimit();
+
+  /** Tells `changed` of every change of the connection, with its result and its state. Where it
+   *  returns true a loss is no reason to end: the library may find the agent again. */
+  void TellOfConnection(std::function<bool(int result, int state)> changed);
+
   /** Lets the main loop handle all that has happened up to now; fails if that is the end of the
    *  connection. A call that fails because the agent died may return before that is known. */
   void Settle();
@@ -59,14 +79,17 @@ class Session {
     ModelList list;
   };
 
-  void WaitUntil(const std::function<bool()>& ready);
   void End(Failure reason);
+  void LimitTime(const char* what_happened);
 
   static void OnConnection(int result, int state, void* session);
   static void OnAnswer(int error, velmora_svcmgr_ai_model_list_h list, void* answer);
 
-  // Sources of the main loop: the time limit and two signals; 0 where there is none.
-  guint sources_[3] = {};
+  const double timeout_;
+  // Sources of the main loop; 0 where there is none.
+  guint time_limit_ = 0;
+  std::vector<guint> sources_;
+  std::function<bool(int, int)> connection_changed_;
   bool connected_ = false;
   bool has_stuck_call_ = false;
   // Why no wait can succeed any more; the first reason stays.

@@ -55,6 +55,11 @@ std::string Escaped(gunichar c) {
   return c < 0x80 ? ByteNumber(c) : CharacterNumber(c);
 }
 
+std::size_t CellsOf(gunichar c) {
+  if (g_unichar_iszerowidth(c)) return 0;
+  return g_unichar_iswide(c) ? 2 : 1;
+}
+
 std::size_t EditDistance(std::string_view a, std::string_view b) {
   std::vector<std::size_t> row(b.size() + 1);
   std::iota(row.begin(), row.end(), std::size_t{0});
@@ -94,11 +99,21 @@ std::string ForTerminal(std::string_view text, Layout layout) {
 std::size_t CellWidth(std::string_view text) {
   std::size_t cells = 0;
   const char* const end = text.data() + text.size();
-  for (const char* p = text.data(); p < end; p = g_utf8_next_char(p)) {
-    const gunichar c = g_utf8_get_char(p);
-    if (!g_unichar_iszerowidth(c)) cells += g_unichar_iswide(c) ? 2 : 1;
-  }
+  for (const char* p = text.data(); p < end; p = g_utf8_next_char(p))
+    cells += CellsOf(g_utf8_get_char(p));
   return cells;
+}
+
+std::string FirstCells(std::string_view text, std::size_t cells) {
+  const char* const begin = text.data();
+  const char* const end = begin + text.size();
+  const char* p = begin;
+  for (std::size_t left = cells; p < end; p = g_utf8_next_char(p)) {
+    const std::size_t width = CellsOf(g_utf8_get_char(p));
+    if (width > left) break;
+    left -= width;
+  }
+  return std::string(begin, p);
 }
 
 std::vector<std::string> SimilarTo(std::string_view word,

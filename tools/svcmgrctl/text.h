@@ -22,6 +22,9 @@ std::string ForTerminal(std::string_view text, Layout layout = Layout::kEscape);
 /** How many cells of a terminal a text takes, which ForTerminal has made safe. */
 std::size_t CellWidth(std::string_view text);
 
+/** As much of a text, which ForTerminal has made safe, as fits into so many cells. */
+std::string FirstCells(std::string_view text, std::size_t cells);
+
 /** Those of `candidates` that differ little enough from `word` to be what was meant, best first, at
  *  most three. */
 std::vector<std::string> SimilarTo(std::string_view word,

@@ -1,0 +1,250 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <deque>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "clock.h"
+#include "commands.h"
+#include "handles.h"
+#include "statuses.h"
+#include "subscriptions.h"
+#include "text.h"
+#include "velmora_svcmgr.h"
+
+namespace svcmgrctl {
+namespace {
+
+constexpr double kPictureSeconds = 0.1;
+
+/** How long something has taken so far, in front of what is said about it. */
+std::string Stamped(double seconds, const std::string& text) {
+  const std::string shown = Tenths(seconds);
+  return std::string(shown.size() < 6 ? 6 - shown.size() : 0, ' ') + shown + " s  " + text;
+}
+
+std::string Shown(const Status& status) { return status.meaning + " (" + status.name + ")"; }
+
+bool IsBeingUpdated() {
+  bool updating = false;
+  return velmora_svcmgr_is_being_updated(&updating) == SVCMGR_ERROR_NONE && updating;
+}
+
+AgentList MakeAgentList(const std::vector<std::string>& agents) {
+  velmora_svcmgr_agent_list_h raw = nullptr;
+  int code = velmora_svcmgr_agent_list_create(&raw);
+  AgentList list(raw);
+  for (auto agent = agents.begin(); code == SVCMGR_ERROR_NONE && agent != agents.end(); ++agent)
+    code = velmora_svcmgr_agent_list_add(list.get(), agent->c_str());
+  if (code != SVCMGR_ERROR_NONE) throw FailureOf(code);
+  return list;
+}
+
+/** One update of the agents, from the request to its end. */
+class Update {
+ public:
+  Update(Session& session, Console& console, std::vector<std::string> agents)
+      : session_(session), console_(console), agents_(std::move(agents)) {}
+
+  void Run() {
+    session_.Connect();
+    const UpdateSubscription subscription([this](int status) {
+      news_.push_back({News::kUpdate, status, 0});
+    });
+    session_.TellOfConnection([this](int result, int state) {
+      news_.push_back({News::kConnection, state, result});
+      return true;
+    });
+    Request();
+    session_.Every(kPictureSeconds, [this] { time_for_picture_ = true; });
+    try {
+      Follow();
+    } catch (Failure& failure) {
+      console_.Draw({});
+      Explain(&failure);
+      throw;
+    }
+  }
+
+ private:
+  struct News {
+    enum Kind { kUpdate, kConnection } kind;
+    int status;
+    int result;
+  };
+
+  Json Entry(const char* event) const {
+    return {{"time", WallTime()}, {"elapsed", Rounded(Elapsed())}, {"event", event}};
+  }
+  double Elapsed() const { return Now() - begin_; }
+
+  void Print(Json json, const Json& more, const std::string& text) {
+    json.update(more);
+    console_.Line(json, Stamped(Elapsed(), text));
+  }
+
+  void Request() {
+    // What the agent says while it is asked belongs to this update; what it said before does not.
+    session_.Settle();
+    news_.clear();
+    auto list = std::make_shared<AgentList>();
+    if (!agents_.empty()) *list = MakeAgentList(agents_);
+    begin_ = Now();
+    const int code = session_.Block([list] {
+      return *list ? velmora_svcmgr_request_update_with_list(list->get())
+                   : velmora_svcmgr_request_update();
+    });
+    if (code != SVCMGR_ERROR_NONE) ThrowRefusal(code);
+    taken_ = true;
+    session_.Heard();
+    std::string whom;
+    for (const std::string& agent : agents_)
+      whom += (whom.empty() ? "" : ", ") + ForTerminal(agent);
+    Print(Entry("requested"), {{"agents", agents_}},
+          "the agent was asked to update " + (whom.empty() ? "all agents" : whom));
+  }
+
+  [[noreturn]] void ThrowRefusal(int code) {
+    session_.Settle();
+    for (const News& news : news_)
+      if (news.kind == News::kConnection) throw LostConnection();
+    // The code for every failure but two; the connection stands.
+    if (code == SVCMGR_ERROR_NOT_CONNECTED)
+      throw FailureOf(code, "the agent did not take the request", kExitFailed);
+    throw FailureOf(code);
+  }
+
+  void Follow() {
+    while (!ended_) {
+      session_.WaitUntil([this] { return time_for_picture_ || !news_.empty(); });
+      time_for_picture_ = false;
+      for (; !news_.empty() && !ended_; news_.pop_front()) Take(news_.front());
+      if (!ended_) ShowPicture();
+    }
+    console_.Draw({});
+    const bool succeeded = final_.number == SVCMGR_UPDATE_STATUS_COMPLETED;
+    Print(Entry("end"),
+          {{"succeeded", succeeded},
+           {"status", final_.number},
+           {"name", final_.name},
+           {"connection_losses", losses_}},
+          losses_ == 0 ? "no loss of the connection was reported"
+                       : "the connection to the agent was lost on the way");
+    if (!succeeded) throw Failure{std::nullopt, final_.name, Shown(final_), kExitFailed};
+  }
+
+  void Take(const News& news) {
+    session_.Heard();
+    if (news.kind == News::kConnection) {
+      TakeConnection(ConnectionState(news.status), news.result);
+      return;
+    }
+    const Status status = UpdateStatus(news.status);
+    Print(Entry("update"), {{"status", status.number}, {"name", status.name}}, Shown(status));
+    begun_ = true;
+    if (status.number == SVCMGR_UPDATE_STATUS_STARTED) return;
+    final_ = status;
+    ended_ = true;
+  }
+
+  void TakeConnection(const Status& state, int result) {
+    lost_ = state.number != SVCMGR_CONNECTION_STATE_CONNECTED;
+    losses_ += lost_ ? 1 : 0;
+    Print(Entry("connection"), {{"result", result}, {"state", state.number}, {"name", state.name}},
+          Shown(state));
+  }
+
+  const char* Doing() const {
+    if (lost_) return "waiting for the agent to come back";
+    if (begun_) return "the update is under way";
+    return IsBeingUpdated() ? "the agent updates itself" : "waiting for the update to begin";
+  }
+
+  void ShowPicture() {
+    constexpr char kSpinner[] = {'|', '/', '-', '\\'};
+    picture_ = (picture_ + 1) % sizeof kSpinner;
+    console_.Draw({Stamped(Elapsed(), std::string(1, kSpinner[picture_]) + " " + Doing())});
+  }
+
+  /** The end of waiting is not the end of the update. */
+  void Explain(Failure* failure) const {
+    if (ended_ || !taken_) return;
+    if (failure->exit == kExitTimeout && lost_) {
+      *failure = {std::nullopt, "CONNECTION_LOST",
+                  "the connection to the agent was lost in the update, and " + failure->message,
+                  kExitNoConnection};
+    } else if (failure->exit == kExitTimeout) {
+      failure->message += "; how the update ends is not known";
+    } else if (failure->exit >= kExitInterrupted) {
+      failure->message += "; the agent goes on with the update";
+    }
+  }
+
+  Session& session_;
+  Console& console_;
+  const std::vector<std::string> agents_;
+  std::deque<News> news_;
+  double begin_ = 0;
+  bool time_for_picture_ = false;
+  std::size_t picture_ = 0;
+  bool taken_ = false;
+  bool begun_ = false;
+  bool ended_ = false;
+  bool lost_ = false;
+  int losses_ = 0;
+  Status final_ = {};
+};
+
+void ShowUpdating(Session& session, Console& console, double listen) {
+  session.Connect();
+  const UpdateSubscription subscription([](int) {});
+  if (listen > 0) {
+    const double end = Now() + listen;
+    session.EndTimeLimit();
+    session.Every(listen, [] {});
+    session.WaitUntil([end] { return IsBeingUpdated() || Now() >= end; });
+  }
+  session.Settle();
+  bool updating = false;
+  const int code = velmora_svcmgr_is_being_updated(&updating);
+  if (code != SVCMGR_ERROR_NONE) throw FailureOf(code);
+  console.Data({{"updating", updating}}, updating ? "yes\n" : "no\n");
+}
+
+void AddUpdate(CLI::App& app, Command* chosen) {
+  auto agents = std::make_shared<std::vector<std::string>>();
+  CLI::App* update = app.add_subcommand("update", "Update the agents, and follow it to the end");
+  update->add_option("AGENT", *agents, "The agents to update; without any, all of them")
+      ->type_name("");
+  update->callback([chosen, agents] {
+    *chosen = [agents](Session& session, Console& console) {
+      Update(session, console, *agents).Run();
+    };
+  });
+}
+
+void AddUpdating(CLI::App& app, Command* chosen) {
+  auto listen = std::make_shared<double>(0);
+  CLI::App* updating =
+      app.add_subcommand("updating", "Tell whether an update of the agents is heard of");
+  updating
+      ->add_option("--listen", *listen,
+                   "Listen for so many seconds, or until one is heard of (default: 0)")
+      ->type_name("SECONDS")
+      ->check(CLI::Validator(CheckSeconds, ""));
+  updating->callback([chosen, listen] {
+    *chosen = [listen](Session& session, Console& console) {
+      ShowUpdating(session, console, *listen);
+    };
+  });
+}
+
+}  // namespace
+
+void AddUpdateCommands(CLI::App& app, Command* chosen) {
+  AddUpdate(app, chosen);
+  AddUpdating(app, chosen);
+}
+
+}  // namespace svcmgrctl
