@@ -279,17 +279,25 @@ TEST(TheVersionsOfAModel, AreAskedForWithAllFourTextsOfTheModel) {
                         "      \"description\": \"\"\n"));
 }
 
-TEST(TheVersionsOfAModel, ThatIsNotUsableAreNotFoundAndSimilarNamesSuggested) {
-  const Ending ending = RunScripted(kVersions, {"models", "versions", "vison"});
+TEST(TheVersionsOfAModel, ThatThereIsNotAreNotFoundAndSimilarNamesSuggested) {
+  const std::string usable = R"({"described": {"models": [{"id": "vision"}, {"id": "visor"}]}})";
+  const Ending ending = RunScripted(usable, {"models", "versions", "vison"});
   EXPECT_EQ(ending.status, 4);
   EXPECT_EQ(ending.output, "");
   EXPECT_EQ(ending.errors,
             "svcmgrctl: error: there is no usable model 'vison'; did you mean 'vision' or "
             "'visor'\n");
-  EXPECT_EQ(RunScripted(kVersions, {"models", "versions", "far away", "--json"}).errors,
+  EXPECT_EQ(RunScripted(usable, {"models", "versions", "far away", "--json"}).errors,
             R"({"error":{"code":null,"name":"NOT_FOUND",)"
             R"("message":"there is no usable model 'far away'","exit":4}})"
             "\n");
+}
+
+TEST(TheVersionsOfAModel, ThatIsNotInstalledAreThoseThatCanBe) {
+  ExpectDone(RunScripted(R"({"versions": {"models": [{"id": "new", "version": "0.9"}]}})",
+                         {"models", "versions", "new"}),
+             "VERSION  ID   TITLE\n"
+             "0.9      new  -\n");
 }
 
 TEST(TheVersionsOfAModel, WhenThereAreNoneAreNoData) {

@@ -68,6 +68,15 @@ TEST(TheWidthOfAText, CountsCellsAndNeitherBytesNorCharacters) {
   EXPECT_EQ(CellWidth("\xef\xbd\xb1"), 1u);              // half-width katakana
 }
 
+TEST(TheFirstCells, OfATextEndBeforeTheCharacterThatDoesNotFit) {
+  EXPECT_EQ(FirstCells("abc", 0), "");
+  EXPECT_EQ(FirstCells("abc", 2), "ab");
+  EXPECT_EQ(FirstCells("abc", 9), "abc");
+  EXPECT_EQ(FirstCells("a\xe4\xb8\xad\xe6\x96\x87", 2), "a");
+  EXPECT_EQ(FirstCells("a\xe4\xb8\xad\xe6\x96\x87", 3), "a\xe4\xb8\xad");
+  EXPECT_EQ(FirstCells("e\xcc\x81x", 1), "e\xcc\x81");
+}
+
 TEST(ASuggestion, IsWhatDiffersLittleBestFirst) {
   EXPECT_THAT(SimilarTo("vison", {"speech", "vision", "visor", "vision-2"}),
               ElementsAre("vision", "visor"));

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "sim_process.h"
+#include "temp_folder.h"
 
 namespace {
 
@@ -113,6 +114,83 @@ TEST(Watch, PrintsTheEventsOfTheAgent) {
   EXPECT_THAT(updates.output, HasSubstr("0 SVCMGR_UPDATE_STATUS_STARTED"));
   const Finished models = RunBeside("model-failed", "\"$0\" watch model | head -n 1");
   EXPECT_THAT(models.output, HasSubstr("24 SVCMGR_AI_STATUS_FAILED"));
+}
+
+const Row kModelWork[] = {
+    {"Fails", "models-fail", {"models", "update", "vision.segment"}, 1, "update failed"},
+    {"FailsToRemove", "models-fail", {"models", "uninstall", "vision.segment"}, 1, "failed"},
+    {"HasNoSpace", "models-no-space", {"models", "update", "vision.segment"}, 8, "update failed"},
+    {"Stalls",
+     "models-stall",
+     {"--timeout", "4", "models", "update", "vision.segment"},
+     7,
+     "stalled"},
+    {"Works", "demo", {"models", "update", "vision.segment"}, 0, "1 model is updated"},
+    {"WorksOnAVersion", "demo", {"models", "update", "vision.segment@1.0.0"}, 0, "is updated"},
+    {"Removes",
+     "demo",
+     {"models", "uninstall", "vision.segment", "vision.upscale"},
+     0,
+     "2 models are uninstalled"},
+    {"IsOnNoModel", "demo", {"models", "update", "vision.segmnt"}, 4, "update failed"},
+    {"IsOnNoVersion", "demo", {"models", "update", "vision.segment@9"}, 4, "update failed"},
+    {"RemovesNoModel", "demo", {"models", "uninstall", "no.such"}, 4, "failed"},
+    {"IsOnAnOldAgent", "old-agent", {"models", "update", "a"}, 5, ""},
+    {"HasNoAgent", "agent-missing", {"models", "uninstall", "a"}, 5, ""},
+    {"IsDisabled", "kyr-disabled", {"models", "update", "a"}, 9, "update failed"},
+};
+
+class WorkOnModels : public testing::TestWithParam<Row> {};
+INSTANTIATE_TEST_SUITE_P(That, WorkOnModels, testing::ValuesIn(kModelWork),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST_P(WorkOnModels, EndsWithItsStatus) {
+  const Finished run = RunCtl(GetParam().scenario, GetParam().arguments);
+  EXPECT_EQ(run.status, GetParam().status) << run.output << run.errors;
+  EXPECT_THAT(run.output, HasSubstr(GetParam().output));
+  EXPECT_EQ(run.errors.empty(), run.status == 0) << run.errors;
+}
+
+TEST(WorkOnModels, ChangesWhatIsListed) {
+  const Finished run = RunSim({"run", "demo", "--", "sh", "-c", R"(
+      work() { "$ctl" models "$@" >/dev/null || exit; }
+      list() { "$ctl" models list | grep '^vision.segment ' || echo gone; }
+      ctl=$0
+      list; work update vision.segment@2.1.0; list
+      "$ctl" models versions vision.segment | grep -c vision.segment
+      work uninstall vision.segment; list
+      "$ctl" models versions vision.segment | grep -c vision.segment
+      work update vision.segment@1.1.0; list)",
+                               SVCMGRCTL});
+  EXPECT_EQ(run.status, 0) << run.errors;
+  EXPECT_EQ(run.output,
+            "vision.segment      2.0.1    Picture segmentation\n"
+            "vision.segment      2.1.0    Picture segmentation\n"
+            "4\n"
+            "gone\n"
+            "4\n"
+            "vision.segment      1.1.0    Picture segmentation\n");
+}
+
+TEST(WorkOnModels, IsOverByEventsWhereTheAgentSendsNoLastMessage) {
+  const TempFolder folder;
+  const std::string scenario = folder.Write("scenario.json", R"({
+      "models": [{"id": "a", "versions": ["1"]}],
+      "methods": {"RequestToUninstall": {"report": "no-last", "parts": 4}}})");
+  const Finished run = RunCtl(scenario, {"--json", "models", "uninstall", "a"});
+  EXPECT_EQ(run.status, 0) << run.output << run.errors;
+  EXPECT_THAT(run.output, HasSubstr(R"("decided_by":"event")"));
+}
+
+TEST(WorkOnModels, WhoseAgentIsKilledHasNoConnection) {
+  const Finished run = RunSim({"run", "models-stall", "--", "sh", "-c", R"(
+      out=$(dirname "$SVCMGR_SIM_CONTROL")/out
+      "$0" --timeout 0 models update vision.segment >"$out" &
+      until grep -q ' 40 %' "$out"; do sleep 0.1; done
+      "$1" send kill; wait $!)",
+                               SVCMGRCTL, SVCMGR_SIM});
+  EXPECT_EQ(run.status, 6) << run.errors;
+  EXPECT_THAT(run.errors, HasSubstr("how the update of vision.segment (1 of 1, 40 %) ends"));
 }
 
 class ACommand : public testing::TestWithParam<Row> {};

@@ -3,6 +3,7 @@
 
 #include <glib.h>
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 
@@ -28,6 +29,12 @@ double Rounded(double seconds) { return std::round(seconds * 1000) / 1000; }
 std::string Tenths(double number) {
   char text[64];
   return g_ascii_formatd(text, sizeof text, "%.1f", number);
+}
+
+std::string Stamped(double seconds, const std::string& text) {
+  constexpr std::size_t kCells = 6;
+  const std::string shown = Tenths(seconds);
+  return std::string(kCells - std::min(kCells, shown.size()), ' ') + shown + " s  " + text;
 }
 
 }  // namespace svcmgrctl

@@ -18,6 +18,9 @@ double Rounded(double seconds);
 /** A number with one digit behind the point, whatever the locale says. */
 std::string Tenths(double number);
 
+/** How long something has taken so far, in front of what is said about it. */
+std::string Stamped(double seconds, const std::string& text);
+
 }  // namespace svcmgrctl
 
 #endif  // TOOLS_SVCMGRCTL_CLOCK_H_

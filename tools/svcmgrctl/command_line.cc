@@ -23,6 +23,7 @@ constexpr char kExamples[] = R"(Examples:
   svcmgrctl watch                        what happens, as it happens
   svcmgrctl models list --descriptions   the models that may be used
   svcmgrctl models versions ID           the versions of one of them
+  svcmgrctl models update ID[@VERSION]   install or update a model, and follow the work
   svcmgrctl models list --json | jq -r '.models[].id'
 
 Data goes to standard output, messages to standard error. With --json both are JSON documents, one in

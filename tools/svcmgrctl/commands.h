@@ -24,8 +24,10 @@ void AddStatusCommand(CLI::App& app, Command* chosen);
 void AddAgentCommands(CLI::App& app, Command* chosen);
 /** update, updating */
 void AddUpdateCommands(CLI::App& app, Command* chosen);
-/** models list, models versions */
+/** models list, models versions, and those of AddModelWorkCommands */
 void AddModelCommands(CLI::App& app, Command* chosen);
+/** update, uninstall: below models */
+void AddModelWorkCommands(CLI::App& models, Command* chosen);
 /** watch */
 void AddWatchCommand(CLI::App& app, Command* chosen);
 

@@ -34,14 +34,9 @@ bool UseColor(ColorWhen when, int fd) {
   return !IsSet("NO_COLOR") && IsCleverTerminal(fd);
 }
 
-struct TerminalSize {
-  std::size_t rows = 24;
-  std::size_t columns = 80;
-};
-
-TerminalSize SizeOfTerminal() {
+Space SizeOfTerminal() {
   winsize size = {};
-  TerminalSize found;
+  Space found;
   if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) return found;
   if (size.ws_row > 0) found.rows = size.ws_row;
   if (size.ws_col > 0) found.columns = size.ws_col;
@@ -127,7 +122,7 @@ void Console::Draw(const std::vector<std::string>& lines) {
   WriteLeftovers();
 }
 
-std::size_t Console::TerminalHeight() const { return SizeOfTerminal().rows; }
+Space Console::TerminalSpace() const { return SizeOfTerminal(); }
 
 void Console::WriteLeftovers() {
   // So little never blocks once there is space at all, in a pipe neither.

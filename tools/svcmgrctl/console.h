@@ -9,6 +9,7 @@
 
 #include "failure.h"
 #include "options.h"
+#include "space.h"
 
 namespace svcmgrctl {
 
@@ -53,8 +54,11 @@ class Console {
    *  before. They must be safe for a terminal, and are cut to its width. Only where live(). */
   void Draw(const std::vector<std::string>& lines);
 
-  /** How many lines the terminal has. */
-  std::size_t TerminalHeight() const;
+  /** Leaves what is drawn where it is: what follows comes below it. */
+  void KeepDrawn() { drawn_.clear(); }
+
+  /** The size of the terminal, as it is now. */
+  Space TerminalSpace() const;
 
   /** False once nobody reads what is written. */
   bool HasReader() const { return has_reader_; }

@@ -66,26 +66,17 @@ void ListModels(Session& session, Console& console, const ListOptions& options) 
   console.Data({{"models", ToJson(models)}}, TableOf(models, columns, console.color()));
 }
 
-[[noreturn]] void ThrowNoSuchModel(const std::string& id, const std::vector<Model>& models) {
-  std::vector<std::string> ids;
-  for (const Model& model : models) ids.push_back(model.id.value_or(""));
-  std::string message = "there is no usable model '" + id + "'";
-  const char* separator = "; did you mean ";
-  for (const std::string& similar : SimilarTo(id, ids)) {
-    message += separator + ("'" + similar + "'");
-    separator = " or ";
-  }
-  throw Failure{std::nullopt, "NOT_FOUND", message, kExitNotFound};
-}
-
 void ListVersions(Session& session, Console& console, const std::string& id) {
   session.Connect();
-  // The agent is asked with all four texts of a model, so the model has to be found first.
   const std::vector<Model> models = AskUsableModelsWithDescriptions(session);
-  const auto model = std::find_if(models.begin(), models.end(),
-                                  [&id](const Model& candidate) { return candidate.id == id; });
-  if (model == models.end()) ThrowNoSuchModel(id, models);
-  const std::vector<Model> versions = AskVersions(session, *model);
+  const auto usable = std::find_if(models.begin(), models.end(),
+                                   [&](const Model& candidate) { return candidate.id == id; });
+  Model model;
+  model.id = id;
+  const std::vector<Model> versions =
+      AskVersions(session, usable == models.end() ? model : *usable);
+  // One that is not installed has versions, too: those that can be.
+  if (versions.empty() && usable == models.end()) throw NoSuchModel(id, models);
   if (versions.empty()) console.Note("there are no versions of '" + id + "'");
   console.Data({{"id", id}, {"versions", ToJson(versions)}},
                TableOf(versions, {kVersion, kId, kTitle}, console.color()));
@@ -121,10 +112,11 @@ void AddVersions(CLI::App& models, Command* chosen) {
 }  // namespace
 
 void AddModelCommands(CLI::App& app, Command* chosen) {
-  CLI::App* models = app.add_subcommand("models", "Ask about AI models");
+  CLI::App* models = app.add_subcommand("models", "List, update and remove AI models");
   models->require_subcommand(1);
   AddList(*models, chosen);
   AddVersions(*models, chosen);
+  AddModelWorkCommands(*models, chosen);
 }
 
 }  // namespace svcmgrctl

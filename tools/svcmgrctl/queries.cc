@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "handles.h"
+#include "text.h"
 
 namespace svcmgrctl {
 namespace {
@@ -54,7 +55,8 @@ std::vector<Model> ReadList(const ModelList& list) {
   return models;
 }
 
-// The version query refuses a model with a text that is not set.
+}  // namespace
+
 ModelInfo MakeCompleteInfo(const Model& model) {
   velmora_svcmgr_ai_model_info_h raw = nullptr;
   Check(velmora_svcmgr_ai_model_info_create(&raw));
@@ -63,8 +65,6 @@ ModelInfo MakeCompleteInfo(const Model& model) {
     Check(field.set(info.get(), (model.*field.text).value_or("").c_str()));
   return info;
 }
-
-}  // namespace
 
 int AskApiLevel(Session& session) {
   auto level = std::make_shared<int>(0);
@@ -114,6 +114,18 @@ std::vector<Model> AskVersions(Session& session, const Model& model) {
   return ReadList(session.Request([&](velmora_svcmgr_ai_model_list_cb callback, void* data) {
     return velmora_svcmgr_ai_request_model_version_list(info.get(), callback, data);
   }));
+}
+
+Failure NoSuchModel(const std::string& id, const std::vector<Model>& models) {
+  std::vector<std::string> ids;
+  for (const Model& model : models) ids.push_back(model.id.value_or(""));
+  std::string message = "there is no usable model '" + id + "'";
+  const char* separator = "; did you mean ";
+  for (const std::string& similar : SimilarTo(id, ids)) {
+    message += separator + ("'" + similar + "'");
+    separator = " or ";
+  }
+  return {std::nullopt, "NOT_FOUND", message, kExitNotFound};
 }
 
 }  // namespace svcmgrctl

@@ -18,12 +18,6 @@ namespace {
 
 constexpr double kPictureSeconds = 0.1;
 
-/** How long something has taken so far, in front of what is said about it. */
-std::string Stamped(double seconds, const std::string& text) {
-  const std::string shown = Tenths(seconds);
-  return std::string(shown.size() < 6 ? 6 - shown.size() : 0, ' ') + shown + " s  " + text;
-}
-
 std::string Shown(const Status& status) { return status.meaning + " (" + status.name + ")"; }
 
 bool IsBeingUpdated() {

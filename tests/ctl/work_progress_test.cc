@@ -1,0 +1,263 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What people are shown of an operation on models, whatever the agent says.
+#include "work_progress.h"
+
+#include <gmock/gmock.h>
+
+#include "bars.h"
+#include "velmora_svcmgr.h"
+
+namespace svcmgrctl {
+namespace {
+
+using testing::DoubleNear;
+using testing::ElementsAre;
+using testing::Optional;
+
+using End = WorkProgress::End;
+
+ProgressNumbers Working(int index, int count, int percentage) {
+  return {SVCMGR_ERROR_NONE, 1, index, count, percentage};
+}
+ProgressNumbers Message(int error, int state) { return {error, state, 1, 1, 50}; }
+
+TEST(Progress, OfAModelIsWhatTheAgentSays) {
+  WorkProgress progress(2, 0);
+  EXPECT_EQ(progress.PercentOf(0), 0);
+  EXPECT_EQ(progress.Total(), 0);
+  progress.Take(Working(1, 2, 40), 1);
+  EXPECT_EQ(progress.PercentOf(0), 40);
+  EXPECT_EQ(progress.PercentOf(1), 0);
+  EXPECT_EQ(progress.Total(), 20);
+}
+
+TEST(Progress, OfAModelIsWholeOnceTheNextHasBegun) {
+  WorkProgress progress(3, 0);
+  progress.Take(Working(1, 3, 100), 1);
+  EXPECT_EQ(progress.PercentOf(0), 99);
+  progress.Take(Working(3, 3, 0), 2);
+  EXPECT_EQ(progress.PercentOf(0), 100);
+  EXPECT_EQ(progress.PercentOf(1), 100);
+  EXPECT_EQ(progress.PercentOf(2), 0);
+  EXPECT_EQ(progress.Current(), 2u);
+}
+
+TEST(Progress, NeverGoesBackwards) {
+  WorkProgress progress(2, 0);
+  progress.Take(Working(1, 2, 60), 1);
+  progress.Take(Working(1, 2, 20), 2);
+  EXPECT_EQ(progress.PercentOf(0), 60);
+  progress.Take(Working(2, 2, 10), 3);
+  progress.Take(Working(1, 2, 70), 4);
+  EXPECT_EQ(progress.PercentOf(0), 100);
+  EXPECT_EQ(progress.PercentOf(1), 10);
+  EXPECT_EQ(progress.Current(), 1u);
+  EXPECT_EQ(progress.Total(), 55);
+}
+
+TEST(Progress, IsNeverWholeBeforeTheEnd) {
+  WorkProgress progress(1, 0);
+  for (const int percentage : {100, 101, 2147483647}) {
+    progress.Take(Working(1, 1, percentage), 1);
+    EXPECT_EQ(progress.PercentOf(0), 99);
+    EXPECT_EQ(progress.Total(), 99);
+  }
+  progress.Take({SVCMGR_ERROR_NONE, kStateDone, 1, 1, 100}, 2);
+  EXPECT_EQ(progress.PercentOf(0), 100);
+  EXPECT_EQ(progress.Total(), 100);
+}
+
+TEST(Progress, IsNotMovedByNumbersThatCannotBe) {
+  WorkProgress progress(2, 0);
+  progress.Take(Working(1, 2, 30), 1);
+  for (const ProgressNumbers& wrong :
+       {Working(0, 2, 90), Working(-1, 2, 90), Working(3, 2, 90), Working(2147483647, 2, 90),
+        Working(-2147483647 - 1, 2, 90), Working(1, 2, -5), Working(1, -7, 10)}) {
+    progress.Take(wrong, 2);
+    EXPECT_EQ(progress.Current(), 0u);
+    EXPECT_EQ(progress.PercentOf(0), 30);
+    EXPECT_EQ(progress.EndAt(2), End::kNone);
+  }
+}
+
+TEST(TheEnd, IsTheFirstMessageOfItsState) {
+  WorkProgress done(1, 0);
+  done.Take(Message(SVCMGR_ERROR_NONE, kStateDone), 1);
+  EXPECT_EQ(done.EndAt(1), End::kDone);
+  done.Take(Message(SVCMGR_ERROR_NO_SPACE, kStateFailed), 2);
+  EXPECT_EQ(done.EndAt(2), End::kDone) << "what follows changes nothing";
+
+  WorkProgress failed(1, 0);
+  failed.Take(Message(SVCMGR_ERROR_NONE, kStateFailed), 1);
+  EXPECT_EQ(failed.EndAt(1), End::kFailed);
+  EXPECT_EQ(failed.PercentOf(0), 50);
+}
+
+TEST(TheEnd, IsAnErrorWhateverTheState) {
+  for (const int state : {0, 1, kStateDone, kStateFailed, -1, 77}) {
+    WorkProgress progress(1, 0);
+    progress.Take(Message(SVCMGR_ERROR_NO_SPACE, state), 1);
+    EXPECT_EQ(progress.EndAt(1), End::kFailed) << state;
+    EXPECT_EQ(progress.error(), SVCMGR_ERROR_NO_SPACE);
+    EXPECT_FALSE(progress.EndedByEvents());
+  }
+}
+
+TEST(TheEnd, IsNotAStateThatNobodyKnows) {
+  WorkProgress progress(1, 0);
+  for (const int state : {0, 1, 4, -2, 77}) {
+    progress.Take(Message(SVCMGR_ERROR_NONE, state), 1);
+    EXPECT_EQ(progress.EndAt(1000), End::kNone) << state;
+  }
+}
+
+TEST(TheEnd, IsBelievedOfAnEventOnceNothingMoreIsHeard) {
+  WorkProgress progress(1, 0);
+  progress.TakeStatus(SVCMGR_AI_STATUS_STARTED, 0);
+  progress.Take(Working(1, 1, 98), 1);
+  progress.TakeStatus(SVCMGR_AI_STATUS_COMPLETED, 2);
+  EXPECT_EQ(progress.EndAt(3.9), End::kNone);
+  EXPECT_EQ(progress.Total(), 98);
+  EXPECT_EQ(progress.EndAt(4), End::kDone);
+  EXPECT_EQ(progress.Total(), 100);
+  EXPECT_TRUE(progress.EndedByEvents());
+}
+
+TEST(TheEnd, MayComeFromEventsAlone) {
+  for (const auto& [status, end] : {std::pair(SVCMGR_AI_STATUS_COMPLETED, End::kDone),
+                                    {SVCMGR_AI_STATUS_FAILED, End::kFailed}}) {
+    WorkProgress progress(3, 0);
+    progress.TakeStatus(SVCMGR_AI_STATUS_STARTED, 0);
+    progress.TakeStatus(status, 1);
+    EXPECT_EQ(progress.EndAt(3), end);
+  }
+}
+
+TEST(TheEnd, IsNotAnEventAfterWhichTheWorkGoesOn) {
+  WorkProgress progress(1, 0);
+  progress.TakeStatus(SVCMGR_AI_STATUS_STARTED, 0);
+  progress.TakeStatus(SVCMGR_AI_STATUS_FAILED, 1);
+  progress.Take(Working(1, 1, 10), 2);
+  EXPECT_EQ(progress.EndAt(100), End::kNone);
+}
+
+TEST(TheEnd, IsNotAnEventOfWorkThatWasBegunByOthers) {
+  WorkProgress others_before(1, 0);
+  others_before.TakeStatus(SVCMGR_AI_STATUS_COMPLETED, 1);
+  EXPECT_EQ(others_before.EndAt(100), End::kNone);
+
+  WorkProgress others_beside(1, 0);
+  others_beside.TakeStatus(SVCMGR_AI_STATUS_STARTED, 0);
+  others_beside.TakeStatus(SVCMGR_AI_STATUS_STARTED, 1);
+  others_beside.TakeStatus(SVCMGR_AI_STATUS_COMPLETED, 2);
+  EXPECT_EQ(others_beside.EndAt(100), End::kNone) << "it may be the other's";
+  others_beside.TakeStatus(SVCMGR_AI_STATUS_COMPLETED, 101);
+  EXPECT_EQ(others_beside.EndAt(103), End::kDone);
+}
+
+TEST(TheEnd, IsNotAnEventAboutSuccessWhenTheLastModelWasNotReached) {
+  WorkProgress progress(2, 0);
+  progress.TakeStatus(SVCMGR_AI_STATUS_STARTED, 0);
+  progress.Take(Working(1, 2, 98), 1);
+  progress.TakeStatus(SVCMGR_AI_STATUS_COMPLETED, 2);
+  EXPECT_EQ(progress.EndAt(100), End::kNone);
+}
+
+TEST(TheEnd, MayBeBelievedBeforehandWhenEventsHaveToldOfIt) {
+  WorkProgress progress(1, 0);
+  EXPECT_FALSE(progress.BelieveEvents());
+  progress.TakeStatus(SVCMGR_AI_STATUS_STARTED, 0);
+  progress.TakeStatus(SVCMGR_AI_STATUS_COMPLETED, 0);
+  EXPECT_TRUE(progress.BelieveEvents());
+  EXPECT_EQ(progress.EndAt(0), End::kDone);
+}
+
+TEST(ThePace, IsTheGainOfTheLastTenSeconds) {
+  WorkProgress progress(1, 0);
+  progress.Take(Working(1, 1, 1), 20);
+  progress.Take(Working(1, 1, 21), 30);
+  progress.Take(Working(1, 1, 41), 35);
+  progress.Take(Working(1, 1, 61), 40);
+  EXPECT_THAT(progress.RateAt(40), Optional(DoubleNear(4, 0.2)));
+  EXPECT_THAT(progress.RemainingAt(40), Optional(DoubleNear(39 / 4.0, 1)));
+}
+
+TEST(ThePace, IsNotToldTooEarly) {
+  WorkProgress progress(1, 0);
+  EXPECT_EQ(progress.RateAt(2), std::nullopt);
+  progress.Take(Working(1, 1, 0), 0.1);
+  EXPECT_EQ(progress.RateAt(2), std::nullopt);
+  progress.Take(Working(1, 1, 10), 0.2);
+  EXPECT_EQ(progress.RateAt(0.2), std::nullopt);
+  EXPECT_THAT(progress.RateAt(1), Optional(DoubleNear(10, 0.01)));
+  EXPECT_EQ(Pace(progress, 1), "10.0 %/s, 9 s left");
+}
+
+TEST(ThePace, IsAStallAfterASilence) {
+  WorkProgress progress(1, 0);
+  progress.Take(Working(1, 1, 10), 1);
+  EXPECT_EQ(progress.StallAt(3.9), std::nullopt);
+  EXPECT_THAT(progress.StallAt(8.5), Optional(DoubleNear(7.5, 0.01)));
+  EXPECT_EQ(progress.RateAt(8.5), std::nullopt);
+  EXPECT_EQ(Pace(progress, 8.5), "stalled for 7 s");
+  progress.Take(Working(1, 1, 10), 9);
+  EXPECT_EQ(progress.StallAt(9), std::nullopt) << "it was heard of";
+}
+
+TEST(ThePace, HasNoRemainingTimeAtTheEnd) {
+  WorkProgress progress(1, 0);
+  progress.Take(Working(1, 1, 50), 1);
+  progress.Take({SVCMGR_ERROR_NONE, kStateDone, 1, 1, 100}, 2);
+  EXPECT_EQ(progress.RemainingAt(2), std::nullopt);
+  EXPECT_EQ(progress.StallAt(100), std::nullopt);
+}
+
+TEST(ADuration, IsShownInTheUnitsThatFit) {
+  EXPECT_EQ(Duration(0), "0 s");
+  EXPECT_EQ(Duration(0.2), "1 s");
+  EXPECT_EQ(Duration(59), "59 s");
+  EXPECT_EQ(Duration(60), "1 min 0 s");
+  EXPECT_EQ(Duration(3599), "59 min 59 s");
+  EXPECT_EQ(Duration(3600 * 26 + 61), "26 h 1 min");
+}
+
+TEST(TheBars, AreOneForEachModelAndOneForTheWhole) {
+  WorkProgress progress(2, 0);
+  progress.Take(Working(2, 2, 50), 0);
+  EXPECT_THAT(Bars({"a", "model-b"}, progress, 0, {24, 55}),
+              ElementsAre("a        [##########] 100 %", "model-b  [#####-----]  50 %",
+                          "total    [#######---]  75 %"));
+}
+
+TEST(TheBars, AreAlignedByCellsAndCutNamesThatAreTooLong) {
+  WorkProgress progress(2, 0);
+  const std::string longest(100, 'x');
+  const auto lines = Bars({"\xe4\xb8\xad\xe6\x96\x87", longest}, progress, 0, {24, 60});
+  EXPECT_EQ(lines[0], "\xe4\xb8\xad\xe6\x96\x87" + std::string(36, ' ') + "  [-----]   0 %");
+  EXPECT_EQ(lines[1], std::string(40, 'x') + "  [-----]   0 %");
+}
+
+TEST(TheBars, AreThoseAroundTheCurrentModelWhereThereIsNotSpaceForAll) {
+  WorkProgress progress(9, 0);
+  std::vector<std::string> names;
+  for (char c = 'a'; c < 'j'; ++c) names.emplace_back(1, c);
+  const auto shown = [&] {
+    std::string first_letters;
+    for (const std::string& line : Bars(names, progress, 0, {5, 80})) first_letters += line[0];
+    return first_letters;
+  };
+  EXPECT_EQ(shown(), "abct");
+  progress.Take(Working(5, 9, 0), 0);
+  EXPECT_EQ(shown(), "deft");
+  progress.Take(Working(9, 9, 0), 0);
+  EXPECT_EQ(shown(), "ghit");
+}
+
+TEST(TheBars, FitIntoTheSmallestTerminal) {
+  WorkProgress progress(1, 0);
+  EXPECT_EQ(Bars({"a"}, progress, 0, {1, 1}).size(), 2u);
+}
+
+}  // namespace
+}  // namespace svcmgrctl

@@ -1,0 +1,324 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <algorithm>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "bars.h"
+#include "clock.h"
+#include "commands.h"
+#include "queries.h"
+#include "statuses.h"
+#include "subscriptions.h"
+#include "text.h"
+#include "velmora_svcmgr.h"
+#include "work_progress.h"
+
+namespace svcmgrctl {
+namespace {
+
+constexpr double kPictureSeconds = 0.1;
+
+struct Kind {
+  decltype(velmora_svcmgr_ai_request_to_update)* request;
+  bool takes_versions;
+  const char* doing;
+  const char* done;
+};
+
+constexpr Kind kUpdate = {velmora_svcmgr_ai_request_to_update, true, "update", "updated"};
+constexpr Kind kUninstall = {velmora_svcmgr_ai_request_to_uninstall, false, "uninstallation",
+                             "uninstalled"};
+
+std::string NameOf(const Model& model) {
+  return *model.id + (model.version->empty() ? "" : "@" + *model.version);
+}
+
+std::string Counted(std::size_t models) {
+  return std::to_string(models) + (models == 1 ? " model is " : " models are ");
+}
+
+ModelList MakeModelList(const std::vector<Model>& models) {
+  velmora_svcmgr_ai_model_list_h raw = nullptr;
+  int code = velmora_svcmgr_ai_model_list_create(&raw);
+  ModelList list(raw);
+  for (auto model = models.begin(); code == SVCMGR_ERROR_NONE && model != models.end(); ++model)
+    code = velmora_svcmgr_ai_model_list_add(list.get(), MakeCompleteInfo(*model).get());
+  if (code != SVCMGR_ERROR_NONE) throw FailureOf(code);
+  return list;
+}
+
+ProgressNumbers ReadProgress(int error, const Progress& progress) {
+  ProgressNumbers numbers;
+  numbers.error = error;
+  if (!progress) return numbers;
+  velmora_svcmgr_ai_progress_get_state(progress.get(), &numbers.state);
+  velmora_svcmgr_ai_progress_get_index(progress.get(), &numbers.index);
+  velmora_svcmgr_ai_progress_get_count(progress.get(), &numbers.count);
+  velmora_svcmgr_ai_progress_get_percentage(progress.get(), &numbers.percentage);
+  return numbers;
+}
+
+/** One update or uninstallation of models, from the request to its end. */
+class ModelWork {
+ public:
+  ModelWork(Session& session, Console& console, const Kind& kind, std::vector<Model> models)
+      : session_(session), console_(console), kind_(kind), models_(std::move(models)) {
+    for (const Model& model : models_) names_.push_back(ForTerminal(NameOf(model)));
+  }
+
+  void Run() {
+    session_.Connect();
+    const ModelSubscription subscription(
+        [this](int, int status) { news_.emplace_back(ModelStatus(status)); });
+    Request();
+    session_.Every(kPictureSeconds, [this] { time_for_picture_ = true; });
+    try {
+      Follow();
+    } catch (Failure& failure) {
+      if (failure.exit != kExitTimeout || !progress_->BelieveEvents()) {
+        LeavePicture();
+        Explain(&failure);
+        throw;
+      }
+    }
+    Finish();
+  }
+
+ private:
+  static void OnProgress(int error, velmora_svcmgr_ai_progress_h raw, void* self) {
+    const Progress progress(raw);
+    static_cast<ModelWork*>(self)->news_.emplace_back(ReadProgress(error, progress));
+  }
+
+  double Elapsed() const { return Now() - begin_; }
+  Json Entry(const char* event) const {
+    return {{"time", WallTime()}, {"elapsed", Rounded(Elapsed())}, {"event", event}};
+  }
+  void Print(Json json, const Json& more, const std::string& text) {
+    json.update(more);
+    console_.Line(json, text.empty() ? text : Stamped(Elapsed(), text));
+  }
+
+  void Request() {
+    const ModelList list = MakeModelList(models_);
+    session_.Settle();
+    news_.clear();
+    begin_ = Now();
+    progress_.emplace(models_.size(), begin_);
+    const int code = kind_.request(list.get(), OnProgress, this);
+    if (code != SVCMGR_ERROR_NONE) {
+      session_.Settle();
+      throw FailureOf(code);
+    }
+    Json ids = Json::array();
+    for (const Model& model : models_)
+      ids.push_back({{"id", *model.id}, {"version", *model.version}});
+    std::string whom;
+    for (const std::string& name : names_) whom += (whom.empty() ? "" : ", ") + name;
+    Print(Entry("requested"), {{"work", kind_.doing}, {"models", ids}},
+          std::string("the agent was asked for the ") + kind_.doing + " of " + whom);
+  }
+
+  void Follow() {
+    while (progress_->EndAt(Now()) == WorkProgress::End::kNone) {
+      session_.WaitUntil([this] { return time_for_picture_ || !news_.empty(); });
+      time_for_picture_ = false;
+      for (; !news_.empty(); news_.pop_front()) Take(news_.front());
+      TellOfStall();
+      ShowPicture();
+    }
+  }
+
+  using News = std::variant<ProgressNumbers, Status>;
+
+  void Take(const News& news) {
+    session_.Heard();
+    stall_told_ = false;
+    if (const auto* status = std::get_if<Status>(&news)) {
+      progress_->TakeStatus(status->number, Now());
+      Print(Entry("model"), {{"status", status->number}, {"name", status->name}}, "");
+    } else {
+      TakeProgress(std::get<ProgressNumbers>(news));
+    }
+  }
+
+  void TakeProgress(const ProgressNumbers& numbers) {
+    const double now = Now();
+    progress_->Take(numbers, now);
+    const std::size_t model = progress_->Current();
+    const int percent = progress_->PercentOf(model);
+    const auto rate = progress_->RateAt(now);
+    const auto remaining = progress_->RemainingAt(now);
+    // Enough for a log; a picture shows all.
+    const bool worth_a_line =
+        !console_.live() && (model != told_model_ || percent / 10 > told_tenth_);
+    if (worth_a_line) {
+      told_model_ = model;
+      told_tenth_ = percent / 10;
+    }
+    Print(Entry("progress"),
+          {{"error", numbers.error},
+           {"state", numbers.state},
+           {"index", numbers.index},
+           {"count", numbers.count},
+           {"percentage", numbers.percentage},
+           {"id", *models_[model].id},
+           {"model_percent", percent},
+           {"total_percent", progress_->Total()},
+           {"rate", rate ? Json(Rounded(*rate)) : Json()},
+           {"remaining", remaining ? Json(Rounded(*remaining)) : Json()}},
+          worth_a_line ? names_[model] + ": " + std::to_string(percent) + " % (total " +
+                             std::to_string(progress_->Total()) + " %)"
+                       : "");
+  }
+
+  void TellOfStall() {
+    const auto silence = progress_->StallAt(Now());
+    if (!silence || std::exchange(stall_told_, true)) return;
+    Print(
+        Entry("stalled"), {{"silence", Rounded(*silence)}},
+        console_.live() ? "" : "stalled: nothing was heard for " + Duration(std::floor(*silence)));
+  }
+
+  void ShowPicture() {
+    if (console_.live()) console_.Draw(Bars(names_, *progress_, Now(), console_.TerminalSpace()));
+  }
+
+  void LeavePicture() {
+    ShowPicture();
+    console_.KeepDrawn();
+  }
+
+  void Finish() {
+    LeavePicture();
+    const bool succeeded = progress_->EndAt(Now()) == WorkProgress::End::kDone;
+    Print(Entry("end"),
+          {{"succeeded", succeeded},
+           {"error", progress_->error()},
+           {"decided_by", progress_->EndedByEvents() ? "event" : "progress"}},
+          succeeded ? Counted(models_.size()) + kind_.done : std::string(kind_.doing) + " failed");
+    if (!succeeded) throw Reason();
+  }
+
+  /** Why the work has failed: what the agent says, or that it does not know what was asked for. */
+  Failure Reason() {
+    const std::string name = NameOf(models_[progress_->Current()]);
+    if (progress_->error() == SVCMGR_ERROR_NONE)
+      return {std::nullopt, "WORK_FAILED", name + ": the agent reports that the work has failed",
+              kExitFailed};
+    Failure failure = FailureOf(progress_->error());
+    if (progress_->error() == SVCMGR_ERROR_INVALID_OPERATION) {
+      if (const auto unknown = FindUnknown()) return *unknown;
+    }
+    failure.message = name + ": " + failure.message;
+    return failure;
+  }
+
+  /** The agent has one code for all that cannot be done; whether it is because there is no such model
+   *  has to be asked. Without an answer the code is all that is known. */
+  std::optional<Failure> FindUnknown() {
+    try {
+      for (std::size_t i = progress_->Current(); i < models_.size(); ++i) {
+        if (auto failure =
+                kind_.takes_versions ? IfNotOffered(models_[i]) : IfNotUsable(models_[i]))
+          return failure;
+      }
+    } catch (const Failure&) {
+    }
+    return std::nullopt;
+  }
+
+  std::optional<Failure> IfNotUsable(const Model& wanted) {
+    const std::vector<Model> usable = AskUsableModels(session_);
+    const bool found = std::any_of(usable.begin(), usable.end(),
+                                   [&](const Model& each) { return each.id == wanted.id; });
+    if (found) return std::nullopt;
+    return NoSuchModel(*wanted.id, usable);
+  }
+
+  std::optional<Failure> IfNotOffered(const Model& wanted) {
+    Model model;
+    model.id = wanted.id;
+    const std::vector<Model> versions = AskVersions(session_, model);
+    if (versions.empty()) return NoSuchModel(*wanted.id, AskUsableModels(session_));
+    const bool found = wanted.version->empty() ||
+                       std::any_of(versions.begin(), versions.end(), [&](const Model& each) {
+                         return each.version == wanted.version;
+                       });
+    if (found) return std::nullopt;
+    return Failure{std::nullopt, "NOT_FOUND",
+                   "there is no version '" + *wanted.version + "' of '" + *wanted.id + "'",
+                   kExitNotFound};
+  }
+
+  /** The end of waiting is not the end of the work. */
+  void Explain(Failure* failure) const {
+    const std::size_t model = progress_->Current();
+    const std::string where = std::string(kind_.doing) + " of " + NameOf(models_[model]) + " (" +
+                              std::to_string(model + 1) + " of " + std::to_string(models_.size()) +
+                              ", " + std::to_string(progress_->PercentOf(model)) + " %)";
+    if (failure->exit == kExitTimeout || failure->exit == kExitNoConnection)
+      failure->message += "; how the " + where + " ends is not known";
+    else if (failure->exit >= kExitInterrupted)
+      failure->message += "; the agent goes on with the " + where;
+  }
+
+  Session& session_;
+  Console& console_;
+  const Kind& kind_;
+  const std::vector<Model> models_;
+  std::vector<std::string> names_;
+  std::deque<News> news_;
+  std::optional<WorkProgress> progress_;
+  double begin_ = 0;
+  bool time_for_picture_ = false;
+  bool stall_told_ = false;
+  // The last line for people.
+  std::size_t told_model_ = 0;
+  int told_tenth_ = -1;
+};
+
+/** ID@VERSION; the last @ counts, and nothing behind it stands for the newest version. */
+Model ModelFrom(const std::string& text, bool takes_versions) {
+  const std::size_t at = takes_versions ? text.rfind('@') : std::string::npos;
+  Model model;
+  model.id = text.substr(0, at);
+  model.version = at == std::string::npos ? "" : text.substr(at + 1);
+  return model;
+}
+
+std::string CheckModel(const std::string& text) {
+  return text.empty() || text[0] == '@' ? "'" + text + "' names no model" : std::string();
+}
+
+void AddWork(CLI::App& models, Command* chosen, const Kind& kind, const char* name,
+             const char* description, const char* placeholder) {
+  auto wanted = std::make_shared<std::vector<std::string>>();
+  CLI::App* work = models.add_subcommand(name, description);
+  work->add_option(placeholder, *wanted, "The models, as 'models list' shows them")
+      ->type_name("")
+      ->required()
+      ->check(CLI::Validator(CheckModel, ""));
+  work->callback([chosen, wanted, &kind] {
+    *chosen = [wanted, &kind](Session& session, Console& console) {
+      std::vector<Model> list;
+      for (const std::string& text : *wanted) list.push_back(ModelFrom(text, kind.takes_versions));
+      ModelWork(session, console, kind, list).Run();
+    };
+  });
+}
+
+}  // namespace
+
+void AddModelWorkCommands(CLI::App& models, Command* chosen) {
+  AddWork(models, chosen, kUpdate, "update", "Install or update models, and follow the work",
+          "ID[@VERSION]");
+  AddWork(models, chosen, kUninstall, "uninstall", "Remove models, and follow the work", "ID");
+}
+
+}  // namespace svcmgrctl
