@@ -75,7 +75,7 @@ TEST(TheTableOfExitCodes, NamesEveryCodeOnItsOwnLine) {
             "    1  failed\n"
             "    2  the command line is wrong\n"
             "    3  permission denied\n"
-            "    4  no such model or category\n"
+            "    4  no such model, category, folder or marker\n"
             "    5  the agent is not installed, or too old\n"
             "    6  no connection to the agent\n"
             "    7  the agent did not answer in time\n"

@@ -19,6 +19,7 @@
 //   "subscribed" {"update": steps, "model": steps}, begun by the subscription
 //   "client"     {"result": code, "value": number, "root": text}
 //                root: what VELMORA_APP_ROOT must be
+//   "disconnect" {"result": code}
 //   "updating"   bool: what is_being_updated says, until a step says otherwise
 //
 // Steps are taken one after the other:
@@ -348,7 +349,7 @@ int velmora_svcmgr_connect(velmora_svcmgr_connection_cb callback, void* user_dat
 int velmora_svcmgr_disconnect(void) {
   CheckMainThread();
   library.connected = false;
-  return SVCMGR_ERROR_NONE;
+  return Step("disconnect").value("result", 0);
 }
 
 int velmora_svcmgr_get_license_fulltext(char** text) {

@@ -1,12 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
+#include <random>
 #include <string>
 #include <vector>
 
+#include "../unit/elf_builder.h"
 #include "sim_process.h"
 #include "temp_folder.h"
+#include "velmora_svcmgr.h"
 
 namespace {
 
@@ -191,6 +195,60 @@ TEST(WorkOnModels, WhoseAgentIsKilledHasNoConnection) {
                                SVCMGRCTL, SVCMGR_SIM});
   EXPECT_EQ(run.status, 6) << run.errors;
   EXPECT_THAT(run.errors, HasSubstr("how the update of vision.segment (1 of 1, 40 %) ends"));
+}
+
+/** A file with up to three markers that differ little: equal ones are what is difficult. */
+elf::Bytes RandomFile(std::mt19937& random) {
+  const auto number = [&](unsigned below) { return static_cast<unsigned>(random() % below); };
+  elf::Builder builder(number(2) == 0 ? elf::Kind::k32 : elf::Kind::k64);
+  for (unsigned sections = 1 + number(3); sections > 0; --sections) {
+    elf::Marker marker;
+    marker.api_level = number(5);
+    marker.version_major = number(2) * 0xffff;
+    marker.version_minor = number(2);
+    marker.version_patch = number(2) * 0x8000;
+    builder.Section(marker);
+  }
+  elf::Bytes file = builder.Build();
+  file[6] = 1;  // the version of the format
+  return file;
+}
+
+TEST(ClientLevel, IsExplainedByTheFileThatDecidesForTheLibrary) {
+  std::mt19937 random(20240601);
+  const TempFolder folder;
+  for (int file = 0; file < 40; ++file) {
+    const std::string place =
+        "d" + std::to_string(random() % 3) + "/e" + std::to_string(random() % 2);
+    std::filesystem::create_directories(folder.path() + "/" + place);
+    folder.Write(place + "/" + std::to_string(file), RandomFile(random));
+  }
+  // One after the other is taken away from above, and the library must fall with each.
+  int explained = 0;
+  Finished run = RunCtl("demo", {"--json", "client-level", folder.path()});
+  for (; run.status == 0; run = RunCtl("demo", {"--json", "client-level", folder.path()})) {
+    const json level = json::parse(run.output);
+    ASSERT_TRUE(level["decided_by"].is_string()) << run.output;
+    std::filesystem::remove(folder.path() + "/" + level["decided_by"].get<std::string>());
+    ++explained;
+  }
+  EXPECT_EQ(run.status, 4) << run.errors;
+  EXPECT_GT(explained, 20) << "the others have level 0";
+}
+
+TEST(ClientLevel, IsFoundInWhatWasBuilt) {
+  const Finished run =
+      RunSim({"run", "demo", "--", "env", "-u", "VELMORA_APP_ROOT", SVCMGRCTL, "client-level", "-v",
+              std::filesystem::path(SVCMGRCTL).parent_path().string()});
+  EXPECT_EQ(run.status, 0) << run.errors;
+  EXPECT_THAT(run.output, testing::StartsWith(std::to_string(VELMORA_SVCMGR_API_LEVEL) + "\n\n"));
+  EXPECT_THAT(run.output, HasSubstr("  .kyr     svcmgrctl"));
+}
+
+TEST(ClientLevel, NeedsMarkersAndAnAgent) {
+  const TempFolder folder;
+  EXPECT_EQ(RunCtl("demo", {"client-level", folder.path()}).status, 4);
+  EXPECT_EQ(RunCtl("agent-missing", {"client-level", folder.path()}).status, 5);
 }
 
 class ACommand : public testing::TestWithParam<Row> {};

@@ -24,6 +24,7 @@ constexpr char kExamples[] = R"(Examples:
   svcmgrctl models list --descriptions   the models that may be used
   svcmgrctl models versions ID           the versions of one of them
   svcmgrctl models update ID[@VERSION]   install or update a model, and follow the work
+  svcmgrctl client-level -v DIR          the level of an application, and what makes it
   svcmgrctl models list --json | jq -r '.models[].id'
 
 Data goes to standard output, messages to standard error. With --json both are JSON documents, one in
@@ -66,7 +67,8 @@ void AddOptions(CLI::App& app, Options* options) {
          "--color", [options](const std::string& word) { options->color = ColorFrom(word); },
          "auto, always or never; auto is for terminals, unless NO_COLOR is set")
       ->type_name("WHEN");
-  app.add_flag("-v,--verbose", options->verbose, "Show the log of the client library");
+  app.add_flag("-v,--verbose", options->verbose,
+               "Show the log of the client library, and more data where there is more");
   app.set_version_flag("--version", VersionText(), "Print the version and exit");
 }
 
@@ -137,6 +139,7 @@ void ReadCommandLine(int argc, const char* const* argv, Invocation* invocation) 
   app.require_subcommand(0, 1);
   AddStatusCommand(app, &invocation->command);
   AddAgentCommands(app, &invocation->command);
+  AddClientLevelCommand(app, &invocation->command);
   AddUpdateCommands(app, &invocation->command);
   AddModelCommands(app, &invocation->command);
   AddWatchCommand(app, &invocation->command);

@@ -28,6 +28,8 @@ void AddUpdateCommands(CLI::App& app, Command* chosen);
 void AddModelCommands(CLI::App& app, Command* chosen);
 /** update, uninstall: below models */
 void AddModelWorkCommands(CLI::App& models, Command* chosen);
+/** client-level */
+void AddClientLevelCommand(CLI::App& app, Command* chosen);
 /** watch */
 void AddWatchCommand(CLI::App& app, Command* chosen);
 

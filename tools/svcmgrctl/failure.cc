@@ -20,7 +20,7 @@ constexpr ExitCodeRow kExitCodes[] = {
     {kExitFailed, "failed"},
     {kExitUsage, "the command line is wrong"},
     {kExitPermission, "permission denied"},
-    {kExitNotFound, "no such model or category"},
+    {kExitNotFound, "no such model, category, folder or marker"},
     {kExitAgentMissing, "the agent is not installed, or too old"},
     {kExitNoConnection, "no connection to the agent"},
     {kExitTimeout, "the agent did not answer in time"},
