@@ -251,6 +251,21 @@ TEST(ClientLevel, NeedsMarkersAndAnAgent) {
   EXPECT_EQ(RunCtl("agent-missing", {"client-level", folder.path()}).status, 5);
 }
 
+TEST(TheDemo, ShowsAnUpdateWithTheAgentsRestartAndWorkOnModelsAndTheClientLevel) {
+  const Finished run = RunSim({"run", "demo", "--", DEMO, SVCMGRCTL});
+  EXPECT_EQ(run.status, 0) << run.errors;
+  EXPECT_EQ(run.errors, "");
+  EXPECT_THAT(run.output,
+              testing::ContainsRegex("the agent is process [0-9]+, version 2\\.3\\.182"));
+  EXPECT_THAT(run.output, testing::ContainsRegex("the agent is process [0-9]+, version 2\\.4\\.0"));
+  for (const char* part :
+       {"Agent API level  11\n", "Velmora Service Agent", "Finds people",
+        "SVCMGR_UPDATE_STATUS_COMPLETED", "no loss of the connection was reported\n",
+        "2 models are updated\n", "vision.segment      2.1.0 ", "speech.wake-word    3.2.0 ",
+        "1 model is uninstalled\n", "  .kyr     lib/libvelmora-svcmgr.so", "  decides\n"})
+    EXPECT_THAT(run.output, HasSubstr(part));
+}
+
 class ACommand : public testing::TestWithParam<Row> {};
 INSTANTIATE_TEST_SUITE_P(With, ACommand, testing::ValuesIn(kRows),
                          [](const auto& row) { return std::string(row.param.name); });
