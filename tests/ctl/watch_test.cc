@@ -43,13 +43,13 @@ TEST(Watch, PrintsEachEventWithItsTimeItsNumberAndItsName) {
   EXPECT_EQ(ending.errors, "svcmgrctl: error: interrupted\n");
   const std::vector<std::string> lines = Lines(ending.output);
   ASSERT_EQ(lines.size(), 3u);
-  const char* expected[] = {
+  const std::string expected[] = {
       "  update      0 SVCMGR_UPDATE_STATUS_STARTED: the update has begun",
-      "  update      5 SVCMGR_UPDATE_STATUS_RESULT_10: the update has failed with the agent's "
-      "result 10",
+      "  update      5 SVCMGR_UPDATE_STATUS_RESULT_10: " +
+          std::string("the update has failed with the agent's result 10"),
       "  update      42 UNKNOWN: the library reports the unknown number 42"};
   for (std::size_t i = 0; i < lines.size(); ++i)
-    EXPECT_THAT(lines[i], MatchesRegex(std::string(kTime) + expected[i]));
+    EXPECT_THAT(lines[i], MatchesRegex(kTime + expected[i]));
 }
 
 TEST(Watch, PrintsJsonLinesOnRequest) {
