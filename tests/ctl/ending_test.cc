@@ -201,6 +201,21 @@ TEST(AFullDisk, FailsWithAMessage) {
             "svcmgrctl: error: cannot write to standard output: No space left on device\n");
 }
 
+TEST(AFullDisk, EndsWhatIsFollowed) {
+  struct stat device = {};
+  if (stat("/dev/full", &device) != 0 || device.st_rdev != makedev(1, 7))
+    GTEST_SKIP() << "there is no /dev/full here";
+  for (const Arguments& command : {Arguments{"update"}, {"models", "update", "a"}, {"watch"}}) {
+    Start start;
+    start.arguments = command;
+    start.standard_output = open("/dev/full", O_WRONLY | O_CLOEXEC);
+    const Ending ending = RunWith(start, "{}");
+    close(start.standard_output);
+    EXPECT_EQ(ending.status, 1) << command[0];
+    EXPECT_THAT(ending.errors, HasSubstr("cannot write to standard output")) << command[0];
+  }
+}
+
 class AFileThatCannotGrow : public testing::Test {
  protected:
   void SetUp() override {

@@ -128,6 +128,16 @@ TEST(Watch, EndsWithoutAFailureWhenNobodyReads) {
   EXPECT_EQ(ending.errors, "");
 }
 
+TEST(Watch, PrintsAnEventBeforeTheNextOneComes) {
+  for (const bool as_json : {false, true}) {
+    Start start;
+    start.arguments = {"watch", "update"};
+    if (as_json) start.arguments.push_back("--json");
+    start.interrupt_when_shown = "SVCMGR_UPDATE_STATUS_STARTED";
+    EXPECT_EQ(RunWith(start, R"({"subscribed": {"update": [{"update": 0}]}})").status, 130);
+  }
+}
+
 TEST(Watch, FailsWhenTheAgentIsMissing) {
   EXPECT_EQ(RunScripted(R"({"subscribed": {"result": -1073741822}})", {"watch", "model"}).status,
             5);

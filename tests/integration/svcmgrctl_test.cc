@@ -93,6 +93,17 @@ TEST_P(AnUpdate, EndsWithItsStatus) {
   EXPECT_EQ(run.errors.empty(), run.status == 0) << run.errors;
 }
 
+TEST(AnUpdate, WhoseAgentGoesInPlaceOfAnAnswerHasNoConnection) {
+  for (const char* fault : {"drop", "crash"}) {
+    const TempFolder folder;
+    const std::string scenario =
+        folder.Write("scenario.json", std::string(R"({"methods": {"request_update": {"fault": ")") +
+                                          fault + "\"}}}");
+    const Finished run = RunCtl(scenario, {"--timeout", "0", "update"});
+    EXPECT_EQ(run.status, 6) << fault << run.errors;
+  }
+}
+
 TEST(AnUpdateOfTheAgentItself, EndsWithTheConnectionNeverLost) {
   const Finished run = RunCtl("update-self", {"--json", "update"});
   EXPECT_EQ(run.status, 0) << run.errors;
