@@ -102,27 +102,30 @@ class AClientThatWorksOnModels : public testing::Test {
 TEST_F(AClientThatWorksOnModels, SeesEachVersionComeAndGo) {
   const Lines said =
       world_.Run(1, kConnect + List("models", "models 1: 0 text@1.0 sound@3.1 sight@5.0") +
-                        List("versions=text", "versions 2: 0 text@1.0") +
-                        List("versions=sound", "versions 3: 0 sound@3.0 sound@3.1") +
+                        List("versions=text", "versions 2: 0 text@1.0 text@1.1 text@2.0") +
+                        List("versions=sound", "versions 3: 0 sound@3.0 sound@3.1 sound@4.0") +
                         Work("update=text+sound@4.0", "update 4", 2) +
                         Lines{IsWhole("text/2.0"), IsWhole("sound/4.0"), Holds("text", "1.0 2.0"),
                               Holds("sound", "3.0 3.1 4.0")} +
                         List("models", "models 5: 0 text@2.0 sound@4.0 sight@5.0") +
-                        List("versions=text", "versions 6: 0 text@1.0 text@2.0") +
+                        List("versions=text", "versions 6: 0 text@1.0 text@1.1 text@2.0") +
                         List("versions=sound", "versions 7: 0 sound@3.0 sound@3.1 sound@4.0") +
                         Work("uninstall=sound", "uninstall 8", 1) +
                         Lines{Holds("sound", ""), Holds("text", "1.0 2.0")} +
                         List("models", "models 9: 0 text@2.0 sight@5.0") +
-                        List("versions=sound", "versions 10: 0") + Lines{"disconnect"});
-  EXPECT_THAT(NotBeginning("model status", said),
-              ElementsAreArray(
-                  kConnected + Listed("models 1", " text@1.0 sound@3.1 sight@5.0") +
-                  Listed("versions 2", " text@1.0") + Listed("versions 3", " sound@3.0 sound@3.1") +
-                  Worked("update 4", 2) + Listed("models 5", " text@2.0 sound@4.0 sight@5.0") +
-                  Listed("versions 6", " text@1.0 text@2.0") +
-                  Listed("versions 7", " sound@3.0 sound@3.1 sound@4.0") +
-                  Worked("uninstall 8", 1) + Listed("models 9", " text@2.0 sight@5.0") +
-                  Listed("versions 10", "") + Lines{"disconnect: 0"}));
+                        List("versions=sound", "versions 10: 0 sound@3.0 sound@3.1 sound@4.0") +
+                        Lines{"disconnect"});
+  EXPECT_THAT(
+      NotBeginning("model status", said),
+      ElementsAreArray(kConnected + Listed("models 1", " text@1.0 sound@3.1 sight@5.0") +
+                       Listed("versions 2", " text@1.0 text@1.1 text@2.0") +
+                       Listed("versions 3", " sound@3.0 sound@3.1 sound@4.0") +
+                       Worked("update 4", 2) + Listed("models 5", " text@2.0 sound@4.0 sight@5.0") +
+                       Listed("versions 6", " text@1.0 text@1.1 text@2.0") +
+                       Listed("versions 7", " sound@3.0 sound@3.1 sound@4.0") +
+                       Worked("uninstall 8", 1) + Listed("models 9", " text@2.0 sight@5.0") +
+                       Listed("versions 10", " sound@3.0 sound@3.1 sound@4.0") +
+                       Lines{"disconnect: 0"}));
   EXPECT_THAT(Beginning("model status", said),
               ElementsAreArray(Times(2, {"model status: 0 17", "model status: 0 20"})));
 }
@@ -146,14 +149,15 @@ TEST_F(AClientThatWorksOnModels, HasNoMoreDescriptorsAndMemoryThanBefore) {
       world_.Run(kRounds, kConnect + Work("update=touch@6.0+touch", "update 1", 2) +
                               List("versions=touch", "versions 2: 0 touch@6.0 touch@7.0") +
                               Work("uninstall=touch", "uninstall 3", 1) +
-                              List("versions=touch", "versions 4: 0") + Lines{"disconnect"});
-  EXPECT_THAT(
-      NotBeginning("model status", said),
-      ElementsAreArray(Times(kRounds, kConnected + Worked("update 1", 2) +
-                                          Listed("versions 2", " touch@6.0 touch@7.0") +
-                                          Worked("uninstall 3", 1) + Listed("versions 4", "") +
-                                          Lines{"disconnect: 0"}) +
-                       kNothingMore));
+                              List("versions=touch", "versions 4: 0 touch@6.0 touch@7.0") +
+                              Lines{"disconnect"});
+  EXPECT_THAT(NotBeginning("model status", said),
+              ElementsAreArray(Times(kRounds, kConnected + Worked("update 1", 2) +
+                                                  Listed("versions 2", " touch@6.0 touch@7.0") +
+                                                  Worked("uninstall 3", 1) +
+                                                  Listed("versions 4", " touch@6.0 touch@7.0") +
+                                                  Lines{"disconnect: 0"}) +
+                               kNothingMore));
 }
 
 // ---- Several clients ----
@@ -298,21 +302,22 @@ TEST_F(AClientOfAnAgentThatIsKilledAndReturns, FindsWhatThereWasBeforeAndCanAskA
   constexpr int kRounds = 6;
   const Lines said = world_.Run(
       kRounds, kConnect + kill_ + Lines{"until=connection: 0 0", Holds("1.0")} +
-                   List("versions=text", "versions 2: 0 text@1.0") +
+                   List("versions=text", "versions 2: 0 text@1.0 text@2.0 text@3.0") +
                    Work("update=text@3.0", "update 3", 1) +
                    Lines{Holds("1.0 3.0"), "run=cmp " + world_.folder().path() +
                                                "/repository/text/3.0 xdg/data/models/text/3.0"} +
-                   List("versions=text", "versions 4: 0 text@1.0 text@3.0") +
+                   List("versions=text", "versions 4: 0 text@1.0 text@2.0 text@3.0") +
                    Work("uninstall=text", "uninstall 5", 1) +
                    Work("update=text@1.0", "update 6", 1) + Lines{Holds("1.0"), "disconnect"});
   EXPECT_THAT(
       NotBeginning("model status", said),
-      ElementsAreArray(
-          Times(kRounds, kConnected + killed_ + Lines{"connection: 0 0"} +
-                             Listed("versions 2", " text@1.0") + Worked("update 3", 1) +
-                             Listed("versions 4", " text@1.0 text@3.0") + Worked("uninstall 5", 1) +
-                             Worked("update 6", 1) + Lines{"disconnect: 0"}) +
-          kNothingMore));
+      ElementsAreArray(Times(kRounds, kConnected + killed_ + Lines{"connection: 0 0"} +
+                                          Listed("versions 2", " text@1.0 text@2.0 text@3.0") +
+                                          Worked("update 3", 1) +
+                                          Listed("versions 4", " text@1.0 text@2.0 text@3.0") +
+                                          Worked("uninstall 5", 1) + Worked("update 6", 1) +
+                                          Lines{"disconnect: 0"}) +
+                       kNothingMore));
   // What the killed agent began nobody says to have ended.
   EXPECT_THAT(
       Beginning("model status", said),
