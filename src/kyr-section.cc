@@ -40,7 +40,6 @@ namespace {
 // The newest record of the search that is under way.
 KyrRecord latest_record;
 
-constexpr std::size_t kRecordSize = 16;
 constexpr std::size_t kHeaderSize32 = 52;
 constexpr std::size_t kHeaderSize64 = 64;
 // One read of this size serves the header and what else stands at the front of a file.
@@ -130,11 +129,13 @@ class FileFront {
 
 std::optional<KyrRecord> ReadRecord(const FileFront& front, std::uint64_t offset) {
   constexpr unsigned char kMagicAndReserved[] = {'K', 'Y', 'R', '\0', 0, 0};
-  unsigned char bytes[kRecordSize];
+  unsigned char bytes[sizeof(KyrRecord)];
   if (front.Available(offset, sizeof bytes) != sizeof bytes) return std::nullopt;
   if (front.Read(offset, bytes, sizeof bytes) != sizeof bytes) return std::nullopt;
   if (std::memcmp(bytes, kMagicAndReserved, sizeof kMagicAndReserved) != 0) return std::nullopt;
-  return KyrRecord{Uint16At(bytes + 8), Uint16At(bytes + 10), Uint16At(bytes + 12),
+  return KyrRecord{{'K', 'Y', 'R', '\0'}, 0,
+                   Uint16At(bytes + 6),   Uint16At(bytes + 8),
+                   Uint16At(bytes + 10),  Uint16At(bytes + 12),
                    Uint16At(bytes + 14)};
 }
 
@@ -149,7 +150,7 @@ std::optional<KyrRecord> FindRecord(const FileFront& front, const Layout& layout
   const std::size_t size = front.Read(offset, table.data(), table.size());
   for (std::size_t entry = 0; entry + layout.entry_size <= size; entry += layout.entry_size) {
     const unsigned char* section = table.data() + entry;
-    if (Uint32At(section + layout.section_size) != kRecordSize) continue;
+    if (Uint32At(section + layout.section_size) != sizeof(KyrRecord)) continue;
     if (auto record = ReadRecord(front, Uint32At(section + layout.section_offset))) return record;
   }
   return std::nullopt;

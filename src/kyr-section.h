@@ -13,11 +13,15 @@ namespace svcmgr {
 
 // What a marker section says: the client API level and version that a file was built against.
 struct KyrRecord {
+  char magic[4];
+  std::uint16_t reserved;
+  std::uint16_t format;
   std::uint16_t api_level;
   std::uint16_t version_major;
   std::uint16_t version_minor;
   std::uint16_t version_patch;
 };
+static_assert(sizeof(KyrRecord) == 16);
 
 using OwnedKyrRecord = std::unique_ptr<KyrRecord, FreeDeleter>;
 

@@ -335,9 +335,38 @@ TEST_P(TheNewerOfTwo, IsTakenWhereverTheyStand) {
   }
 }
 
-TEST_F(AnApplicationFolder, OfEqualMarkersHasThatOne) {
-  for (const char* name : {"a", "b", "c/d"}) Write(name, Marker{});
-  EXPECT_EQ(Search(), kOwn);
+TEST_F(AnApplicationFolder, OfEqualMarkersHasTheFirstThatIsMet) {
+  // They differ in the format, which orders nothing; who is met first is up to the file system.
+  const std::string names[] = {"a", "b", "c/d", "c/e"};
+  for (unsigned turn = 0; turn < 4; ++turn) {
+    for (unsigned i = 0; i < 4; ++i) Write(names[i], Marker{11, 2, 3, 182, (i + turn) % 4});
+    files().opened.clear();
+    const svcmgr::OwnedKyrRecord record = kyr_section_get_latest(Root().c_str());
+    ASSERT_NE(record, nullptr);
+    ASSERT_THAT(files().opened, SizeIs(4));
+    const auto* const first = std::find_if(std::begin(names), std::end(names), [&](const auto& it) {
+      return (Root() / it).string() == files().opened.front();
+    });
+    EXPECT_EQ(record->format, (first - std::begin(names) + turn) % 4);
+  }
+}
+
+TEST_F(AnApplicationFolder, HasAsItsMarkerAllOfItsBytes) {
+  Write("app", Marker{0x0102, 0x0304, 0x0506, 0x0708, 0x090a});
+  const svcmgr::OwnedKyrRecord record = kyr_section_get_latest(Root().c_str());
+  ASSERT_NE(record, nullptr);
+  const auto blocks = fake::LiveBlocks();
+  ASSERT_THAT(blocks, SizeIs(1));
+  EXPECT_EQ(blocks[0].pointer, record.get());
+  EXPECT_EQ(blocks[0].origin, "malloc");
+  EXPECT_EQ(blocks[0].size, 16U);
+  EXPECT_EQ(Bytes(std::begin(record->magic), std::end(record->magic)), Bytes("KYR\0", 4));
+  EXPECT_EQ(record->reserved, 0);
+  EXPECT_EQ(record->format, 0x090a);
+  EXPECT_EQ(record->api_level, 0x0102);
+  EXPECT_EQ(record->version_major, 0x0304);
+  EXPECT_EQ(record->version_minor, 0x0506);
+  EXPECT_EQ(record->version_patch, 0x0708);
 }
 
 TEST_F(AnApplicationFolder, OfAMarkerOfZerosHasNone) {
