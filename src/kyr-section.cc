@@ -11,7 +11,6 @@
 #include <cstring>
 #include <optional>
 #include <tuple>
-#include <vector>
 
 #include "frame.h"
 
@@ -43,7 +42,10 @@ KyrRecord latest_record;
 constexpr std::size_t kHeaderSize32 = 52;
 constexpr std::size_t kHeaderSize64 = 64;
 // One read of this size serves the header and what else stands at the front of a file.
-constexpr std::uint64_t kFrontSize = 4096;
+constexpr std::size_t kFrontSize = 4096;
+// Tables are read in pieces of this size, which nearly all fit into. A buffer of their own size would
+// have to be allocated, and a file be passed over when there is no memory.
+constexpr std::size_t kTablePieceSize = 16384;
 
 std::uint16_t Uint16At(const unsigned char* bytes) {
   return static_cast<std::uint16_t>(bytes[0] | bytes[1] << 8);
@@ -67,11 +69,15 @@ struct Layout {
 constexpr Layout kLayout32 = {kHeaderSize32, 32, 48, 40, 16, 20};
 constexpr Layout kLayout64 = {kHeaderSize64, 40, 60, 64, 24, 32};
 
+// A file that the walk has come upon. It may have become another since then: what the descriptor
+// gives counts. The walk's word for its size only saves asking for it as long as all that is looked
+// for lies within.
 class File {
  public:
   // Not a FIFO or a device, even if the file has become one: opening it must not wait.
-  explicit File(const char* path)
-      : descriptor_(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW)) {}
+  File(const char* path, std::uint64_t size_seen)
+      : descriptor_(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW)),
+        size_(size_seen) {}
   File(const File&) = delete;
   File& operator=(const File&) = delete;
   ~File() {
@@ -80,49 +86,65 @@ class File {
 
   bool IsOpen() const { return descriptor_ >= 0; }
 
-  // Reads up to `size` bytes; less at the end of the file or after a failure.
-  std::size_t Read(std::uint64_t offset, unsigned char* bytes, std::size_t size) const {
+  // How many of `size` bytes at an offset lie in the file.
+  std::size_t Available(std::uint64_t offset, std::size_t size) {
+    if (offset + size > size_ && !size_is_known_) AskForSize();
+    return offset < size_ ? static_cast<std::size_t>(std::min<std::uint64_t>(size, size_ - offset))
+                          : 0;
+  }
+
+  // Reads up to `size` bytes; less at the end of the file or after a failure. Positions are given
+  // with each read, which so fails on a FIFO instead of taking what others are to get.
+  std::size_t Read(std::uint64_t offset, unsigned char* bytes, std::size_t size) {
     std::size_t done = 0;
     while (done < size) {
       const ssize_t count =
           pread(descriptor_, bytes + done, size - done, static_cast<off_t>(offset + done));
       if (count < 0 && errno == EINTR) continue;
-      if (count <= 0) break;
+      if (count < 0) break;
       done += static_cast<std::size_t>(count);
+      if (count == 0) SetSize(offset + done);
+      if (offset + done == size_) break;
     }
     return done;
   }
 
  private:
-  int descriptor_;
+  void AskForSize() {
+    struct stat status {};
+    const bool is_file = fstat(descriptor_, &status) == 0 && S_ISREG(status.st_mode);
+    SetSize(is_file ? static_cast<std::uint64_t>(status.st_size) : 0);
+  }
+
+  void SetSize(std::uint64_t size) {
+    size_ = size;
+    size_is_known_ = true;
+  }
+
+  const int descriptor_;
+  std::uint64_t size_;
+  bool size_is_known_ = false;
 };
 
-// The front of a file, and reads that are served from it where they can be. The file counts as no
-// longer than the walk saw it: no read is spent on finding its end.
+// The front of a file, and reads that are served from it where they can be.
 class FileFront {
  public:
-  FileFront(const File& file, std::uint64_t file_size)
-      : file_(file),
-        file_size_(file_size),
-        size_(file.Read(0, bytes_, std::min(file_size, kFrontSize))) {}
+  explicit FileFront(File& file) : file_(file), size_(file.Read(0, bytes_, sizeof bytes_)) {}
 
   std::size_t size() const { return size_; }
   const unsigned char* bytes() const { return bytes_; }
 
-  // How many of `size` bytes at an offset lie in the file.
-  std::size_t Available(std::uint64_t offset, std::uint64_t size) const {
-    return offset < file_size_ ? std::min(size, file_size_ - offset) : 0;
-  }
-
+  // Reads up to `size` bytes, of which all are known to lie in the file.
   std::size_t Read(std::uint64_t offset, unsigned char* bytes, std::size_t size) const {
     if (offset + size > size_) return file_.Read(offset, bytes, size);
     std::memcpy(bytes, bytes_ + offset, size);
     return size;
   }
 
+  File& file() const { return file_; }
+
  private:
-  const File& file_;
-  const std::uint64_t file_size_;
+  File& file_;
   unsigned char bytes_[kFrontSize];
   const std::size_t size_;
 };
@@ -130,7 +152,7 @@ class FileFront {
 std::optional<KyrRecord> ReadRecord(const FileFront& front, std::uint64_t offset) {
   constexpr unsigned char kMagicAndReserved[] = {'K', 'Y', 'R', '\0', 0, 0};
   unsigned char bytes[sizeof(KyrRecord)];
-  if (front.Available(offset, sizeof bytes) != sizeof bytes) return std::nullopt;
+  if (front.file().Available(offset, sizeof bytes) != sizeof bytes) return std::nullopt;
   if (front.Read(offset, bytes, sizeof bytes) != sizeof bytes) return std::nullopt;
   if (std::memcmp(bytes, kMagicAndReserved, sizeof kMagicAndReserved) != 0) return std::nullopt;
   return KyrRecord{{'K', 'Y', 'R', '\0'}, 0,
@@ -142,16 +164,24 @@ std::optional<KyrRecord> ReadRecord(const FileFront& front, std::uint64_t offset
 // The first section of the file that is a record, whatever its name. The table may claim anything:
 // what does not lie in the file is passed over, and nothing is allocated for what a section claims.
 std::optional<KyrRecord> FindRecord(const FileFront& front, const Layout& layout) {
-  const std::uint64_t offset = Uint32At(front.bytes() + layout.table_offset);
-  const std::uint64_t claimed =
-      std::uint64_t{Uint16At(front.bytes() + layout.entry_count)} * layout.entry_size;
-  std::vector<unsigned char> table(front.Available(offset, claimed));
-  if (table.empty()) return std::nullopt;
-  const std::size_t size = front.Read(offset, table.data(), table.size());
-  for (std::size_t entry = 0; entry + layout.entry_size <= size; entry += layout.entry_size) {
-    const unsigned char* section = table.data() + entry;
-    if (Uint32At(section + layout.section_size) != sizeof(KyrRecord)) continue;
-    if (auto record = ReadRecord(front, Uint32At(section + layout.section_offset))) return record;
+  unsigned char piece[kTablePieceSize];
+  const std::size_t most = sizeof piece / layout.entry_size;
+  std::uint64_t offset = Uint32At(front.bytes() + layout.table_offset);
+  std::size_t left = Uint16At(front.bytes() + layout.entry_count);
+  while (left > 0) {
+    const std::size_t size =
+        front.file().Available(offset, std::min(left, most) * layout.entry_size);
+    if (size < layout.entry_size) break;
+    const std::size_t read = front.Read(offset, piece, size);
+    std::size_t count = read / layout.entry_size;
+    for (std::size_t entry = 0; entry < count; ++entry) {
+      const unsigned char* section = piece + entry * layout.entry_size;
+      if (Uint32At(section + layout.section_size) != sizeof(KyrRecord)) continue;
+      if (auto record = ReadRecord(front, Uint32At(section + layout.section_offset))) return record;
+    }
+    if (read < size) ++count;  // the header that could not be read; those behind it may be
+    offset += count * layout.entry_size;
+    left -= count;
   }
   return std::nullopt;
 }
@@ -173,7 +203,7 @@ int kyr_section_read_file(const char* path, const struct stat* status, int type,
 
   if (type != FTW_F || !S_ISREG(status->st_mode)) return 0;
   if (status->st_size < static_cast<off_t>(kHeaderSize32)) return 0;
-  const File file(path);
+  File file(path, static_cast<std::uint64_t>(status->st_size));
   if (!file.IsOpen()) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat"  // %m is the C library's, and so the log's
@@ -181,7 +211,7 @@ int kyr_section_read_file(const char* path, const struct stat* status, int type,
 #pragma GCC diagnostic pop
     return 0;
   }
-  const FileFront front(file, static_cast<std::uint64_t>(status->st_size));
+  const FileFront front(file);
   if (front.size() < kHeaderSize32) {
     CLIENT_ERROR("Failed to read ELF header");
     return 0;
