@@ -1194,39 +1194,87 @@ TEST_F(ASearch, NeedsFewDescriptorsHoweverDeepTheFolders) {
   EXPECT_LE(most, before + 3);
 }
 
-TEST_F(ASearch, OfManyFilesFindsTheOneThatCounts) {
-  const path text = Write("text", Bytes(52, 'x'));
-  const path marker = Write("marker", Marker{});
-  const auto before = OpenDescriptors();
-  for (int folder = 0; folder < 40; ++folder) {
-    const path in = Root() / "many" / std::to_string(folder);
-    fs::create_directories(in);
-    for (int i = 0; i < 490; ++i) fs::create_hard_link(text, in / std::to_string(i));
-    for (int i = 0; i < 5; ++i) fs::create_hard_link(marker, in / ("marker" + std::to_string(i)));
-    fs::create_symlink(Root(), in / "loop");
-    fs::create_symlink("/", in / "everything");
-    fs::create_symlink("missing", in / "dangling");
-    ASSERT_EQ(mkfifo((in / "fifo").c_str(), 0600), 0);
-    fs::create_directories(in / "closed");
-    fs::permissions(in / "closed", fs::perms::none);
-  }
-  Write("many/20/newest", Marker{12});
-  files().on_open = [](const std::string& opened) {
-    if (path(opened).filename() == "marker0") {
-      for (int i = 1; i < 5; ++i) {
-        std::error_code gone;
-        fs::remove(path(opened).parent_path() / ("marker" + std::to_string(i)), gone);
-      }
+/** 40 folders of 500 entries each, in which there is all that a search has to get around. */
+struct AManifoldFolder : ASearch {
+  static constexpr int kFolders = 40;
+
+  void SetUp() override {
+    ASearch::SetUp();
+    fs::permissions(Root(), fs::perms::all);
+    const path text = Write("text", Bytes(52, 'x'));
+    const path vanishing = Write("elsewhere/vanishing", Marker{98});
+    for (int folder = 0; folder < kFolders; ++folder) {
+      // First or last: whichever way a file system lists them, some stand behind what vanishes.
+      if (folder % 2 == 0) WriteNewest(folder);
+      fs::create_directories(Folder(folder));
+      fs::permissions(Folder(folder), fs::perms::all);
+      for (int i = 0; i < 490; ++i) fs::create_hard_link(text, Folder(folder) / std::to_string(i));
+      for (int i = 0; i < 5; ++i) fs::create_hard_link(vanishing, Folder(folder) / Vanishing(i));
+      fs::create_symlink(Root(), Folder(folder) / "loop");
+      fs::create_symlink(vanishing, Folder(folder) / "link");
+      fs::create_symlink("missing", Folder(folder) / "dangling");
+      ASSERT_EQ(mkfifo((Folder(folder) / "fifo").c_str(), 0600), 0);
+      fs::create_directories(Folder(folder) / "closed");
+      fs::create_hard_link(vanishing, Folder(folder) / "closed/marker");
+      fs::permissions(Folder(folder) / "closed", fs::perms::none);
+      if (folder % 2 != 0) WriteNewest(folder);
     }
-    return 0;
-  };
-  EXPECT_EQ(Search(), (Found{12, 2, 3, 182}));
-  for (int folder = 0; folder < 40; ++folder) {
-    fs::permissions(Root() / "many" / std::to_string(folder) / "closed", fs::perms::owner_all);
+    files().on_open = [this](const std::string& opened) {
+      // All of them, and thus the one that is being opened.
+      if (path(opened).filename().string().rfind("vanishing", 0) != 0) return 0;
+      ++vanished_;
+      for (int i = 0; i < 5; ++i) fs::remove(path(opened).parent_path() / Vanishing(i));
+      return 0;
+    };
   }
-  EXPECT_EQ(OpenDescriptors(), before);
-  EXPECT_GE(files().opened.size(), 40U * 490U);
-  EXPECT_EQ(static_cast<std::size_t>(files().reads), files().opened.size());
+
+  void TearDown() override {
+    for (int folder = 0; folder < kFolders; ++folder) {
+      fs::permissions(Folder(folder) / "closed", fs::perms::owner_all);
+    }
+    ASearch::TearDown();
+  }
+
+  path Many() const { return Root() / "many"; }
+  path Folder(int folder) const { return Many() / std::to_string(folder); }
+  int Vanished() const { return vanished_; }
+  static std::string Vanishing(int i) { return "vanishing" + std::to_string(i); }
+
+  /** The newest of a folder, and newer than those of the folders before. */
+  static Found Newest(int folder) { return {12, 2, 3, folder}; }
+
+ private:
+  void WriteNewest(int folder) const {
+    Write(Folder(folder) / ("newest" + std::to_string(folder)),
+          Marker{12, 2, 3, static_cast<unsigned>(folder)});
+  }
+
+  int vanished_ = 0;
+};
+
+TEST_F(AManifoldFolder, HasTheNewestMarkerThatStaysAndCanBeRead) {
+  const int failed = WithoutRights([this] {
+    const auto before = OpenDescriptors();
+    EXPECT_EQ(Search(Many()), Newest(kFolders - 1));
+    EXPECT_EQ(OpenDescriptors(), before);
+    EXPECT_EQ(Vanished(), kFolders);
+    EXPECT_EQ(files().opened.size(), kFolders * (490U + 1U + 1U));
+    EXPECT_EQ(static_cast<std::size_t>(files().reads), files().opened.size() - kFolders);
+    EXPECT_EQ(fake::Logs().size(), static_cast<std::size_t>(kFolders));
+    return HasFailure() ? 1 : 0;
+  });
+  EXPECT_EQ(failed, 0);
+}
+
+TEST_F(AManifoldFolder, HasFoldersOfWhichEachHasItsOwn) {
+  const int failed = WithoutRights([this] {
+    for (int folder = 0; folder < kFolders; ++folder) {
+      EXPECT_EQ(Search(Folder(folder)), Newest(folder));
+      EXPECT_EQ(Vanished(), folder + 1);
+    }
+    return HasFailure() ? 1 : 0;
+  });
+  EXPECT_EQ(failed, 0);
 }
 
 }  // namespace
