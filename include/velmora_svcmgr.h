@@ -47,8 +47,9 @@
  *  8. Blocking. A function that says "blocks" waits for the agent's answer, however long that
  *     takes. While one thread waits so, requests of other threads wait too; on the main-loop
  *     thread prefer the requests that are answered by callbacks. A thread that is cancelled while
- *     it waits leaves its answer behind for the next one to take: disconnect then. The others
- *     return at once.
+ *     it waits leaves its answer behind for the next one to take: disconnect then. Of the others,
+ *     velmora_svcmgr_get_client_api_level reads files, a request may wait for the agent to take
+ *     what was sent before, and the rest return at once.
  */
 
 #ifndef __cplusplus
@@ -75,7 +76,7 @@ typedef enum {
   SVCMGR_ERROR_NONE = 0,
   /** Connecting failed: the agent is not running, or it offers no such port. */
   SVCMGR_ERROR_CONNECTION_FAILED = -1,
-  /** Input or output failed in a lower layer. */
+  /** Input or output failed in a lower layer. No function returns it so far. */
   SVCMGR_ERROR_IO_ERROR = -5,
   /** A handle could not be allocated. */
   SVCMGR_ERROR_OUT_OF_MEMORY = -12,

@@ -193,8 +193,7 @@ void SvcMgrAppProxyHandler::Notify(int result, int state) const {
   if (callback != nullptr) callback(result, state, user_data);
 }
 
-// ---- Requests that wait
-// --------------------------------------------------------------------------
+// ---- Requests that wait -------------------------------------------------------------------------
 
 int SvcMgrAppProxyHandler::get_agent_api_level() {
   const auto proxy = Proxy();
