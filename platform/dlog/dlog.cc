@@ -10,6 +10,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <time.h>
 #include <unistd.h>
@@ -125,11 +126,22 @@ int ThresholdFromEnvironment() {
   return DLOG_WARN;
 }
 
+// A pipe would hold the process up, at once or when its reader falls behind.
+bool IsFileOrCharacterDevice(int fd) {
+  struct stat about;
+  return fstat(fd, &about) == 0 && (S_ISREG(about.st_mode) || S_ISCHR(about.st_mode));
+}
+
 void OpenSink() {
   const char* path = getenv("VELMORA_LOG_FILE");
   if (path && *path) {
-    const int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0644);
-    if (fd >= 0) sink = {fd, true, false};
+    const int fd =
+        open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0644);
+    if (fd >= 0 && IsFileOrCharacterDevice(fd)) {
+      sink = {fd, true, false};
+    } else if (fd >= 0) {
+      close(fd);
+    }
   }
   const char* no_colour = getenv("NO_COLOR");
   sink.keeps_colour = !(no_colour && *no_colour) && isatty(sink.fd);
@@ -149,9 +161,10 @@ void Initialize() {
   ErrnoKeeper keeper;
   Lock lock;
   if (threshold.load(std::memory_order_relaxed) != kUnset) return;
-  OpenSink();
+  const int lowest = ThresholdFromEnvironment();
+  if (lowest != DLOG_SILENT) OpenSink();
   pid = getpid();
-  threshold.store(ThresholdFromEnvironment(), std::memory_order_release);
+  threshold.store(lowest, std::memory_order_release);
 }
 
 // Before there can be a second thread: a fork while the first record is being written finds the

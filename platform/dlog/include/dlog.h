@@ -6,7 +6,8 @@
  * The platform log.
  *
  * On the desktop records go to standard error, each with one write, or to the end of the file that
- * VELMORA_LOG_FILE names. Records for a file are gathered: they are written when a record of error
+ * VELMORA_LOG_FILE names: a regular file or a character device; for anything else, such as a pipe that
+ * could hold the process up, standard error stands in. Records for a file are gathered: they are written when a record of error
  * priority or above comes, when 64 KiB have gathered, at the next record after 200 ms, and when the
  * process exits; a forked child never writes those of its parent. What has gathered is lost when the
  * process replaces itself by exec or is killed.

@@ -11,6 +11,7 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -335,6 +336,40 @@ TEST_F(ALogFile, ThatCannotBeOpenedIsStandardError) {
   testing::internal::CaptureStderr();
   EXPECT_GE(dlog_print(DLOG_ERROR, "TAG", "text"), 0);
   EXPECT_THAT(testing::internal::GetCapturedStderr(), EndsWith(": text\n"));
+}
+
+TEST_F(ALogFile, ThatIsAPipeIsStandardErrorWhetherSomebodyReadsItOrNot) {
+  ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
+  const auto log_on_output = [this] {
+    setenv("VELMORA_LOG_FILE", path_.c_str(), 1);
+    dup2(STDOUT_FILENO, STDERR_FILENO);
+    if (dlog_print(DLOG_ERROR, "TAG", "text") < 0) _exit(1);
+  };
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(InChild(log_on_output, true), 0);
+  EXPECT_THAT(testing::internal::GetCapturedStdout(), EndsWith(": text\n"));
+
+  const int reader = open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  ASSERT_GE(reader, 0);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(InChild(log_on_output, true), 0);
+  EXPECT_THAT(testing::internal::GetCapturedStdout(), EndsWith(": text\n"));
+  char byte;
+  EXPECT_EQ(read(reader, &byte, 1), 0);
+  close(reader);
+}
+
+TEST_F(ALogFile, IsNotTouchedWhereNothingIsLogged) {
+  ToFile("silent");
+  EXPECT_EQ(dlog_print(DLOG_FATAL, "TAG", "text"), 0);
+  EXPECT_FALSE(std::filesystem::exists(path_));
+}
+
+TEST_F(ALogFile, MayBeACharacterDevice) {
+  setenv("VELMORA_LOG_FILE", "/dev/null", 1);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(dlog_print(DLOG_ERROR, "TAG", "text"), 0);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), IsEmpty());
 }
 
 TEST_F(ALogFile, ThatTakesNoMoreFailsTheRecord) {
