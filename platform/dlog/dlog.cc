@@ -26,6 +26,7 @@ namespace {
 constexpr size_t kLongestMessage = 64 * 1024;
 constexpr size_t kLongestTag = 256;
 constexpr char kCutMark[] = " [cut]";
+constexpr char kColourReset[] = "\x1b[0m";
 constexpr size_t kBufferSize = 64 * 1024;
 constexpr int64_t kOldestBufferedMs = 200;
 constexpr char kLetters[] = "??VDIWEFS";
@@ -207,50 +208,127 @@ void AppendEscaped(std::string* out, char c) {
   *out += escaped;
 }
 
-bool IsControl(char c) { return (static_cast<unsigned char>(c) < ' ' && c != '\t') || c == '\x7f'; }
-
-// Whether one of eight bytes may be a control character; true also for a tab.
-bool MayHoldControl(const char* bytes) {
+// Whether one of eight bytes may need a look: all do but printable ASCII.
+bool MayNeedLook(const char* bytes) {
   constexpr uint64_t kOnes = 0x0101010101010101;
   constexpr uint64_t kHighBits = kOnes * 0x80;
   uint64_t word;
   memcpy(&word, bytes, sizeof word);
-  const uint64_t deletes = word ^ (kOnes * 0x7f);
-  const uint64_t below_space = (word - kOnes * ' ') & ~word;
-  const uint64_t is_delete = (deletes - kOnes) & ~deletes;
-  return ((below_space | is_delete) & kHighBits) != 0;
+  const uint64_t below_space = word - kOnes * ' ';
+  const uint64_t is_delete = (word ^ (kOnes * 0x7f)) - kOnes;
+  return ((word | below_space | is_delete) & kHighBits) != 0;
 }
 
-// Length of what `text` starts with that needs no look: no control character.
-size_t PlainLength(std::string_view text) {
-  size_t length = 0;
-  while (length + 8 <= text.size() && !MayHoldControl(text.data() + length)) length += 8;
-  while (length < text.size() && !IsControl(text[length])) ++length;
+// A character of more than one byte that `text` starts with, and its length; 0 if it is not UTF-8.
+size_t DecodeWide(std::string_view text, uint32_t* character) {
+  static constexpr uint32_t kLeastOfLength[] = {0, 0, 0x80, 0x800, 0x10000};
+  const auto first = static_cast<unsigned char>(text[0]);
+  const size_t length = first < 0xc0   ? 0
+                        : first < 0xe0 ? 2
+                        : first < 0xf0 ? 3
+                        : first < 0xf8 ? 4
+                                       : 0;
+  if (length == 0 || length > text.size()) return 0;
+  uint32_t value = first & (0x7fu >> length);
+  for (size_t i = 1; i < length; ++i) {
+    const auto next = static_cast<unsigned char>(text[i]);
+    if ((next & 0xc0) != 0x80) return 0;
+    value = value << 6 | (next & 0x3fu);
+  }
+  const bool is_half = value >= 0xd800 && value <= 0xdfff;
+  if (value < kLeastOfLength[length] || value > 0x10ffff || is_half) return 0;
+  *character = value;
   return length;
 }
 
-// One record is one line: newlines at the end vanish, also those before the colour's reset, and other
-// control characters become visible.
-void AppendLine(std::string* out, std::string_view text, bool keeps_colour) {
-  size_t newlines = 0;
+// Whether a character above ASCII steers a terminal, or makes a line look like another one.
+bool IsUnsafe(uint32_t c) {
+  static constexpr struct {
+    uint32_t first;
+    uint32_t last;
+  } kUnsafe[] = {
+      {0x0080, 0x009f},  // control characters that need no escape
+      {0x061c, 0x061c},  // Arabic letter mark
+      {0x200e, 0x200f},  // left-to-right and right-to-left marks
+      {0x2028, 0x202e},  // line and paragraph separators, embeddings and overrides of direction
+      {0x2066, 0x2069},  // isolates of direction
+      {0xfeff, 0xfeff},  // byte order mark
+      {0xfff9, 0xfffb},  // interlinear annotations
+  };
+  for (const auto& range : kUnsafe) {
+    if (c >= range.first && c <= range.last) return true;
+  }
+  return false;
+}
+
+// Length of the character that `text` starts with if it may be written as it stands, else 0.
+size_t HarmlessLength(std::string_view text) {
+  const auto first = static_cast<unsigned char>(text[0]);
+  if (first < 0x80) return (first < ' ' && first != '\t') || first == 0x7f ? 0 : 1;
+  uint32_t character = 0;
+  const size_t length = DecodeWide(text, &character);
+  return length > 0 && !IsUnsafe(character) ? length : 0;
+}
+
+// Length of what `text` starts with that may be written as it stands.
+size_t PlainLength(std::string_view text) {
+  size_t length = 0;
+  while (length < text.size()) {
+    if (length + 8 <= text.size() && !MayNeedLook(text.data() + length)) {
+      length += 8;
+      continue;
+    }
+    const size_t step = HarmlessLength(text.substr(length));
+    if (step == 0) break;
+    length += step;
+  }
+  return length;
+}
+
+// The bytes of what must not reach a terminal become visible one by one.
+void AppendVisible(std::string* out, std::string_view text) {
   while (!text.empty()) {
-    size_t length = ColourLength(text);
-    if (length > 0) {
-      if (keeps_colour) out->append(text.data(), length);
-    } else if (text[0] == '\n') {
-      ++newlines;
+    size_t length = PlainLength(text);
+    out->append(text.data(), length);
+    if (length == 0) {
+      AppendEscaped(out, text[0]);
       length = 1;
-    } else {
-      for (; newlines > 0; --newlines) AppendEscaped(out, '\n');
-      length = PlainLength(text);
-      out->append(text.data(), length);
-      if (length == 0) {
-        AppendEscaped(out, text[0]);
-        length = 1;
-      }
     }
     text.remove_prefix(length);
   }
+}
+
+void DropNewlinesAtEnd(std::string_view* text) {
+  const size_t last = text->find_last_not_of('\n');
+  text->remove_suffix(text->size() - (last == std::string_view::npos ? 0 : last + 1));
+}
+
+// Length of the sequence at the end of `text` that ends all colour, or 0.
+size_t ResetLength(std::string_view text) {
+  const size_t escape = text.rfind('\x1b');
+  if (escape == std::string_view::npos) return 0;
+  const std::string_view sequence = text.substr(escape);
+  const bool is_reset = ColourLength(sequence) == sequence.size() &&
+                        sequence.find_first_not_of("0;", 2) == sequence.size() - 1;
+  return is_reset ? sequence.size() : 0;
+}
+
+// One record is one line, in the colour that its format begins with: any sequence that an argument
+// brought along is no colour of the record's.
+void AppendLine(std::string* out, std::string_view text, std::string_view format, bool cut,
+                bool keeps_colour) {
+  const std::string_view colour = text.substr(0, ColourLength(format));
+  text.remove_prefix(colour.size());
+  DropNewlinesAtEnd(&text);
+  DropNewlinesAtEnd(&format);
+  if (!cut && ResetLength(format) > 0) {
+    text.remove_suffix(ResetLength(text));
+    DropNewlinesAtEnd(&text);
+  }
+  if (keeps_colour) *out += colour;
+  AppendVisible(out, text);
+  if (cut) *out += kCutMark;
+  if (keeps_colour && !colour.empty()) *out += kColourReset;
 }
 
 // Calendar date of a day counted from 1970-01-01. The C library's functions take a lock that a
@@ -330,7 +408,7 @@ class Message {
   bool cut_ = false;
 };
 
-int Write(log_priority prio, const char* tag, const Message& message) {
+int Write(log_priority prio, const char* tag, const char* fmt, const Message& message) {
   std::string record;
   record.reserve(message.text().size() + 160);
   AppendTime(&record);
@@ -338,13 +416,11 @@ int Write(log_priority prio, const char* tag, const Message& message) {
   record += ' ';
   record += kLetters[letter];
   record += ' ';
-  AppendLine(&record, std::string_view(tag, strnlen(tag, kLongestTag)), false);
-
+  AppendVisible(&record, std::string_view(tag, strnlen(tag, kLongestTag)));
   record += ' ';
   record += std::to_string(pid);
   record += ": ";
-  AppendLine(&record, message.text(), sink.keeps_colour);
-  if (message.cut()) record += kCutMark;
+  AppendLine(&record, message.text(), fmt, message.cut(), sink.keeps_colour);
   record += '\n';
   // One write puts the whole line out: no lock needed.
   if (!sink.is_file) return WriteAll(sink.fd, record.data(), record.size());
@@ -358,7 +434,7 @@ __attribute__((noinline, format(printf, 3, 0))) int Print(log_priority prio, con
   try {
     Message message;
     const int result = message.Format(fmt, args);
-    return result < 0 ? result : Write(prio, tag, message);
+    return result < 0 ? result : Write(prio, tag, fmt, message);
   } catch (const std::exception&) {
     return -ENOMEM;  // not "...": a cancelled thread unwinds through here
   }

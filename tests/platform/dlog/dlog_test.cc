@@ -186,7 +186,8 @@ TEST_F(ARecord, MakesEveryControlCharacterVisibleWhereverItStands) {
       dlog_print(DLOG_INFO, "TAG", "%s", text.c_str());
       char escaped[8];
       snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned>(c));
-      if ((c < ' ' && c != '\t') || c == 0x7f) text.replace(place, 1, escaped);
+      // A byte of its own above ASCII is no character.
+      if ((c < ' ' && c != '\t') || c >= 0x7f) text.replace(place, 1, escaped);
       expected.push_back(text);
     }
   }
@@ -195,10 +196,67 @@ TEST_F(ARecord, MakesEveryControlCharacterVisibleWhereverItStands) {
   EXPECT_EQ(Messages(), expected);
 }
 
+TEST_F(ARecord, ShowsTheCharactersThatSteerATerminalOrReorderItsLine) {
+  ToFile("verbose");
+  const struct {
+    const char* text;
+    const char* written;
+  } rows[] = {
+      {"\xc2\x9b"
+       "2J",
+       "\\xc2\\x9b"
+       "2J"},  // U+009B begins a sequence as ESC [ does
+      {"\xc2\x80", "\\xc2\\x80"},
+      {"\xc2\x9f", "\\xc2\\x9f"},
+      {"\xd8\x9c", "\\xd8\\x9c"},           // U+061C
+      {"\xe2\x80\x8e", "\\xe2\\x80\\x8e"},  // U+200E
+      {"\xe2\x80\x8f", "\\xe2\\x80\\x8f"},  // U+200F
+      {"\xe2\x80\xa8", "\\xe2\\x80\\xa8"},  // U+2028
+      {"\xe2\x80\xaa", "\\xe2\\x80\\xaa"},  // U+202A
+      {"\xe2\x80\xae", "\\xe2\\x80\\xae"},  // U+202E
+      {"\xe2\x81\xa6", "\\xe2\\x81\\xa6"},  // U+2066
+      {"\xe2\x81\xa9", "\\xe2\\x81\\xa9"},  // U+2069
+      {"\xef\xbb\xbf", "\\xef\\xbb\\xbf"},  // U+FEFF
+      {"\xef\xbf\xb9", "\\xef\\xbf\\xb9"},  // U+FFF9
+      {"\xc0\xaf", "\\xc0\\xaf"},           // longer than it may be
+      {"\xe0\x80\xaf", "\\xe0\\x80\\xaf"},
+      {"\xf0\x80\x80\xaf", "\\xf0\\x80\\x80\\xaf"},
+      {"\xed\xa0\x80", "\\xed\\xa0\\x80"},           // half of a pair
+      {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},  // beyond the last character
+      {"\xe2\x82", "\\xe2\\x82"},                    // ends early
+  };
+  for (const auto& row : rows) {
+    std::filesystem::remove(path_);
+    EXPECT_EQ(InChild([&] { dlog_print(DLOG_ERROR, row.text, "a%sz", row.text); }, false), 0);
+    EXPECT_THAT(Messages(), ElementsAre(std::string("a") + row.written + "z"));
+    EXPECT_THAT(Lines().at(0), HasSubstr(std::string(" ") + row.written + " "));
+  }
+}
+
+TEST_F(ARecord, KeepsTheCharactersOfAnyLanguage) {
+  ToFile("verbose");
+  const std::string text =
+      "\xc2\xa0\xc3\xa4\xd7\xa9\xd8\xb9\xe0\xa4\x95\xe2\x80\x94\xe2\x82\xac\xe4\xb8\xad"
+      "\xed\x9f\xbf\xee\x80\x80\xef\xbf\xbd\xf0\x9f\x98\x80\xf4\x8f\xbf\xbf";
+  dlog_print(DLOG_ERROR, "TAG", "%s", text.c_str());
+  EXPECT_THAT(Messages(), ElementsAre(text));
+}
+
 TEST_F(ARecord, LosesItsColourInAFile) {
   ToFile("verbose");
-  dlog_print(DLOG_ERROR, "TAG", "\033[1;31mred\033[0m plain \033[");
-  EXPECT_THAT(Messages(), ElementsAre("red plain \\x1b["));
+  dlog_print(DLOG_ERROR, "TAG", "\033[1;31mred\033[0m");
+  dlog_print(DLOG_ERROR, "TAG", "\033[1;31mred\n\033[0;m\n");
+  EXPECT_THAT(Messages(), ElementsAre("red", "red"));
+}
+
+TEST_F(ARecord, ShowsColourThatIsNotItsFormats) {
+  ToFile("verbose");
+  const char* argument = "\033[8mhidden\033[0m";
+  dlog_print(DLOG_ERROR, "TAG", "%s", argument);
+  dlog_print(DLOG_ERROR, "TAG", "\033[31mred %s red\033[0m", argument);
+  dlog_print(DLOG_ERROR, "TAG", "red \033[0m plain \033[");
+  EXPECT_THAT(Messages(), ElementsAre("\\x1b[8mhidden\\x1b[0m", "red \\x1b[8mhidden\\x1b[0m red",
+                                      "red \\x1b[0m plain \\x1b["));
 }
 
 TEST_F(ARecord, IsWholeUpTo64KiBAndCutBeyondWithAMark) {
@@ -402,7 +460,7 @@ TEST_F(AStandardErrorLog, GetsEachRecordInOneWrite) {
 }
 
 // What a child whose standard error is a terminal writes there.
-std::string OnATerminal() {
+std::string OnATerminal(const std::function<void()>& log) {
   const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
   EXPECT_GE(master, 0);
   EXPECT_EQ(grantpt(master), 0);
@@ -411,26 +469,40 @@ std::string OnATerminal() {
   EXPECT_EQ(ptsname_r(master, name, sizeof name), 0);
   const int terminal = open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
   EXPECT_GE(terminal, 0);
-  const auto log_colour = [terminal] {
+  const auto log_there = [terminal, &log] {
     dup2(terminal, STDERR_FILENO);
-    dlog_print(DLOG_ERROR, "TAG", "\033[31mred\n\033[0m");
+    log();
   };
-  EXPECT_EQ(InChild(log_colour, true), 0);
-  char text[256];
+  EXPECT_EQ(InChild(log_there, true), 0);
+  char text[1024];
   const ssize_t size = read(master, text, sizeof text);
   close(terminal);
   close(master);
   return std::string(text, size > 0 ? static_cast<size_t>(size) : 0);
 }
 
+void LogRed() { dlog_print(DLOG_ERROR, "TAG", "\033[31mred\n\033[0m"); }
+
 TEST_F(AStandardErrorLog, KeepsColourOnATerminalUnlessToldNotTo) {
   if (access("/dev/ptmx", R_OK | W_OK) != 0) GTEST_SKIP() << "no pseudo terminals here";
   unsetenv("VELMORA_LOG_FILE");
-  EXPECT_THAT(OnATerminal(), HasSubstr(": \033[31mred\033[0m\r\n"));
+  EXPECT_THAT(OnATerminal(LogRed), HasSubstr(": \033[31mred\033[0m\r\n"));
   setenv("NO_COLOR", "", 1);
-  EXPECT_THAT(OnATerminal(), HasSubstr(": \033[31mred\033[0m\r\n"));
+  EXPECT_THAT(OnATerminal(LogRed), HasSubstr(": \033[31mred\033[0m\r\n"));
   setenv("NO_COLOR", "1", 1);
-  EXPECT_THAT(OnATerminal(), HasSubstr(": red\r\n"));
+  EXPECT_THAT(OnATerminal(LogRed), HasSubstr(": red\r\n"));
+}
+
+TEST_F(AStandardErrorLog, GivesATerminalNoSequenceOfAnArgumentAndItsOwnColourBack) {
+  if (access("/dev/ptmx", R_OK | W_OK) != 0) GTEST_SKIP() << "no pseudo terminals here";
+  unsetenv("VELMORA_LOG_FILE");
+  EXPECT_THAT(
+      OnATerminal([] { dlog_print(DLOG_ERROR, "TAG", "\033[31m%s\033[0m", "a\033[8mb\033[0m"); }),
+      HasSubstr(": \033[31ma\\x1b[8mb\\x1b[0m\033[0m\r\n"));
+  EXPECT_THAT(OnATerminal([] { dlog_print(DLOG_ERROR, "TAG", "%s", "\033[31mred\033[0m"); }),
+              HasSubstr(": \\x1b[31mred\\x1b[0m\r\n"));
+  EXPECT_THAT(OnATerminal([] { dlog_print(DLOG_ERROR, "TAG", "\033[31mred"); }),
+              HasSubstr(": \033[31mred\033[0m\r\n"));
 }
 
 TEST_F(AStandardErrorLog, FailsTheRecordWhenItIsClosed) {
