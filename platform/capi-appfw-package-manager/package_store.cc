@@ -26,6 +26,9 @@
 // package_desktop.h change before they return, and the change signal, which the kernel changes when
 // anybody else touches the folder. Each thread keeps the snapshot that it used last, with the words
 // as they were; while they stay so, a look-up takes no lock either.
+//
+// The watch hears what is done under the folder's own names. A key file that has a name elsewhere, too,
+// makes every look-up read the folder.
 
 namespace packages {
 
@@ -194,8 +197,10 @@ int Store::Refresh(Snapshot::Complaints* fresh_complaints) {
   if (snapshot_ && stamp_.IsLatest()) return 0;
   if (Ask()) snapshot_ = SnapshotRef();
   // Only a folder in which nobody touched the generation file has a word that is safe to look at.
-  if (snapshot_ && !stamp_.GenerationMoved()) return 0;
-  return Read(fresh_complaints);
+  if (snapshot_ && !snapshot_->may_change_unheard() && !stamp_.GenerationMoved()) return 0;
+  const int error = Read(fresh_complaints);
+  if (snapshot_ && snapshot_->may_change_unheard()) stamp_.signal = nullptr;
+  return error;
 }
 
 int Store::Read(Snapshot::Complaints* fresh_complaints) {

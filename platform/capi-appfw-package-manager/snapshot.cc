@@ -5,8 +5,10 @@
 
 namespace packages {
 
-Snapshot::Snapshot(std::vector<package_info_s> packages, Complaints complaints)
-    : packages_(std::move(packages)), complaints_(std::move(complaints)) {
+Snapshot::Snapshot(Content content)
+    : packages_(std::move(content.packages)),
+      complaints_(std::move(content.complaints)),
+      may_change_unheard_(content.may_change_unheard) {
   std::sort(packages_.begin(), packages_.end(),
             [](const auto& a, const auto& b) { return a.id < b.id; });
   for (package_info_s& package : packages_) {

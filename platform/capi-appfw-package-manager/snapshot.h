@@ -34,14 +34,23 @@ class Snapshot {
   // Complaints about key files that could not be read; the same complaint is made once.
   using Complaints = std::set<std::string>;
 
+  // What was read, and whether all of it is heard of when it changes.
+  struct Content {
+    std::vector<package_info_s> packages;
+    Complaints complaints;
+    // A key file that has another name outside the folder can be written without a word.
+    bool may_change_unheard = false;
+  };
+
   // The new snapshot has one share, the maker's.
-  Snapshot(std::vector<package_info_s> packages, Complaints complaints);
+  explicit Snapshot(Content content);
   Snapshot(const Snapshot&) = delete;
   Snapshot& operator=(const Snapshot&) = delete;
 
   // Ordered by ID.
   const std::vector<package_info_s>& packages() const { return packages_; }
   const Complaints& complaints() const { return complaints_; }
+  bool may_change_unheard() const { return may_change_unheard_; }
   const package_info_s* FindPackage(std::string_view id) const;
   const app_info_s* FindApplication(std::string_view id) const;
 
@@ -57,6 +66,7 @@ class Snapshot {
   std::vector<package_info_s> packages_;
   std::vector<const app_info_s*> applications_;  // ordered by ID
   const Complaints complaints_;
+  const bool may_change_unheard_;
 };
 
 // Owner of one share of a snapshot.

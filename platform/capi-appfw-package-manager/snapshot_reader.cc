@@ -117,13 +117,15 @@ Outcome OutcomeOfErrno() {
   }
 }
 
-Outcome ReadText(int folder, const char* name, std::string* text, std::string* complaint) {
+Outcome ReadText(int folder, const char* name, std::string* text, bool* has_other_links,
+                 std::string* complaint) {
   const UniqueFd fd(openat(folder, name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
   struct stat about;
   if (!fd || fstat(fd.get(), &about) != 0) {
     *complaint = g_strerror(errno);
     return OutcomeOfErrno();
   }
+  *has_other_links = about.st_nlink > 1;
   if (!S_ISREG(about.st_mode) || about.st_size > kLargestKeyFile) {
     *complaint = "not a regular file of at most 1 MiB";
     return Outcome::kBroken;
@@ -146,18 +148,19 @@ Outcome ReadText(int folder, const char* name, std::string* text, std::string* c
   }
 }
 
-Outcome ReadPackage(int folder, const char* name, package_info_s* package, std::string* complaint) {
+Outcome ReadPackage(int folder, const char* name, package_info_s* package, bool* has_other_links,
+                    std::string* complaint) {
   std::string_view id = name;
   id.remove_suffix(kKeyFileSuffix.size());
   if (!IsPackageId(id)) return Outcome::kGone;
   std::string text;
-  const Outcome outcome = ReadText(folder, name, &text, complaint);
+  const Outcome outcome = ReadText(folder, name, &text, has_other_links, complaint);
   if (outcome != Outcome::kRead) return outcome;
   return ParsePackage(id, text, package, complaint) ? Outcome::kRead : Outcome::kBroken;
 }
 
-SnapshotRef NewSnapshot(std::vector<package_info_s> packages, Snapshot::Complaints complaints) {
-  return SnapshotRef(new Snapshot(std::move(packages), std::move(complaints)));
+SnapshotRef NewSnapshot(Snapshot::Content content) {
+  return SnapshotRef(new Snapshot(std::move(content)));
 }
 
 }  // namespace
@@ -199,11 +202,10 @@ int ReadSnapshot(const std::string& folder, SnapshotRef* snapshot) {
   const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(folder.c_str()), closedir);
   if (!entries) {
     if (errno != ENOENT && errno != ENOTDIR) return -errno;
-    *snapshot = NewSnapshot({}, {});
+    *snapshot = NewSnapshot({});
     return 0;
   }
-  std::vector<package_info_s> packages;
-  Snapshot::Complaints complaints;
+  Snapshot::Content content;
   for (;;) {
     errno = 0;
     const dirent* entry = readdir(entries.get());
@@ -212,20 +214,24 @@ int ReadSnapshot(const std::string& folder, SnapshotRef* snapshot) {
     if (!IsKeyFileName(entry->d_name)) continue;
     package_info_s package;
     std::string complaint;
-    switch (ReadPackage(dirfd(entries.get()), entry->d_name, &package, &complaint)) {
+    bool has_other_links = false;
+    const Outcome outcome =
+        ReadPackage(dirfd(entries.get()), entry->d_name, &package, &has_other_links, &complaint);
+    content.may_change_unheard |= has_other_links;
+    switch (outcome) {
       case Outcome::kRead:
-        packages.push_back(std::move(package));
+        content.packages.push_back(std::move(package));
         break;
       case Outcome::kGone:
         break;
       case Outcome::kBroken:
-        complaints.insert(folder + "/" + entry->d_name + ": " + complaint);
+        content.complaints.insert(folder + "/" + entry->d_name + ": " + complaint);
         break;
       case Outcome::kFailed:
         return -EIO;
     }
   }
-  *snapshot = NewSnapshot(std::move(packages), std::move(complaints));
+  *snapshot = NewSnapshot(std::move(content));
   return 0;
 }
 

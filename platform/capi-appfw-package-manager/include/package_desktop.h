@@ -23,7 +23,11 @@
  * the log. A section without an ID or of another name is ignored. Of two packages that have the same
  * application, the first by ID counts.
  *
- * Anybody may change the folder by hand, and look-ups see it. They are quickest where the functions
+ * Anybody may change the folder by hand, and the next look-up sees it, but for what the kernel tells
+ * nobody: a key file that is written through a memory mapping or, where a second hard link was made
+ * after the file was read, through that link; another folder that is mounted over this one or over one
+ * above it; and what another machine does to a file system of the network. A folder with key files
+ * that have more than one hard link is read by every look-up. Look-ups are quickest where the functions
  * below do it, because these also change the file .generation in the folder, which look-ups have
  * mapped. Nobody else writes that file; who needs it gone removes it.
  *

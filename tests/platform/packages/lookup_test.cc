@@ -109,6 +109,28 @@ TEST_P(ALookUp, SeesWhatIsChangedByHandInAFolderWithoutAGeneration) {
   EXPECT_THAT(AllIds(), ElementsAre("b"));
 }
 
+TEST_P(ALookUp, SeesWhatIsWrittenThroughAnotherLinkOfAKeyFile) {
+  ASSERT_EQ(Install("other", "1"), 0);
+  const auto elsewhere = top_ / "elsewhere";
+  std::ofstream(elsewhere) << KeyFile("0");
+  std::filesystem::create_hard_link(elsewhere, PathOf("a"));
+  for (int i = 1; i < 20; ++i) {
+    Ask("a");
+    std::ofstream(elsewhere) << KeyFile(std::to_string(i));
+    ASSERT_EQ(VersionOf("a"), std::to_string(i));
+  }
+  // A broken one is as good as any.
+  std::ofstream(elsewhere) << "broken";
+  ASSERT_EQ(VersionOf("a"), "");
+  Ask("a");
+  std::ofstream(elsewhere) << KeyFile("20");
+  ASSERT_EQ(VersionOf("a"), "20");
+  std::filesystem::remove(elsewhere);
+  Ask("a");
+  WriteByHand("a", KeyFile("21"));
+  EXPECT_EQ(VersionOf("a"), "21");
+}
+
 TEST_P(ALookUp, SeesAFolderThatIsCreatedLater) {
   folder_ = top_ / "one" / "two" / "packages";
   setenv("VELMORA_PACKAGE_DIR", folder_.c_str(), 1);
