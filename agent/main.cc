@@ -13,6 +13,7 @@
 
 #include "agent_service.h"
 #include "child.h"
+#include "report.h"
 #include "run.h"
 #include "scenario.h"
 #include "send.h"
@@ -94,7 +95,7 @@ int CheckAll(const std::vector<std::string>& scenarios) {
     try {
       Read(sim::FindScenario(name));
     } catch (const sim::ScenarioError& error) {
-      std::fprintf(stderr, "%s\n", error.what());
+      sim::ReportLines(error.what());
       status = 1;
     }
   }
@@ -140,7 +141,7 @@ int Send(const std::vector<std::string>& words) {
   try {
     return sim::Send(words);
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "svcmgr-sim: %s\n", error.what());
+    sim::Report(error.what());
     return kUsageError;
   }
 }
@@ -158,9 +159,9 @@ int Execute(CLI::App& app, const Options& options) {
     }
     return app.got_subcommand("check") ? CheckAll(options.scenarios) : List();
   } catch (const sim::ScenarioError& error) {
-    std::fprintf(stderr, "%s\n", error.what());
+    sim::ReportLines(error.what());
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "svcmgr-sim: %s\n", error.what());
+    sim::Report(error.what());
   }
   return sim::kOwnFailure;
 }
@@ -199,7 +200,11 @@ int main(int argc, char** argv) {
       throw CLI::ExtrasError({options.run.command.front()});
     }
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : kUsageError;
+    if (error.get_exit_code() == 0) {
+      return app.exit(error);
+    }
+    sim::Report(sim::Quotable(error.what()) + "\nRun svcmgr-sim with --help for more.");
+    return kUsageError;
   }
   return Execute(app, options);
 }

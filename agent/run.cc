@@ -26,6 +26,7 @@
 #include "child.h"
 #include "control.h"
 #include "guardian.h"
+#include "report.h"
 #include "unique_fd.h"
 #include "world.h"
 
@@ -121,7 +122,7 @@ std::string LastLines(const std::string& file) {
   }
   std::string text;
   for (const std::string& line : lines) {
-    text += "\n  | " + line;
+    text += "\n  | " + Quotable(line);
   }
   return text;
 }
@@ -209,7 +210,7 @@ class Run {
         world_(scenario, guardian_ ? guardian_->folder() : MakeWorldFolder()) {
     if (options.keep) {
       world_.Keep();
-      std::fprintf(stderr, "svcmgr-sim: the world is kept in %s\n", world_.folder().c_str());
+      Report("the world is kept in " + Quotable(world_.folder()));
     }
   }
 
@@ -424,7 +425,7 @@ int Run::StartCommand() {
   } catch (const StartError& error) {
     const std::string& name = options_.command.front();
     const int reason = ReasonFor(name, error.reason);
-    std::fprintf(stderr, "svcmgr-sim: %s: %s\n", name.c_str(), strerror(reason));
+    Report(Quotable(name) + ": " + strerror(reason));
     return reason == ENOENT ? kNotFound : kNotExecutable;
   }
   if (guardian_) {
@@ -471,8 +472,7 @@ void Run::CheckAgent() {
 
 void Run::ReportAgent(const std::string& what) {
   if (!std::exchange(agent_failed_, true)) {
-    std::fprintf(stderr, "svcmgr-sim: the agent %s%s\n", what.c_str(),
-                 LastLines(world_.log_file()).c_str());
+    Report("the agent " + what + LastLines(world_.log_file()));
   }
 }
 
@@ -502,7 +502,7 @@ int RunInWorld(const ScenarioSource& source, const Scenario& scenario, const Run
   try {
     return Run(source, scenario, options).Execute();
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "svcmgr-sim: %s\n", error.what());
+    Report(error.what());
     return kOwnFailure;
   }
 }

@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "object_reader.h"
+#include "report.h"
 
 #ifndef AGENT_PACKAGE_ID
 #error "AGENT_PACKAGE_ID is not defined"
@@ -388,14 +389,6 @@ void ReadRoot(ObjectReader& root, const std::string& folder, Scenario* scenario)
   ReadMethods(root, scenario);
 }
 
-/** What is quoted from a file must not reach a terminal as it stands. */
-std::string Printable(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(),
-      [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '?');
-  return text;
-}
-
 void ThrowProblems(std::vector<Problem> problems, const std::string& name) {
   if (problems.empty()) {
     return;
@@ -405,10 +398,10 @@ void ThrowProblems(std::vector<Problem> problems, const std::string& name) {
   });
   std::string text;
   for (const Problem& problem : problems) {
-    text += (text.empty() ? "" : "\n") + name + ":" + std::to_string(problem.place.line) + ":" +
-            std::to_string(problem.place.column) + ": " +
-            (problem.pointer.empty() ? "" : Printable(problem.pointer) + ": ") +
-            Printable(problem.reason);
+    text += (text.empty() ? "" : "\n") + Quotable(name) + ":" + std::to_string(problem.place.line) +
+            ":" + std::to_string(problem.place.column) + ": " +
+            (problem.pointer.empty() ? "" : Quotable(problem.pointer) + ": ") +
+            Quotable(problem.reason);
   }
   throw ScenarioError(text);
 }
@@ -474,13 +467,13 @@ ScenarioSource FindScenario(const std::string& name) {
         return {name, shipped.document, ""};
       }
     }
-    throw ScenarioError(name + ": no scenario of this name ships; there are: " + ShippedNames() +
-                        " (a file's name has a slash or ends in .json)");
+    throw ScenarioError(Quotable(name) + ": no scenario of this name ships; there are: " +
+                        ShippedNames() + " (a file's name has a slash or ends in .json)");
   }
   ScenarioSource source;
   source.name = name;
   if (!ReadFile(name, &source.document)) {
-    throw ScenarioError(name + ": cannot read the file");
+    throw ScenarioError(Quotable(name) + ": cannot read the file");
   }
   source.folder = std::filesystem::absolute(name).parent_path().string();
   return source;

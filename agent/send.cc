@@ -10,6 +10,7 @@
 #include <stdexcept>
 
 #include "control.h"
+#include "report.h"
 #include "run.h"
 #include "steps.h"
 
@@ -30,7 +31,7 @@ std::vector<std::string> Parts(const std::string& text, char separator) {
 Json Number(const std::string& text) {
   const Json number = Json::parse(text, nullptr, false);
   if (!number.is_number_integer()) {
-    throw std::runtime_error("\"" + text + "\" is no whole number");
+    throw std::runtime_error("\"" + Quotable(text) + "\" is no whole number");
   }
   return number;
 }
@@ -40,7 +41,7 @@ Json Results(const std::string& text) {
   for (const std::string& part : Parts(text, ',')) {
     const auto colon = part.rfind(':');
     if (colon == std::string::npos) {
-      throw std::runtime_error("\"" + part + "\" is not APPLICATION:CODE");
+      throw std::runtime_error("\"" + Quotable(part) + "\" is not APPLICATION:CODE");
     }
     results[part.substr(0, colon)] = Number(part.substr(colon + 1));
   }
@@ -134,7 +135,7 @@ Json StepOfWord(const std::string& text) {
   const auto* const word = std::find_if(std::begin(kWords), std::end(kWords),
                                         [&](const Word& each) { return name == each.name; });
   if (word == std::end(kWords)) {
-    throw std::runtime_error("\"" + name + "\" is no step");
+    throw std::runtime_error("\"" + Quotable(name) + "\" is no step");
   }
   if (has_argument ? word->argument == Argument::kNone : word->argument == Argument::kNeeded) {
     throw std::runtime_error("the step \"" + name + "\" " +
@@ -189,7 +190,7 @@ int Send(const std::vector<std::string>& words) {
   if (problem.empty()) {
     return 0;
   }
-  std::fprintf(stderr, "svcmgr-sim: %s\n", problem.c_str());
+  Report(problem);
   return 1;
 }
 

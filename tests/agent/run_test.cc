@@ -487,6 +487,35 @@ TEST_F(ACall, WithoutScenarioOrCommandIsAWrongUsage) {
   }
 }
 
+TEST_F(ACall, QuotesNothingThatSteersATerminal) {
+  const TempFolder folder;
+  const std::string file = folder.Write(
+      "wrong.json", R"({"agent": {"kyr": "\u001b[31m\u009b1m\u202e\n"}, "\u001b": 1})");
+  for (const std::vector<std::string>& arguments :
+       std::vector<std::vector<std::string>>{{"check", file},
+                                             {"check", "x\x1b[31m"},
+                                             {"check", "./x\x1b[31m\n"},
+                                             {"run", "x\x1b[31m", "--", "true"},
+                                             {"run", "demo", "--", "no\x1b[31mcommand"},
+                                             {"run", "demo", "--", "/no\x1b[31m/command"},
+                                             {"send", "x\x1b[31m"},
+                                             {"send", R"({"x\u001b": 1})"},
+                                             {"send", "update-result=\x1b[31m"},
+                                             {"list", "x\x1b[31m"},
+                                             {"run", "demo", "--time-scale", "\x1b[31m"}}) {
+    const Finished call = RunSim(arguments, [] { setenv("SVCMGR_SIM_CONTROL", "/nowhere", 1); });
+    EXPECT_NE(call.status, 0);
+    EXPECT_THAT(call.errors, HasSubstr("\\x1B"));
+    for (const char* steering : {"\x1b", "\xc2\x9b", "\xe2\x80\xae"}) {
+      EXPECT_THAT(call.errors, testing::Not(HasSubstr(steering)))
+          << testing::PrintToString(arguments);
+    }
+  }
+  for (const char* name : {"one\ntwo", "./one\ntwo"}) {
+    EXPECT_EQ(Lines(RunSim({"check", name}).errors).size(), 1u);
+  }
+}
+
 TEST_F(ACall, ForHelpNamesTheWords) {
   const Finished call = RunSim({"--help"});
   EXPECT_EQ(call.status, 0);

@@ -244,7 +244,7 @@ const Refusal kRefusals[] = {
      "file.json:1:30: /methods/get_license/result: unknown key \"result\"; allowed here: delay, "
      "fault, cutAt, stray"},
     {"OddKey", "{\"a/b~c\\u001b\": 1}",
-     "file.json:1:2: /a~1b~0c?: unknown key \"a/b~c?\"; allowed here: ..."},
+     "file.json:1:2: /a~1b~0c\\x1B: unknown key \"a/b~c\\x1B\"; allowed here: ..."},
     {"ModelWithoutId", "{\"models\": [{\"versions\": [\"1\"]}]}",
      "file.json:1:13: /models/0: the key \"id\" is missing"},
     {"ModelWithoutVersions", "{\"models\": [{\"id\": \"m\"}]}",

@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "report.h"
+
+#include <cstdio>
+
+#include "tools/svcmgrctl/text.h"
+
+namespace sim {
+
+using svcmgrctl::ForTerminal;
+using svcmgrctl::Layout;
+
+std::string Quotable(std::string_view text) { return ForTerminal(text); }
+
+void Report(std::string_view message) { ReportLines("svcmgr-sim: " + std::string(message)); }
+
+void ReportLines(std::string_view lines) {
+  std::fprintf(stderr, "%s\n", ForTerminal(lines, Layout::kKeep).c_str());
+}
+
+}  // namespace sim
