@@ -1,13 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 // svcmgr-sim: runs commands beside a simulated agent.
 
+#include <errno.h>
 #include <fcntl.h>
+#include <string.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -21,6 +25,7 @@
 namespace {
 
 constexpr int kUsageError = 2;
+constexpr double kLargestTimeScale = 1000;
 constexpr char kMoreHelp[] =
     "A SCENARIO is the name of one that ships (see \"svcmgr-sim list\") or a JSON file, whose "
     "name\n"
@@ -56,13 +61,36 @@ std::vector<std::string> TakeCommand(int* argc, char** argv) {
   return std::vector<std::string>(dashes + 1, end);
 }
 
-/** A closed one would be given to the next file that is opened. */
-bool OpenStandardDescriptors() {
-  int fd = 0;
-  do {
-    fd = open("/dev/null", O_RDWR);
-  } while (fd >= 0 && fd <= STDERR_FILENO);
-  return fd < 0 || close(fd) == 0;
+/**
+ * A closed one would be given to the next file that is opened. The wrong direction keeps uses
+ * failing, also the command's.
+ */
+bool ReserveStandardDescriptors() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    if (fcntl(fd, F_GETFD) == -1 && errno == EBADF &&
+        open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY) != fd) {
+      return false;
+    }
+  }
+  return true;
+}
+
+/** Prints what was asked for; the exit status. */
+int Print(const std::string& text) {
+  if (std::fputs(text.c_str(), stdout) >= 0 && std::fflush(stdout) == 0) {
+    return 0;
+  }
+  sim::Report(std::string("cannot write to standard output: ") + strerror(errno));
+  return sim::kOwnFailure;
+}
+
+/** CLI::Range lets a NaN pass, which compares with nothing. */
+std::string CheckTimeScale(const std::string& text) {
+  double scale = 0;
+  if (CLI::detail::lexical_cast(text, scale) && scale >= 0 && scale <= kLargestTimeScale) {
+    return {};
+  }
+  return "\"" + text + "\" is no number from 0 to 1000";
 }
 
 sim::Scenario Read(const sim::ScenarioSource& source) {
@@ -107,11 +135,13 @@ int List() {
   for (const sim::ShippedScenario& shipped : sim::ShippedScenarios()) {
     width = std::max(width, std::string(shipped.name).size());
   }
+  std::string lines;
   for (const sim::ShippedScenario& shipped : sim::ShippedScenarios()) {
-    const sim::Scenario scenario = sim::ReadScenario(shipped.document, shipped.name, "");
-    std::printf("%-*s  %s\n", static_cast<int>(width), shipped.name, scenario.description.c_str());
+    std::string name = shipped.name;
+    name.resize(width, ' ');
+    lines += name + "  " + sim::ReadScenario(shipped.document, name, "").description + "\n";
   }
-  return std::fflush(stdout) == 0 ? 0 : 1;
+  return Print(lines);
 }
 
 void AddRun(CLI::App& app, Options& options) {
@@ -124,7 +154,7 @@ void AddRun(CLI::App& app, Options& options) {
   run->add_flag("--verbose", options.run.verbose, "Show what the agent does on standard error");
   run->add_option("--time-scale", options.run.time_scale,
                   "Multiply the scenario's delays; 0 makes them vanish")
-      ->check(CLI::Range(0.0, 1000.0));
+      ->check(CheckTimeScale);
   run->add_option("--app-id", options.app_id, "The command's application ID");
   run->add_option("--app-version", options.app_version, "The command's application version");
   run->add_option("--app-root", options.app_root, "The command's application folder");
@@ -169,7 +199,7 @@ int Execute(CLI::App& app, const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (!OpenStandardDescriptors()) {
+  if (!ReserveStandardDescriptors()) {
     return sim::kOwnFailure;
   }
   Options options;
@@ -201,7 +231,9 @@ int main(int argc, char** argv) {
     }
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == 0) {
-      return app.exit(error);
+      std::ostringstream text;
+      app.exit(error, text, text);
+      return Print(text.str());
     }
     sim::Report(sim::Quotable(error.what()) + "\nRun svcmgr-sim with --help for more.");
     return kUsageError;

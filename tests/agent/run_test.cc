@@ -213,6 +213,16 @@ TEST_F(ARun, WorksWithStandardDescriptorsClosed) {
   EXPECT_EQ(run.status, 5);
 }
 
+TEST_F(ARun, LetsItsCommandsUsesOfAClosedDescriptorFail) {
+  const Finished run =
+      RunSim(Script("cat && exit 1; echo text && exit 2; echo text >&2 && exit 3; exit 7"), [] {
+        close(STDIN_FILENO);
+        close(STDOUT_FILENO);
+        close(STDERR_FILENO);
+      });
+  EXPECT_EQ(run.status, 7);
+}
+
 TEST_F(ARun, WorksWhereSigchldIsIgnored) {
   const Finished run = RunSim(Script("exit 6"), [] { ::signal(SIGCHLD, SIG_IGN); });
   EXPECT_EQ(run.status, 6);
@@ -476,6 +486,10 @@ TEST_F(ACall, WithoutScenarioOrCommandIsAWrongUsage) {
                                              {"run", "demo", "true"},
                                              {"run", "demo", "--no-such-option", "--", "true"},
                                              {"run", "demo", "--time-scale", "-1", "--", "true"},
+                                             {"run", "demo", "--time-scale", "nan", "--", "true"},
+                                             {"run", "demo", "--time-scale", "-nan", "--", "true"},
+                                             {"run", "demo", "--time-scale", "inf", "--", "true"},
+                                             {"run", "demo", "--time-scale", "1001", "--", "true"},
                                              {"check"},
                                              {"list", "demo"},
                                              {"list", "--", "x"},
@@ -483,7 +497,7 @@ TEST_F(ACall, WithoutScenarioOrCommandIsAWrongUsage) {
     const Finished call = RunSim(arguments);
     EXPECT_EQ(call.status, 2) << testing::PrintToString(arguments);
     EXPECT_EQ(call.output, "") << testing::PrintToString(arguments);
-    EXPECT_NE(call.errors, "") << testing::PrintToString(arguments);
+    EXPECT_THAT(call.errors, StartsWith("svcmgr-sim: ")) << testing::PrintToString(arguments);
   }
 }
 
@@ -513,6 +527,23 @@ TEST_F(ACall, QuotesNothingThatSteersATerminal) {
   }
   for (const char* name : {"one\ntwo", "./one\ntwo"}) {
     EXPECT_EQ(Lines(RunSim({"check", name}).errors).size(), 1u);
+  }
+}
+
+TEST_F(ACall, WhoseOutputCannotBeWrittenFailsAndSaysSo) {
+  const auto to_full = [] {
+    const int full = open("/dev/full", O_WRONLY);
+    dup2(full, STDOUT_FILENO);
+  };
+  const auto to_nobody = [] { close(STDOUT_FILENO); };
+  for (const char* call : {"--help", "--version", "list"}) {
+    const Finished full = RunSim({call}, to_full);
+    EXPECT_EQ(full.status, 125) << call;
+    EXPECT_EQ(full.errors,
+              "svcmgr-sim: cannot write to standard output: No space left on device\n");
+    const Finished closed = RunSim({call}, to_nobody);
+    EXPECT_EQ(closed.status, 125) << call;
+    EXPECT_EQ(closed.errors, "svcmgr-sim: cannot write to standard output: Bad file descriptor\n");
   }
 }
 
