@@ -11,6 +11,7 @@ namespace sim {
 namespace {
 
 constexpr std::size_t kDeepest = 32;
+constexpr int kNumberOverflow = 406;  // the parser's own number for it
 
 /** Counts what the parser has consumed: its events say nothing about where they happened. */
 class CountingIterator {
@@ -113,6 +114,10 @@ class TreeBuilder : public nlohmann::json::json_sax_t {
 
   bool parse_error(std::size_t, const std::string&,
                    const nlohmann::detail::exception& error) override {
+    if (error.id == kNumberOverflow) {
+      problems_.push_back({NextToken(), "", "the number is too large"});
+      return false;
+    }
     const std::size_t last = consumed_ > 0 ? consumed_ - 1 : 0;
     problems_.push_back({PlaceOf(last), "", ReasonOf(error.what())});
     return false;

@@ -205,6 +205,8 @@ const Refusal kRefusals[] = {
     {"NulInText", "{\"description\": \"a\\u0000b\"}",
      "file.json:1:17: a text cannot hold the character U+0000"},
     {"TooDeep", "[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[", "file.json:1:33: nested too deeply"},
+    {"NumberTooLarge", "{\"bus\": true, \"timeScale\": 1e400}",
+     "file.json:1:28: the number is too large"},
     {"KeyTwice", "{\"timeScale\": 1,\n  \"timeScale\": 2}",
      "file.json:2:3: the key \"timeScale\" stands here a second time"},
     // Kinds.
