@@ -145,8 +145,7 @@ void Guardian::AwaitFolder() {
   folder_.assign(message, static_cast<std::size_t>(size > 0 ? size : 0));
   if (folder_.empty() || folder_.front() != '/') {
     waitpid(pid_, nullptr, 0);
-    throw std::system_error(std::atoi(folder_.c_str()), std::generic_category(),
-                            "cannot make a folder for the world");
+    throw NoWorldFolder(std::atoi(folder_.c_str()));
   }
 }
 

@@ -1,18 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "scenario.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <fnmatch.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <limits>
 #include <set>
-#include <sstream>
 
 #include "object_reader.h"
 #include "report.h"
+#include "unique_fd.h"
 
 #ifndef AGENT_PACKAGE_ID
 #error "AGENT_PACKAGE_ID is not defined"
@@ -121,16 +125,30 @@ void ReadLicence(const Value& value, std::string* licence) {
   }
 }
 
-bool ReadFile(const std::string& path, std::string* content) {
-  std::error_code error;
-  if (!std::filesystem::is_regular_file(path, error)) {
-    return false;
+/** Reads a file; says why it cannot be read, nothing if it was. */
+std::optional<std::string> ReadFile(const std::string& path, std::string* content) {
+  // Neither a pipe nor a terminal may hold the program up.
+  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  struct stat about;
+  if (!fd || fstat(fd.get(), &about) != 0) {
+    return strerror(errno);
   }
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream text;
-  text << file.rdbuf();
-  *content = text.str();
-  return !file.fail() && !file.bad();
+  if (!S_ISREG(about.st_mode)) {
+    return S_ISDIR(about.st_mode) ? "it is a folder" : "it is no regular file";
+  }
+  content->clear();
+  char chunk[64 * 1024];
+  for (;;) {
+    const ssize_t size = read(fd.get(), chunk, sizeof chunk);
+    if (size == 0) {
+      return std::nullopt;
+    }
+    if (size > 0) {
+      content->append(chunk, static_cast<std::size_t>(size));
+    } else if (errno != EINTR) {
+      return strerror(errno);
+    }
+  }
 }
 
 void ReadLicenceFile(const Value& value, const std::string& folder, std::string* licence) {
@@ -140,10 +158,13 @@ void ReadLicenceFile(const Value& value, const std::string& folder, std::string*
   const std::filesystem::path path = value.node().text;
   if (folder.empty() && path.is_relative()) {
     value.Refuse("a scenario that ships has no files beside it");
-  } else if (!ReadFile(folder / path, licence)) {
-    value.Refuse("cannot read the file \"" + (folder / path).string() + "\"");
+    return;
+  }
+  const std::string file = (folder / path).string();
+  if (const auto reason = ReadFile(file, licence)) {
+    value.Refuse("cannot read the file \"" + file + "\": " + *reason);
   } else if (licence->find('\0') != std::string::npos) {
-    value.Refuse("the file \"" + (folder / path).string() + "\" is not a text");
+    value.Refuse("the file \"" + file + "\" is not a text");
   }
 }
 
@@ -472,8 +493,8 @@ ScenarioSource FindScenario(const std::string& name) {
   }
   ScenarioSource source;
   source.name = name;
-  if (!ReadFile(name, &source.document)) {
-    throw ScenarioError(Quotable(name) + ": cannot read the file");
+  if (const auto reason = ReadFile(name, &source.document)) {
+    throw ScenarioError(Quotable(name) + ": cannot read the file: " + *reason);
   }
   source.folder = std::filesystem::absolute(name).parent_path().string();
   return source;

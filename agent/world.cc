@@ -16,6 +16,7 @@
 
 #include "control.h"
 #include "parcel.h"
+#include "report.h"
 
 namespace sim {
 namespace {
@@ -64,9 +65,14 @@ void SetList(GKeyFile* file, const char* group, const char* key,
 std::string MakeWorldFolder() {
   std::string folder = Tmpdir() + "/svcmgr-sim-XXXXXX";
   if (mkdtemp(folder.data()) == nullptr) {
-    throw std::system_error(errno, std::generic_category(), folder);
+    throw NoWorldFolder(errno);
   }
   return folder;
+}
+
+std::system_error NoWorldFolder(int reason) {
+  return std::system_error(reason, std::generic_category(),
+                           "cannot make a folder for the world in \"" + Quotable(Tmpdir()) + "\"");
 }
 
 bool RemoveTree(const std::string& folder) {

@@ -3,6 +3,7 @@
 #define AGENT_WORLD_H
 
 #include <string>
+#include <system_error>
 
 #include "child.h"
 #include "scenario.h"
@@ -57,6 +58,9 @@ class World {
 
 /** Makes an empty folder, mode 0700, below TMPDIR or /tmp. Throws std::system_error. */
 std::string MakeWorldFolder();
+
+/** What MakeWorldFolder throws: it names where the folder was to be. */
+std::system_error NoWorldFolder(int reason);
 
 /** Removes a folder with all that is in it, even while others write there. False if it remains. */
 bool RemoveTree(const std::string& folder);

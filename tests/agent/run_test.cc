@@ -372,7 +372,10 @@ TEST_F(ARun, FailsWhereItCannotMakeAWorld) {
   const Finished run = RunScript("echo ran");
   EXPECT_EQ(run.status, 125);
   EXPECT_EQ(run.output, "");
-  EXPECT_THAT(run.errors, StartsWith("svcmgr-sim: cannot make a folder for the world: "));
+  const std::string said =
+      "svcmgr-sim: cannot make a folder for the world in \"/proc\": No such file or directory\n";
+  EXPECT_EQ(run.errors, said);
+  EXPECT_EQ(RunSim({"run", "demo", "--keep", "--", "true"}).errors, said);
 }
 
 TEST_F(ARun, TakesTmpWhereTmpdirIsNoFolder) {

@@ -3,11 +3,14 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "temp_folder.h"
@@ -325,7 +328,10 @@ const Refusal kRefusals[] = {
     {"LicenceFileOfNoFolder", "{\"agent\": {\"licenceFile\": \"x\"}}",
      "file.json:1:27: /agent/licenceFile: a scenario that ships has no files beside it"},
     {"LicenceFileMissing", "{\"agent\": {\"licenceFile\": \"/nonexistent/x\"}}",
-     "file.json:1:27: /agent/licenceFile: cannot read the file \"/nonexistent/x\""},
+     "file.json:1:27: /agent/licenceFile: cannot read the file \"/nonexistent/x\": "
+     "No such file or directory"},
+    {"LicenceFileIsAFolder", "{\"agent\": {\"licenceFile\": \"/\"}}",
+     "file.json:1:27: /agent/licenceFile: cannot read the file \"/\": it is a folder"},
     {"RootOfNoFolder", "{\"client\": {\"root\": \"x\"}}",
      "file.json:1:12: /client: \"root\" must be an absolute path in a scenario that ships"},
 };
@@ -427,13 +433,28 @@ TEST(FindScenario, NamesThoseThatShipWhenThereIsNoneOfTheName) {
   }
 }
 
-TEST(FindScenario, RefusesFilesThatAreNotThere) {
-  for (const std::string name : {"./demo", "demo.json", "/", "/nonexistent/x.json"}) {
+TEST(FindScenario, SaysWhyAFileCannotBeRead) {
+  const TempFolder folder;
+  const std::string pipe = folder.path() + "/pipe.json";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  const std::string own_folder = folder.path() + "/folder.json";
+  std::filesystem::create_directory(own_folder);
+  const std::pair<std::string, const char*> rows[] = {
+      {"./demo", "No such file or directory"},
+      {"demo.json", "No such file or directory"},
+      {"/", "it is a folder"},
+      {own_folder, "it is a folder"},
+      {pipe, "it is no regular file"},
+      {"/dev/null", "it is no regular file"},
+      {"/dev/null/x.json", "Not a directory"},
+      {"/nonexistent/x.json", "No such file or directory"},
+  };
+  for (const auto& [name, reason] : rows) {
     try {
       sim::FindScenario(name);
       FAIL() << "found " << name;
     } catch (const sim::ScenarioError& error) {
-      EXPECT_EQ(error.what(), name + ": cannot read the file");
+      EXPECT_EQ(error.what(), name + ": cannot read the file: " + reason);
     }
   }
 }
