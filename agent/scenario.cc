@@ -16,6 +16,7 @@
 
 #include "object_reader.h"
 #include "report.h"
+#include "tools/svcmgrctl/text.h"
 #include "unique_fd.h"
 
 #ifndef AGENT_PACKAGE_ID
@@ -427,12 +428,16 @@ void ThrowProblems(std::vector<Problem> problems, const std::string& name) {
   throw ScenarioError(text);
 }
 
-std::string ShippedNames() {
-  std::string names;
+std::string Similar(const std::string& name) {
+  std::vector<std::string> names;
   for (const ShippedScenario& shipped : ShippedScenarios()) {
-    names += (names.empty() ? "" : ", ") + std::string(shipped.name);
+    names.emplace_back(shipped.name);
   }
-  return names;
+  std::string text;
+  for (const std::string& similar : svcmgrctl::SimilarTo(name, names)) {
+    text += (text.empty() ? "did you mean \"" : ", \"") + similar + "\"";
+  }
+  return text.empty() ? text : text + "? ";
 }
 
 bool NamesFile(const std::string& name) {
@@ -488,8 +493,9 @@ ScenarioSource FindScenario(const std::string& name) {
         return {name, shipped.document, ""};
       }
     }
-    throw ScenarioError(Quotable(name) + ": no scenario of this name ships; there are: " +
-                        ShippedNames() + " (a file's name has a slash or ends in .json)");
+    throw ScenarioError(Quotable(name) + ": no scenario of this name ships; " + Similar(name) +
+                        "\"svcmgr-sim list\" names those that ship; a file's name has a slash or "
+                        "ends in .json");
   }
   ScenarioSource source;
   source.name = name;

@@ -423,13 +423,23 @@ TEST(FindScenario, FindsFilesAndTheirFolder) {
   EXPECT_EQ(source.document, "{}");
 }
 
-TEST(FindScenario, NamesThoseThatShipWhenThereIsNoneOfTheName) {
-  try {
-    sim::FindScenario("dmeo");
-    FAIL() << "found";
-  } catch (const sim::ScenarioError& error) {
-    EXPECT_THAT(error.what(), StartsWith("dmeo: no scenario of this name ships; there are: "));
-    EXPECT_THAT(error.what(), HasSubstr("demo, drops, "));
+TEST(FindScenario, NamesSimilarOnesWhereThereIsNoneOfTheName) {
+  const std::string where =
+      "\"svcmgr-sim list\" names those that ship; a file's name has a slash or ends in .json";
+  const std::pair<const char*, std::string> rows[] = {
+      {"demmo", "did you mean \"demo\"? " + where},
+      {"model-fails", "did you mean \"models-fail\"? " + where},
+      {"models-fall", "did you mean \"models-fail\", \"models-stall\"? " + where},
+      {"nothing-like-any-of-them", where},
+      {"", where},
+  };
+  for (const auto& [name, said] : rows) {
+    try {
+      sim::FindScenario(name);
+      FAIL() << "found";
+    } catch (const sim::ScenarioError& error) {
+      EXPECT_EQ(error.what(), name + (": no scenario of this name ships; " + said));
+    }
   }
 }
 
