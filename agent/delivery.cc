@@ -8,10 +8,10 @@
 #include <algorithm>
 #include <utility>
 
+#include "messages.h"
+
 namespace sim {
 namespace {
-
-constexpr std::uint32_t kMostBytes = 16u << 20;  // what a message may hold
 
 /** The bytes of a message as they stand on a stream, whatever length they are said to have. */
 std::string RawMessage(std::uint32_t length, std::string_view content) {

@@ -20,6 +20,8 @@
 
 namespace sim {
 
+constexpr std::uint32_t kMostBytes = 16u << 20;  // what a message may hold
+
 constexpr std::int32_t kCommandReply = 0;
 constexpr std::int32_t kCommandAnswer = 1;
 

@@ -104,6 +104,11 @@ std::optional<Value> ObjectReader::Take(const char* key) {
   return value_.Inside(member->value, key);
 }
 
+Value ObjectReader::At(const char* key) const {
+  const JsonNode::Member* member = Find(key);
+  return member == nullptr ? value_ : value_.Inside(member->value, key);
+}
+
 bool ObjectReader::Flag(const char* key, bool* out) {
   const auto value = Take(key);
   if (!value || !value->Is(JsonNode::Kind::kFlag)) {

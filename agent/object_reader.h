@@ -83,6 +83,9 @@ class ObjectReader {
 
   const Value& value() const { return value_; }
 
+  /** The value under a key, to refuse it as a whole; the object where there is none. */
+  Value At(const char* key) const;
+
  private:
   const JsonNode::Member* Find(const char* key) const;
   int ChoiceIndex(const char* key, const std::vector<const char*>& words);

@@ -14,6 +14,7 @@
 #include <limits>
 #include <set>
 
+#include "messages.h"
 #include "object_reader.h"
 #include "report.h"
 #include "tools/svcmgrctl/text.h"
@@ -46,6 +47,9 @@ constexpr std::int32_t kMostParts = 1000;
 constexpr std::int32_t kMostGenerated = 100000;
 constexpr std::int32_t kMostRepeats = 10000;
 constexpr std::size_t kLongestName = 200;
+constexpr std::size_t kLongestModelName = 2048;  // of which a client keeps no more
+// A number comes before the text, and around it stand its length and its end.
+constexpr std::size_t kLongestLicence = kMostBytes - 2 * sizeof(std::int32_t) - 1;
 
 constexpr char kDefaultLicence[] =
     "Velmora Service Agent\n"
@@ -89,6 +93,15 @@ const TextRule kMetadataKey = CharactersOf(LETTERS_AND_DIGITS "-", "letters, dig
 
 std::optional<std::string> NotEmpty(const std::string& text) {
   return text.empty() ? std::optional<std::string>("must not be empty") : std::nullopt;
+}
+
+/** A model's ID or version. */
+std::optional<std::string> ModelName(const std::string& text) {
+  if (text.size() > kLongestModelName) {
+    return "must not be longer than " + std::to_string(kLongestModelName) +
+           " bytes: no client can name it";
+  }
+  return NotEmpty(text);
 }
 
 void ReadPatterns(ObjectReader& object, const char* key,
@@ -169,6 +182,13 @@ void ReadLicenceFile(const Value& value, const std::string& folder, std::string*
   }
 }
 
+void RefuseUnlessSendable(const Value& value, const std::string& licence) {
+  if (licence.size() > kLongestLicence) {
+    value.Refuse("must not be longer than " + std::to_string(kLongestLicence) +
+                 " bytes: a message holds 16 MiB");
+  }
+}
+
 void ReadAgent(ObjectReader& object, const std::string& folder, Agent* agent) {
   ReadPackageKeys(object, &agent->package);
   object.Integer("apiLevel", &agent->api_level);
@@ -178,8 +198,10 @@ void ReadAgent(ObjectReader& object, const std::string& folder, Agent* agent) {
     file->Refuse("the licence is given twice: \"licence\" stands here, too");
   } else if (licence) {
     ReadLicence(*licence, &agent->licence);
+    RefuseUnlessSendable(*licence, agent->licence);
   } else if (file) {
     ReadLicenceFile(*file, folder, &agent->licence);
+    RefuseUnlessSendable(*file, agent->licence);
   }
   object.Flag("installed", &agent->installed);
   object.Flag("running", &agent->running);
@@ -231,12 +253,63 @@ void ReadPackages(ObjectReader& root, Scenario* scenario) {
   });
 }
 
+std::size_t EncodedSize(const std::string& text) { return sizeof(std::int32_t) + text.size() + 1; }
+
+/** The encoded size of an answer with an empty list. */
+std::size_t EmptyAnswerSize() {
+  static const std::size_t size =
+      AnswerWith(Delegate(), 0, std::vector<ModelView>()).Bytes().size();
+  return size;
+}
+
+std::optional<std::string> TooLarge(const std::string& what, std::size_t size) {
+  if (size <= kMostBytes) {
+    return std::nullopt;
+  }
+  return what + " takes " + std::to_string(size) + " bytes: a message holds " +
+         std::to_string(kMostBytes);
+}
+
+/** What the model takes in an answer, with the longest version that may be the usable one. */
+std::size_t EntrySize(const Model& model, bool described) {
+  std::size_t version = 0;
+  for (const auto* versions : {&model.versions, &model.available}) {
+    for (const std::string& each : *versions) {
+      version = std::max(version, EncodedSize(each));
+    }
+  }
+  return EncodedSize(model.id) + version + EncodedSize(model.title) +
+         EncodedSize(described ? model.description : "");
+}
+
+std::optional<std::string> TooLargeAsList(const std::vector<Model>& models) {
+  std::size_t plain = EmptyAnswerSize();
+  std::size_t described = EmptyAnswerSize();
+  for (const Model& model : models) {
+    plain += EntrySize(model, false);
+    described += EntrySize(model, true);
+  }
+  const auto reason = TooLarge("the list of all models", plain);
+  return reason ? reason : TooLarge("the list of all models with their descriptions", described);
+}
+
+std::optional<std::string> TooLargeAsVersions(const Model& model) {
+  std::size_t size = EmptyAnswerSize();
+  for (const auto* versions : {&model.versions, &model.available}) {
+    for (const std::string& version : *versions) {
+      size += EncodedSize(model.id) + EncodedSize(version) + EncodedSize(model.title) +
+              EncodedSize(model.description);
+    }
+  }
+  return TooLarge("the list of the model's versions", size);
+}
+
 void ReadModel(ObjectReader& object, Model* model) {
-  object.Text("id", &model->id, NotEmpty);
+  object.Text("id", &model->id, ModelName);
   object.Text("title", &model->title);
   object.Text("description", &model->description);
-  const bool installed = object.Texts("versions", &model->versions, NotEmpty);
-  object.Texts("available", &model->available, NotEmpty);
+  const bool installed = object.Texts("versions", &model->versions, ModelName);
+  object.Texts("available", &model->available, ModelName);
   if (installed && model->versions.empty() && model->available.empty()) {
     object.value().Refuse("\"versions\" must name at least one version");
   }
@@ -250,6 +323,9 @@ void ReadModel(ObjectReader& object, Model* model) {
   ReadPatterns(object, "apps", &model->apps);
   object.Require("id");
   object.Require("versions");
+  if (const auto reason = TooLargeAsVersions(*model)) {
+    object.value().Refuse(*reason);
+  }
 }
 
 Model GeneratedModel(int number) {
@@ -275,6 +351,9 @@ void ReadModels(ObjectReader& root, Scenario* scenario) {
   root.Integer("generate", &generated, 0, kMostGenerated);
   for (int number = 1; number <= generated; ++number) {
     scenario->models.push_back(GeneratedModel(number));
+  }
+  if (const auto reason = TooLargeAsList(scenario->models)) {
+    root.At("models").Refuse(*reason);
   }
 }
 

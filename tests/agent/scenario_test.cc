@@ -407,6 +407,66 @@ TEST(TheGuideToScenarios, NamesEveryKeyAndWord) {
   }
 }
 
+/** What is said about a list of models, each with so many letters as its text. */
+std::string ComplaintAboutModels(int models, const std::string& key, std::size_t letters,
+                                 const std::string& versions = "\"1\"") {
+  std::string document = "{\"models\": [";
+  for (int i = 0; i < models; ++i) {
+    document += (i > 0 ? "," : "") + ("{\"id\": \"" + std::to_string(i)) + "\", \"versions\": [" +
+                versions + "], \"" + key + "\": \"" + std::string(letters, 'x') + "\"}";
+  }
+  return Complaint(document + "]}");
+}
+
+TEST(AnAnswerThatNoMessageHolds, IsRefusedAsALicence) {
+  // 16 MiB less the number, and the length and the end of the text.
+  constexpr std::size_t kLongest = (std::size_t{16} << 20) - 9;
+  const auto licence = [](std::size_t size) {
+    return Complaint("{\"agent\": {\"licence\": \"" + std::string(size, 'x') + "\"}}");
+  };
+  EXPECT_EQ(licence(kLongest), "");
+  EXPECT_EQ(licence(kLongest + 1),
+            "file.json:1:23: /agent/licence: must not be longer than 16777207 bytes: a message "
+            "holds 16 MiB");
+  const TempFolder folder;
+  folder.Write("right", std::string(kLongest, 'x'));
+  folder.Write("wrong", std::string(kLongest + 1, 'x'));
+  EXPECT_EQ(Complaint(R"({"agent": {"licenceFile": "right"}})", folder.path()), "");
+  EXPECT_EQ(Complaint(R"({"agent": {"licenceFile": "wrong"}})", folder.path()),
+            "file.json:1:27: /agent/licenceFile: must not be longer than 16777207 bytes: a message "
+            "holds 16 MiB");
+}
+
+TEST(AnAnswerThatNoMessageHolds, IsRefusedAsAListOfModels) {
+  EXPECT_EQ(ComplaintAboutModels(1000, "description", 9 * 1024), "");
+  EXPECT_EQ(ComplaintAboutModels(2000, "description", 9 * 1024),
+            "file.json:1:12: /models: the list of all models with their descriptions takes "
+            "18480915 bytes: a message holds 16777216");
+  EXPECT_THAT(ComplaintAboutModels(2000, "title", 9 * 1024),
+              StartsWith("file.json:1:12: /models: the list of all models takes "));
+}
+
+TEST(AnAnswerThatNoMessageHolds, IsRefusedAsAListOfVersions) {
+  const std::string few = R"("1","2")";
+  EXPECT_EQ(ComplaintAboutModels(1, "title", 7 << 20, few), "");
+  EXPECT_THAT(ComplaintAboutModels(1, "title", 7 << 20, few + R"(,"3")"),
+              StartsWith("file.json:1:13: /models/0: the list of the model's versions takes "));
+}
+
+TEST(AModel, HasNamesThatAClientCanHold) {
+  const std::string longest(2048, 'x');
+  const auto model = [](const std::string& id, const std::string& version,
+                        const std::string& available) {
+    return Complaint(R"({"models": [{"id": ")" + id + R"(", "versions": [")" + version +
+                     R"("], "available": [")" + available + "\"]}]}");
+  };
+  EXPECT_EQ(model(longest, longest, longest.substr(1)), "");
+  const std::string reason = "must not be longer than 2048 bytes: no client can name it";
+  EXPECT_EQ(model(longest + "x", "1", "2"), "file.json:1:20: /models/0/id: " + reason);
+  EXPECT_EQ(model("m", longest + "x", "2"), "file.json:1:38: /models/0/versions/0: " + reason);
+  EXPECT_THAT(model("m", "1", longest + "x"), testing::EndsWith("/available/0: " + reason));
+}
+
 TEST(FindScenario, FindsThoseThatShipByName) {
   const sim::ScenarioSource source = sim::FindScenario("demo");
   EXPECT_EQ(source.name, "demo");
