@@ -15,6 +15,8 @@
 #include <deque>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -558,6 +560,68 @@ TEST_F(ACall, ForHelpNamesTheWords) {
   }
   EXPECT_THAT(call.output, testing::Not(ContainsRegex("agent  +Be")));
   EXPECT_EQ(call.errors, "");
+}
+
+/** The page as it reads, but for its fonts and paragraphs. */
+std::string ManPage() {
+  std::ifstream file(SVCMGR_SIM_MAN_PAGE);
+  std::string page((std::istreambuf_iterator<char>(file)), {});
+  for (std::size_t at = 0; (at = page.find("\\-", at)) != std::string::npos; ++at) {
+    page.erase(at, 1);
+  }
+  return page;
+}
+
+std::set<std::string> AllMatches(const std::string& text, const std::string& pattern) {
+  const std::regex regex(pattern);
+  std::set<std::string> found;
+  for (std::sregex_iterator it(text.begin(), text.end(), regex), end; it != end; ++it) {
+    found.insert((*it)[1]);
+  }
+  return found;
+}
+
+/** Whether a line in bold has the word. */
+bool Explains(const std::string& page, const std::string& word) {
+  const auto lines = Lines(page);
+  return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
+    const auto words = AllMatches(line, "[ \"](-*[a-z][a-z-]*)");
+    return line.rfind(".B", 0) == 0 && words.count(word) > 0;
+  });
+}
+
+TEST_F(ACall, ForHelpNamesNothingThatTheManPageDoesNotHave) {
+  const std::string page = ManPage();
+  const std::string help = RunSim({"--help"}).output;
+  const auto commands = AllMatches(help.substr(help.find("Subcommands:")), "\n  ([a-z]+)  ");
+  ASSERT_EQ(commands, (std::set<std::string>{"check", "list", "run", "send"}));
+  std::set<std::string> options = AllMatches(help, "(--[a-z][a-z-]*)");
+  for (const std::string& command : commands) {
+    EXPECT_THAT(page, HasSubstr("\n.SS " + command + "\n"));
+    options.merge(AllMatches(RunSim({command, "--help"}).output, "(--[a-z][a-z-]*)"));
+  }
+  EXPECT_EQ(options.size(), 8u);
+  for (const std::string& option : options) {
+    EXPECT_TRUE(Explains(page, option)) << option;
+  }
+  const std::string steps = RunSim({"send", "--help"}).output;
+  const auto words = AllMatches(steps.substr(steps.find("or one of:")), "\n  ([a-z-]+) ");
+  EXPECT_EQ(words.size(), 15u);
+  for (const std::string& word : words) {
+    EXPECT_TRUE(Explains(page, word)) << word;
+  }
+}
+
+TEST_F(ACall, InAWorldHasTheVariablesOfTheManPage) {
+  const std::string before = RunSim({"run", "demo", "--", "env"}, [] { clearenv(); }).output;
+  const auto variables = AllMatches("\n" + before, "\n([A-Z_]+)=");
+  const std::string page = ManPage();
+  EXPECT_GE(variables.size(), 7u);
+  for (const std::string& variable : variables) {
+    if (variable != "PWD" && variable != "SHLVL" && variable != "_") {
+      EXPECT_THAT(page, HasSubstr(variable));
+    }
+  }
 }
 
 TEST_F(ACall, ForTheVersionPrintsIt) {

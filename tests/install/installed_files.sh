@@ -164,6 +164,11 @@ strip "$work/marked-app/build/level"
 has_marker "$work/marked-app/build/level"
 expect_level "$work/marked-app/build/level" "level 11"
 
+step "the manual pages"
+for page in svcmgrctl svcmgr-sim; do
+  [ -f "$prefix/share/man/man1/$page.1" ] || die "$page.1 is not installed"
+done
+
 step "the installed command line"
 "$prefix/bin/svcmgr-sim" run demo -- "$prefix/bin/svcmgrctl" models list | grep -q . ||
   die "svcmgrctl listed nothing"
