@@ -1,33 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <rpc-port.h>
 
+#include "add_callback.h"
 #include "codes.h"
 #include "handles.h"
 #include "handshake.h"
 #include "proxy.h"
 
-using rpc_port_desktop::CallbackList;
+using rpc_port_desktop::AddCallback;
 using rpc_port_desktop::Guarded;
 using rpc_port_desktop::Handles;
 using rpc_port_desktop::IsId;
 using rpc_port_desktop::kInvalidParameter;
 using rpc_port_desktop::kOk;
 using rpc_port_desktop::Proxy;
-
-namespace {
-
-template <typename Function>
-int Add(rpc_port_proxy_h h, CallbackList<Function> Proxy::*list, Function callback, void* data) {
-  if (callback == nullptr) return kInvalidParameter;
-  return Guarded([&]() -> int {
-    const auto proxy = Handles<Proxy>::Get().Find(h);
-    if (!proxy) return kInvalidParameter;
-    (proxy.get()->*list).Add(callback, data);
-    return kOk;
-  });
-}
-
-}  // namespace
 
 int rpc_port_proxy_create(rpc_port_proxy_h* h) {
   if (h == nullptr) return kInvalidParameter;
@@ -54,22 +40,22 @@ int rpc_port_proxy_connect(rpc_port_proxy_h h, const char* appid, const char* po
 
 int rpc_port_proxy_add_connected_event_cb(rpc_port_proxy_h h, rpc_port_proxy_connected_event_cb cb,
                                           void* data) {
-  return Add(h, &Proxy::connected_callbacks, cb, data);
+  return AddCallback(h, &Proxy::connected_callbacks, cb, data);
 }
 
 int rpc_port_proxy_add_disconnected_event_cb(rpc_port_proxy_h h,
                                              rpc_port_proxy_disconnected_event_cb cb, void* data) {
-  return Add(h, &Proxy::disconnected_callbacks, cb, data);
+  return AddCallback(h, &Proxy::disconnected_callbacks, cb, data);
 }
 
 int rpc_port_proxy_add_rejected_event_cb(rpc_port_proxy_h h, rpc_port_proxy_rejected_event_cb cb,
                                          void* data) {
-  return Add(h, &Proxy::rejected_callbacks, cb, data);
+  return AddCallback(h, &Proxy::rejected_callbacks, cb, data);
 }
 
 int rpc_port_proxy_add_received_event_cb(rpc_port_proxy_h h, rpc_port_proxy_received_event_cb cb,
                                          void* data) {
-  return Add(h, &Proxy::received_callbacks, cb, data);
+  return AddCallback(h, &Proxy::received_callbacks, cb, data);
 }
 
 int rpc_port_proxy_get_port(rpc_port_proxy_h h, rpc_port_port_type_e type, rpc_port_h* port) {

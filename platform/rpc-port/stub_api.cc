@@ -1,33 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <rpc-port-desktop.h>
 
+#include "add_callback.h"
 #include "codes.h"
 #include "handles.h"
 #include "handshake.h"
 #include "stub.h"
 
-using rpc_port_desktop::CallbackList;
+using rpc_port_desktop::AddCallback;
 using rpc_port_desktop::Guarded;
 using rpc_port_desktop::Handles;
 using rpc_port_desktop::IsId;
 using rpc_port_desktop::kInvalidParameter;
 using rpc_port_desktop::kOk;
 using rpc_port_desktop::Stub;
-
-namespace {
-
-template <typename Function>
-int Add(rpc_port_stub_h h, CallbackList<Function> Stub::*list, Function callback, void* data) {
-  if (callback == nullptr) return kInvalidParameter;
-  return Guarded([&]() -> int {
-    const auto stub = Handles<Stub>::Get().Find(h);
-    if (!stub) return kInvalidParameter;
-    (stub.get()->*list).Add(callback, data);
-    return kOk;
-  });
-}
-
-}  // namespace
 
 int rpc_port_stub_create(rpc_port_stub_h* h, const char* port_name) {
   if (h == nullptr || port_name == nullptr || !IsId(port_name)) return kInvalidParameter;
@@ -53,17 +39,17 @@ int rpc_port_stub_listen(rpc_port_stub_h h) {
 
 int rpc_port_stub_add_connected_event_cb(rpc_port_stub_h h, rpc_port_stub_connected_event_cb cb,
                                          void* data) {
-  return Add(h, &Stub::connected_callbacks, cb, data);
+  return AddCallback(h, &Stub::connected_callbacks, cb, data);
 }
 
 int rpc_port_stub_add_disconnected_event_cb(rpc_port_stub_h h,
                                             rpc_port_stub_disconnected_event_cb cb, void* data) {
-  return Add(h, &Stub::disconnected_callbacks, cb, data);
+  return AddCallback(h, &Stub::disconnected_callbacks, cb, data);
 }
 
 int rpc_port_stub_add_received_event_cb(rpc_port_stub_h h, rpc_port_stub_received_event_cb cb,
                                         void* data) {
-  return Add(h, &Stub::received_callbacks, cb, data);
+  return AddCallback(h, &Stub::received_callbacks, cb, data);
 }
 
 int rpc_port_stub_get_port(rpc_port_stub_h h, rpc_port_port_type_e type, const char* instance,
