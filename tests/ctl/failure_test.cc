@@ -81,8 +81,8 @@ TEST(TheTableOfExitCodes, NamesEveryCodeOnItsOwnLine) {
             "    7  the agent did not answer in time\n"
             "    8  no storage left on the device\n"
             "    9  the KYR feature is disabled\n"
-            "  130  interrupted\n"
-            "  143  terminated\n");
+            "  130  interrupted (SIGINT)\n"
+            "  143  terminated (SIGTERM)\n");
 }
 
 }  // namespace

@@ -26,8 +26,8 @@ constexpr ExitCodeRow kExitCodes[] = {
     {kExitTimeout, "the agent did not answer in time"},
     {kExitNoSpace, "no storage left on the device"},
     {kExitKyrDisabled, "the KYR feature is disabled"},
-    {kExitInterrupted, "interrupted"},
-    {kExitTerminated, "terminated"},
+    {kExitInterrupted, "interrupted (SIGINT)"},
+    {kExitTerminated, "terminated (SIGTERM)"},
 };
 
 struct ErrorRow {
