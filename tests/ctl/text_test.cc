@@ -47,6 +47,25 @@ TEST(ATextForTheTerminal, ShowsWhatIsUnsafeByItsNumber) {
   for (const Row& row : rows) EXPECT_EQ(ForTerminal(row.text), row.shown);
 }
 
+TEST(ATextForTheTerminal, HidesNoCharacter) {
+  const Row rows[] = {
+      {"a\xc2\xad", "a\\u00AD"},                         // soft hyphen
+      {"a\xcd\x8f", "a\\u034F"},                         // combining grapheme joiner
+      {"a\xe1\x85\x9f", "a\\u115F"},                     // Hangul filler
+      {"a\xe1\xa0\x8e", "a\\u180E"},                     // Mongolian vowel separator
+      {"a\xe2\x80\x8b", "a\\u200B"},                     // space without width
+      {"a\xe2\x80\x8c\xe2\x80\x8d", "a\\u200C\\u200D"},  // joiners
+      {"a\xe2\x81\xa0", "a\\u2060"},                     // word joiner
+      {"a\xe2\x81\xaf", "a\\u206F"},                     // nominal digit shapes
+      {"a\xe3\x85\xa4", "a\\u3164"},                     // Hangul filler
+      {"a\xef\xb8\x8f", "a\\uFE0F"},                     // variation selector
+      {"a\xef\xbe\xa0", "a\\uFFA0"},                     // half-width Hangul filler
+      {"a\xf3\xa0\x81\x81", "a\\uE0041"},                // tag
+      {"a\xf3\xa0\x84\x80", "a\\uE0100"},                // variation selector
+  };
+  for (const Row& row : rows) EXPECT_EQ(ForTerminal(row.text), row.shown);
+}
+
 TEST(ATextForTheTerminal, KeepsLineFeedsAndTabsAloneWhereTheyAreLayout) {
   EXPECT_EQ(ForTerminal("a\n\tb\r\x1b", Layout::kKeep), "a\n\tb\\r\\x1B");
 }

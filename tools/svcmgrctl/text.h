@@ -13,9 +13,13 @@ namespace svcmgrctl {
 enum class Layout { kEscape, kKeep };
 
 /**
- * A text from outside, made safe for a terminal: what could steer the terminal, or make a text look
- * like another one, is shown by its number. Bytes that are not UTF-8 become \xNN, control
- * characters \xNN or \uNNNN, characters that reorder the line \uNNNN. All else is passed on.
+ * A text from outside, made safe for a terminal: what could steer the terminal, reorder a line or
+ * hide in it is shown by its number. Bytes that are not UTF-8 become \xNN, control characters \xNN
+ * or \uNNNN, characters that reorder the line or have no picture \uNNNN or \uNNNNN. All else is
+ * passed on, spaces and letters that resemble others too.
+ *
+ * Joiners and variation selectors are no exception, though some scripts and emoji are written with
+ * them: two IDs that differ must not look alike.
  */
 std::string ForTerminal(std::string_view text, Layout layout = Layout::kEscape);
 
