@@ -80,6 +80,39 @@ TEST(AHostileText, OnTheCommandLineIsSafeInItsMessage) {
   }
 }
 
+TEST(ALongArgument, IsShortenedInItsMessageWhichKeepsItsEnd) {
+  const std::string endless(120000, 'a');
+  for (const std::vector<std::string>& command :
+       {std::vector<std::string>{"models", "versions", endless},
+        {endless},
+        {"--color", endless, "status"},
+        {"client-level", endless},
+        {"status", "--timeout", endless}}) {
+    const Ending ending = RunScripted("{}", command);
+    EXPECT_LT(ending.errors.size(), 1000u);
+    EXPECT_THAT(ending.errors, HasSubstr("aaa\u2026"));
+    EXPECT_EQ(ending.errors.back(), '\n');
+    if (ending.status == 2) {
+      EXPECT_THAT(ending.errors, HasSubstr(" --help'\n"));
+    }
+    std::vector<std::string> as_json = {"--json"};
+    as_json.insert(as_json.end(), command.begin(), command.end());
+    const Ending json = RunScripted("{}", as_json);
+    EXPECT_LT(json.errors.size(), 1000u);
+    EXPECT_THAT(nlohmann::json::parse(json.errors)["error"]["message"].get<std::string>(),
+                HasSubstr("aaa\u2026"));
+  }
+}
+
+TEST(ALongArgument, IsShortenedInARemarkToo) {
+  const std::string endless(100000, 'a');
+  const Ending ending = RunScripted(R"({"described": {"models": [{"id": ")" + endless + R"("}]}})",
+                                    {"models", "versions", endless});
+  EXPECT_EQ(ending.status, 0);
+  EXPECT_LT(ending.errors.size(), 1000u);
+  EXPECT_THAT(ending.errors, HasSubstr("aaa\u2026"));
+}
+
 TEST(ALongList, IsPrintedWhole) {
   nlohmann::json models = nlohmann::json::array();
   // More than a pipe holds, less than an environment variable may.

@@ -96,6 +96,27 @@ TEST(TheFirstCells, OfATextEndBeforeTheCharacterThatDoesNotFit) {
   EXPECT_EQ(FirstCells("e\xcc\x81x", 1), "e\xcc\x81");
 }
 
+TEST(AMessage, ThatIsShortIsLeftAlone) {
+  for (const std::string& text : {std::string(), std::string("a\x9b"), std::string(500, 'a')})
+    EXPECT_EQ(Shortened(text), text);
+}
+
+TEST(AMessage, ThatIsLongKeepsItsBeginningAndItsEnd) {
+  EXPECT_EQ(Shortened(std::string(400, 'a') + std::string(100000, 'b') + std::string(100, 'c')),
+            std::string(400, 'a') + "\u2026" + std::string(100, 'c'));
+}
+
+TEST(AMessage, IsNotCutWithinACharacter) {
+  for (const char* character : {"\xc3\xa9", "\xe4\xb8\xad", "\xf0\x9f\x98\x80"})
+    for (const char* before : {"", "a", "aa", "aaa"}) {
+      std::string text = before;
+      for (int i = 0; i < 1000; ++i) text += character;
+      const std::string shortened = Shortened(text);
+      EXPECT_LT(shortened.size(), 510u);
+      EXPECT_TRUE(ForTerminal(shortened) == shortened) << shortened;
+    }
+}
+
 TEST(ASuggestion, IsWhatDiffersLittleBestFirst) {
   EXPECT_THAT(SimilarTo("vison", {"speech", "vision", "visor", "vision-2"}),
               ElementsAre("vision", "visor"));

@@ -81,7 +81,7 @@ std::string Dump(const Json& json, int indent) {
 Json ToJson(const Failure& failure) {
   return {{"code", failure.code ? Json(*failure.code) : Json()},
           {"name", failure.name},
-          {"message", failure.message},
+          {"message", Shortened(failure.message)},
           {"exit", static_cast<int>(failure.exit)}};
 }
 
@@ -145,7 +145,7 @@ void Console::WriteLeftovers() {
 }
 
 void Console::Note(std::string_view message) const {
-  if (!json_) WriteAll(STDERR_FILENO, "svcmgrctl: " + ForTerminal(message) + "\n");
+  if (!json_) WriteAll(STDERR_FILENO, "svcmgrctl: " + ForTerminal(Shortened(message)) + "\n");
 }
 
 void Console::Error(const Failure& failure) const {
@@ -154,7 +154,7 @@ void Console::Error(const Failure& failure) const {
     return;
   }
   std::string line = "svcmgrctl: " + Painted("error:", Tone::kBad, err_color_) + " " +
-                     ForTerminal(failure.message);
+                     ForTerminal(Shortened(failure.message));
   if (failure.code) line += " (" + failure.name + ")";
   WriteAll(STDERR_FILENO, line + "\n");
 }

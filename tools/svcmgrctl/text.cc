@@ -127,6 +127,21 @@ std::string FirstCells(std::string_view text, std::size_t cells) {
   return std::string(begin, p);
 }
 
+std::string Shortened(std::string_view message) {
+  constexpr std::size_t kBegin = 400;
+  constexpr std::size_t kEnd = 100;
+  if (message.size() <= kBegin + kEnd) return std::string(message);
+  // No character has more than three bytes that go on with it.
+  const auto goes_on = [&](std::size_t at) {
+    return (static_cast<unsigned char>(message[at]) & 0xC0) == 0x80;
+  };
+  std::size_t begin = kBegin;
+  while (begin > kBegin - 3 && goes_on(begin)) --begin;
+  std::size_t end = message.size() - kEnd;
+  while (end < message.size() - kEnd + 3 && goes_on(end)) ++end;
+  return std::string(message.substr(0, begin)) + "\u2026" + std::string(message.substr(end));
+}
+
 std::vector<std::string> SimilarTo(std::string_view word,
                                    const std::vector<std::string>& candidates) {
   constexpr std::size_t kAtMost = 3;

@@ -29,6 +29,10 @@ std::size_t CellWidth(std::string_view text);
 /** As much of a text, which ForTerminal has made safe, as fits into so many cells. */
 std::string FirstCells(std::string_view text, std::size_t cells);
 
+/** A message for people, not longer than they read: of a long one the beginning and the end, which
+ *  tells what to do. It may still be unsafe for a terminal. */
+std::string Shortened(std::string_view message);
+
 /** Those of `candidates` that differ little enough from `word` to be what was meant, best first, at
  *  most three. */
 std::vector<std::string> SimilarTo(std::string_view word,
