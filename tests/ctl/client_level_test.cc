@@ -110,6 +110,17 @@ TEST_F(ClientLevel, IsFailedWithThoseFilesThatSayWhy) {
   EXPECT_THAT(ending.output, HasSubstr("level 0 does not count"));
 }
 
+TEST_F(ClientLevel, IsFailedInJsonWithThoseFilesThatSayWhy) {
+  folder_.Write("none", FileWith(0));
+  const Ending ending =
+      RunScripted(Script(R"("result": -1073741822)"), {"client-level", "--json", folder_.path()});
+  EXPECT_EQ(ending.status, 4);
+  const json level = json::parse(ending.output);
+  EXPECT_EQ(level["client_api_level"], nullptr);
+  EXPECT_EQ(level["files"][0]["file"], "none");
+  EXPECT_EQ(json::parse(ending.errors)["error"]["exit"], 4);
+}
+
 TEST_F(ClientLevel, WithoutAnAgentIsNotToBeHad) {
   const std::string script =
       R"({"client": {"result": -1073741822}, "disconnect": {"result": -1073741822}})";

@@ -130,7 +130,7 @@ void ShowLevel(Session& session, Console& console, const std::string& given) {
     const std::string table = TableOf(*found, console.color());
     text += (known && !table.empty() ? "\n" : "") + table;
   }
-  if (known || console.verbose()) console.Data(ToJson(*found, folder), text);
+  if (known || console.verbose() || console.json()) console.Data(ToJson(*found, folder), text);
   if (!known) throw FailureFrom(*found, folder);
   if (found->deciding == nullptr)
     console.Note("no file explains the level; the library reads damaged ones in a way of its own");
