@@ -7,6 +7,7 @@
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <utility>
 
 #include "process.h"
 
@@ -37,6 +38,23 @@ const Row kWrong[] = {
      "there is no option '--frobnicate'; see 'svcmgrctl status --help'"},
     {{"--color", "purple", "status"},
      "--color: 'purple' is none of auto, always, never; see 'svcmgrctl status --help'"},
+    {{"--color", "purple"},
+     "--color: 'purple' is none of auto, always, never; see 'svcmgrctl --help'"},
+    {{"--timeout", "status"},
+     "--timeout: 'status' is no number of seconds from 0 to 3456000; see 'svcmgrctl --help'"},
+    {{"--timeout", "models", "list"},
+     "--timeout: 'models' is no number of seconds from 0 to 3456000; see 'svcmgrctl --help'"},
+    {{"--timeout", "1", "status", "--timeout=2"},
+     "--timeout is given more than once; see 'svcmgrctl status --help'"},
+    {{"models", "list", "--category=a", "--category=b"},
+     "--category is given more than once; see 'svcmgrctl models list --help'"},
+    {{"--json=x", "status"}, "--json takes no value; see 'svcmgrctl --help'"},
+    {{"status", "--verbose=x"}, "--verbose takes no value; see 'svcmgrctl status --help'"},
+    {{"models", "list", "--descriptions=x"},
+     "--descriptions takes no value; see 'svcmgrctl models list --help'"},
+    {{"--version=x"}, "--version takes no value; see 'svcmgrctl --help'"},
+    {{"--help=x"}, "--help takes no value; see 'svcmgrctl --help'"},
+    {{"-"}, "there is no command '-'; see 'svcmgrctl --help'"},
 };
 
 TEST(AWrongCommandLine, EndsWithTwoAndSaysWhatIsWrong) {
@@ -62,6 +80,30 @@ TEST(AWrongCommandLine, IsReportedAsJsonWhereverTheOptionStands) {
   }
 }
 
+// Whatever followed would be the value, or no option any more.
+const Row kWrongAtTheEnd[] = {
+    {{"--timeout"}, "--timeout needs SECONDS; see 'svcmgrctl --help'"},
+    {{"status", "--timeout="}, "--timeout needs SECONDS; see 'svcmgrctl status --help'"},
+    {{"--color"}, "--color needs WHEN; see 'svcmgrctl --help'"},
+    {{"updating", "--listen"}, "--listen needs SECONDS; see 'svcmgrctl updating --help'"},
+    {{"models", "list", "--category"}, "--category needs NAME; see 'svcmgrctl models list --help'"},
+    {{"--"}, "a command is missing; see 'svcmgrctl --help'"},
+    {{"--", "status"}, "the command must stand before '--'; see 'svcmgrctl --help'"},
+    {{"models", "--", "list"}, "the command must stand before '--'; see 'svcmgrctl models --help'"},
+    {{"status", "--", "--more"}, "there is no use for '--more'; see 'svcmgrctl status --help'"},
+    {{"status", "--more", "--", "--less"},
+     "there is no option '--more'; see 'svcmgrctl status --help'"},
+};
+
+TEST(AWrongCommandLine, WhoseEndIsWrongEndsWithTwoAndSaysWhatIsWrong) {
+  for (const Row& row : kWrongAtTheEnd) {
+    const Ending ending = RunScripted("{}", row.arguments);
+    EXPECT_EQ(ending.status, 2) << row.message;
+    EXPECT_EQ(ending.output, "") << row.message;
+    EXPECT_EQ(ending.errors, std::string("svcmgrctl: error: ") + row.message + "\n");
+  }
+}
+
 TEST(ATimeLimit, IsANumberOfSecondsThatTheTimerCanHold) {
   for (const char* wrong : {"nan", "inf", "-1", "1e9", "soon", "", "1s", "3456001"}) {
     const Ending ending = RunScripted("{}", {"status", std::string("--timeout=") + wrong});
@@ -79,6 +121,51 @@ TEST(AnOptionForEveryCommand, MayStandBeforeAndAfterTheCommand) {
   EXPECT_EQ(RunScripted("{}", {"models", "list", "--json"}).output, expected);
 }
 
+Ending RunLogging(const char* level, std::vector<std::string> arguments) {
+  Start start;
+  start.arguments = std::move(arguments);
+  if (level != nullptr) start.environment = {{"VELMORA_LOG_LEVEL", level}};
+  return RunWith(start, R"({"connect": {"log": true, "result": -1}})");
+}
+
+TEST(TheLog, IsAtTheLevelOfTheEnvironmentUnlessAnOptionChoosesIt) {
+  constexpr char kError[] =
+      "svcmgrctl: error: the agent is not running (SVCMGR_ERROR_CONNECTION_FAILED)\n";
+  const struct {
+    const char* level;
+    std::vector<std::string> arguments;
+    std::string record;
+  } rows[] = {
+      {nullptr, {"status"}, ""},
+      {"silent", {"status"}, ""},
+      {"error", {"status"}, "a record at error\n"},
+      {nullptr, {"status", "-v"}, "a record at info\n"},
+      {"silent", {"--verbose", "status"}, "a record at info\n"},
+  };
+  for (const auto& row : rows)
+    EXPECT_EQ(RunLogging(row.level, row.arguments).errors, row.record + kError) << row.level;
+}
+
+TEST(TheLog, IsNeverBetweenJsonDocuments) {
+  for (const char* level : {"error", "verbose", static_cast<const char*>(nullptr)}) {
+    const Ending ending = RunLogging(level, {"--json", "api-level"});
+    EXPECT_EQ(ending.status, 6);
+    EXPECT_EQ(nlohmann::json::parse(ending.errors)["error"]["exit"], 6);
+  }
+}
+
+TEST(TheLog, CannotBeAskedForTogetherWithJson) {
+  for (const std::vector<std::string>& arguments :
+       {std::vector<std::string>{"--json", "-v", "status"}, {"status", "--verbose", "--json"}}) {
+    const Ending ending = RunLogging(nullptr, arguments);
+    EXPECT_EQ(ending.status, 2);
+    EXPECT_EQ(ending.output, "");
+    EXPECT_EQ(nlohmann::json::parse(ending.errors)["error"]["message"],
+              "--verbose and --json exclude each other: the log is not JSON; see "
+              "'svcmgrctl status --help'");
+  }
+}
+
 TEST(AModelId, MayLookLikeAnOption) {
   const std::string script =
       R"({"described": {"models": [{"id": "--json"}]}, "versions": {"echo": true}})";
@@ -91,22 +178,51 @@ TEST(Help, IsDataAndHoldsTheTableOfExitCodes) {
   const Ending ending = RunScripted("{}", {"--help"});
   EXPECT_EQ(ending.status, 0);
   EXPECT_EQ(ending.errors, "");
-  for (const char* part : {"Usage: svcmgrctl", "status", "api-level", "license", "models", "--json",
-                           "--timeout", "--color", "Examples:", "Exit status:", "\n    0  done\n",
-                           "\n    7  the agent did not answer in time\n", "\n  130  interrupted\n"})
+  for (const char* part :
+       {"Usage: svcmgrctl", "status", "api-level", "license", "models", "--json", "--timeout",
+        "--color", "Examples:", "Exit status:", "\n    0  done\n",
+        "\n    7  the agent did not answer in time\n", "\n  130  interrupted (SIGINT)\n"})
     EXPECT_THAT(ending.output, HasSubstr(part));
 }
 
-TEST(TheManPage, HasTheSameExitCodesAsHelp) {
-  std::ifstream file(SVCMGRCTL_MAN_PAGE);
-  const std::string page((std::istreambuf_iterator<char>(file)), {});
+std::string ContentOf(const char* path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/** The lines of a text, from the line `from` to the first that is `to`. */
+std::vector<std::string> LinesBetween(const std::string& text, const std::string& from,
+                                      const std::string& to) {
+  std::istringstream lines(text);
+  std::string line;
+  while (std::getline(lines, line) && line != from) {
+  }
+  std::vector<std::string> found;
+  while (std::getline(lines, line) && line != to) found.push_back(line);
+  return found;
+}
+
+/** The lines that help has for the exit codes, written in another form. */
+std::vector<std::string> ExitCodes(const std::string& before, const std::string& between,
+                                   const std::string& after) {
   const std::string help = RunScripted("{}", {"--help"}).output;
   std::istringstream codes(help.substr(help.find("Exit status:\n") + 13));
+  std::vector<std::string> lines;
   int code = 0;
-  int count = 0;
-  for (std::string meaning; codes >> code && std::getline(codes >> std::ws, meaning); ++count)
-    EXPECT_THAT(page, HasSubstr("\n" + std::to_string(code) + "\t" + meaning));
-  EXPECT_EQ(count, 12);
+  for (std::string meaning; codes >> code && std::getline(codes >> std::ws, meaning);)
+    lines.push_back(before + std::to_string(code) + between + meaning + after);
+  return lines;
+}
+
+TEST(TheManPage, HasTheExitCodesOfHelpAndNoOthers) {
+  EXPECT_EQ(ExitCodes("", "\t", "").size(), 12u);
+  EXPECT_EQ(LinesBetween(ContentOf(SVCMGRCTL_MAN_PAGE), "r l.", ".TE"), ExitCodes("", "\t", ""));
+}
+
+TEST(TheReadme, HasTheExitCodesOfHelpAndNoOthers) {
+  std::vector<std::string> expected = ExitCodes("| ", " | ", " |");
+  expected.insert(expected.begin(), "|---|---|");
+  EXPECT_EQ(LinesBetween(ContentOf(SVCMGRCTL_README), "| code | meaning |", ""), expected);
 }
 
 TEST(Help, OfACommandNamesTheWholeCommand) {

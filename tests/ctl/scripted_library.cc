@@ -330,6 +330,10 @@ int SetText(velmora_svcmgr_ai_model_info_h info, const char* text) {
 int velmora_svcmgr_connect(velmora_svcmgr_connection_cb callback, void* user_data) {
   CheckMainThread();
   const json step = Step("connect");
+  // The real one writes records, unless it is told not to.
+  if (const char* level = std::getenv("VELMORA_LOG_LEVEL");
+      step.value("log", false) && (level == nullptr || std::string(level) != "silent"))
+    std::fprintf(stderr, "a record at %s\n", level == nullptr ? "warn" : level);
   library.on_connection = callback;
   library.on_connection_data = user_data;
   ++library.connection;

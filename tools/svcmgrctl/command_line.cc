@@ -3,6 +3,7 @@
 
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <string_view>
@@ -67,8 +68,9 @@ void AddOptions(CLI::App& app, Options* options) {
          "--color", [options](const std::string& word) { options->color = ColorFrom(word); },
          "auto, always or never; auto is for terminals, unless NO_COLOR is set")
       ->type_name("WHEN");
-  app.add_flag("-v,--verbose", options->verbose,
-               "Show the log of the client library, and more data where there is more");
+  app.add_flag(
+      "-v,--verbose", options->verbose,
+      "Show the log of the client library, and more data where there is more; not with --json");
   app.set_version_flag("--version", VersionText(), "Print the version and exit");
 }
 
@@ -103,21 +105,71 @@ Understood WhatWasUnderstood(const CLI::App& root) {
   return understood;
 }
 
-std::string WhatIsWrong(const CLI::App& root, const CLI::App& understood, std::string otherwise) {
-  const std::vector<std::string> unknown = root.remaining(true);
-  const bool wants_command = !understood.get_subcommands({}).empty();
-  if (unknown.empty()) return wants_command ? "a command is missing" : otherwise;
-  if (unknown.front()[0] == '-') return "there is no option '" + unknown.front() + "'";
-  return (wants_command ? "there is no command '" : "there is no use for '") + unknown.front() +
-         "'";
+// The option of a command, or of one above it, that an error of the parser is about.
+const CLI::Option* OptionOf(const CLI::App* command, const CLI::ParseError& error) {
+  const std::string message = error.what();
+  const std::string name = message.substr(0, message.find_first_of(": "));
+  for (; command != nullptr; command = command->get_parent())
+    for (const CLI::Option* option : command->get_options())
+      if (option->get_name() == name || option->check_lname(name)) return option;
+  return nullptr;
 }
 
-[[noreturn]] void ThrowUsage(const CLI::App& root, std::string otherwise) {
+std::string Mismatch(const CLI::Option& option) {
+  if (option.get_items_expected_max() == 0) return option.get_name() + " takes no value";
+  if (option.count() > 1) return option.get_name() + " is given more than once";
+  return option.get_name() + " needs " + option.get_type_name();
+}
+
+// What is wrong with arguments that no command has a use for; empty if there are none.
+std::string WhatIsLeftOver(const CLI::App& root, const std::vector<std::string>& arguments,
+                           bool wants_command) {
+  constexpr std::string_view kMark = "--";
+  std::vector<std::string> unknown = root.remaining(true);
+  unknown.erase(std::remove(unknown.begin(), unknown.end(), kMark), unknown.end());
+  const auto mark = std::find(arguments.begin(), arguments.end(), kMark);
+  const auto is_behind_mark = [&](const std::string& argument) {
+    // Of what stands together in one argument, as -xyz does, only a part may be unknown.
+    return std::find(arguments.begin(), mark, argument) == mark &&
+           std::find(mark, arguments.end(), argument) != arguments.end();
+  };
+  if (!unknown.empty() && !is_behind_mark(unknown.front())) {
+    const std::string& first = unknown.front();
+    if (first.size() > 1 && first[0] == '-') return "there is no option '" + first + "'";
+    return (wants_command ? "there is no command '" : "there is no use for '") + first + "'";
+  }
+  // The parser does not tell of a command there.
+  if (wants_command)
+    return std::distance(mark, arguments.end()) > 1 ? "the command must stand before '--'" : "";
+  return unknown.empty() ? "" : "there is no use for '" + unknown.front() + "'";
+}
+
+std::string WhatIsWrong(const CLI::App& root, const CLI::App& understood,
+                        const std::vector<std::string>& arguments, const CLI::ParseError& error) {
+  if (dynamic_cast<const CLI::ValidationError*>(&error) != nullptr) return error.what();
+  if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr)
+    if (const CLI::Option* option = OptionOf(&understood, error)) return Mismatch(*option);
+  const bool wants_command = !understood.get_subcommands({}).empty();
+  const std::string left_over = WhatIsLeftOver(root, arguments, wants_command);
+  if (!left_over.empty()) return left_over;
+  return wants_command ? "a command is missing" : error.what();
+}
+
+[[noreturn]] void ThrowUsage(const CLI::App& root, const std::vector<std::string>& arguments,
+                             const CLI::ParseError& error) {
   const Understood understood = WhatWasUnderstood(root);
   throw Failure{std::nullopt, "USAGE",
-                WhatIsWrong(root, *understood.app, std::move(otherwise)) + "; see '" +
+                WhatIsWrong(root, *understood.app, arguments, error) + "; see '" +
                     understood.words + " --help'",
                 kExitUsage};
+}
+
+// A flag is given or it is not: "--json=no" is a mistake.
+void RefuseValuesOfFlags(CLI::App* command) {
+  for (CLI::Option* option : command->get_options())
+    if (option->get_items_expected_max() == 0) option->disable_flag_override();
+  for (CLI::App* inner : command->get_subcommands([](CLI::App*) { return true; }))
+    RefuseValuesOfFlags(inner);
 }
 
 }  // namespace
@@ -146,6 +198,8 @@ void ReadCommandLine(int argc, const char* const* argv, Invocation* invocation) 
   std::string exit_codes = ExitCodeTable();
   exit_codes.pop_back();  // help ends the line itself
   app.footer(kExamples + ("\nExit status:\n" + exit_codes));
+  RefuseValuesOfFlags(&app);
+  const std::vector<std::string> arguments(argv + std::min(argc, 1), argv + argc);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
@@ -153,9 +207,14 @@ void ReadCommandLine(int argc, const char* const* argv, Invocation* invocation) 
   } catch (const CLI::CallForVersion&) {
     invocation->text = VersionText();
   } catch (const CLI::ParseError& error) {
-    ThrowUsage(app, error.what());
+    ThrowUsage(app, arguments, error);
   }
-  if (invocation->text.empty() && !invocation->command) ThrowUsage(app, "a command is missing");
+  if (!invocation->text.empty()) return;
+  if (!invocation->command) ThrowUsage(app, arguments, CLI::RequiredError("COMMAND"));
+  if (invocation->options.json && invocation->options.verbose)
+    ThrowUsage(
+        app, arguments,
+        CLI::ValidationError("--verbose and --json exclude each other: the log is not JSON"));
 }
 
 }  // namespace svcmgrctl

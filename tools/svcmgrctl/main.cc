@@ -31,8 +31,13 @@ std::optional<Failure> FailureFrom(Work work) {
   }
 }
 
-// The library's records are for developers: a person gets the message of the program.
-void ChooseLogLevel(bool verbose) { setenv("VELMORA_LOG_LEVEL", verbose ? "info" : "silent", 0); }
+// The library's records are for developers: a person gets the message of the program. A record among
+// JSON documents makes standard error unreadable for a program, so there even a level that somebody
+// else set does not count.
+void ChooseLogLevel(const Options& options) {
+  constexpr char kLevel[] = "VELMORA_LOG_LEVEL";
+  setenv(kLevel, options.verbose ? "info" : "silent", options.verbose || options.json ? 1 : 0);
+}
 
 Outcome Carry(const Command& command, const Options& options, Console* console) {
   Outcome outcome;
@@ -52,7 +57,7 @@ int Run(int argc, const char* const* argv) {
   }
   Outcome outcome;
   if (invocation.command) {
-    ChooseLogLevel(invocation.options.verbose);
+    ChooseLogLevel(invocation.options);
     outcome = Carry(invocation.command, invocation.options, &console);
   } else {
     console.Text(invocation.text);
