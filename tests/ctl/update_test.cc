@@ -201,6 +201,15 @@ TEST(AnUpdate, ThatIsInterruptedSaysThatItGoesOn) {
   EXPECT_EQ(ending.errors, "svcmgrctl: error: interrupted; the agent goes on with the update\n");
 }
 
+TEST(AnUpdate, ThatIsInterruptedWithoutAConnectionIsNotSaidToGoOn) {
+  Start start;
+  start.arguments = {"update", "--timeout", "0"};
+  start.interrupt_when_shown = "SVCMGR_CONNECTION_STATE_DISCONNECTED";
+  const Ending ending = RunWith(start, Update(R"({"update": 0}, {"connection": [0, 1]})"));
+  EXPECT_EQ(ending.status, 130);
+  EXPECT_EQ(ending.errors, "svcmgrctl: error: interrupted; how the update ends is not known\n");
+}
+
 TEST(AnUpdate, ThatWasNotTakenYetIsNotSaidToGoOn) {
   Start start;
   start.arguments = {"update", "--timeout", "0"};

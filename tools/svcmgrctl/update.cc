@@ -168,7 +168,7 @@ class Update {
       *failure = {std::nullopt, "CONNECTION_LOST",
                   "the connection to the agent was lost in the update, and " + failure->message,
                   kExitNoConnection};
-    } else if (failure->exit == kExitTimeout) {
+    } else if (failure->exit == kExitTimeout || lost_) {
       failure->message += "; how the update ends is not known";
     } else if (failure->exit >= kExitInterrupted) {
       failure->message += "; the agent goes on with the update";
