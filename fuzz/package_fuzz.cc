@@ -15,9 +15,9 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     return 0;
   }
   REQUIRE(package.id == "com.example.package");
-  std::vector<package_info_s> all;
-  all.push_back(std::move(package));
-  const packages::SnapshotRef snapshot(new packages::Snapshot(std::move(all), {}));
+  packages::Snapshot::Content content;
+  content.packages.push_back(std::move(package));
+  const packages::SnapshotRef snapshot(new packages::Snapshot(std::move(content)));
   const package_info_s* found = snapshot->FindPackage("com.example.package");
   REQUIRE(found != nullptr);
   for (const app_info_s& application : found->applications) {
