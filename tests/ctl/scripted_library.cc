@@ -178,6 +178,17 @@ void TellThatItWaits() {
   if (fd != nullptr && write(std::atoi(fd), "w", 1) != 1) Forbidden("nobody listens");
 }
 
+// The same from inside the program's main loop, when all else that it has to do is done.
+void TellOnceItWaits() {
+  g_idle_add_full(
+      G_PRIORITY_LOW,
+      [](gpointer) -> gboolean {
+        TellThatItWaits();
+        return G_SOURCE_REMOVE;
+      },
+      nullptr, nullptr);
+}
+
 void DropIfAsked(const json& step) {
   if (step.value("drop", false))
     RunLater([] { Report(SVCMGR_ERROR_NONE, SVCMGR_CONNECTION_STATE_DISCONNECTED); });
@@ -250,7 +261,7 @@ void TakeStep(const json& step) {
     Report(step["connection"][0].get<int>(), step["connection"][1].get<int>());
   if (step.contains("progress")) ReportProgress(step);
   if (step.contains("updating")) library.updating = step["updating"].get<bool>();
-  if (step.contains("waiting")) TellThatItWaits();
+  if (step.contains("waiting")) TellOnceItWaits();
 }
 
 void TakeSteps(const json& steps, std::size_t next) {

@@ -194,8 +194,8 @@ TEST(AnUpdate, WithoutAConnectionAndWithoutAnEndHasNoConnection) {
 TEST(AnUpdate, ThatIsInterruptedSaysThatItGoesOn) {
   Start start;
   start.arguments = {"update", "--timeout", "0"};
-  start.signal_when_waiting = SIGINT;
-  const Ending ending = RunWith(start, Update(R"({"update": 0}, {"waiting": true})"));
+  start.interrupt_when_shown = "SVCMGR_UPDATE_STATUS_STARTED";
+  const Ending ending = RunWith(start, Update(R"({"update": 0})"));
   EXPECT_EQ(ending.status, 130);
   EXPECT_THAT(ending.output, HasSubstr("SVCMGR_UPDATE_STATUS_STARTED"));
   EXPECT_EQ(ending.errors, "svcmgrctl: error: interrupted; the agent goes on with the update\n");
