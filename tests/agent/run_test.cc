@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "sim_process.h"
+#include "support/lines.h"
 #include "temp_folder.h"
 
 namespace {
@@ -50,15 +51,6 @@ class ARun : public testing::Test {
 
   const TempFolder worlds_;
 };
-
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) {
-    lines.push_back(line);
-  }
-  return lines;
-}
 
 /** Makes this process the parent of what its descendants leave behind. */
 void AdoptOrphans() { ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0); }

@@ -5,13 +5,13 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "scenario.h"
 #include "send.h"
 #include "sim_process.h"
+#include "support/lines.h"
 #include "temp_folder.h"
 
 namespace {
@@ -20,15 +20,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 
 constexpr char kStart[] = "update_status Start=" AGENT_PACKAGE_ID;
-
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) {
-    lines.push_back(line);
-  }
-  return lines;
-}
 
 /** A world in which somebody listens to the agent's events. */
 class AnUpdate : public testing::Test {

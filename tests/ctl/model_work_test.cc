@@ -5,8 +5,8 @@
 
 #include <csignal>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
+#include "json_lines.h"
 #include "process.h"
 #include "screen.h"
 
@@ -21,19 +21,6 @@ using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::Not;
 using testing::StartsWith;
-
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) lines.push_back(line);
-  return lines;
-}
-
-std::vector<json> JsonLines(const std::string& text) {
-  std::vector<json> lines;
-  for (const std::string& line : Lines(text)) lines.push_back(json::parse(line));
-  return lines;
-}
 
 std::string Work(const std::string& steps, const std::string& more = "") {
   return R"({"work": {"then": [)" + steps + "]}" + more + "}";

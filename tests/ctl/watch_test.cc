@@ -5,22 +5,15 @@
 
 #include <csignal>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "process.h"
+#include "support/lines.h"
 
 namespace {
 
 using nlohmann::json;
 using testing::HasSubstr;
 using testing::MatchesRegex;
-
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) lines.push_back(line);
-  return lines;
-}
 
 // Steps that end with the program waiting, which is then interrupted.
 Ending WatchUntilItWaits(const std::string& script, std::vector<std::string> arguments) {

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // A client that connects, asks everything from several threads at once, and disconnects, again and
 // again: cycle_client CYCLES. Prints what it saw, and how many descriptors it has before and after.
-#include <dirent.h>
 #include <glib.h>
 #include <velmora_svcmgr.h>
 
@@ -10,6 +9,8 @@
 #include <cstdlib>
 #include <thread>
 #include <vector>
+
+#include "support/open_descriptors.h"
 
 namespace {
 
@@ -22,14 +23,6 @@ struct Client {
   int models = 0;
   std::atomic<int> failures{0};
 };
-
-int OpenDescriptors() {
-  int count = 0;
-  DIR* folder = opendir("/proc/self/fd");
-  while (readdir(folder) != nullptr) ++count;
-  closedir(folder);
-  return count - 3;  // ".", ".." and the folder's own
-}
 
 void OnConnection(int, int state, void* user_data) {
   auto* client = static_cast<Client*>(user_data);

@@ -10,7 +10,6 @@
 //     until=LINE    goes on when this line has been printed; each line counts once
 //     away, back    goes on when the connection is lost, when it stands, told or untold
 //     run=COMMAND   has a shell run this in the world's folder, while the main loop goes on
-#include <dirent.h>
 #include <glib.h>
 #include <malloc.h>
 #include <spawn.h>
@@ -27,6 +26,8 @@
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "support/open_descriptors.h"
 
 namespace {
 
@@ -49,14 +50,6 @@ void Tell(const std::string& what, int result) { Tell(what + ": " + std::to_stri
 
 void Expect(int result, const char* call) {
   if (result != SVCMGR_ERROR_NONE) GiveUp(call);
-}
-
-int OpenDescriptors() {
-  int count = 0;
-  DIR* folder = opendir("/proc/self/fd");
-  while (readdir(folder) != nullptr) ++count;
-  closedir(folder);
-  return count - 3;  // ".", ".." and the folder's own
 }
 
 // The condition is looked at before each turn of the main loop, which a timer keeps turning.

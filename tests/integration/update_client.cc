@@ -3,7 +3,6 @@
 // UPDATES [COMMAND]. With a command it is that which has the agent update itself, and the client
 // looks at nothing before it has ended. Prints what the client saw, and what it has more of after
 // the last update than after the first.
-#include <dirent.h>
 #include <glib.h>
 #include <malloc.h>
 #include <velmora_svcmgr.h>
@@ -11,6 +10,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+
+#include "support/open_descriptors.h"
 
 namespace {
 
@@ -20,14 +21,6 @@ struct Client {
   int completed = 0;
   int other_statuses = 0;
 };
-
-int OpenDescriptors() {
-  int count = 0;
-  DIR* folder = opendir("/proc/self/fd");
-  while (readdir(folder) != nullptr) ++count;
-  closedir(folder);
-  return count - 3;  // ".", ".." and the folder's own
-}
 
 void OnConnection(int, int state, void* user_data) {
   auto* client = static_cast<Client*>(user_data);

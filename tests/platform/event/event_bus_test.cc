@@ -29,7 +29,7 @@ int Publish(const char* name) {
 
 // Adding and publishing fail, nothing is handed out, nothing is left open.
 void ExpectNoBus() {
-  const size_t before = OpenDescriptors();
+  const int before = OpenDescriptors();
   int mark = 0;
   auto* handler = reinterpret_cast<event_handler_h>(&mark);
   EXPECT_EQ(event_add_event_handler(kStatus, Count, nullptr, &handler), -5);
@@ -83,7 +83,7 @@ class ADyingBus : public testing::Test {
 TEST_F(ADyingBus, LeavesItsSubscribersQuietAndNothingOpen) {
   // The main context opens a descriptor of its own at its first use.
   const int polled = PolledDescriptors();
-  const size_t before = OpenDescriptors();
+  const int before = OpenDescriptors();
   event_handler_h handler = nullptr;
   ASSERT_NO_FATAL_FAILURE(SubscribeTo(kStatus, &handler));
   bus_.Kill();

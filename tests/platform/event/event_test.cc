@@ -240,7 +240,7 @@ TEST_F(ASubscriber, MayRemoveItselfInsideItsHandlerWhenItIsTheLast) {
   Publisher publisher;
   // The main context opens a descriptor of its own at its first use.
   PolledDescriptors();
-  const size_t before = OpenDescriptors();
+  const int before = OpenDescriptors();
   Self self = {};
   self.handler = Subscribe(kStatus, RemoveSelf, &self);
   ASSERT_EQ(publisher.Publish(kStatus, "key", "one"), 0);
@@ -299,7 +299,7 @@ TEST_F(ASubscriber, MayRunAMainLoopInsideItsHandler) {
 
 TEST_F(ASubscriber, LeavesNothingBehind) {
   event_remove_event_handler(Subscribe(kStatus));
-  const size_t descriptors = OpenDescriptors();
+  const int descriptors = OpenDescriptors();
   const int polled = PolledDescriptors();
   for (int i = 0; i < 20; ++i) {
     const event_handler_h one = Subscribe(kStatus);
@@ -312,7 +312,7 @@ TEST_F(ASubscriber, LeavesNothingBehind) {
 }
 
 TEST_F(ASubscriber, HandsNoDescriptorToOtherPrograms) {
-  const size_t before = OpenDescriptors();
+  const int before = OpenDescriptors();
   Subscribe(kStatus);
   EXPECT_GT(OpenDescriptors(), before);
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {

@@ -186,14 +186,6 @@ void RunUntil(const std::function<bool()>& condition) {
   ASSERT_FALSE(late) << "waited in vain";
 }
 
-size_t OpenDescriptors() {
-  size_t count = 0;
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    ++count;
-  }
-  return count;
-}
-
 namespace {
 
 std::vector<GPollFD> PollSet() {

@@ -10,6 +10,8 @@
 #include <functional>
 #include <string>
 
+#include "support/open_descriptors.h"
+
 // A bus daemon of the test's own, which the process under test takes for the session's.
 class PrivateBus {
  public:
@@ -70,8 +72,6 @@ class Publisher {
 
 // Runs the default main context until the condition holds; fails the test after a generous time.
 void RunUntil(const std::function<bool()>& condition);
-
-size_t OpenDescriptors();
 
 // Number of descriptors that the default main context polls, and of those that it would read.
 int PolledDescriptors();

@@ -78,7 +78,7 @@ TEST_F(PackageInstall, FailsWhereAFolderHasTheFilesName) {
 
 TEST_F(PackageInstall, LeavesNoDescriptorOpen) {
   ASSERT_EQ(Install("a", KeyFile("1")), 0);
-  const size_t before = OpenDescriptors();
+  const int before = OpenDescriptors();
   for (int i = 0; i < 20; ++i) {
     EXPECT_EQ(Install("a", KeyFile("1")), 0);
     EXPECT_EQ(Install("a", "nonsense"), -22);

@@ -307,7 +307,7 @@ TEST_P(ALookUp, LeavesNoDescriptorBehindAndHandsNoneToOtherPrograms) {
   ASSERT_EQ(Install("a", "1"), 0);
   // The last descriptor is opened by a process that asks often.
   for (int i = 0; i < 200; ++i) ASSERT_EQ(VersionOf("a"), "1");
-  const size_t before = OpenDescriptors();
+  const int before = OpenDescriptors();
   for (int i = 0; i < 50; ++i) {
     WriteByHand("a", KeyFile(std::to_string(i)));
     Ask("a");

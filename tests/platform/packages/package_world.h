@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "support/open_descriptors.h"
+
 inline constexpr int kNoSuchPackage = static_cast<int>(0xFEEB0071);
 
 // A package folder of the test's own, which the process under test is pointed to.
@@ -74,14 +76,6 @@ inline std::vector<std::string> AllIds() {
   };
   EXPECT_EQ(package_manager_foreach_package_info(collect, &ids), 0);
   return ids;
-}
-
-inline size_t OpenDescriptors() {
-  size_t count = 0;
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    ++count;
-  }
-  return count;
 }
 
 // Exit status of a program that has run to its end.
