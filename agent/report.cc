@@ -3,12 +3,12 @@
 
 #include <cstdio>
 
-#include "tools/svcmgrctl/text.h"
+#include "terminal_text.h"
 
 namespace sim {
 
-using svcmgrctl::ForTerminal;
-using svcmgrctl::Layout;
+using terminal_text::ForTerminal;
+using terminal_text::Layout;
 
 std::string Quotable(std::string_view text) { return ForTerminal(text); }
 

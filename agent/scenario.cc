@@ -17,7 +17,7 @@
 #include "messages.h"
 #include "object_reader.h"
 #include "report.h"
-#include "tools/svcmgrctl/text.h"
+#include "terminal_text.h"
 #include "unique_fd.h"
 
 #ifndef AGENT_PACKAGE_ID
@@ -513,7 +513,7 @@ std::string Similar(const std::string& name) {
     names.emplace_back(shipped.name);
   }
   std::string text;
-  for (const std::string& similar : svcmgrctl::SimilarTo(name, names)) {
+  for (const std::string& similar : terminal_text::SimilarTo(name, names)) {
     text += (text.empty() ? "did you mean \"" : ", \"") + similar + "\"";
   }
   return text.empty() ? text : text + "? ";

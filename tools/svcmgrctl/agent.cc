@@ -3,10 +3,13 @@
 
 #include "commands.h"
 #include "queries.h"
-#include "text.h"
+#include "terminal_text.h"
 
 namespace svcmgrctl {
 namespace {
+
+using terminal_text::ForTerminal;
+using terminal_text::Layout;
 
 void ShowApiLevel(Session& session, Console& console) {
   session.Connect();

@@ -5,10 +5,13 @@
 #include <cmath>
 
 #include "clock.h"
-#include "text.h"
+#include "terminal_text.h"
 
 namespace svcmgrctl {
 namespace {
+
+using terminal_text::CellWidth;
+using terminal_text::FirstCells;
 
 constexpr char kWholeName[] = "total";
 constexpr std::size_t kLongestName = 40;

@@ -14,10 +14,14 @@
 #include <utility>
 
 #include "table.h"
-#include "text.h"
+#include "terminal_text.h"
 
 namespace svcmgrctl {
 namespace {
+
+using terminal_text::FirstCells;
+using terminal_text::ForTerminal;
+using terminal_text::Shortened;
 
 bool IsSet(const char* variable) {
   const char* value = std::getenv(variable);

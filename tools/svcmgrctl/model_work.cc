@@ -14,12 +14,14 @@
 #include "queries.h"
 #include "statuses.h"
 #include "subscriptions.h"
-#include "text.h"
+#include "terminal_text.h"
 #include "velmora_svcmgr.h"
 #include "work_progress.h"
 
 namespace svcmgrctl {
 namespace {
+
+using terminal_text::ForTerminal;
 
 constexpr double kPictureSeconds = 0.1;
 

@@ -7,7 +7,6 @@
 #include "commands.h"
 #include "queries.h"
 #include "table.h"
-#include "text.h"
 
 namespace svcmgrctl {
 namespace {

@@ -5,10 +5,12 @@
 #include <memory>
 
 #include "handles.h"
-#include "text.h"
+#include "terminal_text.h"
 
 namespace svcmgrctl {
 namespace {
+
+using terminal_text::SimilarTo;
 
 struct Field {
   std::optional<std::string> Model::*text;

@@ -5,10 +5,13 @@
 #include <cstddef>
 #include <utility>
 
-#include "text.h"
+#include "terminal_text.h"
 
 namespace svcmgrctl {
 namespace {
+
+using terminal_text::CellWidth;
+using terminal_text::ForTerminal;
 
 const char* EscapeOf(Tone tone) {
   switch (tone) {

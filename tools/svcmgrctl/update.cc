@@ -10,11 +10,13 @@
 #include "handles.h"
 #include "statuses.h"
 #include "subscriptions.h"
-#include "text.h"
+#include "terminal_text.h"
 #include "velmora_svcmgr.h"
 
 namespace svcmgrctl {
 namespace {
+
+using terminal_text::ForTerminal;
 
 constexpr double kPictureSeconds = 0.1;
 

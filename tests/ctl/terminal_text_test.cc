@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "text.h"
+#include "terminal_text.h"
 
 #include <gmock/gmock.h>
 
 #include <string>
 
-namespace svcmgrctl {
+namespace terminal_text {
 namespace {
 
 using testing::ElementsAre;
@@ -134,4 +134,4 @@ TEST(ASuggestion, IsNotMadeForWhatIsFarOffOrEndless) {
 }
 
 }  // namespace
-}  // namespace svcmgrctl
+}  // namespace terminal_text

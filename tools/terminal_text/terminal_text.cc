@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "text.h"
+#include "terminal_text.h"
 
 #include <glib.h>
 
@@ -9,7 +9,7 @@
 #include <numeric>
 #include <utility>
 
-namespace svcmgrctl {
+namespace terminal_text {
 namespace {
 
 struct Range {
@@ -162,4 +162,4 @@ std::vector<std::string> SimilarTo(std::string_view word,
   return similar;
 }
 
-}  // namespace svcmgrctl
+}  // namespace terminal_text

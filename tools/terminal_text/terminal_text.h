@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef TOOLS_SVCMGRCTL_TEXT_H_
-#define TOOLS_SVCMGRCTL_TEXT_H_
+#ifndef TOOLS_TERMINAL_TEXT_TERMINAL_TEXT_H_
+#define TOOLS_TERMINAL_TEXT_TERMINAL_TEXT_H_
 
 #include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
 
-namespace svcmgrctl {
+namespace terminal_text {
 
 /** Whether line feeds and tabs of a text are layout that is wanted. */
 enum class Layout { kEscape, kKeep };
@@ -38,6 +38,6 @@ std::string Shortened(std::string_view message);
 std::vector<std::string> SimilarTo(std::string_view word,
                                    const std::vector<std::string>& candidates);
 
-}  // namespace svcmgrctl
+}  // namespace terminal_text
 
-#endif  // TOOLS_SVCMGRCTL_TEXT_H_
+#endif  // TOOLS_TERMINAL_TEXT_TERMINAL_TEXT_H_
