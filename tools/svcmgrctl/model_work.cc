@@ -17,13 +17,12 @@
 #include "terminal_text.h"
 #include "velmora_svcmgr.h"
 #include "work_progress.h"
+#include "work_report.h"
 
 namespace svcmgrctl {
 namespace {
 
 using terminal_text::ForTerminal;
-
-constexpr double kPictureSeconds = 0.1;
 
 struct Kind {
   decltype(velmora_svcmgr_ai_request_to_update)* request;
@@ -69,7 +68,11 @@ ProgressNumbers ReadProgress(int error, const Progress& progress) {
 class ModelWork {
  public:
   ModelWork(Session& session, Console& console, const Kind& kind, std::vector<Model> models)
-      : session_(session), console_(console), kind_(kind), models_(std::move(models)) {
+      : session_(session),
+        console_(console),
+        report_(console),
+        kind_(kind),
+        models_(std::move(models)) {
     for (const Model& model : models_) names_.push_back(ForTerminal(NameOf(model)));
   }
 
@@ -97,21 +100,12 @@ class ModelWork {
     static_cast<ModelWork*>(self)->news_.emplace_back(ReadProgress(error, progress));
   }
 
-  double Elapsed() const { return Now() - begin_; }
-  Json Entry(const char* event) const {
-    return {{"time", WallTime()}, {"elapsed", Rounded(Elapsed())}, {"event", event}};
-  }
-  void Print(Json json, const Json& more, const std::string& text) {
-    json.update(more);
-    console_.Line(json, text.empty() ? text : Stamped(Elapsed(), text));
-  }
-
   void Request() {
     const ModelList list = MakeModelList(models_);
     session_.Settle();
     news_.clear();
-    begin_ = Now();
-    progress_.emplace(models_.size(), begin_);
+    report_.Begin();
+    progress_.emplace(models_.size(), Now());
     const int code = kind_.request(list.get(), OnProgress, this);
     if (code != SVCMGR_ERROR_NONE) {
       session_.Settle();
@@ -120,10 +114,9 @@ class ModelWork {
     Json ids = Json::array();
     for (const Model& model : models_)
       ids.push_back({{"id", *model.id}, {"version", *model.version}});
-    std::string whom;
-    for (const std::string& name : names_) whom += (whom.empty() ? "" : ", ") + name;
-    Print(Entry("requested"), {{"work", kind_.doing}, {"models", ids}},
-          std::string("the agent was asked for the ") + kind_.doing + " of " + whom);
+    report_.Print(
+        "requested", {{"work", kind_.doing}, {"models", ids}},
+        std::string("the agent was asked for the ") + kind_.doing + " of " + Listed(names_));
   }
 
   void Follow() {
@@ -143,7 +136,7 @@ class ModelWork {
     stall_told_ = false;
     if (const auto* status = std::get_if<Status>(&news)) {
       progress_->TakeStatus(status->number, Now());
-      Print(Entry("model"), {{"status", status->number}, {"name", status->name}}, "");
+      report_.Print("model", {{"status", status->number}, {"name", status->name}}, "");
     } else {
       TakeProgress(std::get<ProgressNumbers>(news));
     }
@@ -163,27 +156,27 @@ class ModelWork {
       told_model_ = model;
       told_tenth_ = percent / 10;
     }
-    Print(Entry("progress"),
-          {{"error", numbers.error},
-           {"state", numbers.state},
-           {"index", numbers.index},
-           {"count", numbers.count},
-           {"percentage", numbers.percentage},
-           {"id", *models_[model].id},
-           {"model_percent", percent},
-           {"total_percent", progress_->Total()},
-           {"rate", rate ? Json(Rounded(*rate)) : Json()},
-           {"remaining", remaining ? Json(Rounded(*remaining)) : Json()}},
-          worth_a_line ? names_[model] + ": " + std::to_string(percent) + " % (total " +
-                             std::to_string(progress_->Total()) + " %)"
-                       : "");
+    report_.Print("progress",
+                  {{"error", numbers.error},
+                   {"state", numbers.state},
+                   {"index", numbers.index},
+                   {"count", numbers.count},
+                   {"percentage", numbers.percentage},
+                   {"id", *models_[model].id},
+                   {"model_percent", percent},
+                   {"total_percent", progress_->Total()},
+                   {"rate", rate ? Json(Rounded(*rate)) : Json()},
+                   {"remaining", remaining ? Json(Rounded(*remaining)) : Json()}},
+                  worth_a_line ? names_[model] + ": " + std::to_string(percent) + " % (total " +
+                                     std::to_string(progress_->Total()) + " %)"
+                               : "");
   }
 
   void TellOfStall() {
     const auto silence = progress_->StallAt(Now());
     if (!silence || std::exchange(stall_told_, true)) return;
-    Print(
-        Entry("stalled"), {{"silence", Rounded(*silence)}},
+    report_.Print(
+        "stalled", {{"silence", Rounded(*silence)}},
         console_.live() ? "" : "stalled: nothing was heard for " + Duration(std::floor(*silence)));
   }
 
@@ -199,11 +192,12 @@ class ModelWork {
   void Finish() {
     LeavePicture();
     const bool succeeded = progress_->EndAt(Now()) == WorkProgress::End::kDone;
-    Print(Entry("end"),
-          {{"succeeded", succeeded},
-           {"error", progress_->error()},
-           {"decided_by", progress_->EndedByEvents() ? "event" : "progress"}},
-          succeeded ? Counted(models_.size()) + kind_.done : std::string(kind_.doing) + " failed");
+    report_.Print(
+        "end",
+        {{"succeeded", succeeded},
+         {"error", progress_->error()},
+         {"decided_by", progress_->EndedByEvents() ? "event" : "progress"}},
+        succeeded ? Counted(models_.size()) + kind_.done : std::string(kind_.doing) + " failed");
     if (!succeeded) throw Reason();
   }
 
@@ -272,12 +266,12 @@ class ModelWork {
 
   Session& session_;
   Console& console_;
+  WorkReport report_;
   const Kind& kind_;
   const std::vector<Model> models_;
   std::vector<std::string> names_;
   std::deque<News> news_;
   std::optional<WorkProgress> progress_;
-  double begin_ = 0;
   bool time_for_picture_ = false;
   bool stall_told_ = false;
   // The last line for people.

@@ -12,13 +12,12 @@
 #include "subscriptions.h"
 #include "terminal_text.h"
 #include "velmora_svcmgr.h"
+#include "work_report.h"
 
 namespace svcmgrctl {
 namespace {
 
 using terminal_text::ForTerminal;
-
-constexpr double kPictureSeconds = 0.1;
 
 std::string Shown(const Status& status) { return status.meaning + " (" + status.name + ")"; }
 
@@ -41,7 +40,7 @@ AgentList MakeAgentList(const std::vector<std::string>& agents) {
 class Update {
  public:
   Update(Session& session, Console& console, std::vector<std::string> agents)
-      : session_(session), console_(console), agents_(std::move(agents)) {}
+      : session_(session), console_(console), report_(console), agents_(std::move(agents)) {}
 
   void Run() {
     session_.Connect();
@@ -70,23 +69,13 @@ class Update {
     int result;
   };
 
-  Json Entry(const char* event) const {
-    return {{"time", WallTime()}, {"elapsed", Rounded(Elapsed())}, {"event", event}};
-  }
-  double Elapsed() const { return Now() - begin_; }
-
-  void Print(Json json, const Json& more, const std::string& text) {
-    json.update(more);
-    console_.Line(json, Stamped(Elapsed(), text));
-  }
-
   void Request() {
     // What the agent says while it is asked belongs to this update; what it said before does not.
     session_.Settle();
     news_.clear();
     auto list = std::make_shared<AgentList>();
     if (!agents_.empty()) *list = MakeAgentList(agents_);
-    begin_ = Now();
+    report_.Begin();
     const int code = session_.Block([list] {
       return *list ? velmora_svcmgr_request_update_with_list(list->get())
                    : velmora_svcmgr_request_update();
@@ -94,11 +83,11 @@ class Update {
     if (code != SVCMGR_ERROR_NONE) ThrowRefusal(code);
     taken_ = true;
     session_.Heard();
-    std::string whom;
-    for (const std::string& agent : agents_)
-      whom += (whom.empty() ? "" : ", ") + ForTerminal(agent);
-    Print(Entry("requested"), {{"agents", agents_}},
-          "the agent was asked to update " + (whom.empty() ? "all agents" : whom));
+    std::vector<std::string> names;
+    for (const std::string& agent : agents_) names.push_back(ForTerminal(agent));
+    report_.Print(
+        "requested", {{"agents", agents_}},
+        "the agent was asked to update " + (names.empty() ? "all agents" : Listed(names)));
   }
 
   [[noreturn]] void ThrowRefusal(int code) {
@@ -120,13 +109,13 @@ class Update {
     }
     console_.Draw({});
     const bool succeeded = final_.number == SVCMGR_UPDATE_STATUS_COMPLETED;
-    Print(Entry("end"),
-          {{"succeeded", succeeded},
-           {"status", final_.number},
-           {"name", final_.name},
-           {"connection_losses", losses_}},
-          losses_ == 0 ? "no loss of the connection was reported"
-                       : "the connection to the agent was lost on the way");
+    report_.Print("end",
+                  {{"succeeded", succeeded},
+                   {"status", final_.number},
+                   {"name", final_.name},
+                   {"connection_losses", losses_}},
+                  losses_ == 0 ? "no loss of the connection was reported"
+                               : "the connection to the agent was lost on the way");
     if (!succeeded) throw Failure{std::nullopt, final_.name, Shown(final_), kExitFailed};
   }
 
@@ -137,7 +126,7 @@ class Update {
       return;
     }
     const Status status = UpdateStatus(news.status);
-    Print(Entry("update"), {{"status", status.number}, {"name", status.name}}, Shown(status));
+    report_.Print("update", {{"status", status.number}, {"name", status.name}}, Shown(status));
     begun_ = true;
     if (status.number == SVCMGR_UPDATE_STATUS_STARTED) return;
     final_ = status;
@@ -147,8 +136,8 @@ class Update {
   void TakeConnection(const Status& state, int result) {
     lost_ = state.number != SVCMGR_CONNECTION_STATE_CONNECTED;
     losses_ += lost_ ? 1 : 0;
-    Print(Entry("connection"), {{"result", result}, {"state", state.number}, {"name", state.name}},
-          Shown(state));
+    report_.Print("connection", {{"result", result}, {"state", state.number}, {"name", state.name}},
+                  Shown(state));
   }
 
   const char* Doing() const {
@@ -160,7 +149,7 @@ class Update {
   void ShowPicture() {
     constexpr char kSpinner[] = {'|', '/', '-', '\\'};
     picture_ = (picture_ + 1) % sizeof kSpinner;
-    console_.Draw({Stamped(Elapsed(), std::string(1, kSpinner[picture_]) + " " + Doing())});
+    console_.Draw({Stamped(report_.Elapsed(), std::string(1, kSpinner[picture_]) + " " + Doing())});
   }
 
   /** The end of waiting is not the end of the update. */
@@ -179,9 +168,9 @@ class Update {
 
   Session& session_;
   Console& console_;
+  WorkReport report_;
   const std::vector<std::string> agents_;
   std::deque<News> news_;
-  double begin_ = 0;
   bool time_for_picture_ = false;
   std::size_t picture_ = 0;
   bool taken_ = false;
