@@ -134,7 +134,12 @@ void LoopSource::Resume(int fd) {
   watched->tag = g_source_add_unix_fd(source_, fd, watched->events);
 }
 
-void LoopSource::StandBack() { g_source_set_priority(source_, G_PRIORITY_DEFAULT + 1); }
+bool LoopSource::StandBack() {
+  constexpr gint kBack = G_PRIORITY_DEFAULT + 1;
+  if (g_source_get_priority(source_) == kBack) return false;
+  g_source_set_priority(source_, kBack);
+  return true;
+}
 
 void LoopSource::SetDeadline(gint64 time) { g_source_set_ready_time(source_, time); }
 

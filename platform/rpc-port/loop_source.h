@@ -48,8 +48,9 @@ class LoopSource {
   void Pause(int fd);
   void Resume(int fd);
 
-  // From now on it is dispatched only when nothing of the ordinary priority is ready.
-  void StandBack();
+  // From now on it is dispatched only when nothing of the ordinary priority is ready. False if that
+  // was so before.
+  bool StandBack();
 
   // Calls the handler at this time of the monotonic clock, in microseconds; never if negative.
   void SetDeadline(gint64 time);

@@ -158,10 +158,8 @@ void Proxy::OnVerdict(Parcel* message) {
 void Proxy::OnReadable() {
   const Connection::Events events = connection_->Look();
   const bool ends = Connection::HungUp(events.main) || Connection::HungUp(events.callback);
-  if (ends && !std::exchange(stands_back_, true)) {
-    // What the server made known by other means before its end comes first, if it has arrived.
-    return connection_->source->StandBack();
-  }
+  // What the server made known by other means before its end comes first, if it has arrived.
+  if (ends && connection_->source->StandBack()) return;
   if (Connection::HungUp(events.main)) {
     // Without one of its streams the connection is over; what the other still holds comes first.
     connection_->source->Unwatch(connection_->main->fd());

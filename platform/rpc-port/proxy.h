@@ -61,8 +61,6 @@ class Proxy final : public LoopSource::Handler, public std::enable_shared_from_t
   std::string port_name_;
   std::unique_ptr<Connection> connection_;
   std::unique_ptr<MessagePump> pump_;
-
-  bool stands_back_ = false;  // of the thread that runs the main loop
 };
 
 }  // namespace rpc_port_desktop
