@@ -12,14 +12,13 @@
 #include <optional>
 
 #include "control.h"
+#include "log_tag.h"
 #include "unique_fd.h"
 
 namespace sim {
 namespace {
 
 constexpr char kPortName[] = "SvcMgrAppPort";
-constexpr char kTag[] = "SVCMGR_SIM_AGENT";
-
 // What clients are told while the KYR feature is off.
 constexpr char kKyrDisabledText[] = "SVCMGR_ERROR_KYR_DISABLED";
 constexpr std::int32_t kKyrDisabledCode = -1073741826;  // 0xBFFFFFFE
@@ -70,22 +69,23 @@ AgentService::~AgentService() {
 void AgentService::Listen() {
   Check(rpc_port_stub_listen(stub_), "cannot listen on the port");
   const Package& package = scenario_.agent.package;
-  dlog_print(DLOG_INFO, kTag, "%s %s serves %s", package.id.c_str(), package.version.c_str(),
+  dlog_print(DLOG_INFO, kLogTag, "%s %s serves %s", package.id.c_str(), package.version.c_str(),
              kPortName);
 }
 
 bool AgentService::OnAdmission(const char* sender, const char*, void* data) {
   const bool refused = static_cast<AgentService*>(data)->scenario_.agent.refuse;
-  dlog_print(DLOG_INFO, kTag, "%s asks to connect: %s", sender, refused ? "refused" : "admitted");
+  dlog_print(DLOG_INFO, kLogTag, "%s asks to connect: %s", sender,
+             refused ? "refused" : "admitted");
   return !refused;
 }
 
 void AgentService::OnConnected(const char* sender, const char* instance, void*) {
-  dlog_print(DLOG_INFO, kTag, "%s is connected as %s", sender, instance);
+  dlog_print(DLOG_INFO, kLogTag, "%s is connected as %s", sender, instance);
 }
 
 void AgentService::OnDisconnected(const char* sender, const char* instance, void*) {
-  dlog_print(DLOG_INFO, kTag, "%s is gone, which was %s", sender, instance);
+  dlog_print(DLOG_INFO, kLogTag, "%s is gone, which was %s", sender, instance);
 }
 
 int AgentService::OnReceived(const char*, const char* instance, rpc_port_h port, void* data) {
@@ -93,7 +93,7 @@ int AgentService::OnReceived(const char*, const char* instance, rpc_port_h port,
     static_cast<AgentService*>(data)->Serve(instance, port);
     return 0;
   } catch (const std::exception& error) {
-    dlog_print(DLOG_WARN, kTag, "%s is cut off: %s", instance, error.what());
+    dlog_print(DLOG_WARN, kLogTag, "%s is cut off: %s", instance, error.what());
     return -1;
   }
 }
@@ -101,7 +101,7 @@ int AgentService::OnReceived(const char*, const char* instance, rpc_port_h port,
 void AgentService::Serve(const char* instance, rpc_port_h port) {
   Parcel parcel = Parcel::From(port);
   const Request request = ReadRequest(parcel);
-  dlog_print(DLOG_DEBUG, kTag, "%s calls %s", instance,
+  dlog_print(DLOG_DEBUG, kLogTag, "%s calls %s", instance,
              MethodName(static_cast<int>(request.method)));
   const std::int32_t result = NextResult(request.method);
   const MethodScript& script = scenario_.Script(request.method);

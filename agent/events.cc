@@ -7,12 +7,11 @@
 
 #include <memory>
 
+#include "log_tag.h"
 #include "parcel.h"
 
 namespace sim {
 namespace {
-
-constexpr char kTag[] = "SVCMGR_SIM_AGENT";
 
 struct BundleFree {
   void operator()(bundle* b) const { bundle_free(b); }
@@ -54,9 +53,9 @@ void Publish(const std::string& id, const Broadcast& broadcast,
       AddList(data.get(), "Start", agents.empty() ? std::vector<std::string>{id} : agents);
     }
     Check(event_publish_app_event(name.c_str(), data.get()), "cannot publish");
-    dlog_print(DLOG_DEBUG, kTag, "published %s", name.c_str());
+    dlog_print(DLOG_DEBUG, kLogTag, "published %s", name.c_str());
   } catch (const PlatformError& error) {
-    dlog_print(DLOG_WARN, kTag, "%s is lost: %s", name.c_str(), error.what());
+    dlog_print(DLOG_WARN, kLogTag, "%s is lost: %s", name.c_str(), error.what());
   }
 }
 

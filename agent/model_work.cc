@@ -9,11 +9,11 @@
 #include <vector>
 
 #include "events.h"
+#include "log_tag.h"
 
 namespace sim {
 namespace {
 
-constexpr char kTag[] = "SVCMGR_SIM_AGENT";
 constexpr std::int32_t kWhole = 100;
 
 bool IsAt(const std::optional<WorkPoint>& point, std::int32_t model, std::int32_t percentage) {
@@ -56,7 +56,7 @@ int ModelWork::OnTime(void* data) {
   try {
     goes_on = work->Advance(*operation);
   } catch (const std::exception& error) {
-    dlog_print(DLOG_ERROR, kTag, "model work ends: %s", error.what());
+    dlog_print(DLOG_ERROR, kLogTag, "model work ends: %s", error.what());
   }
   if (goes_on) {
     work->Schedule(*operation, operation->script->pace);

@@ -16,13 +16,12 @@
 
 #include "bus_barrier.h"
 #include "events.h"
+#include "log_tag.h"
 #include "parcel.h"
 #include "world.h"
 
 namespace sim {
 namespace {
-
-constexpr char kTag[] = "SVCMGR_SIM_AGENT";
 
 std::string InstalledVersion(const std::string& id) {
   package_info_h opened = nullptr;
@@ -183,7 +182,7 @@ int UpdateRunner::OnTime(void* data) {
   try {
     sequence->runner->Advance(*sequence);
   } catch (const std::exception& error) {
-    dlog_print(DLOG_ERROR, kTag, "an update ends: %s", error.what());
+    dlog_print(DLOG_ERROR, kLogTag, "an update ends: %s", error.what());
     sequence->runner->Finish(*sequence, error.what());
   }
   return G_SOURCE_REMOVE;
@@ -266,7 +265,7 @@ void UpdateRunner::Note(bool replaced) const {
   try {
     WriteJournal(journal_file_, journal);
   } catch (const std::exception& error) {
-    dlog_print(DLOG_ERROR, kTag, "the next process will know nothing: %s", error.what());
+    dlog_print(DLOG_ERROR, kLogTag, "the next process will know nothing: %s", error.what());
   }
 }
 
