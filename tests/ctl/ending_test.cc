@@ -28,14 +28,14 @@ const Arguments kCommands[] = {{"status"},
                                {"models", "list", "--category", "camera"},
                                {"models", "versions", "vision"}};
 
-struct Row {
+struct FailedCall {
   const char* script;
   Arguments command;
   int status;
   const char* name;
 };
 
-const Row kRows[] = {
+const FailedCall kFailedCalls[] = {
     {R"({"license": {"result": -38}})", {"license"}, 1, "SVCMGR_ERROR_INVALID_OPERATION"},
     {R"({"level": {"result": -1073741825}})", {"api-level"}, 1, "SVCMGR_ERROR_INVALID_API_LEVEL"},
     {R"({"models": {"error": -1073741829}})", {"models", "list"}, 1, "SVCMGR_ERROR_AGENT_CODE_6"},
@@ -74,7 +74,7 @@ Arguments With(Arguments arguments, const Arguments& more) {
 }
 
 TEST(AFailingCommand, EndsWithTheStatusOfItsFailureAndNoData) {
-  for (const Row& row : kRows) {
+  for (const FailedCall& row : kFailedCalls) {
     const Ending ending = RunScripted(row.script, row.command);
     EXPECT_EQ(ending.status, row.status) << row.script;
     EXPECT_EQ(ending.output, "") << row.script;
@@ -83,7 +83,7 @@ TEST(AFailingCommand, EndsWithTheStatusOfItsFailureAndNoData) {
 }
 
 TEST(AFailingCommand, ReportsAJsonObjectOnStandardErrorIfAsked) {
-  for (const Row& row : kRows) {
+  for (const FailedCall& row : kFailedCalls) {
     const Ending ending = RunScripted(row.script, With(row.command, {"--json"}));
     EXPECT_EQ(ending.status, row.status) << row.script;
     EXPECT_EQ(ending.output, "") << row.script;
@@ -143,13 +143,13 @@ TEST(ALostConnection, EndsEveryWaitAtOnce) {
 }
 
 TEST(ALostConnection, IsTheReasonThatCountsWhenACallFailsBecauseOfIt) {
-  const Row rows[] = {
+  const FailedCall rows[] = {
       {R"({"license": {"drop": true}})", {"license"}, 6, ""},
       {R"({"license": {"drop": true, "result": -38}})", {"license"}, 6, ""},
       {R"({"level": {"drop": true, "result": -1073741825}})", {"api-level"}, 6, ""},
       {R"({"models": {"drop": true, "result": -38}})", {"models", "list"}, 6, ""},
   };
-  for (const Row& row : rows) {
+  for (const FailedCall& row : rows) {
     const Ending ending = RunScripted(row.script, row.command);
     EXPECT_EQ(ending.status, row.status) << row.script;
     EXPECT_EQ(ending.errors, "svcmgrctl: error: the connection to the agent was lost\n");

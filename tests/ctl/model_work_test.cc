@@ -6,6 +6,7 @@
 #include <csignal>
 #include <nlohmann/json.hpp>
 
+#include "event_line.h"
 #include "json_lines.h"
 #include "process.h"
 #include "screen.h"
@@ -15,7 +16,6 @@ namespace {
 using nlohmann::json;
 using testing::AllOf;
 using testing::ElementsAre;
-using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
@@ -28,10 +28,6 @@ std::string Work(const std::string& steps, const std::string& more = "") {
 
 std::string Progress(int error, int state, int index, int count, int percentage) {
   return "{\"progress\": " + json({error, state, index, count, percentage}).dump() + "}";
-}
-
-auto Says(const std::string& text) {
-  return AllOf(MatchesRegex(" *[0-9]+\\.[0-9] s  .*"), EndsWith(" s  " + text));
 }
 
 std::string TwoModels() {

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <nlohmann/json.hpp>
 
+#include "event_line.h"
 #include "json_lines.h"
 #include "process.h"
 #include "screen.h"
@@ -26,10 +27,6 @@ std::string Update(const std::string& steps, const std::string& more = "") {
 }
 
 /** A line of an update: the time, and this behind it. */
-auto Says(const std::string& text) {
-  return AllOf(MatchesRegex(" *[0-9]+\\.[0-9] s  .*"), testing::EndsWith(" s  " + text));
-}
-
 constexpr char kDone[] = R"({"update": 0}, {"update": 1})";
 
 TEST(AnUpdate, IsFollowedFromTheRequestToItsEnd) {
@@ -77,19 +74,19 @@ TEST(AnUpdate, OfNamedAgentsAsksForThoseInTheirOrder) {
       json({"org.b", "org.a"}));
 }
 
-struct Failing {
+struct FailedUpdate {
   int status;
   const char* name;
 };
 
 TEST(AnUpdate, ThatFailsEndsWithOneAndTheNameOfItsStatus) {
-  for (const Failing& row : {Failing{2, "SVCMGR_UPDATE_STATUS_RESULT_1"},
-                             {3, "SVCMGR_UPDATE_STATUS_RESULT_3"},
-                             {4, "SVCMGR_UPDATE_STATUS_RESULT_7"},
-                             {5, "SVCMGR_UPDATE_STATUS_RESULT_10"},
-                             {6, "SVCMGR_UPDATE_STATUS_FAILED"},
-                             {7, "SVCMGR_UPDATE_STATUS_RESULT_13"},
-                             {99, "UNKNOWN"}}) {
+  for (const FailedUpdate& row : {FailedUpdate{2, "SVCMGR_UPDATE_STATUS_RESULT_1"},
+                                  {3, "SVCMGR_UPDATE_STATUS_RESULT_3"},
+                                  {4, "SVCMGR_UPDATE_STATUS_RESULT_7"},
+                                  {5, "SVCMGR_UPDATE_STATUS_RESULT_10"},
+                                  {6, "SVCMGR_UPDATE_STATUS_FAILED"},
+                                  {7, "SVCMGR_UPDATE_STATUS_RESULT_13"},
+                                  {99, "UNKNOWN"}}) {
     const std::string script =
         Update(R"({"update": 0}, {"update": )" + std::to_string(row.status) + "}");
     const Ending people = RunScripted(script, {"update"});

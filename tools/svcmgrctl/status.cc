@@ -15,7 +15,7 @@ struct Problem {
   Failure failure;
 };
 
-struct Status {
+struct Answers {
   bool connected = false;
   std::optional<int> agent_api_level;
   std::optional<bool> kyr_disabled;
@@ -30,7 +30,7 @@ constexpr std::string_view kUsableModels = "usable_models";
 // Asks for one part of the status. Says whether asking on makes sense: without a connection, and
 // after the end of all waiting, every further question has the same answer.
 template <class Question>
-bool Ask(std::string_view part, Status* status, Question question) {
+bool Ask(std::string_view part, Answers* status, Question question) {
   try {
     question();
     return true;
@@ -42,8 +42,8 @@ bool Ask(std::string_view part, Status* status, Question question) {
   }
 }
 
-Status AskStatus(Session& session) {
-  Status status;
+Answers AskStatus(Session& session) {
+  Answers status;
   const bool asked_all =
       Ask(kConnection, &status,
           [&] {
@@ -72,7 +72,7 @@ Json ValueOrNull(const std::optional<T>& value) {
   return value ? Json(*value) : Json();
 }
 
-Json ToJson(const Status& status) {
+Json ToJson(const Answers& status) {
   Json problems = Json::array();
   for (const Problem& problem : status.problems) {
     Json entry = {{"part", problem.part}};
@@ -89,7 +89,7 @@ Json ToJson(const Status& status) {
 }
 
 // The answer, or why there is none, or that nobody asked.
-Table::Cell CellOf(const Status& status, std::string_view part,
+Table::Cell CellOf(const Answers& status, std::string_view part,
                    const std::optional<std::string>& answer, Tone tone = Tone::kPlain) {
   for (const Problem& problem : status.problems)
     if (problem.part == part) return {problem.failure.message, Tone::kBad};
@@ -101,7 +101,7 @@ std::optional<std::string> Shown(const std::optional<std::size_t>& number) {
   return number ? std::optional(std::to_string(*number)) : std::nullopt;
 }
 
-std::string TableOf(const Status& status, bool color) {
+std::string TableOf(const Answers& status, bool color) {
   const auto level = status.agent_api_level ? std::optional(std::to_string(*status.agent_api_level))
                                             : std::nullopt;
   const std::optional<std::string> connection = status.connected ? "connected" : "lost";
@@ -122,7 +122,7 @@ std::string TableOf(const Status& status, bool color) {
 }
 
 void ShowStatus(Session& session, Console& console) {
-  const Status status = AskStatus(session);
+  const Answers status = AskStatus(session);
   console.Data(ToJson(status), TableOf(status, console.color()));
   if (!status.problems.empty()) throw status.problems.front().failure;
 }
