@@ -14,16 +14,20 @@
 #include "internal.h"
 
 #if defined(__has_feature)
-#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
+#if __has_feature(address_sanitizer)
 #define SVCMGR_FAKE_SANITIZED 1
+#endif
+#if __has_feature(thread_sanitizer)
+#define SVCMGR_FAKE_SANITIZED 1
+#define SVCMGR_FAKE_KEEPS_NEW 1
 #endif
 #endif
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 #define SVCMGR_FAKE_SANITIZED 1
 #endif
 
-// The sanitizers of clang bring an operator new that cannot be replaced.
-#if !(defined(__clang__) && defined(SVCMGR_FAKE_SANITIZED))
+// ThreadSanitizer of clang brings an operator new that cannot be replaced.
+#ifndef SVCMGR_FAKE_KEEPS_NEW
 #define SVCMGR_FAKE_REPLACES_NEW 1
 #endif
 
