@@ -39,3 +39,26 @@ if(SVCMGR_FUZZERS)
   add_compile_options(-fsanitize=fuzzer-no-link)
   add_link_options(-fsanitize=fuzzer-no-link)
 endif()
+
+# svcmgr_compile_together(TARGET FILES)
+#
+# Most of what a small source costs to compile are the headers it includes and what their templates
+# become. Where no ccache remembers the sources one by one, so many of a target's are compiled as one.
+function(svcmgr_compile_together target files)
+  if(NOT CMAKE_CXX_COMPILER_LAUNCHER)
+    set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE ${files})
+  endif()
+endfunction()
+
+# svcmgr_trust_templates(TARGET...)
+#
+# UndefinedBehaviorSanitizer's checks of each pointer take longer to compile into the templates of
+# GoogleTest, CLI11 and nlohmann-json than all else; AddressSanitizer looks at the same accesses.
+# The library and the platform have them all.
+function(svcmgr_trust_templates)
+  if(SVCMGR_SANITIZE MATCHES undefined)
+    foreach(target IN LISTS ARGN)
+      target_compile_options(${target} PRIVATE -fno-sanitize=null,alignment,object-size,vptr)
+    endforeach()
+  endif()
+endfunction()

@@ -3,14 +3,6 @@
 include(GoogleTest)
 find_package(GTest REQUIRED)
 
-# UndefinedBehaviorSanitizer's checks of each pointer take longer to compile into the templates of
-# GoogleTest than all else in the tests; AddressSanitizer looks at the same accesses. What is tested
-# has them all.
-set(test_options "")
-if(SVCMGR_SANITIZE MATCHES undefined)
-  set(test_options -fno-sanitize=null,alignment,object-size,vptr)
-endif()
-
 # Most of what a test costs to compile is GoogleMock's header. ccache does not keep what was compiled
 # with a precompiled one. It is made for a program, because programs are compiled otherwise than
 # libraries are.
@@ -18,7 +10,7 @@ if(NOT CMAKE_CXX_COMPILER_LAUNCHER AND NOT TARGET svcmgr_gtest_precompiled)
   file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/precompiled.cc "int main() {}\n")
   add_executable(svcmgr_gtest_precompiled ${CMAKE_CURRENT_BINARY_DIR}/precompiled.cc)
   target_link_libraries(svcmgr_gtest_precompiled PRIVATE GTest::gmock)
-  target_compile_options(svcmgr_gtest_precompiled PRIVATE ${test_options})
+  svcmgr_trust_templates(svcmgr_gtest_precompiled)
   target_precompile_headers(svcmgr_gtest_precompiled
     PRIVATE "$<$<COMPILE_LANGUAGE:CXX>:<gmock/gmock.h$<ANGLE-R>>")
 endif()
@@ -38,7 +30,7 @@ function(svcmgr_gtest name)
   if(NOT arg_NO_MAIN)
     target_link_libraries(${name} PRIVATE GTest::gmock_main)
   endif()
-  target_compile_options(${name} PRIVATE ${test_options})
+  svcmgr_trust_templates(${name})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
   if(TARGET svcmgr_gtest_precompiled)
     target_precompile_headers(${name} REUSE_FROM svcmgr_gtest_precompiled)
