@@ -15,8 +15,8 @@
 //   - the orders up to kPruned steps, but a walk goes on only if no other walk of its length or
 //     shorter has led to the same state of the model by the same two last steps.
 //
-// SVCMGR_WALK_LENGTH=7 walks every order up to that length, which takes minutes. A walk that fails
-// prints itself; SVCMGR_WALK="connect connected ..." walks that one alone.
+// SVCMGR_WALK_LENGTH=7 walks every order up to that length, in a process for each processor: some
+// minutes. A walk that fails prints itself; SVCMGR_WALK="connect connected ..." walks that one alone.
 
 #include <SvcMgrAppProxyHandler.h>
 #include <agent_update_state.h>
@@ -39,9 +39,15 @@
 
 namespace {
 
-constexpr std::size_t kForked = 4;
-constexpr std::size_t kExhaustive = 5;
-constexpr std::size_t kConnected = 4;
+// Sanitizers take ten times as long for a walk, and what they look for does not take longer ones.
+#ifdef SANITIZED
+constexpr std::size_t kLess = 1;
+#else
+constexpr std::size_t kLess = 0;
+#endif
+constexpr std::size_t kForked = 4 - kLess;
+constexpr std::size_t kExhaustive = 5 - kLess;
+constexpr std::size_t kConnected = 4 - kLess;
 constexpr std::size_t kPruned = 7;
 
 using Lines = std::vector<std::string>;
@@ -419,35 +425,55 @@ void Print(std::ostream& out, const char* title, const Lines& lines) {
   for (const std::string& line : lines) out << "    " << line << '\n';
 }
 
-/** Empty if the library does what the model says at each step. */
-std::string Differences(const Walk& walk) {
-  std::ostringstream report;
+/** What must be seen of a step. */
+struct Sight {
+  Lines lines;
+  std::string answer;
+  bool has_proxy;
+  bool is_watching;
+};
+using Sights = std::vector<Sight>;
+
+Sight Take(const Step& step, Model* model) {
+  Lines lines = (model->*step.expected)();
+  return {std::move(lines), model->IsBeingUpdated(), model->HasProxy(), model->IsWatching()};
+}
+
+Sights SightsOf(const Walk& walk) {
   Model model;
+  Sights sights;
+  for (const Step* step : walk) sights.push_back(Take(*step, &model));
+  return sights;
+}
+
+/** Empty if the library does what the model says at each step. */
+std::string Differences(const Walk& walk, const Sights& sights) {
+  std::ostringstream report;
   Library library;
   for (std::size_t i = 0; i < walk.size(); ++i) {
     (library.*walk[i]->act)();
     const Lines seen = library.Take();
-    const Lines expected = (model.*walk[i]->expected)();
+    const Sight& expected = sights[i];
     const std::string answer = library.IsBeingUpdated();
-    const bool holds_the_same = library.HasProxy() == model.HasProxy() &&
-                                library.IsWatching() == model.IsWatching() &&
+    const bool holds_the_same = library.HasProxy() == expected.has_proxy &&
+                                library.IsWatching() == expected.is_watching &&
                                 library.HoldsNothingElse();
-    if (seen == expected && answer == model.IsBeingUpdated() && holds_the_same) continue;
+    if (seen == expected.lines && answer == expected.answer && holds_the_same) continue;
     const Walk failing(walk.begin(), walk.begin() + static_cast<std::ptrdiff_t>(i) + 1);
     report << "SVCMGR_WALK=\"" << Script(failing) << "\"\n";
-    Print(report, "  the last step must leave", expected);
+    Print(report, "  the last step must leave", expected.lines);
     Print(report, "  it left", seen);
-    report << "  must be " << model.IsBeingUpdated() << ", is " << answer << '\n';
+    report << "  must be " << expected.answer << ", is " << answer << '\n';
     if (!holds_the_same) report << "  proxy, subscription or parcels are not as they must be\n";
     break;
   }
   return report.str();
 }
 
-std::string DifferencesInAProcessOfItsOwn(const Walk& walk) {
+std::string DifferencesInAProcessOfItsOwn(const Walk& walk, const Sights& sights) {
   const pid_t child = fork();
   if (child == 0) {
-    const std::string report = Differences(walk);
+    const std::string report = Differences(walk, sights);
     static_cast<void>(std::fputs(report.c_str(), stderr));
     _exit(report.empty() ? 0 : 1);
   }
@@ -456,19 +482,29 @@ std::string DifferencesInAProcessOfItsOwn(const Walk& walk) {
   return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? "" : "SVCMGR_WALK=\"" + Script(walk) + '"';
 }
 
+/** One of the equal parts into which the work is divided. */
+struct Share {
+  std::size_t number = 0;
+  std::size_t of = 1;
+};
+
 /** Walks shortest first, so that the first failure is a short one. */
 class Generator {
  public:
-  using Check = std::string (*)(const Walk&);
+  using Check = std::string (*)(const Walk&, const Sights&);
 
-  explicit Generator(Check check) : check_(check) {}
+  explicit Generator(Check check, Share share = {}) : check_(check), share_(share) {}
 
   /** Checks each order of up to `length` steps behind `start`; false if one fails. */
   bool WalkAll(const Walk& start, std::size_t length) {
     Model model;
-    for (const Step* step : start) (model.*step->expected)();
+    walk_ = start;
+    sights_.clear();
+    for (const Step* step : start) sights_.push_back(Take(*step, &model));
     for (std::size_t i = 1; i <= length; ++i) {
-      if (!Extend(start, model, i)) return false;
+      // The shorter walks are beginnings of the longest, and there are many.
+      if (i > kExhaustive && i < length) continue;
+      if (!Extend(model, i)) return false;
     }
     return true;
   }
@@ -485,7 +521,7 @@ class Generator {
           longer.first.push_back(&step);
           (longer.second.*step.expected)();
           const Step* const before = walk.empty() ? nullptr : walk.back();
-          if (!Passes(longer.first)) return false;
+          if (!Passes(longer.first, SightsOf(longer.first))) return false;
           if (known_.insert({longer.second.state(), before, &step}).second) {
             next.push_back(std::move(longer));
           }
@@ -499,28 +535,38 @@ class Generator {
   std::size_t walks() const { return walks_; }
 
  private:
-  bool Extend(const Walk& walk, const Model& model, std::size_t more) {
-    if (more == 0) return Passes(walk);
+  // How deep the walks are divided into shares: there are enough for equal ones.
+  static constexpr std::size_t kShared = 3;
+
+  bool Extend(const Model& model, std::size_t more) {
+    if (walk_.size() == kShared && branches_++ % share_.of != share_.number) return true;
+    if (more == 0) return Passes(walk_, sights_);
     for (const Step& step : kSteps) {
       if (!(model.*step.possible)()) continue;
-      Walk longer = walk;
-      longer.push_back(&step);
       Model next = model;
-      (next.*step.expected)();
-      if (!Extend(longer, next, more - 1)) return false;
+      walk_.push_back(&step);
+      sights_.push_back(Take(step, &next));
+      const bool passes = Extend(next, more - 1);
+      walk_.pop_back();
+      sights_.pop_back();
+      if (!passes) return false;
     }
     return true;
   }
 
-  bool Passes(const Walk& walk) {
+  bool Passes(const Walk& walk, const Sights& sights) {
     ++walks_;
-    const std::string differences = check_(walk);
+    const std::string differences = check_(walk, sights);
     if (differences.empty()) return true;
     ADD_FAILURE() << differences;
     return false;
   }
 
   Check check_;
+  Share share_;
+  Walk walk_;
+  Sights sights_;
+  std::size_t branches_ = 0;
   std::size_t walks_ = 0;
   std::set<std::tuple<Model::State, const Step*, const Step*>> known_;
 };
@@ -536,7 +582,8 @@ class AWalk : public fake::PlatformTest {
   }
 
   static void Expect(const std::string& script) {
-    const std::string differences = Differences(ParseScript(script));
+    const Walk walk = ParseScript(script);
+    const std::string differences = Differences(walk, SightsOf(walk));
     if (!differences.empty()) ADD_FAILURE() << differences;
   }
 
@@ -544,6 +591,30 @@ class AWalk : public fake::PlatformTest {
     Generator generator(check);
     generator.WalkAll(ParseScript(start), length);
     Report(generator);
+  }
+
+  /** The same in a process for each processor, each with its share. */
+  static void ExpectAllInShares(std::size_t length) {
+    const std::size_t shares =
+        static_cast<std::size_t>(std::max(1L, sysconf(_SC_NPROCESSORS_ONLN)));
+    std::vector<pid_t> children;
+    for (std::size_t i = 0; i < shares; ++i) {
+      const pid_t child = fork();
+      ASSERT_GE(child, 0);
+      if (child == 0) {
+        Generator generator(Differences, {i, shares});
+        generator.WalkAll({}, length);
+        std::printf("share %zu of %zu: %zu walks\n", i + 1, shares, generator.walks());
+        static_cast<void>(std::fflush(stdout));
+        _exit(HasFailure() || generator.walks() < 300 ? 1 : 0);
+      }
+      children.push_back(child);
+    }
+    for (const pid_t child : children) {
+      int status = 0;
+      ASSERT_EQ(waitpid(child, &status, 0), child);
+      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
   }
 
   static void Report(const Generator& generator) {
@@ -557,8 +628,11 @@ TEST_F(AWalk, InANewProcessIsAsTheModelSays) {
 }
 
 TEST_F(AWalk, OfEveryOrderIsAsTheModelSays) {
-  const char* const length = std::getenv("SVCMGR_WALK_LENGTH");
-  ExpectAll("", length == nullptr ? kExhaustive : std::strtoul(length, nullptr, 10), Differences);
+  if (const char* const length = std::getenv("SVCMGR_WALK_LENGTH")) {
+    ExpectAllInShares(std::strtoul(length, nullptr, 10));
+  } else {
+    ExpectAll("", kExhaustive, Differences);
+  }
 }
 
 TEST_F(AWalk, OfEveryOrderOnAConnectionIsAsTheModelSays) {
