@@ -298,7 +298,7 @@ void PayloadCallback<delegate_id, Payload>::OnReceivedEvent(rpc_port_parcel_h pa
   const int result = in.Int32();
   Payload payload;
   if (TryRead(in, payload)) {
-    OnReceived(result, payload);
+    OnReceived(result, std::move(payload));
   } else {
     OnReceived(SVCMGR_ERROR_INVALID_OPERATION, Payload{});
   }

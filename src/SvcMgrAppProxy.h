@@ -123,7 +123,7 @@ class PayloadCallback : public SvcMgrAppPort::CallbackBase {
  public:
   PayloadCallback() : CallbackBase(delegate_id, /*once=*/false) {}
   void OnReceivedEvent(rpc_port_parcel_h parcel) final;
-  virtual void OnReceived(int result, const Payload& payload) = 0;
+  virtual void OnReceived(int result, Payload payload) = 0;
 };
 
 using GetUsableModelListCallback = PayloadCallback<DelegateId::GetUsableModelList, AIModelList>;

@@ -27,7 +27,7 @@ struct ProgressReceiver {
 int TranslateAgentResult(int result);
 
 // Makes a handle of a list; null if it cannot be created.
-velmora_svcmgr_ai_model_list_h Convert(const wire::AIModelList& list);
+velmora_svcmgr_ai_model_list_h Convert(wire::AIModelList list);
 
 // Makes a handle of a progress record; null if it cannot be created.
 void Convert(const wire::AIUpdateProgressInfo& info, velmora_svcmgr_ai_progress_h* progress);
@@ -35,7 +35,7 @@ void Convert(const wire::AIUpdateProgressInfo& info, velmora_svcmgr_ai_progress_
 class GetUsableModelListCB final : public wire::GetUsableModelListCallback {
  public:
   explicit GetUsableModelListCB(ModelListReceiver receiver) : receiver_(receiver) {}
-  void OnReceived(int result, const wire::AIModelList& list) override;
+  void OnReceived(int result, wire::AIModelList list) override;
 
  private:
   ModelListReceiver receiver_;
@@ -44,7 +44,7 @@ class GetUsableModelListCB final : public wire::GetUsableModelListCallback {
 class GetUsableModelListWithDescCB final : public wire::GetUsableModelListWithDescCallback {
  public:
   explicit GetUsableModelListWithDescCB(ModelListReceiver receiver) : receiver_(receiver) {}
-  void OnReceived(int result, const wire::AIModelList& list) override;
+  void OnReceived(int result, wire::AIModelList list) override;
 
  private:
   ModelListReceiver receiver_;
@@ -53,7 +53,7 @@ class GetUsableModelListWithDescCB final : public wire::GetUsableModelListWithDe
 class GetModelVersionListCB final : public wire::GetModelVersionListCallback {
  public:
   explicit GetModelVersionListCB(ModelListReceiver receiver) : receiver_(receiver) {}
-  void OnReceived(int result, const wire::AIModelList& list) override;
+  void OnReceived(int result, wire::AIModelList list) override;
 
  private:
   ModelListReceiver receiver_;
@@ -62,7 +62,7 @@ class GetModelVersionListCB final : public wire::GetModelVersionListCallback {
 class RequestToUpdateCB final : public wire::RequestToUpdateCallback {
  public:
   explicit RequestToUpdateCB(ProgressReceiver receiver) : receiver_(receiver) {}
-  void OnReceived(int result, const wire::AIUpdateProgressInfo& info) override;
+  void OnReceived(int result, wire::AIUpdateProgressInfo info) override;
 
  private:
   ProgressReceiver receiver_;
@@ -71,7 +71,7 @@ class RequestToUpdateCB final : public wire::RequestToUpdateCallback {
 class RequestToUninstallCB final : public wire::RequestToUninstallCallback {
  public:
   explicit RequestToUninstallCB(ProgressReceiver receiver) : receiver_(receiver) {}
-  void OnReceived(int result, const wire::AIUpdateProgressInfo& info) override;
+  void OnReceived(int result, wire::AIUpdateProgressInfo info) override;
 
  private:
   ProgressReceiver receiver_;

@@ -295,7 +295,7 @@ template <typename Base>
 class ModelsDelegate : public Base {
  public:
   explicit ModelsDelegate(ReceivedModels* received) : received_(received) {}
-  void OnReceived(int result, const AIModelList& list) override {
+  void OnReceived(int result, AIModelList list) override {
     ++received_->calls;
     received_->result = result;
     received_->count = list.count;
@@ -485,7 +485,7 @@ template <typename Base>
 class ProgressDelegate : public Base {
  public:
   explicit ProgressDelegate(ReceivedProgress* received) : received_(received) {}
-  void OnReceived(int result, const AIUpdateProgressInfo& progress) override {
+  void OnReceived(int result, AIUpdateProgressInfo progress) override {
     ++received_->calls;
     received_->result = result;
     received_->progress = progress;
