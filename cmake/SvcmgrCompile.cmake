@@ -33,6 +33,13 @@ if(SVCMGR_SANITIZE)
   add_compile_options(-fsanitize=${SVCMGR_SANITIZE} -fno-sanitize-recover=all
                       -fno-omit-frame-pointer -g1)
   add_link_options(-fsanitize=${SVCMGR_SANITIZE} -fno-sanitize-recover=all)
+  if(SVCMGR_SANITIZE MATCHES address AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang"
+     AND NOT SVCMGR_FUZZERS)
+    # From a library of its own the runtime's operator new can be called by one that replaces it.
+    execute_process(COMMAND ${CMAKE_CXX_COMPILER} --print-runtime-dir
+      OUTPUT_VARIABLE runtime OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+    add_link_options(-shared-libasan -Wl,-rpath,${runtime})
+  endif()
 endif()
 if(SVCMGR_FUZZERS)
   # The fuzzers are guided by what runs in every library.
@@ -43,20 +50,21 @@ endif()
 # svcmgr_compile_together(TARGET FILES)
 #
 # Most of what a small source costs to compile are the headers it includes and what their templates
-# become. Where no ccache remembers the sources one by one, so many of a target's are compiled as one.
+# become. FILES of a target's sources at a time are compiled as one, unless a launcher such as ccache
+# remembers them one by one.
 function(svcmgr_compile_together target files)
   if(NOT CMAKE_CXX_COMPILER_LAUNCHER)
     set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE ${files})
   endif()
 endfunction()
 
-# svcmgr_trust_templates(TARGET...)
+# svcmgr_without_pointer_checks(TARGET...)
 #
 # UndefinedBehaviorSanitizer's checks of each pointer take longer to compile into the templates of
 # GoogleTest, CLI11 and nlohmann-json than all else; AddressSanitizer looks at the same accesses.
-# The library and the platform have them all.
-function(svcmgr_trust_templates)
-  if(SVCMGR_SANITIZE MATCHES undefined)
+# The library and the platform have them all, and so has whatever is fuzzed.
+function(svcmgr_without_pointer_checks)
+  if(SVCMGR_SANITIZE MATCHES undefined AND NOT SVCMGR_FUZZERS)
     foreach(target IN LISTS ARGN)
       target_compile_options(${target} PRIVATE -fno-sanitize=null,alignment,object-size,vptr)
     endforeach()

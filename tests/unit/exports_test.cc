@@ -212,6 +212,8 @@ TEST(TheSharedLibrary, NeedsThePlatformAndTheRuntimeAndNothingElse) {
     "libasan",
     "libubsan",
     "libtsan",
+    "libclang_rt.asan-x86_64",
+    "libclang_rt.asan-aarch64",
 #endif
   };
   const auto needed = Dynamic("\\(NEEDED\\)[^\\n]*\\[([^\\]]+)\\]");

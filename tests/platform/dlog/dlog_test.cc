@@ -371,7 +371,7 @@ TEST_F(ALogFile, KeepsTheRecordsOfManyThreadsWholeAndInTheirOrder) {
 }
 
 // The locks of AddressSanitizer's allocator are not given back to a forked child.
-#ifndef __SANITIZE_ADDRESS__
+#ifndef ADDRESS_SANITIZED
 TEST_F(ALogFile, MayBeWrittenWhileOtherThreadsFork) {
   ToFile("info");
   std::thread logger([] {
