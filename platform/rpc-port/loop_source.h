@@ -49,7 +49,7 @@ class LoopSource {
   void Resume(int fd);
 
   // From now on it is dispatched only when nothing of the ordinary priority is ready. False if that
-  // was so before.
+  // was so before. For the thread that runs the main loop.
   bool StandBack();
 
   // Calls the handler at this time of the monotonic clock, in microseconds; never if negative.

@@ -74,9 +74,9 @@ TEST(AHostileText, OnTheCommandLineIsSafeInItsMessage) {
     EXPECT_THAT(ending.errors, HasSubstr("'\\x1B[2J\\x9B'"));
     std::vector<std::string> as_json = {"--json"};
     as_json.insert(as_json.end(), command.begin(), command.end());
-    const Ending json = RunScripted("{}", as_json);
-    EXPECT_TRUE(nlohmann::json::accept(json.errors)) << json.errors;
-    EXPECT_TRUE(IsPlainAscii(json.errors));
+    const Ending in_json = RunScripted("{}", as_json);
+    EXPECT_TRUE(nlohmann::json::accept(in_json.errors)) << in_json.errors;
+    EXPECT_TRUE(IsPlainAscii(in_json.errors));
   }
 }
 
@@ -97,9 +97,9 @@ TEST(ALongArgument, IsShortenedInItsMessageWhichKeepsItsEnd) {
     }
     std::vector<std::string> as_json = {"--json"};
     as_json.insert(as_json.end(), command.begin(), command.end());
-    const Ending json = RunScripted("{}", as_json);
-    EXPECT_LT(json.errors.size(), 1000u);
-    EXPECT_THAT(nlohmann::json::parse(json.errors)["error"]["message"].get<std::string>(),
+    const Ending in_json = RunScripted("{}", as_json);
+    EXPECT_LT(in_json.errors.size(), 1000u);
+    EXPECT_THAT(nlohmann::json::parse(in_json.errors)["error"]["message"].get<std::string>(),
                 HasSubstr("aaa\u2026"));
   }
 }

@@ -66,9 +66,9 @@ TEST(Status, ShowsWhatFailedBesideWhatDidNotAndEndsWithTheFirstFailure) {
   EXPECT_EQ(table.errors,
             "svcmgrctl: error: the KYR feature is disabled (SVCMGR_ERROR_KYR_DISABLED)\n");
 
-  const Ending json = RunScripted(script, {"--json", "status"});
-  EXPECT_EQ(json.status, 9);
-  EXPECT_EQ(json.output, R"({
+  const Ending in_json = RunScripted(script, {"--json", "status"});
+  EXPECT_EQ(in_json.status, 9);
+  EXPECT_EQ(in_json.output, R"({
   "connected": true,
   "agent_api_level": null,
   "kyr_disabled": true,
@@ -93,9 +93,9 @@ TEST(Status, ShowsWhatFailedBesideWhatDidNotAndEndsWithTheFirstFailure) {
   ]
 }
 )");
-  EXPECT_EQ(json.errors, R"({"error":{"code":-1073741826,"name":"SVCMGR_ERROR_KYR_DISABLED",)"
-                         R"("message":"the KYR feature is disabled","exit":9}})"
-                         "\n");
+  EXPECT_EQ(in_json.errors, R"({"error":{"code":-1073741826,"name":"SVCMGR_ERROR_KYR_DISABLED",)"
+                            R"("message":"the KYR feature is disabled","exit":9}})"
+                            "\n");
 }
 
 TEST(Status, WithoutAConnectionAsksNothingMore) {

@@ -26,7 +26,6 @@ std::string Update(const std::string& steps, const std::string& more = "") {
   return R"({"update": {"then": [)" + steps + "]" + more + "}}";
 }
 
-/** A line of an update: the time, and this behind it. */
 constexpr char kDone[] = R"({"update": 0}, {"update": 1})";
 
 TEST(AnUpdate, IsFollowedFromTheRequestToItsEnd) {

@@ -9,7 +9,7 @@
 
 namespace svcmgrctl {
 
-/** How often a picture of work that goes on is drawn anew. */
+/** Seconds between two pictures of work that goes on. */
 inline constexpr double kPictureSeconds = 0.1;
 
 /** What is told of one piece of the agent's work, from the request to its end. */
