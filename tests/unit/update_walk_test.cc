@@ -425,55 +425,35 @@ void Print(std::ostream& out, const char* title, const Lines& lines) {
   for (const std::string& line : lines) out << "    " << line << '\n';
 }
 
-/** What must be seen of a step. */
-struct Expectation {
-  Lines lines;
-  std::string answer;
-  bool has_proxy;
-  bool is_watching;
-};
-using Expectations = std::vector<Expectation>;
-
-Expectation Take(const Step& step, Model* model) {
-  Lines lines = (model->*step.expected)();
-  return {std::move(lines), model->IsBeingUpdated(), model->HasProxy(), model->IsWatching()};
-}
-
-Expectations ExpectationsOf(const Walk& walk) {
-  Model model;
-  Expectations expectations;
-  for (const Step* step : walk) expectations.push_back(Take(*step, &model));
-  return expectations;
-}
-
 /** Empty if the library does what the model says at each step. */
-std::string Differences(const Walk& walk, const Expectations& expectations) {
+std::string Differences(const Walk& walk) {
   std::ostringstream report;
+  Model model;
   Library library;
   for (std::size_t i = 0; i < walk.size(); ++i) {
     (library.*walk[i]->act)();
     const Lines seen = library.Take();
-    const Expectation& expected = expectations[i];
+    const Lines expected = (model.*walk[i]->expected)();
     const std::string answer = library.IsBeingUpdated();
-    const bool holds_the_same = library.HasProxy() == expected.has_proxy &&
-                                library.IsWatching() == expected.is_watching &&
+    const bool holds_the_same = library.HasProxy() == model.HasProxy() &&
+                                library.IsWatching() == model.IsWatching() &&
                                 library.HoldsNothingElse();
-    if (seen == expected.lines && answer == expected.answer && holds_the_same) continue;
+    if (seen == expected && answer == model.IsBeingUpdated() && holds_the_same) continue;
     const Walk failing(walk.begin(), walk.begin() + static_cast<std::ptrdiff_t>(i) + 1);
     report << "SVCMGR_WALK=\"" << Script(failing) << "\"\n";
-    Print(report, "  the last step must leave", expected.lines);
+    Print(report, "  the last step must leave", expected);
     Print(report, "  it left", seen);
-    report << "  must be " << expected.answer << ", is " << answer << '\n';
+    report << "  must be " << model.IsBeingUpdated() << ", is " << answer << '\n';
     if (!holds_the_same) report << "  proxy, subscription or parcels are not as they must be\n";
     break;
   }
   return report.str();
 }
 
-std::string DifferencesInAProcessOfItsOwn(const Walk& walk, const Expectations& expectations) {
+std::string DifferencesInAProcessOfItsOwn(const Walk& walk) {
   const pid_t child = fork();
   if (child == 0) {
-    const std::string report = Differences(walk, expectations);
+    const std::string report = Differences(walk);
     static_cast<void>(std::fputs(report.c_str(), stderr));
     _exit(report.empty() ? 0 : 1);
   }
@@ -491,7 +471,7 @@ struct Share {
 /** Walks shortest first, so that the first failure is a short one. */
 class Generator {
  public:
-  using Check = std::string (*)(const Walk&, const Expectations&);
+  using Check = std::string (*)(const Walk&);
 
   explicit Generator(Check check, Share share = {}) : check_(check), share_(share) {}
 
@@ -499,12 +479,10 @@ class Generator {
    *  if one fails. Orders that are not short are checked as beginnings of the longest. */
   bool WalkAll(const Walk& start, std::size_t length) {
     Model model;
-    walk_ = start;
-    expectations_.clear();
-    for (const Step* step : start) expectations_.push_back(Take(*step, &model));
+    for (const Step* step : start) (model.*step->expected)();
     for (std::size_t i = 1; i <= length; ++i) {
       if (i > kExhaustive && i < length) continue;
-      if (!Extend(model, i)) return false;
+      if (!Extend(start, model, i)) return false;
     }
     return true;
   }
@@ -521,7 +499,7 @@ class Generator {
           longer.first.push_back(&step);
           (longer.second.*step.expected)();
           const Step* const before = walk.empty() ? nullptr : walk.back();
-          if (!Passes(longer.first, ExpectationsOf(longer.first))) return false;
+          if (!Passes(longer.first)) return false;
           if (known_.insert({longer.second.state(), before, &step}).second) {
             next.push_back(std::move(longer));
           }
@@ -538,25 +516,23 @@ class Generator {
   // How deep the walks are divided into shares: there are enough for equal ones.
   static constexpr std::size_t kShared = 3;
 
-  bool Extend(const Model& model, std::size_t more) {
-    if (walk_.size() == kShared && branches_++ % share_.of != share_.number) return true;
-    if (more == 0) return Passes(walk_, expectations_);
+  bool Extend(const Walk& walk, const Model& model, std::size_t more) {
+    if (walk.size() == kShared && branches_++ % share_.of != share_.number) return true;
+    if (more == 0) return Passes(walk);
     for (const Step& step : kSteps) {
       if (!(model.*step.possible)()) continue;
+      Walk longer = walk;
+      longer.push_back(&step);
       Model next = model;
-      walk_.push_back(&step);
-      expectations_.push_back(Take(step, &next));
-      const bool passes = Extend(next, more - 1);
-      walk_.pop_back();
-      expectations_.pop_back();
-      if (!passes) return false;
+      (next.*step.expected)();
+      if (!Extend(longer, next, more - 1)) return false;
     }
     return true;
   }
 
-  bool Passes(const Walk& walk, const Expectations& expectations) {
+  bool Passes(const Walk& walk) {
     ++walks_;
-    const std::string differences = check_(walk, expectations);
+    const std::string differences = check_(walk);
     if (differences.empty()) return true;
     ADD_FAILURE() << differences;
     return false;
@@ -564,8 +540,6 @@ class Generator {
 
   Check check_;
   Share share_;
-  Walk walk_;
-  Expectations expectations_;
   std::size_t branches_ = 0;
   std::size_t walks_ = 0;
   std::set<std::tuple<Model::State, const Step*, const Step*>> known_;
@@ -582,8 +556,7 @@ class AWalk : public fake::PlatformTest {
   }
 
   static void Expect(const std::string& script) {
-    const Walk walk = ParseScript(script);
-    const std::string differences = Differences(walk, ExpectationsOf(walk));
+    const std::string differences = Differences(ParseScript(script));
     if (!differences.empty()) ADD_FAILURE() << differences;
   }
 
