@@ -5,11 +5,12 @@ find_package(GTest REQUIRED)
 
 # Most of what a test costs to compile is GoogleMock's header. ccache does not keep what was compiled
 # with a precompiled one. It is made for a program, because programs are compiled otherwise than
-# libraries are.
+# libraries are, and with -pthread, as all tests: what they link may ask for that, as GLib does.
 if(NOT CMAKE_CXX_COMPILER_LAUNCHER AND NOT TARGET svcmgr_gtest_precompiled)
   file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/precompiled.cc "int main() {}\n")
   add_executable(svcmgr_gtest_precompiled ${CMAKE_CURRENT_BINARY_DIR}/precompiled.cc)
   target_link_libraries(svcmgr_gtest_precompiled PRIVATE GTest::gmock)
+  target_compile_options(svcmgr_gtest_precompiled PRIVATE -pthread)
   svcmgr_without_pointer_checks(svcmgr_gtest_precompiled)
   target_precompile_headers(svcmgr_gtest_precompiled
     PRIVATE "$<$<COMPILE_LANGUAGE:CXX>:<gmock/gmock.h$<ANGLE-R>>")
@@ -30,6 +31,7 @@ function(svcmgr_gtest name)
   if(NOT arg_NO_MAIN)
     target_link_libraries(${name} PRIVATE GTest::gmock_main)
   endif()
+  target_compile_options(${name} PRIVATE -pthread)
   svcmgr_without_pointer_checks(${name})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
   if(TARGET svcmgr_gtest_precompiled)
