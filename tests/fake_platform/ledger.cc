@@ -10,6 +10,7 @@
 #include <map>
 #include <new>
 #include <set>
+#include <type_traits>
 
 #include "internal.h"
 
@@ -290,13 +291,19 @@ void __wrap_free(void* block) {
 
 namespace {
 
+// A symbol's name spells its parameters' types out, and std::size_t is not the same type everywhere.
+constexpr const char* kNewSymbol =
+    std::is_same_v<std::size_t, unsigned long> ? "_Znwm" : "_Znwj";
+
 template <typename Function>
 Function NextDefinition(const char* symbol) {
-  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, symbol));
+  void* const next = dlsym(RTLD_NEXT, symbol);
+  if (next == nullptr) std::abort();
+  return reinterpret_cast<Function>(next);
 }
 
 void* NextNew(std::size_t size) {
-  static const auto next = NextDefinition<void* (*)(std::size_t)>("_Znwm");
+  static const auto next = NextDefinition<void* (*)(std::size_t)>(kNewSymbol);
   return next(size);
 }
 
