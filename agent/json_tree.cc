@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "json_tree.h"
 
+#include <glib.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <iterator>
@@ -12,6 +14,9 @@ namespace {
 
 constexpr std::size_t kDeepest = 32;
 constexpr int kNumberOverflow = 406;  // the parser's own number for it
+constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
+constexpr char kBlanks[] = " \t\r\n";
+constexpr char kUnclosed[] = "the closing quote of this text is missing";
 
 /** Counts what the parser has consumed: its events say nothing about where they happened. */
 class CountingIterator {
@@ -43,25 +48,35 @@ class CountingIterator {
   std::size_t* consumed_;
 };
 
-/** Turns the parser's own wording into a reason: without its error numbers and the bytes it read.
+/**
+ * Why a text, from its opening quote to the last byte that the parser took, is none; null if it is
+ * one, and only its place is wrong.
  */
-std::string ReasonOf(std::string message) {
-  const auto reason = message.find("syntax error");
-  if (reason != std::string::npos) {
-    message.erase(0, reason);
+const char* FaultOfText(std::string_view text, bool at_end) {
+  if (nlohmann::json::accept(text.begin(), text.end())) {
+    return nullptr;
   }
-  const auto read = message.find("; last read: ");
-  if (read != std::string::npos) {
-    const auto expected = message.find("; expected ", read);
-    message.erase(read, expected == std::string::npos ? expected : expected - read);
+  const auto last = static_cast<unsigned char>(text.back());
+  if (last == '\n' || last == '\r') {
+    return kUnclosed;
   }
-  return message;
+  if (last < ' ') {
+    return "a control character in a text must be escaped";
+  }
+  if (!g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr)) {
+    return "a text must be UTF-8";
+  }
+  return at_end ? kUnclosed : "unknown or incomplete escape in a text";
 }
 
 class TreeBuilder : public nlohmann::json::json_sax_t {
  public:
   TreeBuilder(std::string_view document, std::vector<Problem>& problems)
-      : document_(document), problems_(problems) {}
+      : document_(document), problems_(problems) {
+    if (document_.substr(0, kByteOrderMark.size()) == kByteOrderMark) {
+      token_end_ = kByteOrderMark.size();
+    }
+  }
 
   bool null() override {
     Add(JsonNode::Kind::kNull);
@@ -102,6 +117,7 @@ class TreeBuilder : public nlohmann::json::json_sax_t {
 
   bool key(string_t& name) override {
     const Place place = NextToken();
+    last_ = Last::kKey;
     auto& members = open_.back()->members;
     const bool known = std::any_of(members.begin(), members.end(),
                                    [&](const auto& member) { return member.key == name; });
@@ -118,8 +134,8 @@ class TreeBuilder : public nlohmann::json::json_sax_t {
       problems_.push_back({NextToken(), "", "the number is too large"});
       return false;
     }
-    const std::size_t last = consumed_ > 0 ? consumed_ - 1 : 0;
-    problems_.push_back({PlaceOf(last), "", ReasonOf(error.what())});
+    // In words of our own: the parser's differ from one of its versions to the next.
+    RefuseSyntax();
     return false;
   }
 
@@ -142,11 +158,13 @@ class TreeBuilder : public nlohmann::json::json_sax_t {
     JsonNode& node = Slot();
     node.kind = kind;
     node.place = NextToken();
+    last_ = Last::kValue;
     return node;
   }
 
   bool Open(JsonNode::Kind kind) {
     JsonNode& node = Add(kind);
+    last_ = Last::kOpening;
     open_.push_back(&node);
     if (open_.size() <= kDeepest) {
       return true;
@@ -158,15 +176,80 @@ class TreeBuilder : public nlohmann::json::json_sax_t {
   bool Close() {
     open_.pop_back();
     token_end_ = consumed_;
+    last_ = Last::kValue;
     return true;
   }
 
-  // The parser has just consumed the token, and for a number one character more; what lies between
-  // the last token and this one is blank or structure.
+  // What lies between the last token and this one, which the parser has just consumed, is blank or
+  // structure.
   Place NextToken() {
-    const auto begin = document_.find_first_not_of(" \t\r\n,:}]\xef\xbb\xbf", token_end_);
-    token_end_ = consumed_;
-    return PlaceOf(begin == std::string_view::npos ? document_.size() : begin);
+    const std::size_t begin = FirstNotOf(" \t\r\n,:}]", token_end_);
+    token_end_ = EndOfToken(begin);
+    return PlaceOf(begin);
+  }
+
+  std::size_t FirstNotOf(const char* skipped, std::size_t from) const {
+    return std::min(document_.find_first_not_of(skipped, from), document_.size());
+  }
+
+  // Only the character behind a number tells the parser that it has ended, unless there is none; a
+  // zero that leads ends it, whatever follows.
+  std::size_t EndOfToken(std::size_t begin) const {
+    const std::size_t digit = begin + (Is(begin, '-') ? 1 : 0);
+    if (!IsDigit(digit) || consumed_ == digit + 1) {
+      return consumed_;
+    }
+    const bool leading_zero = Is(digit, '0') && consumed_ == digit + 2;
+    return leading_zero || !IsDigit(consumed_ - 1) ? consumed_ - 1 : consumed_;
+  }
+
+  bool Is(std::size_t offset, char character) const {
+    return offset < document_.size() && document_[offset] == character;
+  }
+  bool IsDigit(std::size_t offset) const {
+    return offset < document_.size() && g_ascii_isdigit(document_[offset]);
+  }
+
+  void RefuseSyntax() {
+    std::size_t begin = FirstNotOf(kBlanks, token_end_);
+    const bool separated = (last_ == Last::kKey && Is(begin, ':')) ||
+                           (last_ == Last::kValue && !open_.empty() && Is(begin, ','));
+    if (separated) {
+      begin = FirstNotOf(kBlanks, begin + 1);
+    }
+    if (Is(begin, '"')) {
+      const auto text = document_.substr(begin, consumed_ - begin);
+      const char* const fault = FaultOfText(text, consumed_ == document_.size());
+      if (fault != nullptr) {
+        problems_.push_back({PlaceOf(fault == kUnclosed ? begin : consumed_ - 1), "", fault});
+        return;
+      }
+    }
+    const std::string expected = Expected(separated);
+    problems_.push_back({PlaceOf(begin), "",
+                         begin == document_.size()
+                             ? "the document ends where " + expected + " is expected"
+                             : expected + " is expected here"});
+  }
+
+  const char* Expected(bool separated) const {
+    if (last_ == Last::kNothing || (last_ == Last::kKey && separated)) {
+      return "a value";
+    }
+    if (last_ == Last::kKey) {
+      return "\":\"";
+    }
+    if (open_.empty()) {
+      return "the end of the document";
+    }
+    const bool object = open_.back()->kind == JsonNode::Kind::kObject;
+    if (last_ == Last::kOpening) {
+      return object ? "a key in quotes or \"}\"" : "a value or \"]\"";
+    }
+    if (separated) {
+      return object ? "a key in quotes" : "a value";
+    }
+    return object ? "\",\" or \"}\"" : "\",\" or \"]\"";
   }
 
   // Offsets only grow, so lines are counted once.
@@ -188,12 +271,15 @@ class TreeBuilder : public nlohmann::json::json_sax_t {
     return false;
   }
 
+  enum class Last { kNothing, kOpening, kKey, kValue };  // what the parser told of last
+
   std::string_view document_;
   std::vector<Problem>& problems_;
   JsonNode root_;
   std::vector<JsonNode*> open_;  // their containers do not grow while they are open
   std::size_t consumed_ = 0;
   std::size_t token_end_ = 0;
+  Last last_ = Last::kNothing;
   std::size_t counted_ = 0;
   std::size_t line_begin_ = 0;
   int line_ = 1;
