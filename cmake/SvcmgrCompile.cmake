@@ -26,7 +26,22 @@ add_compile_options(
   # Log records and binaries must not depend on where the tree lies.
   -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
   -D_FILE_OFFSET_BITS=64)
-if(SVCMGR_WERROR)
+# Another compiler warns of other things; that must not stop the build of one who only wants to use
+# what is built.
+set(SVCMGR_KNOWN_COMPILERS "GNU 12" "GNU 14" "Clang 14" "Clang 19")
+set(SVCMGR_COMPILER_IS_KNOWN ON)
+foreach(language IN ITEMS C CXX)
+  string(REGEX MATCH "^[0-9]+" major "${CMAKE_${language}_COMPILER_VERSION}")
+  if(NOT "${CMAKE_${language}_COMPILER_ID} ${major}" IN_LIST SVCMGR_KNOWN_COMPILERS)
+    set(SVCMGR_COMPILER_IS_KNOWN OFF)
+  endif()
+endforeach()
+if(SVCMGR_WERROR STREQUAL "KNOWN")
+  set(warnings_are_errors ${SVCMGR_COMPILER_IS_KNOWN})
+else()
+  set(warnings_are_errors ${SVCMGR_WERROR})
+endif()
+if(warnings_are_errors)
   add_compile_options(-Werror)
 endif()
 if(SVCMGR_SANITIZE)
