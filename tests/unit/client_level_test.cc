@@ -941,6 +941,10 @@ struct ATable : AFileThatCannotBeOpened {
 
   static std::size_t EntrySize(Kind kind) { return Builder(kind).EntrySize(); }
 
+  static std::size_t SizeOf(const path& file) {
+    return static_cast<std::size_t>(fs::file_size(file));
+  }
+
   /** Where a header stands in the file. */
   static std::size_t Place(Kind kind, std::size_t size, std::size_t entry) {
     return size - (kCount - entry) * EntrySize(kind);
@@ -953,7 +957,7 @@ TEST_F(ATable, WithHeadersThatCannotBeReadHasAMarkerBehindThem) {
       for (const std::size_t first : {1U, 2U, 63U, 64U, 102U, 255U, 256U, 409U, 900U}) {
         files() = {};
         const path file = Write("file", WithMarkersFrom(kind, first));
-        const std::size_t from = Place(kind, fs::file_size(file), first);
+        const std::size_t from = Place(kind, SizeOf(file), first);
         files().unreadable = {{from, from + count * EntrySize(kind)}};
         EXPECT_EQ(Search(), (Found{static_cast<int>(first + count), 2, 3, 182}));
         EXPECT_LE(files().reads, 1 + 1500 + 1);
@@ -967,7 +971,7 @@ TEST_F(ATable, WithAHeaderThatCannotBeReadToItsEndHasAMarkerBehindIt) {
   for (const Kind kind : {Kind::k32, Kind::k64}) {
     const path file = Write("file", WithMarkersFrom(kind, 300));
     for (std::size_t byte = 0; byte < EntrySize(kind); ++byte) {
-      const std::size_t from = Place(kind, fs::file_size(file), 300) + byte;
+      const std::size_t from = Place(kind, SizeOf(file), 300) + byte;
       files().unreadable = {{from, from + 1}};
       EXPECT_EQ(Search(), (Found{301, 2, 3, 182})) << byte;
     }
@@ -979,7 +983,7 @@ TEST_F(ATable, WithHeadersThatCannotBeReadHereAndThereHasTheMarkersOfTheOthers) 
     const path file = Write("file", WithMarkersFrom(kind, kCount - 1));
     files().unreadable.clear();
     for (std::size_t entry = 0; entry < kCount - 1; entry += 7) {
-      const std::size_t from = Place(kind, fs::file_size(file), entry);
+      const std::size_t from = Place(kind, SizeOf(file), entry);
       files().unreadable.push_back({from, from + 1});
     }
     EXPECT_EQ(Search(), (Found{kCount - 1, 2, 3, 182}));
@@ -1005,7 +1009,7 @@ TEST_F(ATable, WithoutAReadableHeaderHasNoMarker) {
   for (const Kind kind : {Kind::k32, Kind::k64}) {
     files() = {};
     const path file = Write("file", WithMarkersFrom(kind, 0));
-    files().unreadable = {{Place(kind, fs::file_size(file), 0), fs::file_size(file)}};
+    files().unreadable = {{Place(kind, SizeOf(file), 0), SizeOf(file)}};
     EXPECT_EQ(Search(), kNothing);
     EXPECT_LE(files().reads, 1 + 1500);
   }
