@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,29 +20,25 @@ static_assert(sizeof(Generation::Word) == 8 && Generation::Word::is_always_lock_
 
 std::string PathIn(const std::string& folder) { return folder + "/" + kGenerationFile; }
 
-// Null if the file is not a regular one that holds the word.
-Generation::Word* Map(int fd, int protection, struct stat* about) {
-  if (fstat(fd, about) != 0 || !S_ISREG(about->st_mode)) return nullptr;
-  if (about->st_size < static_cast<off_t>(sizeof(Generation::Word))) return nullptr;
-  void* mapped = mmap(nullptr, sizeof(Generation::Word), protection, MAP_SHARED, fd, 0);
-  return mapped == MAP_FAILED ? nullptr : static_cast<Generation::Word*>(mapped);
+// Whether the file begins with a word that lies on its own storage: to look at a hole through a
+// mapping asks for storage, which may be none, and holes read as zeros.
+bool HoldsWord(int fd, struct stat* about) {
+  uint64_t word = 0;
+  return fstat(fd, about) == 0 && S_ISREG(about->st_mode) &&
+         pread(fd, &word, sizeof word, 0) == static_cast<ssize_t>(sizeof word) && word != 0;
 }
 
-bool TryBump(const std::string& path) {
+// Never through a mapping, which has no way to tell of a file system that is full but to end the
+// process. Drawn words need no lock between writers: none of them comes twice.
+bool WriteNewWord(const std::string& path) {
   const UniqueFd fd(
-      open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644));
+      open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644));
   if (!fd) return false;
-  struct stat about;
-  Generation::Word* word = Map(fd.get(), PROT_READ | PROT_WRITE, &about);
-  if (!word) {
-    // A new file. Two writers that extend it at once do the same.
-    if (ftruncate(fd.get(), sizeof(Generation::Word)) != 0) return false;
-    word = Map(fd.get(), PROT_READ | PROT_WRITE, &about);
+  uint64_t word = 0;
+  while (word == 0) {
+    if (getrandom(&word, sizeof word, 0) != static_cast<ssize_t>(sizeof word)) return false;
   }
-  if (!word) return false;
-  word->fetch_add(1, std::memory_order_release);
-  munmap(word, sizeof *word);
-  return true;
+  return pwrite(fd.get(), &word, sizeof word, 0) == static_cast<ssize_t>(sizeof word);
 }
 
 }  // namespace
@@ -51,20 +48,20 @@ std::shared_ptr<const Generation> Generation::Open(const std::string& folder,
   const UniqueFd fd(open(PathIn(folder).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
   if (!fd) return nullptr;
   struct stat about;
-  Word* word = Map(fd.get(), PROT_READ, &about);
-  if (!word) return nullptr;
+  if (!HoldsWord(fd.get(), &about)) return nullptr;
   if (current && current->device_ == about.st_dev && current->inode_ == about.st_ino) {
-    munmap(word, sizeof *word);
     return current;
   }
-  return std::make_shared<Generation>(word, about.st_dev, about.st_ino);
+  void* mapped = mmap(nullptr, sizeof(Word), PROT_READ, MAP_SHARED, fd.get(), 0);
+  if (mapped == MAP_FAILED) return nullptr;
+  return std::make_shared<Generation>(static_cast<const Word*>(mapped), about.st_dev, about.st_ino);
 }
 
 void Generation::Bump(const std::string& folder) {
   const std::string path = PathIn(folder);
-  if (!TryBump(path)) unlink(path.c_str());
+  if (!WriteNewWord(path)) unlink(path.c_str());
 }
 
-Generation::~Generation() { munmap(word_, sizeof *word_); }
+Generation::~Generation() { munmap(const_cast<Word*>(word_), sizeof *word_); }
 
 }  // namespace packages

@@ -11,11 +11,14 @@
 
 namespace packages {
 
-// Name of the file in a package folder whose first eight bytes change with each change that the
-// functions of package_desktop.h make, after the change.
+// Name of the file in a package folder whose first eight bytes, never zeros, are drawn anew after each
+// change that the functions of package_desktop.h make.
 inline constexpr char kGenerationFile[] = ".generation";
 
 // The generation word of a folder, mapped.
+//
+// A file that somebody makes empty while it is mapped ends the process that looks at the word next.
+// Who looks therefore hears first whether anybody has touched the file, as often as it can be afforded.
 class Generation {
  public:
   using Word = std::atomic<uint64_t>;
@@ -28,7 +31,8 @@ class Generation {
   // and readers ask the kernel instead.
   static void Bump(const std::string& folder);
 
-  Generation(Word* word, dev_t device, ino_t inode) : word_(word), device_(device), inode_(inode) {}
+  Generation(const Word* word, dev_t device, ino_t inode)
+      : word_(word), device_(device), inode_(inode) {}
   Generation(const Generation&) = delete;
   Generation& operator=(const Generation&) = delete;
   ~Generation();
@@ -36,7 +40,7 @@ class Generation {
   uint64_t Load() const { return word_->load(std::memory_order_acquire); }
 
  private:
-  Word* const word_;
+  const Word* const word_;
   const dev_t device_;
   const ino_t inode_;
 };

@@ -29,7 +29,9 @@
  * above it; and what another machine does to a file system of the network. A folder with key files
  * that have more than one hard link is read by every look-up. Look-ups are quickest where the functions
  * below do it, because these also change the file .generation in the folder, which look-ups have
- * mapped. Nobody else writes that file; who needs it gone removes it.
+ * mapped; where the file system has no room for it, look-ups ask the kernel instead. Nobody else writes
+ * that file; who needs it gone removes it: a process that looks at it just when somebody makes it empty
+ * is ended by SIGBUS, as with any mapped file.
  *
  * All functions return 0 on success and a negative error code otherwise, and may be called from any
  * thread.
