@@ -12,6 +12,7 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 
 #include "change_signal.h"
@@ -103,8 +104,10 @@ struct ThreadCache {
   bool closed;
 
   bool IsLatest() const { return snapshot && stamp->IsLatest(); }
+  // Without memory the cache stays empty.
   void Fill(const Snapshot* latest, Stamp latest_stamp) {
-    stamp = new Stamp(std::move(latest_stamp));
+    stamp = new (std::nothrow) Stamp(std::move(latest_stamp));
+    if (!stamp) return;
     snapshot = latest;
     TakeShares();
   }
@@ -129,15 +132,18 @@ struct ThreadCache {
 };
 __attribute__((tls_model("initial-exec"))) thread_local ThreadCache cache;
 
-// Gives back at the thread's end what its cache holds.
-struct CacheCloser {
-  ~CacheCloser() {
-    cache.Clear();
-    cache.closed = true;
-  }
-  void Touch() {}
-};
-thread_local CacheCloser closer;
+// Gives back at the thread's end what its cache holds. A key of the C library: without memory for the
+// destructor of a thread-local object, the process would be aborted.
+pthread_key_t closing_key;
+bool has_closing_key = false;
+
+void CloseCache(void*) {
+  cache.Clear();
+  cache.closed = true;
+}
+
+// False if nothing would give back what the cache held.
+bool WillBeClosed() { return has_closing_key && pthread_setspecific(closing_key, &cache) == 0; }
 
 Store& Store::Get() {
   static Store& store = []() -> Store& {
@@ -170,7 +176,10 @@ int Store::Latest(SnapshotRef* snapshot, Stamp* stamp, Snapshot::Complaints* fre
 
 // Before there can be a second thread: a fork while the first look-up runs finds the lock taken
 // care of.
-__attribute__((constructor)) void PrepareStore() { Store::Get(); }
+__attribute__((constructor)) void PrepareStore() {
+  Store::Get();
+  has_closing_key = pthread_key_create(&closing_key, CloseCache) == 0;
+}
 
 // Whether the folder may have changed since it was last asked.
 bool Store::Ask() {
@@ -233,8 +242,7 @@ int AskStore(SnapshotRef* snapshot) {
   const int error = Store::Get().Latest(snapshot, &stamp, &complaints);
   Complain(complaints);
   if (error) return error;
-  if (!cache.closed && stamp.CanTell()) {
-    closer.Touch();
+  if (!cache.closed && stamp.CanTell() && WillBeClosed()) {
     cache.Fill(snapshot->get(), std::move(stamp));
   }
   return 0;
