@@ -16,7 +16,7 @@ constexpr int kNoSuchPackage = static_cast<int>(0xFEEB0071);
 constexpr char kUnknownVersion[] = "0.0.0";
 
 std::string FromEnvironment(const char* name) {
-  const char* value = getenv(name);
+  const char* value = secure_getenv(name);
   return value ? value : "";
 }
 

@@ -2,9 +2,9 @@
 #include "package_store.h"
 
 #include <dlog.h>
-#include <glib.h>
 #include <limits.h>
 #include <pthread.h>
+#include <pwd.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -58,9 +58,31 @@ struct Stamp {
   }
 };
 
+// Null for an empty variable, and for all of them where the environment cannot be trusted.
+const char* FromEnvironment(const char* variable) {
+  const char* value = secure_getenv(variable);
+  return value && *value ? value : nullptr;
+}
+
+std::string HomeFolder() {
+  if (const char* home = FromEnvironment("HOME")) return home;
+  passwd user;
+  passwd* found = nullptr;
+  char texts[4096];
+  getpwuid_r(geteuid(), &user, texts, sizeof texts, &found);
+  return found ? found->pw_dir : "/";
+}
+
+std::string GivenFolder() {
+  if (const char* folder = FromEnvironment("VELMORA_PACKAGE_DIR")) return folder;
+  if (const char* data = FromEnvironment("XDG_DATA_HOME")) {
+    return std::string(data) + "/velmora/packages";
+  }
+  return HomeFolder() + "/.local/share/velmora/packages";
+}
+
 std::string PackageFolder() {
-  const char* given = getenv("VELMORA_PACKAGE_DIR");
-  if (!given || !*given) return std::string(g_get_user_data_dir()) + "/velmora/packages";
+  const std::string given = GivenFolder();
   if (given[0] == '/') return given;
   char current[PATH_MAX];
   return std::string(getcwd(current, sizeof current) ? current : "") + "/" + given;

@@ -120,7 +120,7 @@ int ThresholdFromEnvironment() {
       {"warn", DLOG_WARN},       {"error", DLOG_ERROR}, {"fatal", DLOG_FATAL},
       {"silent", DLOG_SILENT},
   };
-  const char* name = getenv("VELMORA_LOG_LEVEL");
+  const char* name = secure_getenv("VELMORA_LOG_LEVEL");
   for (const auto& level : kLevels) {
     if (name && strcmp(name, level.name) == 0) return level.level;
   }
@@ -134,7 +134,7 @@ bool IsFileOrCharacterDevice(int fd) {
 }
 
 void OpenSink() {
-  const char* path = getenv("VELMORA_LOG_FILE");
+  const char* path = secure_getenv("VELMORA_LOG_FILE");
   if (path && *path) {
     const int fd =
         open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0644);
@@ -144,7 +144,7 @@ void OpenSink() {
       close(fd);
     }
   }
-  const char* no_colour = getenv("NO_COLOR");
+  const char* no_colour = secure_getenv("NO_COLOR");
   sink.keeps_colour = !(no_colour && *no_colour) && isatty(sink.fd);
 }
 
@@ -349,9 +349,10 @@ void DateOfDay(int64_t day, int* year, int* month, int* day_of_month) {
 }
 
 void AppendTime(std::string* out) {
-  // A burst of records shares its second.
-  static thread_local time_t last_second;
-  static thread_local char last_text[48];
+  // A burst of records shares its second. Memory that a thread has from its start: to get it later
+  // can fail, which would abort the process.
+  __attribute__((tls_model("initial-exec"))) static thread_local time_t last_second;
+  __attribute__((tls_model("initial-exec"))) static thread_local char last_text[48];
   timespec now;
   clock_gettime(CLOCK_REALTIME, &now);
   if (now.tv_sec != last_second || last_text[0] == '\0') {

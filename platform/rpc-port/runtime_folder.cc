@@ -2,12 +2,12 @@
 #include "runtime_folder.h"
 
 #include <fcntl.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 
 #include "codes.h"
 
@@ -18,7 +18,7 @@ namespace {
 constexpr size_t kMaxSocketName = 80;
 
 const char* NonEmpty(const char* variable) {
-  const char* value = std::getenv(variable);
+  const char* value = secure_getenv(variable);
   return value != nullptr && *value != '\0' ? value : nullptr;
 }
 

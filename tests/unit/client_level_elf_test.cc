@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "client_level_support.h"
-#include "readelf.h"
+#include "support/readelf.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <tuple>
 #include <vector>
 
-#include "readelf.h"
+#include "support/readelf.h"
 
 namespace {
 

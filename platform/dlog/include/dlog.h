@@ -13,7 +13,8 @@
  * process replaces itself by exec or is killed.
  *
  * VELMORA_LOG_LEVEL is the lowest priority that is written: verbose, debug, info, warn (the default),
- * error, fatal, or silent for none. The environment is read at the first record.
+ * error, fatal, or silent for none. The environment is read at the first record; a program that runs with
+ * more rights than its user has does without it.
  *
  * A record is one line: "TIME PRIORITY TAG PID: MESSAGE", with the time in UTC and the priority as
  * one letter. Newlines at the message's end are dropped. Other control characters, those that reorder

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-#ifndef SVCMGR_TESTS_UNIT_READELF_H
-#define SVCMGR_TESTS_UNIT_READELF_H
+#ifndef TESTS_SUPPORT_READELF_H_
+#define TESTS_SUPPORT_READELF_H_
 
 /* What the binutils say about ELF files. */
 
@@ -109,4 +109,4 @@ inline std::string BytesAt(const std::string& file, std::uint64_t offset, std::s
 
 }  // namespace binutils
 
-#endif  // SVCMGR_TESTS_UNIT_READELF_H
+#endif  // TESTS_SUPPORT_READELF_H_
