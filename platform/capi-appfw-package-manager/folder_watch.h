@@ -21,8 +21,8 @@ class FolderWatch {
   // happens. Always true at the first call, and as long as the kernel grants no watch.
   bool Changed();
 
-  // Readable when something has happened; -1 without a watch.
-  int fd() const { return inotify_.get(); }
+  // False as long as the kernel grants no watch.
+  bool stands() const { return static_cast<bool>(inotify_); }
 
  private:
   // A folder on the way to the watched one, and the entry of it that leads on; no entry for the

@@ -7,6 +7,7 @@
 #include <pwd.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -15,18 +16,20 @@
 #include <new>
 #include <string>
 
-#include "change_signal.h"
 #include "folder_watch.h"
 #include "generation.h"
 #include "snapshot_reader.h"
 
 // How a look-up knows that its snapshot is the latest
 //
-// The sure way is to read the folder's watch, one system call. Where the folder has a generation
-// file, comparing words in memory does instead: the generation word, which the functions of
-// package_desktop.h change before they return, and the change signal, which the kernel changes when
-// anybody else touches the folder. Each thread keeps the snapshot that it used last, with the words
-// as they were; while they stay so, a look-up takes no lock either.
+// The sure way is to read the folder's watch, one system call. Where the folder has a generation file,
+// the word in it, which the functions of package_desktop.h change before they return, does instead, and
+// the watch is read every 10 ms only, for what others do to the folder. Each thread keeps the snapshot
+// that it used last, with the word as it was; while that stays so, a look-up takes no lock either.
+//
+// A generation file that somebody makes empty ends the process that looks at its word next. The watch
+// tells of it, so that only look-ups within those 10 ms are in danger; to be in none, each would have to
+// read the watch.
 //
 // The watch hears what is done under the folder's own names. A key file that has a name elsewhere, too,
 // makes every look-up read the folder.
@@ -35,26 +38,31 @@ namespace packages {
 
 namespace {
 
-// The change signal makes the end of a process some milliseconds longer; a process that asks a few
-// times only is better off without.
-constexpr unsigned kReadsBeforeSignal = 64;
+// For how long the generation word is trusted alone.
+constexpr int64_t kTrustMs = 10;
 
-// Counts up whenever a look-up has found something new; never wraps, unlike the signal's word.
+// Costs no system call, and is right to a few milliseconds.
+int64_t CoarseMs() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// Counts up whenever a look-up has found something new.
 std::atomic<uint64_t> store_version{1};
 
-// The words that tell whether a snapshot is the latest; without them, none is known to be.
+// What tells whether a snapshot is the latest; without a generation word, nothing does.
 struct Stamp {
   std::shared_ptr<const Generation> generation;
   uint64_t generation_seen = 0;
-  const ChangeSignal::Word* signal = nullptr;
-  ChangeSignal::Word signal_seen = 0;
+  int64_t trusted_until = 0;
   uint64_t version = 0;
 
   bool GenerationMoved() const { return generation && generation->Load() != generation_seen; }
-  bool CanTell() const { return signal && generation; }
+  bool CanTell() const { return generation && trusted_until > 0; }
   bool IsLatest() const {
     return CanTell() && version == store_version.load(std::memory_order_acquire) &&
-           __atomic_load_n(signal, __ATOMIC_ACQUIRE) == signal_seen && !GenerationMoved();
+           CoarseMs() < trusted_until && !GenerationMoved();
   }
 };
 
@@ -107,8 +115,6 @@ class Store {
   std::mutex mutex_;    // guards all that follows
   std::string folder_;  // empty before the first look-up
   std::unique_ptr<FolderWatch> watch_;
-  std::unique_ptr<ChangeSignal> signal_;
-  unsigned reads_ = 0;
   SnapshotRef snapshot_;  // none until the folder has been read since its last change
   Snapshot::Complaints complaints_;
   Stamp stamp_;
@@ -176,12 +182,10 @@ Store& Store::Get() {
   return store;
 }
 
-// The watch's queue is shared with the parent, and the signal is the parent's alone.
+// The watch's queue is shared with the parent.
 void Store::ForgetInChild() {
   Store& store = Get();
   store.watch_.reset();
-  store.signal_.reset();
-  store.reads_ = 0;
   store.snapshot_ = SnapshotRef();
   store_version.fetch_add(1, std::memory_order_release);
   store.mutex_.unlock();
@@ -207,20 +211,12 @@ __attribute__((constructor)) void PrepareStore() {
 bool Store::Ask() {
   if (folder_.empty()) folder_ = PackageFolder();
   if (!watch_) watch_ = std::make_unique<FolderWatch>(folder_);
+  stamp_.trusted_until = CoarseMs() + kTrustMs;
   const bool changed = watch_->Changed();
-  if (watch_->fd() < 0) {
-    signal_.reset();
-  } else if (!signal_ && stamp_.generation && ++reads_ == kReadsBeforeSignal) {
-    signal_ = std::make_unique<ChangeSignal>();
-    if (!signal_->Watch(watch_->fd())) signal_.reset();
+  if (!watch_->stands()) stamp_.trusted_until = 0;
+  if (changed || stamp_.GenerationMoved()) {
+    stamp_.version = store_version.fetch_add(1, std::memory_order_release) + 1;
   }
-  stamp_.signal = nullptr;
-  if (signal_) {
-    stamp_.signal_seen = signal_->Rearm();
-    stamp_.signal = signal_->word();
-    if (!stamp_.signal) signal_.reset();
-  }
-  stamp_.version = store_version.fetch_add(1, std::memory_order_release) + 1;
   return changed;
 }
 
@@ -230,7 +226,7 @@ int Store::Refresh(Snapshot::Complaints* fresh_complaints) {
   // Only a folder in which nobody touched the generation file has a word that is safe to look at.
   if (snapshot_ && !snapshot_->may_change_unheard() && !stamp_.GenerationMoved()) return 0;
   const int error = Read(fresh_complaints);
-  if (snapshot_ && snapshot_->may_change_unheard()) stamp_.signal = nullptr;
+  if (snapshot_ && snapshot_->may_change_unheard()) stamp_.trusted_until = 0;
   return error;
 }
 

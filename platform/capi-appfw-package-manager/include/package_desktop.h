@@ -23,15 +23,20 @@
  * the log. A section without an ID or of another name is ignored. Of two packages that have the same
  * application, the first by ID counts.
  *
- * Anybody may change the folder by hand, and the next look-up sees it, but for what the kernel tells
- * nobody: a key file that is written through a memory mapping or, where a second hard link was made
- * after the file was read, through that link; another folder that is mounted over this one or over one
- * above it; and what another machine does to a file system of the network. A folder with key files
- * that have more than one hard link is read by every look-up. Look-ups are quickest where the functions
- * below do it, because these also change the file .generation in the folder, which look-ups have
- * mapped; where the file system has no room for it, look-ups ask the kernel instead. Nobody else writes
- * that file; who needs it gone removes it: a process that looks at it just when somebody makes it empty
- * is ended by SIGBUS, as with any mapped file.
+ * What the functions below do is seen by the next look-up of every process. For that they also change
+ * the file .generation in the folder, which look-ups have mapped; where the file system has no room for
+ * it there is none.
+ *
+ * Anybody may change the folder by hand, too. Where there is no .generation, the next look-up sees it;
+ * where there is one, look-ups are quicker, but ask the kernel only every 10 ms (by its coarse clock), so
+ * that a change by hand may take as long to be seen. The kernel tells nobody of a key file that is
+ * written through a memory mapping or, where a second hard link was made after the file was read,
+ * through that link; of another folder that is mounted over this one or over one above it; nor of what
+ * another machine does to a file system of the network. A folder with key files that have more than one
+ * hard link is read by every look-up.
+ *
+ * Nobody else writes .generation; who needs it gone removes it. Making it empty ends, by SIGBUS, a process
+ * that looks a package up before those 10 ms have passed.
  *
  * All functions return 0 on success and a negative error code otherwise, and may be called from any
  * thread.

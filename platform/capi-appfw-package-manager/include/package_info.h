@@ -19,7 +19,8 @@ typedef struct package_info_s* package_info_h;
 
 /**
  * Looks a package up; the caller releases the handle with package_info_destroy. Every installation,
- * upgrade or removal that came before the call is seen.
+ * upgrade or removal that came before the call is seen; on the desktop, what is changed by hand in a
+ * folder that the desktop's tools write, too, is seen within 10 ms (package_desktop.h).
  *
  * Returns 0xFEEB0071, as a 32-bit value, if no such package is installed, another negative code if the
  * installed packages cannot be read; the handle is then left untouched.
