@@ -1580,6 +1580,7 @@ const ScanFailure kScanFailures[] = {
     {"ApplicationFailsWithGarbage", "app_info_create", 0,
      [] { return fake::FailWithGarbage(-22); }},
     {"ApplicationFailsWithNull", "app_info_create", 0, [] { return fake::FailWithNull(-12); }},
+    {"ApplicationIsNull", "app_info_create", 0, [] { return fake::SucceedWithNull(); }},
 };
 
 struct AFailureInTheScan : ACategory, ::testing::WithParamInterface<std::tuple<ScanFailure, int>> {
@@ -1660,6 +1661,9 @@ TEST_P(AnExceptionInTheScan, DoesNotCrossThePlatformAndEndsTheQuery) {
   EXPECT_THAT(logs.back(), FollowUp(kCategory, -38));
   for (std::size_t i = 1; i + 1 < logs.size(); ++i) EXPECT_THAT(logs[i], IsUnknownException());
   EXPECT_THAT(fake::SentParcels(), IsEmpty());
+  // There is a package behind the one whose step threw.
+  const bool scanned = GetParam() != "package_manager_foreach_package_info";
+  EXPECT_EQ(fake::CountCalls("package_info_get_package"), scanned ? 1U : 0U);
   fake::ForgetScripts(GetParam());
   EXPECT_EQ(AskFor("vision"), SVCMGR_ERROR_NONE);
   EXPECT_EQ(SeqOfSent(0), 0);
