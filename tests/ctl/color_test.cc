@@ -10,8 +10,7 @@ using testing::Not;
 
 constexpr char kEscape[] = "\x1b[";
 
-Ending RunOnTerminal(std::vector<std::string> arguments,
-                     std::map<std::string, std::string> environment) {
+Ending RunOnTerminal(std::vector<std::string> arguments, decltype(Start::environment) environment) {
   Start start;
   start.arguments = std::move(arguments);
   start.environment = std::move(environment);
@@ -53,6 +52,16 @@ TEST(Color, IsUsedOnATerminalUnlessItIsNotWanted) {
   EXPECT_THAT(RunOnTerminal({"status"}, {{"NO_COLOR", "1"}}).output, Not(HasSubstr(kEscape)));
   EXPECT_THAT(RunOnTerminal({"status"}, {{"TERM", "dumb"}}).output, Not(HasSubstr(kEscape)));
   EXPECT_THAT(RunOnTerminal({"status", "--color=never"}, {}).output, Not(HasSubstr(kEscape)));
+}
+
+TEST(Color, IsNotUsedOnATerminalThatDoesNotSayWhatItIs) {
+  if (!HasTerminals()) GTEST_SKIP() << "there are no pseudo terminals here";
+  for (const auto& term : {std::optional<std::string>(), std::optional<std::string>("")}) {
+    EXPECT_THAT(RunOnTerminal({"status"}, {{"TERM", term}}).output, Not(HasSubstr(kEscape)));
+    EXPECT_THAT(RunOnTerminal({"frobnicate"}, {{"TERM", term}}).output, Not(HasSubstr(kEscape)));
+    EXPECT_THAT(RunOnTerminal({"status", "--color=always"}, {{"TERM", term}}).output,
+                HasSubstr(kEscape));
+  }
 }
 
 TEST(Color, OfMessagesFollowsStandardError) {

@@ -55,6 +55,10 @@ const Row kWrong[] = {
     {{"--version=x"}, "--version takes no value; see 'svcmgrctl --help'"},
     {{"--help=x"}, "--help takes no value; see 'svcmgrctl --help'"},
     {{"-"}, "there is no command '-'; see 'svcmgrctl --help'"},
+    {{"update", ""}, "AGENT: '' names no agent; see 'svcmgrctl update --help'"},
+    {{"update", "a", ""}, "AGENT: '' names no agent; see 'svcmgrctl update --help'"},
+    {{"models", "update", ""},
+     "ID[@VERSION]: '' names no model; see 'svcmgrctl models update --help'"},
 };
 
 TEST(AWrongCommandLine, EndsWithTwoAndSaysWhatIsWrong) {
@@ -144,6 +148,33 @@ TEST(TheLog, IsAtTheLevelOfTheEnvironmentUnlessAnOptionChoosesIt) {
   };
   for (const auto& row : rows)
     EXPECT_EQ(RunLogging(row.level, row.arguments).errors, row.record + kError) << row.level;
+}
+
+TEST(TheLog, IsNotOnATerminalUnlessItIsAskedFor) {
+  if (!HasTerminals()) GTEST_SKIP() << "there are no pseudo terminals here";
+  Start start;
+  start.terminal = true;
+  const auto shown = [&](std::vector<std::string> arguments) {
+    start.arguments = std::move(arguments);
+    start.arguments.push_back("--color=never");
+    return RunWith(start, R"({"connect": {"log": true, "result": -1}})").output;
+  };
+  constexpr char kError[] =
+      "svcmgrctl: error: the agent is not running (SVCMGR_ERROR_CONNECTION_FAILED)\r\n";
+  start.environment = {{"VELMORA_LOG_LEVEL", "verbose"}};
+  EXPECT_EQ(shown({"api-level"}), kError);
+  EXPECT_EQ(shown({"api-level", "-v"}), std::string("a record at info\r\n") + kError);
+}
+
+TEST(TheLog, InAFileIsAtTheLevelOfTheEnvironmentOnATerminalToo) {
+  if (!HasTerminals()) GTEST_SKIP() << "there are no pseudo terminals here";
+  Start start;
+  start.terminal = true;
+  start.arguments = {"api-level"};
+  // The scripted library shows at once what the real one would write to the file.
+  start.environment = {{"VELMORA_LOG_LEVEL", "verbose"}, {"VELMORA_LOG_FILE", "/a/file"}};
+  EXPECT_THAT(RunWith(start, R"({"connect": {"log": true, "result": -1}})").output,
+              HasSubstr("a record at verbose"));
 }
 
 TEST(TheLog, IsNeverBetweenJsonDocuments) {

@@ -292,6 +292,18 @@ TEST_F(WorkOnATerminal, HasABarForEachModelAndOneForTheWhole) {
   EXPECT_THAT(screen.lines()[4], Says("2 models are updated"));
 }
 
+TEST_F(WorkOnATerminal, HasNoBarsWhereThereIsOneColumn) {
+  Start start = OnTerminal({"models", "update", "one"});
+  start.columns = 1;
+  const Ending ending =
+      RunWith(start, Work(Paused({Progress(0, 1, 1, 1, 50)}) + "," + Progress(0, 2, 1, 1, 100)));
+  EXPECT_EQ(ending.status, 0);
+  EXPECT_THAT(ending.output, Not(HasSubstr("\x1b")));
+  const Screen screen(ending.output);
+  ASSERT_EQ(screen.lines().size(), 2u) << screen.Text();
+  EXPECT_THAT(screen.lines()[1], Says("1 model is updated"));
+}
+
 TEST_F(WorkOnATerminal, NeverGoesBackwardsAndIsNeverWholeBeforeTheEnd) {
   const std::string script =
       Work(Paused({Progress(0, 1, 1, 2, 100), Progress(0, 1, 1, 2, 10), Progress(0, 1, 2, 2, 60),

@@ -74,9 +74,12 @@ void ShortenThreadSanitizer() {
 
 [[noreturn]] void BecomeProgram(const std::string& script, const Start& start,
                                 const Channels& channels) {
-  for (const char* name : {"NO_COLOR", "TERM", "VELMORA_LOG_LEVEL"}) unsetenv(name);
+  for (const char* name : {"NO_COLOR", "TERM", "VELMORA_LOG_FILE", "VELMORA_LOG_LEVEL"})
+    unsetenv(name);
+  if (start.terminal) setenv("TERM", "xterm", 1);
   ShortenThreadSanitizer();
-  for (const auto& [name, value] : start.environment) setenv(name.c_str(), value.c_str(), 1);
+  for (const auto& [name, value] : start.environment)
+    value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
   setenv("SVCMGRCTL_SCRIPT", script.c_str(), 1);
   if (start.signal_when_waiting != 0)
     setenv("SVCMGRCTL_SCRIPT_FD", std::to_string(channels.waiting.write_end.get()).c_str(), 1);

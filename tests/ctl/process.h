@@ -3,6 +3,7 @@
 #define TESTS_CTL_PROCESS_H_
 
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,8 +12,9 @@ struct Start {
   /** The program, linked with the scripted library. */
   std::string program = SVCMGRCTL_SCRIPTED;
   std::vector<std::string> arguments;
-  /** Variables set for the program; those that could change its output are removed. */
-  std::map<std::string, std::string> environment;
+  /** Variables set for the program, or removed from it. Of the others, those that could change its
+   *  output are removed, and a terminal has a TERM. */
+  std::map<std::string, std::optional<std::string>> environment;
   /** A descriptor to use as standard output instead of the pipe that is read; -1 for none. */
   int standard_output = -1;
   /** Standard output has nobody to read it. */

@@ -274,13 +274,27 @@ TEST_F(AnUpdateOnATerminal, DrawsNoLineThatWouldWrap) {
   EXPECT_TRUE(drawn);
 }
 
-TEST_F(AnUpdateOnATerminal, IsPlainLinesWhereTheTerminalIsDumb) {
+TEST_F(AnUpdateOnATerminal, IsPlainLinesWhereTheTerminalIsDumbOrUnknown) {
   Start start;
   start.arguments = {"update"};
   start.terminal = true;
-  start.environment = {{"TERM", "dumb"}};
-  const Ending ending = RunWith(start, Update(R"({"update": 0}, {"pause": 200}, {"update": 1})"));
+  for (const auto& term : {std::optional<std::string>("dumb"), std::optional<std::string>(""),
+                           std::optional<std::string>()}) {
+    start.environment = {{"TERM", term}};
+    const Ending ending = RunWith(start, Update(R"({"update": 0}, {"pause": 200}, {"update": 1})"));
+    EXPECT_THAT(ending.output, Not(HasSubstr("\x1b"))) << term.value_or("none");
+  }
+}
+
+TEST_F(AnUpdateOnATerminal, DrawsNothingWhereThereIsOneColumn) {
+  Start start;
+  start.arguments = {"update"};
+  start.terminal = true;
+  start.columns = 1;
+  const Ending ending = RunWith(start, Update(R"({"update": 0}, {"pause": 300}, {"update": 1})"));
+  EXPECT_EQ(ending.status, 0);
   EXPECT_THAT(ending.output, Not(HasSubstr("\x1b")));
+  EXPECT_THAT(Lines(ending.output), Not(testing::Contains(testing::AnyOf("", "\r"))));
 }
 
 TEST(Updating, IsYesOrNo) {

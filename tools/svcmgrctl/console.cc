@@ -28,9 +28,9 @@ bool IsSet(const char* variable) {
   return value != nullptr && *value != '\0';
 }
 
+// One that does not say what it is may know no escape sequence.
 bool IsCleverTerminal(int fd) {
-  const char* terminal = std::getenv("TERM");
-  return isatty(fd) != 0 && (terminal == nullptr || std::string_view(terminal) != "dumb");
+  return isatty(fd) != 0 && IsSet("TERM") && std::string_view(std::getenv("TERM")) != "dumb";
 }
 
 bool UseColor(ColorWhen when, int fd) {
@@ -113,16 +113,18 @@ void Console::Line(const Json& json, std::string_view text) {
   WriteLeftovers();
 }
 
-void Console::Draw(const std::vector<std::string>& lines) {
-  if (!live_ || lines == drawn_) return;
+void Console::Draw(std::vector<std::string> lines) {
+  if (!live_) return;
+  // A line that fills the last column would wrap on some terminals.
+  const std::size_t width = SizeOfTerminal().columns - 1;
+  if (width == 0) lines.clear();
+  if (lines == drawn_) return;
   WriteLeftovers();
   // A terminal that lags behind gets fewer pictures, not a queue of them.
   if (!kept_.empty() && !lines.empty()) return;
   kept_ += Erase(drawn_.size());
-  // A line that fills the last column would wrap on some terminals.
-  const std::size_t width = SizeOfTerminal().columns - 1;
   for (const std::string& line : lines) kept_ += FirstCells(line, width) + "\n";
-  drawn_ = lines;
+  drawn_ = std::move(lines);
   WriteLeftovers();
 }
 

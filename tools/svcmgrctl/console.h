@@ -51,8 +51,9 @@ class Console {
   void Line(const Json& json, std::string_view text);
 
   /** Shows these lines at the end of what is on the terminal, in place of those that were shown so
-   *  before. They must be safe for a terminal, and are cut to its width. Only where live(). */
-  void Draw(const std::vector<std::string>& lines);
+   *  before. They must be safe for a terminal, and are cut to its width; where that leaves nothing of
+   *  them, nothing is shown. Only where live(). */
+  void Draw(std::vector<std::string> lines);
 
   /** Leaves what is drawn where it is: what follows comes below it. */
   void KeepDrawn() { drawn_.clear(); }

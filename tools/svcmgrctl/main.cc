@@ -31,12 +31,18 @@ std::optional<Failure> FailureFrom(Work work) {
   }
 }
 
-// The library's records are for developers: a person gets the message of the program. A record among
-// JSON documents makes standard error unreadable for a program, so there even a level that somebody
-// else set does not count.
+bool LogsToTerminal() {
+  const char* file = std::getenv("VELMORA_LOG_FILE");
+  return (file == nullptr || *file == '\0') && isatty(STDERR_FILENO) != 0;
+}
+
+// The library's records are for developers: a person gets the message of the program. Among JSON
+// documents a record makes standard error unreadable for a program, and on a terminal it hides the
+// message, so there even a level that somebody else set does not count.
 void ChooseLogLevel(const Options& options) {
   constexpr char kLevel[] = "VELMORA_LOG_LEVEL";
-  setenv(kLevel, options.verbose ? "info" : "silent", options.verbose || options.json ? 1 : 0);
+  const bool overrules = options.verbose || options.json || LogsToTerminal();
+  setenv(kLevel, options.verbose ? "info" : "silent", overrules ? 1 : 0);
 }
 
 Outcome Carry(const Command& command, const Options& options, Console* console) {

@@ -197,11 +197,14 @@ void ShowUpdating(Session& session, Console& console, double listen) {
   console.Data({{"updating", updating}}, updating ? "yes\n" : "no\n");
 }
 
+std::string CheckAgent(const std::string& text) { return text.empty() ? "'' names no agent" : ""; }
+
 void AddUpdate(CLI::App& app, Command* chosen) {
   auto agents = std::make_shared<std::vector<std::string>>();
   CLI::App* update = app.add_subcommand("update", "Update the agents, and follow it to the end");
   update->add_option("AGENT", *agents, "The agents to update; without any, all of them")
-      ->type_name("");
+      ->type_name("")
+      ->check(CLI::Validator(CheckAgent, ""));
   update->callback([chosen, agents] {
     *chosen = [agents](Session& session, Console& console) {
       Update(session, console, *agents).Run();
