@@ -133,6 +133,12 @@ bool IsFileOrCharacterDevice(int fd) {
   return fstat(fd, &about) == 0 && (S_ISREG(about.st_mode) || S_ISCHR(about.st_mode));
 }
 
+// One that does not say what it is may know no escape sequence.
+bool IsCleverTerminal(int fd) {
+  const char* name = secure_getenv("TERM");
+  return name && *name && strcmp(name, "dumb") != 0 && isatty(fd);
+}
+
 void OpenSink() {
   const char* path = secure_getenv("VELMORA_LOG_FILE");
   if (path && *path) {
@@ -145,7 +151,7 @@ void OpenSink() {
     }
   }
   const char* no_colour = secure_getenv("NO_COLOR");
-  sink.keeps_colour = !(no_colour && *no_colour) && isatty(sink.fd);
+  sink.keeps_colour = !(no_colour && *no_colour) && IsCleverTerminal(sink.fd);
 }
 
 void LockForFork() { pthread_mutex_lock(&mutex); }

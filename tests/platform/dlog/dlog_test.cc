@@ -43,6 +43,7 @@ class Log : public testing::Test {
     path_ = top_ / "log";
     unsetenv("VELMORA_LOG_LEVEL");
     unsetenv("NO_COLOR");
+    setenv("TERM", "xterm", 1);
   }
   ~Log() override { std::filesystem::remove_all(top_); }
 
@@ -490,6 +491,17 @@ TEST_F(AStandardErrorLog, KeepsColourOnATerminalUnlessToldNotTo) {
   setenv("NO_COLOR", "", 1);
   EXPECT_THAT(OnATerminal(LogRed), HasSubstr(": \033[31mred\033[0m\r\n"));
   setenv("NO_COLOR", "1", 1);
+  EXPECT_THAT(OnATerminal(LogRed), HasSubstr(": red\r\n"));
+}
+
+TEST_F(AStandardErrorLog, HasNoColourOnATerminalThatIsDumbOrDoesNotSayWhatItIs) {
+  if (access("/dev/ptmx", R_OK | W_OK) != 0) GTEST_SKIP() << "no pseudo terminals here";
+  unsetenv("VELMORA_LOG_FILE");
+  for (const char* term : {"dumb", ""}) {
+    setenv("TERM", term, 1);
+    EXPECT_THAT(OnATerminal(LogRed), HasSubstr(": red\r\n")) << term;
+  }
+  unsetenv("TERM");
   EXPECT_THAT(OnATerminal(LogRed), HasSubstr(": red\r\n"));
 }
 
