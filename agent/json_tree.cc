@@ -8,6 +8,8 @@
 #include <iterator>
 #include <limits>
 #include <nlohmann/json.hpp>
+#include <set>
+#include <utility>
 
 namespace sim {
 namespace {
@@ -71,7 +73,7 @@ const char* FaultOfText(std::string_view text, bool at_end) {
 
 class TreeBuilder : public nlohmann::json::json_sax_t {
  public:
-  TreeBuilder(std::string_view document, std::vector<Problem>& problems)
+  TreeBuilder(std::string_view document, Problems& problems)
       : document_(document), problems_(problems) {
     if (document_.substr(0, kByteOrderMark.size()) == kByteOrderMark) {
       token_end_ = kByteOrderMark.size();
@@ -118,12 +120,10 @@ class TreeBuilder : public nlohmann::json::json_sax_t {
   bool key(string_t& name) override {
     const Place place = NextToken();
     last_ = Last::kKey;
-    auto& members = open_.back()->members;
-    const bool known = std::any_of(members.begin(), members.end(),
-                                   [&](const auto& member) { return member.key == name; });
-    if (known) {
-      problems_.push_back({place, "", "the key \"" + name + "\" stands here a second time"});
+    if (!open_.back().keys.insert(name).second) {
+      Refuse(place, "the key \"" + name + "\" stands here a second time");
     }
+    auto& members = open_.back().node->members;
     members.push_back({std::move(name), place, JsonNode()});
     return RefuseNul(members.back().key, place);
   }
@@ -131,7 +131,7 @@ class TreeBuilder : public nlohmann::json::json_sax_t {
   bool parse_error(std::size_t, const std::string&,
                    const nlohmann::detail::exception& error) override {
     if (error.id == kNumberOverflow) {
-      problems_.push_back({NextToken(), "", "the number is too large"});
+      Refuse(NextToken(), "the number is too large");
       return false;
     }
     // In words of our own: the parser's differ from one of its versions to the next.
@@ -143,11 +143,20 @@ class TreeBuilder : public nlohmann::json::json_sax_t {
   JsonNode TakeRoot() { return std::move(root_); }
 
  private:
+  struct OpenNode {
+    JsonNode* node;  // its container does not grow while it is open
+    std::set<std::string> keys;
+  };
+
+  void Refuse(Place place, const std::string& reason) {
+    problems_.Add(place, JsonPointer(), reason);
+  }
+
   JsonNode& Slot() {
     if (open_.empty()) {
       return root_;
     }
-    JsonNode& parent = *open_.back();
+    JsonNode& parent = *open_.back().node;
     if (parent.kind == JsonNode::Kind::kObject) {
       return parent.members.back().value;
     }
@@ -165,11 +174,11 @@ class TreeBuilder : public nlohmann::json::json_sax_t {
   bool Open(JsonNode::Kind kind) {
     JsonNode& node = Add(kind);
     last_ = Last::kOpening;
-    open_.push_back(&node);
+    open_.push_back({&node, {}});
     if (open_.size() <= kDeepest) {
       return true;
     }
-    problems_.push_back({node.place, "", "nested too deeply"});
+    Refuse(node.place, "nested too deeply");
     return false;
   }
 
@@ -221,15 +230,14 @@ class TreeBuilder : public nlohmann::json::json_sax_t {
       const auto text = document_.substr(begin, consumed_ - begin);
       const char* const fault = FaultOfText(text, consumed_ == document_.size());
       if (fault != nullptr) {
-        problems_.push_back({PlaceOf(fault == kUnclosed ? begin : consumed_ - 1), "", fault});
+        Refuse(PlaceOf(fault == kUnclosed ? begin : consumed_ - 1), fault);
         return;
       }
     }
     const std::string expected = Expected(separated);
-    problems_.push_back({PlaceOf(begin), "",
-                         begin == document_.size()
-                             ? "the document ends where " + expected + " is expected"
-                             : expected + " is expected here"});
+    Refuse(PlaceOf(begin), begin == document_.size()
+                               ? "the document ends where " + expected + " is expected"
+                               : expected + " is expected here");
   }
 
   const char* Expected(bool separated) const {
@@ -242,7 +250,7 @@ class TreeBuilder : public nlohmann::json::json_sax_t {
     if (open_.empty()) {
       return "the end of the document";
     }
-    const bool object = open_.back()->kind == JsonNode::Kind::kObject;
+    const bool object = open_.back().node->kind == JsonNode::Kind::kObject;
     if (last_ == Last::kOpening) {
       return object ? "a key in quotes or \"}\"" : "a value or \"]\"";
     }
@@ -267,16 +275,16 @@ class TreeBuilder : public nlohmann::json::json_sax_t {
     if (text.find('\0') == std::string::npos) {
       return true;
     }
-    problems_.push_back({place, "", "a text cannot hold the character U+0000"});
+    Refuse(place, "a text cannot hold the character U+0000");
     return false;
   }
 
   enum class Last { kNothing, kOpening, kKey, kValue };  // what the parser told of last
 
   std::string_view document_;
-  std::vector<Problem>& problems_;
+  Problems& problems_;
   JsonNode root_;
-  std::vector<JsonNode*> open_;  // their containers do not grow while they are open
+  std::vector<OpenNode> open_;
   std::size_t consumed_ = 0;
   std::size_t token_end_ = 0;
   Last last_ = Last::kNothing;
@@ -307,7 +315,7 @@ const char* NameOf(JsonNode::Kind kind) {
   return "unknown";
 }
 
-JsonNode ParseJson(std::string_view document, std::vector<Problem>& problems) {
+JsonNode ParseJson(std::string_view document, Problems& problems) {
   TreeBuilder builder(document, problems);
   const char* begin = document.data();
   const char* end = begin + document.size();

@@ -5,24 +5,11 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
+#include "problems.h"
+
 namespace sim {
-
-/** Where something stands in a file; both count from 1, columns in bytes. */
-struct Place {
-  int line = 1;
-  int column = 1;
-};
-
-/** Why a file is refused, and where. `pointer` is the JSON pointer of the value, empty for the
- * whole. */
-struct Problem {
-  Place place;
-  std::string pointer;
-  std::string reason;
-};
 
 /** A JSON value that still knows where it was written. */
 struct JsonNode {
@@ -52,7 +39,7 @@ const char* NameOf(JsonNode::Kind kind);
  * Reads one JSON document. Duplicate keys, texts with a NUL and documents that nest too deeply are
  * problems like any other; the tree is complete only if no problem was added.
  */
-JsonNode ParseJson(std::string_view document, std::vector<Problem>& problems);
+JsonNode ParseJson(std::string_view document, Problems& problems);
 
 }  // namespace sim
 

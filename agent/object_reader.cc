@@ -8,20 +8,6 @@
 namespace sim {
 namespace {
 
-std::string PointerStep(const std::string& key) {
-  std::string step = "/";
-  for (const char c : key) {
-    if (c == '~') {
-      step += "~0";
-    } else if (c == '/') {
-      step += "~1";
-    } else {
-      step += c;
-    }
-  }
-  return step;
-}
-
 std::string Joined(const std::vector<const char*>& words) {
   std::string text;
   for (const char* word : words) {
@@ -34,7 +20,7 @@ std::string Joined(const std::vector<const char*>& words) {
 }  // namespace
 
 void Value::Refuse(const std::string& reason) const {
-  problems_->push_back({node_->place, pointer_, reason});
+  problems_->Add(node_->place, pointer_, reason);
 }
 
 bool Value::Is(JsonNode::Kind kind) const {
@@ -45,8 +31,12 @@ bool Value::Is(JsonNode::Kind kind) const {
   return false;
 }
 
-Value Value::Inside(const JsonNode& node, const std::string& step) const {
-  return Value(node, pointer_ + PointerStep(step), *problems_);
+Value Value::Inside(const JsonNode& node, std::string_view key) const {
+  return Value(node, pointer_.Of(key), *problems_);
+}
+
+Value Value::Inside(const JsonNode& node, std::size_t index) const {
+  return Value(node, pointer_.Of(index), *problems_);
 }
 
 bool ReadInteger(const Value& value, std::int32_t* out, std::int32_t least, std::int32_t most) {
@@ -70,7 +60,7 @@ bool ReadTexts(const Value& list, std::vector<std::string>* out, const TextRule&
   std::set<std::string> seen;
   bool right = true;
   for (const JsonNode& element : list.node().elements) {
-    const Value value = list.Inside(element, std::to_string(out->size()));
+    const Value value = list.Inside(element, out->size());
     out->push_back(element.text);
     if (!value.Is(JsonNode::Kind::kText)) {
       right = false;
@@ -201,7 +191,7 @@ bool ObjectReader::Objects(const char* key, const std::function<void(ObjectReade
   }
   std::size_t index = 0;
   for (const JsonNode& element : list->node().elements) {
-    const Value value = list->Inside(element, std::to_string(index++));
+    const Value value = list->Inside(element, index++);
     if (!value.Is(JsonNode::Kind::kObject)) {
       continue;
     }
@@ -219,6 +209,9 @@ void ObjectReader::Require(const char* key) {
 }
 
 void ObjectReader::Finish() {
+  if (allows_all_) {
+    return;
+  }
   for (const auto& member : value_.node().members) {
     const bool known = std::any_of(allowed_.begin(), allowed_.end(),
                                    [&](const char* key) { return member.key == key; });

@@ -2,11 +2,13 @@
 #ifndef AGENT_OBJECT_READER_H
 #define AGENT_OBJECT_READER_H
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <limits>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -17,7 +19,7 @@ namespace sim {
 /** One value of a document, its JSON pointer, and where problems with it are noted. */
 class Value {
  public:
-  Value(const JsonNode& node, std::string pointer, std::vector<Problem>& problems)
+  Value(const JsonNode& node, JsonPointer pointer, Problems& problems)
       : node_(&node), pointer_(std::move(pointer)), problems_(&problems) {}
 
   const JsonNode& node() const { return *node_; }
@@ -28,13 +30,14 @@ class Value {
   /** Tells whether the value is of a kind, and refuses it if not. */
   bool Is(JsonNode::Kind kind) const;
 
-  /** A value inside this one. */
-  Value Inside(const JsonNode& node, const std::string& step) const;
+  /** A value inside this one: the one under a key, which must live on, or the one at an index. */
+  Value Inside(const JsonNode& node, std::string_view key) const;
+  Value Inside(const JsonNode& node, std::size_t index) const;
 
  private:
   const JsonNode* node_;
-  std::string pointer_;
-  std::vector<Problem>* problems_;
+  JsonPointer pointer_;
+  Problems* problems_;
 };
 
 /** Says what is wrong with a text; nothing if it is right. */
@@ -92,6 +95,7 @@ class ObjectReader {
 
   Value value_;
   bool readable_;
+  bool allows_all_ = false;
   std::vector<const char*> allowed_;
 };
 
@@ -123,8 +127,8 @@ void ObjectReader::AllTexts(Map* out, const TextRule& key_rule) {
   if (!readable_) {
     return;
   }
+  allows_all_ = true;
   for (const auto& member : value_.node().members) {
-    allowed_.push_back(member.key.c_str());
     const Value text = value_.Inside(member.value, member.key);
     if (const auto reason = key_rule(member.key)) {
       text.Refuse(*reason);

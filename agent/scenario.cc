@@ -313,9 +313,9 @@ void ReadModel(ObjectReader& object, Model* model) {
   if (installed && model->versions.empty() && model->available.empty()) {
     object.value().Refuse("\"versions\" must name at least one version");
   }
+  const std::set<std::string> versions(model->versions.begin(), model->versions.end());
   for (const std::string& version : model->available) {
-    if (std::find(model->versions.begin(), model->versions.end(), version) !=
-        model->versions.end()) {
+    if (versions.count(version) > 0) {
       object.value().Refuse("\"available\" names the installed version \"" + version + "\"");
     }
   }
@@ -370,7 +370,7 @@ void ReadResults(const Value& value, std::vector<std::int32_t>* results) {
     value.Refuse("must name at least one result");
   }
   for (const JsonNode& element : value.node().elements) {
-    if (ReadInteger(value.Inside(element, std::to_string(results->size())), &result)) {
+    if (ReadInteger(value.Inside(element, results->size()), &result)) {
       results->push_back(result);
     }
   }
@@ -490,21 +490,10 @@ void ReadRoot(ObjectReader& root, const std::string& folder, Scenario* scenario)
   ReadMethods(root, scenario);
 }
 
-void ThrowProblems(std::vector<Problem> problems, const std::string& name) {
-  if (problems.empty()) {
-    return;
+void ThrowProblems(const Problems& problems, const std::string& name) {
+  if (!problems.empty()) {
+    throw ScenarioError(problems.Lines(name));
   }
-  std::stable_sort(problems.begin(), problems.end(), [](const Problem& a, const Problem& b) {
-    return std::pair(a.place.line, a.place.column) < std::pair(b.place.line, b.place.column);
-  });
-  std::string text;
-  for (const Problem& problem : problems) {
-    text += (text.empty() ? "" : "\n") + Quotable(name) + ":" + std::to_string(problem.place.line) +
-            ":" + std::to_string(problem.place.column) + ": " +
-            (problem.pointer.empty() ? "" : Quotable(problem.pointer) + ": ") +
-            Quotable(problem.reason);
-  }
-  throw ScenarioError(text);
 }
 
 std::string Similar(const std::string& name) {
@@ -543,10 +532,10 @@ Scenario ReadScenario(std::string_view document, const std::string& name,
   scenario.agent.package.version = "2.3.182";
   scenario.agent.licence = kDefaultLicence;
 
-  std::vector<Problem> problems;
+  Problems problems;
   const JsonNode tree = ParseJson(document, problems);
   ThrowProblems(problems, name);
-  const Value value(tree, "", problems);
+  const Value value(tree, JsonPointer(), problems);
   if (value.Is(JsonNode::Kind::kObject)) {
     ObjectReader root(value);
     ReadRoot(root, folder, &scenario);
@@ -557,10 +546,10 @@ Scenario ReadScenario(std::string_view document, const std::string& name,
 }
 
 Steps ReadStepsDocument(std::string_view document, const std::string& name) {
-  std::vector<Problem> problems;
+  Problems problems;
   const JsonNode tree = ParseJson(document, problems);
   ThrowProblems(problems, name);
-  Steps steps = ReadSteps(Value(tree, "", problems), StepsFrom::kOutside);
+  Steps steps = ReadSteps(Value(tree, JsonPointer(), problems), StepsFrom::kOutside);
   ThrowProblems(problems, name);
   return steps;
 }

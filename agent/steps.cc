@@ -259,7 +259,7 @@ Steps ReadSteps(const Value& list, StepsFrom from) {
   }
   std::size_t index = 0;
   for (const JsonNode& element : list.node().elements) {
-    const Value value = list.Inside(element, std::to_string(index++));
+    const Value value = list.Inside(element, index++);
     if (!value.Is(JsonNode::Kind::kObject)) {
       continue;
     }

@@ -40,6 +40,90 @@ std::string Complaint(const std::string& document, const std::string& folder = "
   }
 }
 
+/** So many that reading takes hours where its time grows with their square. */
+constexpr int kMany = 1000000;
+
+/** So many elements or members of a pattern, with their number in the place of each '#'. */
+std::string Numbered(const std::string& pattern, int count) {
+  std::string list;
+  for (int i = 0; i < count; ++i) {
+    list += i == 0 ? "" : ",";
+    for (const char c : pattern) {
+      c == '#' ? list += std::to_string(i) : list += c;
+    }
+  }
+  return list;
+}
+
+std::vector<std::string> LinesOf(const std::string& text) {
+  std::istringstream stream(text);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(stream, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+TEST(ALargeScenario, IsReadInATimeThatGrowsWithItsSize) {
+  const Scenario scenario =
+      Read(R"({"agent": {"metadata": {)" + Numbered(R"("k#":"")", kMany) + "}}}");
+  EXPECT_EQ(scenario.agent.package.metadata.size(), std::size_t{kMany});
+}
+
+TEST(ALargeScenario, HasAvailableVersionsThatAreComparedAllTheSame) {
+  const auto lines = LinesOf(Complaint(R"({"models": [{"id": "m", "versions": [)" +
+                                       Numbered(R"("#")", kMany / 2) + R"(], "available": [)" +
+                                       Numbered(R"("a#")", kMany / 2) + R"(, "499999"]}]})"));
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0],
+            "file.json:1:13: /models/0: \"available\" names the installed version "
+            "\"499999\"");
+}
+
+TEST(ALargeScenario, MayHaveALongKeyAboveManyValues) {
+  const auto lines =
+      LinesOf(Complaint(R"({"update": {"steps": [{"broadcast": "x", "lists": {")" +
+                        std::string(8 * kMany, 'k') + R"(": [)" + Numbered("#", kMany) + "]}}]}}"));
+  ASSERT_EQ(lines.size(), 101u);
+  EXPECT_THAT(lines[0],
+              testing::MatchesRegex("file.json:1:[0-9]+: /update/steps/0/lists/kk+.+kk+/0: "
+                                    "must be a text, not a whole number"));
+  EXPECT_LT(lines[0].size(), 1000u);
+}
+
+TEST(ManyComplaints, AreAHundredAndTheNumberOfTheOthers) {
+  const auto lines = LinesOf(Complaint("{" + Numbered(R"("k#":0)", kMany) + "}"));
+  ASSERT_EQ(lines.size(), 101u);
+  EXPECT_THAT(lines[0], StartsWith("file.json:1:2: /k0: unknown key \"k0\"; allowed here: "));
+  EXPECT_THAT(lines[99], HasSubstr(": /k99: unknown key \"k99\"; allowed here: "));
+  EXPECT_EQ(lines[100], "file.json: 999900 further problems");
+}
+
+TEST(ManyComplaints, OfADuplicateEachAreAHundredAndTheNumberOfTheOthers) {
+  const auto lines = LinesOf(Complaint("{" + Numbered(R"("k":0)", kMany) + "}"));
+  ASSERT_EQ(lines.size(), 101u);
+  EXPECT_EQ(lines[0], "file.json:1:8: the key \"k\" stands here a second time");
+  EXPECT_EQ(lines[100], "file.json: 999899 further problems");
+}
+
+TEST(ManyComplaints, AreTheFirstInTheFileInWhateverOrderItIsRead) {
+  // The name of the repository is read behind the models, and stands before them.
+  const auto lines = LinesOf(Complaint(R"({"repository": 0, "models": [)" +
+                                       Numbered(R"({"id": "m#", "versions": #})", 200) + "]}"));
+  ASSERT_EQ(lines.size(), 101u);
+  EXPECT_EQ(lines[0], "file.json:1:16: /repository: must be a text, not a whole number");
+  EXPECT_THAT(lines[1], HasSubstr("/models/0/versions: "));
+  EXPECT_THAT(lines[99], HasSubstr("/models/98/versions: "));
+  EXPECT_EQ(lines[100], "file.json: 101 further problems");
+}
+
+TEST(ManyComplaints, ThatAreAHundredAndOneEndInTheSingular) {
+  const auto lines = LinesOf(Complaint("{" + Numbered(R"("k#":0)", 101) + "}"));
+  ASSERT_EQ(lines.size(), 101u);
+  EXPECT_EQ(lines[100], "file.json: 1 further problem");
+  EXPECT_EQ(LinesOf(Complaint("{" + Numbered(R"("k#":0)", 100) + "}")).size(), 100u);
+}
+
 TEST(AnEmptyScenario, HasAnAgentThatWorks) {
   const Scenario scenario = Read("{}");
   EXPECT_EQ(scenario.agent.package.id, AGENT_PACKAGE_ID);
