@@ -149,9 +149,10 @@ typedef void (*velmora_svcmgr_connection_cb)(int result, int state, void* user_d
  * data and returns success.
  *
  * A trap: after the connection was lost or refused, connecting again returns success and starts
- * nothing, and disconnecting does not help, because there is no connection to end. After a loss the
- * way out is the agent's own: when it announces that it was launched, the library connects again.
- * After a refusal there is none but a new process.
+ * nothing, and disconnecting does not help, because there is no connection to end. After the loss of
+ * a connection that stood, the way out is the agent's own: when it announces that it was launched,
+ * the library connects again. After a refusal, and after a loss before the agent had accepted, there
+ * is none but a new process, because the library does not listen for that announcement yet.
  *
  * A failure inside the platform that is neither of those below is not reported: the function
  * returns success, the callback never comes, and connecting again starts nothing. Guard the wait

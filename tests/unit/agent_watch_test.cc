@@ -413,6 +413,17 @@ TEST_F(AnAgentEvent, LaunchWhileDisconnectedReplacesTheConnection) {
   EXPECT_THAT(connection.notices, ElementsAre(kConnected));
 }
 
+TEST_F(TheWatch, IsNotThereForALossBeforeTheAgentHasAccepted) {
+  ASSERT_EQ(connection.Connect(), 0);
+  fake::Proxy().FireDisconnected();
+  EXPECT_THAT(connection.notices, ElementsAre(kDisconnected));
+  EXPECT_EQ(AnnounceLaunch(), 0);
+  EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
+  EXPECT_EQ(connection.Connect(), 0);
+  EXPECT_EQ(fake::ProxyCount(), 1);
+  fake::AllowHeld(fake::Kind::kProxy, 1);
+}
+
 TEST_F(AnAgentEvent, LaunchAfterARejectionReconnectsToo) {
   fake::Proxy().FireRejected();
   AnnounceLaunch();
