@@ -2,7 +2,6 @@
 #include "AgentStatusEventHandler.h"
 
 #include "UpdateObserver.h"
-#include "thread_exit.h"
 
 AgentStatusEventHandler::AgentStatusEventHandler()
     : event_("event." AGENT_PACKAGE_ID ".agent_status") {
@@ -13,25 +12,11 @@ void AgentStatusEventHandler::KeepConnection() {
   CLIENT_INFO("Keep the CONNECTION");
   // Whether or not the subscription succeeds: the next connection tries it again.
   keep_connection_ = true;
-  try {
-    event_.RegisterEvent();
-    // The connection may have been ended inside the subscription.
-    if (!keep_connection_) event_.DeregisterEvent();
-  }
-  LET_THREAD_EXIT_PASS
-  catch (...) {
-    CLIENT_ERROR("Failed to register event");
-  }
+  event_.Subscribe(SVCMGR_HERE, [this] { return keep_connection_; });
 }
 
 void AgentStatusEventHandler::DontCareConnection() {
   CLIENT_INFO("Don't care about CONNECTION");
   keep_connection_ = false;
-  try {
-    event_.DeregisterEvent();
-  }
-  LET_THREAD_EXIT_PASS
-  catch (...) {
-    CLIENT_ERROR("Failed to deregister event");
-  }
+  event_.Unsubscribe(SVCMGR_HERE);
 }

@@ -4,20 +4,6 @@
 #include "event_data.h"
 #include "frame.h"
 
-namespace {
-
-// In order of precedence.
-constexpr struct {
-  const char* key;
-  int status;
-} kModelStates[] = {
-    {"START", SVCMGR_AI_STATUS_STARTED},
-    {"COMPLETED", SVCMGR_AI_STATUS_COMPLETED},
-    {"FAILED", SVCMGR_AI_STATUS_FAILED},
-};
-
-}  // namespace
-
 ModelUpdateEventHandler::ModelUpdateEventHandler()
     : event_("event." AGENT_PACKAGE_ID ".model_status") {
   event_.event_callback = ModelEventCallback;
@@ -27,31 +13,13 @@ bool ModelUpdateEventHandler::SetEventCallback(velmora_svcmgr_ai_status_cb callb
                                                void* user_data) {
   callback_ = callback;
   user_data_ = user_data;
-  try {
-    event_.RegisterEvent();
-    // The callback may have been unset inside the subscription.
-    if (callback_ == nullptr) event_.DeregisterEvent();
-    return true;
-  }
-  LET_THREAD_EXIT_PASS
-  catch (...) {
-    CLIENT_ERROR("Failed to register event");
-    return false;
-  }
+  return event_.Subscribe(SVCMGR_HERE, [this] { return callback_ != nullptr; });
 }
 
 bool ModelUpdateEventHandler::UnsetEventCallback() {
   callback_ = nullptr;
   user_data_ = nullptr;
-  try {
-    event_.DeregisterEvent();
-    return true;
-  }
-  LET_THREAD_EXIT_PASS
-  catch (...) {
-    CLIENT_ERROR("Failed to deregister event");
-    return false;
-  }
+  return event_.Unsubscribe(SVCMGR_HERE);
 }
 
 void ModelUpdateEventHandler::ModelEventCallback(const char* event_name, bundle* data, void*) try {
@@ -71,12 +39,18 @@ void ModelUpdateEventHandler::ModelEventCallback(const char* event_name, bundle*
     CLIENT_ERROR("Received Unknown Event");
     return;
   }
-  for (const auto& state : kModelStates) {
-    if (!svcmgr::HoldsText(data, state.key)) continue;
-    CLIENT_INFO_F("Received UPDATE EVENT : %s", state.key);
-    callback(SVCMGR_ERROR_NONE, state.status, user_data);
-    return;
+  // In order of precedence.
+  if (svcmgr::HoldsText(data, "START")) {
+    CLIENT_INFO("Received UPDATE EVENT : START");
+    callback(SVCMGR_ERROR_NONE, SVCMGR_AI_STATUS_STARTED, user_data);
+  } else if (svcmgr::HoldsText(data, "COMPLETED")) {
+    CLIENT_INFO("Received UPDATE EVENT : COMPLETED");
+    callback(SVCMGR_ERROR_NONE, SVCMGR_AI_STATUS_COMPLETED, user_data);
+  } else if (svcmgr::HoldsText(data, "FAILED")) {
+    CLIENT_INFO("Received UPDATE EVENT : FAILED");
+    callback(SVCMGR_ERROR_NONE, SVCMGR_AI_STATUS_FAILED, user_data);
+  } else {
+    CLIENT_ERROR("Received Unknown State");
   }
-  CLIENT_ERROR("Received Unknown State");
 }
 RETURN_ON_EXCEPTION()

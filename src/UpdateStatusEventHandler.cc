@@ -49,31 +49,13 @@ bool UpdateStatusEventHandler::SetEventCallback(velmora_svcmgr_update_status_cb 
                                                 void* user_data) {
   callback_ = callback;
   user_data_ = user_data;
-  try {
-    event_.RegisterEvent();
-    // The callback may have been unset inside the subscription.
-    if (callback_ == nullptr) event_.DeregisterEvent();
-    return true;
-  }
-  LET_THREAD_EXIT_PASS
-  catch (...) {
-    CLIENT_ERROR("Failed to register event");
-    return false;
-  }
+  return event_.Subscribe(SVCMGR_HERE, [this] { return callback_ != nullptr; });
 }
 
 bool UpdateStatusEventHandler::UnsetEventCallback() {
   callback_ = nullptr;
   user_data_ = nullptr;
-  try {
-    event_.DeregisterEvent();
-    return true;
-  }
-  LET_THREAD_EXIT_PASS
-  catch (...) {
-    CLIENT_ERROR("Failed to deregister event");
-    return false;
-  }
+  return event_.Unsubscribe(SVCMGR_HERE);
 }
 
 // The first of the keys that is present counts.

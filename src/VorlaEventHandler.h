@@ -10,6 +10,7 @@
 
 #include "SvcmgrException.h"
 #include "client_log.h"
+#include "thread_exit.h"
 
 // The event part of a subscriber: one event's name, and the subscription to it.
 class VorlaEventHandler {
@@ -44,6 +45,35 @@ class VorlaEventHandler {
     if (result != 0) {
       CLIENT_ERROR_F("err: [%d]", result);
       throw DeregisterEventException();
+    }
+  }
+
+  // The two below work for a function of a subscriber, in whose name a failure is logged. False if
+  // it fails.
+
+  // The application may take its wish back inside the subscription, which then ends again.
+  template <typename IsWanted>
+  bool Subscribe(const svcmgr::CallSite& site, IsWanted is_wanted) {
+    try {
+      RegisterEvent();
+    }
+    LET_THREAD_EXIT_PASS
+    catch (...) {
+      CLIENT_ERROR_AT(site, "Failed to register event");
+      return false;
+    }
+    return is_wanted() || Unsubscribe(site);
+  }
+
+  bool Unsubscribe(const svcmgr::CallSite& site) {
+    try {
+      DeregisterEvent();
+      return true;
+    }
+    LET_THREAD_EXIT_PASS
+    catch (...) {
+      CLIENT_ERROR_AT(site, "Failed to deregister event");
+      return false;
     }
   }
 

@@ -136,6 +136,12 @@ TEST_P(AKey, IsRecordedAndReported) {
   EXPECT_THAT(fake::Logs(), ElementsAre(IsInfo(kHandler, kCallback, GetParam().record)));
 }
 
+TEST_P(AKey, HasARecordThatASearchOfTheSourcesFinds) {
+  events::Announce(kModelStatus, {GetParam().key});
+  ASSERT_EQ(fake::Logs().size(), 1U);
+  EXPECT_THAT(fake::Logs()[0].format, testing::HasSubstr(GetParam().record));
+}
+
 TEST_P(AKey, CountsWhateverItsTextIs) {
   fake::FireEvent(kModelStatus, BundleBuilder().Str(GetParam().key, "FAILED"));
   EXPECT_THAT(statuses.received, ElementsAre(GetParam().notice));
