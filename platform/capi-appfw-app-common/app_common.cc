@@ -7,6 +7,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <optional>
 #include <string>
 
 namespace {
@@ -61,10 +62,13 @@ std::string RootOfExecutable() {
   return in_bin ? ParentFolder(folder) : folder;
 }
 
-std::string ApplicationRoot() {
+// Without the slashes at its end, so empty for the root folder, which counts if it is named.
+std::optional<std::string> ApplicationRoot() {
   std::string root = FromEnvironment("VELMORA_APP_ROOT");
-  if (root.empty()) root = RootOfExecutable();
+  const bool is_named = !root.empty();
+  if (!is_named) root = RootOfExecutable();
   while (!root.empty() && root.back() == '/') root.pop_back();
+  if (root.empty() && !is_named) return std::nullopt;
   return root;
 }
 
@@ -93,8 +97,10 @@ int app_get_version(char** version) try {
   return -ENOMEM;
 }
 
+// Whoever takes the folder for an application's walks through all that lies below it.
 char* app_get_resource_path(void) try {
-  return strdup((ApplicationRoot() + "/res/").c_str());
+  const auto root = ApplicationRoot();
+  return root ? strdup((*root + "/res/").c_str()) : nullptr;
 } catch (...) {
   return nullptr;
 }

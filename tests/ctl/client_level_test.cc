@@ -121,6 +121,40 @@ TEST_F(ClientLevel, IsFailedInJsonWithThoseFilesThatSayWhy) {
   EXPECT_EQ(json::parse(ending.errors)["error"]["exit"], 4);
 }
 
+TEST_F(ClientLevel, OfAFolderThatIsASymbolicLinkIsWhatTheApplicationWouldGet) {
+  folder_.Write("a", FileWith(9));
+  const TempFolder other;
+  const std::string link = std::filesystem::canonical(other.path()).string() + "/link";
+  std::filesystem::create_directory_symlink(folder_.path(), link);
+  const std::string script = R"({"client": {"root": ")" + link + R"(", "result": -1073741822}})";
+  for (const std::string& name : {link, link + "/", link + "//"}) {
+    const Ending ending = RunScripted(script, {"client-level", "-v", name});
+    EXPECT_EQ(ending.status, 4) << name;
+    EXPECT_EQ(ending.output, "") << name;
+    EXPECT_THAT(ending.errors, HasSubstr("'" + link + "' is a symbolic link"));
+    EXPECT_THAT(ending.errors, HasSubstr("(SVCMGR_ERROR_NOT_SUPPORTED)"));
+  }
+  const json level = json::parse(RunScripted(script, {"client-level", "--json", link}).output);
+  EXPECT_EQ(level["folder"], link);
+  EXPECT_EQ(level["client_api_level"], nullptr);
+  EXPECT_EQ(level["files"], json::array());
+}
+
+TEST_F(ClientLevel, OfAFolderBelowASymbolicLinkIsThatOfTheFolder) {
+  folder_.Write("a", FileWith(9));
+  const TempFolder other;
+  std::filesystem::create_directory_symlink(std::filesystem::path(folder_.path()).parent_path(),
+                                            other.path() + "/link");
+  const std::string below =
+      other.path() + "/link/" + std::filesystem::path(folder_.path()).filename().string();
+  const std::string script = Script(R"("value": 9)");
+  for (const std::string& name :
+       {below, below + "/.", below + "/../" + below.substr(below.rfind('/') + 1)}) {
+    const Ending ending = RunScripted(script, {"client-level", name});
+    EXPECT_EQ(ending.output, "9\n") << name << ending.errors;
+  }
+}
+
 TEST_F(ClientLevel, WithoutAnAgentIsNotToBeHad) {
   const std::string script =
       R"({"client": {"result": -1073741822}, "disconnect": {"result": -1073741822}})";
@@ -143,6 +177,18 @@ TEST_F(ClientLevel, IsThatOfTheApplicationsFolderWhereNoneIsNamed) {
   start.arguments = {"client-level"};
   start.environment = {{"VELMORA_APP_ROOT", folder_.path()}};
   EXPECT_EQ(RunWith(start, Script(R"("value": 9)")).output, "9\n");
+}
+
+TEST_F(ClientLevel, IsNotLookedForInAllFilesWhereNoFolderIsKnown) {
+  for (const char* nowhere : {"", "/svcmgrctl", "/bin/svcmgrctl"}) {
+    Start start;
+    start.arguments = {"client-level"};
+    start.environment = {{"VELMORA_APP_ROOT", ""}};
+    const Ending ending = RunWith(start, std::string(R"({"executable": ")") + nowhere + "\"}");
+    EXPECT_EQ(ending.status, 4) << nowhere;
+    EXPECT_EQ(ending.output, "") << nowhere;
+    EXPECT_THAT(ending.errors, HasSubstr("this program's own folder is not known")) << nowhere;
+  }
 }
 
 TEST_F(ClientLevel, ShowsHostileNamesByTheirNumbers) {

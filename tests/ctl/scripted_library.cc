@@ -19,6 +19,7 @@
 //   "subscribed" {"update": steps, "model": steps}, begun by the subscription
 //   "client"     {"result": code, "value": number, "root": text}
 //                root: what VELMORA_APP_ROOT must be
+//   "executable" text: where the kernel says that the program is; empty if it does not say
 //   "disconnect" {"result": code}
 //   "updating"   bool: what is_being_updated says, until a step says otherwise
 //
@@ -37,12 +38,15 @@
 // What the interface forbids its callers ends the process with 99, and so do handles left at the
 // end.
 
+#include <fcntl.h>
 #include <glib-unix.h>
 #include <glib.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -123,6 +127,21 @@ void CheckMainThread() {
 }
 
 json Step(const char* name) { return library.script.value(name, json::object()); }
+
+}  // namespace
+
+// The program's own definition comes before that of the C library.
+extern "C" __attribute__((visibility("default"))) ssize_t readlink(const char* path, char* buffer,
+                                                                   size_t size) {
+  if (std::strcmp(path, "/proc/self/exe") != 0 || !library.script.contains("executable"))
+    return syscall(SYS_readlinkat, AT_FDCWD, path, buffer, size);
+  const std::string executable = library.script["executable"];
+  if (!executable.empty()) return static_cast<ssize_t>(executable.copy(buffer, size));
+  errno = ENOENT;
+  return -1;
+}
+
+namespace {
 
 std::string TextOf(const json& text) {
   if (text.is_string()) return text.get<std::string>();

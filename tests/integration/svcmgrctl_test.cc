@@ -257,6 +257,17 @@ TEST(ClientLevel, IsFoundInWhatWasBuilt) {
   EXPECT_THAT(run.output, HasSubstr("  .kyr     svcmgrctl"));
 }
 
+TEST(ClientLevel, OfASymbolicLinkIsNoneAsForAnApplicationWhoseFolderIsOne) {
+  const TempFolder folder;
+  const std::string built = std::filesystem::path(SVCMGRCTL).parent_path().string();
+  const std::string link = folder.path() + "/link";
+  std::filesystem::create_directory_symlink(built, link);
+  EXPECT_EQ(RunCtl("demo", {"client-level", built}).status, 0);
+  const Finished run = RunCtl("demo", {"client-level", link});
+  EXPECT_EQ(run.status, 4);
+  EXPECT_THAT(run.errors, HasSubstr("/link' is a symbolic link"));
+}
+
 TEST(ClientLevel, NeedsMarkersAndAnAgent) {
   const TempFolder folder;
   EXPECT_EQ(RunCtl("demo", {"client-level", folder.path()}).status, 4);

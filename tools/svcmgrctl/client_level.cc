@@ -26,24 +26,37 @@ struct Level {
   const MarkedFile* deciding = nullptr;
 };
 
+Failure NoFolder(const std::string& message) {
+  return {std::nullopt, "NOT_FOUND", message, kExitNotFound};
+}
+
 /** Where an application looks whose folder nobody has named. */
 fs::path OwnFolder() {
   std::error_code error;
   const fs::path folder = fs::read_symlink("/proc/self/exe", error).parent_path();
-  return folder.filename() == "bin" ? folder.parent_path() : folder;
+  const fs::path root = folder.filename() == "bin" ? folder.parent_path() : folder;
+  if (root.empty() || root == root.root_path())
+    throw NoFolder("this program's own folder is not known; name the application's");
+  return root;
 }
 
-std::string FolderFrom(const std::string& given) {
+fs::path NamedFolder(const std::string& given) {
+  if (!given.empty()) return given;
   const char* named = std::getenv(kRootVariable);
-  const bool is_named = named != nullptr && *named != '\0';
-  const fs::path wanted = !given.empty() ? fs::path(given)
-                          : is_named     ? fs::path(named)
-                                         : OwnFolder();
+  return named != nullptr && *named != '\0' ? fs::path(named) : OwnFolder();
+}
+
+/** The folder by a path that is the same wherever it is read. What an application does not follow,
+ *  a link at its end, stays. */
+std::string FolderFrom(const std::string& given) {
+  const fs::path wanted = NamedFolder(given);
   std::error_code error;
-  const fs::path folder = fs::canonical(wanted, error);
+  fs::path folder = fs::canonical(wanted, error);
   if (error || !fs::is_directory(folder, error))
-    throw Failure{std::nullopt, "NOT_FOUND", "there is no folder '" + wanted.string() + "'",
-                  kExitNotFound};
+    throw NoFolder("there is no folder '" + wanted.string() + "'");
+  const fs::path place = wanted.has_filename() ? wanted : wanted.parent_path();
+  if (fs::is_symlink(place, error))
+    folder = fs::canonical(fs::absolute(place).parent_path()) / place.filename();
   return folder.string();
 }
 
@@ -117,7 +130,13 @@ Failure FailureFrom(const Level& found, const std::string& folder) {
   if (found.code != SVCMGR_ERROR_NOT_SUPPORTED ||
       velmora_svcmgr_disconnect() == SVCMGR_ERROR_NOT_SUPPORTED)
     return FailureOf(found.code);
-  return FailureOf(found.code, "no file below '" + folder + "' has a marker", kExitNotFound);
+  std::error_code error;
+  const bool is_link = fs::is_symlink(folder, error);
+  return FailureOf(found.code,
+                   is_link
+                       ? "'" + folder + "' is a symbolic link, which the library does not follow"
+                       : "no file below '" + folder + "' has a marker",
+                   kExitNotFound);
 }
 
 void ShowLevel(Session& session, Console& console, const std::string& given) {

@@ -30,7 +30,9 @@ int app_get_version(char** version);
 
 /**
  * The folder of the calling application's resources, which ends in "/res/" and need not exist; the
- * caller releases the text with free. Null when memory is exhausted.
+ * caller releases the text with free. Null when memory is exhausted; and, unless VELMORA_APP_ROOT
+ * names a folder, when the executable's folder is unknown, or the application's root would be the
+ * root of the file system.
  */
 char* app_get_resource_path(void);
 

@@ -1,13 +1,33 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <app_common.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <limits.h>
 #include <stdlib.h>
+#include <string.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <optional>
 #include <string>
+
+// Where the kernel says that the executable is; empty without a /proc, absent for the truth.
+std::optional<std::string> executable;
+
+// The program's own definition comes before that of the C library.
+extern "C" __attribute__((visibility("default"))) ssize_t readlink(const char* path, char* buffer,
+                                                                   size_t size) {
+  if (!executable || strcmp(path, "/proc/self/exe") != 0) {
+    return syscall(SYS_readlinkat, AT_FDCWD, path, buffer, size);
+  }
+  if (executable->empty()) {
+    errno = ENOENT;
+    return -1;
+  }
+  return static_cast<ssize_t>(executable->copy(buffer, size));
+}
 
 namespace {
 
@@ -80,8 +100,26 @@ TEST_F(AnApplication, IsWhatItsEnvironmentSays) {
 TEST_F(AnApplication, HasOneSlashBeforeItsResources) {
   setenv("VELMORA_APP_ROOT", "/opt/notes//", 1);
   EXPECT_EQ(ResourcePath(), "/opt/notes/res/");
-  setenv("VELMORA_APP_ROOT", "/", 1);
-  EXPECT_EQ(ResourcePath().substr(ResourcePath().size() - 5), "/res/");
+}
+
+TEST_F(AnApplication, OfWhichNobodyKnowsTheFolderHasNoResources) {
+  for (const char* nowhere : {"", "/app", "/bin/app", "/app (deleted)"}) {
+    executable = nowhere;
+    EXPECT_EQ(ResourcePath(), "(null)") << nowhere;
+  }
+  executable = "/usr/bin/app";
+  EXPECT_EQ(ResourcePath(), "/usr/res/");
+}
+
+TEST_F(AnApplication, HasTheResourcesThatItsEnvironmentNamesWhereverItsExecutableIs) {
+  for (const char* nowhere : {"", "/app", "/bin/app"}) {
+    executable = nowhere;
+    setenv("VELMORA_APP_ROOT", "/opt/notes", 1);
+    EXPECT_EQ(ResourcePath(), "/opt/notes/res/") << nowhere;
+    // Whoever names the root folder means it.
+    setenv("VELMORA_APP_ROOT", "/", 1);
+    EXPECT_EQ(ResourcePath(), "/res/") << nowhere;
+  }
 }
 
 TEST_F(AnApplication, WithoutAVersionHasVersionZero) { EXPECT_EQ(Version(), "0.0.0"); }
