@@ -50,6 +50,104 @@
  *     it waits leaves its answer behind for the next one to take: disconnect then. Of the others,
  *     velmora_svcmgr_get_client_api_level reads files, a request may wait for the agent to take
  *     what was sent before, and the rest return at once.
+ *
+ * Traps
+ *
+ * What an application would not expect. None of it will change, because applications rely on it.
+ * The functions refer to these numbers.
+ *
+ * Connecting:
+ *
+ *  1. After a loss or a refusal, velmora_svcmgr_connect returns success and starts nothing, and
+ *     velmora_svcmgr_disconnect does not help, because there is no connection to end. The way out
+ *     is the agent's own: when it announces that it was launched, the library connects again. It
+ *     listens for that announcement only once a connection has stood: after a refusal of the first
+ *     attempt, or a loss before the agent had accepted, there is no way out but a new process.
+ *  2. velmora_svcmgr_disconnect does nothing, successfully, unless the connection stands: also
+ *     while connecting, when the connection callback may still come, and while the agent replaces
+ *     itself, when the library connects again afterwards.
+ *  3. Unless the agent is not installed, the callback is null or the connection stands,
+ *     velmora_svcmgr_connect replaces the connection callback and its user data: also when it
+ *     starts nothing, as in trap 1 or while an attempt is under way, and when it fails.
+ *  4. A failure of the platform to connect that is neither SVCMGR_ERROR_CONNECTION_FAILED nor
+ *     SVCMGR_ERROR_PERMISSION_DENIED is not reported: velmora_svcmgr_connect returns success, the
+ *     callback never comes, and connecting again starts nothing. Guard the wait with a time limit
+ *     of your own. The same may befall the library's own reconnection; there is no way out of
+ *     either but a new process. After a reconnection that failed otherwise, connect again.
+ *  5. Should the platform report a connection and fail all the same, the callback has said
+ *     connected while velmora_svcmgr_connect returns a failure. Queries then fail as if the agent
+ *     could not be asked, and velmora_svcmgr_disconnect leads out.
+ *  6. The library hears the agent's announcements through a subscription, which it makes when a
+ *     connection stands. That the platform refuses it is only logged. There is no automatic
+ *     reconnection then: an update of the agent shows as a loss, and a loss has no way out. The
+ *     next connection that stands tries again: disconnect and connect, while there is no loss yet.
+ *
+ * While the agent replaces itself by a new version, which it announces, the library reconnects by
+ * itself:
+ *
+ *  7. Neither the loss nor the return of the connection is reported, nor a reconnection that cannot
+ *     be started. One that the agent refuses is reported. Between loss and return, all that needs a
+ *     connection is answered with SVCMGR_ERROR_NOT_CONNECTED, except for the model requests, for
+ *     which see trap 12.
+ *  8. The loss is reported all the same if, between the announcement and the loss, this process
+ *     asks for an update, or hears that one has begun or ended. Only a process that has set an
+ *     update status callback hears that.
+ *  9. An announcement outlives the connection: it survives disconnecting and connecting again, and
+ *     the next loss, whatever its cause, is not reported.
+ * 10. Once the library has reconnected so, no connection is reported to stand, one that the
+ *     application made itself included, and velmora_svcmgr_is_being_updated says true. Both last
+ *     until the end of the update is heard (see trap 8). The first also ends when another update is
+ *     requested, announced, or heard to begin; the second also when one is requested.
+ * 11. A request for an update makes velmora_svcmgr_is_being_updated deny any update that is under
+ *     way, until the next announcement or start is heard.
+ *
+ * Requests:
+ *
+ * 12. The model requests do not look at whether the connection stands. After a loss, and until the
+ *     library has reconnected, such a request may be taken, and is then never answered; or it fails
+ *     with SVCMGR_ERROR_INVALID_OPERATION, as it does while connecting. SVCMGR_ERROR_NOT_CONNECTED
+ *     says that no connection was started, that it was ended, or that the attempt failed.
+ * 13. A request that was answered may be answered again until the connection ends. One that was not
+ *     answered by then never is.
+ * 14. The agent's results 2 and 10 reach callbacks of model requests as SVCMGR_ERROR_NONE.
+ * 15. velmora_svcmgr_get_license_fulltext returns SVCMGR_ERROR_NONE also when the agent cannot be
+ *     asked or has no text, and leaves *text as it was. Set *text to null before the call, and test
+ *     it afterwards. It is null, too, when memory is exhausted.
+ * 16. velmora_svcmgr_request_update has SVCMGR_ERROR_NOT_CONNECTED for every failure of the request
+ *     itself, unless the agent refuses or the KYR feature is disabled; also for one that the agent
+ *     reports.
+ * 17. velmora_svcmgr_request_update_with_list does not look at what the agent answers. Success says
+ *     that it was asked; whether it will do so, only the update status callback tells.
+ * 18. An update that is requested inside the update status callback of an end is forgotten: its end
+ *     is not reported, unless its start is.
+ * 19. The search for the application of a category ends, with nothing found, at the first package
+ *     whose ID or version cannot be read, and at the first of the vendor's packages whose ID is not
+ *     that of an application. A match that comes later is not found.
+ * 20. velmora_svcmgr_get_client_api_level ends the process by abort() if the platform gives no
+ *     path of the application's resources, and where memory runs out while the path is made.
+ *
+ * Subscriptions:
+ *
+ * 21. velmora_svcmgr_set_update_status_cb and velmora_svcmgr_ai_register_status_cb succeed also
+ *     when the platform refuses the subscription, which is only logged. The callback is kept;
+ *     calling the function again tries again.
+ * 22. When the platform refuses to end a subscription, it counts as ended all the same.
+ *     velmora_svcmgr_unset_update_status_cb then succeeds,
+ *     velmora_svcmgr_ai_deregister_status_cb fails.
+ *
+ * Handles and memory:
+ *
+ * 23. A negative index is not detected. Passing one is an error of the caller with undefined
+ *     outcome.
+ * 24. velmora_svcmgr_ai_model_list_destroy may stop midway, with the code of the model that could
+ *     not be released. The list, its size and its indices stay as they were. Reading a model that
+ *     was released, and a request with the list, return SVCMGR_ERROR_INVALID_OPERATION. The call
+ *     may be repeated.
+ * 25. Until the process ends, these stay allocated: the array of a destroyed list that ever held
+ *     anything, a pointer for each element, their number rounded up to a power of two; the former
+ *     text of a model when one is set again; a copy of the models of each answer; and a platform
+ *     record of each application that a request by category looks at. Set each text once, and ask
+ *     when something may have changed, not all the time.
  */
 
 #ifndef __cplusplus
@@ -122,17 +220,7 @@ typedef enum {
 
 /**
  * Reports a change of the connection; comes each time that the connection stands, is lost or is
- * refused, but for the times below.
- *
- * While the agent replaces itself by a new version, the library reconnects by itself. Neither the
- * loss nor the return of the connection is reported then, nor a reconnection that fails: between
- * the two all that needs a connection is answered with SVCMGR_ERROR_NOT_CONNECTED. A request for an
- * update that is made between the agent's announcement and the loss makes the loss visible.
- *
- * A trap: from such a reconnection until the end of the update is heard, no connection is reported
- * to stand, one that the application made itself included. Only an application that has set an
- * update status callback hears of that end. Without one, later connections stand unreported, too,
- * and velmora_svcmgr_is_being_updated says so for ever.
+ * refused, except while the agent replaces itself and for some time afterwards (traps 6 to 10).
  *
  * @param result     SVCMGR_ERROR_NONE; SVCMGR_ERROR_PERMISSION_DENIED if the agent refused.
  * @param state      One of velmora_svcmgr_connection_state_e.
@@ -142,29 +230,16 @@ typedef void (*velmora_svcmgr_connection_cb)(int result, int state, void* user_d
 
 /**
  * Starts connecting to the agent. Success means that the attempt was started; the callback reports
- * how it ended, unless the agent is being updated (see velmora_svcmgr_connection_cb). The callback
- * may run before this function returns.
+ * how it ended, unless the agent is being updated (trap 10). The callback may run before this
+ * function returns.
  *
- * A call while an attempt is under way starts no second one: it replaces the callback and its user
- * data and returns success.
+ * A call while an attempt is under way starts no second one; nor does one after a loss or a refusal
+ * (trap 1). Not every failure is reported (trap 4), and the callback may say connected although
+ * this function fails (trap 5).
  *
- * A trap: after the connection was lost or refused, connecting again returns success and starts
- * nothing, and disconnecting does not help, because there is no connection to end. After the loss of
- * a connection that stood, the way out is the agent's own: when it announces that it was launched,
- * the library connects again. After a refusal, and after a loss before the agent had accepted, there
- * is none but a new process, because the library does not listen for that announcement yet.
- *
- * A failure inside the platform that is neither of those below is not reported: the function
- * returns success, the callback never comes, and connecting again starts nothing. Guard the wait
- * with a time limit of your own. The same may befall the library's own reconnection, which leaves
- * no way out but a new process. After a reconnection that failed otherwise, connect again.
- *
- * Should the platform report a connection and fail all the same, the callback has said connected
- * while this function returns a failure. Queries then fail as if the agent could not be asked, and
- * velmora_svcmgr_disconnect leads out.
- *
- * @param callback   Reports changes of the connection. It and user_data must stay valid for as long
- *                   as connections are attempted, which may be for the life of the process.
+ * @param callback   Reports changes of the connection. It and user_data must stay valid until they
+ *                   are replaced (trap 3), or for as long as connections are attempted, which may
+ *                   be for the life of the process.
  * @param user_data  Passed to the callback; may be null.
  *
  * @return SVCMGR_ERROR_NONE
@@ -178,12 +253,8 @@ int velmora_svcmgr_connect(velmora_svcmgr_connection_cb callback, void* user_dat
 
 /**
  * Ends the connection. Requests that were not answered yet are dropped: their callbacks never come.
- * The connection callback is not called.
- *
- * A trap: while not connected it does nothing, successfully; also while connecting, when the
- * connection callback may still come, and after the connection was lost or refused. While the
- * agent replaces itself the loss is not reported: a call then ends nothing, and the library
- * connects again behind it.
+ * The connection callback is not called. Does nothing, successfully, while the connection does not
+ * stand (traps 1 and 2).
  *
  * @return SVCMGR_ERROR_NONE
  * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION; the connection stands on then
@@ -195,13 +266,9 @@ int velmora_svcmgr_disconnect(void);
 /**
  * Asks the agent for its licence text. Blocks.
  *
- * A trap: when the agent cannot be asked, or has no text, the function returns SVCMGR_ERROR_NONE
- * and leaves *text as it was. Set *text to null before the call, and test it after.
+ * @param[out] text  The licence text; released by the caller with free().
  *
- * @param[out] text  The licence text; released by the caller with free(). Null when memory is
- *                   exhausted, with SVCMGR_ERROR_NONE.
- *
- * @return SVCMGR_ERROR_NONE               also without a text, see above
+ * @return SVCMGR_ERROR_NONE               also without a text (trap 15)
  * @return SVCMGR_ERROR_INVALID_PARAMETER  text is null
  * @return SVCMGR_ERROR_NOT_CONNECTED      not connected
  * @return SVCMGR_ERROR_KYR_DISABLED       the KYR feature is disabled
@@ -227,11 +294,10 @@ int velmora_svcmgr_get_agent_api_level(int* level);
  * Tells which client API level the calling application was built against. The level is read from
  * marker sections in the files of the application's own folder: the newest one counts, that is the
  * one with the highest level, and a level of 0 never does. Reads all ELF files below that folder,
- * which may take a while, and asks nobody. Symbolic links are not followed. What cannot be read is
- * passed over without an error.
+ * which may take a while, and asks nobody. Symbolic links are not followed: a folder that is one
+ * itself has no level. What cannot be read is passed over without an error.
  *
- * Call it on one thread at a time. An application without a resource folder is ended by abort(),
- * and so may be one whose memory runs out here.
+ * Call it on one thread at a time. It may end the process by abort() (trap 20).
  *
  * @param[out] level  The level, 1 or more.
  *
@@ -262,8 +328,7 @@ typedef struct velmora_svcmgr_agent_list_s* velmora_svcmgr_agent_list_h;
 int velmora_svcmgr_agent_list_create(velmora_svcmgr_agent_list_h* list);
 
 /**
- * Releases a list and its names. The array of a list that ever held a name stays allocated: a
- * pointer for each name, rounded up to a power of two.
+ * Releases a list and its names, but for the array of a list that ever held one (trap 25).
  *
  * @return SVCMGR_ERROR_NONE
  * @return SVCMGR_ERROR_INVALID_PARAMETER  list is null
@@ -284,8 +349,7 @@ int velmora_svcmgr_agent_list_add(velmora_svcmgr_agent_list_h list, const char* 
  * Copies a name out of a list.
  *
  * @param      list   The list.
- * @param      index  From 0 to the size less 1. A negative index is not detected: passing one is an
- *                    error of the caller with undefined outcome.
+ * @param      index  From 0 to the size less 1 (trap 23).
  * @param[out] agent  A copy of the name; released by the caller with free().
  *
  * @return SVCMGR_ERROR_NONE
@@ -306,16 +370,11 @@ int velmora_svcmgr_agent_list_get_size(velmora_svcmgr_agent_list_h list, int* si
 
 /**
  * Asks the agent to update all agents, itself included. Blocks until the agent has taken the
- * request; velmora_svcmgr_set_update_status_cb tells how the update goes.
- *
- * A trap: every failure of the request itself is SVCMGR_ERROR_NOT_CONNECTED, unless the agent
- * refuses or the KYR feature is disabled; also one that the agent itself reports.
- *
- * A trap: a request while the agent is about to replace itself makes the loss of the connection
- * visible, and velmora_svcmgr_is_being_updated deny the update, until its start is heard.
+ * request; velmora_svcmgr_set_update_status_cb tells how the update goes. A request changes what is
+ * reported of an update that is under way (traps 8 and 11).
  *
  * @return SVCMGR_ERROR_NONE               the agent took the request
- * @return SVCMGR_ERROR_NOT_CONNECTED      not connected, or the request failed
+ * @return SVCMGR_ERROR_NOT_CONNECTED      not connected, or the request failed (trap 16)
  * @return SVCMGR_ERROR_PERMISSION_DENIED  the agent refuses
  * @return SVCMGR_ERROR_KYR_DISABLED       the KYR feature is disabled
  * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
@@ -323,10 +382,9 @@ int velmora_svcmgr_agent_list_get_size(velmora_svcmgr_agent_list_h list, int* si
 int velmora_svcmgr_request_update(void);
 
 /**
- * Asks the agent to update the named agents. Blocks until the agent has answered.
- *
- * A trap: what the agent answers is not looked at. Success says that it was asked; whether it will
- * do so, only velmora_svcmgr_set_update_status_cb tells.
+ * Asks the agent to update the named agents. Blocks until the agent has answered, whatever that is
+ * (trap 17). As with velmora_svcmgr_request_update, a request changes what is reported of an update
+ * that is under way (traps 8 and 11).
  *
  * @param list  The names; may be empty. It is copied.
  *
@@ -340,10 +398,9 @@ int velmora_svcmgr_request_update_with_list(velmora_svcmgr_agent_list_h list);
 
 /**
  * Tells whether an update of the agents is under way, as far as this process has heard: from the
- * agent's announcement until its final status, which only an application that has set an update
- * status callback hears. An update that was requested and has not begun yet does not count. While
- * the connection is away because the agent replaces itself, the question is answered with
- * SVCMGR_ERROR_NOT_CONNECTED.
+ * agent's announcement that it replaces itself, or from the update's start, until the update's end.
+ * Start and end are heard only by a process that has set an update status callback (trap 10). An
+ * update that was requested and has not begun yet does not count, and hides others (trap 11).
  *
  * @param[out] updating  Whether it is.
  *
@@ -376,8 +433,7 @@ typedef enum {
 
 /**
  * Reports how an update of the agents goes: its start always, its end if there was a start, a
- * request or an announcement since the end before. A request that is made inside the callback of an
- * end is forgotten: the end of what it began is not reported, unless its start is.
+ * request or an announcement since the end before (trap 18).
  *
  * @param status     One of velmora_svcmgr_update_status_e.
  * @param user_data  As given to velmora_svcmgr_set_update_status_cb.
@@ -386,10 +442,8 @@ typedef void (*velmora_svcmgr_update_status_cb)(int status, void* user_data);
 
 /**
  * Sets who hears of updates of the agents, whoever asked for them. Needs no connection. A second
- * call replaces the callback and its user data.
- *
- * A trap: the function succeeds also when the platform refuses the subscription, which is logged
- * alone. Calling it again tries the subscription again.
+ * call replaces the callback and its user data. Succeeds also when the platform refuses the
+ * subscription (trap 21).
  *
  * @param callback   Reports how updates go. It and user_data must stay valid until they are
  *                   replaced or unset.
@@ -403,7 +457,8 @@ int velmora_svcmgr_set_update_status_cb(velmora_svcmgr_update_status_cb callback
 
 /**
  * Ends what velmora_svcmgr_set_update_status_cb began; the callback is not called any more. Does
- * nothing, successfully, if nothing was set.
+ * nothing, successfully, if nothing was set. Succeeds also when the platform refuses to end the
+ * subscription (trap 22).
  *
  * @return SVCMGR_ERROR_NONE
  * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION; the callback stays set then
@@ -466,7 +521,7 @@ int velmora_svcmgr_ai_model_info_get_description(velmora_svcmgr_ai_model_info_h 
  * Sets one text of a model to a copy of the first 2048 bytes of `text`; a multi-byte character may
  * be cut in two there.
  *
- * Set each text once: setting it again leaves the former copy allocated until the process ends.
+ * Set each text once: the former copy stays allocated (trap 25).
  *
  * @return SVCMGR_ERROR_NONE
  * @return SVCMGR_ERROR_INVALID_PARAMETER  info or text is null
@@ -499,11 +554,8 @@ typedef struct velmora_svcmgr_ai_model_list_s* velmora_svcmgr_ai_model_list_h;
 int velmora_svcmgr_ai_model_list_create(velmora_svcmgr_ai_model_list_h* list);
 
 /**
- * Releases a list and its models. The array of a list that ever held a model stays allocated: a
- * pointer for each model, their number rounded up to a power of two.
- *
- * If releasing a model fails, its code is returned at once: the list and the models that remain are
- * still there, and the call may be repeated.
+ * Releases a list and its models, but for the array of a list that ever held one (trap 25). If
+ * releasing a model fails, its code is returned at once, and the list is still there (trap 24).
  *
  * @return SVCMGR_ERROR_NONE
  * @return SVCMGR_ERROR_INVALID_PARAMETER  list is null
@@ -526,8 +578,7 @@ int velmora_svcmgr_ai_model_list_add(velmora_svcmgr_ai_model_list_h list,
  * Copies a model out of a list.
  *
  * @param      list   The list.
- * @param      index  From 0 to the size less 1. A negative index is not detected: passing one is an
- *                    error of the caller with undefined outcome.
+ * @param      index  From 0 to the size less 1 (trap 23).
  * @param[out] info   A copy of the model; released by the caller with
  *                    velmora_svcmgr_ai_model_info_destroy.
  *
@@ -553,16 +604,15 @@ int velmora_svcmgr_ai_model_list_get_size(velmora_svcmgr_ai_model_list_h list, i
 /**
  * Receives the agent's answer to one of the queries below.
  *
- * A request is normally answered once, but an agent may answer it again at any time until the
- * connection ends; the callback and its user data must stay valid until then. If the connection
- * ends first, the callback never comes. Each answer costs the process a copy of its models that is
- * never released: ask when something may have changed, not all the time.
+ * A request is normally answered once, but may be answered again (trap 13): the callback and its
+ * user data must stay valid until the connection ends. If the connection ends first, the callback
+ * never comes. Each answer costs memory that is never released (trap 25).
  *
- * @param error      SVCMGR_ERROR_NONE, or what the agent reports: SVCMGR_ERROR_INVALID_OPERATION,
- *                   SVCMGR_ERROR_NO_SPACE, SVCMGR_ERROR_KYR_DISABLED,
- *                   SVCMGR_ERROR_PERMISSION_DENIED, SVCMGR_ERROR_AGENT_CODE_3 or
- *                   SVCMGR_ERROR_AGENT_CODE_6. An answer that cannot be read is
- *                   SVCMGR_ERROR_INVALID_OPERATION with an empty list.
+ * @param error      SVCMGR_ERROR_NONE, for the agent's results 2 and 10, too (trap 14); or what the
+ *                   agent reports: SVCMGR_ERROR_INVALID_OPERATION, SVCMGR_ERROR_NO_SPACE,
+ *                   SVCMGR_ERROR_KYR_DISABLED, SVCMGR_ERROR_PERMISSION_DENIED,
+ *                   SVCMGR_ERROR_AGENT_CODE_3 or SVCMGR_ERROR_AGENT_CODE_6. An answer that cannot
+ *                   be read is SVCMGR_ERROR_INVALID_OPERATION with an empty list.
  * @param list       The models. It belongs to the application, which releases it with
  *                   velmora_svcmgr_ai_model_list_destroy, whatever the error is. Null if it could
  *                   not be created.
@@ -575,7 +625,8 @@ typedef void (*velmora_svcmgr_ai_model_list_cb)(int error, velmora_svcmgr_ai_mod
  * Asks for the models that the calling application may use. Descriptions are left to the agent:
  * most send none here.
  *
- * After a loss of the connection a request may still be taken, and is then never answered.
+ * After a loss of the connection a request may still be taken, and is then never answered
+ * (trap 12).
  *
  * @param callback   Receives the answer.
  * @param user_data  Passed to the callback; may be null.
@@ -598,8 +649,8 @@ int velmora_svcmgr_ai_request_usable_model_list_with_description(
 
 /**
  * Asks for the models that another application may use: the first of the vendor's installed
- * applications, in the platform's order, whose metadata "ai-agent-category" equals `category`. Each
- * call keeps a platform record of every application that it looks at until the process ends.
+ * applications, in the platform's order, whose metadata "ai-agent-category" equals `category`. The
+ * search may end early (trap 19), and costs memory that is never released (trap 25).
  *
  * @param callback   Receives the answer.
  * @param category   The category, compared exactly.
@@ -718,7 +769,8 @@ typedef void (*velmora_svcmgr_ai_progress_cb)(int error, velmora_svcmgr_ai_progr
 /**
  * Asks the agent to install or update models.
  *
- * After a loss of the connection a request may still be taken, and is then never answered.
+ * After a loss of the connection a request may still be taken, and is then never answered
+ * (trap 12).
  *
  * @param list       The models; may be empty. All four texts of each must be set, if only to "".
  *                   It is copied.
@@ -764,10 +816,7 @@ typedef void (*velmora_svcmgr_ai_status_cb)(int error, int status, void* user_da
 
 /**
  * Sets who hears of the device's AI models. Needs no connection. A second call replaces the
- * callback and its user data.
- *
- * A trap: the function succeeds also when the platform refuses the subscription, which is logged
- * alone. Calling it again tries the subscription again.
+ * callback and its user data. Succeeds also when the platform refuses the subscription (trap 21).
  *
  * @param callback   Reports what happens. It and user_data must stay valid until they are replaced
  *                   or deregistered.
@@ -784,8 +833,7 @@ int velmora_svcmgr_ai_register_status_cb(velmora_svcmgr_ai_status_cb callback, v
  * nothing, successfully, if nothing was registered.
  *
  * @return SVCMGR_ERROR_NONE
- * @return SVCMGR_ERROR_INVALID_OPERATION  the platform refuses to end the subscription, which
- *                                         counts as ended all the same
+ * @return SVCMGR_ERROR_INVALID_OPERATION  the platform refuses to end the subscription (trap 22)
  * @return SVCMGR_ERROR_NOT_SUPPORTED      the callback stays registered
  */
 int velmora_svcmgr_ai_deregister_status_cb(void);
