@@ -53,4 +53,4 @@ void ModelUpdateEventHandler::ModelEventCallback(const char* event_name, bundle*
     CLIENT_ERROR("Received Unknown State");
   }
 }
-RETURN_ON_EXCEPTION()
+RETURN_ON_EXCEPTION();

@@ -11,6 +11,7 @@
 #include "wire.h"
 
 // Closes a function that the platform calls: nothing that is thrown reaches the platform's C code.
+// A semicolon follows, as after RETURN_ON_EXCEPTION.
 #define END_ON_EXCEPTION              \
   LET_THREAD_EXIT_PASS                \
   catch (...) {                       \
@@ -230,7 +231,7 @@ void SvcMgrAppPort::OnConnectedCB(const char*, const char*, rpc_port_h port, voi
   if (self->IsClosed()) return;
   self->listener_->OnConnected();
 }
-END_ON_EXCEPTION
+END_ON_EXCEPTION;
 
 void SvcMgrAppPort::OnDisconnectedCB(const char*, const char*, void* user_data) try {
   auto* self = static_cast<SvcMgrAppPort*>(user_data);
@@ -239,7 +240,7 @@ void SvcMgrAppPort::OnDisconnectedCB(const char*, const char*, void* user_data) 
   self->delegates_->Clear();
   self->listener_->OnDisconnected();
 }
-END_ON_EXCEPTION
+END_ON_EXCEPTION;
 
 void SvcMgrAppPort::OnRejectedCB(const char*, const char*, void* user_data) try {
   auto* self = static_cast<SvcMgrAppPort*>(user_data);
@@ -247,7 +248,7 @@ void SvcMgrAppPort::OnRejectedCB(const char*, const char*, void* user_data) try 
   if (self->IsClosed()) return;
   self->listener_->OnRejected();
 }
-END_ON_EXCEPTION
+END_ON_EXCEPTION;
 
 void SvcMgrAppPort::OnReceivedCB(const char*, const char*, void* user_data) try {
   auto* self = static_cast<SvcMgrAppPort*>(user_data);
@@ -260,7 +261,7 @@ void SvcMgrAppPort::OnReceivedCB(const char*, const char*, void* user_data) try 
   }
   self->Dispatch(message);
 }
-END_ON_EXCEPTION
+END_ON_EXCEPTION;
 
 void SvcMgrAppPort::Dispatch(const Parcel& message) {
   ParcelReader in(message.get());

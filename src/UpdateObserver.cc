@@ -21,7 +21,7 @@ void AgentEventCallback(const char* event_name, bundle* data, void*) try {
   // Ends the subscription that called this function: nothing may follow.
   context.Reconnect();
 }
-RETURN_ON_EXCEPTION()
+RETURN_ON_EXCEPTION();
 
 void PrepareSvcmgrUpdate() {
   svcmgr::agent_update_state.AnnounceAgentUpdate();

@@ -81,7 +81,7 @@ void UpdateStatusEventHandler::UpdateEventCallback(const char* event_name, bundl
     self.NotifyFinal(StatusOfFailure(*code));
   }
 }
-RETURN_ON_EXCEPTION()
+RETURN_ON_EXCEPTION();
 
 void UpdateStatusEventHandler::Notify(int status) const {
   // Copies: the callback may set another one.

@@ -12,7 +12,8 @@
 //       RETURN_IF_NOT_CONNECTED();
 //       ...
 //       return SVCMGR_ERROR_NONE;
-//     } RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+//     }
+//     RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 #include <velmora_svcmgr.h>
 
@@ -48,7 +49,8 @@
     }                                                          \
   } while (false)
 
-// Closes a function's try block: nothing that is thrown leaves the library.
+// Closes a function's try block: nothing that is thrown leaves the library. A semicolon follows, so
+// that ctags, which does not expand macros, sees the function after it.
 #define RETURN_ON_EXCEPTION(code)      \
   LET_THREAD_EXIT_PASS                 \
   catch (...) {                        \

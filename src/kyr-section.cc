@@ -226,7 +226,7 @@ int kyr_section_read_file(const char* path, const struct stat* status, int type,
   if (record && IsNewer(*record, latest_record)) latest_record = *record;
   return 0;
 }
-RETURN_ON_EXCEPTION(0)
+RETURN_ON_EXCEPTION(0);
 
 svcmgr::OwnedKyrRecord kyr_section_get_latest(const char* root_path) {
   using svcmgr::KyrRecord;

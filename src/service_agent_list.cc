@@ -29,7 +29,7 @@ int velmora_svcmgr_agent_list_create(velmora_svcmgr_agent_list_h* list) try {
   *list = new (storage) velmora_svcmgr_agent_list_s();
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_agent_list_destroy(velmora_svcmgr_agent_list_h list) try {
   CLIENT_INFO("velmora_svcmgr_agent_list_destroy");
@@ -44,7 +44,7 @@ int velmora_svcmgr_agent_list_destroy(velmora_svcmgr_agent_list_h list) try {
   std::free(list);
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_agent_list_add(velmora_svcmgr_agent_list_h list, const char* agent) try {
   RETURN_IF_AGENT_MISSING();
@@ -55,7 +55,7 @@ int velmora_svcmgr_agent_list_add(velmora_svcmgr_agent_list_h list, const char* 
   static_cast<void>(copy.release());  // the list's from here on
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_agent_list_get(velmora_svcmgr_agent_list_h list, int index, char** agent) try {
   RETURN_IF_AGENT_MISSING();
@@ -67,7 +67,7 @@ int velmora_svcmgr_agent_list_get(velmora_svcmgr_agent_list_h list, int index, c
   *agent = CopyAgent(list->agents[static_cast<std::size_t>(index)]).release();
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_agent_list_get_size(velmora_svcmgr_agent_list_h list, int* size) try {
   RETURN_IF_AGENT_MISSING();
@@ -76,4 +76,4 @@ int velmora_svcmgr_agent_list_get_size(velmora_svcmgr_agent_list_h list, int* si
   *size = static_cast<int>(list->agents.size());
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);

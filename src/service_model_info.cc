@@ -54,7 +54,7 @@ int velmora_svcmgr_ai_model_info_create(velmora_svcmgr_ai_model_info_h* info) tr
   *info = record;
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_model_info_destroy(velmora_svcmgr_ai_model_info_h info) try {
   CLIENT_INFO("velmora_svcmgr_ai_model_info_destroy");
@@ -63,7 +63,7 @@ int velmora_svcmgr_ai_model_info_destroy(velmora_svcmgr_ai_model_info_h info) tr
   svcmgr::FreeModelInfo(info);
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_model_info_get_id(velmora_svcmgr_ai_model_info_h info, char** text) try {
   RETURN_IF_AGENT_MISSING();
@@ -73,7 +73,7 @@ int velmora_svcmgr_ai_model_info_get_id(velmora_svcmgr_ai_model_info_h info, cha
   *text = svcmgr::CopyModelText(info->id);
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_model_info_get_version(velmora_svcmgr_ai_model_info_h info, char** text) try {
   RETURN_IF_AGENT_MISSING();
@@ -84,7 +84,7 @@ int velmora_svcmgr_ai_model_info_get_version(velmora_svcmgr_ai_model_info_h info
   *text = svcmgr::CopyModelText(info->version);
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_model_info_get_title(velmora_svcmgr_ai_model_info_h info, char** text) try {
   RETURN_IF_AGENT_MISSING();
@@ -94,7 +94,7 @@ int velmora_svcmgr_ai_model_info_get_title(velmora_svcmgr_ai_model_info_h info, 
   *text = svcmgr::CopyModelText(info->title);
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_model_info_get_description(velmora_svcmgr_ai_model_info_h info,
                                                  char** text) try {
@@ -106,7 +106,7 @@ int velmora_svcmgr_ai_model_info_get_description(velmora_svcmgr_ai_model_info_h 
   *text = svcmgr::CopyModelText(info->description);
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 // A setter leaves the field's former text allocated on purpose: a record is filled once, right
 // after it was made.
@@ -118,7 +118,7 @@ int velmora_svcmgr_ai_model_info_set_id(velmora_svcmgr_ai_model_info_h info, con
   info->id = svcmgr::CopyModelText(text);
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_model_info_set_version(velmora_svcmgr_ai_model_info_h info,
                                              const char* text) try {
@@ -128,7 +128,7 @@ int velmora_svcmgr_ai_model_info_set_version(velmora_svcmgr_ai_model_info_h info
   info->version = svcmgr::CopyModelText(text);
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_model_info_set_title(velmora_svcmgr_ai_model_info_h info,
                                            const char* text) try {
@@ -138,7 +138,7 @@ int velmora_svcmgr_ai_model_info_set_title(velmora_svcmgr_ai_model_info_h info,
   info->title = svcmgr::CopyModelText(text);
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_model_info_set_description(velmora_svcmgr_ai_model_info_h info,
                                                  const char* text) try {
@@ -148,4 +148,4 @@ int velmora_svcmgr_ai_model_info_set_description(velmora_svcmgr_ai_model_info_h 
   info->description = svcmgr::CopyModelText(text);
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);

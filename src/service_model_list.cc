@@ -17,7 +17,7 @@ int velmora_svcmgr_ai_model_list_create(velmora_svcmgr_ai_model_list_h* list) tr
   *list = new (storage) velmora_svcmgr_ai_model_list_s();
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_model_list_destroy(velmora_svcmgr_ai_model_list_h list) try {
   CLIENT_INFO("velmora_svcmgr_ai_model_list_destroy");
@@ -34,7 +34,7 @@ int velmora_svcmgr_ai_model_list_destroy(velmora_svcmgr_ai_model_list_h list) tr
   std::free(list);
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_model_list_add(velmora_svcmgr_ai_model_list_h list,
                                      velmora_svcmgr_ai_model_info_h info) try {
@@ -46,7 +46,7 @@ int velmora_svcmgr_ai_model_list_add(velmora_svcmgr_ai_model_list_h list,
   static_cast<void>(copy.release());  // the list's from here on
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_model_list_get(velmora_svcmgr_ai_model_list_h list, int index,
                                      velmora_svcmgr_ai_model_info_h* info) try {
@@ -59,7 +59,7 @@ int velmora_svcmgr_ai_model_list_get(velmora_svcmgr_ai_model_list_h list, int in
   *info = svcmgr::CopyModelInfo(list->models[static_cast<std::size_t>(index)]).release();
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_model_list_get_size(velmora_svcmgr_ai_model_list_h list, int* size) try {
   RETURN_IF_AGENT_MISSING();
@@ -68,4 +68,4 @@ int velmora_svcmgr_ai_model_list_get_size(velmora_svcmgr_ai_model_list_h list, i
   *size = static_cast<int>(list->models.size());
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);

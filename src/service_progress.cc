@@ -14,7 +14,7 @@ int velmora_svcmgr_ai_progress_create(velmora_svcmgr_ai_progress_h* progress) tr
   *progress = record;
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_progress_destroy(velmora_svcmgr_ai_progress_h progress) try {
   RETURN_IF_AGENT_MISSING();
@@ -22,7 +22,7 @@ int velmora_svcmgr_ai_progress_destroy(velmora_svcmgr_ai_progress_h progress) tr
   std::free(progress);
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_progress_get_percentage(velmora_svcmgr_ai_progress_h progress,
                                               int* percentage) try {
@@ -32,7 +32,7 @@ int velmora_svcmgr_ai_progress_get_percentage(velmora_svcmgr_ai_progress_h progr
   *percentage = progress->percentage;
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_progress_get_count(velmora_svcmgr_ai_progress_h progress, int* count) try {
   RETURN_IF_AGENT_MISSING();
@@ -41,7 +41,7 @@ int velmora_svcmgr_ai_progress_get_count(velmora_svcmgr_ai_progress_h progress, 
   *count = progress->count;
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_progress_get_index(velmora_svcmgr_ai_progress_h progress, int* index) try {
   RETURN_IF_AGENT_MISSING();
@@ -50,7 +50,7 @@ int velmora_svcmgr_ai_progress_get_index(velmora_svcmgr_ai_progress_h progress, 
   *index = progress->index;
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_progress_get_state(velmora_svcmgr_ai_progress_h progress, int* state) try {
   RETURN_IF_AGENT_MISSING();
@@ -59,7 +59,7 @@ int velmora_svcmgr_ai_progress_get_state(velmora_svcmgr_ai_progress_h progress, 
   *state = progress->state;
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_progress_set_percentage(velmora_svcmgr_ai_progress_h progress,
                                               int percentage) try {
@@ -68,7 +68,7 @@ int velmora_svcmgr_ai_progress_set_percentage(velmora_svcmgr_ai_progress_h progr
   progress->percentage = percentage;
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_progress_set_count(velmora_svcmgr_ai_progress_h progress, int count) try {
   RETURN_IF_AGENT_MISSING();
@@ -76,7 +76,7 @@ int velmora_svcmgr_ai_progress_set_count(velmora_svcmgr_ai_progress_h progress, 
   progress->count = count;
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_progress_set_index(velmora_svcmgr_ai_progress_h progress, int index) try {
   RETURN_IF_AGENT_MISSING();
@@ -84,7 +84,7 @@ int velmora_svcmgr_ai_progress_set_index(velmora_svcmgr_ai_progress_h progress, 
   progress->index = index;
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_progress_set_state(velmora_svcmgr_ai_progress_h progress, int state) try {
   RETURN_IF_AGENT_MISSING();
@@ -92,4 +92,4 @@ int velmora_svcmgr_ai_progress_set_state(velmora_svcmgr_ai_progress_h progress, 
   progress->state = state;
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);

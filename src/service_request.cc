@@ -12,7 +12,7 @@ int velmora_svcmgr_ai_request_usable_model_list(velmora_svcmgr_ai_model_list_cb 
   if (result != SVCMGR_ERROR_NONE) CLIENT_ERROR_F("connection error [%d]", result);
   return result;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_request_usable_model_list_with_description(
     velmora_svcmgr_ai_model_list_cb callback, void* user_data) try {
@@ -25,7 +25,7 @@ int velmora_svcmgr_ai_request_usable_model_list_with_description(
   if (result != SVCMGR_ERROR_NONE) CLIENT_ERROR_F("connection error [%d]", result);
   return result;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_request_usable_model_list_with_category(
     velmora_svcmgr_ai_model_list_cb callback, const char* category, void* user_data) try {
@@ -39,7 +39,7 @@ int velmora_svcmgr_ai_request_usable_model_list_with_category(
   if (result != SVCMGR_ERROR_NONE) CLIENT_ERROR_F("connection error [%d]", result);
   return result;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_request_model_version_list(velmora_svcmgr_ai_model_info_h info,
                                                  velmora_svcmgr_ai_model_list_cb callback,
@@ -55,7 +55,7 @@ int velmora_svcmgr_ai_request_model_version_list(velmora_svcmgr_ai_model_info_h 
   if (result != SVCMGR_ERROR_NONE) CLIENT_ERROR_F("error [%d]", result);
   return result;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_request_to_update(velmora_svcmgr_ai_model_list_h list,
                                         velmora_svcmgr_ai_progress_cb callback,
@@ -70,7 +70,7 @@ int velmora_svcmgr_ai_request_to_update(velmora_svcmgr_ai_model_list_h list,
   if (result != SVCMGR_ERROR_NONE) CLIENT_ERROR_F("error [%d]", result);
   return result;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_request_to_uninstall(velmora_svcmgr_ai_model_list_h list,
                                            velmora_svcmgr_ai_progress_cb callback,
@@ -85,4 +85,4 @@ int velmora_svcmgr_ai_request_to_uninstall(velmora_svcmgr_ai_model_list_h list,
   if (result != SVCMGR_ERROR_NONE) CLIENT_ERROR_F("error [%d]", result);
   return result;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);

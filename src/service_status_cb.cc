@@ -12,7 +12,7 @@ int velmora_svcmgr_ai_register_status_cb(velmora_svcmgr_ai_status_cb callback,
   ModelUpdateEventHandler::GetInstance().SetEventCallback(callback, user_data);
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_ai_deregister_status_cb() try {
   CLIENT_INFO("__ velmora_svcmgr_ai_deregister_status_cb __");
@@ -21,4 +21,4 @@ int velmora_svcmgr_ai_deregister_status_cb() try {
                   "UnsetEventCallback Error", SVCMGR_ERROR_INVALID_OPERATION);
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);

@@ -24,7 +24,7 @@ int velmora_svcmgr_connect(velmora_svcmgr_connection_cb callback, void* user_dat
   if (result != SVCMGR_ERROR_NONE) CLIENT_ERROR_F("connection result = [%d]", result);
   return result;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_disconnect() try {
   RETURN_IF_AGENT_MISSING();
@@ -32,7 +32,7 @@ int velmora_svcmgr_disconnect() try {
   if (context.IsConnected()) context.Disconnect();
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_get_license_fulltext(char** text) try {
   RETURN_IF_AGENT_MISSING();
@@ -52,7 +52,7 @@ int velmora_svcmgr_get_license_fulltext(char** text) try {
   *text = strdup(license.get());
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_get_agent_api_level(int* level) try {
   RETURN_IF_AGENT_MISSING();
@@ -70,7 +70,7 @@ int velmora_svcmgr_get_agent_api_level(int* level) try {
   *level = answer;
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_API_LEVEL)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_API_LEVEL);
 
 int velmora_svcmgr_request_update() try {
   RETURN_IF_AGENT_MISSING();
@@ -90,7 +90,7 @@ int velmora_svcmgr_request_update() try {
       return SVCMGR_ERROR_NOT_CONNECTED;
   }
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_request_update_with_list(velmora_svcmgr_agent_list_h list) try {
   RETURN_IF_AGENT_MISSING();
@@ -102,7 +102,7 @@ int velmora_svcmgr_request_update_with_list(velmora_svcmgr_agent_list_h list) tr
   CLIENT_INFO_F("Failed to invoke_request_update. err = %d", result);
   return SVCMGR_ERROR_NOT_CONNECTED;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_is_being_updated(bool* updating) try {
   RETURN_IF_AGENT_MISSING();
@@ -111,7 +111,7 @@ int velmora_svcmgr_is_being_updated(bool* updating) try {
   *updating = svcmgr::agent_update_state.IsUpdating();
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 // Both succeed on purpose when the platform refuses the subscription or its end: that is logged
 // alone.
@@ -123,14 +123,14 @@ int velmora_svcmgr_set_update_status_cb(velmora_svcmgr_update_status_cb callback
   UpdateStatusEventHandler::GetInstance().SetEventCallback(callback, user_data);
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_unset_update_status_cb() try {
   RETURN_IF_AGENT_MISSING();
   UpdateStatusEventHandler::GetInstance().UnsetEventCallback();
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
 int velmora_svcmgr_get_client_api_level(int* level) try {
   RETURN_IF_AGENT_MISSING();
@@ -151,4 +151,4 @@ int velmora_svcmgr_get_client_api_level(int* level) try {
   *level = record->api_level;
   return SVCMGR_ERROR_NONE;
 }
-RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION)
+RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
