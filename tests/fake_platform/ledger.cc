@@ -292,8 +292,7 @@ void __wrap_free(void* block) {
 namespace {
 
 // A symbol's name spells its parameters' types out, and std::size_t is not the same type everywhere.
-constexpr const char* kNewSymbol =
-    std::is_same_v<std::size_t, unsigned long> ? "_Znwm" : "_Znwj";
+constexpr const char* kNewSymbol = std::is_same_v<std::size_t, unsigned long> ? "_Znwm" : "_Znwj";
 
 template <typename Function>
 Function NextDefinition(const char* symbol) {
