@@ -11,8 +11,6 @@
 template <typename T>
 class Singleton {
  public:
-  Singleton(const Singleton&) = delete;
-  Singleton& operator=(const Singleton&) = delete;
   virtual ~Singleton() = default;
 
   static T& GetInstance() {
@@ -22,10 +20,13 @@ class Singleton {
     return *instance;
   }
 
- protected:
-  Singleton() = default;
-
  private:
+  // For T alone: no other class may pass for its base.
+  friend T;
+  Singleton() = default;
+  Singleton(const Singleton&) = delete;
+  Singleton& operator=(const Singleton&) = delete;
+
   struct ExitHook {
     T* instance;
     ~ExitHook() { instance->ForgetSubscription(); }
