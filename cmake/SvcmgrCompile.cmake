@@ -51,9 +51,12 @@ if(SVCMGR_SANITIZE)
   if(SVCMGR_SANITIZE MATCHES address AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang"
      AND NOT SVCMGR_FUZZERS)
     # From a library of its own the runtime's operator new can be called by one that replaces it.
-    execute_process(COMMAND ${CMAKE_CXX_COMPILER} --print-runtime-dir
-      OUTPUT_VARIABLE runtime OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
-    add_link_options(-shared-libasan -Wl,-rpath,${runtime})
+    # The folder that clang names need not be there; the other one is then where the runtime lies.
+    foreach(folder IN ITEMS runtime resource)
+      execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-${folder}-dir
+        OUTPUT_VARIABLE ${folder} OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+    endforeach()
+    add_link_options(-shared-libasan -Wl,-rpath,${runtime} -Wl,-rpath,${resource}/lib/linux)
   endif()
 endif()
 if(SVCMGR_FUZZERS)
