@@ -208,12 +208,16 @@ TEST(TheSharedLibrary, NeedsThePlatformAndTheRuntimeAndNothingElse) {
     "libm",
     "ld-linux-x86-64",
     "ld-linux-aarch64",
+    "ld-linux-armhf",
+    "ld-linux",
 #if SVCMGR_SANITIZED
     "libasan",
     "libubsan",
     "libtsan",
     "libclang_rt.asan-x86_64",
     "libclang_rt.asan-aarch64",
+    "libclang_rt.asan-armhf",
+    "libclang_rt.asan-i386",
 #endif
   };
   const auto needed = Dynamic("\\(NEEDED\\)[^\\n]*\\[([^\\]]+)\\]");
