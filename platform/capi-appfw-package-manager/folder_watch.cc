@@ -83,7 +83,7 @@ void FolderWatch::Forget() {
 // A folder above that stands and is no link can only be moved: to be removed or replaced it must be
 // empty first. What else happens in it, say in /tmp, is better not heard of. Where the path ends early
 // or leads through a link, every folder on the way has to be listened to.
-void FolderWatch::WatchPath() {
+void FolderWatch::WatchPath() try {
   Forget();
   short_of_watches_ = false;
   if (!WatchSteps(folder_, Care::kMoves)) {
@@ -94,6 +94,9 @@ void FolderWatch::WatchPath() {
   }
   // With a part of the watches only, news could be missed.
   if (steps_.empty() || short_of_watches_) inotify_ = UniqueFd();
+} catch (...) {
+  inotify_ = UniqueFd();
+  throw;
 }
 
 // Stops at the first folder that is missing: its coming is news from the one before.

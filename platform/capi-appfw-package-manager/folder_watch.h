@@ -18,7 +18,8 @@ class FolderWatch {
   explicit FolderWatch(std::string folder) : folder_(std::move(folder)) {}
 
   // Whether the folder may hold something else than at the last call: one read while nothing
-  // happens. Always true at the first call, and as long as the kernel grants no watch.
+  // happens. Always true at the first call, and as long as the kernel grants no watch. What fails by an
+  // exception is tried again by the next call, which returns true.
   bool Changed();
 
   // False as long as the kernel grants no watch.

@@ -16,9 +16,6 @@ namespace packages {
 inline constexpr char kGenerationFile[] = ".generation";
 
 // The generation word of a folder, mapped.
-//
-// A file that somebody makes empty while it is mapped ends the process that looks at the word next.
-// Who looks therefore hears first whether anybody has touched the file, as often as it can be afforded.
 class Generation {
  public:
   using Word = std::atomic<uint64_t>;

@@ -27,10 +27,13 @@ int CopyOut(const std::string& text, char** out) {
 
 int package_info_create(const char* package, package_info_h* package_info) try {
   if (!package || !package_info) return -EINVAL;
-  const package_info_s* held = nullptr;
-  if (const int error = packages::HoldLatestPackage(package, &held)) return error;
-  if (!held) return kNoSuchPackage;
-  *package_info = const_cast<package_info_h>(held);
+  SnapshotRef snapshot;
+  if (const int error = LatestSnapshot(&snapshot)) return error;
+  const package_info_s* found = snapshot->FindPackage(package);
+  if (!found) return kNoSuchPackage;
+  // The share is the handle's.
+  snapshot.Detach();
+  *package_info = const_cast<package_info_h>(found);
   return 0;
 } catch (const std::exception&) {
   return -ENOMEM;

@@ -1,14 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "snapshot.h"
 
+#include <string.h>
+
 #include <algorithm>
 
 namespace packages {
 
-Snapshot::Snapshot(Content content)
+Snapshot::Snapshot(Content content, Freshness freshness)
     : packages_(std::move(content.packages)),
       complaints_(std::move(content.complaints)),
-      may_change_unheard_(content.may_change_unheard) {
+      may_change_unheard_(content.may_change_unheard),
+      freshness_(std::move(freshness)) {
   std::sort(packages_.begin(), packages_.end(),
             [](const auto& a, const auto& b) { return a.id < b.id; });
   for (package_info_s& package : packages_) {
@@ -23,16 +26,22 @@ Snapshot::Snapshot(Content content)
                    [](const auto* a, const auto* b) { return a->id < b->id; });
 }
 
-const package_info_s* Snapshot::FindPackage(std::string_view id) const {
-  const auto found = std::lower_bound(packages_.begin(), packages_.end(), id,
-                                      [](const auto& a, std::string_view b) { return a.id < b; });
-  return found != packages_.end() && found->id == id ? &*found : nullptr;
+const package_info_s* Snapshot::FindPackage(const char* id) const {
+  const package_info_s* last = last_found_.load(std::memory_order_relaxed);
+  if (last && strcmp(last->id.c_str(), id) == 0) return last;
+  const auto found =
+      std::lower_bound(packages_.begin(), packages_.end(), id,
+                       [](const auto& a, const char* b) { return strcmp(a.id.c_str(), b) < 0; });
+  if (found == packages_.end() || strcmp(found->id.c_str(), id) != 0) return nullptr;
+  last_found_.store(&*found, std::memory_order_relaxed);
+  return &*found;
 }
 
-const app_info_s* Snapshot::FindApplication(std::string_view id) const {
-  const auto found = std::lower_bound(applications_.begin(), applications_.end(), id,
-                                      [](const auto* a, std::string_view b) { return a->id < b; });
-  return found != applications_.end() && (*found)->id == id ? *found : nullptr;
+const app_info_s* Snapshot::FindApplication(const char* id) const {
+  const auto found =
+      std::lower_bound(applications_.begin(), applications_.end(), id,
+                       [](const auto* a, const char* b) { return strcmp(a->id.c_str(), b) < 0; });
+  return found != applications_.end() && strcmp((*found)->id.c_str(), id) == 0 ? *found : nullptr;
 }
 
 }  // namespace packages

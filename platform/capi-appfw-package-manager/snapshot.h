@@ -8,9 +8,10 @@
 #include <atomic>
 #include <set>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
+
+#include "freshness.h"
 
 namespace packages {
 class Snapshot;
@@ -43,7 +44,7 @@ class Snapshot {
   };
 
   // The new snapshot has one share, the maker's.
-  explicit Snapshot(Content content);
+  Snapshot(Content content, Freshness freshness);
   Snapshot(const Snapshot&) = delete;
   Snapshot& operator=(const Snapshot&) = delete;
 
@@ -51,8 +52,9 @@ class Snapshot {
   const std::vector<package_info_s>& packages() const { return packages_; }
   const Complaints& complaints() const { return complaints_; }
   bool may_change_unheard() const { return may_change_unheard_; }
-  const package_info_s* FindPackage(std::string_view id) const;
-  const app_info_s* FindApplication(std::string_view id) const;
+  const package_info_s* FindPackage(const char* id) const;
+  const app_info_s* FindApplication(const char* id) const;
+  Freshness& freshness() const { return freshness_; }
 
   void Hold(uint64_t shares = 1) const { shares_.fetch_add(shares, std::memory_order_relaxed); }
   void Release(uint64_t shares = 1) const {
@@ -64,9 +66,12 @@ class Snapshot {
 
   mutable std::atomic<uint64_t> shares_{1};
   std::vector<package_info_s> packages_;
+  // Most processes ask for the same package again and again.
+  mutable std::atomic<const package_info_s*> last_found_{nullptr};
   std::vector<const app_info_s*> applications_;  // ordered by ID
   const Complaints complaints_;
   const bool may_change_unheard_;
+  mutable Freshness freshness_;
 };
 
 // Owner of one share of a snapshot.

@@ -159,10 +159,6 @@ Outcome ReadPackage(int folder, const char* name, package_info_s* package, bool*
   return ParsePackage(id, text, package, complaint) ? Outcome::kRead : Outcome::kBroken;
 }
 
-SnapshotRef NewSnapshot(Snapshot::Content content) {
-  return SnapshotRef(new Snapshot(std::move(content)));
-}
-
 }  // namespace
 
 bool IsKeyFileName(std::string_view name) {
@@ -198,41 +194,36 @@ bool ParsePackage(std::string_view id, std::string_view text, package_info_s* pa
   return false;
 }
 
-int ReadSnapshot(const std::string& folder, SnapshotRef* snapshot) {
+int ReadFolder(const std::string& folder, Snapshot::Content* content) {
   const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(folder.c_str()), closedir);
   if (!entries) {
-    if (errno != ENOENT && errno != ENOTDIR) return -errno;
-    *snapshot = NewSnapshot({});
-    return 0;
+    return errno == ENOENT || errno == ENOTDIR ? 0 : -errno;
   }
-  Snapshot::Content content;
   for (;;) {
     errno = 0;
     const dirent* entry = readdir(entries.get());
     if (!entry && errno != 0) return -errno;
-    if (!entry) break;
+    if (!entry) return 0;
     if (!IsKeyFileName(entry->d_name)) continue;
     package_info_s package;
     std::string complaint;
     bool has_other_links = false;
     const Outcome outcome =
         ReadPackage(dirfd(entries.get()), entry->d_name, &package, &has_other_links, &complaint);
-    content.may_change_unheard |= has_other_links;
+    content->may_change_unheard |= has_other_links;
     switch (outcome) {
       case Outcome::kRead:
-        content.packages.push_back(std::move(package));
+        content->packages.push_back(std::move(package));
         break;
       case Outcome::kGone:
         break;
       case Outcome::kBroken:
-        content.complaints.insert(folder + "/" + entry->d_name + ": " + complaint);
+        content->complaints.insert(folder + "/" + entry->d_name + ": " + complaint);
         break;
       case Outcome::kFailed:
         return -EIO;
     }
   }
-  *snapshot = NewSnapshot(std::move(content));
-  return 0;
 }
 
 }  // namespace packages

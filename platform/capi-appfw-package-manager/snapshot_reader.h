@@ -23,7 +23,7 @@ bool ParsePackage(std::string_view id, std::string_view text, package_info_s* pa
 
 // Reads a folder; one that does not exist has no packages, and a key file that is broken is left
 // out with a complaint. Returns 0 or a negative code if the folder cannot be read for now.
-int ReadSnapshot(const std::string& folder, SnapshotRef* snapshot);
+int ReadFolder(const std::string& folder, Snapshot::Content* content);
 
 }  // namespace packages
 

@@ -4,13 +4,22 @@
 #include <package_desktop.h>
 
 #include <cerrno>
+#include <csignal>
 #include <thread>
 
 #include "package_world.h"
 
 namespace {
 
+constexpr int kNever = -1;
 thread_local bool memory_is_exhausted = false;
+thread_local int allocations_before_failure = kNever;
+
+// Whether the calling thread's next allocation fails.
+bool Fails() {
+  if (allocations_before_failure == kNever) return memory_is_exhausted;
+  return allocations_before_failure-- == 0;
+}
 
 void* Refused() {
   errno = ENOMEM;
@@ -25,12 +34,10 @@ extern "C" {
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
 void* __libc_realloc(void* block, size_t size);
-void* malloc(size_t size) { return memory_is_exhausted ? Refused() : __libc_malloc(size); }
-void* calloc(size_t count, size_t size) {
-  return memory_is_exhausted ? Refused() : __libc_calloc(count, size);
-}
+void* malloc(size_t size) { return Fails() ? Refused() : __libc_malloc(size); }
+void* calloc(size_t count, size_t size) { return Fails() ? Refused() : __libc_calloc(count, size); }
 void* realloc(void* block, size_t size) {
-  return memory_is_exhausted ? Refused() : __libc_realloc(block, size);
+  return Fails() ? Refused() : __libc_realloc(block, size);
 }
 }
 #pragma GCC visibility pop
@@ -77,6 +84,50 @@ TEST_F(AThreadWithoutMemory, LooksUpWhatIsInstalledByHand) {
   WriteByHand("a", KeyFile("1"));
   ASSERT_EQ(VersionOf("a"), "1");
   ExpectRightAnswers();
+}
+
+// Of a look-up that is the first one after a change.
+class AFailedAllocation : public PackageWorld {
+ protected:
+  // Looks "a" up with the `nth` allocation failing, and again with memory.
+  static int LookUpTwice(int nth, const std::string& version) {
+    package_info_h info = nullptr;
+    allocations_before_failure = nth;
+    const int result = package_info_create("a", &info);
+    const bool failed = allocations_before_failure == kNever;
+    allocations_before_failure = kNever;
+    const bool right = (result == 0 || result == -12) && VersionOf("a") == version;
+    return !right ? kWrong : failed ? kFailed : kDidNotFail;
+  }
+  static int StatusOf(pid_t child) {
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    // GLib ends a process that it has no memory for.
+    if (WIFSIGNALED(status)) return WTERMSIG(status) == SIGTRAP ? kFailed : kWrong;
+    return WEXITSTATUS(status);
+  }
+  static constexpr int kDidNotFail = 0;
+  static constexpr int kFailed = 10;
+  static constexpr int kWrong = 11;
+};
+
+TEST_F(AFailedAllocation, HidesNoChangeFromTheNextLookUp) {
+  int status = kFailed;
+  int nth = 0;
+  for (; status == kFailed && nth < 10000; ++nth) {
+    WriteByHand("a", KeyFile("1"));
+    const pid_t child = fork();
+    if (child == 0) {
+      if (VersionOf("a") != "1") _exit(kWrong);
+      std::filesystem::rename(folder_, top_ / "old");
+      WriteByHand("a", KeyFile("2"));
+      _exit(LookUpTwice(nth, "2"));
+    }
+    status = StatusOf(child);
+    std::filesystem::remove_all(top_ / "old");
+  }
+  EXPECT_EQ(status, kDidNotFail) << nth;
+  EXPECT_GT(nth, 10);
 }
 
 TEST_F(AThreadWithoutMemory, IsRefusedMemoryByTheTest) {
