@@ -3,6 +3,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <poll.h>
 #include <pthread.h>
 #include <stdarg.h>
@@ -10,11 +11,13 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <exception>
 #include <memory>
@@ -75,26 +78,166 @@ int64_t CoarseMs() {
   return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-int WriteAll(int fd, const char* data, size_t size) {
-  constexpr int kPatienceMs = 100;
-  while (size > 0) {
-    const ssize_t written = write(fd, data, size);
+// Calendar date of a day counted from 1970-01-01. The C library's functions take a lock that a
+// child forked from a threaded process may find held.
+void DateOfDay(int64_t day, int* year, int* month, int* day_of_month) {
+  // Counted from 0000-03-01, so that the leap day ends a year, in eras of 400 years.
+  constexpr int64_t kDaysBefore1970 = 719468;
+  constexpr int64_t kDaysPerEra = 146097;
+  const int64_t era = (day + kDaysBefore1970) / kDaysPerEra;
+  const int64_t of_era = (day + kDaysBefore1970) % kDaysPerEra;
+  const int64_t year_of_era =
+      (of_era - of_era / 1460 + of_era / 36524 - of_era / (kDaysPerEra - 1)) / 365;
+  const int64_t of_year = of_era - (365 * year_of_era + year_of_era / 4 - year_of_era / 100);
+  const int64_t from_march = (5 * of_year + 2) / 153;
+  *day_of_month = static_cast<int>(of_year - (153 * from_march + 2) / 5 + 1);
+  *month = static_cast<int>(from_march < 10 ? from_march + 3 : from_march - 9);
+  *year = static_cast<int>(era * 400 + year_of_era + (*month <= 2 ? 1 : 0));
+}
+
+// The time now, "2026-01-31T23:59:59.999Z".
+class TimeText {
+ public:
+  TimeText() {
+    // A burst of records shares its second. Memory that a thread has from its start: to get it later
+    // can fail, which would abort the process.
+    __attribute__((tls_model("initial-exec"))) static thread_local time_t last_second;
+    __attribute__((tls_model("initial-exec"))) static thread_local char last_text[kSecondsSize];
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    if (now.tv_sec != last_second || last_text[0] == '\0') {
+      last_second = now.tv_sec;
+      int year, month, day;
+      DateOfDay(now.tv_sec / 86400, &year, &month, &day);
+      const int second = static_cast<int>(now.tv_sec % 86400);
+      snprintf(last_text, sizeof last_text, "%04d-%02d-%02dT%02d:%02d:%02d", year, month, day,
+               second / 3600, second / 60 % 60, second % 60);
+    }
+    const int ms = static_cast<int>(now.tv_nsec / 1000000);
+    const char fraction[] = {'.', static_cast<char>('0' + ms / 100),
+                             static_cast<char>('0' + ms / 10 % 10),
+                             static_cast<char>('0' + ms % 10), 'Z'};
+    const size_t seconds = strlen(last_text);
+    memcpy(space_, last_text, seconds);
+    memcpy(space_ + seconds, fraction, sizeof fraction);
+    size_ = seconds + sizeof fraction;
+  }
+
+  std::string_view text() const { return {space_, size_}; }
+
+ private:
+  static constexpr size_t kSecondsSize = 48;
+  char space_[kSecondsSize + 8];
+  size_t size_;
+};
+
+// The way to the sink, which never waits. Standard error may be other processes', too, so that it cannot
+// be made non-blocking itself.
+class Outlet {
+ public:
+  Outlet() : fd_(sink.fd) {
+    struct stat about;
+    if (sink.is_file || fstat(fd_, &about) != 0) return;
+    is_socket_ = S_ISSOCK(about.st_mode);
+    may_block_ = S_ISFIFO(about.st_mode) || (S_ISCHR(about.st_mode) && isatty(fd_));
+    if (!may_block_) return;
+    constexpr char kStandardError[] = "/proc/self/fd/2";
+    anew_ = open(kStandardError, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (anew_ >= 0) fd_ = anew_;
+  }
+  ~Outlet() {
+    if (anew_ >= 0) close(anew_);
+  }
+  Outlet(const Outlet&) = delete;
+  Outlet& operator=(const Outlet&) = delete;
+
+  // As write, with EAGAIN where that would wait.
+  ssize_t Write(std::string_view text) const {
+    if (is_socket_) return send(fd_, text.data(), text.size(), MSG_DONTWAIT);
+    if (!may_block_ || anew_ >= 0) return write(fd_, text.data(), text.size());
+    // What cannot be opened anew, say another user's pipe, takes this much at once if it is ready.
+    if (WaitUntilReady(0)) return write(fd_, text.data(), std::min<size_t>(text.size(), PIPE_BUF));
+    errno = EAGAIN;
+    return -1;
+  }
+
+  bool WaitUntilReady(int64_t ms) const {
+    pollfd writable = {fd_, POLLOUT, 0};
+    return poll(&writable, 1, static_cast<int>(ms)) > 0;
+  }
+
+ private:
+  int fd_;
+  int anew_ = -1;
+  bool is_socket_ = false;
+  bool may_block_ = false;
+};
+
+// What could not be written.
+std::atomic<uint64_t> lost_records{0};
+// The sink has taken nothing since a record was given up: the next ones are not waited for.
+std::atomic<bool> sink_is_stuck{false};
+// The last line that was written has no end.
+std::atomic<bool> line_is_cut{false};
+
+// Returns how much was written: all, but for an error, or a sink that takes nothing for a while.
+size_t WriteAll(const Outlet& outlet, std::string_view text) {
+  constexpr int64_t kPatienceMs = 100;
+  size_t done = 0;
+  int64_t give_up_at = 0;
+  while (done < text.size()) {
+    const ssize_t written = outlet.Write(text.substr(done));
     if (written >= 0) {
-      data += written;
-      size -= static_cast<size_t>(written);
+      done += static_cast<size_t>(written);
+      sink_is_stuck = false;
+      give_up_at = 0;
       continue;
     }
     if (errno == EINTR) continue;
-    pollfd writable = {fd, POLLOUT, 0};
-    if (errno != EAGAIN || poll(&writable, 1, kPatienceMs) <= 0) return -EIO;
+    if (errno != EAGAIN) break;
+    const int64_t now = CoarseMs();
+    if (give_up_at == 0) give_up_at = now + (sink_is_stuck ? 0 : kPatienceMs);
+    if (now >= give_up_at) {
+      sink_is_stuck = true;
+      break;
+    }
+    outlet.WaitUntilReady(give_up_at - now);
   }
-  return 0;
+  if (done > 0) line_is_cut = text[done - 1] != '\n';
+  return done;
+}
+
+bool WriteNotice(const Outlet& outlet, uint64_t lost) {
+  TimeText time;
+  char notice[160];
+  const int size = snprintf(
+      notice, sizeof notice, "%s%.*s W DLOG %d: Lost %llu record%s that could not be written\n",
+      line_is_cut ? "\n" : "", static_cast<int>(time.text().size()), time.text().data(),
+      static_cast<int>(pid), static_cast<unsigned long long>(lost), lost == 1 ? "" : "s");
+  const std::string_view text(notice, static_cast<size_t>(size));
+  return WriteAll(outlet, text) == text.size();
+}
+
+// Writes whole records, each a line, after a notice of those that were lost before.
+int WriteRecords(std::string_view records) {
+  const Outlet outlet;
+  const uint64_t lost = lost_records.exchange(0);
+  size_t written = 0;
+  if (lost == 0 || WriteNotice(outlet, lost)) {
+    written = WriteAll(outlet, records);
+  } else {
+    lost_records += lost;
+  }
+  if (written == records.size()) return 0;
+  const std::string_view rest = records.substr(written);
+  lost_records += static_cast<uint64_t>(std::count(rest.begin(), rest.end(), '\n'));
+  return -EIO;
 }
 
 int Flush() {
   const size_t size = buffered;
   buffered = 0;
-  return WriteAll(sink.fd, buffer, size);
+  return WriteRecords({buffer, size});
 }
 
 int WriteBuffered(log_priority prio, std::string_view record) {
@@ -103,7 +246,7 @@ int WriteBuffered(log_priority prio, std::string_view record) {
   const bool old = buffered > 0 && now - oldest_buffered_ms >= kOldestBufferedMs;
   int result = 0;
   if (buffered + record.size() > kBufferSize) result = Flush();
-  if (record.size() > kBufferSize) return WriteAll(sink.fd, record.data(), record.size());
+  if (record.size() > kBufferSize) return WriteRecords(record);
   if (buffered == 0) oldest_buffered_ms = now;
   memcpy(buffer + buffered, record.data(), record.size());
   buffered += record.size();
@@ -157,9 +300,10 @@ void OpenSink() {
 void LockForFork() { pthread_mutex_lock(&mutex); }
 void UnlockInParent() { pthread_mutex_unlock(&mutex); }
 
-// The buffered records are the parent's to write.
+// The buffered records are the parent's to write, and the lost ones its to tell of.
 void UnlockInChild() {
   buffered = 0;
+  lost_records = 0;
   pid = getpid();
   pthread_mutex_unlock(&mutex);
 }
@@ -337,46 +481,6 @@ void AppendLine(std::string* out, std::string_view text, std::string_view format
   if (keeps_colour && !colour.empty()) *out += kColourReset;
 }
 
-// Calendar date of a day counted from 1970-01-01. The C library's functions take a lock that a
-// child forked from a threaded process may find held.
-void DateOfDay(int64_t day, int* year, int* month, int* day_of_month) {
-  // Counted from 0000-03-01, so that the leap day ends a year, in eras of 400 years.
-  constexpr int64_t kDaysBefore1970 = 719468;
-  constexpr int64_t kDaysPerEra = 146097;
-  const int64_t era = (day + kDaysBefore1970) / kDaysPerEra;
-  const int64_t of_era = (day + kDaysBefore1970) % kDaysPerEra;
-  const int64_t year_of_era =
-      (of_era - of_era / 1460 + of_era / 36524 - of_era / (kDaysPerEra - 1)) / 365;
-  const int64_t of_year = of_era - (365 * year_of_era + year_of_era / 4 - year_of_era / 100);
-  const int64_t from_march = (5 * of_year + 2) / 153;
-  *day_of_month = static_cast<int>(of_year - (153 * from_march + 2) / 5 + 1);
-  *month = static_cast<int>(from_march < 10 ? from_march + 3 : from_march - 9);
-  *year = static_cast<int>(era * 400 + year_of_era + (*month <= 2 ? 1 : 0));
-}
-
-void AppendTime(std::string* out) {
-  // A burst of records shares its second. Memory that a thread has from its start: to get it later
-  // can fail, which would abort the process.
-  __attribute__((tls_model("initial-exec"))) static thread_local time_t last_second;
-  __attribute__((tls_model("initial-exec"))) static thread_local char last_text[48];
-  timespec now;
-  clock_gettime(CLOCK_REALTIME, &now);
-  if (now.tv_sec != last_second || last_text[0] == '\0') {
-    last_second = now.tv_sec;
-    int year, month, day;
-    DateOfDay(now.tv_sec / 86400, &year, &month, &day);
-    const int second = static_cast<int>(now.tv_sec % 86400);
-    snprintf(last_text, sizeof last_text, "%04d-%02d-%02dT%02d:%02d:%02d", year, month, day,
-             second / 3600, second / 60 % 60, second % 60);
-  }
-  const int ms = static_cast<int>(now.tv_nsec / 1000000);
-  const char fraction[] = {'.', static_cast<char>('0' + ms / 100),
-                           static_cast<char>('0' + ms / 10 % 10), static_cast<char>('0' + ms % 10),
-                           'Z'};
-  *out += last_text;
-  out->append(fraction, sizeof fraction);
-}
-
 struct FreeDeleter {
   void operator()(char* text) const { free(text); }
 };
@@ -418,7 +522,7 @@ class Message {
 int Write(log_priority prio, const char* tag, const char* fmt, const Message& message) {
   std::string record;
   record.reserve(message.text().size() + 160);
-  AppendTime(&record);
+  record += TimeText().text();
   const int letter = prio < DLOG_VERBOSE ? DLOG_INFO : prio;
   record += ' ';
   record += kLetters[letter];
@@ -430,7 +534,7 @@ int Write(log_priority prio, const char* tag, const char* fmt, const Message& me
   AppendLine(&record, message.text(), fmt, message.cut(), sink.keeps_colour);
   record += '\n';
   // One write puts the whole line out: no lock needed.
-  if (!sink.is_file) return WriteAll(sink.fd, record.data(), record.size());
+  if (!sink.is_file) return WriteRecords(record);
   return WriteBuffered(prio, record);
 }
 

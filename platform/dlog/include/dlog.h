@@ -12,6 +12,11 @@
  * process exits; a forked child never writes those of its parent. What has gathered is lost when the
  * process replaces itself by exec or is killed.
  *
+ * No record holds the process up for long. What a sink does not take at once, such as a pipe that nobody
+ * reads, is given up after 100 ms, and then every record at once until the sink takes one again. Records
+ * that were lost are counted, and the next one that can be written comes after a record that says how
+ * many they were. A line that was cut is ended first.
+ *
  * VELMORA_LOG_LEVEL is the lowest priority that is written: verbose, debug, info, warn (the default),
  * error, fatal, or silent for none. The environment is read at the first record; a program that runs with
  * more rights than its user has does without it.
@@ -47,7 +52,7 @@ typedef enum {
  *
  * Returns 0 or more on success, also when the record's priority is filtered out, else a negative
  * error code: -22 for a null argument, a priority that no record has, or a conversion that fails, -5 if
- * the sink refuses, -12 when memory is exhausted. errno stays as it was. Callable from any thread.
+ * the sink refuses or does not take it in time, -12 when memory is exhausted. errno stays as it was. Callable from any thread.
  */
 int dlog_print(log_priority prio, const char* tag, const char* fmt, ...)
     __attribute__((format(printf, 3, 4)));

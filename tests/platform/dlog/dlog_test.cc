@@ -10,6 +10,7 @@
 #include <stdlib.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -517,6 +518,142 @@ TEST_F(AStandardErrorLog, GivesATerminalNoSequenceOfAnArgumentAndItsOwnColourBac
               HasSubstr(": \033[31mred\033[0m\r\n"));
 }
 
+TEST_F(ALogFile, TellsHowManyRecordsItDidNotTake) {
+  ToFile("verbose");
+  const auto log_too_much = [] {
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit small = {300, RLIM_INFINITY};
+    setrlimit(RLIMIT_FSIZE, &small);
+    // Gathered, and written together with the first record that matters.
+    for (int i = 0; i < 9; ++i)
+      dlog_print(DLOG_INFO, "TAG", "%s", "some forty characters, to make a long line");
+    if (dlog_print(DLOG_ERROR, "TAG", "too much") != -5) _exit(1);
+    const rlimit none = {RLIM_INFINITY, RLIM_INFINITY};
+    setrlimit(RLIMIT_FSIZE, &none);
+    if (dlog_print(DLOG_ERROR, "TAG", "last") != 0) _exit(2);
+  };
+  EXPECT_EQ(InChild(log_too_much, true), 0);
+  const std::vector<std::string> lines = Lines();
+  size_t whole = 0;
+  while (whole < lines.size() && lines[whole].find("a long line") != std::string::npos) ++whole;
+  // One line was cut.
+  ASSERT_EQ(lines.size(), whole + 3);
+  EXPECT_THAT(lines[whole + 1], EndsWith(": Lost " + std::to_string(10 - whole) +
+                                         " records that could not be written"));
+  EXPECT_THAT(lines[whole + 2], EndsWith(": last"));
+}
+
+// Standard error of a child, which nobody reads but the child itself.
+class AStandardErrorThatNobodyReads : public Log {
+ protected:
+  AStandardErrorThatNobodyReads() { unsetenv("VELMORA_LOG_FILE"); }
+
+  enum class Kind { kPipe, kSocket, kTerminal };
+  static bool Open(Kind kind, int* reader, int* writer) {
+    int ends[2];
+    if (kind == Kind::kTerminal) {
+      ends[0] = posix_openpt(O_RDWR | O_NOCTTY);
+      char name[64];
+      if (ends[0] < 0 || grantpt(ends[0]) != 0 || unlockpt(ends[0]) != 0 ||
+          ptsname_r(ends[0], name, sizeof name) != 0) {
+        return false;
+      }
+      ends[1] = open(name, O_RDWR | O_NOCTTY);
+    } else if (kind == Kind::kSocket ? socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0
+                                     : pipe(ends) != 0) {
+      return false;
+    }
+    fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    *reader = ends[0];
+    *writer = ends[1];
+    return true;
+  }
+  static std::string ReadAll(int reader) {
+    std::string text;
+    char chunk[4096];
+    for (ssize_t size; (size = read(reader, chunk, sizeof chunk)) > 0;) {
+      text.append(chunk, static_cast<size_t>(size));
+    }
+    return text;
+  }
+  // Logs until a record is lost. Number of records that were written.
+  static int FillWithRecords() {
+    int written = 0;
+    while (dlog_print(DLOG_ERROR, "TAG", "record %d", written) >= 0) ++written;
+    return written;
+  }
+  static void ExpectLossToBeCounted(Kind kind, const std::function<void()>& prepare) {
+    const auto log = [kind, &prepare] {
+      alarm(100);
+      int reader, writer;
+      if (!Open(kind, &reader, &writer)) _exit(2);
+      dup2(writer, STDERR_FILENO);
+      prepare();
+      const int written = FillWithRecords();
+      constexpr int kMore = 2000;
+      for (int i = 0; i < kMore; ++i) {
+        if (dlog_print(DLOG_ERROR, "TAG", "lost %d", i) != -5) _exit(3);
+      }
+      const std::string before = ReadAll(reader);
+      if (dlog_print(DLOG_ERROR, "TAG", "last") < 0) _exit(4);
+      const std::string after = ReadAll(reader);
+      const std::string notice = ": Lost " + std::to_string(kMore + 1) + " records";
+      const bool whole =
+          before.find("record " + std::to_string(written - 1)) != std::string::npos &&
+          before.find("lost") == std::string::npos;
+      const size_t said = after.find(notice);
+      if (!whole || said == std::string::npos || after.find(": last") < said) _exit(5);
+      if (dlog_print(DLOG_ERROR, "TAG", "later") < 0) _exit(6);
+      _exit(ReadAll(reader).find("Lost") == std::string::npos ? 0 : 7);
+    };
+    EXPECT_EQ(InChild(log, true), 0);
+  }
+};
+
+TEST_F(AStandardErrorThatNobodyReads, LosesAndCountsWhatAPipeDoesNotTake) {
+  ExpectLossToBeCounted(Kind::kPipe, [] {});
+}
+
+TEST_F(AStandardErrorThatNobodyReads, LosesAndCountsWhatASocketDoesNotTake) {
+  ExpectLossToBeCounted(Kind::kSocket, [] {});
+}
+
+TEST_F(AStandardErrorThatNobodyReads, LosesAndCountsWhatATerminalDoesNotTake) {
+  if (access("/dev/ptmx", R_OK | W_OK) != 0) GTEST_SKIP() << "no pseudo terminals here";
+  ExpectLossToBeCounted(Kind::kTerminal, [] {});
+}
+
+TEST_F(AStandardErrorThatNobodyReads, IsLeftAsBlockingAsItWas) {
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const auto log = [&ends] {
+    dup2(ends[1], STDERR_FILENO);
+    _exit(dlog_print(DLOG_ERROR, "TAG", "text") < 0);
+  };
+  EXPECT_EQ(InChild(log, true), 0);
+  EXPECT_EQ(fcntl(ends[1], F_GETFL) & O_NONBLOCK, 0);
+}
+
+TEST_F(AStandardErrorThatNobodyReads, GetsTheNextRecordOnALineOfItsOwnAfterOneThatWasCut) {
+  const auto log = [] {
+    alarm(100);
+    int reader, writer;
+    if (!Open(Kind::kPipe, &reader, &writer)) _exit(2);
+    dup2(writer, STDERR_FILENO);
+    // More than a pipe holds, and less than a message may be.
+    fcntl(writer, F_SETPIPE_SZ, 4096);
+    const std::string text(30000, 'x');
+    if (dlog_print(DLOG_ERROR, "TAG", "%s", text.c_str()) != -5) _exit(3);
+    const std::string cut = ReadAll(reader);
+    if (cut.empty() || cut.back() != 'x') _exit(4);
+    if (dlog_print(DLOG_ERROR, "TAG", "last") < 0) _exit(5);
+    const std::string after = ReadAll(reader);
+    const bool right = after[0] == '\n' && after.find(": Lost 1 record ") != std::string::npos;
+    _exit(right ? 0 : 6);
+  };
+  EXPECT_EQ(InChild(log, true), 0);
+}
+
 TEST_F(AStandardErrorLog, FailsTheRecordWhenItIsClosed) {
   unsetenv("VELMORA_LOG_FILE");
   const auto log_closed = [] {
@@ -559,6 +696,25 @@ TEST_F(ALogFile, MakesNoSystemCallForARecordThatIsFilteredOrGathered) {
     status = InChild(log_quietly, true);
   }
   EXPECT_EQ(status, 0);
+}
+
+// Opening fails from here on, as where another user has made the pipe.
+void ForbidOpening() {
+  sock_filter filter[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_openat, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EACCES),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  sock_fprog program = {sizeof filter / sizeof *filter, filter};
+  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+      prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
+    _exit(8);
+  }
+}
+
+TEST_F(AStandardErrorThatNobodyReads, LosesAndCountsWhatAPipeDoesNotTakeThatCannotBeOpenedAnew) {
+  ExpectLossToBeCounted(Kind::kPipe, ForbidOpening);
 }
 
 #endif  // SANITIZED
