@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef TESTS_SWEEP_FAILING_ALLOCATIONS_H_
+#define TESTS_SWEEP_FAILING_ALLOCATIONS_H_
+
+#include <atomic>
+#include <cstddef>
+
+/*
+ * The allocation functions of the whole process: malloc, calloc, realloc, strdup, strndup, the aligned
+ * forms and each operator new, defined by the program that links this, so that every shared library
+ * calls them. They count allocations, and let some fail.
+ */
+namespace sweep {
+
+/** Return addresses, innermost first. */
+struct Stack {
+  static constexpr int kMost = 40;
+  int depth = 0;
+  void* frames[kMost] = {};
+
+  /** The stack of its caller. */
+  void Capture();
+};
+
+/** What is told of the allocations that failed; may stand in shared memory. */
+struct Failures {
+  static constexpr int kMostCallers = 64;
+  std::atomic<long> counted{0};
+  std::atomic<long> failed{0};
+  /** What the process does, as it says itself, and what it did when the first one failed. */
+  const char* doing = "";
+  const char* first_doing = "";
+  Stack first;
+  /** Who called the allocation functions that failed: the first of them. */
+  void* callers[kMostCallers] = {};
+};
+
+/** From now on allocations count; number `first` (from 1) and the next ones, `burst` in all, fail. */
+void Arm(long first, long burst, Failures* failures);
+/** Nothing fails any more. What is armed again goes on to count where it was. */
+void Disarm();
+void Rearm();
+
+/** While one exists, this thread's allocations neither count nor fail. */
+class Uncounted {
+ public:
+  Uncounted();
+  ~Uncounted();
+  Uncounted(const Uncounted&) = delete;
+  Uncounted& operator=(const Uncounted&) = delete;
+};
+
+/** From now on it is known which blocks live. */
+void TrackBlocks();
+
+/** How many blocks that one place has asked for live. */
+struct LiveBlocks {
+  void* caller;
+  long blocks;
+};
+
+/** Counts them by place, in no order; returns how many places there are, at most `most`. */
+int CountLiveBlocks(LiveBlocks* places, int most);
+
+/** From now on the stack of each allocation that `caller` asks for is kept. */
+void KeepStacksOf(void* caller);
+/** The stack of one living block that `caller` asked for; empty if there is none. */
+Stack StackOfLiveBlock(void* caller);
+
+}  // namespace sweep
+
+#endif  // TESTS_SWEEP_FAILING_ALLOCATIONS_H_

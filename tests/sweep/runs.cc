@@ -1,0 +1,192 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "runs.h"
+
+#include <execinfo.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <new>
+#include <stdexcept>
+
+#include "client.h"
+#include "places.h"
+
+namespace sweep {
+namespace {
+
+/** A client that has done nothing for so long will do nothing more. */
+constexpr int kHangSeconds = 60;
+
+void RestoreSignals() {
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+/** Waits for a client's end; true if it had to be ended because it did nothing any more. */
+bool AwaitEnd(pid_t client, const RunRecord& record) {
+  const auto process = static_cast<int>(syscall(SYS_pidfd_open, client, 0));
+  if (process < 0) throw std::runtime_error("no descriptor for a process");
+  constexpr int kSecond = 1000;
+  long before = -1;
+  int quiet = 0;
+  pollfd ended = {process, POLLIN, 0};
+  while (poll(&ended, 1, kSecond) == 0 && quiet < kHangSeconds) {
+    const long progress = record.progress + record.failures.counted;
+    quiet = progress == before ? quiet + 1 : 0;
+    before = progress;
+  }
+  const bool hung = (ended.revents & POLLIN) == 0;
+  if (hung) {
+    // Its handler tells where it stood.
+    kill(client, SIGQUIT);
+    if (poll(&ended, 1, 5 * kSecond) == 0) kill(client, SIGKILL);
+  }
+  close(process);
+  return hung;
+}
+
+/** Where a signal came from: behind its handler, the kernel's call of it, and raise and abort. */
+const void* Interrupted(const Stack& stack) {
+  int frame = 2;
+  while (frame < stack.depth && IsIn(stack.frames[frame], "libc.so")) ++frame;
+  return frame < stack.depth ? stack.frames[frame] : nullptr;
+}
+
+bool StandsIn(const Stack& stack, const char* function) {
+  const auto functions = Describe(stack);
+  return std::any_of(functions.begin(), functions.end(),
+                     [&](const auto& each) { return each.rfind(function, 0) == 0; });
+}
+
+/** Whether GLib asked for one of the allocations that failed. */
+bool GlibWentWithout(const Failures& failures) {
+  const long count = std::min<long>(failures.failed, Failures::kMostCallers);
+  return std::any_of(failures.callers, failures.callers + count,
+                     [](const void* caller) { return IsIn(caller, "libglib-2.0."); });
+}
+
+}  // namespace
+
+Runs::Runs() {
+  void* const memory = mmap(nullptr, sizeof(RunRecord), PROT_READ | PROT_WRITE,
+                            MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  errors_ = memfd_create("errors", MFD_CLOEXEC);
+  if (memory == MAP_FAILED || errors_ < 0) throw std::bad_alloc();
+  record_ = new (memory) RunRecord;
+  // What a first stack needs is loaded here, so that no client's allocation is spent on it.
+  Stack first;
+  first.Capture();
+}
+
+Runs::~Runs() {
+  munmap(record_, sizeof(RunRecord));
+  close(errors_);
+}
+
+int Runs::Start(const Injection& injection, void* kept_caller) {
+  new (record_) RunRecord;
+  if (ftruncate(errors_, 0) != 0 || lseek(errors_, 0, SEEK_SET) != 0) {
+    throw std::runtime_error("no place for a client's errors");
+  }
+  fflush(nullptr);
+  const pid_t client = fork();
+  if (client < 0) throw std::runtime_error("cannot fork");
+  if (client == 0) {
+    RestoreSignals();
+    dup2(errors_, STDERR_FILENO);
+    exit(RunClient(injection, kept_caller, record_));
+  }
+  const bool hung = AwaitEnd(client, *record_);
+  int status = 0;
+  if (waitpid(client, &status, 0) != client) throw std::runtime_error("cannot wait");
+  return hung ? -1 : status;
+}
+
+std::string Runs::Errors() const {
+  constexpr off_t kMost = 2000;
+  const off_t size = lseek(errors_, 0, SEEK_END);
+  const off_t begin = std::max<off_t>(0, size - kMost);
+  std::string text(static_cast<std::size_t>(std::max<off_t>(0, size - begin)), '\0');
+  const ssize_t count = pread(errors_, text.data(), text.size(), begin);
+  text.resize(static_cast<std::size_t>(std::max<ssize_t>(0, count)));
+  return text;
+}
+
+Judgement Runs::JudgeDeath() const {
+  const Stack& death = record_->death;
+  const int signal = record_->death_signal;
+  const std::string during = std::string(" while ") + record_->failures.doing;
+  const bool deliberate = signal == SIGABRT || signal == SIGTRAP;
+  const bool by_glib = IsIn(Interrupted(death), "libglib-2.0.");
+  if (deliberate && by_glib && GlibWentWithout(record_->failures)) {
+    return {Verdict::kGlibAbort, "", {}};
+  }
+  const bool asserts = signal == SIGABRT && StandsIn(death, "velmora_svcmgr_get_client_api_level") &&
+                       Errors().find("_path' failed") != std::string::npos;
+  if (asserts) return {Verdict::kAssertion, "", {}};
+  return {Verdict::kFailed, std::string("dies of ") + strsignal(signal) + during, Describe(death)};
+}
+
+Judgement Runs::Judge(int status, bool hung) const {
+  if (hung) {
+    return {Verdict::kFailed, std::string("hangs in ") + record_->failures.doing,
+            Describe(record_->death)};
+  }
+  if (record_->death_signal != 0) return JudgeDeath();
+  if (record_->ending == Ending::kFailed) return {Verdict::kFailed, record_->why, {}};
+  if (WIFSIGNALED(status)) {
+    return {Verdict::kFailed, std::string("dies of ") + strsignal(WTERMSIG(status)), {}};
+  }
+  if (record_->ending == Ending::kNone || status != 0) {
+    return {Verdict::kFailed, "ends with the status " + std::to_string(WEXITSTATUS(status)), {}};
+  }
+  return {};
+}
+
+Judgement Runs::JudgeWhatIsLeft(const Injection& injection) {
+  if (record_->stranded) return {};
+  if (record_->descriptors > reference_.descriptors) {
+    return {Verdict::kFailed,
+            "leaves " + std::to_string(record_->descriptors - reference_.descriptors) +
+                " descriptors open",
+            {}};
+  }
+  for (int i = 0; i < record_->place_count; ++i) {
+    const LiveBlocks here = record_->places[i];
+    const auto known =
+        std::find_if(reference_.places.begin(), reference_.places.end(),
+                     [&](const LiveBlocks& each) { return each.caller == here.caller; });
+    const long usual = known == reference_.places.end() ? 0 : known->blocks;
+    if (here.blocks <= usual) continue;
+    // Once more, to see where they come from.
+    Start(injection, here.caller);
+    return {Verdict::kFailed,
+            "leaves " + std::to_string(here.blocks - usual) + " blocks allocated",
+            Describe(record_->kept)};
+  }
+  return {};
+}
+
+Judgement Runs::Measure(From from) {
+  const int status = Start({from, 0, 0}, nullptr);
+  const Judgement judgement = Judge(status, status == -1);
+  reference_ = {record_->descriptors, {record_->places, record_->places + record_->place_count}};
+  return judgement;
+}
+
+Judgement Runs::Run(const Injection& injection) {
+  const int status = Start(injection, nullptr);
+  Judgement judgement = Judge(status, status == -1);
+  if (judgement.verdict == Verdict::kPassed) judgement = JudgeWhatIsLeft(injection);
+  return judgement;
+}
+
+}  // namespace sweep
