@@ -68,10 +68,11 @@ void UpdateStatusEventHandler::UpdateEventCallback(const char* event_name, bundl
     self.Notify(SVCMGR_UPDATE_STATUS_STARTED);
     return;
   }
-  const std::string app_id = svcmgr::ReadAppText(app_get_id);
-  if (app_id.empty()) {
+  // Not copied: the end of an update must not be lost for want of memory.
+  const svcmgr::Text app_id = svcmgr::TakeAppText(app_get_id);
+  if (app_id == nullptr || *app_id == '\0') {
     CLIENT_ERROR("Failed to get app ID.");
-  } else if (const auto result = svcmgr::ReadNumber(data, app_id.c_str())) {
+  } else if (const auto result = svcmgr::ReadNumber(data, app_id.get())) {
     self.NotifyFinal(StatusOfResult(*result));
     return;
   }

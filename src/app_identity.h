@@ -10,12 +10,17 @@
 
 namespace svcmgr {
 
-// One of the calling application's texts; empty if the platform fails.
-inline std::string ReadAppText(int (*get)(char**)) {
+// One of the calling application's texts as the platform hands it out; null if the platform fails.
+// Needs no memory of its own.
+inline Text TakeAppText(int (*get)(char**)) {
   char* text = nullptr;
-  if (get(&text) != 0 || text == nullptr) return {};
-  const Text owner(text);
-  return text;
+  return Text(get(&text) == 0 ? text : nullptr);
+}
+
+// The same as a copy; empty if the platform fails.
+inline std::string ReadAppText(int (*get)(char**)) {
+  const Text text = TakeAppText(get);
+  return text == nullptr ? std::string() : std::string(text.get());
 }
 
 }  // namespace svcmgr

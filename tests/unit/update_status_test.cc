@@ -481,22 +481,22 @@ TEST_F(AnUpdateStatus, OfAStartStaysStartedWhenTheCallbackThrows) {
               ElementsAre(IsError(kHandler, "UpdateEventCallback", "Unknown Exception")));
 }
 
-TEST_F(AnUpdateStatus, SurvivesThatTheApplicationsIdCannotBeCopied) {
+TEST_F(AnUpdateStatus, OfAnEndNeedsNoMemoryForTheApplicationsId) {
   if (!fake::SeesOperatorNew()) GTEST_SKIP() << "operator new cannot be made to fail here";
   fake::SetApplication({std::string(100, 'a'), "1", "/opt/"});
   events::Enter(5);
   BundleBuilder data;
   data.Str("Complete", "");
   const std::string event = kUpdateStatus;
+  statuses.received.reserve(1);
   {
-    const fake::FailingAllocation failing(fake::Allocator::kNew);
-    fake::FireEvent(event, data);
-    ASSERT_TRUE(failing.Happened());
+    const fake::FailingAllocation failing(fake::Allocator::kNew, 1,
+                                          fake::FailingAllocation::Then::kFailAll);
+    EXPECT_EQ(fake::FireEvent(event, data), 1);
   }
-  EXPECT_THAT(fake::Logs(),
-              ElementsAre(IsError(kHandler, "UpdateEventCallback", "Unknown Exception")));
-  fake::FireEvent(event, data);
   EXPECT_THAT(statuses.received, ElementsAre(1));
+  EXPECT_EQ(events::State(), 0);
+  EXPECT_THAT(fake::Logs(), IsEmpty());
 }
 
 }  // namespace
