@@ -36,7 +36,7 @@ constexpr int kIdleDispatches = 100000;
 
 constexpr char kLicence[] = "Licence of the sweep";
 constexpr int kLevel = 11;
-constexpr int kModels = 2;  // and one that is there until it is uninstalled
+constexpr int kModels = 2;          // and one that is there until it is uninstalled
 constexpr int kMessagesOfWork = 3;  // before the first of two parts, and after each
 constexpr char kModel[] = "vision.segment";
 constexpr char kNewVersion[] = "2.1.0";
@@ -331,8 +331,8 @@ bool Connect() {
     return false;
   }
   if (platform.connect_result != 0) {
-    Fail("%s: connect succeeds although the port fails with %d: nothing will ever come",
-         Doing(), platform.connect_result);
+    Fail("%s: connect succeeds although the port fails with %d: nothing will ever come", Doing(),
+         platform.connect_result);
   }
   if (!Await([] { return heard.connected > 0 || ConnectionIsOver(); })) {
     Fail("%s: connect succeeds, and nothing comes", Doing());
@@ -440,8 +440,8 @@ void AskForLists() {
   const auto old = SVCMGR_ERROR_UNSUPPORTED_AGENT_VERSION;
   Sent(plain, velmora_svcmgr_ai_request_usable_model_list(OnModels, plain), {old});
   Request* const described = NewRequest("the list with descriptions", 1);
-  Sent(described,
-       velmora_svcmgr_ai_request_usable_model_list_with_description(OnModels, described), {old});
+  Sent(described, velmora_svcmgr_ai_request_usable_model_list_with_description(OnModels, described),
+       {old});
   Request* const category = NewRequest("the list of a category", 1);
   Sent(category,
        velmora_svcmgr_ai_request_usable_model_list_with_category(OnModels, "vision", category),
@@ -552,9 +552,8 @@ void WorkOnModels() {
   Step("a list of models");
   const velmora_svcmgr_ai_model_info_h model = MakeModel();
   velmora_svcmgr_ai_model_list_h list = nullptr;
-  if (model != nullptr &&
-      Succeeded(velmora_svcmgr_ai_model_list_create(&list), "ai_model_list_create",
-                {SVCMGR_ERROR_OUT_OF_MEMORY})) {
+  if (model != nullptr && Succeeded(velmora_svcmgr_ai_model_list_create(&list),
+                                    "ai_model_list_create", {SVCMGR_ERROR_OUT_OF_MEMORY})) {
     // What was not updated cannot be uninstalled.
     if (Succeeded(velmora_svcmgr_ai_model_list_add(list, model), "ai_model_list_add", {}) &&
         WorkOn(list, "update of a model", velmora_svcmgr_ai_request_to_update) &&
@@ -603,6 +602,8 @@ void TellOfDeath() {
 }
 
 void TellWhatIsLeft(void* kept_caller) {
+  constexpr int kTurns = 1000;
+  for (int i = 0; i < kTurns && TurnOnce(); ++i) continue;
   record->descriptors = OpenDescriptors();
   record->place_count = CountLiveBlocks(record->places, RunRecord::kMostPlaces);
   if (kept_caller != nullptr) record->kept = StackOfLiveBlock(kept_caller);
@@ -621,7 +622,28 @@ void StandAgain() {
   if (!Standing()) Fail("%s: no connection", Doing());
 }
 
-void LiveThrough(const Injection& injection) {
+void* volatile forgotten;
+
+void GoWrong(Plant plant) {
+  switch (plant) {
+    case Plant::kNone:
+      return;
+    case Plant::kBlock:
+      forgotten = malloc(1);
+      return;
+    case Plant::kDescriptor:
+      if (dup(STDIN_FILENO) < 0) Fail("no descriptor");
+      return;
+    case Plant::kCrash:
+      raise(SIGSEGV);
+      return;
+    case Plant::kRequest:
+      NewRequest("a request that was never sent", 1);
+      return;
+  }
+}
+
+void LiveThrough(const Injection& injection, Plant plant) {
   const bool from_start = injection.from == From::kStart;
   if (from_start) Arm(injection.first, injection.burst, &record->failures);
   Step("connecting");
@@ -630,6 +652,7 @@ void LiveThrough(const Injection& injection) {
   AskEverything();
 
   BecomeSound();
+  if (Injected()) GoWrong(plant);
   Step("the second round: connecting");
   StandAgain();
   AskEverything();
@@ -651,12 +674,12 @@ void LiveThrough(const Injection& injection) {
 
 }  // namespace
 
-int RunClient(const Injection& injection, void* kept_caller, RunRecord* shared) {
+int RunClient(const Injection& injection, Plant plant, void* kept_caller, RunRecord* shared) {
   record = shared;
   TellOfDeath();
   KeepStacksOf(kept_caller);
   TrackBlocks();
-  LiveThrough(injection);
+  LiveThrough(injection, plant);
   TellWhatIsLeft(kept_caller);
   record->failures.doing = "exiting";
   record->ending = Ending::kPassed;

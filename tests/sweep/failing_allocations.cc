@@ -101,9 +101,10 @@ bool Fails(void* caller) {
   if (number < first_to_fail || number > last_to_fail) return false;
   const Uncounted own;
   const long index = told->failed.fetch_add(1);
+  told->last.Capture();
   if (index == 0) {
     told->first_doing = told->doing;
-    told->first.Capture();
+    told->first = told->last;
   }
   if (index < Failures::kMostCallers) told->callers[index] = caller;
   errno = ENOMEM;
@@ -244,8 +245,7 @@ void* aligned_alloc(std::size_t alignment, std::size_t size) noexcept {
 int posix_memalign(void** block, std::size_t alignment, std::size_t size) noexcept {
   if (alignment % sizeof(void*) != 0 || (alignment & (alignment - 1)) != 0) return EINVAL;
   const int before = errno;
-  void* const made =
-      sweep::Allocate(CALLER, [&] { return __libc_memalign(alignment, size); });
+  void* const made = sweep::Allocate(CALLER, [&] { return __libc_memalign(alignment, size); });
   errno = before;
   if (made == nullptr) return ENOMEM;
   *block = made;
@@ -283,8 +283,7 @@ void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
 void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
   return sweep::New(CALLER, size, static_cast<std::size_t>(alignment));
 }
-void* operator new[](std::size_t size, std::align_val_t alignment,
-                     const std::nothrow_t&) noexcept {
+void* operator new[](std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
   return sweep::New(CALLER, size, static_cast<std::size_t>(alignment));
 }
 
@@ -294,9 +293,7 @@ void operator delete(void* block, std::size_t) noexcept { sweep::Release(block);
 void operator delete[](void* block, std::size_t) noexcept { sweep::Release(block); }
 void operator delete(void* block, std::align_val_t) noexcept { sweep::Release(block); }
 void operator delete[](void* block, std::align_val_t) noexcept { sweep::Release(block); }
-void operator delete(void* block, std::size_t, std::align_val_t) noexcept {
-  sweep::Release(block);
-}
+void operator delete(void* block, std::size_t, std::align_val_t) noexcept { sweep::Release(block); }
 void operator delete[](void* block, std::size_t, std::align_val_t) noexcept {
   sweep::Release(block);
 }

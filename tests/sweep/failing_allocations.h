@@ -31,6 +31,7 @@ struct Failures {
   const char* doing = "";
   const char* first_doing = "";
   Stack first;
+  Stack last;
   /** Who called the allocation functions that failed: the first of them. */
   void* callers[kMostCallers] = {};
 };

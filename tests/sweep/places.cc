@@ -5,8 +5,10 @@
 #include <dlfcn.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -50,9 +52,10 @@ std::vector<std::string> Lookup(const std::string& file, std::uintptr_t offset) 
   std::vector<std::string> functions;
   for (std::size_t i = 0; i + 1 < lines.size(); i += 2) {
     if (lines[i].rfind("??", 0) == 0) return {};
-    std::string place = lines[i + 1].substr(0, lines[i + 1].find(" ("));
+    const std::string place = lines[i + 1].substr(0, lines[i + 1].find(" ("));
     if (place.rfind("??", 0) == 0) return {};
-    functions.push_back(Shortened(lines[i]) + " (" + place + ")");
+    const std::string path = std::filesystem::path(place).lexically_normal();
+    functions.push_back(Shortened(lines[i]) + " (" + path + ")");
   }
   return functions;
 }
@@ -77,6 +80,10 @@ const std::vector<std::string>& FunctionsAt(const void* address) {
   return entry->second;
 }
 
+bool IsOfTheSweep(const std::string& function) {
+  return function.find("(tests/sweep/failing_allocations.") != std::string::npos;
+}
+
 bool IsOwn(const std::string& function) {
   return function.find("(platform/") != std::string::npos ||
          function.find("(src/") != std::string::npos;
@@ -90,11 +97,30 @@ bool IsIn(const void* address, const char* library) {
   return FileName(info.dli_fname).rfind(library, 0) == 0;
 }
 
+bool IsOf(const void* address, const char* function) {
+  Dl_info info = {};
+  return dladdr(address, &info) != 0 && info.dli_sname != nullptr &&
+         strcmp(info.dli_sname, function) == 0;
+}
+
+const void* LibraryOf(const void* address) {
+  Dl_info info = {};
+  return dladdr(address, &info) == 0 ? nullptr : info.dli_fbase;
+}
+
+bool IsOfThisTree(const void* address) {
+  for (const char* const library :
+       {"libvelmora-svcmgr.", "librpc-port.", "libbundle.", "libdlog.", "libcapi-appfw-"}) {
+    if (IsIn(address, library)) return true;
+  }
+  return false;
+}
+
 std::vector<std::string> Describe(const Stack& stack) {
   std::vector<std::string> functions;
   for (int i = 0; i < stack.depth; ++i) {
     for (const std::string& function : FunctionsAt(stack.frames[i])) {
-      if (function.rfind("sweep::", 0) != 0) functions.push_back(function);
+      if (!IsOfTheSweep(function)) functions.push_back(function);
     }
   }
   return functions;

@@ -12,6 +12,15 @@ namespace sweep {
 /** Whether code at this address is of a shared library whose file's name begins so. */
 bool IsIn(const void* address, const char* library);
 
+/** Whether code at this address is of an exported function of this name. */
+bool IsOf(const void* address, const char* function);
+
+/** What stands for the shared library, or program, that code at this address is of. */
+const void* LibraryOf(const void* address);
+
+/** Whether code at this address is the client library's or the desktop platform's. */
+bool IsOfThisTree(const void* address);
+
 /** Code addresses of this process in words, "function (file:line)", outermost last. */
 std::vector<std::string> Describe(const Stack& stack);
 

@@ -20,9 +20,9 @@ struct Injection {
 
 /** How a client's run ended, as it says itself. */
 enum class Ending {
-  kNone,       // it has not come to an end
-  kPassed,     // all was as it has to be
-  kFailed,     // `why` says what was not
+  kNone,    // it has not come to an end
+  kPassed,  // all was as it has to be
+  kFailed,  // `why` says what was not
 };
 
 /** What a client tells the process that started it. Stands in memory that both share. */

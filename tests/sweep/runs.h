@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "client.h"
 #include "run_record.h"
 
 namespace sweep {
@@ -12,8 +13,8 @@ namespace sweep {
 /** What a run is judged to be. */
 enum class Verdict {
   kPassed,
-  kGlibAbort,   // GLib ends a process whose g_malloc fails
-  kAssertion,   // velmora_svcmgr_get_client_api_level, as the public header says
+  kGlibAbort,  // GLib ends a process whose g_malloc fails
+  kAssertion,  // velmora_svcmgr_get_client_api_level, as the public header says
   kFailed,
 };
 
@@ -21,6 +22,18 @@ struct Judgement {
   Verdict verdict = Verdict::kPassed;
   std::string why;
   std::vector<std::string> stack;  // of what `why` tells of, if it is not the failing allocation
+};
+
+/** A run, and what is known of it. */
+struct Outcome {
+  Judgement judgement;
+  bool injected = false;
+  Stack allocation;  // the first that failed
+  Stack last_allocation;
+  std::string doing;
+  bool lost = false;
+  bool stranded = false;
+  std::string errors;  // the last that the client wrote to standard error
 };
 
 /** What holds after a run in which nothing failed; others are measured by it. */
@@ -35,28 +48,28 @@ struct Reference {
  */
 class Runs {
  public:
-  Runs();
+  explicit Runs(Plant plant);
   ~Runs();
   Runs(const Runs&) = delete;
   Runs& operator=(const Runs&) = delete;
 
   /** Runs a client in which nothing fails, and takes it as the reference. */
-  Judgement Measure(From from);
+  Outcome Measure(From from);
 
   /** Runs a client. */
-  Judgement Run(const Injection& injection);
-
-  /** What the last client told; valid until the next run. */
-  const RunRecord& record() const { return *record_; }
-  /** The last lines that it wrote to standard error. */
-  std::string Errors() const;
+  Outcome Run(const Injection& injection);
 
  private:
   int Start(const Injection& injection, void* kept_caller);
-  Judgement Judge(int status, bool hung) const;
+  Judgement Judge(int status) const;
   Judgement JudgeDeath() const;
+  Outcome Tell(Judgement judgement) const;
+  std::string Errors() const;
+  void* PlaceWithMoreBlocks() const;
+  /** Whether it left more than the reference did; runs it again, to see what and to be sure. */
   Judgement JudgeWhatIsLeft(const Injection& injection);
 
+  const Plant plant_;
   RunRecord* record_;
   int errors_;
   Reference reference_;

@@ -39,12 +39,11 @@ struct Options {
   long stride = 1;
   int workers = 2;
   bool verbose = false;
+  Plant plant = Plant::kNone;
   int worker = -1;  // of the driver's workers; -1: the driver
 };
 
-From FromOf(const std::string& name) {
-  return name == "start" ? From::kStart : From::kConnection;
-}
+From FromOf(const std::string& name) { return name == "start" ? From::kStart : From::kConnection; }
 
 const char* NameOf(Verdict verdict) {
   switch (verdict) {
@@ -64,7 +63,7 @@ const char* NameOf(Verdict verdict) {
 
 class Worker {
  public:
-  explicit Worker(const Options& options) : options_(options) {}
+  explicit Worker(const Options& options) : options_(options), runs_(options.plant) {}
 
   int Work() {
     for (const std::string& from : options_.from) {
@@ -82,42 +81,42 @@ class Worker {
     const long step = options_.stride * options_.workers;
     for (long i = options_.first + options_.stride * options_.worker;
          options_.last == 0 || i <= options_.last; i += step) {
-      const Judgement judgement = runs_.Run({FromOf(from), i, burst});
-      const bool injected = runs_.record().failures.failed > 0;
+      const Outcome outcome = runs_.Run({FromOf(from), i, burst});
+      const Verdict verdict = outcome.judgement.verdict;
       Json line = {{"from", from},
                    {"burst", burst},
                    {"allocation", i},
-                   {"injected", injected},
-                   {"verdict", NameOf(judgement.verdict)},
-                   {"site", Fingerprint(runs_.record().failures.first)},
-                   {"lost", runs_.record().lost},
-                   {"stranded", runs_.record().stranded}};
-      if (judgement.verdict == Verdict::kFailed || options_.verbose) Explain(judgement, &line);
+                   {"injected", outcome.injected},
+                   {"verdict", NameOf(verdict)},
+                   {"site", Fingerprint(outcome.allocation)},
+                   {"lost", outcome.lost},
+                   {"stranded", outcome.stranded}};
+      if (verdict == Verdict::kFailed || options_.verbose) Explain(outcome, &line);
       Print(line);
-      if (judgement.verdict == Verdict::kFailed && !IsSound(from, "the client after that")) {
-        return false;
-      }
-      if (!injected) break;
+      if (verdict == Verdict::kFailed && !IsSound(from, "the client after that")) return false;
+      if (!outcome.injected) break;
     }
     return true;
   }
 
-  void Explain(const Judgement& judgement, Json* line) const {
-    const Failures& failures = runs_.record().failures;
-    (*line)["place"] = PlaceOf(failures.first);
-    (*line)["doing"] = failures.first_doing;
-    (*line)["why"] = judgement.why;
-    (*line)["stack"] = Describe(failures.first);
-    (*line)["other_stack"] = judgement.stack;
-    (*line)["errors"] = runs_.Errors();
+  static void Explain(const Outcome& outcome, Json* line) {
+    (*line)["place"] = PlaceOf(outcome.allocation);
+    (*line)["doing"] = outcome.doing;
+    (*line)["why"] = outcome.judgement.why;
+    (*line)["stack"] = Describe(outcome.allocation);
+    if (outcome.allocation.depth > 0 && line->at("burst") > 1) {
+      (*line)["last_stack"] = Describe(outcome.last_allocation);
+    }
+    (*line)["other_stack"] = outcome.judgement.stack;
+    (*line)["errors"] = outcome.errors;
   }
 
   bool IsSound(const std::string& from, const char* who) {
-    const Judgement judgement = runs_.Measure(FromOf(from));
-    if (judgement.verdict == Verdict::kPassed) return true;
+    const Outcome outcome = runs_.Measure(FromOf(from));
+    if (outcome.judgement.verdict == Verdict::kPassed) return true;
     Json line = {{"from", from}, {"burst", 0}, {"allocation", 0}, {"verdict", "broken"}};
-    Explain(judgement, &line);
-    line["why"] = std::string(who) + ": " + judgement.why;
+    Explain(outcome, &line);
+    line["why"] = std::string(who) + ": " + outcome.judgement.why;
     Print(line);
     return false;
   }
@@ -133,8 +132,9 @@ class Worker {
 
 // ---- The driver ----
 
+/** The failures that allocations at one place have led to. */
 struct Group {
-  int runs = 0;
+  std::map<std::string, int> runs;  // by what was wrong
   Json example;
 };
 
@@ -156,8 +156,8 @@ class Driver {
     std::vector<std::thread> workers;
     for (int i = 0; i < options_.workers; ++i) {
       const std::string command = "'" SVCMGR_SIM "' run '" SCENARIO "' --app-root '" APP_ROOT
-                                  "' -- '" + program + "' " + arguments + " --worker " +
-                                  std::to_string(i);
+                                  "' -- '" +
+                                  program + "' " + arguments + " --worker " + std::to_string(i);
       workers.emplace_back([this, command] { Listen(command); });
     }
     for (std::thread& worker : workers) worker.join();
@@ -190,8 +190,9 @@ class Driver {
     if (verdict == "broken") return PrintRun(line);
     Row& row = rows_[{line["from"], line["burst"]}];
     if (verdict == "failed") {
-      Group& group = failures_[{line["place"], line["why"]}];
-      if (group.runs++ == 0) group.example = line;
+      Group& group = failures_[line["place"]];
+      if (group.runs.empty()) group.example = line;
+      ++group.runs[line["why"]];
       ++row.failures;
     }
     if (!line["injected"]) return;
@@ -216,6 +217,10 @@ class Driver {
                 line["why"].get<std::string>().c_str());
     std::printf("    the allocation, while %s:\n", line["doing"].get<std::string>().c_str());
     PrintStack(line["stack"]);
+    if (line.contains("last_stack")) {
+      std::printf("    the last that failed:\n");
+      PrintStack(line["last_stack"]);
+    }
     if (!line["other_stack"].empty()) {
       std::printf("    the end, or what is left:\n");
       PrintStack(line["other_stack"]);
@@ -225,9 +230,11 @@ class Driver {
   }
 
   void Report() const {
-    for (const auto& [key, group] : failures_) {
-      std::printf("\n%s\n  %s\n  in %d runs, the first:\n", key.first.c_str(), key.second.c_str(),
-                  group.runs);
+    for (const auto& [place, group] : failures_) {
+      std::printf("\n%s\n", place.c_str());
+      for (const auto& [why, runs] : group.runs)
+        std::printf("  %4d times: %s\n", runs, why.c_str());
+      std::printf("  for example ");
       PrintRun(group.example);
     }
     std::printf("\n%-12s %6s %6s %6s %12s %8s %6s %11s %8s\n", "from", "burst", "sites", "runs",
@@ -242,7 +249,7 @@ class Driver {
   const Options& options_;
   std::mutex mutex_;
   std::map<std::pair<std::string, long>, Row> rows_;
-  std::map<std::pair<std::string, std::string>, Group> failures_;
+  std::map<std::string, Group> failures_;  // by place
   bool broken_ = false;
 };
 
@@ -250,7 +257,8 @@ int Run(int argc, char** argv) {
   Options options;
   CLI::App app("Lets each allocation of a client fail, one run for each, and judges what happens.");
   app.name("sweep");
-  app.add_option("--from", options.from, "Count from the start of the process or from the connection")
+  app.add_option("--from", options.from,
+                 "Count from the start of the process or from the connection")
       ->check(CLI::IsMember({"start", "connection"}));
   app.add_option("--burst", options.bursts, "How many allocations fail, from the one on")
       ->check(CLI::PositiveNumber);
@@ -262,7 +270,13 @@ int Run(int argc, char** argv) {
   app.add_option("--workers", options.workers, "How many worlds at a time")
       ->check(CLI::PositiveNumber);
   app.add_flag("--verbose", options.verbose, "Print each run");
+  // Not for people: for the driver, and for the tests of this program.
   app.add_option("--worker", options.worker)->group("");
+  const std::map<std::string, Plant> plants = {{"block", Plant::kBlock},
+                                               {"descriptor", Plant::kDescriptor},
+                                               {"crash", Plant::kCrash},
+                                               {"request", Plant::kRequest}};
+  app.add_option("--plant", options.plant)->transform(CLI::CheckedTransformer(plants))->group("");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
