@@ -1,10 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "bus_connection.h"
 
+#include <dlog.h>
 #include <errno.h>
 #include <poll.h>
 #include <string.h>
+#include <time.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <exception>
 #include <string_view>
 
@@ -18,10 +22,12 @@ constexpr char kMember[] = "Event";
 constexpr char kSignature[] = "say";  // the event's name and its data
 constexpr char kBusName[] = "org.freedesktop.DBus";
 constexpr char kBusPath[] = "/org/freedesktop/DBus";
+constexpr char kLogTag[] = "APP_EVENT";
 constexpr char kPrefix[] = "event.";
 constexpr size_t kLongestName = 255;
 constexpr size_t kLargestPayload = 1 << 20;
-constexpr uint64_t kPatienceUs = 10 * 1000 * 1000;
+// Events that the bus has not taken yet.
+constexpr size_t kMostUnsentBytes = 64 << 20;
 // A flood of events leaves the main loop's other sources their turn.
 constexpr int kMessagesAtOnce = 64;
 
@@ -30,14 +36,26 @@ struct MessageUnref {
 };
 using Message = std::unique_ptr<sd_bus_message, MessageUnref>;
 
-struct BusError {
-  ~BusError() { sd_bus_error_free(&error); }
-  sd_bus_error error = {};
-};
-
 bool IsSuffix(std::string_view text) {
   constexpr char kAllowed[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-";
   return !text.empty() && text.find_first_not_of(kAllowed) == std::string_view::npos;
+}
+
+uint64_t Now() {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
+}
+
+// Null if the bus has not refused.
+const char* Refusal(sd_bus_message* answer) {
+  if (sd_bus_message_is_method_error(answer, nullptr) <= 0) return nullptr;
+  const sd_bus_error* error = sd_bus_message_get_error(answer);
+  return error && error->message ? error->message : "no reason given";
+}
+
+bool SaysNoOwner(sd_bus_message* answer) {
+  return sd_bus_message_is_method_error(answer, SD_BUS_ERROR_NAME_HAS_NO_OWNER) > 0;
 }
 
 bool IsFrom(sd_bus_message* message, const char* sender) {
@@ -60,52 +78,100 @@ bool EventName::Parse(const char* text, EventName* name) {
   return name->package[0] != ':' && sd_bus_service_name_is_valid(name->package.c_str()) > 0;
 }
 
-std::unique_ptr<BusConnection> BusConnection::Open() {
+std::unique_ptr<BusConnection> BusConnection::Open(int* error) {
   sd_bus* bus = nullptr;
-  if (sd_bus_open_user(&bus) < 0) return nullptr;
+  *error = sd_bus_open_user(&bus);
+  if (*error < 0) return nullptr;
   std::unique_ptr<BusConnection> connection(new BusConnection(bus));
   sd_bus_set_exit_on_disconnect(bus, false);
-  sd_bus_set_method_call_timeout(bus, kPatienceUs);
-  // Waits until the bus has greeted: an address behind which nobody listens fails here.
-  const char* unique_name = nullptr;
-  if (sd_bus_get_unique_name(bus, &unique_name) < 0) return nullptr;
+  // Once it has greeted, a bus answers in the order in which it was asked: there is nothing better
+  // to do than to wait, however long it is stopped.
+  sd_bus_set_method_call_timeout(bus, UINT64_MAX);
   return connection;
 }
 
 BusConnection::~BusConnection() = default;
 
-bool BusConnection::IsOpen() const { return sd_bus_is_open(bus_.get()) > 0; }
+bool BusConnection::IsPublisher() const {
+  return std::any_of(claims_.begin(), claims_.end(),
+                     [](const auto& claim) { return claim.second.outcome != Outcome::kRefused; });
+}
+
+bool BusConnection::IsOpen() const { return !is_broken_ && sd_bus_is_open(bus_.get()) > 0; }
 
 bool BusConnection::WantsTurn() const {
   return DueTime() != UINT64_MAX || (PollEvents() & POLLOUT) != 0;
 }
 
 uint64_t BusConnection::DueTime() const {
+  if (!received_.empty() || is_broken_) return 0;
   uint64_t time = 0;
   return sd_bus_get_timeout(bus_.get(), &time) < 0 ? 0 : time;
 }
 
-bool BusConnection::AddMatch(const std::string& rule, sd_bus_message_handler_t handler,
-                             Slot* slot) {
-  sd_bus_slot* added = nullptr;
-  if (sd_bus_add_match(bus_.get(), &added, rule.c_str(), handler, this) < 0) return false;
-  slot->reset(added);
+// Whoever has waited in vain once waits no more until the bus shows that it lives: many
+// subscriptions to a silent bus cost as much as one.
+template <typename Done>
+void BusConnection::Await(uint64_t deadline, Done done) {
+  is_awaited_ = true;
+  while (IsOpen() && !done()) {
+    const int result = sd_bus_process(bus_.get(), nullptr);
+    if (result < 0) is_broken_ = true;
+    if (result > 0) is_silent_ = false;
+    const uint64_t now = Now();
+    if (result < 0 || (result > 0 && now < deadline)) continue;
+    if (is_silent_ || now >= deadline) {
+      is_silent_ = result == 0;
+      break;
+    }
+    sd_bus_wait(bus_.get(), deadline - now);
+  }
+  is_awaited_ = false;
+}
+
+bool BusConnection::Ask(const char* method, const char* name, sd_bus_message_handler_t answered,
+                        void* data, Slot* slot) {
+  sd_bus_slot* question = nullptr;
+  if (sd_bus_call_method_async(bus_.get(), &question, kBusName, kBusPath, kBusName, method,
+                               answered, data, "s", name) < 0) {
+    return false;
+  }
+  slot->reset(question);
   return true;
 }
 
+bool BusConnection::AddMatch(const std::string& rule, sd_bus_message_handler_t handler,
+                             Match* match) {
+  sd_bus_slot* added = nullptr;
+  match->connection = this;
+  if (sd_bus_add_match_async(bus_.get(), &added, rule.c_str(), handler, OnMatchAdded, match) < 0) {
+    return false;
+  }
+  match->slot.reset(added);
+  return true;
+}
+
+int BusConnection::OnMatchAdded(sd_bus_message* message, void* data, sd_bus_error*) {
+  auto* match = static_cast<Match*>(data);
+  const char* refusal = Refusal(message);
+  if (refusal && match->connection->IsOpen())
+    dlog_print(DLOG_WARN, kLogTag, "The session bus refuses events: %s", refusal);
+  match->outcome = refusal ? Outcome::kRefused : Outcome::kStands;
+  return 0;
+}
+
 bool BusConnection::Watch(const EventName& name) {
-  const bool known = packages_.count(name.package) > 0;
   Package& package = packages_[name.package];
+  const bool is_followed = package.owner_question != nullptr;
   if (package.events.count(name.full) > 0) return true;
   const std::string rule = std::string("type='signal',path='") + kPath + "',interface='" +
                            kInterface + "',member='" + kMember + "',sender='" + name.package +
                            "',arg0='" + name.full + "'";
-  Slot slot;
-  if ((known || FollowOwner(name.package, &package)) && AddMatch(rule, OnEvent, &slot)) {
-    package.events.emplace(name.full, std::move(slot));
+  if ((is_followed || FollowOwner(name.package, &package)) &&
+      AddMatch(rule, OnEvent, &package.events[name.full])) {
     return true;
   }
-  if (!known) packages_.erase(name.package);
+  Unwatch(name);
   return false;
 }
 
@@ -121,40 +187,153 @@ bool BusConnection::FollowOwner(const std::string& id, Package* package) {
   const std::string rule = std::string("type='signal',sender='") + kBusName + "',path='" +
                            kBusPath + "',interface='" + kBusName +
                            "',member='NameOwnerChanged',arg0='" + id + "'";
-  return AddMatch(rule, OnOwnerChanged, &package->owner_changes) && FindOwner(id, package);
+  package->connection = this;
+  return AddMatch(rule, OnOwnerChanged, &package->owner_changes) &&
+         Ask("GetNameOwner", id.c_str(), OnOwner, package, &package->owner_question);
 }
 
-bool BusConnection::FindOwner(const std::string& id, Package* package) {
-  BusError failure;
-  sd_bus_message* answer = nullptr;
-  const int result = sd_bus_call_method(bus_.get(), kBusName, kBusPath, kBusName, "GetNameOwner",
-                                        &failure.error, &answer, "s", id.c_str());
-  const Message owned(answer);
-  const char* owner = nullptr;
-  if (result >= 0 && sd_bus_message_read(answer, "s", &owner) >= 0) {
-    package->owner = owner;
-    return true;
+Outcome BusConnection::OutcomeOf(const Package& package, const Match& event) const {
+  const auto outcomes = {package.owner_changes.outcome, package.owner_outcome, event.outcome};
+  if (std::count(outcomes.begin(), outcomes.end(), Outcome::kRefused)) return Outcome::kRefused;
+  const bool is_judged = !package.owner || package.owner->judgement != Speaker::kAsked;
+  const bool stands =
+      std::count(outcomes.begin(), outcomes.end(), Outcome::kStands) == 3 && is_judged;
+  return stands ? Outcome::kStands : Outcome::kUnderWay;
+}
+
+Outcome BusConnection::AwaitWatch(const EventName& name, uint64_t deadline) {
+  const Package& package = packages_.at(name.package);
+  const Match& event = package.events.at(name.full);
+  Await(deadline, [&] { return OutcomeOf(package, event) != Outcome::kUnderWay; });
+  if (!IsOpen()) return Outcome::kGone;
+  const Outcome outcome = OutcomeOf(package, event);
+  ForgetRefused();
+  return outcome;
+}
+
+bool BusConnection::IsSettled() const {
+  return std::all_of(packages_.begin(), packages_.end(), [this](const auto& package) {
+    const auto& events = package.second.events;
+    return std::all_of(events.begin(), events.end(), [&](const auto& event) {
+      return OutcomeOf(package.second, event.second) == Outcome::kStands;
+    });
+  });
+}
+
+void BusConnection::ForgetRefused() {
+  for (auto package = packages_.begin(); package != packages_.end();) {
+    auto& events = package->second.events;
+    for (auto event = events.begin(); event != events.end();) {
+      const bool gone = OutcomeOf(package->second, event->second) == Outcome::kRefused;
+      refused_ |= gone;
+      event = gone ? events.erase(event) : std::next(event);
+    }
+    package = events.empty() ? packages_.erase(package) : std::next(package);
   }
-  return sd_bus_error_has_name(&failure.error, SD_BUS_ERROR_NAME_HAS_NO_OWNER);
 }
 
-int BusConnection::OnOwnerChanged(sd_bus_message* message, void* connection, sd_bus_error*) {
-  auto* self = static_cast<BusConnection*>(connection);
+int BusConnection::OnOwner(sd_bus_message* message, void* data, sd_bus_error*) try {
+  auto* package = static_cast<Package*>(data);
+  const char* owner = "";
+  const bool is_refused = Refusal(message) != nullptr && !SaysNoOwner(message);
+  if (is_refused || (!Refusal(message) && sd_bus_message_read(message, "s", &owner) < 0)) {
+    package->owner_outcome = Outcome::kRefused;
+    return 0;
+  }
+  package->owner_outcome = Outcome::kStands;
+  // Since the subscription another may have come: nobody knows whom its ports mean.
+  package->connection->Adopt(package, owner, !package->connection->is_awaited_);
+  return 0;
+} catch (const std::exception&) {
+  static_cast<Package*>(data)->connection->is_broken_ = true;
+  return 0;
+}
+
+int BusConnection::OnOwnerChanged(sd_bus_message* message, void* data, sd_bus_error*) try {
+  BusConnection* self = static_cast<Match*>(data)->connection;
   const char* id = nullptr;
   const char* owner = nullptr;
   // A message that another client sends straight to this one meets no rule of the bus.
   if (!IsFrom(message, kBusName)) return 0;
   if (sd_bus_message_read(message, "sss", &id, nullptr, &owner) < 0) return 0;
   const auto package = self->packages_.find(id);
-  if (package == self->packages_.end()) return 0;
-  package->second.owner = owner;
-  package->second.owner_is_successor = true;
+  if (package != self->packages_.end()) self->Adopt(&package->second, owner, true);
+  return 0;
+} catch (const std::exception&) {
+  static_cast<Match*>(data)->connection->is_broken_ = true;
   return 0;
 }
 
-int BusConnection::OnEvent(sd_bus_message* message, void* connection, sd_bus_error*) {
+// Its events wait until the bus has told whose process it is. Of a former owner only those stay
+// that still wait.
+void BusConnection::Adopt(Package* package, const char* owner, bool is_successor) {
+  if (package->owner && package->owner->unique_name == owner) return;
+  package->owner = nullptr;
+  package->speakers.remove_if([](const Speaker& s) { return s.judgement != Speaker::kAsked; });
+  if (*owner == '\0') return;
+  Speaker& speaker = package->speakers.emplace_back();
+  speaker.connection = this;
+  speaker.unique_name = owner;
+  speaker.is_successor = is_successor;
+  package->owner = &speaker;
+  // The answers come in this order. That the bus has answered means that the name is known.
+  const char* own_name = nullptr;
+  const bool knows_itself =
+      own_user_question_ != nullptr ||
+      (sd_bus_get_unique_name(bus_.get(), &own_name) >= 0 &&
+       Ask("GetConnectionUnixUser", own_name, OnOwnUser, this, &own_user_question_));
+  if (!knows_itself || !Ask("GetConnectionUnixUser", owner, OnUser, &speaker, &speaker.question)) {
+    is_broken_ = true;
+  }
+}
+
+int BusConnection::OnOwnUser(sd_bus_message* message, void* data, sd_bus_error*) {
+  auto* self = static_cast<BusConnection*>(data);
+  // In a container the bus may know this user by another number than the process does.
+  if (sd_bus_message_read(message, "u", &self->own_user_) < 0) self->own_user_ = geteuid();
+  return 0;
+}
+
+int BusConnection::OnUser(sd_bus_message* message, void* data, sd_bus_error*) try {
+  auto* speaker = static_cast<Speaker*>(data);
+  BusConnection* self = speaker->connection;
+  // Who is gone before the bus could tell gets the benefit of the doubt: an agent may well say
+  // something and end at once, and what it said must not be lost. So it is if the bus is gone.
+  const bool is_gone = SaysNoOwner(message) || !self->IsOpen();
+  uint32_t user = 0;
+  const bool is_same = sd_bus_message_read(message, "u", &user) >= 0 && user == self->own_user_;
+  self->Judge(speaker, is_same || is_gone ? Speaker::kTrusted : Speaker::kForeign);
+  return 0;
+} catch (const std::exception&) {
+  static_cast<Speaker*>(data)->connection->is_broken_ = true;
+  return 0;
+}
+
+void BusConnection::Judge(Speaker* speaker, Speaker::Judgement judgement) {
+  speaker->judgement = judgement;
+  std::vector<ReceivedEvent> waiting;
+  waiting.swap(speaker->waiting);
+  if (judgement == Speaker::kForeign) {
+    dlog_print(DLOG_WARN, kLogTag, "Events of %s are dropped: it is another user's process",
+               speaker->unique_name.c_str());
+    return;
+  }
+  received_.insert(received_.end(), std::make_move_iterator(waiting.begin()),
+                   std::make_move_iterator(waiting.end()));
+}
+
+// Nothing more will be heard about who they are.
+void BusConnection::TrustAll() {
+  for (auto& [id, package] : packages_) {
+    for (Speaker& speaker : package.speakers) {
+      if (speaker.judgement == Speaker::kAsked) Judge(&speaker, Speaker::kTrusted);
+    }
+  }
+}
+
+int BusConnection::OnEvent(sd_bus_message* message, void* match, sd_bus_error*) {
   try {
-    static_cast<BusConnection*>(connection)->Receive(message);
+    static_cast<Match*>(match)->connection->Receive(message);
   } catch (const std::exception&) {
     // Without memory the event is lost.
   }
@@ -170,41 +349,110 @@ void BusConnection::Receive(sd_bus_message* message) {
   if (sd_bus_message_read(message, "s", &text) < 0 || !EventName::Parse(text, &name)) return;
   const auto package = packages_.find(name.package);
   if (package == packages_.end() || package->second.events.count(name.full) == 0) return;
-  if (package->second.owner.empty() || !IsFrom(message, package->second.owner.c_str())) return;
+  Speaker* speaker = package->second.owner;
+  if (!speaker || !IsFrom(message, speaker->unique_name.c_str())) return;
+  if (speaker->judgement == Speaker::kForeign) return;
   if (sd_bus_message_read_array(message, 'y', &payload, &size) < 0) return;
   if (size > kLargestPayload) return;
   const auto* bytes = static_cast<const unsigned char*>(payload);
-  received_.push_back({name.full, {bytes, bytes + size}, package->second.owner_is_successor});
-  package->second.owner_is_successor = false;
+  ReceivedEvent event = {name.full, {bytes, bytes + size}, speaker->is_successor};
+  if (speaker->judgement == Speaker::kAsked) {
+    speaker->waiting.push_back(std::move(event));
+  } else {
+    received_.push_back(std::move(event));
+  }
+  speaker->is_successor = false;
 }
 
-int BusConnection::Publish(const EventName& name, const unsigned char* payload, size_t size) {
-  if (size > kLargestPayload) return -EINVAL;
-  if (owned_packages_.count(name.package) == 0) {
-    const int result = sd_bus_request_name(bus_.get(), name.package.c_str(), 0);
-    if (result == -EEXIST) return -EACCES;
-    if (result < 0 && result != -EALREADY) return -EIO;
-    owned_packages_.insert(name.package);
+BusConnection::Name* BusConnection::AskForName(const std::string& package) {
+  const auto known = claims_.find(package);
+  if (known != claims_.end() && known->second.outcome != Outcome::kRefused) return &known->second;
+  Name& name = claims_[package];
+  name = Name();
+  name.connection = this;
+  sd_bus_slot* question = nullptr;
+  if (sd_bus_request_name_async(bus_.get(), &question, package.c_str(), 0, OnName, &name) < 0) {
+    claims_.erase(package);
+    return nullptr;
   }
-  sd_bus_message* signal = nullptr;
-  if (sd_bus_message_new_signal(bus_.get(), &signal, kPath, kInterface, kMember) < 0) return -EIO;
-  const Message owned(signal);
-  if (sd_bus_message_append(signal, "s", name.full.c_str()) < 0 ||
-      sd_bus_message_append_array(signal, 'y', payload, size) < 0 ||
-      sd_bus_send(bus_.get(), signal, nullptr) < 0 || sd_bus_flush(bus_.get()) < 0) {
-    return -EIO;
+  name.question.reset(question);
+  return &name;
+}
+
+int BusConnection::OnName(sd_bus_message* message, void* data, sd_bus_error*) {
+  constexpr uint32_t kOwner = 1;
+  constexpr uint32_t kAlreadyOwner = 4;
+  auto* name = static_cast<Name*>(data);
+  uint32_t reply = 0;
+  const bool is_answered = sd_bus_message_read(message, "u", &reply) >= 0;
+  const bool is_own = is_answered && (reply == kOwner || reply == kAlreadyOwner);
+  name->is_anothers = is_answered && !is_own;
+  name->outcome = is_own ? Outcome::kStands : Outcome::kRefused;
+  if (!is_own && !name->is_awaited && name->connection->IsOpen()) {
+    dlog_print(DLOG_ERROR, kLogTag, "Published events are dropped: %s",
+               is_answered ? "another process owns the package's name on the session bus"
+                           : "the session bus refuses the package's name");
   }
   return 0;
 }
 
+int BusConnection::Claim(const std::string& package, uint64_t deadline) {
+  Name* name = AskForName(package);
+  if (!name) return -EIO;
+  name->is_awaited = true;
+  Await(deadline, [&] { return name->outcome != Outcome::kUnderWay; });
+  name->is_awaited = false;
+  if (!IsOpen() || name->outcome == Outcome::kStands) return IsOpen() ? 0 : -EIO;
+  if (name->outcome == Outcome::kUnderWay) return -ETIMEDOUT;
+  return name->is_anothers ? -EACCES : -EIO;
+}
+
+bool BusConnection::HasSentAll() const {
+  return sd_bus_is_ready(bus_.get()) > 0 && (PollEvents() & POLLOUT) == 0;
+}
+
+int BusConnection::Publish(const EventName& name, const unsigned char* payload, size_t size,
+                           uint64_t deadline) {
+  if (size > kLargestPayload) return -EINVAL;
+  const int claimed = Claim(name.package, deadline);
+  if (claimed != 0 && claimed != -ETIMEDOUT) return claimed;
+  if (HasSentAll()) unsent_bytes_ = 0;
+  if (unsent_bytes_ + size > kMostUnsentBytes) return -EIO;
+  if (Send(name, payload, size) < 0) return -EIO;
+  unsent_bytes_ += size;
+  Await(deadline, [this] { return HasSentAll(); });
+  return IsOpen() ? 0 : -EIO;
+}
+
+int BusConnection::Send(const EventName& name, const unsigned char* payload, size_t size) {
+  sd_bus_message* signal = nullptr;
+  int result = sd_bus_message_new_signal(bus_.get(), &signal, kPath, kInterface, kMember);
+  const Message owned(signal);
+  if (result >= 0) result = sd_bus_message_append(signal, "s", name.full.c_str());
+  if (result >= 0) result = sd_bus_message_append_array(signal, 'y', payload, size);
+  if (result >= 0) result = sd_bus_send(bus_.get(), signal, nullptr);
+  return result;
+}
+
 bool BusConnection::Process(std::vector<ReceivedEvent>* received) {
+  const auto is_from_successor = [](const ReceivedEvent& event) { return event.from_successor; };
+  const auto first_of_successor = [&] {
+    return std::find_if(received_.begin(), received_.end(), is_from_successor);
+  };
   int result = 1;
-  const auto goes_on = [this] { return received_.empty() || !received_.back().from_successor; };
-  for (int i = 0; i < kMessagesAtOnce && result > 0 && goes_on(); ++i) {
+  for (int i = 0; i < kMessagesAtOnce && result > 0; ++i) {
+    if (first_of_successor() != received_.end()) break;
     result = sd_bus_process(bus_.get(), nullptr);
+    if (result > 0) is_silent_ = false;
   }
-  received->swap(received_);
-  return result >= 0 && IsOpen();
+  if (result < 0) is_broken_ = true;
+  if (!IsOpen()) TrustAll();
+  ForgetRefused();
+  auto end = first_of_successor();
+  if (end != received_.end()) ++end;
+  received->assign(std::make_move_iterator(received_.begin()), std::make_move_iterator(end));
+  received_.erase(received_.begin(), end);
+  return IsOpen() || !received_.empty();
 }
 
 }  // namespace events

@@ -6,10 +6,12 @@
 #include <stdint.h>
 #include <systemd/sd-bus.h>
 
+#include <deque>
+#include <list>
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace events {
@@ -31,31 +33,48 @@ struct ReceivedEvent {
   bool from_successor;
 };
 
-// One connection to the session bus. Not thread-safe.
+// What has become of something that the bus was asked for.
+enum class Outcome { kUnderWay, kStands, kRefused, kGone };
+
+// One connection to the session bus. Not thread-safe. Nothing waits for the bus but the functions
+// that are given a deadline: a time on CLOCK_MONOTONIC in microseconds.
 class BusConnection {
  public:
-  // Null if there is no bus.
-  static std::unique_ptr<BusConnection> Open();
+  // Begins to open a connection. Null if that fails at once, with a negative code: -EAGAIN from a
+  // bus that is there and takes nobody at the moment.
+  static std::unique_ptr<BusConnection> Open(int* error);
   ~BusConnection();
   BusConnection(const BusConnection&) = delete;
   BusConnection& operator=(const BusConnection&) = delete;
 
-  // Whether the connection still stands, as far as is known.
+  // Whether the connection still stands, or is being opened, as far as is known.
   bool IsOpen() const;
-  // Whether this process owns a package's name, which ends with the connection.
-  bool IsPublisher() const { return !owned_packages_.empty(); }
+  // Whether this process owns a package's name or has asked for it; that ends with the connection.
+  bool IsPublisher() const;
 
-  // Asks for the events of a name, once however often it is asked.
+  // Asks for the events of a name, once however often it is called. What the bus refuses is
+  // forgotten. False if the bus cannot be asked.
   bool Watch(const EventName& name);
   void Unwatch(const EventName& name);
+  // Gives the bus time to answer. Events that stand come from then on.
+  Outcome AwaitWatch(const EventName& name, uint64_t deadline);
+  // Whether all that is watched stands; false also for what is under way.
+  bool IsSettled() const;
+  // Whether the bus has refused something since this was asked last.
+  bool TakeRefusal() { return std::exchange(refused_, false); }
 
-  int Publish(const EventName& name, const unsigned char* payload, size_t size);
+  // Makes this process the owner of the package's name, without ever queueing for it: -EACCES if it
+  // is another's, -ETIMEDOUT while the bus has not answered.
+  int Claim(const std::string& package, uint64_t deadline);
+  // Claims the package's name and sends an event. What the bus does not take in time goes out with
+  // Process.
+  int Publish(const EventName& name, const unsigned char* payload, size_t size, uint64_t deadline);
 
-  // Takes in what the bus has sent, no further than to an event from a successor. False once the
-  // connection is gone.
+  // Takes in what the bus has sent, and hands out events no further than to one from a successor.
+  // False once the connection is gone.
   bool Process(std::vector<ReceivedEvent>* received);
 
-  // What to poll for.
+  // What to poll for. The descriptor may change while the connection is being opened.
   int fd() const { return sd_bus_get_fd(bus_.get()); }
   // Events for poll(2), or a negative code once the connection is gone.
   int PollEvents() const { return sd_bus_get_events(bus_.get()); }
@@ -66,6 +85,7 @@ class BusConnection {
 
  private:
   struct BusClose {
+    // Waits for nothing, unlike the functions that flush.
     void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
   };
   struct SlotUnref {
@@ -73,28 +93,82 @@ class BusConnection {
   };
   using Slot = std::unique_ptr<sd_bus_slot, SlotUnref>;
 
+  // A client of the bus that owns, or has owned, a package's name.
+  struct Speaker {
+    enum Judgement { kAsked, kTrusted, kForeign };
+
+    BusConnection* connection = nullptr;
+    std::string unique_name;
+    bool is_successor = false;  // which nothing has come from yet
+    Judgement judgement = kAsked;
+    std::vector<ReceivedEvent> waiting;  // for the judgement
+    Slot question;
+  };
+
+  // A rule for what the bus is to send.
+  struct Match {
+    BusConnection* connection = nullptr;
+    Outcome outcome = Outcome::kUnderWay;
+    Slot slot;
+  };
+
   // Who may send a package's events, followed as long as any of them is watched.
   struct Package {
-    std::string owner;                // a unique name of the bus; empty while there is none
-    bool owner_is_successor = false;  // which nothing has come from yet
-    Slot owner_changes;
-    std::map<std::string, Slot> events;
+    BusConnection* connection = nullptr;
+    Match owner_changes;
+    Outcome owner_outcome = Outcome::kUnderWay;
+    Slot owner_question;
+    Speaker* owner = nullptr;  // null while there is none
+    std::list<Speaker> speakers;
+    std::map<std::string, Match> events;
+  };
+
+  // A name that this process owns or has asked for.
+  struct Name {
+    BusConnection* connection = nullptr;
+    Outcome outcome = Outcome::kUnderWay;
+    bool is_anothers = false;
+    bool is_awaited = false;  // by who is told of the outcome
+    Slot question;
   };
 
   explicit BusConnection(sd_bus* bus) : bus_(bus) {}
-  bool AddMatch(const std::string& rule, sd_bus_message_handler_t handler, Slot* slot);
+  template <typename Done>
+  void Await(uint64_t deadline, Done done);
+  bool Ask(const char* method, const char* name, sd_bus_message_handler_t answered, void* data,
+           Slot* slot);
+  bool AddMatch(const std::string& rule, sd_bus_message_handler_t handler, Match* match);
   bool FollowOwner(const std::string& id, Package* package);
-  bool FindOwner(const std::string& id, Package* package);
+  Outcome OutcomeOf(const Package& package, const Match& event) const;
+  void ForgetRefused();
+  void Adopt(Package* package, const char* owner, bool is_successor);
+  void Judge(Speaker* speaker, Speaker::Judgement judgement);
+  void TrustAll();
   void Receive(sd_bus_message* message);
+  Name* AskForName(const std::string& package);
+  bool HasSentAll() const;
+  int Send(const EventName& name, const unsigned char* payload, size_t size);
 
-  static int OnOwnerChanged(sd_bus_message* message, void* connection, sd_bus_error* error);
-  static int OnEvent(sd_bus_message* message, void* connection, sd_bus_error* error);
+  static int OnMatchAdded(sd_bus_message* message, void* match, sd_bus_error* error);
+  static int OnOwner(sd_bus_message* message, void* package, sd_bus_error* error);
+  static int OnOwnerChanged(sd_bus_message* message, void* match, sd_bus_error* error);
+  static int OnOwnUser(sd_bus_message* message, void* connection, sd_bus_error* error);
+  static int OnUser(sd_bus_message* message, void* speaker, sd_bus_error* error);
+  static int OnEvent(sd_bus_message* message, void* match, sd_bus_error* error);
+  static int OnName(sd_bus_message* message, void* name, sd_bus_error* error);
 
   // Outlives the slots below.
   std::unique_ptr<sd_bus, BusClose> bus_;
   std::map<std::string, Package> packages_;
-  std::set<std::string> owned_packages_;
-  std::vector<ReceivedEvent> received_;
+  std::map<std::string, Name> claims_;
+  std::deque<ReceivedEvent> received_;
+  Slot own_user_question_;
+  uint32_t own_user_;        // as the bus has it, once that is known
+  bool is_awaited_ = false;  // somebody waits for what the bus says
+  bool is_broken_ = false;   // nothing that goes on with it can be right
+  bool refused_ = false;     // see TakeRefusal
+  bool is_silent_ = false;   // has said nothing since it was waited for in vain
+  size_t unsent_bytes_ = 0;  // of events, since the bus had taken everything
 };
 
 }  // namespace events

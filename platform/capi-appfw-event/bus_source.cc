@@ -12,6 +12,7 @@ namespace {
 struct BusSource {
   GSource base;
   gpointer tag;
+  int fd;
   Wish (*ask)();
   void (*dispatch)();
   int poll_events;  // what the descriptor is polled for now
@@ -26,6 +27,12 @@ gboolean Prepare(GSource* base, gint* timeout_ms) {
   auto* source = reinterpret_cast<BusSource*>(base);
   const Wish wish = source->ask();
   source->due_time = wish.due_time;
+  if (wish.fd >= 0 && wish.fd != source->fd) {
+    g_source_remove_unix_fd(base, source->tag);
+    source->fd = wish.fd;
+    source->poll_events = wish.poll_events;
+    source->tag = g_source_add_unix_fd(base, wish.fd, static_cast<GIOCondition>(wish.poll_events));
+  }
   // Only what changes: each modification wakes the loop, which would never sleep again.
   if (wish.poll_events != source->poll_events) {
     source->poll_events = wish.poll_events;
@@ -42,6 +49,8 @@ gboolean Prepare(GSource* base, gint* timeout_ms) {
 
 gboolean Check(GSource* base) {
   auto* source = reinterpret_cast<BusSource*>(base);
+  // Another thread may have read messages meanwhile, whose turn is before that of other sources.
+  source->due_time = source->ask().due_time;
   // A hang-up shows even where nothing is polled for.
   const bool shows = source->poll_events != 0 && g_source_query_unix_fd(base, source->tag) != 0;
   return shows || IsDue(*source);
@@ -60,6 +69,7 @@ GSource* AttachBusSource(int fd, Wish (*ask)(), void (*dispatch)()) {
   GSource* base = g_source_new(&functions, sizeof(BusSource));
   auto* source = reinterpret_cast<BusSource*>(base);
   source->tag = g_source_add_unix_fd(base, fd, G_IO_IN);
+  source->fd = fd;
   source->ask = ask;
   source->dispatch = dispatch;
   source->poll_events = G_IO_IN;

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <app_event.h>
+#include <app_event_desktop.h>
 #include <bundle_desktop.h>
 #include <errno.h>
 #include <stdlib.h>
@@ -44,6 +45,16 @@ int event_publish_app_event(const char* event_name, bundle* event_data) try {
   const int error = bundle_desktop_encode(event_data, &bytes, &size);
   const std::unique_ptr<unsigned char, Free> owned(bytes);
   return error ? error : EventHub::Get().Publish(name, bytes, size);
+} catch (const std::exception&) {
+  return -ENOMEM;
+}
+
+int event_desktop_own_package(const char* package) try {
+  EventName name;
+  if (!package || !EventName::Parse(("event." + std::string(package) + ".name").c_str(), &name)) {
+    return -EINVAL;
+  }
+  return EventHub::Get().Claim(name.package);
 } catch (const std::exception&) {
   return -ENOMEM;
 }

@@ -2,6 +2,7 @@
 #include "event_hub.h"
 
 #include <bundle_desktop.h>
+#include <dlog.h>
 #include <errno.h>
 #include <unistd.h>
 
@@ -15,6 +16,14 @@ namespace {
 
 // Behind the end of a port, whose priority is one above.
 constexpr int kPriorityOfHeld = G_PRIORITY_DEFAULT + 2;
+constexpr char kLogTag[] = "APP_EVENT";
+// A subscription that takes longer goes on by itself.
+constexpr uint64_t kSubscriptionPatienceUs = 100 * 1000;
+constexpr uint64_t kPublicationPatienceUs = 2 * 1000 * 1000;
+constexpr guint kFirstRetryMs = 250;
+constexpr guint kLastRetryMs = 60 * 1000;
+
+uint64_t Now() { return static_cast<uint64_t>(g_get_monotonic_time()); }
 
 struct BundleFree {
   void operator()(bundle* b) const { bundle_free(b); }
@@ -27,22 +36,27 @@ EventHub& EventHub::Get() {
   return hub;
 }
 
-// Makes sure of a connection that watches for every subscription.
-bool EventHub::Connect() {
+// Makes sure of a connection, which may be one that is being opened, that watches for every
+// subscription.
+int EventHub::Connect() {
   // A forked child must not speak on its parent's connection, nor hear what came over it.
-  if (process_ != getpid()) DropHeld();
+  if (process_ != getpid()) {
+    DropHeld();
+    StopRetrying();
+  }
   if (connection_ && (process_ != getpid() || !connection_->IsOpen())) Disconnect();
-  if (connection_) return true;
-  auto connection = BusConnection::Open();
-  if (!connection) return false;
+  process_ = getpid();
+  if (connection_) return 0;
+  int error = 0;
+  auto connection = BusConnection::Open(&error);
+  if (!connection) return error;
   for (const Handler& handler : handlers_) {
-    if (!connection->Watch(handler->name)) return false;
+    if (!connection->Watch(handler->name)) return -EIO;
   }
   source_ = AttachBusSource(
       connection->fd(), [] { return Get().Ask(); }, [] { Get().Dispatch(); });
   connection_ = std::move(connection);
-  process_ = getpid();
-  return true;
+  return 0;
 }
 
 void EventHub::Disconnect() {
@@ -57,7 +71,10 @@ void EventHub::Disconnect() {
 // loop, which may be polling in another thread, hears of messages that came in along with an
 // answer.
 void EventHub::Settle() {
-  if (handlers_.empty()) DropHeld();
+  if (handlers_.empty()) {
+    DropHeld();
+    StopRetrying();
+  }
   if (!connection_) return;
   if (handlers_.empty() && !connection_->IsPublisher()) {
     Disconnect();
@@ -66,14 +83,75 @@ void EventHub::Settle() {
   }
 }
 
-// A bus that went away unnoticed shows when it is spoken to; another may have taken its place.
-bool EventHub::Watch(const EventName& name) {
-  for (int attempt = 0; attempt < 2; ++attempt) {
-    if (!Connect()) return false;
-    if (connection_->Watch(name)) return true;
-    if (connection_->IsOpen()) return false;
+// What failed later than its caller could hear of is tried again, less and less often.
+void EventHub::RetryLater() {
+  if (retry_ || handlers_.empty()) return;
+  retry_ms_ = std::clamp(retry_ms_ * 2, kFirstRetryMs, kLastRetryMs);
+  retry_ = g_timeout_source_new(retry_ms_);
+  g_source_set_name(retry_, "search for a session bus");
+  g_source_set_callback(
+      retry_,
+      [](void*) -> gboolean {
+        Get().Retry();
+        return G_SOURCE_REMOVE;
+      },
+      nullptr, nullptr);
+  g_source_attach(retry_, nullptr);
+}
+
+void EventHub::StopRetrying() {
+  if (!retry_) return;
+  g_source_destroy(retry_);
+  g_source_unref(retry_);
+  retry_ = nullptr;
+}
+
+void EventHub::Retry() try {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (!retry_ || process_ != getpid()) return;
+  StopRetrying();
+  bool is_asked = Connect() == 0;
+  for (size_t i = 0; is_asked && i < handlers_.size(); ++i) {
+    is_asked = connection_->Watch(handlers_[i]->name);
   }
-  return false;
+  if (!is_asked) RetryLater();
+} catch (const std::exception&) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  RetryLater();
+}
+
+// A bus that went away unnoticed shows when it is spoken to; another may have taken its place.
+template <typename Use>
+int EventHub::UseConnection(Use use) {
+  int result = -EIO;
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    const int error = Connect();
+    if (error < 0) return error == -EAGAIN ? error : -EIO;
+    result = use();
+    if (result != -EIO || connection_->IsOpen()) break;
+  }
+  return result;
+}
+
+// Success also for what is still under way: the subscription takes effect by itself.
+int EventHub::Watch(const EventName& name, uint64_t deadline) {
+  const int result = UseConnection([&] {
+    if (!connection_->Watch(name)) return -EIO;
+    switch (connection_->AwaitWatch(name, deadline)) {
+      case Outcome::kStands:
+        return 0;
+      case Outcome::kUnderWay:
+        return -EAGAIN;
+      case Outcome::kRefused:
+      case Outcome::kGone:
+        break;
+    }
+    return -EIO;
+  });
+  if (result != -EAGAIN) return result;
+  dlog_print(DLOG_WARN, kLogTag, "The session bus does not answer: %s is not heard before it does",
+             name.full.c_str());
+  return 0;
 }
 
 int EventHub::Add(const EventName& name, event_cb callback, void* user_data,
@@ -81,13 +159,15 @@ int EventHub::Add(const EventName& name, event_cb callback, void* user_data,
   const std::lock_guard<std::mutex> lock(mutex_);
   auto handler = std::make_shared<event_handler>(event_handler{name, callback, user_data});
   handlers_.reserve(handlers_.size() + 1);
-  const bool watched = Watch(name);
-  if (watched) {
+  const int result = Watch(name, Now() + kSubscriptionPatienceUs);
+  if (result == 0) {
     *added = handler.get();
     handlers_.push_back(std::move(handler));
+    // A bus that takes nobody at the moment.
+    if (!connection_) RetryLater();
   }
   Settle();
-  return watched ? 0 : -EIO;
+  return result;
 }
 
 bool EventHub::Has(event_handler_h handler) const {
@@ -109,13 +189,19 @@ int EventHub::Remove(event_handler_h handler) {
 
 int EventHub::Publish(const EventName& name, const unsigned char* payload, size_t size) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  int result = -EIO;
-  for (int attempt = 0; attempt < 2 && Connect(); ++attempt) {
-    result = connection_->Publish(name, payload, size);
-    if (result != -EIO || connection_->IsOpen()) break;
-  }
+  const uint64_t deadline = Now() + kPublicationPatienceUs;
+  const int result =
+      UseConnection([&] { return connection_->Publish(name, payload, size, deadline); });
   Settle();
-  return result;
+  return result == -EAGAIN ? -EIO : result;
+}
+
+int EventHub::Claim(const std::string& package) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const uint64_t deadline = Now() + kPublicationPatienceUs;
+  const int result = UseConnection([&] { return connection_->Claim(package, deadline); });
+  Settle();
+  return result == -EAGAIN ? -ETIMEDOUT : result;
 }
 
 std::vector<EventHub::Handler> EventHub::HandlersOf(const std::string& name) {
@@ -128,11 +214,11 @@ std::vector<EventHub::Handler> EventHub::HandlersOf(const std::string& name) {
 
 Wish EventHub::Ask() {
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (!connection_ || held_) return {0, UINT64_MAX};
+  if (!connection_ || held_) return {-1, 0, UINT64_MAX};
   const int events = connection_->PollEvents();
   // A connection that is gone is due at once.
-  if (events < 0) return {0, 0};
-  return {events, connection_->DueTime()};
+  if (events < 0) return {-1, 0, 0};
+  return {connection_->fd(), events, connection_->DueTime()};
 }
 
 void EventHub::Dispatch() try {
@@ -140,7 +226,7 @@ void EventHub::Dispatch() try {
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (held_) return;
-    if (connection_ && !connection_->Process(&received)) Disconnect();
+    if (connection_) Process(&received);
     if (!received.empty() && received.back().from_successor) {
       Hold(std::move(received.back()));
       received.pop_back();
@@ -149,6 +235,21 @@ void EventHub::Dispatch() try {
   for (const ReceivedEvent& event : received) Deliver(event);
 } catch (const std::exception&) {
   // Without memory events are lost; the main loop goes on.
+}
+
+void EventHub::Process(std::vector<ReceivedEvent>* received) {
+  const bool goes_on = connection_->Process(received);
+  if (!goes_on) {
+    Disconnect();
+    if (handlers_.empty()) return;
+    dlog_print(DLOG_WARN, kLogTag, "The session bus is gone: there are no events until it returns");
+  }
+  if (!goes_on || connection_->TakeRefusal()) {
+    RetryLater();
+  } else if (retry_ms_ != 0 && !retry_ && connection_->IsSettled()) {
+    retry_ms_ = 0;
+    dlog_print(DLOG_INFO, kLogTag, "The session bus sends events again");
+  }
 }
 
 // What a successor says, clients must hear behind the end of its predecessor. Their ports to that

@@ -31,18 +31,25 @@ class EventHub {
   int Add(const EventName& name, event_cb callback, void* user_data, event_handler_h* added);
   int Remove(event_handler_h handler);
   int Publish(const EventName& name, const unsigned char* payload, size_t size);
+  int Claim(const std::string& package);
 
  private:
   using Handler = std::shared_ptr<event_handler>;
 
-  bool Connect();
+  int Connect();
   void Disconnect();
   void Settle();
-  bool Watch(const EventName& name);
+  template <typename Use>
+  int UseConnection(Use use);
+  int Watch(const EventName& name, uint64_t deadline);
+  void RetryLater();
+  void StopRetrying();
+  void Retry();
   bool Has(event_handler_h handler) const;
   std::vector<Handler> HandlersOf(const std::string& name);
   Wish Ask();
   void Dispatch();
+  void Process(std::vector<ReceivedEvent>* received);
   void Hold(ReceivedEvent event);
   void DropHeld();
   void Release();
@@ -55,6 +62,8 @@ class EventHub {
   std::unique_ptr<BusConnection> connection_;
   GSource* source_ = nullptr;  // where there is a connection
   pid_t process_ = 0;          // whose connection it is
+  GSource* retry_ = nullptr;   // where something is to be tried again
+  guint retry_ms_ = 0;         // how long after the last attempt; 0 when all is well
   // A successor's first event; until it is delivered nothing more is read from the bus.
   std::optional<ReceivedEvent> held_;
   GSource* held_source_ = nullptr;  // where an event is held

@@ -2,6 +2,7 @@
 // What becomes of subscriptions when there is no bus, or it goes away.
 
 #include <app_event.h>
+#include <app_event_desktop.h>
 #include <gmock/gmock.h>
 #include <stdlib.h>
 #include <sys/socket.h>
@@ -35,6 +36,7 @@ void ExpectNoBus() {
   EXPECT_EQ(event_add_event_handler(kStatus, Count, nullptr, &handler), -5);
   EXPECT_EQ(handler, reinterpret_cast<event_handler_h>(&mark));
   EXPECT_EQ(Publish(kStatus), -5);
+  EXPECT_EQ(event_desktop_own_package("com.example.agent"), -5);
   EXPECT_EQ(OpenDescriptors(), before);
 }
 
@@ -130,6 +132,18 @@ TEST_F(ADyingBus, GivesItsSubscriptionsToItsSuccessor) {
   ASSERT_NO_FATAL_FAILURE(SubscribeTo(kOther, &second));
   EXPECT_EQ(Publish(kStatus), 0);
   RunUntil([&] { return calls_ == 1; });
+}
+
+TEST_F(ADyingBus, IsLookedForUntilItReturns) {
+  event_handler_h handler = nullptr;
+  ASSERT_NO_FATAL_FAILURE(SubscribeTo(kStatus, &handler));
+  const int with_bus = PolledDescriptors();
+  bus_.Kill();
+  RunUntil([&] { return PolledDescriptors() < with_bus; });
+  bus_.Start();
+  // What is sent before the subscriptions are there again is not heard.
+  Publisher publisher;
+  publisher.PublishUntil(kStatus, [&] { return calls_ > 0; });
 }
 
 TEST_F(ADyingBus, LetsASubscriptionBeRemovedInItsOwnTime) {

@@ -2,6 +2,7 @@
 // Subscriptions and publications on a bus that works.
 
 #include <app_event.h>
+#include <app_event_desktop.h>
 #include <fcntl.h>
 #include <glib-unix.h>
 #include <gmock/gmock.h>
@@ -31,14 +32,6 @@ void Record(const char* name, bundle* data, void* events) {
   char* text = nullptr;
   bundle_get_str(data, "key", &text);
   static_cast<Events*>(events)->emplace_back(name, text ? text : "(none)");
-}
-
-int PublishHere(const char* name, const char* value) {
-  bundle* data = bundle_create();
-  bundle_add_str(data, "key", value);
-  const int result = event_publish_app_event(name, data);
-  bundle_free(data);
-  return result;
 }
 
 class ASubscriber : public testing::Test {
@@ -378,6 +371,43 @@ TEST_F(APublisher, CannotSendWhatIsNotUtf8OrTooLarge) {
   const std::string large(2 << 20, 'x');
   EXPECT_EQ(PublishHere(kStatus, large.c_str()), -22);
   EXPECT_EQ(PublishHere(kStatus, large.substr(0, 1000000).c_str()), 0);
+}
+
+TEST_F(APublisher, NeverQueuesForAName) {
+  RawClient client;
+  {
+    Publisher publisher;
+    ASSERT_EQ(publisher.Publish(kStatus, "key", "mine"), 0);
+    EXPECT_EQ(PublishHere(kStatus, "not mine"), -13);
+    EXPECT_EQ(event_desktop_own_package("com.example.agent"), -13);
+  }
+  EXPECT_EQ(client.OwnerOf("com.example.agent"), "");
+}
+
+TEST_F(APublisher, MayOwnItsNameBeforeItPublishes) {
+  RawClient client;
+  EXPECT_EQ(event_desktop_own_package("com.example.agent"), 0);
+  EXPECT_NE(client.OwnerOf("com.example.agent"), "");
+  EXPECT_EQ(event_desktop_own_package("com.example.agent"), 0);
+  Publisher publisher;
+  EXPECT_EQ(publisher.Publish(kStatus, "key", "not mine"), -13);
+}
+
+TEST_F(APublisher, CannotOwnANameThatIsTakenByWhoQueuedForIt) {
+  RawClient squatter;
+  {
+    Publisher publisher;
+    ASSERT_EQ(publisher.Publish(kStatus, "key", "mine"), 0);
+    squatter.QueueForName("com.example.agent");
+  }
+  EXPECT_EQ(event_desktop_own_package("com.example.agent"), -13);
+}
+
+TEST_F(APublisher, CannotOwnANameThatNoPackageHas) {
+  for (const char* name : {"", "agent", "com..example", ":1.5", "com.7example"}) {
+    EXPECT_EQ(event_desktop_own_package(name), -22) << name;
+  }
+  EXPECT_EQ(event_desktop_own_package(nullptr), -22);
 }
 
 TEST_F(APublisher, GivesItsNameBackWhenItEnds) {

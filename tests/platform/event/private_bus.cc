@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "private_bus.h"
 
+#include <app_event.h>
 #include <fcntl.h>
 #include <glib.h>
 #include <signal.h>
@@ -68,6 +69,8 @@ void PrivateBus::Kill() {
   daemon_ = -1;
   std::filesystem::remove(folder_ / "bus");
 }
+
+void PrivateBus::Signal(int signal) { ASSERT_EQ(kill(daemon_, signal), 0); }
 
 RawClient::RawClient() { EXPECT_GE(sd_bus_open_user(&bus_), 0); }
 
@@ -172,6 +175,24 @@ int Publisher::Publish(const std::string& name, const std::string& key, const st
   int result = 1;
   EXPECT_EQ(fscanf(from_, "%d", &result), 1);
   return result;
+}
+
+int PublishHere(const char* name, const char* value) {
+  bundle* data = bundle_create();
+  bundle_add_str(data, "key", value);
+  const int result = event_publish_app_event(name, data);
+  bundle_free(data);
+  return result;
+}
+
+void Publisher::PublishUntil(const std::string& name, const std::function<bool()>& condition) {
+  const guint turns = g_timeout_add(
+      10, [](void*) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
+  RunUntil([&] {
+    EXPECT_EQ(Publish(name, "key", "again"), 0);
+    return condition();
+  });
+  g_source_remove(turns);
 }
 
 void RunUntil(const std::function<bool()>& condition) {

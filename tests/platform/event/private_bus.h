@@ -3,6 +3,7 @@
 #define TESTS_PLATFORM_EVENT_PRIVATE_BUS_H_
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/types.h>
 #include <systemd/sd-bus.h>
 
@@ -21,10 +22,15 @@ class PrivateBus {
   // Kills the daemon; Start brings another one up under the same address.
   void Kill();
   void Start();
+  // Keeps the daemon from doing anything, and lets it go on.
+  void Stop() { Signal(SIGSTOP); }
+  void Continue() { Signal(SIGCONT); }
 
   const std::filesystem::path& folder() const { return folder_; }
 
  private:
+  void Signal(int signal);
+
   std::filesystem::path folder_;
   pid_t daemon_ = -1;
 };
@@ -41,6 +47,10 @@ class RawClient {
   // Claims, to one client, that a name has another owner.
   void SendOwnerChange(const char* id, const char* owner, const char* destination);
   bool OwnName(const char* name) { return sd_bus_request_name(bus_, name, 0) > 0; }
+  // Gets the name as soon as its owner gives it up.
+  void QueueForName(const char* name) {
+    ASSERT_EQ(sd_bus_request_name(bus_, name, SD_BUS_NAME_QUEUE), 0);
+  }
   const char* unique_name() const;
   // The unique name that owns a name; empty if there is none.
   std::string OwnerOf(const char* name);
@@ -63,12 +73,17 @@ class Publisher {
   void End();
   // The result of event_publish_app_event there.
   int Publish(const std::string& name, const std::string& key, const std::string& value);
+  // Publishes again and again, and runs the main context of this process, until the condition holds.
+  void PublishUntil(const std::string& name, const std::function<bool()>& condition);
 
  private:
   FILE* to_ = nullptr;
   FILE* from_ = nullptr;
   pid_t process_ = -1;
 };
+
+// Publishes from this process, with a text under the key "key"; the result.
+int PublishHere(const char* name, const char* value);
 
 // Runs the default main context until the condition holds; fails the test after a generous time.
 void RunUntil(const std::function<bool()>& condition);

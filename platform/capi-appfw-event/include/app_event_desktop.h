@@ -1,0 +1,28 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+#ifndef APP_EVENT_DESKTOP_H
+#define APP_EVENT_DESKTOP_H
+
+/*
+ * What only the desktop has: a package's name on the session bus, which tells subscribers whose events
+ * are the package's. Return values as in app_event.h.
+ */
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+#pragma GCC visibility push(default)
+
+/**
+ * Makes the calling process the one whose events are those of the package, until it ends, as the first
+ * publication would. Never queues for the name: if another process owns it the result is -13, and the
+ * name will not come later by itself. -110 if the bus has not answered within two seconds; it may still
+ * do so.
+ */
+int event_desktop_own_package(const char* package);
+
+#pragma GCC visibility pop
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* APP_EVENT_DESKTOP_H */
