@@ -12,6 +12,7 @@
 #include <optional>
 
 #include "control.h"
+#include "events.h"
 #include "log_tag.h"
 #include "unique_fd.h"
 
@@ -252,6 +253,10 @@ int RunAgent(const Scenario& scenario, const AgentOptions& options) {
     g_main_loop_quit(loop.get());
   });
   AgentService service(scenario, updates);
+  if (scenario.bus) {
+    // Before there is a client that could hear somebody else.
+    OwnName(scenario.agent.package.id);
+  }
   service.Listen();
   std::optional<ControlPort> control;
   if (options.control_fd >= 0) {

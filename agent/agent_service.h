@@ -68,7 +68,8 @@ constexpr int kReplaceMe = 75;
 
 /**
  * Runs the agent until SIGTERM, SIGINT or SIGHUP, or until its own update needs a new process; returns
- * the process's exit status.
+ * the process's exit status. Throws if it cannot serve: for one, if another process has the agent's
+ * name on the session bus.
  */
 int RunAgent(const Scenario& scenario, const AgentOptions& options);
 

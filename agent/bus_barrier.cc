@@ -15,73 +15,88 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kPatience(2);
-constexpr char kPeer[] = "org.freedesktop.DBus.Peer";
+constexpr char kBus[] = "org.freedesktop.DBus";
+constexpr char kBusPath[] = "/org/freedesktop/DBus";
 
 struct BusClose {
-  void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
+  // A bus that takes nothing must not be waited for: no flush.
+  void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
 };
 
-struct CredsUnref {
-  void operator()(sd_bus_creds* creds) const { sd_bus_creds_unref(creds); }
-};
+/** Who is on the bus, and of how many of its questions the answer is still to come. */
+struct Barrier {
+  std::unique_ptr<sd_bus, BusClose> bus;
+  std::string owner;  // of the name that is left out
+  int pending = 0;
 
-/** The unique name behind a name; empty if nobody owns it. */
-std::string OwnerOf(sd_bus* bus, const std::string& name) {
-  sd_bus_creds* taken = nullptr;
-  const char* owner = nullptr;
-  sd_bus_get_name_creds(bus, name.c_str(), SD_BUS_CREDS_UNIQUE_NAME, &taken);
-  const std::unique_ptr<sd_bus_creds, CredsUnref> creds(taken);
-  if (!creds || sd_bus_creds_get_unique_name(taken, &owner) < 0) {
-    return "";
+  template <typename... Arguments>
+  void Ask(const char* whom, const char* path, const char* interface, const char* method,
+           sd_bus_message_handler_t answered, const char* types, Arguments... arguments) {
+    if (sd_bus_call_method_async(bus.get(), nullptr, whom, path, interface, method, answered, this,
+                                 types, arguments...) >= 0) {
+      ++pending;
+    }
   }
-  return owner;
+};
+
+int OnPong(sd_bus_message*, void* barrier, sd_bus_error*) {
+  --static_cast<Barrier*>(barrier)->pending;
+  return 0;
+}
+
+int OnOwner(sd_bus_message* message, void* data, sd_bus_error*) {
+  auto* barrier = static_cast<Barrier*>(data);
+  --barrier->pending;
+  const char* owner = nullptr;
+  if (sd_bus_message_is_method_error(message, nullptr) <= 0 &&
+      sd_bus_message_read(message, "s", &owner) >= 0) {
+    barrier->owner = owner;
+  }
+  return 0;
 }
 
 /** Asks everybody for a sign of life: it comes behind what they were sent before. */
-void PingAll(sd_bus* bus, const std::string& own, int* pending) {
+int OnNames(sd_bus_message* message, void* data, sd_bus_error*) {
+  auto* barrier = static_cast<Barrier*>(data);
+  --barrier->pending;
   char** names = nullptr;
-  if (sd_bus_list_names(bus, &names, nullptr) < 0) {
-    return;
-  }
-  const std::string owner = OwnerOf(bus, own);
   const char* self = nullptr;
-  sd_bus_get_unique_name(bus, &self);
+  if (sd_bus_message_is_method_error(message, nullptr) > 0 ||
+      sd_bus_message_read_strv(message, &names) < 0 || names == nullptr) {
+    return 0;
+  }
+  sd_bus_get_unique_name(barrier->bus.get(), &self);
   for (char** name = names; *name != nullptr; ++name) {
     const std::string peer = *name;
-    const bool other = peer.front() == ':' && peer != owner && (self == nullptr || peer != self);
-    if (other && sd_bus_call_method_async(
-                     bus, nullptr, peer.c_str(), "/", kPeer, "Ping",
-                     [](sd_bus_message*, void* data, sd_bus_error*) {
-                       --*static_cast<int*>(data);
-                       return 0;
-                     },
-                     pending, nullptr) >= 0) {
-      ++*pending;
+    if (peer.front() == ':' && peer != barrier->owner && (self == nullptr || peer != self)) {
+      barrier->Ask(peer.c_str(), "/", "org.freedesktop.DBus.Peer", "Ping", OnPong, "");
     }
     std::free(*name);
   }
   std::free(names);
+  return 0;
 }
 
 }  // namespace
 
 void AwaitBusPeers(const std::string& own) {
+  const auto end = Clock::now() + kPatience;
   sd_bus* opened = nullptr;
   if (sd_bus_open_user(&opened) < 0) {
     return;
   }
-  const std::unique_ptr<sd_bus, BusClose> bus(opened);
-  int pending = 0;
-  PingAll(bus.get(), own, &pending);
-  const auto end = Clock::now() + kPatience;
-  while (pending > 0) {
-    const int progress = sd_bus_process(bus.get(), nullptr);
+  Barrier barrier;
+  barrier.bus.reset(opened);
+  barrier.Ask(kBus, kBusPath, kBus, "GetNameOwner", OnOwner, "s", own.c_str());
+  barrier.Ask(kBus, kBusPath, kBus, "ListNames", OnNames, "");
+  while (barrier.pending > 0) {
+    const int progress = sd_bus_process(opened, nullptr);
     if (progress < 0 || Clock::now() >= end) {
       return;
     }
     if (progress == 0) {
       const auto left = std::chrono::duration_cast<std::chrono::microseconds>(end - Clock::now());
-      sd_bus_wait(bus.get(), static_cast<std::uint64_t>(left.count() > 0 ? left.count() : 0));
+      sd_bus_wait(opened, static_cast<std::uint64_t>(left.count() > 0 ? left.count() : 0));
     }
   }
 }

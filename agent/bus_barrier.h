@@ -8,8 +8,8 @@ namespace sim {
 
 /**
  * Waits until everybody on the session bus but the owner of the name `own` has taken in what was sent
- * there before the call. A peer that does not run its main loop is waited for no longer than two
- * seconds.
+ * there before the call. Neither a peer that does not run its main loop nor a bus that does not
+ * answer is waited for longer than two seconds.
  *
  * A process that ends right after an announcement would race with it: its clients hear of both on
  * different sockets.

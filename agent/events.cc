@@ -2,16 +2,23 @@
 #include "events.h"
 
 #include <app_event.h>
+#include <app_event_desktop.h>
 #include <bundle.h>
 #include <dlog.h>
+#include <errno.h>
 
 #include <memory>
+#include <stdexcept>
 
 #include "log_tag.h"
 #include "parcel.h"
 
 namespace sim {
 namespace {
+
+constexpr char kSquatted[] =
+    "another process owns the agent's name on the session bus: clients would take its events for "
+    "the agent's, and drop the agent's own";
 
 struct BundleFree {
   void operator()(bundle* b) const { bundle_free(b); }
@@ -44,6 +51,17 @@ Bundle BundleOf(const Broadcast& broadcast) {
 
 }  // namespace
 
+void OwnName(const std::string& id) {
+  const int result = event_desktop_own_package(id.c_str());
+  if (result == -EACCES) {
+    throw std::runtime_error(id + ": " + kSquatted);
+  }
+  if (result != 0) {
+    dlog_print(DLOG_WARN, kLogTag, "%s is not on the session bus (%d): its events may be lost",
+               id.c_str(), result);
+  }
+}
+
 void Publish(const std::string& id, const Broadcast& broadcast,
              const std::vector<std::string>& agents) {
   const std::string name = "event." + id + "." + broadcast.event;
@@ -52,7 +70,8 @@ void Publish(const std::string& id, const Broadcast& broadcast,
     if (broadcast.names_agents) {
       AddList(data.get(), "Start", agents.empty() ? std::vector<std::string>{id} : agents);
     }
-    Check(event_publish_app_event(name.c_str(), data.get()), "cannot publish");
+    const int result = event_publish_app_event(name.c_str(), data.get());
+    Check(result, result == -EACCES ? kSquatted : "cannot publish");
     dlog_print(DLOG_DEBUG, kLogTag, "published %s", name.c_str());
   } catch (const PlatformError& error) {
     dlog_print(DLOG_WARN, kLogTag, "%s is lost: %s", name.c_str(), error.what());

@@ -113,7 +113,7 @@ void UpdateRunner::Resume() {
   const Journal journal = ReadJournal(journal_file_);
   ended_ = journal.ended;
   if (!journal.found && scenario_.bus) {
-    // From now on its name on the bus tells clients its own events from those of its successors.
+    // It follows nobody who could have said so: whoever listens already hears that an agent runs.
     Publish(scenario_.agent.package.id, LaunchStep().broadcast);
   }
   if (journal.found && !journal.replaced) {

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <deque>
 #include <filesystem>
 #include <fstream>
@@ -351,6 +352,38 @@ TEST_F(ARun, PrefersTheCommandsFailureToTheAgents) {
 
 TEST_F(ARun, EndsAnAgentThatWasStopped) {
   EXPECT_EQ(RunScript("kill -STOP $(cat \"$VELMORA_RUNTIME_DIR/../agent.pid\")").status, 0);
+}
+
+// The squatter's output is read by nobody but this script, and ends with the world's bus.
+const char kSquat[] =
+    "mkfifo \"$VELMORA_APP_ROOT/says\" && exec 3<>\"$VELMORA_APP_ROOT/says\";"
+    " " NAME_SQUATTER " " AGENT_PACKAGE_ID " >&3 & read says <&3; ";
+
+TEST_F(ARun, FailsWhenAnotherProcessGetsTheNameOfAnAgentThatRestarts) {
+  const Finished run =
+      RunScript(std::string(kSquat) + SVCMGR_SIM " send restart; read says <&3; echo $says");
+  EXPECT_EQ(run.status, 125);
+  EXPECT_EQ(run.output, "acquired\n");
+  EXPECT_THAT(run.errors, HasSubstr(AGENT_PACKAGE_ID
+                                    ": another process owns the agent's name on the session bus"));
+}
+
+TEST_F(ARun, KeepsItsNameFromWhoWaitsForIt) {
+  const Finished run = RunScript(std::string(kSquat) + SVCMGR_SIM " send update-start; echo $says");
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.output, "queued\n");
+  EXPECT_THAT(run.errors, IsEmpty());
+}
+
+TEST_F(ARun, GoesOnWhereItsBusIsStopped) {
+  const auto begin = std::chrono::steady_clock::now();
+  const Finished run =
+      RunScript("kill -STOP $(cat \"$VELMORA_RUNTIME_DIR/../bus.pid\") && " SVCMGR_SIM
+                " send update-start restart update-complete && " SVCMGR_SIM " send kill");
+  EXPECT_EQ(run.status, 0);
+  EXPECT_THAT(run.errors, IsEmpty());
+  // Much longer than all of its time limits, much shorter than those of the bus's clients.
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
 }
 
 TEST_F(ARun, ShowsWhatTheAgentDoesWhenAsked) {
