@@ -95,7 +95,7 @@ void SvcMgrAppPort::RequestToUninstall(std::unique_ptr<CallbackBase> delegate,
 // ---- Life ---------------------------------------------------------------------------------------
 
 SvcMgrAppPort::CallbackBase::CallbackBase(DelegateId id, bool once)
-    : id_(static_cast<int>(id)), seq_(next_seq++), once_(once) {}
+    : header_{static_cast<int>(id), next_seq++, once} {}
 
 SvcMgrAppPort::SvcMgrAppPort(IEventListener* listener, std::string target_app_id)
     : listener_(listener), target_app_id_(std::move(target_app_id)) {
@@ -205,7 +205,7 @@ template <typename... Arguments>
 void SvcMgrAppPort::Post(const CallSite& site, Method method,
                          std::unique_ptr<CallbackBase> delegate, const Arguments&... arguments) {
   const rpc_port_h port = ConnectedPort(site);
-  Parcel request = MakeRequest(method, *delegate, arguments...);
+  Parcel request = MakeRequest(method, delegate->header(), arguments...);
   const std::lock_guard lock(mutex_);
   RequirePort(site, port);
   // In place before the request leaves: the answer may be dispatched inside the send.
@@ -266,15 +266,15 @@ END_ON_EXCEPTION;
 void SvcMgrAppPort::Dispatch(const Parcel& message) {
   ParcelReader in(message.get());
   if (in.Int32() != kDelegateCommand) return;
-  const int id = in.Int32();
-  const int seq = in.Int32();
-  in.Bool();  // the agent's once flag; the delegate's own counts
+  DelegateHeader header;
+  Read(in, header);
   if (!in.ok()) return;
 
   const auto delegates = delegates_;
-  const auto delegate = delegates->Find(id, seq);
+  const auto delegate = delegates->Find(header.id, header.seq);
   if (delegate == nullptr) return;
   delegate->OnReceivedEvent(message.get());
+  // Its own flag counts, whatever the message says.
   if (delegate->once()) delegates->Remove(*delegate);
 }
 

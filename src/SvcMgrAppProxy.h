@@ -39,17 +39,16 @@ class SvcMgrAppPort : public std::enable_shared_from_this<SvcMgrAppPort> {
     CallbackBase& operator=(const CallbackBase&) = delete;
     virtual ~CallbackBase() = default;
 
-    // Reads the payload, which begins behind the once flag, and handles it.
+    // Reads what follows the header, and handles it.
     virtual void OnReceivedEvent(rpc_port_parcel_h parcel) = 0;
 
-    int id() const { return id_; }
-    int seq() const { return seq_; }
-    bool once() const { return once_; }
+    const DelegateHeader& header() const { return header_; }
+    int id() const { return header_.id; }
+    int seq() const { return header_.seq; }
+    bool once() const { return header_.once; }
 
    private:
-    int id_;
-    int seq_;
-    bool once_;
+    DelegateHeader header_;
   };
 
   // Throws InvalidIOException. The listener must outlive the port.

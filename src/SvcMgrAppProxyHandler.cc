@@ -9,10 +9,8 @@
 #include "SvcMgrAppProxyCallback.h"
 #include "SvcmgrException.h"
 #include "agent_update_state.h"
-#include "app_identity.h"
 #include "category_lookup.h"
 #include "client_log.h"
-#include "frame.h"
 #include "service_agent_list.h"
 #include "service_model_info.h"
 #include "service_model_list.h"
@@ -20,6 +18,7 @@
 
 namespace rpc = rpc_port::SvcMgrAppProxy::proxy;
 
+using svcmgr::AppIdentity;
 using svcmgr::CallSite;
 using svcmgr::CopyText;
 using svcmgr::ModelListReceiver;
@@ -27,50 +26,6 @@ using svcmgr::ProgressReceiver;
 using svcmgr::Text;
 
 namespace {
-
-// Runs a query whose answer is waited for; the failure value, logged, if it cannot be asked.
-template <typename Result, typename Work>
-Result AskAgent(const CallSite& site, Result failure, Work work) try {
-  return work();
-}
-LET_THREAD_EXIT_PASS
-catch (const AppInfoException& exception) {
-  CLIENT_ERROR_F_AT(site, "%s", exception.what());
-  return failure;
-}
-catch (const rpc::Exception&) {
-  CLIENT_ERROR_AT(site, "PROXY EXCEPTION!!!");
-  return failure;
-}
-catch (...) {
-  CLIENT_ERROR_AT(site, "Unknown Exception");
-  return failure;
-}
-
-// Runs a request; anything that it throws is logged and becomes SVCMGR_ERROR_INVALID_OPERATION.
-template <typename Work>
-int SendRequest(const CallSite& site, Work work) try {
-  return work();
-}
-LET_THREAD_EXIT_PASS
-catch (...) {
-  CLIENT_ERROR_AT(site, "Unknown Exception");
-  return SVCMGR_ERROR_INVALID_OPERATION;
-}
-
-// The same for a request that a client exception may refuse; refusal_code is what that means.
-template <typename Refusal, typename Work>
-int SendUnlessRefused(const CallSite& site, int refusal_code, Work work) {
-  return SendRequest(site, [&] {
-    try {
-      work();
-      return static_cast<int>(SVCMGR_ERROR_NONE);
-    } catch (const Refusal& exception) {
-      CLIENT_ERROR_F_AT(site, "%s", exception.what());
-      return refusal_code;
-    }
-  });
-}
 
 // Throws std::logic_error if a text is not set.
 rpc::AIModelInfo CopyToWire(const velmora_svcmgr_ai_model_info_s& info) {
@@ -196,37 +151,31 @@ void SvcMgrAppProxyHandler::Notify(int result, int state) const {
 // ---- Requests that wait -------------------------------------------------------------------------
 
 int SvcMgrAppProxyHandler::get_agent_api_level() {
-  const auto proxy = Proxy();
-  RETURN_ERROR_IF(proxy == nullptr, "Not connected", kNoApiLevel);
-  return AskAgent(SVCMGR_HERE, kNoApiLevel, [&] { return proxy->get_agent_api_level(); });
+  return AskAgent(SVCMGR_HERE, kNoApiLevel,
+                  [](SvcMgrAppPort& proxy) { return proxy.get_agent_api_level(); });
 }
 
 Text SvcMgrAppProxyHandler::get_license() {
-  const auto proxy = Proxy();
-  RETURN_ERROR_IF(proxy == nullptr, "Not connected", nullptr);
-  return AskAgent(SVCMGR_HERE, Text(), [&] { return proxy->get_license(); });
+  return AskAgent(SVCMGR_HERE, Text(), [](SvcMgrAppPort& proxy) { return proxy.get_license(); });
 }
 
 int SvcMgrAppProxyHandler::request_update() {
-  const auto proxy = Proxy();
-  RETURN_ERROR_IF(proxy == nullptr, "Not connected", SVCMGR_ERROR_INVALID_OPERATION);
-  // Whatever becomes of the request.
-  svcmgr::agent_update_state.Request();
-  return AskAgent(SVCMGR_HERE, static_cast<int>(SVCMGR_ERROR_INVALID_OPERATION),
-                  [&] { return proxy->request_update(); });
+  const int failure = SVCMGR_ERROR_INVALID_OPERATION;
+  return AskAgent(SVCMGR_HERE, failure, [](SvcMgrAppPort& proxy) {
+    // Whatever becomes of the request.
+    svcmgr::agent_update_state.Request();
+    return proxy.request_update();
+  });
 }
 
 int SvcMgrAppProxyHandler::request_update_with_list(const velmora_svcmgr_agent_list_s& list) {
-  const auto proxy = Proxy();
-  RETURN_ERROR_IF(proxy == nullptr, "Not connected", SVCMGR_ERROR_NOT_CONNECTED);
-  svcmgr::agent_update_state.Request();
-  return SendRequest(SVCMGR_HERE, [&] {
+  return SendRequest(SVCMGR_HERE, [&](SvcMgrAppPort& proxy) {
+    svcmgr::agent_update_state.Request();
     rpc::AgentUpdateRequest request;
     for (const char* agent : list.agents) request.agents.push_back(CopyText(agent));
     request.count = static_cast<int>(list.agents.size());
     // The agent's result is ignored on purpose: the events tell how the update goes.
-    proxy->request_update_with_list(request);
-    return static_cast<int>(SVCMGR_ERROR_NONE);
+    proxy.request_update_with_list(request);
   });
 }
 
@@ -235,76 +184,125 @@ int SvcMgrAppProxyHandler::request_update_with_list(const velmora_svcmgr_agent_l
 // A delegate, and with it a sequence number, is made when all that it is sent with stands.
 
 int SvcMgrAppProxyHandler::GetUsableModelList(ModelListReceiver receiver) {
-  const auto proxy = Proxy();
-  RETURN_ERROR_IF(proxy == nullptr, "Not connected", SVCMGR_ERROR_NOT_CONNECTED);
-  return SendAsApp(SVCMGR_HERE, [&](const AppIdentity& app) {
-    proxy->GetUsableModelList(std::make_unique<svcmgr::GetUsableModelListCB>(receiver), app.id,
-                              app.version);
+  return SendAsApp(SVCMGR_HERE, [&](SvcMgrAppPort& proxy, const AppIdentity& app) {
+    proxy.GetUsableModelList(std::make_unique<svcmgr::GetUsableModelListCB>(receiver), app.id,
+                             app.version);
   });
 }
 
 int SvcMgrAppProxyHandler::GetUsableModelListWithDesc(ModelListReceiver receiver) {
-  const auto proxy = Proxy();
-  RETURN_ERROR_IF(proxy == nullptr, "Not connected", SVCMGR_ERROR_NOT_CONNECTED);
-  return SendAsApp(SVCMGR_HERE, [&](const AppIdentity& app) {
-    proxy->GetUsableModelListWithDesc(
+  return SendAsApp(SVCMGR_HERE, [&](SvcMgrAppPort& proxy, const AppIdentity& app) {
+    proxy.GetUsableModelListWithDesc(
         std::make_unique<svcmgr::GetUsableModelListWithDescCB>(receiver), app.id, app.version);
   });
 }
 
 int SvcMgrAppProxyHandler::GetUsableModelListWithCategory(const char* category,
                                                           ModelListReceiver receiver) {
-  const auto proxy = Proxy();
-  RETURN_ERROR_IF(proxy == nullptr, "Not connected", SVCMGR_ERROR_NOT_CONNECTED);
-  return SendUnlessRefused<NoSuchAppException>(SVCMGR_HERE, SVCMGR_ERROR_INVALID_PARAMETER, [&] {
-    const svcmgr::CategorySearch match = svcmgr::FindPackageOfCategory(category);
-    proxy->GetUsableModelList(std::make_unique<svcmgr::GetUsableModelListCB>(receiver),
-                              match.package_id, match.package_version);
+  const int refusal = SVCMGR_ERROR_INVALID_PARAMETER;
+  return SendUnlessRefused<NoSuchAppException>(SVCMGR_HERE, refusal, [&](SvcMgrAppPort& proxy) {
+    const AppIdentity app = svcmgr::FindPackageOfCategory(category);
+    proxy.GetUsableModelList(std::make_unique<svcmgr::GetUsableModelListCB>(receiver), app.id,
+                             app.version);
   });
 }
 
 int SvcMgrAppProxyHandler::GetModelVersionList(velmora_svcmgr_ai_model_info_h info,
                                                ModelListReceiver receiver) {
-  const auto proxy = Proxy();
-  RETURN_ERROR_IF(proxy == nullptr, "Not connected", SVCMGR_ERROR_NOT_CONNECTED);
-  return SendUnlessRefused<AppInfoException>(SVCMGR_HERE, SVCMGR_ERROR_INVALID_OPERATION, [&] {
+  const int refusal = SVCMGR_ERROR_INVALID_OPERATION;
+  return SendUnlessRefused<AppInfoException>(SVCMGR_HERE, refusal, [&](SvcMgrAppPort& proxy) {
     const rpc::AIModelInfo model = CopyToWire(*info);
-    const AppIdentity app = ReadAppIdentity();
-    proxy->GetModelVersionList(std::make_unique<svcmgr::GetModelVersionListCB>(receiver), model,
-                               app.id, app.version);
+    const AppIdentity app = {GetAppId(), GetAppVersion()};
+    proxy.GetModelVersionList(std::make_unique<svcmgr::GetModelVersionListCB>(receiver), model,
+                              app.id, app.version);
   });
 }
 
 int SvcMgrAppProxyHandler::RequestToUpdate(const velmora_svcmgr_ai_model_list_s& list,
                                            ProgressReceiver receiver) {
-  const auto proxy = Proxy();
-  RETURN_ERROR_IF(proxy == nullptr, "Not connected", SVCMGR_ERROR_NOT_CONNECTED);
-  return SendRequest(SVCMGR_HERE, [&] {
+  return SendRequest(SVCMGR_HERE, [&](SvcMgrAppPort& proxy) {
     const rpc::AIModelList models = CopyToWire(list);
-    proxy->RequestToUpdate(std::make_unique<svcmgr::RequestToUpdateCB>(receiver), models);
-    return static_cast<int>(SVCMGR_ERROR_NONE);
+    proxy.RequestToUpdate(std::make_unique<svcmgr::RequestToUpdateCB>(receiver), models);
   });
 }
 
 int SvcMgrAppProxyHandler::RequestToUninstall(const velmora_svcmgr_ai_model_list_s& list,
                                               ProgressReceiver receiver) {
-  const auto proxy = Proxy();
-  RETURN_ERROR_IF(proxy == nullptr, "Not connected", SVCMGR_ERROR_NOT_CONNECTED);
-  return SendRequest(SVCMGR_HERE, [&] {
+  return SendRequest(SVCMGR_HERE, [&](SvcMgrAppPort& proxy) {
     const rpc::AIModelList models = CopyToWire(list);
-    proxy->RequestToUninstall(std::make_unique<svcmgr::RequestToUninstallCB>(receiver), models);
-    return static_cast<int>(SVCMGR_ERROR_NONE);
+    proxy.RequestToUninstall(std::make_unique<svcmgr::RequestToUninstallCB>(receiver), models);
   });
 }
 
-template <typename Work>
-int SvcMgrAppProxyHandler::SendAsApp(const CallSite& site, Work work) {
-  return SendUnlessRefused<AppInfoException>(site, SVCMGR_ERROR_INVALID_OPERATION,
-                                             [&] { work(ReadAppIdentity()); });
+// ---- What all requests share --------------------------------------------------------------------
+
+// Null, logged, if there is none.
+std::shared_ptr<SvcMgrAppProxyHandler::SvcMgrAppPort> SvcMgrAppProxyHandler::RequireProxy(
+    const CallSite& site) const {
+  auto proxy = Proxy();
+  if (proxy == nullptr) CLIENT_ERROR_AT(site, "Not connected");
+  return proxy;
 }
 
-SvcMgrAppProxyHandler::AppIdentity SvcMgrAppProxyHandler::ReadAppIdentity() {
-  return {GetAppId(), GetAppVersion()};
+// Runs a query whose answer is waited for; the failure value, logged, if it cannot be asked.
+template <typename Result, typename Work>
+Result SvcMgrAppProxyHandler::AskAgent(const CallSite& site, Result failure, Work work) {
+  const auto proxy = RequireProxy(site);
+  if (proxy == nullptr) return failure;
+  try {
+    return work(*proxy);
+  }
+  LET_THREAD_EXIT_PASS
+  catch (const AppInfoException& exception) {
+    CLIENT_ERROR_F_AT(site, "%s", exception.what());
+  }
+  catch (const rpc::Exception&) {
+    CLIENT_ERROR_AT(site, "PROXY EXCEPTION!!!");
+  }
+  catch (...) {
+    CLIENT_ERROR_AT(site, "Unknown Exception");
+  }
+  return failure;
+}
+
+// Runs a request; anything that it throws is logged and becomes SVCMGR_ERROR_INVALID_OPERATION.
+template <typename Work>
+int SvcMgrAppProxyHandler::SendRequest(const CallSite& site, Work work) {
+  const auto proxy = RequireProxy(site);
+  if (proxy == nullptr) return SVCMGR_ERROR_NOT_CONNECTED;
+  try {
+    work(*proxy);
+    return SVCMGR_ERROR_NONE;
+  }
+  LET_THREAD_EXIT_PASS
+  catch (...) {
+    CLIENT_ERROR_AT(site, "Unknown Exception");
+    return SVCMGR_ERROR_INVALID_OPERATION;
+  }
+}
+
+// The same for a request that a client exception may refuse; refusal_code is what that means.
+template <typename Refusal, typename Work>
+int SvcMgrAppProxyHandler::SendUnlessRefused(const CallSite& site, int refusal_code, Work work) {
+  int refused = SVCMGR_ERROR_NONE;
+  const int result = SendRequest(site, [&](SvcMgrAppPort& proxy) {
+    try {
+      work(proxy);
+    } catch (const Refusal& exception) {
+      CLIENT_ERROR_F_AT(site, "%s", exception.what());
+      refused = refusal_code;
+    }
+  });
+  return result != SVCMGR_ERROR_NONE ? result : refused;
+}
+
+// The same for a request that tells the agent who asks.
+template <typename Work>
+int SvcMgrAppProxyHandler::SendAsApp(const CallSite& site, Work work) {
+  const int refusal = SVCMGR_ERROR_INVALID_OPERATION;
+  return SendUnlessRefused<AppInfoException>(site, refusal, [&](SvcMgrAppPort& proxy) {
+    work(proxy, AppIdentity{GetAppId(), GetAppVersion()});
+  });
 }
 
 std::string SvcMgrAppProxyHandler::GetAppId() {

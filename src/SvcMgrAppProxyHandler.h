@@ -10,6 +10,8 @@
 
 #include "SvcMgrAppProxy.h"
 #include "SvcMgrAppProxyCallback.h"
+#include "app_identity.h"
+#include "call_site.h"
 #include "text.h"
 
 // The client context: the process's one connection to the agent, and what is asked over it.
@@ -20,7 +22,7 @@
 //     connected    true       set     OnConnected
 //     dropped      false      set     OnDisconnected, OnRejected
 //
-// Connected without a proxy it is when the connected event came inside a Connect that then failed.
+// It is connected without a proxy if the connected event came inside a Connect that then failed.
 //
 // Connect and Disconnect belong on the main loop's thread, where the events arrive.
 class SvcMgrAppProxyHandler final
@@ -68,22 +70,24 @@ class SvcMgrAppProxyHandler final
  private:
   using SvcMgrAppPort = rpc_port::SvcMgrAppProxy::proxy::SvcMgrAppPort;
 
-  // What the agent is told of the calling application.
-  struct AppIdentity {
-    std::string id;
-    std::string version;
-  };
-
   SvcMgrAppProxyHandler() = default;
   // Never runs: a proxy that is still held when the process exits is left as it is.
   ~SvcMgrAppProxyHandler() override = default;
 
   std::shared_ptr<SvcMgrAppPort> Proxy() const { return std::atomic_load(&proxy_); }
   void Discard(const std::shared_ptr<SvcMgrAppPort>& proxy);
-  AppIdentity ReadAppIdentity();
+  void Notify(int result, int state) const;
+
+  // What the members above do, in whose name they log. Each hands the proxy to the work.
+  std::shared_ptr<SvcMgrAppPort> RequireProxy(const svcmgr::CallSite& site) const;
+  template <typename Result, typename Work>
+  Result AskAgent(const svcmgr::CallSite& site, Result failure, Work work);
+  template <typename Work>
+  int SendRequest(const svcmgr::CallSite& site, Work work);
+  template <typename Refusal, typename Work>
+  int SendUnlessRefused(const svcmgr::CallSite& site, int refusal_code, Work work);
   template <typename Work>
   int SendAsApp(const svcmgr::CallSite& site, Work work);
-  void Notify(int result, int state) const;
 
   // Read by requests on any thread, hence the atomic accesses.
   std::shared_ptr<SvcMgrAppPort> proxy_;

@@ -10,6 +10,12 @@
 
 namespace svcmgr {
 
+// What the agent is told of the application that it is asked for.
+struct AppIdentity {
+  std::string id;
+  std::string version;
+};
+
 // One of the calling application's texts as the platform hands it out; null if the platform fails.
 // Needs no memory of its own.
 inline Text TakeAppText(int (*get)(char**)) {

@@ -6,9 +6,7 @@
 //
 //     request           int32 method, then the arguments in the order of the method's declaration
 //     reply             int32 kReplyCommand, then the result
-//     delegate message  int32 kDelegateCommand, int32 delegate ID, int32 sequence number, bool
-//     once,
-//                       int32 result, then the delegate's payload
+//     delegate message  int32 kDelegateCommand, DelegateHeader, int32 result, then the payload
 
 #include <list>
 
@@ -25,11 +23,11 @@ enum class Method : int {
   get_agent_api_level = 2,         // reply: int32 level
   get_license = 3,                 // reply: string
   request_update = 4,              // reply: int32 result
-  GetUsableModelList = 5,          // delegate, string app ID, string app version
-  GetUsableModelListWithDesc = 6,  // delegate, string app ID, string app version
-  GetModelVersionList = 7,         // delegate, AIModelInfo, string app ID, string app version
-  RequestToUpdate = 8,             // delegate, AIModelList
-  RequestToUninstall = 9,          // delegate, AIModelList
+  GetUsableModelList = 5,          // DelegateHeader, string app ID, string app version
+  GetUsableModelListWithDesc = 6,  // DelegateHeader, string app ID, string app version
+  GetModelVersionList = 7,         // DelegateHeader, AIModelInfo, string app ID, string app version
+  RequestToUpdate = 8,             // DelegateHeader, AIModelList
+  RequestToUninstall = 9,          // DelegateHeader, AIModelList
   request_update_with_list = 10,   // AgentUpdateRequest; reply: int32 result
 };
 
@@ -42,6 +40,14 @@ enum class DelegateId : int {
 };
 
 // The fields of each record stand in wire order. A list is an int32 count, then its elements.
+
+// Which delegate awaits the answers to a request.
+struct DelegateHeader {
+  int id = 0;
+  int seq = 0;
+  // Whether the first answer is the last one.
+  bool once = false;
+};
 
 struct AIModelInfo {
   svcmgr::Text id;

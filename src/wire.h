@@ -6,7 +6,6 @@
 
 #include <string>
 
-#include "SvcMgrAppProxy.h"
 #include "parcel.h"
 #include "svcmgr_protocol.h"
 
@@ -14,10 +13,10 @@ namespace rpc_port::SvcMgrAppProxy::proxy {
 
 inline void Write(svcmgr::ParcelWriter& out, const std::string& text) { out.String(text.c_str()); }
 
-inline void Write(svcmgr::ParcelWriter& out, const SvcMgrAppPort::CallbackBase& delegate) {
-  out.Int32(delegate.id());
-  out.Int32(delegate.seq());
-  out.Bool(delegate.once());
+inline void Write(svcmgr::ParcelWriter& out, const DelegateHeader& header) {
+  out.Int32(header.id);
+  out.Int32(header.seq);
+  out.Bool(header.once);
 }
 
 inline void Write(svcmgr::ParcelWriter& out, const AIModelInfo& model) {
@@ -37,6 +36,12 @@ inline void Write(svcmgr::ParcelWriter& out, const AgentUpdateRequest& request) 
   out.Count(static_cast<int>(request.agents.size()));
   for (const svcmgr::Text& agent : request.agents) out.String(agent.get());
   out.Int32(request.count);
+}
+
+inline void Read(svcmgr::ParcelReader& in, DelegateHeader& header) {
+  header.id = in.Int32();
+  header.seq = in.Int32();
+  header.once = in.Bool();
 }
 
 inline void Read(svcmgr::ParcelReader& in, AIModelInfo& model) {
