@@ -1,36 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "kyr-section.h"
 
+#include <elf.h>
 #include <fcntl.h>
 #include <unistd.h>
-#include <velmora_svcmgr.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
 #include <tuple>
 
 #include "frame.h"
-
-// The library's own marker: 16 bytes, little-endian, in a section that is never loaded. It stands
-// in this unit, which the library needs, so that the linker's garbage collection keeps it.
-#define MARKER_TEXT(number) MARKER_TEXT_OF(number)
-#define MARKER_TEXT_OF(number) #number
-#define MARKER_UINT16(number) "(" MARKER_TEXT(number) ") & 255, (" MARKER_TEXT(number) ") >> 8"
-// clang-format off
-__asm__(
-    ".pushsection .kyr, \"\", %progbits\n"
-    ".ascii \"KYR\\0\"\n"
-    ".byte 0, 0\n"  // reserved
-    ".byte 1, 0\n"  // format
-    ".byte " MARKER_UINT16(VELMORA_SVCMGR_API_LEVEL) "\n"
-    ".byte " MARKER_UINT16(VELMORA_SVCMGR_VERSION_MAJOR) "\n"
-    ".byte " MARKER_UINT16(VELMORA_SVCMGR_VERSION_MINOR) "\n"
-    ".byte " MARKER_UINT16(VELMORA_SVCMGR_VERSION_PATCH) "\n"
-    ".popsection\n");
-// clang-format on
 
 namespace svcmgr {
 
@@ -39,8 +22,6 @@ namespace {
 // The newest record of the search that is under way.
 KyrRecord latest_record;
 
-constexpr std::size_t kHeaderSize32 = 52;
-constexpr std::size_t kHeaderSize64 = 64;
 // One read of this size serves the header and what else stands at the front of a file.
 constexpr std::size_t kFrontSize = 4096;
 // Tables are read in pieces of this size, which nearly all fit into. A buffer of their own size would
@@ -66,8 +47,14 @@ struct Layout {
   std::size_t section_size;
 };
 
-constexpr Layout kLayout32 = {kHeaderSize32, 32, 48, 40, 16, 20};
-constexpr Layout kLayout64 = {kHeaderSize64, 40, 60, 64, 24, 32};
+template <typename Header, typename Section>
+constexpr Layout LayoutOf() {
+  return {sizeof(Header),  offsetof(Header, e_shoff),    offsetof(Header, e_shnum),
+          sizeof(Section), offsetof(Section, sh_offset), offsetof(Section, sh_size)};
+}
+
+constexpr Layout kLayout32 = LayoutOf<Elf32_Ehdr, Elf32_Shdr>();
+constexpr Layout kLayout64 = LayoutOf<Elf64_Ehdr, Elf64_Shdr>();
 
 // A file that the walk has come upon. It may have become another since then: what the descriptor
 // gives counts. The walk's word for its size only saves asking for it as long as all that is looked
@@ -197,12 +184,9 @@ bool IsNewer(const KyrRecord& a, const KyrRecord& b) {
 
 int kyr_section_read_file(const char* path, const struct stat* status, int type, struct FTW*) try {
   using namespace svcmgr;
-  constexpr unsigned char kElfMagic[] = {0x7f, 'E', 'L', 'F'};
-  constexpr std::size_t kClassByte = 4;
-  constexpr unsigned char kClass32 = 1;
-
   if (type != FTW_F || !S_ISREG(status->st_mode)) return 0;
-  if (status->st_size < static_cast<off_t>(kHeaderSize32)) return 0;
+  // No ELF file is smaller.
+  if (status->st_size < static_cast<off_t>(kLayout32.header_size)) return 0;
   File file(path, static_cast<std::uint64_t>(status->st_size));
   if (!file.IsOpen()) {
 #pragma GCC diagnostic push
@@ -212,12 +196,12 @@ int kyr_section_read_file(const char* path, const struct stat* status, int type,
     return 0;
   }
   const FileFront front(file);
-  if (front.size() < kHeaderSize32) {
+  if (front.size() < kLayout32.header_size) {
     CLIENT_ERROR("Failed to read ELF header");
     return 0;
   }
-  if (std::memcmp(front.bytes(), kElfMagic, sizeof kElfMagic) != 0) return 0;
-  const Layout& layout = front.bytes()[kClassByte] == kClass32 ? kLayout32 : kLayout64;
+  if (std::memcmp(front.bytes(), ELFMAG, SELFMAG) != 0) return 0;
+  const Layout& layout = front.bytes()[EI_CLASS] == ELFCLASS32 ? kLayout32 : kLayout64;
   if (front.size() < layout.header_size) {
     CLIENT_ERROR("Failed to read ELF header");
     return 0;

@@ -80,6 +80,10 @@ const Linking kLinkings[] = {
     {"Shared", "-shared", false},
     {"SharedAndCollected", "-shared -Wl,--gc-sections", false},
     {"SharedAndStripped", "-shared -s -Wl,--gc-sections", false},
+#ifndef __clang__  // whose objects for this need a plug-in of the linker
+    {"OptimisedWhenLinked", "-flto -ffat-lto-objects -Wl,--gc-sections"},
+    {"SharedAndOptimisedWhenLinked", "-flto -ffat-lto-objects -shared -Wl,--gc-sections", false},
+#endif
     {"Twice", "-Wl,--gc-sections", true, 2},
     {"ThreeTimes", "-shared", false, 3},
 };
