@@ -35,8 +35,9 @@
  *  5. Callbacks run on the thread that runs the application's main loop (the default GLib main
  *     context). They may call any function of this interface, velmora_svcmgr_disconnect and
  *     velmora_svcmgr_connect included. After velmora_svcmgr_disconnect has ended a connection, no
- *     callback of that connection runs. C++: an exception that leaves a callback is caught and
- *     logged.
+ *     callback of that connection runs. A platform may run callbacks inside a request, which then
+ *     keeps the requests of other threads waiting: a callback must not wait for those. C++: an
+ *     exception that leaves a callback is caught and logged.
  *  6. User data is passed back as it is. The library never reads, copies or releases it.
  *  7. Threads. Call velmora_svcmgr_connect and velmora_svcmgr_disconnect on the main-loop thread,
  *     and disconnect only when no other thread is inside a call: such a call fails, and how well
