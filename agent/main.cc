@@ -15,12 +15,12 @@
 #include <string>
 #include <vector>
 
-#include "agent_service.h"
-#include "child.h"
-#include "report.h"
-#include "run.h"
-#include "scenario.h"
-#include "send.h"
+#include "common/report.h"
+#include "scenario/scenario.h"
+#include "service/agent_service.h"
+#include "world/child.h"
+#include "world/run.h"
+#include "world/send.h"
 
 namespace {
 

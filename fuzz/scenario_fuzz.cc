@@ -3,7 +3,7 @@
 //
 // Input: the document.
 
-#include "scenario.h"
+#include "scenario/scenario.h"
 
 #include <cstring>
 

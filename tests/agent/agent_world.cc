@@ -10,8 +10,8 @@
 
 #include <stdexcept>
 
-#include "child.h"
-#include "unique_fd.h"
+#include "common/unique_fd.h"
+#include "world/child.h"
 
 AgentWorld::AgentWorld(const std::string& document)
     : file_(folder_.Write("scenario.json", document)),

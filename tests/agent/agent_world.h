@@ -7,9 +7,9 @@
 #include <optional>
 #include <string>
 
-#include "scenario.h"
+#include "scenario/scenario.h"
 #include "temp_folder.h"
-#include "world.h"
+#include "world/world.h"
 
 /** A world with an agent process of its own; this process becomes a client application in it. */
 class AgentWorld {

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "agent_world.h"
-#include "parcel.h"
+#include "protocol/parcel.h"
 #include "raw_client.h"
 
 namespace {

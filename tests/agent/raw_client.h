@@ -8,7 +8,7 @@
 #include <functional>
 #include <string>
 
-#include "parcel.h"
+#include "protocol/parcel.h"
 
 /** A client that speaks to the agent parcel by parcel. */
 class RawClient {

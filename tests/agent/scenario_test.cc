@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "scenario.h"
+#include "scenario/scenario.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

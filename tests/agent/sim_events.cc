@@ -17,7 +17,7 @@
 #include <cstdio>
 #include <string>
 
-#include "parcel.h"
+#include "protocol/parcel.h"
 
 namespace {
 

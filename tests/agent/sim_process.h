@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "unique_fd.h"
+#include "common/unique_fd.h"
 
 /** A process of svcmgr-sim, its outputs in pipes. */
 class SimProcess {

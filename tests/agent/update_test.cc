@@ -8,11 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "scenario.h"
-#include "send.h"
+#include "scenario/scenario.h"
 #include "sim_process.h"
 #include "support/lines.h"
 #include "temp_folder.h"
+#include "world/send.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "common/unique_fd.h"
 #include "scripted_run.h"
-#include "unique_fd.h"
 
 namespace {
 

@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef AGENT_COMMON_REPORT_H
+#define AGENT_COMMON_REPORT_H
+
+#include <string>
+#include <string_view>
+
+namespace sim {
+
+/** A text from outside as part of a line: nothing in it steers a terminal or ends the line. */
+std::string Quotable(std::string_view text);
+
+/**
+ * Prints a message on standard error, behind the program's name. Of what could steer a terminal it
+ * keeps newlines and tabs only.
+ */
+void Report(std::string_view message);
+
+/** The same for lines that begin with the name of a file. */
+void ReportLines(std::string_view lines);
+
+}  // namespace sim
+
+#endif  // AGENT_COMMON_REPORT_H

@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef AGENT_SCENARIO_JSON_TREE_H
+#define AGENT_SCENARIO_JSON_TREE_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "scenario/problems.h"
+
+namespace sim {
+
+/** A JSON value that still knows where it was written. */
+struct JsonNode {
+  enum class Kind { kNull, kFlag, kInteger, kNumber, kText, kList, kObject };
+  struct Member;
+
+  Kind kind = Kind::kNull;
+  Place place;
+  bool flag = false;
+  std::int64_t integer = 0;
+  double number = 0;  // set for integers, too
+  std::string text;
+  std::vector<JsonNode> elements;
+  std::vector<Member> members;
+};
+
+struct JsonNode::Member {
+  std::string key;
+  Place place;
+  JsonNode value;
+};
+
+/** "an object", "a text", ...: how a kind is called in messages. */
+const char* NameOf(JsonNode::Kind kind);
+
+/**
+ * Reads one JSON document. Duplicate keys, texts with a NUL and documents that nest too deeply are
+ * problems like any other; the tree is complete only if no problem was added.
+ */
+JsonNode ParseJson(std::string_view document, Problems& problems);
+
+}  // namespace sim
+
+#endif  // AGENT_SCENARIO_JSON_TREE_H

@@ -1,0 +1,206 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef AGENT_SCENARIO_SCENARIO_H
+#define AGENT_SCENARIO_SCENARIO_H
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "scenario/json_tree.h"
+#include "scenario/steps.h"
+
+namespace sim {
+
+/** The methods of the agent's port, by their numbers. */
+enum class Method : int {
+  kGetAgentApiLevel = 2,
+  kGetLicense = 3,
+  kRequestUpdate = 4,
+  kGetUsableModelList = 5,
+  kGetUsableModelListWithDesc = 6,
+  kGetModelVersionList = 7,
+  kRequestToUpdate = 8,
+  kRequestToUninstall = 9,
+  kRequestUpdateWithList = 10,
+};
+
+constexpr int kFirstMethod = 2;
+constexpr std::size_t kMethodCount = 9;
+
+/** A method's name as scenarios write it; null for a number that is no method. */
+const char* MethodName(int number);
+
+/** What goes wrong with an answer. Each is told in docs/scenarios.md. */
+enum class Fault {
+  kNone,
+  kNever,
+  kDrop,
+  kDropAfter,
+  kCrash,
+  kCut,
+  kTruncated,
+  kOversized,
+  kNegative,
+};
+
+/** One step of a model update or uninstallation, as its progress message carries it. */
+struct ProgressStep {
+  std::int32_t state = 0;
+  std::int32_t index = 0;
+  std::int32_t count = 0;
+  std::int32_t percentage = 0;
+  std::optional<std::int32_t> result;  // absent: the method's
+  std::int32_t delay = 0;              // milliseconds before this step
+};
+
+/** A point of model work: a model of the request, counting from 1, and how far it is done. */
+struct WorkPoint {
+  std::int32_t model = 1;
+  std::int32_t percentage = 0;
+  std::int32_t result = 1;  // where the work fails there
+};
+
+/** Which of its progress messages model work sends. */
+enum class Reported {
+  kAll,
+  kEnds,     // the first and the last of each model
+  kLast,     // the very last
+  kNoLast,   // all but the very last
+  kSwapped,  // each two in the wrong order
+};
+
+/** How one method is answered. */
+struct MethodScript {
+  std::vector<std::int32_t> results;  // one per call, the last one for all further calls
+  std::int32_t delay = 0;             // milliseconds before the answer
+  Fault fault = Fault::kNone;
+  std::optional<std::int32_t> cut_at;       // bytes that remain of the answer
+  std::int32_t stray = 0;                   // messages that nobody asked for, before the answer
+  std::int32_t repeat = 1;                  // how often a delegate is answered
+  std::optional<std::int32_t> count;        // sent in place of the list's count field
+  std::optional<std::int32_t> array_count;  // sent in place of the list's own length
+  std::optional<std::vector<ProgressStep>> progress;
+  std::int32_t parts = 2;  // that the work on one model is done in
+  std::int32_t pace = 0;   // milliseconds between them
+  Reported report = Reported::kAll;
+  std::optional<WorkPoint> fail_at;
+  std::optional<WorkPoint> stop_at;
+};
+
+struct Model {
+  std::string id;
+  std::string title;
+  std::string description;
+  std::vector<std::string> versions;             // installed, oldest first; the last is usable
+  std::vector<std::string> available;            // further versions, not installed, newer
+  std::int32_t size = 65536;                     // bytes of each version
+  std::optional<std::vector<std::string>> apps;  // patterns of application IDs; absent: all
+};
+
+struct Package {
+  std::string id;
+  std::string version;
+  std::optional<std::vector<std::string>> clients;  // patterns of application IDs; absent: all
+  std::map<std::string, std::string> metadata;
+};
+
+/** When an agent that has ended is started again. */
+enum class Restart {
+  kNever,
+  kOnRequest,  // when it ended to be replaced
+  kAlways,     // also when it was killed
+};
+
+struct Agent {
+  Package package;
+  std::int32_t api_level = 11;
+  std::string licence;
+  bool installed = true;
+  bool running = true;
+  bool refuse = false;  // turns every client away
+  bool kyr_disabled = false;
+  Restart restart = Restart::kOnRequest;
+};
+
+/** What the agent does when it is asked for an update. */
+struct Update {
+  Steps steps = UsualUpdate();
+  Steps recovery = UsualRecovery();  // by a new process, where it has died in the middle
+};
+
+/** Whom the command takes itself for. */
+struct Client {
+  std::string id = "com.example.client";
+  std::string version = "1.0.0";
+  std::string root;  // absolute; empty: a folder of the world
+};
+
+struct Scenario {
+  std::string description;
+  double time_scale = 1;
+  bool bus = true;  // there is a session bus
+  Agent agent;
+  Update update;
+  Client client;
+  std::vector<Package> packages;
+  std::vector<Model> models;
+  std::string repository;             // absolute folder of the versions' content; empty: made up
+  std::optional<std::int32_t> space;  // bytes that installed versions may take; absent: any number
+  std::array<MethodScript, kMethodCount> methods;
+
+  const MethodScript& Script(Method method) const {
+    return methods[static_cast<std::size_t>(static_cast<int>(method) - kFirstMethod)];
+  }
+};
+
+/** A scenario that cannot be read: what() is one line per problem, each with its file and place. */
+class ScenarioError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/**
+ * Reads a scenario. `name` is what messages call it; `folder` is where relative paths start, empty
+ * where there is no such folder. Throws ScenarioError.
+ */
+Scenario ReadScenario(std::string_view document, const std::string& name,
+                      const std::string& folder);
+
+/** A scenario's text and where it came from. */
+struct ScenarioSource {
+  std::string name;      // for messages
+  std::string document;  // JSON
+  std::string folder;    // absolute; empty for a scenario that ships
+};
+
+/**
+ * Finds a scenario: a name with a slash or with the ending ".json" is a file, any other name is one
+ * of the scenarios that ship. Throws ScenarioError.
+ */
+ScenarioSource FindScenario(const std::string& name);
+
+/** A scenario that ships inside the program. */
+struct ShippedScenario {
+  const char* name;
+  const char* document;
+};
+
+/** All of them, sorted by name. */
+const std::vector<ShippedScenario>& ShippedScenarios();
+
+/** Says what is wrong with a package's version; nothing if it is right. */
+std::optional<std::string> PackageVersion(const std::string& text);
+
+/** Tells whether a text matches a pattern in which * stands for any text and ? for any character.
+ */
+bool Matches(const std::string& pattern, const std::string& text);
+
+}  // namespace sim
+
+#endif  // AGENT_SCENARIO_SCENARIO_H

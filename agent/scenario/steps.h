@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef AGENT_SCENARIO_STEPS_H
+#define AGENT_SCENARIO_STEPS_H
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "scenario/object_reader.h"
+
+namespace sim {
+
+/** An event of the agent: the last part of its name, and what it carries. */
+struct Broadcast {
+  std::string event;
+  std::map<std::string, std::string> texts;
+  std::map<std::string, std::vector<std::string>> lists;
+  std::map<std::string, std::int32_t> numbers;
+  bool names_agents = false;  // the agents that an update was asked for stand under "Start"
+};
+
+/** One thing that the agent does in an update. */
+struct Step {
+  enum class Action {
+    kBroadcast,
+    kWait,
+    kInstall,  // puts a package of another version in place of its own
+    kRestart,  // ends, and is replaced by a new process
+    kKill,     // dies without a word
+    kUpdate,   // goes through the scenario's update
+  };
+
+  Action action = Action::kBroadcast;
+  Broadcast broadcast;
+  std::int32_t wait = 0;  // milliseconds of the scenario
+  std::string version;    // to install; empty: the next one
+};
+
+using Steps = std::vector<Step>;
+
+/** Where steps are written: only those from outside may ask for the scenario's own update. */
+enum class StepsFrom { kScenario, kOutside };
+
+/** Reads a list of steps; notes what is wrong with it. */
+Steps ReadSteps(const Value& list, StepsFrom from);
+
+/** Reads a document that is a list of steps from outside. Throws ScenarioError. */
+Steps ReadStepsDocument(std::string_view document, const std::string& name);
+
+/** The steps of an update, where a scenario does not say: "Start", then "Complete". */
+Steps UsualUpdate();
+
+/** What an agent does that comes back after it has died in an update: "Launch", then "Fail". */
+Steps UsualRecovery();
+
+/** The step that announces that the agent runs. */
+Step LaunchStep();
+
+/** The step that tells how model work stands: "START", "COMPLETED" or "FAILED". */
+Step ModelStatusStep(const char* status);
+
+}  // namespace sim
+
+#endif  // AGENT_SCENARIO_STEPS_H

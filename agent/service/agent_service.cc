@@ -1,0 +1,285 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "service/agent_service.h"
+
+#include <dlog.h>
+#include <glib-unix.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/signalfd.h>
+
+#include <algorithm>
+#include <exception>
+#include <optional>
+
+#include "common/unique_fd.h"
+#include "service/control.h"
+#include "service/events.h"
+#include "service/log_tag.h"
+
+namespace sim {
+namespace {
+
+constexpr char kPortName[] = "SvcMgrAppPort";
+// What clients are told while the KYR feature is off.
+constexpr char kKyrDisabledText[] = "SVCMGR_ERROR_KYR_DISABLED";
+constexpr std::int32_t kKyrDisabledCode = -1073741826;  // 0xBFFFFFFE
+constexpr std::int32_t kKyrDisabledResult = 8;
+
+bool IsListQuery(Method method) {
+  return method == Method::kGetUsableModelList || method == Method::kGetUsableModelListWithDesc ||
+         method == Method::kGetModelVersionList;
+}
+
+bool IsModelWork(Method method) {
+  return method == Method::kRequestToUpdate || method == Method::kRequestToUninstall;
+}
+
+bool IsUpdateRequest(Method method) {
+  return method == Method::kRequestUpdate || method == Method::kRequestUpdateWithList;
+}
+
+bool Admits(const Model& model, const std::string& app_id) {
+  return !model.apps || std::any_of(model.apps->begin(), model.apps->end(),
+                                    [&](const auto& app) { return Matches(app, app_id); });
+}
+
+std::string StoreFolder() {
+  const char* home = getenv("XDG_DATA_HOME");
+  return home == nullptr ? "" : std::string(home) + "/models";
+}
+
+}  // namespace
+
+AgentService::AgentService(const Scenario& scenario, UpdateRunner& updates)
+    : scenario_(scenario), updates_(updates), store_(scenario, StoreFolder()) {
+  Check(rpc_port_stub_create(&stub_, kPortName), "cannot make the port");
+  rpc_port_desktop_stub_set_admission_cb(stub_, OnAdmission, this);
+  rpc_port_stub_add_connected_event_cb(stub_, OnConnected, this);
+  rpc_port_stub_add_disconnected_event_cb(stub_, OnDisconnected, this);
+  rpc_port_stub_add_received_event_cb(stub_, OnReceived, this);
+  deliveries_ = std::make_unique<DeliveryQueue>(stub_, scenario_.time_scale);
+  work_ = std::make_unique<ModelWork>(scenario_, store_, *deliveries_);
+}
+
+AgentService::~AgentService() {
+  work_.reset();
+  deliveries_.reset();
+  rpc_port_stub_destroy(stub_);
+}
+
+void AgentService::Listen() {
+  Check(rpc_port_stub_listen(stub_), "cannot listen on the port");
+  const Package& package = scenario_.agent.package;
+  dlog_print(DLOG_INFO, kLogTag, "%s %s serves %s", package.id.c_str(), package.version.c_str(),
+             kPortName);
+}
+
+bool AgentService::OnAdmission(const char* sender, const char*, void* data) {
+  const bool refused = static_cast<AgentService*>(data)->scenario_.agent.refuse;
+  dlog_print(DLOG_INFO, kLogTag, "%s asks to connect: %s", sender,
+             refused ? "refused" : "admitted");
+  return !refused;
+}
+
+void AgentService::OnConnected(const char* sender, const char* instance, void*) {
+  dlog_print(DLOG_INFO, kLogTag, "%s is connected as %s", sender, instance);
+}
+
+void AgentService::OnDisconnected(const char* sender, const char* instance, void*) {
+  dlog_print(DLOG_INFO, kLogTag, "%s is gone, which was %s", sender, instance);
+}
+
+int AgentService::OnReceived(const char*, const char* instance, rpc_port_h port, void* data) {
+  try {
+    static_cast<AgentService*>(data)->Serve(instance, port);
+    return 0;
+  } catch (const std::exception& error) {
+    dlog_print(DLOG_WARN, kLogTag, "%s is cut off: %s", instance, error.what());
+    return -1;
+  }
+}
+
+void AgentService::Serve(const char* instance, rpc_port_h port) {
+  Parcel parcel = Parcel::From(port);
+  const Request request = ReadRequest(parcel);
+  dlog_print(DLOG_DEBUG, kLogTag, "%s calls %s", instance,
+             MethodName(static_cast<int>(request.method)));
+  const std::int32_t result = NextResult(request.method);
+  const MethodScript& script = scenario_.Script(request.method);
+  if (IsModelWork(request.method) && !script.progress && result == 0) {
+    work_->Begin(instance, request);
+    return;
+  }
+  const bool delegated = IsListQuery(request.method) || IsModelWork(request.method);
+  deliveries_->Deliver(instance, delegated ? RPC_PORT_PORT_CALLBACK : RPC_PORT_PORT_MAIN, script,
+                       Answer(request, result));
+  if (IsUpdateRequest(request.method) && result == 0) {
+    updates_.StartUpdate(request.agents, script.delay);
+  }
+}
+
+std::int32_t AgentService::UsualResult(Method method) const {
+  const bool disabled = scenario_.agent.kyr_disabled;
+  if (method == Method::kGetAgentApiLevel) {
+    return disabled ? kKyrDisabledCode : scenario_.agent.api_level;
+  }
+  if (!disabled) {
+    return 0;
+  }
+  return IsListQuery(method) || IsModelWork(method) ? kKyrDisabledResult : kKyrDisabledCode;
+}
+
+std::int32_t AgentService::NextResult(Method method) {
+  const auto& results = scenario_.Script(method).results;
+  std::size_t& call = calls_[static_cast<std::size_t>(static_cast<int>(method) - kFirstMethod)];
+  if (results.empty()) {
+    return UsualResult(method);
+  }
+  const std::int32_t result = results[std::min(call, results.size() - 1)];
+  ++call;
+  return result;
+}
+
+std::vector<TimedParcel> AgentService::Answer(const Request& request, std::int32_t result) {
+  if (IsListQuery(request.method)) {
+    return AnswerList(request, result);
+  }
+  if (IsModelWork(request.method)) {
+    return AnswerProgress(request, result);
+  }
+  std::vector<TimedParcel> messages;
+  if (request.method == Method::kGetLicense) {
+    const Agent& agent = scenario_.agent;
+    messages.push_back({0, ReplyWith(agent.kyr_disabled ? kKyrDisabledText : agent.licence)});
+  } else {
+    messages.push_back({0, ReplyWith(result)});
+  }
+  return messages;
+}
+
+std::vector<TimedParcel> AgentService::AnswerList(const Request& request,
+                                                  std::int32_t result) const {
+  const MethodScript& script = scenario_.Script(request.method);
+  std::vector<ModelView> models;
+  if (!scenario_.agent.kyr_disabled) {
+    models = request.method == Method::kGetModelVersionList ? Versions(request) : Models(request);
+  }
+  std::vector<TimedParcel> messages;
+  for (std::int32_t i = 0; i < script.repeat; ++i) {
+    messages.push_back(
+        {0, AnswerWith(request.delegate, result, models, {script.array_count, script.count})});
+  }
+  return messages;
+}
+
+std::vector<TimedParcel> AgentService::AnswerProgress(const Request& request,
+                                                      std::int32_t result) const {
+  const MethodScript& script = scenario_.Script(request.method);
+  std::vector<ProgressStep> steps;
+  if (script.progress) {
+    steps = *script.progress;
+  } else {
+    ProgressStep& refusal = steps.emplace_back();
+    refusal.state = kStateFailed;
+    refusal.count = static_cast<std::int32_t>(request.models.models.size());
+  }
+  std::vector<TimedParcel> messages;
+  for (std::int32_t i = 0; i < script.repeat; ++i) {
+    for (const ProgressStep& step : steps) {
+      const std::int32_t step_result = step.result.value_or(result);
+      messages.push_back({step.delay, AnswerWith(request.delegate, step_result, step)});
+    }
+  }
+  return messages;
+}
+
+std::vector<ModelView> AgentService::Models(const Request& request) const {
+  const bool described = request.method == Method::kGetUsableModelListWithDesc;
+  std::vector<ModelView> models;
+  models.reserve(store_.models().size());
+  for (const StoredModel& stored : store_.models()) {
+    const Model& model = *stored.model;
+    if (!stored.versions.empty() && Admits(model, request.app_id)) {
+      models.push_back({model.id.c_str(), stored.versions.back().c_str(), model.title.c_str(),
+                        described ? model.description.c_str() : ""});
+    }
+  }
+  return models;
+}
+
+std::vector<ModelView> AgentService::Versions(const Request& request) const {
+  std::vector<ModelView> versions;
+  for (const StoredModel& stored : store_.models()) {
+    const Model& model = *stored.model;
+    if (model.id != request.model.id || !Admits(model, request.app_id)) {
+      continue;
+    }
+    for (const auto* offered : {&model.versions, &model.available}) {
+      for (const std::string& version : *offered) {
+        versions.push_back(
+            {model.id.c_str(), version.c_str(), model.title.c_str(), model.description.c_str()});
+      }
+    }
+  }
+  return versions;
+}
+
+namespace {
+
+/** The signals that end an agent, as something to poll. */
+UniqueFd TakeEndSignals() {
+  sigset_t ends;
+  sigemptyset(&ends);
+  for (const int end : {SIGTERM, SIGINT, SIGHUP}) {
+    sigaddset(&ends, end);
+  }
+  sigprocmask(SIG_BLOCK, &ends, nullptr);
+  // GLib's own signal sources would start a thread.
+  return UniqueFd(signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+}  // namespace
+
+int RunAgent(const Scenario& scenario, const AgentOptions& options) {
+  UniqueFd ready(options.ready_fd);
+  signal(SIGPIPE, SIG_IGN);
+  const UniqueFd signals = TakeEndSignals();
+  const std::unique_ptr<GMainLoop, decltype(&g_main_loop_unref)> loop(
+      g_main_loop_new(nullptr, FALSE), g_main_loop_unref);
+
+  int status = 0;
+  UpdateRunner updates(scenario, options.journal, [&] {
+    status = kReplaceMe;
+    g_main_loop_quit(loop.get());
+  });
+  AgentService service(scenario, updates);
+  if (scenario.bus) {
+    // Before there is a client that could hear somebody else.
+    OwnName(scenario.agent.package.id);
+  }
+  service.Listen();
+  std::optional<ControlPort> control;
+  if (options.control_fd >= 0) {
+    control.emplace(options.control_fd, updates);
+  }
+  const guint watch = g_unix_fd_add(
+      signals.get(), G_IO_IN,
+      [](gint, GIOCondition, gpointer data) -> gboolean {
+        g_main_loop_quit(static_cast<GMainLoop*>(data));
+        return G_SOURCE_CONTINUE;
+      },
+      loop.get());
+  updates.Resume();
+  if (ready && write(ready.get(), "r", 1) != 1) {
+    return 1;  // whoever started the agent is gone
+  }
+  ready.Reset();
+  g_main_loop_run(loop.get());
+  g_source_remove(watch);
+  if (status == 0) {
+    updates.Close();
+  }
+  return status;
+}
+
+}  // namespace sim

@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef AGENT_SERVICE_AGENT_SERVICE_H
+#define AGENT_SERVICE_AGENT_SERVICE_H
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "protocol/messages.h"
+#include "scenario/scenario.h"
+#include "service/delivery.h"
+#include "service/model_store.h"
+#include "service/model_work.h"
+#include "service/update_runner.h"
+
+namespace sim {
+
+/** What an agent's process is given. */
+struct AgentOptions {
+  int ready_fd = -1;    // a byte is written there, and it is closed, when clients can connect
+  int control_fd = -1;  // listens for steps from outside, unless -1; borrowed
+  std::string journal;  // file for the process that follows this one; may be empty
+};
+
+/** The agent: serves its port as a scenario says, on the default main context. */
+class AgentService {
+ public:
+  /** `scenario` and `updates` must outlive the service. */
+  AgentService(const Scenario& scenario, UpdateRunner& updates);
+  ~AgentService();
+  AgentService(const AgentService&) = delete;
+  AgentService& operator=(const AgentService&) = delete;
+
+  /** Starts to accept clients. Throws PlatformError. */
+  void Listen();
+
+ private:
+  static bool OnAdmission(const char* sender, const char* instance, void* data);
+  static void OnConnected(const char* sender, const char* instance, void* data);
+  static void OnDisconnected(const char* sender, const char* instance, void* data);
+  static int OnReceived(const char* sender, const char* instance, rpc_port_h port, void* data);
+
+  void Serve(const char* instance, rpc_port_h port);
+  std::vector<TimedParcel> Answer(const Request& request, std::int32_t result);
+  std::vector<TimedParcel> AnswerList(const Request& request, std::int32_t result) const;
+  std::vector<TimedParcel> AnswerProgress(const Request& request, std::int32_t result) const;
+  std::vector<ModelView> Models(const Request& request) const;
+  std::vector<ModelView> Versions(const Request& request) const;
+
+  /** The result of this call of a method, and moves on to the next. */
+  std::int32_t NextResult(Method method);
+  std::int32_t UsualResult(Method method) const;
+
+  const Scenario& scenario_;
+  UpdateRunner& updates_;
+  std::array<std::size_t, kMethodCount> calls_{};
+  rpc_port_stub_h stub_ = nullptr;
+  std::unique_ptr<DeliveryQueue> deliveries_;
+  ModelStore store_;
+  std::unique_ptr<ModelWork> work_;
+};
+
+/** The exit status of an agent that wants a new process in its place. */
+constexpr int kReplaceMe = 75;
+
+/**
+ * Runs the agent until SIGTERM, SIGINT or SIGHUP, or until its own update needs a new process; returns
+ * the process's exit status. Throws if it cannot serve: for one, if another process has the agent's
+ * name on the session bus.
+ */
+int RunAgent(const Scenario& scenario, const AgentOptions& options);
+
+}  // namespace sim
+
+#endif  // AGENT_SERVICE_AGENT_SERVICE_H

@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef AGENT_SERVICE_EVENTS_H
+#define AGENT_SERVICE_EVENTS_H
+
+#include <string>
+#include <vector>
+
+#include "scenario/steps.h"
+
+namespace sim {
+
+/**
+ * Makes this process the one whose events are the agent's. Throws if another process is. A bus that
+ * is not there or does not answer is no reason to end: a record in the log says what is lost.
+ */
+void OwnName(const std::string& id);
+
+/**
+ * Sends an event of the agent `id`. `agents` are those that an update was asked for; none stands for
+ * the agent itself. Without a bus the event is lost, with a record in the log.
+ */
+void Publish(const std::string& id, const Broadcast& broadcast,
+             const std::vector<std::string>& agents = {});
+
+}  // namespace sim
+
+#endif  // AGENT_SERVICE_EVENTS_H

@@ -1,0 +1,272 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "service/update_runner.h"
+
+#include <dlog.h>
+#include <glib.h>
+#include <package_desktop.h>
+#include <package_info.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <exception>
+#include <memory>
+#include <utility>
+
+#include "protocol/parcel.h"
+#include "service/bus_barrier.h"
+#include "service/events.h"
+#include "service/log_tag.h"
+#include "world/world.h"
+
+namespace sim {
+namespace {
+
+std::string InstalledVersion(const std::string& id) {
+  package_info_h opened = nullptr;
+  Check(package_info_create(id.c_str(), &opened), "cannot look up the agent's package");
+  const std::unique_ptr<package_info_s, decltype(&package_info_destroy)> info(opened,
+                                                                              package_info_destroy);
+  char* version = nullptr;
+  Check(package_info_get_version(opened, &version), "cannot tell the agent's version");
+  const std::unique_ptr<char, decltype(&free)> owner(version, free);
+  return version;
+}
+
+/** The version with its last number one higher; a further number where there is none. */
+std::string NextVersion(const std::string& version) {
+  const auto begin = version.find_last_not_of("0123456789") + 1;
+  const std::string number = version.substr(begin);
+  constexpr std::size_t kLongest = 9;
+  if (number.empty() || number.size() > kLongest) {
+    return version + ".1";
+  }
+  return version.substr(0, begin) + std::to_string(std::stoi(number) + 1);
+}
+
+/** Tells whether steps are, or hold, the scenario's update. */
+bool IsUpdate(const JournalEntry& entry) {
+  if (entry.document.empty()) {
+    return true;
+  }
+  const Steps steps = ReadStepsDocument(entry.document, "steps");
+  return std::any_of(steps.begin(), steps.end(),
+                     [](const Step& step) { return step.action == Step::Action::kUpdate; });
+}
+
+}  // namespace
+
+UpdateRunner::UpdateRunner(const Scenario& scenario, std::string journal_file,
+                           std::function<void()> replace)
+    : scenario_(scenario), journal_file_(std::move(journal_file)), replace_(std::move(replace)) {}
+
+UpdateRunner::~UpdateRunner() {
+  for (const Sequence& sequence : sequences_) {
+    if (sequence.source != 0) {
+      g_source_remove(sequence.source);
+    }
+  }
+}
+
+void UpdateRunner::Close() {
+  stopped_ = true;
+  if (!journal_file_.empty()) {
+    unlink(journal_file_.c_str());
+  }
+}
+
+Steps UpdateRunner::StepsOf(const JournalEntry& entry) const {
+  const Update& update = scenario_.update;
+  if (entry.document.empty()) {
+    return entry.recovery ? update.recovery : update.steps;
+  }
+  Steps steps;
+  for (Step& step : ReadStepsDocument(entry.document, "steps")) {
+    if (step.action == Step::Action::kUpdate) {
+      steps.insert(steps.end(), update.steps.begin(), update.steps.end());
+    } else {
+      steps.push_back(std::move(step));
+    }
+  }
+  return steps;
+}
+
+UpdateRunner::Sequence& UpdateRunner::Add(JournalEntry entry, Done done) {
+  Steps steps = StepsOf(entry);
+  const auto self = sequences_.emplace(sequences_.end());
+  self->runner = this;
+  self->steps = std::move(steps);
+  self->entry = std::move(entry);
+  self->done = std::move(done);
+  self->self = self;
+  return *self;
+}
+
+UpdateRunner::Sequence* UpdateRunner::Find(const std::string& id) {
+  const auto found = std::find_if(sequences_.begin(), sequences_.end(),
+                                  [&](const Sequence& each) { return each.entry.id == id; });
+  return found == sequences_.end() ? nullptr : &*found;
+}
+
+void UpdateRunner::Resume() {
+  const Journal journal = ReadJournal(journal_file_);
+  ended_ = journal.ended;
+  if (!journal.found && scenario_.bus) {
+    // It follows nobody who could have said so: whoever listens already hears that an agent runs.
+    Publish(scenario_.agent.package.id, LaunchStep().broadcast);
+  }
+  if (journal.found && !journal.replaced) {
+    Recover(journal);
+  } else {
+    for (const JournalEntry& entry : journal.entries) {
+      Schedule(Add(entry, nullptr), 0);
+    }
+  }
+  Note(false);
+}
+
+void UpdateRunner::Recover(const Journal& journal) {
+  bool updating = false;
+  for (const JournalEntry& entry : journal.entries) {
+    updating = updating || IsUpdate(entry);
+    if (!entry.id.empty()) {
+      ended_[entry.id] = "the agent was killed in the middle of the steps";
+    }
+  }
+  if (!updating) {
+    Publish(scenario_.agent.package.id, LaunchStep().broadcast);
+    return;
+  }
+  JournalEntry recovery;
+  recovery.recovery = true;
+  Schedule(Add(std::move(recovery), nullptr), 0);
+}
+
+void UpdateRunner::StartUpdate(const std::vector<std::string>& agents, std::int32_t delay) {
+  const bool updating = std::any_of(sequences_.begin(), sequences_.end(),
+                                    [](const auto& each) { return IsUpdate(each.entry); });
+  if (updating) {
+    return;
+  }
+  JournalEntry entry;
+  entry.agents = agents;
+  Schedule(Add(std::move(entry), nullptr), delay);
+}
+
+void UpdateRunner::Run(const std::string& id, const std::string& document, Done done) {
+  const auto ended = ended_.find(id);
+  if (ended != ended_.end()) {
+    done(ended->second);
+    ended_.erase(ended);
+    return;
+  }
+  if (Sequence* known = Find(id)) {
+    known->done = std::move(done);
+    return;
+  }
+  JournalEntry entry;
+  entry.id = id;
+  entry.document = document;
+  Schedule(Add(std::move(entry), std::move(done)), 0);
+}
+
+void UpdateRunner::Schedule(Sequence& sequence, std::int32_t delay) {
+  const double scaled = delay * scenario_.time_scale;
+  sequence.source = g_timeout_add(static_cast<guint>(scaled), OnTime, &sequence);
+}
+
+int UpdateRunner::OnTime(void* data) {
+  auto* sequence = static_cast<Sequence*>(data);
+  sequence->source = 0;
+  try {
+    sequence->runner->Advance(*sequence);
+  } catch (const std::exception& error) {
+    dlog_print(DLOG_ERROR, kLogTag, "an update ends: %s", error.what());
+    sequence->runner->Finish(*sequence, error.what());
+  }
+  return G_SOURCE_REMOVE;
+}
+
+void UpdateRunner::Advance(Sequence& sequence) {
+  while (!stopped_ && sequence.entry.next < sequence.steps.size()) {
+    Note(false);
+    const Step& step = sequence.steps[sequence.entry.next++];
+    if (!Take(sequence, step)) {
+      return;
+    }
+  }
+  if (!stopped_) {
+    Finish(sequence, "");
+  }
+}
+
+bool UpdateRunner::Take(Sequence& sequence, const Step& step) {
+  const std::string& id = scenario_.agent.package.id;
+  switch (step.action) {
+    case Step::Action::kBroadcast:
+      Publish(id, step.broadcast, sequence.entry.agents);
+      return true;
+    case Step::Action::kWait:
+      Schedule(sequence, step.wait);
+      return false;
+    case Step::Action::kInstall:
+      Install(step.version);
+      return true;
+    case Step::Action::kUpdate:
+      return true;  // its steps stand in its place
+    case Step::Action::kRestart:
+      AwaitBusPeers(id);
+      Note(true);
+      stopped_ = true;
+      replace_();
+      return false;
+    case Step::Action::kKill:
+      AwaitBusPeers(id);
+      if (sequence.done) {
+        sequence.done("");
+      }
+      raise(SIGKILL);
+      return false;
+  }
+  return false;
+}
+
+void UpdateRunner::Install(const std::string& version) const {
+  Package package = scenario_.agent.package;
+  package.version = version.empty() ? NextVersion(InstalledVersion(package.id)) : version;
+  const char* folder = getenv("VELMORA_PACKAGE_DIR");
+  Check(package_desktop_install(folder, package.id.c_str(), KeyFileOf(package).c_str()),
+        "cannot install the agent's package");
+}
+
+void UpdateRunner::Finish(Sequence& sequence, const std::string& problem) {
+  const Done done = std::move(sequence.done);
+  if (!done && !sequence.entry.id.empty()) {
+    ended_[sequence.entry.id] = problem;
+  }
+  sequences_.erase(sequence.self);
+  Note(false);
+  if (done) {
+    done(problem);
+  }
+}
+
+void UpdateRunner::Note(bool replaced) const {
+  if (journal_file_.empty()) {
+    return;
+  }
+  Journal journal;
+  journal.replaced = replaced;
+  journal.ended = ended_;
+  for (const Sequence& sequence : sequences_) {
+    journal.entries.push_back(sequence.entry);
+  }
+  try {
+    WriteJournal(journal_file_, journal);
+  } catch (const std::exception& error) {
+    dlog_print(DLOG_ERROR, kLogTag, "the next process will know nothing: %s", error.what());
+  }
+}
+
+}  // namespace sim

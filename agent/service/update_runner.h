@@ -1,0 +1,90 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef AGENT_SERVICE_UPDATE_RUNNER_H
+#define AGENT_SERVICE_UPDATE_RUNNER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "scenario/scenario.h"
+#include "service/journal.h"
+
+namespace sim {
+
+/**
+ * Goes through the steps of updates on the default main context, any number of them side by side.
+ * Each step is noted in a journal before it is taken, so that the process that takes this one's place
+ * goes on behind it.
+ */
+class UpdateRunner {
+ public:
+  /** Told how steps from outside ended: empty, or why they did not come to their end. */
+  using Done = std::function<void(const std::string& problem)>;
+
+  /**
+   * `scenario` must outlive the runner. `journal_file` may be empty: there is no next process then.
+   * `replace` ends this process's main loop.
+   */
+  UpdateRunner(const Scenario& scenario, std::string journal_file, std::function<void()> replace);
+  ~UpdateRunner();
+  UpdateRunner(const UpdateRunner&) = delete;
+  UpdateRunner& operator=(const UpdateRunner&) = delete;
+
+  /** Goes on where the process before this one has stopped. Clients must be able to connect. */
+  void Resume();
+
+  /** Begins the scenario's update after a while, unless it is under way. */
+  void StartUpdate(const std::vector<std::string>& agents, std::int32_t delay);
+
+  /**
+   * Takes steps from outside, a document as ReadStepsDocument reads it. Steps whose ID is known are
+   * only waited for. Throws ScenarioError.
+   */
+  void Run(const std::string& id, const std::string& document, Done done);
+
+  /** The agent ends for good: nobody shall go on. */
+  void Close();
+
+ private:
+  struct Sequence {
+    UpdateRunner* runner = nullptr;
+    JournalEntry entry;
+    Steps steps;
+    Done done;
+    unsigned source = 0;
+    std::list<Sequence>::iterator self;
+  };
+
+  Steps StepsOf(const JournalEntry& entry) const;
+  Sequence& Add(JournalEntry entry, Done done);
+  void Recover(const Journal& journal);
+  Sequence* Find(const std::string& id);
+
+  void Schedule(Sequence& sequence, std::int32_t delay);
+  static int OnTime(void* data);
+  void Advance(Sequence& sequence);
+
+  /** Takes a step; false if the sequence goes on later, or not in this process. */
+  bool Take(Sequence& sequence, const Step& step);
+  void Install(const std::string& version) const;
+  void Finish(Sequence& sequence, const std::string& problem);
+  void Note(bool replaced) const;
+
+  const Scenario& scenario_;
+  const std::string journal_file_;
+  const std::function<void()> replace_;
+  bool stopped_ = false;
+  std::list<Sequence> sequences_;
+  // How steps from outside ended that nobody was there to be told of: who waits for them has lost
+  // the process before this one, and comes back.
+  std::map<std::string, std::string> ended_;
+};
+
+}  // namespace sim
+
+#endif  // AGENT_SERVICE_UPDATE_RUNNER_H

@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef AGENT_WORLD_RUN_H
+#define AGENT_WORLD_RUN_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "scenario/scenario.h"
+
+namespace sim {
+
+/** Exit statuses of svcmgr-sim beside those of the command, as shells and env(1) have them. */
+constexpr int kOwnFailure = 125;
+constexpr int kNotExecutable = 126;
+constexpr int kNotFound = 127;
+constexpr int kKilledBy = 128;  // plus the signal
+
+struct RunOptions {
+  bool keep = false;     // leave the world's folder behind
+  bool verbose = false;  // the agent prints to standard error, and more
+  std::optional<double> time_scale;
+  std::vector<std::string> command;
+};
+
+/**
+ * Runs a command in a world of its own and returns the exit status to end with. The calling process
+ * must have a single thread. `source` is the text that `scenario` was read from.
+ */
+int RunInWorld(const ScenarioSource& source, const Scenario& scenario, const RunOptions& options);
+
+}  // namespace sim
+
+#endif  // AGENT_WORLD_RUN_H
