@@ -16,7 +16,8 @@
 #include <vector>
 
 #include "common/report.h"
-#include "scenario/scenario.h"
+#include "scenario/scenario_files.h"
+#include "scenario/scenario_reader.h"
 #include "service/agent_service.h"
 #include "world/child.h"
 #include "world/run.h"

@@ -3,7 +3,7 @@
 //
 // Input: the document.
 
-#include "scenario/scenario.h"
+#include "scenario/scenario_reader.h"
 
 #include <cstring>
 

@@ -52,6 +52,73 @@ void ReadCaller(Parcel& parcel, Request* request) {
   request->app_version = parcel.Text();
 }
 
+void ReadListQuery(Parcel& parcel, Request* request) {
+  request->delegate = ReadDelegate(parcel);
+  ReadCaller(parcel, request);
+}
+
+void ReadVersionQuery(Parcel& parcel, Request* request) {
+  request->delegate = ReadDelegate(parcel);
+  request->model = ReadModelInfo(parcel);
+  ReadCaller(parcel, request);
+}
+
+void ReadModelWork(Parcel& parcel, Request* request) {
+  request->delegate = ReadDelegate(parcel);
+  request->models = ReadModelList(parcel);
+}
+
+void ReadAgentList(Parcel& parcel, Request* request) { request->agents = ReadAgents(parcel); }
+
+constexpr std::array<MethodInfo, kMethodCount> kMethods = {{
+    {.method = Method::kGetAgentApiLevel, .name = "get_agent_api_level"},
+    {.method = Method::kGetLicense, .name = "get_license", .has_result = false},
+    {.method = Method::kRequestUpdate, .name = "request_update", .updates_agents = true},
+    {.method = Method::kGetUsableModelList,
+     .name = "GetUsableModelList",
+     .answered_by = AnsweredBy::kModels,
+     .read_arguments = ReadListQuery},
+    {.method = Method::kGetUsableModelListWithDesc,
+     .name = "GetUsableModelListWithDesc",
+     .answered_by = AnsweredBy::kModels,
+     .read_arguments = ReadListQuery},
+    {.method = Method::kGetModelVersionList,
+     .name = "GetModelVersionList",
+     .answered_by = AnsweredBy::kModels,
+     .read_arguments = ReadVersionQuery},
+    {.method = Method::kRequestToUpdate,
+     .name = "RequestToUpdate",
+     .answered_by = AnsweredBy::kProgress,
+     .read_arguments = ReadModelWork},
+    {.method = Method::kRequestToUninstall,
+     .name = "RequestToUninstall",
+     .answered_by = AnsweredBy::kProgress,
+     .read_arguments = ReadModelWork},
+    {.method = Method::kRequestUpdateWithList,
+     .name = "request_update_with_list",
+     .updates_agents = true,
+     .read_arguments = ReadAgentList},
+}};
+
+constexpr int kFirstMethod = static_cast<int>(kMethods.front().method);
+
+constexpr bool AreInOrder() {
+  int number = kFirstMethod;
+  for (const MethodInfo& info : kMethods) {
+    if (info.name == nullptr || static_cast<int>(info.method) != number++) {
+      return false;
+    }
+  }
+  return true;
+}
+static_assert(AreInOrder(), "a row's place is its method's number");
+
+/** Null for a number that is no method. */
+const MethodInfo* FindMethod(int number) {
+  const bool known = number >= kFirstMethod && number <= static_cast<int>(kMethods.back().method);
+  return known ? &kMethods[static_cast<std::size_t>(number - kFirstMethod)] : nullptr;
+}
+
 Parcel AnswerFor(const Delegate& delegate) {
   Parcel parcel;
   parcel.Int(kCommandAnswer);
@@ -63,36 +130,29 @@ Parcel AnswerFor(const Delegate& delegate) {
 
 }  // namespace
 
+const std::array<MethodInfo, kMethodCount>& Methods() { return kMethods; }
+
+std::size_t IndexOf(Method method) {
+  return static_cast<std::size_t>(static_cast<int>(method) - kFirstMethod);
+}
+
+const MethodInfo& InfoOf(Method method) { return kMethods[IndexOf(method)]; }
+
+const char* MethodName(int number) {
+  const MethodInfo* info = FindMethod(number);
+  return info == nullptr ? nullptr : info->name;
+}
+
 Request ReadRequest(Parcel& parcel) {
   const std::int32_t number = parcel.Int();
-  if (MethodName(number) == nullptr) {
+  const MethodInfo* info = FindMethod(number);
+  if (info == nullptr) {
     throw std::runtime_error("there is no method " + std::to_string(number));
   }
   Request request;
-  request.method = static_cast<Method>(number);
-  switch (request.method) {
-    case Method::kGetAgentApiLevel:
-    case Method::kGetLicense:
-    case Method::kRequestUpdate:
-      break;
-    case Method::kGetUsableModelList:
-    case Method::kGetUsableModelListWithDesc:
-      request.delegate = ReadDelegate(parcel);
-      ReadCaller(parcel, &request);
-      break;
-    case Method::kGetModelVersionList:
-      request.delegate = ReadDelegate(parcel);
-      request.model = ReadModelInfo(parcel);
-      ReadCaller(parcel, &request);
-      break;
-    case Method::kRequestToUpdate:
-    case Method::kRequestToUninstall:
-      request.delegate = ReadDelegate(parcel);
-      request.models = ReadModelList(parcel);
-      break;
-    case Method::kRequestUpdateWithList:
-      request.agents = ReadAgents(parcel);
-      break;
+  request.method = info->method;
+  if (info->read_arguments != nullptr) {
+    info->read_arguments(parcel, &request);
   }
   return request;
 }

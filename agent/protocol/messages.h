@@ -2,13 +2,14 @@
 #ifndef AGENT_PROTOCOL_MESSAGES_H
 #define AGENT_PROTOCOL_MESSAGES_H
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "protocol/parcel.h"
-#include "scenario/scenario.h"
 
 /*
  * What travels between a client and the agent, field by field in wire order.
@@ -24,6 +25,19 @@ constexpr std::uint32_t kMostBytes = 16u << 20;  // what a message may hold
 
 constexpr std::int32_t kCommandReply = 0;
 constexpr std::int32_t kCommandAnswer = 1;
+
+/** The methods of the agent's port, by their numbers. */
+enum class Method : int {
+  kGetAgentApiLevel = 2,
+  kGetLicense = 3,
+  kRequestUpdate = 4,
+  kGetUsableModelList = 5,
+  kGetUsableModelListWithDesc = 6,
+  kGetModelVersionList = 7,
+  kRequestToUpdate = 8,
+  kRequestToUninstall = 9,
+  kRequestUpdateWithList = 10,
+};
 
 /** Whom an answer is for. */
 struct Delegate {
@@ -65,11 +79,51 @@ struct Request {
   std::string app_version;
 };
 
+/** What comes back for a request. */
+enum class AnsweredBy {
+  kReply,     // one value, for which the client waits
+  kModels,    // a list of models, to a delegate
+  kProgress,  // the progress of work on models, to a delegate
+};
+
+/** What there is to know about a method. */
+struct MethodInfo {
+  Method method = Method::kGetAgentApiLevel;
+  const char* name = nullptr;  // as scenarios write it
+  AnsweredBy answered_by = AnsweredBy::kReply;
+  bool has_result = true;       // the answer is, or holds, a number that tells how it went
+  bool updates_agents = false;  // an update begins when the result is 0
+  void (*read_arguments)(Parcel& parcel, Request* request) = nullptr;  // null: there are none
+};
+
+constexpr std::size_t kMethodCount = 9;
+
+/** All methods, in the order of their numbers. */
+const std::array<MethodInfo, kMethodCount>& Methods();
+
+/** Where a method stands among them. */
+std::size_t IndexOf(Method method);
+
+const MethodInfo& InfoOf(Method method);
+
+/** A method's name as scenarios write it; null for a number that is no method. */
+const char* MethodName(int number);
+
 /** Reads a request. Throws PlatformError where it ends early, std::runtime_error for no method. */
 Request ReadRequest(Parcel& parcel);
 
 Parcel ReplyWith(std::int32_t value);
 Parcel ReplyWith(const std::string& value);
+
+/** One step of a model update or uninstallation, as its progress message carries it. */
+struct ProgressStep {
+  std::int32_t state = 0;
+  std::int32_t index = 0;
+  std::int32_t count = 0;
+  std::int32_t percentage = 0;
+  std::optional<std::int32_t> result;  // absent: the method's
+  std::int32_t delay = 0;              // milliseconds before this step
+};
 
 /** What a list answer says of its lengths, where it shall not say the truth. */
 struct ListCounts {

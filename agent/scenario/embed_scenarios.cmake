@@ -12,7 +12,7 @@ endforeach()
 file(CONFIGURE OUTPUT "${OUTPUT}" @ONLY CONTENT [[
 // SPDX-License-Identifier: Apache-2.0
 // Generated from the scenarios that ship.
-#include "scenario/scenario.h"
+#include "scenario/scenario_files.h"
 
 namespace sim {
 

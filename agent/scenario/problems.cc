@@ -65,7 +65,10 @@ void Problems::Add(Place place, const JsonPointer& pointer, std::string_view rea
   }
 }
 
-std::string Problems::Lines(const std::string& name) const {
+void Problems::ThrowIfAny(const std::string& name) const {
+  if (count_ == 0) {
+    return;
+  }
   std::string lines;
   for (const auto& [place, problem] : first_) {
     lines += (lines.empty() ? "" : "\n") + Quotable(name) + ":" + std::to_string(place.first) +
@@ -75,7 +78,7 @@ std::string Problems::Lines(const std::string& name) const {
     lines += "\n" + Quotable(name) + ": " + std::to_string(others) +
              (others == 1 ? " further problem" : " further problems");
   }
-  return lines;
+  throw ScenarioError(lines);
 }
 
 }  // namespace sim

@@ -3,9 +3,9 @@
 #define AGENT_SCENARIO_PROBLEMS_H
 
 #include <cstddef>
-#include <functional>
 #include <map>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -40,6 +40,12 @@ class JsonPointer {
   std::shared_ptr<const Step> last_;
 };
 
+/** A scenario that cannot be read: what() is one line per problem, each with its file and place. */
+class ScenarioError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
 /**
  * What is wrong with a document: the first hundred problems in the document's order, whatever the
  * order in which they are found, and how many others there are.
@@ -48,11 +54,8 @@ class Problems {
  public:
   void Add(Place place, const JsonPointer& pointer, std::string_view reason);
 
-  bool empty() const { return count_ == 0; }
-
-  /** One line for each, with the document's name and its place, and one for all that are left out.
-   */
-  std::string Lines(const std::string& name) const;
+  /** Throws ScenarioError if there are any: a line for each, and one for all that are left out. */
+  void ThrowIfAny(const std::string& name) const;
 
  private:
   std::multimap<std::pair<int, int>, std::string> first_;  // by line and column

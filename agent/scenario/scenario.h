@@ -3,38 +3,16 @@
 #define AGENT_SCENARIO_SCENARIO_H
 
 #include <array>
-#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <optional>
-#include <stdexcept>
 #include <string>
-#include <string_view>
 #include <vector>
 
-#include "scenario/json_tree.h"
+#include "protocol/messages.h"
 #include "scenario/steps.h"
 
 namespace sim {
-
-/** The methods of the agent's port, by their numbers. */
-enum class Method : int {
-  kGetAgentApiLevel = 2,
-  kGetLicense = 3,
-  kRequestUpdate = 4,
-  kGetUsableModelList = 5,
-  kGetUsableModelListWithDesc = 6,
-  kGetModelVersionList = 7,
-  kRequestToUpdate = 8,
-  kRequestToUninstall = 9,
-  kRequestUpdateWithList = 10,
-};
-
-constexpr int kFirstMethod = 2;
-constexpr std::size_t kMethodCount = 9;
-
-/** A method's name as scenarios write it; null for a number that is no method. */
-const char* MethodName(int number);
 
 /** What goes wrong with an answer. Each is told in docs/scenarios.md. */
 enum class Fault {
@@ -47,16 +25,6 @@ enum class Fault {
   kTruncated,
   kOversized,
   kNegative,
-};
-
-/** One step of a model update or uninstallation, as its progress message carries it. */
-struct ProgressStep {
-  std::int32_t state = 0;
-  std::int32_t index = 0;
-  std::int32_t count = 0;
-  std::int32_t percentage = 0;
-  std::optional<std::int32_t> result;  // absent: the method's
-  std::int32_t delay = 0;              // milliseconds before this step
 };
 
 /** A point of model work: a model of the request, counting from 1, and how far it is done. */
@@ -154,52 +122,8 @@ struct Scenario {
   std::optional<std::int32_t> space;  // bytes that installed versions may take; absent: any number
   std::array<MethodScript, kMethodCount> methods;
 
-  const MethodScript& Script(Method method) const {
-    return methods[static_cast<std::size_t>(static_cast<int>(method) - kFirstMethod)];
-  }
+  const MethodScript& Script(Method method) const { return methods[IndexOf(method)]; }
 };
-
-/** A scenario that cannot be read: what() is one line per problem, each with its file and place. */
-class ScenarioError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
-
-/**
- * Reads a scenario. `name` is what messages call it; `folder` is where relative paths start, empty
- * where there is no such folder. Throws ScenarioError.
- */
-Scenario ReadScenario(std::string_view document, const std::string& name,
-                      const std::string& folder);
-
-/** A scenario's text and where it came from. */
-struct ScenarioSource {
-  std::string name;      // for messages
-  std::string document;  // JSON
-  std::string folder;    // absolute; empty for a scenario that ships
-};
-
-/**
- * Finds a scenario: a name with a slash or with the ending ".json" is a file, any other name is one
- * of the scenarios that ship. Throws ScenarioError.
- */
-ScenarioSource FindScenario(const std::string& name);
-
-/** A scenario that ships inside the program. */
-struct ShippedScenario {
-  const char* name;
-  const char* document;
-};
-
-/** All of them, sorted by name. */
-const std::vector<ShippedScenario>& ShippedScenarios();
-
-/** Says what is wrong with a package's version; nothing if it is right. */
-std::optional<std::string> PackageVersion(const std::string& text);
-
-/** Tells whether a text matches a pattern in which * stands for any text and ? for any character.
- */
-bool Matches(const std::string& pattern, const std::string& text);
 
 }  // namespace sim
 

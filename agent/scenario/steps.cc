@@ -7,13 +7,12 @@
 #include <optional>
 #include <utility>
 
-#include "scenario/scenario.h"
+#include "scenario/limits.h"
+#include "scenario/text_rules.h"
 
 namespace sim {
 namespace {
 
-constexpr std::int32_t kLongestWait = 600000;
-constexpr std::int32_t kMostTimes = 1000;
 constexpr std::int32_t kInterruptedCode = 2;
 
 constexpr char kAgentStatus[] = "agent_status";
@@ -202,7 +201,7 @@ void ReadInstall(ObjectReader& object, Steps* steps) {
 
 void ReadWait(ObjectReader& object, Steps* steps) {
   Step step = StepOf(Step::Action::kWait);
-  if (object.Integer("wait", &step.wait, 0, kLongestWait)) {
+  if (object.Integer("wait", &step.wait, 0, kLongestDelay)) {
     steps->push_back(std::move(step));
   }
 }
@@ -267,6 +266,15 @@ Steps ReadSteps(const Value& list, StepsFrom from) {
     ReadStep(object, from, &steps);
     object.Finish();
   }
+  return steps;
+}
+
+Steps ReadStepsDocument(std::string_view document, const std::string& name) {
+  Problems problems;
+  const JsonNode tree = ParseJson(document, problems);
+  problems.ThrowIfAny(name);
+  Steps steps = ReadSteps(Value(tree, JsonPointer(), problems), StepsFrom::kOutside);
+  problems.ThrowIfAny(name);
   return steps;
 }
 

@@ -12,6 +12,7 @@
 #include <optional>
 
 #include "common/unique_fd.h"
+#include "scenario/text_rules.h"
 #include "service/control.h"
 #include "service/events.h"
 #include "service/log_tag.h"
@@ -24,19 +25,6 @@ constexpr char kPortName[] = "SvcMgrAppPort";
 constexpr char kKyrDisabledText[] = "SVCMGR_ERROR_KYR_DISABLED";
 constexpr std::int32_t kKyrDisabledCode = -1073741826;  // 0xBFFFFFFE
 constexpr std::int32_t kKyrDisabledResult = 8;
-
-bool IsListQuery(Method method) {
-  return method == Method::kGetUsableModelList || method == Method::kGetUsableModelListWithDesc ||
-         method == Method::kGetModelVersionList;
-}
-
-bool IsModelWork(Method method) {
-  return method == Method::kRequestToUpdate || method == Method::kRequestToUninstall;
-}
-
-bool IsUpdateRequest(Method method) {
-  return method == Method::kRequestUpdate || method == Method::kRequestUpdateWithList;
-}
 
 bool Admits(const Model& model, const std::string& app_id) {
   return !model.apps || std::any_of(model.apps->begin(), model.apps->end(),
@@ -102,18 +90,18 @@ int AgentService::OnReceived(const char*, const char* instance, rpc_port_h port,
 void AgentService::Serve(const char* instance, rpc_port_h port) {
   Parcel parcel = Parcel::From(port);
   const Request request = ReadRequest(parcel);
-  dlog_print(DLOG_DEBUG, kLogTag, "%s calls %s", instance,
-             MethodName(static_cast<int>(request.method)));
+  dlog_print(DLOG_DEBUG, kLogTag, "%s calls %s", instance, InfoOf(request.method).name);
   const std::int32_t result = NextResult(request.method);
+  const MethodInfo& method = InfoOf(request.method);
   const MethodScript& script = scenario_.Script(request.method);
-  if (IsModelWork(request.method) && !script.progress && result == 0) {
+  if (method.answered_by == AnsweredBy::kProgress && !script.progress && result == 0) {
     work_->Begin(instance, request);
     return;
   }
-  const bool delegated = IsListQuery(request.method) || IsModelWork(request.method);
+  const bool delegated = method.answered_by != AnsweredBy::kReply;
   deliveries_->Deliver(instance, delegated ? RPC_PORT_PORT_CALLBACK : RPC_PORT_PORT_MAIN, script,
                        Answer(request, result));
-  if (IsUpdateRequest(request.method) && result == 0) {
+  if (method.updates_agents && result == 0) {
     updates_.StartUpdate(request.agents, script.delay);
   }
 }
@@ -126,12 +114,12 @@ std::int32_t AgentService::UsualResult(Method method) const {
   if (!disabled) {
     return 0;
   }
-  return IsListQuery(method) || IsModelWork(method) ? kKyrDisabledResult : kKyrDisabledCode;
+  return InfoOf(method).answered_by == AnsweredBy::kReply ? kKyrDisabledCode : kKyrDisabledResult;
 }
 
 std::int32_t AgentService::NextResult(Method method) {
   const auto& results = scenario_.Script(method).results;
-  std::size_t& call = calls_[static_cast<std::size_t>(static_cast<int>(method) - kFirstMethod)];
+  std::size_t& call = calls_[IndexOf(method)];
   if (results.empty()) {
     return UsualResult(method);
   }
@@ -141,10 +129,11 @@ std::int32_t AgentService::NextResult(Method method) {
 }
 
 std::vector<TimedParcel> AgentService::Answer(const Request& request, std::int32_t result) {
-  if (IsListQuery(request.method)) {
+  const AnsweredBy answered_by = InfoOf(request.method).answered_by;
+  if (answered_by == AnsweredBy::kModels) {
     return AnswerList(request, result);
   }
-  if (IsModelWork(request.method)) {
+  if (answered_by == AnsweredBy::kProgress) {
     return AnswerProgress(request, result);
   }
   std::vector<TimedParcel> messages;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "scenario/scenario.h"
+#include "scenario/scenario_files.h"
 
 namespace sim {
 

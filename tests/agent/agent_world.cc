@@ -11,6 +11,7 @@
 #include <stdexcept>
 
 #include "common/unique_fd.h"
+#include "scenario/scenario_reader.h"
 #include "world/child.h"
 
 AgentWorld::AgentWorld(const std::string& document)

@@ -9,6 +9,7 @@
 #include "agent_world.h"
 #include "protocol/parcel.h"
 #include "raw_client.h"
+#include "scenario/scenario_files.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "scenario/scenario.h"
+#include "scenario/scenario_reader.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -13,6 +13,8 @@
 #include <utility>
 #include <vector>
 
+#include "scenario/scenario_files.h"
+#include "scenario/text_rules.h"
 #include "temp_folder.h"
 
 namespace {

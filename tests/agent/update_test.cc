@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "scenario/scenario.h"
 #include "sim_process.h"
 #include "support/lines.h"
 #include "temp_folder.h"

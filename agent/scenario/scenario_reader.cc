@@ -1,24 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "scenario/scenario.h"
-
-#include <errno.h>
-#include <fcntl.h>
-#include <fnmatch.h>
-#include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include "scenario/scenario_reader.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
-#include <limits>
+#include <optional>
 #include <set>
+#include <utility>
+#include <vector>
 
-#include "common/report.h"
-#include "common/unique_fd.h"
-#include "protocol/messages.h"
+#include "scenario/limits.h"
 #include "scenario/object_reader.h"
-#include "terminal_text.h"
+#include "scenario/scenario_files.h"
+#include "scenario/text_rules.h"
 
 #ifndef AGENT_PACKAGE_ID
 #error "AGENT_PACKAGE_ID is not defined"
@@ -26,12 +22,6 @@
 
 namespace sim {
 namespace {
-
-constexpr std::array<const char*, kMethodCount> kMethodNames = {
-    "get_agent_api_level",        "get_license",         "request_update",  "GetUsableModelList",
-    "GetUsableModelListWithDesc", "GetModelVersionList", "RequestToUpdate", "RequestToUninstall",
-    "request_update_with_list",
-};
 
 const std::vector<std::pair<const char*, Fault>> kFaults = {
     {"none", Fault::kNone},           {"never", Fault::kNever},
@@ -41,83 +31,24 @@ const std::vector<std::pair<const char*, Fault>> kFaults = {
     {"negative", Fault::kNegative},
 };
 
-constexpr std::int32_t kLongestDelay = 600000;
-constexpr std::int32_t kLargestModel = 1 << 30;
-constexpr std::int32_t kMostParts = 1000;
-constexpr std::int32_t kMostGenerated = 100000;
-constexpr std::int32_t kMostRepeats = 10000;
-constexpr std::size_t kLongestName = 200;
-constexpr std::size_t kLongestModelName = 2048;  // of which a client keeps no more
-// A number comes before the text, and around it stand its length and its end.
-constexpr std::size_t kLongestLicence = kMostBytes - 2 * sizeof(std::int32_t) - 1;
-
 constexpr char kDefaultLicence[] =
     "Velmora Service Agent\n"
     "Sample licence of a simulated agent.\n";
 
-bool IsAllOf(const std::string& text, const char* characters) {
-  return !text.empty() && text.size() <= kLongestName &&
-         text.find_first_not_of(characters) == std::string::npos;
-}
-
-#define LETTERS_AND_DIGITS "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"
-
-TextRule CharactersOf(const char* characters, const char* said) {
-  return [=](const std::string& text) -> std::optional<std::string> {
-    if (IsAllOf(text, characters)) {
-      return std::nullopt;
-    }
-    return "\"" + text + "\" must be 1 to " + std::to_string(kLongestName) + " of " + said;
-  };
-}
-
-std::optional<std::string> ApplicationId(const std::string& text) {
-  static const TextRule characters =
-      CharactersOf(LETTERS_AND_DIGITS "._-", "letters, digits, '.', '_', '-'");
-  if (auto reason = characters(text)) {
-    return reason;
-  }
-  if (text.front() == '.' || text.front() == '-') {
-    return "\"" + text + "\" must begin with a letter, a digit or '_'";
-  }
-  return std::nullopt;
-}
-
-const TextRule kPattern =
-    CharactersOf(LETTERS_AND_DIGITS "._-*?", "letters, digits, '.', '_', '-', '*', '?'");
-const TextRule kVersion =
-    CharactersOf(LETTERS_AND_DIGITS ".+~_-", "letters, digits, '.', '+', '~', '_', '-'");
-const TextRule kMetadataKey = CharactersOf(LETTERS_AND_DIGITS "-", "letters, digits, '-'");
-
-#undef LETTERS_AND_DIGITS
-
-std::optional<std::string> NotEmpty(const std::string& text) {
-  return text.empty() ? std::optional<std::string>("must not be empty") : std::nullopt;
-}
-
-/** A model's ID or version. */
-std::optional<std::string> ModelName(const std::string& text) {
-  if (text.size() > kLongestModelName) {
-    return "must not be longer than " + std::to_string(kLongestModelName) +
-           " bytes: no client can name it";
-  }
-  return NotEmpty(text);
-}
-
 void ReadPatterns(ObjectReader& object, const char* key,
                   std::optional<std::vector<std::string>>* out) {
   std::vector<std::string> patterns;
-  if (object.Texts(key, &patterns, kPattern)) {
+  if (object.Texts(key, &patterns, Pattern)) {
     *out = std::move(patterns);
   }
 }
 
 void ReadPackageKeys(ObjectReader& object, Package* package) {
   object.Text("id", &package->id, ApplicationId);
-  object.Text("version", &package->version, kVersion);
+  object.Text("version", &package->version, PackageVersion);
   ReadPatterns(object, "clients", &package->clients);
   object.Object("metadata", [&](ObjectReader& metadata) {
-    metadata.AllTexts(&package->metadata, kMetadataKey);
+    metadata.AllTexts(&package->metadata, MetadataKey);
   });
 }
 
@@ -135,32 +66,6 @@ void ReadLicence(const Value& value, std::string* licence) {
     licence->clear();
     for (const std::string& line : lines) {
       *licence += line + "\n";
-    }
-  }
-}
-
-/** Reads a file; says why it cannot be read, nothing if it was. */
-std::optional<std::string> ReadFile(const std::string& path, std::string* content) {
-  // Neither a pipe nor a terminal may hold the program up.
-  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-  struct stat about;
-  if (!fd || fstat(fd.get(), &about) != 0) {
-    return strerror(errno);
-  }
-  if (!S_ISREG(about.st_mode)) {
-    return S_ISDIR(about.st_mode) ? "it is a folder" : "it is no regular file";
-  }
-  content->clear();
-  char chunk[64 * 1024];
-  for (;;) {
-    const ssize_t size = read(fd.get(), chunk, sizeof chunk);
-    if (size == 0) {
-      return std::nullopt;
-    }
-    if (size > 0) {
-      content->append(chunk, static_cast<std::size_t>(size));
-    } else if (errno != EINTR) {
-      return strerror(errno);
     }
   }
 }
@@ -183,9 +88,8 @@ void ReadLicenceFile(const Value& value, const std::string& folder, std::string*
 }
 
 void RefuseUnlessSendable(const Value& value, const std::string& licence) {
-  if (licence.size() > kLongestLicence) {
-    value.Refuse("must not be longer than " + std::to_string(kLongestLicence) +
-                 " bytes: a message holds 16 MiB");
+  if (const auto reason = TooLargeAsLicence(licence)) {
+    value.Refuse(*reason);
   }
 }
 
@@ -224,7 +128,7 @@ void ReadUpdate(ObjectReader& object, Update* update) {
 
 void ReadClient(ObjectReader& object, const std::string& folder, Client* client) {
   object.Text("id", &client->id, ApplicationId);
-  object.Text("version", &client->version, kVersion);
+  object.Text("version", &client->version, PackageVersion);
   if (object.Text("root", &client->root, NotEmpty)) {
     client->root = (std::filesystem::path(folder) / client->root).lexically_normal().string();
     if (client->root.front() != '/') {
@@ -251,57 +155,6 @@ void ReadPackages(ObjectReader& root, Scenario* scenario) {
     RefuseSecond(object, "a package", package.id, &seen);
     scenario->packages.push_back(std::move(package));
   });
-}
-
-std::size_t EncodedSize(const std::string& text) { return sizeof(std::int32_t) + text.size() + 1; }
-
-/** The encoded size of an answer with an empty list. */
-std::size_t EmptyAnswerSize() {
-  static const std::size_t size =
-      AnswerWith(Delegate(), 0, std::vector<ModelView>()).Bytes().size();
-  return size;
-}
-
-std::optional<std::string> TooLarge(const std::string& what, std::size_t size) {
-  if (size <= kMostBytes) {
-    return std::nullopt;
-  }
-  return what + " takes " + std::to_string(size) + " bytes: a message holds " +
-         std::to_string(kMostBytes);
-}
-
-/** What the model takes in an answer, with the longest version that may be the usable one. */
-std::size_t EntrySize(const Model& model, bool described) {
-  std::size_t version = 0;
-  for (const auto* versions : {&model.versions, &model.available}) {
-    for (const std::string& each : *versions) {
-      version = std::max(version, EncodedSize(each));
-    }
-  }
-  return EncodedSize(model.id) + version + EncodedSize(model.title) +
-         EncodedSize(described ? model.description : "");
-}
-
-std::optional<std::string> TooLargeAsList(const std::vector<Model>& models) {
-  std::size_t plain = EmptyAnswerSize();
-  std::size_t described = EmptyAnswerSize();
-  for (const Model& model : models) {
-    plain += EntrySize(model, false);
-    described += EntrySize(model, true);
-  }
-  const auto reason = TooLarge("the list of all models", plain);
-  return reason ? reason : TooLarge("the list of all models with their descriptions", described);
-}
-
-std::optional<std::string> TooLargeAsVersions(const Model& model) {
-  std::size_t size = EmptyAnswerSize();
-  for (const auto* versions : {&model.versions, &model.available}) {
-    for (const std::string& version : *versions) {
-      size += EncodedSize(model.id) + EncodedSize(version) + EncodedSize(model.title) +
-              EncodedSize(model.description);
-    }
-  }
-  return TooLarge("the list of the model's versions", size);
 }
 
 void ReadModel(ObjectReader& object, Model* model) {
@@ -422,16 +275,10 @@ void ReadWork(ObjectReader& object, MethodScript* script) {
   ReadWorkPoint(object, "stopAt", false, &script->stop_at);
 }
 
-bool IsOneOf(Method method, std::initializer_list<Method> methods) {
-  return std::find(methods.begin(), methods.end(), method) != methods.end();
-}
-
-void ReadMethod(ObjectReader& object, Method method, MethodScript* script) {
-  const bool lists =
-      IsOneOf(method, {Method::kGetUsableModelList, Method::kGetUsableModelListWithDesc,
-                       Method::kGetModelVersionList});
-  const bool works = IsOneOf(method, {Method::kRequestToUpdate, Method::kRequestToUninstall});
-  if (method != Method::kGetLicense) {
+void ReadMethod(ObjectReader& object, const MethodInfo& method, MethodScript* script) {
+  const bool lists = method.answered_by == AnsweredBy::kModels;
+  const bool works = method.answered_by == AnsweredBy::kProgress;
+  if (method.has_result) {
     if (const auto results = object.Take("result")) {
       ReadResults(*results, &script->results);
     }
@@ -457,10 +304,9 @@ void ReadMethod(ObjectReader& object, Method method, MethodScript* script) {
 
 void ReadMethods(ObjectReader& root, Scenario* scenario) {
   root.Object("methods", [&](ObjectReader& object) {
-    for (std::size_t i = 0; i < kMethodCount; ++i) {
-      object.Object(kMethodNames[i], [&](ObjectReader& entry) {
-        ReadMethod(entry, static_cast<Method>(static_cast<int>(i) + kFirstMethod),
-                   &scenario->methods[i]);
+    for (const MethodInfo& method : Methods()) {
+      object.Object(method.name, [&](ObjectReader& entry) {
+        ReadMethod(entry, method, &scenario->methods[IndexOf(method.method)]);
       });
     }
   });
@@ -490,40 +336,7 @@ void ReadRoot(ObjectReader& root, const std::string& folder, Scenario* scenario)
   ReadMethods(root, scenario);
 }
 
-void ThrowProblems(const Problems& problems, const std::string& name) {
-  if (!problems.empty()) {
-    throw ScenarioError(problems.Lines(name));
-  }
-}
-
-std::string Similar(const std::string& name) {
-  std::vector<std::string> names;
-  for (const ShippedScenario& shipped : ShippedScenarios()) {
-    names.emplace_back(shipped.name);
-  }
-  std::string text;
-  for (const std::string& similar : terminal_text::SimilarTo(name, names)) {
-    text += (text.empty() ? "did you mean \"" : ", \"") + similar + "\"";
-  }
-  return text.empty() ? text : text + "? ";
-}
-
-bool NamesFile(const std::string& name) {
-  static const std::string ending = ".json";
-  const bool has_ending = name.size() >= ending.size() &&
-                          name.compare(name.size() - ending.size(), ending.size(), ending) == 0;
-  return has_ending || name.find('/') != std::string::npos;
-}
-
 }  // namespace
-
-const char* MethodName(int number) {
-  constexpr int kEnd = kFirstMethod + static_cast<int>(kMethodCount);
-  if (number < kFirstMethod || number >= kEnd) {
-    return nullptr;
-  }
-  return kMethodNames[static_cast<std::size_t>(number - kFirstMethod)];
-}
 
 Scenario ReadScenario(std::string_view document, const std::string& name,
                       const std::string& folder) {
@@ -534,50 +347,15 @@ Scenario ReadScenario(std::string_view document, const std::string& name,
 
   Problems problems;
   const JsonNode tree = ParseJson(document, problems);
-  ThrowProblems(problems, name);
+  problems.ThrowIfAny(name);
   const Value value(tree, JsonPointer(), problems);
   if (value.Is(JsonNode::Kind::kObject)) {
     ObjectReader root(value);
     ReadRoot(root, folder, &scenario);
     root.Finish();
   }
-  ThrowProblems(problems, name);
+  problems.ThrowIfAny(name);
   return scenario;
-}
-
-Steps ReadStepsDocument(std::string_view document, const std::string& name) {
-  Problems problems;
-  const JsonNode tree = ParseJson(document, problems);
-  ThrowProblems(problems, name);
-  Steps steps = ReadSteps(Value(tree, JsonPointer(), problems), StepsFrom::kOutside);
-  ThrowProblems(problems, name);
-  return steps;
-}
-
-ScenarioSource FindScenario(const std::string& name) {
-  if (!NamesFile(name)) {
-    for (const ShippedScenario& shipped : ShippedScenarios()) {
-      if (name == shipped.name) {
-        return {name, shipped.document, ""};
-      }
-    }
-    throw ScenarioError(Quotable(name) + ": no scenario of this name ships; " + Similar(name) +
-                        "\"svcmgr-sim list\" names those that ship; a file's name has a slash or "
-                        "ends in .json");
-  }
-  ScenarioSource source;
-  source.name = name;
-  if (const auto reason = ReadFile(name, &source.document)) {
-    throw ScenarioError(Quotable(name) + ": cannot read the file: " + *reason);
-  }
-  source.folder = std::filesystem::absolute(name).parent_path().string();
-  return source;
-}
-
-std::optional<std::string> PackageVersion(const std::string& text) { return kVersion(text); }
-
-bool Matches(const std::string& pattern, const std::string& text) {
-  return fnmatch(pattern.c_str(), text.c_str(), FNM_NOESCAPE) == 0;
 }
 
 }  // namespace sim

@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef AGENT_SCENARIO_LIMITS_H
+#define AGENT_SCENARIO_LIMITS_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "scenario/scenario.h"
+
+namespace sim {
+
+constexpr std::int32_t kLongestDelay = 600000;
+constexpr std::int32_t kLargestModel = 1 << 30;
+constexpr std::int32_t kMostParts = 1000;
+constexpr std::int32_t kMostGenerated = 100000;
+constexpr std::int32_t kMostRepeats = 10000;
+constexpr std::int32_t kMostTimes = 1000;
+
+// What no message holds; each says why, and nothing if one does.
+
+std::optional<std::string> TooLargeAsLicence(const std::string& licence);
+std::optional<std::string> TooLargeAsList(const std::vector<Model>& models);
+std::optional<std::string> TooLargeAsVersions(const Model& model);
+
+}  // namespace sim
+
+#endif  // AGENT_SCENARIO_LIMITS_H
