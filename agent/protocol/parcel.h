@@ -8,26 +8,13 @@
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
 
+#include "common/platform_error.h"
+
 namespace sim {
-
-/** The platform could not do something. */
-class PlatformError : public std::runtime_error {
- public:
-  PlatformError(const char* what, int code)
-      : std::runtime_error(std::string(what) + ": platform error " + std::to_string(code)) {}
-};
-
-/** Throws PlatformError for any code but 0. */
-inline void Check(int code, const char* what) {
-  if (code != 0) {
-    throw PlatformError(what, code);
-  }
-}
 
 /** Owns a parcel. Writing and reading throw PlatformError. */
 class Parcel {

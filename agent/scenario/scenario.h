@@ -123,6 +123,9 @@ struct Scenario {
   std::array<MethodScript, kMethodCount> methods;
 
   const MethodScript& Script(Method method) const { return methods[IndexOf(method)]; }
+
+  /** A delay of the scenario in milliseconds of the clock. */
+  unsigned Scaled(std::int32_t delay) const { return static_cast<unsigned>(delay * time_scale); }
 };
 
 }  // namespace sim

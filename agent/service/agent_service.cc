@@ -45,7 +45,7 @@ AgentService::AgentService(const Scenario& scenario, UpdateRunner& updates)
   rpc_port_stub_add_connected_event_cb(stub_, OnConnected, this);
   rpc_port_stub_add_disconnected_event_cb(stub_, OnDisconnected, this);
   rpc_port_stub_add_received_event_cb(stub_, OnReceived, this);
-  deliveries_ = std::make_unique<DeliveryQueue>(stub_, scenario_.time_scale);
+  deliveries_ = std::make_unique<DeliveryQueue>(stub_, scenario_);
   work_ = std::make_unique<ModelWork>(scenario_, store_, *deliveries_);
 }
 

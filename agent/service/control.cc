@@ -3,7 +3,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <glib-unix.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <time.h>
@@ -14,6 +13,7 @@
 #include <filesystem>
 #include <optional>
 #include <system_error>
+#include <utility>
 
 namespace sim {
 namespace {
@@ -119,20 +119,7 @@ std::string SendSteps(const std::string& path, const std::string& document) {
 
 ControlPort::ControlPort(int listener, UpdateRunner& runner)
     : listener_(listener), runner_(runner) {
-  source_ = g_unix_fd_add(
-      listener, G_IO_IN,
-      [](gint, GIOCondition, gpointer data) -> gboolean {
-        static_cast<ControlPort*>(data)->Accept();
-        return G_SOURCE_CONTINUE;
-      },
-      this);
-}
-
-ControlPort::~ControlPort() {
-  g_source_remove(source_);
-  for (const auto& caller : callers_) {
-    g_source_remove(caller->source);
-  }
+  source_.WhenReadable(listener, [this] { Accept(); });
 }
 
 void ControlPort::Accept() {
@@ -140,33 +127,26 @@ void ControlPort::Accept() {
   if (!fd || !IsOurs(fd.get())) {
     return;
   }
-  const auto self = callers_.insert(callers_.end(), std::make_shared<Caller>());
-  Caller& caller = **self;
-  caller.port = this;
-  caller.fd = std::move(fd);
-  caller.self = self;
-  caller.source = g_unix_fd_add(
-      caller.fd.get(), static_cast<GIOCondition>(G_IO_IN | G_IO_HUP),
-      [](gint, GIOCondition, gpointer data) -> gboolean {
-        auto* heard = static_cast<Caller*>(data);
-        heard->port->Hear(*heard->self);
-        return G_SOURCE_CONTINUE;
-      },
-      &caller);
+  const auto caller = std::make_shared<Caller>();
+  caller->fd = std::move(fd);
+  // The source is the caller's: a reference that owned it would keep both for ever.
+  caller->source.WhenReadable(
+      caller->fd.get(), [this, caller = std::weak_ptr<Caller>(caller)] { Hear(caller.lock()); });
+  callers_.insert(caller);
 }
 
 void ControlPort::Hear(const std::shared_ptr<Caller>& caller) {
   const auto request = Receive(caller->fd.get());
   if (!request) {
-    Drop(*caller);
+    Drop(caller);
     return;
   }
   const auto end = request->find('\n');
   const std::weak_ptr<Caller> listener = caller;
-  const auto answer = [listener](const std::string& problem) {
+  const auto answer = [this, listener](const std::string& problem) {
     if (const auto waiting = listener.lock()) {
       SendPacket(waiting->fd.get(), kAnswerMark + problem);
-      waiting->port->Drop(*waiting);
+      Drop(waiting);
     }
   };
   try {
@@ -179,9 +159,6 @@ void ControlPort::Hear(const std::shared_ptr<Caller>& caller) {
   }
 }
 
-void ControlPort::Drop(Caller& caller) {
-  g_source_remove(caller.source);
-  callers_.erase(caller.self);
-}
+void ControlPort::Drop(const std::shared_ptr<Caller>& caller) { callers_.erase(caller); }
 
 }  // namespace sim

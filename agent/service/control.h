@@ -2,11 +2,12 @@
 #ifndef AGENT_SERVICE_CONTROL_H
 #define AGENT_SERVICE_CONTROL_H
 
-#include <list>
 #include <memory>
+#include <set>
 #include <string>
 
 #include "common/unique_fd.h"
+#include "service/event_source.h"
 #include "service/update_runner.h"
 
 namespace sim {
@@ -34,26 +35,23 @@ class ControlPort {
  public:
   /** `listener` is borrowed, and outlives this process; `runner` must outlive the port. */
   ControlPort(int listener, UpdateRunner& runner);
-  ~ControlPort();
   ControlPort(const ControlPort&) = delete;
   ControlPort& operator=(const ControlPort&) = delete;
 
  private:
   struct Caller {
-    ControlPort* port = nullptr;
     UniqueFd fd;
-    unsigned source = 0;
-    std::list<std::shared_ptr<Caller>>::iterator self;
+    EventSource source;
   };
 
   void Accept();
   void Hear(const std::shared_ptr<Caller>& caller);
-  void Drop(Caller& caller);
+  void Drop(const std::shared_ptr<Caller>& caller);
 
   int listener_;
   UpdateRunner& runner_;
-  unsigned source_ = 0;
-  std::list<std::shared_ptr<Caller>> callers_;
+  EventSource source_;
+  std::set<std::shared_ptr<Caller>> callers_;
 };
 
 }  // namespace sim

@@ -1,11 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "service/delivery.h"
 
-#include <glib.h>
 #include <signal.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <utility>
 
 #include "protocol/messages.h"
@@ -49,15 +47,6 @@ std::string_view Shortened(const MethodScript& script, std::string_view content)
 }
 
 }  // namespace
-
-DeliveryQueue::DeliveryQueue(rpc_port_stub_h stub, double time_scale)
-    : stub_(stub), time_scale_(time_scale) {}
-
-DeliveryQueue::~DeliveryQueue() {
-  for (const Delivery& delivery : deliveries_) {
-    g_source_remove(delivery.source);
-  }
-}
 
 void DeliveryQueue::AddFaulty(Fault fault, const MethodScript& script, Parcel parcel,
                               std::deque<Step>* steps) {
@@ -127,29 +116,31 @@ std::deque<DeliveryQueue::Step> DeliveryQueue::Plan(rpc_port_port_type_e port,
 void DeliveryQueue::Deliver(const std::string& instance, rpc_port_port_type_e port,
                             const MethodScript& script, std::vector<TimedParcel> messages) {
   const auto self = deliveries_.emplace(deliveries_.end());
-  self->queue = this;
   self->instance = instance;
   self->port = port;
   self->steps = Plan(port, script, std::move(messages));
-  self->self = self;
-  if (!Advance(*self, false)) {
+  if (!Advance(self, false)) {
     deliveries_.erase(self);
   }
 }
 
-bool DeliveryQueue::Advance(Delivery& delivery, bool from_loop) {
-  while (!delivery.steps.empty()) {
-    Step& step = delivery.steps.front();
+bool DeliveryQueue::Advance(std::list<Delivery>::iterator delivery, bool from_loop) {
+  while (!delivery->steps.empty()) {
+    Step& step = delivery->steps.front();
     // The platform is still inside the connection's own event: ending it there waits for the loop.
     const bool unsafe = step.action == Action::kDrop && !from_loop;
     if (step.delay > 0 || unsafe) {
-      Wait(delivery, std::exchange(step.delay, 0));
+      delivery->timer.After(scenario_.Scaled(std::exchange(step.delay, 0)), [this, delivery] {
+        if (!Advance(delivery, true)) {
+          deliveries_.erase(delivery);
+        }
+      });
       return true;
     }
-    if (!Take(delivery, step)) {
+    if (!Take(*delivery, step)) {
       return false;
     }
-    delivery.steps.pop_front();
+    delivery->steps.pop_front();
   }
   return false;
 }
@@ -172,21 +163,6 @@ bool DeliveryQueue::Take(const Delivery& delivery, const Step& step) {
       return false;
   }
   return false;
-}
-
-void DeliveryQueue::Wait(Delivery& delivery, std::int32_t delay) {
-  constexpr double kLongest = 24.0 * 3600 * 1000;
-  const double scaled = std::min(delay * time_scale_, kLongest);
-  delivery.source = g_timeout_add(static_cast<guint>(scaled), OnTime, &delivery);
-}
-
-int DeliveryQueue::OnTime(void* data) {
-  auto* delivery = static_cast<Delivery*>(data);
-  DeliveryQueue* queue = delivery->queue;
-  if (!queue->Advance(*delivery, true)) {
-    queue->deliveries_.erase(delivery->self);
-  }
-  return G_SOURCE_REMOVE;
 }
 
 }  // namespace sim

@@ -13,6 +13,7 @@
 
 #include "protocol/parcel.h"
 #include "scenario/scenario.h"
+#include "service/event_source.h"
 
 namespace sim {
 
@@ -28,9 +29,9 @@ struct TimedParcel {
  */
 class DeliveryQueue {
  public:
-  /** `stub` must outlive the queue; `time_scale` is what delays are multiplied by. */
-  DeliveryQueue(rpc_port_stub_h stub, double time_scale);
-  ~DeliveryQueue();
+  /** Both must outlive the queue. */
+  DeliveryQueue(rpc_port_stub_h stub, const Scenario& scenario)
+      : stub_(stub), scenario_(scenario) {}
   DeliveryQueue(const DeliveryQueue&) = delete;
   DeliveryQueue& operator=(const DeliveryQueue&) = delete;
 
@@ -47,27 +48,22 @@ class DeliveryQueue {
     std::string raw;               // kSendRaw
   };
   struct Delivery {
-    DeliveryQueue* queue = nullptr;
     std::string instance;
     rpc_port_port_type_e port = RPC_PORT_PORT_MAIN;
     std::deque<Step> steps;
-    unsigned source = 0;
-    std::list<Delivery>::iterator self;
+    EventSource timer;
   };
 
   static std::deque<Step> Plan(rpc_port_port_type_e port, const MethodScript& script,
                                std::vector<TimedParcel> messages);
   static void AddFaulty(Fault fault, const MethodScript& script, Parcel parcel,
                         std::deque<Step>* steps);
-  static int OnTime(void* data);
-
   /** Takes steps until one has to wait; false when the delivery is over. */
-  bool Advance(Delivery& delivery, bool from_loop);
+  bool Advance(std::list<Delivery>::iterator delivery, bool from_loop);
   bool Take(const Delivery& delivery, const Step& step);
-  void Wait(Delivery& delivery, std::int32_t delay);
 
   rpc_port_stub_h stub_;
-  double time_scale_;
+  const Scenario& scenario_;
   std::list<Delivery> deliveries_;
 };
 

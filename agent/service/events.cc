@@ -10,7 +10,7 @@
 #include <memory>
 #include <stdexcept>
 
-#include "protocol/parcel.h"
+#include "common/platform_error.h"
 #include "service/log_tag.h"
 
 namespace sim {

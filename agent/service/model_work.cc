@@ -2,7 +2,6 @@
 #include "service/model_work.h"
 
 #include <dlog.h>
-#include <glib.h>
 
 #include <exception>
 #include <utility>
@@ -25,45 +24,30 @@ bool IsAt(const std::optional<WorkPoint>& point, std::int32_t model, std::int32_
 ModelWork::ModelWork(const Scenario& scenario, ModelStore& store, DeliveryQueue& deliveries)
     : scenario_(scenario), store_(store), deliveries_(deliveries) {}
 
-ModelWork::~ModelWork() {
-  for (const Operation& operation : operations_) {
-    if (operation.source != 0) {
-      g_source_remove(operation.source);
-    }
-  }
-}
-
 void ModelWork::Begin(const std::string& instance, const Request& request) {
   const auto self = operations_.emplace(operations_.end());
-  self->work = this;
   self->instance = instance;
   self->request = request;
   self->script = &scenario_.Script(request.method);
-  self->self = self;
-  Schedule(*self, self->script->delay);
+  Schedule(self, self->script->delay);
 }
 
-void ModelWork::Schedule(Operation& operation, std::int32_t delay) {
-  const double scaled = delay * scenario_.time_scale;
-  operation.source = g_timeout_add(static_cast<guint>(scaled), OnTime, &operation);
+void ModelWork::Schedule(Position operation, std::int32_t delay) {
+  operation->timer.After(scenario_.Scaled(delay), [this, operation] { GoOn(operation); });
 }
 
-int ModelWork::OnTime(void* data) {
-  auto* operation = static_cast<Operation*>(data);
-  ModelWork* work = operation->work;
-  operation->source = 0;
+void ModelWork::GoOn(Position operation) {
   bool goes_on = false;
   try {
-    goes_on = work->Advance(*operation);
+    goes_on = Advance(*operation);
   } catch (const std::exception& error) {
     dlog_print(DLOG_ERROR, kLogTag, "model work ends: %s", error.what());
   }
   if (goes_on) {
-    work->Schedule(*operation, operation->script->pace);
+    Schedule(operation, operation->script->pace);
   } else {
-    work->operations_.erase(operation->self);
+    operations_.erase(operation);
   }
-  return G_SOURCE_REMOVE;
 }
 
 bool ModelWork::Advance(Operation& operation) {

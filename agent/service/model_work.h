@@ -10,6 +10,7 @@
 #include "protocol/messages.h"
 #include "scenario/scenario.h"
 #include "service/delivery.h"
+#include "service/event_source.h"
 #include "service/model_store.h"
 
 namespace sim {
@@ -24,7 +25,6 @@ class ModelWork {
  public:
   /** All must outlive the work. */
   ModelWork(const Scenario& scenario, ModelStore& store, DeliveryQueue& deliveries);
-  ~ModelWork();
   ModelWork(const ModelWork&) = delete;
   ModelWork& operator=(const ModelWork&) = delete;
 
@@ -33,7 +33,6 @@ class ModelWork {
 
  private:
   struct Operation {
-    ModelWork* work = nullptr;
     std::string instance;
     Request request;
     const MethodScript* script = nullptr;
@@ -42,15 +41,16 @@ class ModelWork {
     std::optional<ModelCopy> copy;
     std::optional<ProgressStep> held;  // where messages change places
     bool reported = false;
-    unsigned source = 0;
-    std::list<Operation>::iterator self;
+    EventSource timer;
 
     std::int32_t count() const { return static_cast<std::int32_t>(request.models.models.size()); }
     bool updates() const { return request.method == Method::kRequestToUpdate; }
   };
 
-  static int OnTime(void* data);
-  void Schedule(Operation& operation, std::int32_t delay);
+  using Position = std::list<Operation>::iterator;
+
+  void Schedule(Position operation, std::int32_t delay);
+  void GoOn(Position operation);
 
   /** Does the next part; false when the work is over. */
   bool Advance(Operation& operation);

@@ -2,37 +2,22 @@
 #include "service/update_runner.h"
 
 #include <dlog.h>
-#include <glib.h>
-#include <package_desktop.h>
-#include <package_info.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <exception>
-#include <memory>
 #include <utility>
 
-#include "protocol/parcel.h"
+#include "common/platform_error.h"
 #include "service/bus_barrier.h"
 #include "service/events.h"
 #include "service/log_tag.h"
-#include "world/world.h"
+#include "service/packages.h"
 
 namespace sim {
 namespace {
-
-std::string InstalledVersion(const std::string& id) {
-  package_info_h opened = nullptr;
-  Check(package_info_create(id.c_str(), &opened), "cannot look up the agent's package");
-  const std::unique_ptr<package_info_s, decltype(&package_info_destroy)> info(opened,
-                                                                              package_info_destroy);
-  char* version = nullptr;
-  Check(package_info_get_version(opened, &version), "cannot tell the agent's version");
-  const std::unique_ptr<char, decltype(&free)> owner(version, free);
-  return version;
-}
 
 /** The version with its last number one higher; a further number where there is none. */
 std::string NextVersion(const std::string& version) {
@@ -61,14 +46,6 @@ UpdateRunner::UpdateRunner(const Scenario& scenario, std::string journal_file,
                            std::function<void()> replace)
     : scenario_(scenario), journal_file_(std::move(journal_file)), replace_(std::move(replace)) {}
 
-UpdateRunner::~UpdateRunner() {
-  for (const Sequence& sequence : sequences_) {
-    if (sequence.source != 0) {
-      g_source_remove(sequence.source);
-    }
-  }
-}
-
 void UpdateRunner::Close() {
   stopped_ = true;
   if (!journal_file_.empty()) {
@@ -92,21 +69,13 @@ Steps UpdateRunner::StepsOf(const JournalEntry& entry) const {
   return steps;
 }
 
-UpdateRunner::Sequence& UpdateRunner::Add(JournalEntry entry, Done done) {
+UpdateRunner::Position UpdateRunner::Add(JournalEntry entry, Done done) {
   Steps steps = StepsOf(entry);
-  const auto self = sequences_.emplace(sequences_.end());
-  self->runner = this;
-  self->steps = std::move(steps);
-  self->entry = std::move(entry);
-  self->done = std::move(done);
-  self->self = self;
-  return *self;
-}
-
-UpdateRunner::Sequence* UpdateRunner::Find(const std::string& id) {
-  const auto found = std::find_if(sequences_.begin(), sequences_.end(),
-                                  [&](const Sequence& each) { return each.entry.id == id; });
-  return found == sequences_.end() ? nullptr : &*found;
+  const auto sequence = sequences_.emplace(sequences_.end());
+  sequence->steps = std::move(steps);
+  sequence->entry = std::move(entry);
+  sequence->done = std::move(done);
+  return sequence;
 }
 
 void UpdateRunner::Resume() {
@@ -161,7 +130,9 @@ void UpdateRunner::Run(const std::string& id, const std::string& document, Done 
     ended_.erase(ended);
     return;
   }
-  if (Sequence* known = Find(id)) {
+  const auto known = std::find_if(sequences_.begin(), sequences_.end(),
+                                  [&](const Sequence& each) { return each.entry.id == id; });
+  if (known != sequences_.end()) {
     known->done = std::move(done);
     return;
   }
@@ -171,27 +142,23 @@ void UpdateRunner::Run(const std::string& id, const std::string& document, Done 
   Schedule(Add(std::move(entry), std::move(done)), 0);
 }
 
-void UpdateRunner::Schedule(Sequence& sequence, std::int32_t delay) {
-  const double scaled = delay * scenario_.time_scale;
-  sequence.source = g_timeout_add(static_cast<guint>(scaled), OnTime, &sequence);
+void UpdateRunner::Schedule(Position sequence, std::int32_t delay) {
+  sequence->timer.After(scenario_.Scaled(delay), [this, sequence] { GoOn(sequence); });
 }
 
-int UpdateRunner::OnTime(void* data) {
-  auto* sequence = static_cast<Sequence*>(data);
-  sequence->source = 0;
+void UpdateRunner::GoOn(Position sequence) {
   try {
-    sequence->runner->Advance(*sequence);
+    Advance(sequence);
   } catch (const std::exception& error) {
     dlog_print(DLOG_ERROR, kLogTag, "an update ends: %s", error.what());
-    sequence->runner->Finish(*sequence, error.what());
+    Finish(sequence, error.what());
   }
-  return G_SOURCE_REMOVE;
 }
 
-void UpdateRunner::Advance(Sequence& sequence) {
-  while (!stopped_ && sequence.entry.next < sequence.steps.size()) {
+void UpdateRunner::Advance(Position sequence) {
+  while (!stopped_ && sequence->entry.next < sequence->steps.size()) {
     Note(false);
-    const Step& step = sequence.steps[sequence.entry.next++];
+    const Step& step = sequence->steps[sequence->entry.next++];
     if (!Take(sequence, step)) {
       return;
     }
@@ -201,11 +168,11 @@ void UpdateRunner::Advance(Sequence& sequence) {
   }
 }
 
-bool UpdateRunner::Take(Sequence& sequence, const Step& step) {
+bool UpdateRunner::Take(Position sequence, const Step& step) {
   const std::string& id = scenario_.agent.package.id;
   switch (step.action) {
     case Step::Action::kBroadcast:
-      Publish(id, step.broadcast, sequence.entry.agents);
+      Publish(id, step.broadcast, sequence->entry.agents);
       return true;
     case Step::Action::kWait:
       Schedule(sequence, step.wait);
@@ -223,8 +190,8 @@ bool UpdateRunner::Take(Sequence& sequence, const Step& step) {
       return false;
     case Step::Action::kKill:
       AwaitBusPeers(id);
-      if (sequence.done) {
-        sequence.done("");
+      if (sequence->done) {
+        sequence->done("");
       }
       raise(SIGKILL);
       return false;
@@ -235,17 +202,16 @@ bool UpdateRunner::Take(Sequence& sequence, const Step& step) {
 void UpdateRunner::Install(const std::string& version) const {
   Package package = scenario_.agent.package;
   package.version = version.empty() ? NextVersion(InstalledVersion(package.id)) : version;
-  const char* folder = getenv("VELMORA_PACKAGE_DIR");
-  Check(package_desktop_install(folder, package.id.c_str(), KeyFileOf(package).c_str()),
+  Check(InstallPackage(getenv("VELMORA_PACKAGE_DIR"), package),
         "cannot install the agent's package");
 }
 
-void UpdateRunner::Finish(Sequence& sequence, const std::string& problem) {
-  const Done done = std::move(sequence.done);
-  if (!done && !sequence.entry.id.empty()) {
-    ended_[sequence.entry.id] = problem;
+void UpdateRunner::Finish(Position sequence, const std::string& problem) {
+  const Done done = std::move(sequence->done);
+  if (!done && !sequence->entry.id.empty()) {
+    ended_[sequence->entry.id] = problem;
   }
-  sequences_.erase(sequence.self);
+  sequences_.erase(sequence);
   Note(false);
   if (done) {
     done(problem);

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "scenario/scenario.h"
+#include "service/event_source.h"
 #include "service/journal.h"
 
 namespace sim {
@@ -31,7 +32,6 @@ class UpdateRunner {
    * `replace` ends this process's main loop.
    */
   UpdateRunner(const Scenario& scenario, std::string journal_file, std::function<void()> replace);
-  ~UpdateRunner();
   UpdateRunner(const UpdateRunner&) = delete;
   UpdateRunner& operator=(const UpdateRunner&) = delete;
 
@@ -52,27 +52,25 @@ class UpdateRunner {
 
  private:
   struct Sequence {
-    UpdateRunner* runner = nullptr;
     JournalEntry entry;
     Steps steps;
     Done done;
-    unsigned source = 0;
-    std::list<Sequence>::iterator self;
+    EventSource timer;
   };
+  using Position = std::list<Sequence>::iterator;
 
   Steps StepsOf(const JournalEntry& entry) const;
-  Sequence& Add(JournalEntry entry, Done done);
+  Position Add(JournalEntry entry, Done done);
   void Recover(const Journal& journal);
-  Sequence* Find(const std::string& id);
 
-  void Schedule(Sequence& sequence, std::int32_t delay);
-  static int OnTime(void* data);
-  void Advance(Sequence& sequence);
+  void Schedule(Position sequence, std::int32_t delay);
+  void GoOn(Position sequence);
+  void Advance(Position sequence);
 
   /** Takes a step; false if the sequence goes on later, or not in this process. */
-  bool Take(Sequence& sequence, const Step& step);
+  bool Take(Position sequence, const Step& step);
   void Install(const std::string& version) const;
-  void Finish(Sequence& sequence, const std::string& problem);
+  void Finish(Position sequence, const std::string& problem);
   void Note(bool replaced) const;
 
   const Scenario& scenario_;

@@ -2,21 +2,19 @@
 #include "world/world.h"
 
 #include <errno.h>
-#include <glib.h>
-#include <package_desktop.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 
 #include <cstdio>
 #include <filesystem>
-#include <memory>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
 
+#include "common/platform_error.h"
 #include "common/report.h"
-#include "protocol/parcel.h"
 #include "service/control.h"
+#include "service/packages.h"
 
 namespace sim {
 namespace {
@@ -49,17 +47,6 @@ void MakeRemovable(const std::string& folder) {
   }
 }
 
-using KeyFile = std::unique_ptr<GKeyFile, decltype(&g_key_file_unref)>;
-
-void SetList(GKeyFile* file, const char* group, const char* key,
-             const std::vector<std::string>& texts) {
-  std::vector<const char*> pointers;
-  for (const std::string& text : texts) {
-    pointers.push_back(text.c_str());
-  }
-  g_key_file_set_string_list(file, group, key, pointers.data(), pointers.size());
-}
-
 }  // namespace
 
 std::string MakeWorldFolder() {
@@ -86,21 +73,6 @@ bool RemoveTree(const std::string& folder) {
     MakeRemovable(folder);
   }
   return false;
-}
-
-std::string KeyFileOf(const Package& package) {
-  const KeyFile file(g_key_file_new(), g_key_file_unref);
-  g_key_file_set_string(file.get(), "Package", "Version", package.version.c_str());
-  if (package.clients) {
-    SetList(file.get(), "Package", "Clients", *package.clients);
-  }
-  const std::string application = "Application " + package.id;
-  for (const auto& [key, value] : package.metadata) {
-    g_key_file_set_string(file.get(), application.c_str(), key.c_str(), value.c_str());
-  }
-  const std::unique_ptr<char, decltype(&g_free)> text(
-      g_key_file_to_data(file.get(), nullptr, nullptr), g_free);
-  return text.get();
 }
 
 World::World(const Scenario& scenario, const std::string& folder) : folder_(folder) {
@@ -133,7 +105,7 @@ void World::Furnish(const Scenario& scenario) {
 
 void World::Install(const Package& package) const {
   const std::string packages = folder_ + "/packages";
-  Check(package_desktop_install(packages.c_str(), package.id.c_str(), KeyFileOf(package).c_str()),
+  Check(InstallPackage(packages.c_str(), package),
         ("cannot install the package " + package.id).c_str());
 }
 

@@ -65,9 +65,6 @@ std::system_error NoWorldFolder(int reason);
 /** Removes a folder with all that is in it, even while others write there. False if it remains. */
 bool RemoveTree(const std::string& folder);
 
-/** The text of a package's key file. */
-std::string KeyFileOf(const Package& package);
-
 }  // namespace sim
 
 #endif  // AGENT_WORLD_WORLD_H

@@ -7,6 +7,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "service/event_source.h"
+
 namespace {
 constexpr guint kPatienceMs = 60000;
 }
@@ -32,17 +34,11 @@ void RawClient::Connect() {
 
 bool RawClient::Await(const std::function<bool()>& condition) {
   bool late = false;
-  const guint timer = g_timeout_add(
-      kPatienceMs,
-      [](gpointer data) -> gboolean {
-        *static_cast<bool*>(data) = true;
-        return G_SOURCE_CONTINUE;
-      },
-      &late);
+  sim::EventSource limit;
+  limit.After(kPatienceMs, [&] { late = true; });
   while (!late && !condition()) {
     g_main_context_iteration(nullptr, TRUE);
   }
-  g_source_remove(timer);
   return condition();
 }
 
