@@ -8,6 +8,8 @@
 #include <thread>
 #include <vector>
 
+#include "forks.h"
+
 namespace rpc_port_desktop {
 
 // The callbacks of one event, in the order in which they were added. They may be added to while
@@ -15,6 +17,9 @@ namespace rpc_port_desktop {
 template <typename Function>
 class CallbackList {
  public:
+  // With room for the first callback: those who add just one need not expect to fail.
+  CallbackList() { entries_.reserve(1); }
+
   struct Entry {
     Function function;
     void* data;
@@ -36,7 +41,8 @@ class CallbackList {
   std::vector<Entry> entries_;
 };
 
-// Ends the callbacks of an object that any thread may destroy, also inside one of them.
+// Ends the callbacks of an object that any thread may destroy, also inside one of them. In a child
+// that was forked inside one, no other begins.
 class CallbackGate {
  public:
   // Held while a callback runs; false if none may run any more.
@@ -75,7 +81,7 @@ class CallbackGate {
  private:
   bool Enter() {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (closed_) return false;
+    if (closed_ || birth_.IsInherited()) return false;
     ++running_;
     running_on_ = std::this_thread::get_id();
     return true;
@@ -88,6 +94,7 @@ class CallbackGate {
     idle_.notify_all();
   }
 
+  const Birth birth_;
   std::mutex mutex_;  // guards the rest
   std::condition_variable idle_;
   std::thread::id running_on_;

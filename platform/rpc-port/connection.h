@@ -18,10 +18,10 @@ struct Connection {
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
-  // Lets applications use the streams.
+  // Lets applications use the streams. To be repeated if it throws.
   void Publish() {
-    main_port = Handles<Stream>::Get().Add(main);
-    callback_port = Handles<Stream>::Get().Add(callback);
+    if (main_port == nullptr) main_port = Handles<Stream>::Get().Add(main);
+    if (callback_port == nullptr) callback_port = Handles<Stream>::Get().Add(callback);
   }
 
   // What its streams showed when this dispatch began.

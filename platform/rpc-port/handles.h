@@ -5,8 +5,9 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <unordered_map>
+
+#include "forks.h"
 
 namespace rpc_port_desktop {
 
@@ -14,7 +15,8 @@ namespace rpc_port_desktop {
 inline std::atomic<uintptr_t> last_handle{0};
 
 // The handles of one type of object. A handle is a number, not an address: one that has outlived
-// its object, or belongs to another type, is recognised, and touches no memory.
+// its object, belongs to another type or was inherited by a fork is recognised, and touches no
+// memory.
 template <typename Object>
 class Handles {
  public:
@@ -26,31 +28,42 @@ class Handles {
 
   void* Add(std::shared_ptr<Object> object) {
     const uintptr_t handle = ++last_handle;
-    std::lock_guard<std::mutex> lock(mutex_);
-    objects_.emplace(handle, std::move(object));
+    std::lock_guard<std::mutex> lock(fork_mutex);
+    objects_.emplace(handle, Entry{std::move(object), {}});
     return reinterpret_cast<void*>(handle);
   }
 
   // Null if the handle is not, or no longer, one of these.
   std::shared_ptr<Object> Find(void* handle) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    const auto found = objects_.find(reinterpret_cast<uintptr_t>(handle));
-    return found == objects_.end() ? nullptr : found->second;
+    std::lock_guard<std::mutex> lock(fork_mutex);
+    const auto found = FindEntry(handle);
+    return found == objects_.end() ? nullptr : found->second.object;
   }
 
   // Makes the handle invalid; null if it was.
   std::shared_ptr<Object> Remove(void* handle) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    const auto found = objects_.find(reinterpret_cast<uintptr_t>(handle));
+    std::lock_guard<std::mutex> lock(fork_mutex);
+    const auto found = FindEntry(handle);
     if (found == objects_.end()) return nullptr;
-    std::shared_ptr<Object> object = std::move(found->second);
+    std::shared_ptr<Object> object = std::move(found->second.object);
     objects_.erase(found);
     return object;
   }
 
  private:
-  std::mutex mutex_;  // guards the objects
-  std::unordered_map<uintptr_t, std::shared_ptr<Object>> objects_;
+  struct Entry {
+    std::shared_ptr<Object> object;
+    Birth birth;
+  };
+  using Entries = std::unordered_map<uintptr_t, Entry>;
+
+  typename Entries::iterator FindEntry(void* handle) {
+    const auto found = objects_.find(reinterpret_cast<uintptr_t>(handle));
+    const bool inherited = found != objects_.end() && found->second.birth.IsInherited();
+    return inherited ? objects_.end() : found;
+  }
+
+  Entries objects_;  // guarded by fork_mutex
 };
 
 }  // namespace rpc_port_desktop

@@ -5,45 +5,72 @@
 #include <atomic>
 #include <new>
 
+#include "forks.h"
+
 namespace rpc_port_desktop {
 namespace {
 
 using WeakHandler = std::weak_ptr<LoopSource::Handler>;
 
+constexpr gint64 kRest = G_USEC_PER_SEC / 10;
+
+// What a source is attached for.
+struct Attachment {
+  WeakHandler handler;
+  LoopSource* source;  // there as long as the handler is
+  Birth birth;
+};
+
 // GLib allocates the record and releases it; it is zeroed until Attach. The pointer is atomic
 // because the source may be attached by one thread and dispatched by another.
 struct SourceRecord {
   GSource base;
-  std::atomic<WeakHandler*> handler;
+  std::atomic<Attachment*> attachment;
 };
 
-std::shared_ptr<LoopSource::Handler> HandlerOf(GSource* source) {
-  WeakHandler* handler = reinterpret_cast<SourceRecord*>(source)->handler.load();
-  return handler == nullptr ? nullptr : handler->lock();
-}
+}  // namespace
 
-gboolean Prepare(GSource* source, gint* timeout) {
-  *timeout = -1;
-  const auto handler = HandlerOf(source);
-  return handler && handler->HasWork() ? TRUE : FALSE;
-}
-
-gboolean Dispatch(GSource* source, GSourceFunc, gpointer) {
-  const auto handler = HandlerOf(source);
-  if (!handler) return G_SOURCE_REMOVE;
-  try {
-    handler->Dispatch();
-  } catch (const std::bad_alloc&) {
-    // What could not be done now is found again by the next dispatch.
+// What the main loop calls.
+struct SourceCalls {
+  static Attachment* Of(GSource* source) {
+    return reinterpret_cast<SourceRecord*>(source)->attachment.load();
   }
-  return G_SOURCE_CONTINUE;
-}
 
-void Finalize(GSource* source) {
-  delete reinterpret_cast<SourceRecord*>(source)->handler.exchange(nullptr);
-}
+  static gboolean Prepare(GSource* source, gint* timeout) {
+    *timeout = -1;
+    const Attachment* const attachment = Of(source);
+    if (attachment == nullptr) return FALSE;
+    // Dispatched once more, to be dropped.
+    if (attachment->birth.IsInherited()) return TRUE;
+    const auto handler = attachment->handler.lock();
+    return handler && !attachment->source->resting_ && handler->HasWork() ? TRUE : FALSE;
+  }
 
-GSourceFuncs source_functions = {Prepare, nullptr, Dispatch, Finalize, nullptr, nullptr};
+  static gboolean Dispatch(GSource* source, GSourceFunc, gpointer) {
+    const Attachment* const attachment = Of(source);
+    if (attachment == nullptr || attachment->birth.IsInherited()) return G_SOURCE_REMOVE;
+    const auto handler = attachment->handler.lock();
+    if (!handler) return G_SOURCE_REMOVE;
+    LoopSource* const self = attachment->source;
+    // What the descriptors show now, the next turn of the loop tells.
+    if (self->EndRest()) return G_SOURCE_CONTINUE;
+    try {
+      handler->Dispatch();
+    } catch (const std::bad_alloc&) {
+      self->Rest();
+    }
+    return G_SOURCE_CONTINUE;
+  }
+
+  static void Finalize(GSource* source) {
+    delete reinterpret_cast<SourceRecord*>(source)->attachment.exchange(nullptr);
+  }
+};
+
+namespace {
+
+GSourceFuncs source_functions = {SourceCalls::Prepare,  nullptr, SourceCalls::Dispatch,
+                                 SourceCalls::Finalize, nullptr, nullptr};
 
 }  // namespace
 
@@ -59,7 +86,8 @@ LoopSource::~LoopSource() {
 void LoopSource::Attach(WeakHandler handler) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (destroyed_) return;
-  reinterpret_cast<SourceRecord*>(source_)->handler = new WeakHandler(std::move(handler));
+  reinterpret_cast<SourceRecord*>(source_)->attachment =
+      new Attachment{std::move(handler), this, {}};
   g_source_attach(source_, nullptr);
 }
 
@@ -81,7 +109,8 @@ void LoopSource::Watch(int fd, GIOCondition events) {
   if (destroyed_) return;
   auto watched = Find(fd);
   if (watched == watched_.end()) {
-    watched_.push_back({fd, events, g_source_add_unix_fd(source_, fd, events)});
+    watched_.push_back({fd, events, /*paused=*/false, nullptr});
+    Arm(&watched_.back());
   } else if (watched->events != events) {
     watched->events = events;
     if (watched->tag != nullptr) g_source_modify_unix_fd(source_, watched->tag, events);
@@ -119,19 +148,53 @@ std::pair<unsigned, unsigned> LoopSource::Events(int first_fd, int second_fd) {
   return {EventsOf(first_fd), EventsOf(second_fd)};
 }
 
+// Needs the mutex, as does the next one. Has the descriptor polled, or not.
+void LoopSource::Arm(Watched* watched) {
+  const bool wanted = !watched->paused && !resting_;
+  if (wanted && watched->tag == nullptr) {
+    watched->tag = g_source_add_unix_fd(source_, watched->fd, watched->events);
+  } else if (!wanted && watched->tag != nullptr) {
+    g_source_remove_unix_fd(source_, std::exchange(watched->tag, nullptr));
+  }
+}
+
+void LoopSource::SetReadyTime() {
+  if (!destroyed_) g_source_set_ready_time(source_, resting_ ? end_of_rest_ : deadline_);
+}
+
 void LoopSource::Pause(int fd) {
   std::lock_guard<std::mutex> lock(mutex_);
   const auto watched = Find(fd);
-  if (watched == watched_.end() || watched->tag == nullptr) return;
-  g_source_remove_unix_fd(source_, watched->tag);
-  watched->tag = nullptr;
+  if (watched == watched_.end()) return;
+  watched->paused = true;
+  Arm(&*watched);
 }
 
 void LoopSource::Resume(int fd) {
   std::lock_guard<std::mutex> lock(mutex_);
   const auto watched = Find(fd);
-  if (watched == watched_.end() || watched->tag != nullptr) return;
-  watched->tag = g_source_add_unix_fd(source_, fd, watched->events);
+  if (watched == watched_.end()) return;
+  watched->paused = false;
+  Arm(&*watched);
+}
+
+void LoopSource::Rest() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (destroyed_ || resting_) return;
+  resting_ = true;
+  end_of_rest_ = g_get_monotonic_time() + kRest;
+  for (Watched& watched : watched_) Arm(&watched);
+  SetReadyTime();
+}
+
+// False if it did not rest.
+bool LoopSource::EndRest() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (destroyed_ || !resting_) return false;
+  resting_ = false;
+  for (Watched& watched : watched_) Arm(&watched);
+  SetReadyTime();
+  return true;
 }
 
 bool LoopSource::StandBack() {
@@ -141,6 +204,10 @@ bool LoopSource::StandBack() {
   return true;
 }
 
-void LoopSource::SetDeadline(gint64 time) { g_source_set_ready_time(source_, time); }
+void LoopSource::SetDeadline(gint64 time) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  deadline_ = time;
+  SetReadyTime();
+}
 
 }  // namespace rpc_port_desktop

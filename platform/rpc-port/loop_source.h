@@ -4,6 +4,7 @@
 
 #include <glib.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -24,6 +25,7 @@ class LoopSource {
     virtual ~Handler() = default;
     // Whether there is work that no descriptor shows.
     virtual bool HasWork() { return false; }
+    // If it throws std::bad_alloc, the source rests.
     virtual void Dispatch() = 0;
   };
 
@@ -32,7 +34,8 @@ class LoopSource {
   LoopSource(const LoopSource&) = delete;
   LoopSource& operator=(const LoopSource&) = delete;
 
-  // Starts to call the handler, which is kept alive during its calls, not between them.
+  // Starts to call the handler, which is kept alive during its calls, not between them, and has to
+  // keep the source.
   void Attach(std::weak_ptr<Handler> handler);
   // Ends all calls that have not begun yet; the descriptors may be closed now.
   void Destroy();
@@ -55,20 +58,34 @@ class LoopSource {
   // Calls the handler at this time of the monotonic clock, in microseconds; never if negative.
   void SetDeadline(gint64 time);
 
+  // Does nothing for a while, for want of something that the next moment will not bring either, and
+  // then looks at everything again. Trying at once would only burn time.
+  void Rest();
+
  private:
+  friend struct SourceCalls;
+
   struct Watched {
     int fd;
     GIOCondition events;
-    gpointer tag;  // null while paused
+    bool paused;
+    gpointer tag;  // null while paused, and while the source rests
   };
 
   std::vector<Watched>::iterator Find(int fd);
   unsigned EventsOf(int fd);
+  void Arm(Watched* watched);
+  void SetReadyTime();
+  bool EndRest();
 
   GSource* const source_;
   std::mutex mutex_;  // guards the rest
   std::vector<Watched> watched_;
   bool destroyed_ = false;
+  gint64 deadline_ = -1;
+  gint64 end_of_rest_ = -1;
+  // Written under the mutex.
+  std::atomic<bool> resting_{false};
 };
 
 }  // namespace rpc_port_desktop

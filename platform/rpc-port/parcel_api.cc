@@ -47,7 +47,7 @@ int rpc_port_parcel_create_from_port(rpc_port_parcel_h* h, rpc_port_h port) {
     const auto stream = Handles<Stream>::Get().Find(port);
     if (!stream) return kInvalidParameter;
     // Not make_unique, which would zero it.
-    std::unique_ptr<Parcel> parcel(new Parcel);
+    std::unique_ptr<Parcel> parcel(new (std::nothrow) Parcel);
     const int result = stream->Receive(parcel.get());
     if (result == kOk) *h = parcel.release();
     return result;

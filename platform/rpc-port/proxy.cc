@@ -45,9 +45,11 @@ int Proxy::Connect(const std::string& app_id, const std::string& port_name) {
     if (state_ != State::kIdle) return kInvalidParameter;
     state_ = State::kStarting;
   }
-  app_id_ = app_id;
-  port_name_ = port_name;
-  const int result = Start();
+  const int result = Guarded([&] {
+    app_id_ = app_id;
+    port_name_ = port_name;
+    return Start();
+  });
   if (result != kOk) Become(State::kIdle);
   return result;
 }
@@ -105,7 +107,11 @@ void Proxy::Emit(CallbackList<Function>* list, Wanted wanted, Arguments... argum
   });
 }
 
-bool Proxy::HasWork() { return state() == State::kConnected && pump_->HasWork(); }
+bool Proxy::HasWork() {
+  const State now = state();
+  return now == State::kConnecting ? verdict_.has_value()
+                                   : now == State::kConnected && pump_->HasWork();
+}
 
 void Proxy::Dispatch() {
   switch (state()) {
@@ -119,21 +125,24 @@ void Proxy::Dispatch() {
 }
 
 void Proxy::AwaitVerdict() {
+  if (verdict_) return OnVerdict();
   Stream& main = *connection_->main;
   const bool callback_is_gone = Connection::HungUp(connection_->Look().callback);
   main.Fill();
   Parcel message;
-  if (main.Take(&message)) {
-    OnVerdict(&message);
-  } else if (main.ended() || callback_is_gone) {
-    Lose();
+  if (!main.Take(&message)) {
+    if (main.ended() || callback_is_gone) Lose();
+    return;
   }
+  Verdict verdict;
+  if (!ReadVerdict(&message, &verdict)) return Lose();
+  verdict_ = verdict;
+  OnVerdict();
 }
 
-void Proxy::OnVerdict(Parcel* message) {
-  Verdict verdict;
-  if (!ReadVerdict(message, &verdict)) return Lose();
-  if (verdict == Verdict::kRejected) {
+// To be repeated if memory is short.
+void Proxy::OnVerdict() {
+  if (verdict_ == Verdict::kRejected) {
     if (!Become(State::kGone)) return;
     connection_->End();
     return Emit(&rejected_callbacks, Always);

@@ -6,10 +6,12 @@
 
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "callbacks.h"
 #include "connection.h"
+#include "handshake.h"
 #include "message_pump.h"
 
 namespace rpc_port_desktop {
@@ -40,7 +42,7 @@ class Proxy final : public LoopSource::Handler, public std::enable_shared_from_t
 
   int Start();
   void AwaitVerdict();
-  void OnVerdict(Parcel* message);
+  void OnVerdict();
   void OnReadable();
   void Lose();
   State state();
@@ -61,6 +63,10 @@ class Proxy final : public LoopSource::Handler, public std::enable_shared_from_t
   std::string port_name_;
   std::unique_ptr<Connection> connection_;
   std::unique_ptr<MessagePump> pump_;
+
+  // For the main loop's thread: the server's answer, as long as there is something to be done
+  // about it.
+  std::optional<Verdict> verdict_;
 };
 
 }  // namespace rpc_port_desktop

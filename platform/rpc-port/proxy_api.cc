@@ -12,7 +12,9 @@ using rpc_port_desktop::Guarded;
 using rpc_port_desktop::Handles;
 using rpc_port_desktop::IsId;
 using rpc_port_desktop::kInvalidParameter;
+using rpc_port_desktop::kIoError;
 using rpc_port_desktop::kOk;
+using rpc_port_desktop::kPermissionDenied;
 using rpc_port_desktop::Proxy;
 
 int rpc_port_proxy_create(rpc_port_proxy_h* h) {
@@ -32,10 +34,14 @@ int rpc_port_proxy_destroy(rpc_port_proxy_h h) {
 
 int rpc_port_proxy_connect(rpc_port_proxy_h h, const char* appid, const char* port) {
   if (appid == nullptr || port == nullptr || !IsId(appid) || !IsId(port)) return kInvalidParameter;
-  return Guarded([&]() -> int {
+  const int result = Guarded([&]() -> int {
     const auto proxy = Handles<Proxy>::Get().Find(h);
     return proxy ? proxy->Connect(appid, port) : kInvalidParameter;
   });
+  // Callers know no other failures, and wait in vain for the events of an attempt that failed with
+  // one.
+  const bool known = result == kOk || result == kInvalidParameter || result == kPermissionDenied;
+  return known ? result : kIoError;
 }
 
 int rpc_port_proxy_add_connected_event_cb(rpc_port_proxy_h h, rpc_port_proxy_connected_event_cb cb,

@@ -14,6 +14,8 @@ namespace rpc_port_desktop {
 namespace {
 
 constexpr size_t kReadAhead = size_t{32} << 10;
+// How much of a message that is skipped is read at once.
+constexpr size_t kScratch = size_t{16} << 10;
 // From here on handing over the whole buffer is cheaper than copying the message out of it.
 constexpr size_t kHandOver = size_t{4} << 10;
 
@@ -38,7 +40,7 @@ ssize_t SendOnce(int fd, const uint8_t* bytes, size_t size) {
 Stream::Stream(UniqueFd socket, size_t max_content)
     : socket_(std::move(socket)), max_content_(max_content) {}
 
-// Needs read_mutex_, as do the next four.
+// Needs read_mutex_, as do all down to SkipFront.
 bool Stream::FrontIsWhole() {
   const size_t held = in_end_ - in_begin_;
   if (held < kPrefixSize) return false;
@@ -53,7 +55,7 @@ bool Stream::FrontIsWhole() {
 }
 
 // Makes room behind what is held: at least for the rest of the message at the front, whose buffer
-// then holds it and nothing else if it is a large one.
+// then holds it and nothing else if it is a large one. 0 if it is full of whole messages.
 size_t Stream::RoomToRead() {
   if (FrontIsWhole()) return in_.capacity() - in_end_;
   const size_t held = in_end_ - in_begin_;
@@ -64,7 +66,9 @@ size_t Stream::RoomToRead() {
     in_begin_ = 0;
     in_end_ = held;
   }
-  if (in_begin_ + message > in_.capacity() && !in_.Resize(std::max(message, kReadAhead))) return 0;
+  if (in_begin_ + message > in_.capacity() && !in_.Resize(std::max(message, kReadAhead))) {
+    throw std::bad_alloc();
+  }
   return in_.capacity() - in_end_;
 }
 
@@ -75,24 +79,22 @@ void Stream::Consume(size_t size) {
   if (in_.capacity() > kReadAhead) in_.Reset();
 }
 
+// The number of bytes that had arrived; what ends the stream shows as the end.
+ssize_t Stream::ReadSome(uint8_t* bytes, size_t size) {
+  ssize_t got;
+  do {
+    got = recv(fd(), bytes, size, MSG_DONTWAIT);
+  } while (got < 0 && errno == EINTR);
+  if (got == 0 || (got < 0 && errno != EAGAIN)) ended_ = true;
+  return got;
+}
+
 void Stream::ReadOnce() {
   if (ended_) return;
   const size_t room = RoomToRead();
-  if (ended_) return;
-  if (room == 0) {
-    // Full of whole messages that nobody has taken yet; or memory is short, which cannot be mended.
-    ended_ = !FrontIsWhole();
-    return;
-  }
-  ssize_t got;
-  do {
-    got = recv(fd(), in_.data() + in_end_, room, MSG_DONTWAIT);
-  } while (got < 0 && errno == EINTR);
-  if (got > 0) {
-    in_end_ += static_cast<size_t>(got);
-  } else if (got == 0 || errno != EAGAIN) {
-    ended_ = true;
-  }
+  if (ended_ || room == 0) return;
+  const ssize_t got = ReadSome(in_.data() + in_end_, room);
+  if (got > 0) in_end_ += static_cast<size_t>(got);
 }
 
 bool Stream::TakeFront(Parcel* parcel) {
@@ -111,6 +113,62 @@ bool Stream::TakeFront(Parcel* parcel) {
   return true;
 }
 
+// What Receive returns; none if it has to wait for more.
+std::optional<int> Stream::TryReceive(Parcel* parcel, bool readable) {
+  if (!skipped_) {
+    try {
+      if (parcel == nullptr) throw std::bad_alloc();
+      if (readable) ReadOnce();
+      if (TakeFront(parcel)) return kOk;
+    } catch (const std::bad_alloc&) {
+      if (keeps_) {
+        kept_ = taken_;
+        return kOutOfMemory;
+      }
+      skipped_.emplace();
+    }
+  }
+  if (skipped_ && SkipFront()) return kOutOfMemory;
+  if (ended_) return kIoError;
+  return std::nullopt;
+}
+
+// Drops the message as far as it has arrived; true once all of it is gone.
+bool Stream::SkipFront() {
+  uint8_t scratch[kScratch];
+  while (skipped_->left() > 0) {
+    const size_t held = std::min(in_end_ - in_begin_, skipped_->left());
+    if (held > 0) {
+      skipped_->Drop(in_.data() + in_begin_, held);
+      Consume(held);
+    } else if (!ended_) {
+      const ssize_t got = ReadSome(scratch, std::min(sizeof scratch, skipped_->left()));
+      if (got > 0) skipped_->Drop(scratch, static_cast<size_t>(got));
+      if (got <= 0) return false;
+    } else {
+      return false;
+    }
+    if (skipped_->is_longer_than(max_content_)) ended_ = true;
+  }
+  skipped_.reset();
+  ++taken_;
+  return true;
+}
+
+size_t Stream::Skipped::left() const {
+  const bool known = dropped_ >= kPrefixSize;
+  return kPrefixSize + (known ? LoadLe32(prefix_) : 0) - dropped_;
+}
+
+void Stream::Skipped::Drop(const uint8_t* bytes, size_t size) {
+  if (dropped_ < kPrefixSize) std::memcpy(prefix_ + dropped_, bytes, size);
+  dropped_ += size;
+}
+
+bool Stream::Skipped::is_longer_than(size_t max_content) const {
+  return dropped_ >= kPrefixSize && LoadLe32(prefix_) > max_content;
+}
+
 void Stream::Fill() {
   std::lock_guard<std::mutex> lock(read_mutex_);
   ReadOnce();
@@ -127,24 +185,30 @@ bool Stream::Take(Parcel* parcel) {
   return TakeFront(parcel);
 }
 
-void Stream::Discard(uint64_t number) {
+bool Stream::Discard(uint64_t number) {
   std::lock_guard<std::mutex> lock(read_mutex_);
-  if (taken_ != number || !FrontIsWhole()) return;
+  const bool is_kept = std::exchange(kept_, std::nullopt) == taken_;
+  if (taken_ != number || !FrontIsWhole()) return true;
+  if (is_kept) return false;
   Consume(kPrefixSize + LoadLe32(in_.data() + in_begin_));
   ++taken_;
+  return true;
 }
 
 int Stream::Receive(Parcel* parcel) {
   for (bool readable = false; !closed_; readable = true) {
     {
       std::lock_guard<std::mutex> lock(read_mutex_);
-      if (readable) ReadOnce();
-      if (TakeFront(parcel)) return kOk;
-      if (ended_) return kIoError;
+      if (const auto result = TryReceive(parcel, readable)) return *result;
     }
     WaitFor(fd(), POLLIN);
   }
   return kIoError;
+}
+
+void Stream::KeepWhatDoesNotFit() {
+  std::lock_guard<std::mutex> lock(read_mutex_);
+  keeps_ = true;
 }
 
 bool Stream::ended() {

@@ -2,12 +2,15 @@
 #ifndef RPC_PORT_STREAM_H_
 #define RPC_PORT_STREAM_H_
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <memory>
 #include <mutex>
 #include <optional>
 
 #include "byte_buffer.h"
+#include "forks.h"
 #include "loop_source.h"
 #include "parcel.h"
 #include "unique_fd.h"
@@ -16,6 +19,9 @@ namespace rpc_port_desktop {
 
 // One end of a stream of messages: a non-blocking socket with a read-ahead buffer and, on the
 // server's side, a queue of what the peer has not taken yet.
+//
+// When there is no memory for what has arrived, readers throw std::bad_alloc. It stays with the
+// kernel then, or in the buffer.
 //
 // Thread-safe. No lock is held while a reader waits, so that the main loop never waits for a thread
 // that is blocked on the same stream.
@@ -35,10 +41,15 @@ class Stream {
   std::optional<uint64_t> Front();
   // Moves the message at the front into the parcel; false if none is whole.
   bool Take(Parcel* parcel);
-  // Drops the message with this number, if it is still at the front.
-  void Discard(uint64_t number);
-  // Blocks for one whole message. Fails when the peer is gone and when the stream is closed.
+  // Drops the message with this number, if it is still at the front. False if it is kept, because a
+  // receiver had no memory for it.
+  bool Discard(uint64_t number);
+  // Blocks for one whole message. Fails when the peer is gone and when the stream is closed. Without
+  // memory for the message, as without a parcel, it fails too and skips the message: who waits for a
+  // reply must not find the reply to an earlier request.
   int Receive(Parcel* parcel);
+  // From now on a message that does not fit into memory is kept for another attempt.
+  void KeepWhatDoesNotFit();
   // The peer is gone or has broken the rules: nothing will arrive behind what is buffered.
   bool ended();
   void set_max_content(size_t max_content);
@@ -66,22 +77,42 @@ class Stream {
   bool FrontIsWhole();
   size_t RoomToRead();
   void Consume(size_t size);
+  ssize_t ReadSome(uint8_t* bytes, size_t size);
   void ReadOnce();
   bool TakeFront(Parcel* parcel);
+  std::optional<int> TryReceive(Parcel* parcel, bool readable);
+  bool SkipFront();
   int SendAll(const uint8_t* bytes, size_t size);
   int SendOrQueue(const uint8_t* bytes, size_t size);
   bool Enqueue(const uint8_t* bytes, size_t size);
 
-  const UniqueFd socket_;
+  // A message that is being dropped while it arrives.
+  class Skipped {
+   public:
+    // How much of it has to come, as far as is known; 0 once it is whole.
+    size_t left() const;
+    // Of what is left.
+    void Drop(const uint8_t* bytes, size_t size);
+    bool is_longer_than(size_t max_content) const;
+
+   private:
+    size_t dropped_ = 0;
+    uint8_t prefix_[kPrefixSize] = {};
+  };
+
+  const OwnFd socket_;
   std::atomic<bool> closed_{false};
 
-  std::mutex read_mutex_;  // guards the next six
+  std::mutex read_mutex_;  // guards the next nine
   size_t max_content_;
   ByteBuffer in_;
   size_t in_begin_ = 0;
   size_t in_end_ = 0;
   uint64_t taken_ = 0;
   bool ended_ = false;
+  bool keeps_ = false;
+  std::optional<uint64_t> kept_;  // the message that somebody had no memory for
+  std::optional<Skipped> skipped_;
 
   std::mutex write_mutex_;  // keeps messages whole, and guards the next four
   std::shared_ptr<LoopSource> write_source_;

@@ -20,7 +20,6 @@ namespace {
 constexpr size_t kMaxGuests = 256;
 // How many streams are accepted before the loop looks after the others.
 constexpr int kMaxAcceptedAtOnce = 32;
-constexpr gint64 kRest = G_USEC_PER_SEC / 10;
 
 }  // namespace
 
@@ -84,11 +83,6 @@ void Stub::SetAdmission(rpc_port_desktop_admission_cb callback, void* data) {
 }
 
 void Stub::Dispatch() {
-  if (resting_) {
-    resting_ = false;
-    source_->SetDeadline(-1);
-    source_->Resume(socket_->fd());
-  }
   for (int i = 0; i < kMaxAcceptedAtOnce && !gate_.closed() && Accept(); ++i) {
   }
 }
@@ -98,7 +92,8 @@ bool Stub::Accept() {
   UniqueFd socket(accept4(socket_->fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
   if (!socket) {
     if (errno == EINTR || errno == ECONNABORTED) return true;
-    if (errno != EAGAIN) RestFromAccepting();
+    // Without a free descriptor the socket stays readable.
+    if (errno != EAGAIN) source_->Rest();
     return false;
   }
   if (!PeerIsOwnUser(socket.get())) return true;
@@ -109,13 +104,6 @@ bool Stub::Accept() {
   // Its hello has nearly always arrived with it.
   guest->Dispatch();
   return true;
-}
-
-// Without a free descriptor the socket stays readable: watching it would keep the loop busy.
-void Stub::RestFromAccepting() {
-  resting_ = true;
-  source_->Pause(socket_->fd());
-  source_->SetDeadline(g_get_monotonic_time() + kRest);
 }
 
 void Stub::Dismiss(const StubGuest& guest) {

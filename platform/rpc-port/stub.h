@@ -50,7 +50,6 @@ class Stub final : public LoopSource::Handler, public std::enable_shared_from_th
 
  private:
   bool Accept();
-  void RestFromAccepting();
   void Pair(const std::shared_ptr<StubGuest>& first, const std::shared_ptr<StubGuest>& second);
   bool Admits(const Hello& hello);
   void Welcome(const std::shared_ptr<StubClient>& client);
@@ -61,7 +60,6 @@ class Stub final : public LoopSource::Handler, public std::enable_shared_from_th
   CallbackGate gate_;
   rpc_port_desktop_admission_cb admission_ = nullptr;
   void* admission_data_ = nullptr;
-  bool resting_ = false;
   std::unique_ptr<ServerSocket> socket_;
   std::unique_ptr<LoopSource> source_;
   std::vector<std::shared_ptr<StubGuest>> guests_;  // the oldest first

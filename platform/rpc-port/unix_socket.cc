@@ -57,7 +57,8 @@ int ConnectTo(int folder, const std::string& name, UniqueFd* connected) {
 }
 
 ServerSocket::~ServerSocket() {
-  if (!lock_) return;
+  // To a forked child they are lost.
+  if (!lock_ || lock_->get() < 0) return;
   if (socket_) unlinkat(folder_.get(), name_.c_str(), 0);
   unlinkat(folder_.get(), LockName(name_).c_str(), 0);
 }
@@ -74,7 +75,7 @@ bool ServerSocket::TakeLock() {
     // A server that ends removes its lock. Only the file that still has the name excludes others.
     if (fstatat(folder_.get(), name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
         named.st_dev == locked.st_dev && named.st_ino == locked.st_ino) {
-      lock_ = std::move(lock);
+      lock_.emplace(std::move(lock));
       return true;
     }
   }
@@ -91,10 +92,10 @@ int ServerSocket::Listen(UniqueFd folder, const std::string& name) {
   if (bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
     return kIoError;
   }
-  socket_ = std::move(socket);
+  socket_.emplace(std::move(socket));
   // Whatever the process' mask of modes is, its own user may connect.
   if (fchmodat(folder_.get(), name_.c_str(), 0600, 0) != 0) return kIoError;
-  return listen(socket_.get(), SOMAXCONN) == 0 ? kOk : kIoError;
+  return listen(fd(), SOMAXCONN) == 0 ? kOk : kIoError;
 }
 
 }  // namespace rpc_port_desktop

@@ -2,8 +2,10 @@
 #ifndef RPC_PORT_UNIX_SOCKET_H_
 #define RPC_PORT_UNIX_SOCKET_H_
 
+#include <optional>
 #include <string>
 
+#include "forks.h"
 #include "unique_fd.h"
 
 namespace rpc_port_desktop {
@@ -18,22 +20,22 @@ int ConnectTo(int folder, const std::string& name, UniqueFd* connected);
 // A listening socket in a folder, which it leaves when it is destroyed.
 //
 // A lock beside the socket tells a living server from a dead one: the system gives it back however
-// the server ends, and whoever holds it may replace the socket.
+// the server ends, and whoever holds it may replace the socket. A forked child holds neither.
 class ServerSocket {
  public:
   ~ServerSocket();
 
   // -5 if a living server listens there already.
   int Listen(UniqueFd folder, const std::string& name);
-  int fd() const { return socket_.get(); }
+  int fd() const { return socket_->get(); }
 
  private:
   bool TakeLock();
 
   UniqueFd folder_;
   std::string name_;
-  UniqueFd lock_;
-  UniqueFd socket_;
+  std::optional<OwnFd> lock_;
+  std::optional<OwnFd> socket_;
 };
 
 }  // namespace rpc_port_desktop

@@ -20,6 +20,11 @@
  * added. A received event is over as soon as one of them has taken the message.
  * 5. In a main loop that runs inside a callback, further events of the same connection are
  * delivered; inside a received callback only once it has taken its message.
+ * 6. A shortage of memory or descriptors that passes ends no connection. What arrives meanwhile is
+ * looked at again ten times a second.
+ * 7. A child made by fork() has none of its parent's proxies, stubs and ports: their descriptors
+ * are closed in it, their handles are invalid and their callbacks never come, also when it runs the
+ * main loop. It makes its own. Whatever it does, and however it ends, the parent's go on.
  */
 
 #include <stdbool.h>
@@ -57,7 +62,9 @@ int rpc_port_parcel_create(rpc_port_parcel_h* h);
  * rpc_port_parcel_destroy. Messages that had arrived before the peer went are still read.
  *
  * Returns -5 if the peer is gone, has sent a message of impossible size, or if the port's proxy or
- * connection is destroyed meanwhile; -22 if it was destroyed before.
+ * connection is destroyed meanwhile; -22 if it was destroyed before; -12 if memory does not hold the
+ * message. One that a received event has offered is kept then, and the event comes again. Any other
+ * is skipped as soon as all of it has arrived, so that the next call gets the next message.
  */
 int rpc_port_parcel_create_from_port(rpc_port_parcel_h* h, rpc_port_h port);
 
@@ -105,7 +112,7 @@ typedef void (*rpc_port_proxy_rejected_event_cb)(const char* endpoint, const cha
                                                  void* data);
 /**
  * A whole message waits on the callback port, to be taken with rpc_port_parcel_create_from_port.
- * One that is left behind is dropped.
+ * One that is left behind is dropped, unless memory did not hold it.
  */
 typedef void (*rpc_port_proxy_received_event_cb)(const char* endpoint, const char* port_name,
                                                  void* data);
@@ -128,13 +135,13 @@ int rpc_port_proxy_destroy(rpc_port_proxy_h h);
  *
  * Returns -22 if no such application is installed, a name is empty or longer than 255 bytes, or the
  * proxy has connected before; -13 if the application does not admit this one, or the place where
- * its sockets should be is not this user's own; -5 if it is not running or has
- * stopped accepting.
+ * its sockets should be is not this user's own; -5 if it is not running or has stopped accepting,
+ * and after any other failure: no other code is returned.
  */
 int rpc_port_proxy_connect(rpc_port_proxy_h h, const char* appid, const char* port);
 
 /* Adding a callback to an event: -22 if it is null. It is called with `data` as its last argument.
- */
+ * The first one of each event never fails for want of memory. */
 int rpc_port_proxy_add_connected_event_cb(rpc_port_proxy_h h, rpc_port_proxy_connected_event_cb cb,
                                           void* data);
 int rpc_port_proxy_add_disconnected_event_cb(rpc_port_proxy_h h,

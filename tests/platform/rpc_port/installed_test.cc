@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <string>
 
+#include "support/few_descriptors.h"
+
 namespace {
 
 constexpr char kServer[] = "org.example.server";
@@ -56,4 +58,12 @@ TEST_F(AProxyOfAnInstalledServer, FailsDependingOnWhatIsInstalled) {
   EXPECT_EQ(Connect(), -5);
   EXPECT_EQ(package_desktop_remove(packages().c_str(), kServer), 0);
   EXPECT_EQ(Connect(), -22);
+}
+
+TEST_F(AProxyOfAnInstalledServer, FailsWithAnIoErrorWithoutDescriptors) {
+  Install("");
+  for (int free = 0; free < 12; ++free) {
+    const FewDescriptors few(free);
+    EXPECT_EQ(Connect(), -5) << free;
+  }
 }

@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the tests' second process does.
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cstdio>
+#include <cstdlib>
 
 #include "support.h"
 
@@ -24,10 +28,11 @@ int Serve() {
 }
 
 // Serves, and has much to say to each client that connects.
-int ServePushing() {
+int ServePushing(const std::string& text) {
   Server server;
   server.on_connected = [&] {
-    for (int i = 0; i < 20; ++i) server.Push("push");
+    for (int i = 0; i < 20; ++i) server.Push(text);
+    Say("pushed");
   };
   if (server.Listen() != 0) return 1;
   Say("ready");
@@ -49,6 +54,48 @@ int ServeHalf() {
   Say("ready");
   RunUntil(Never);
   return 2;
+}
+
+// A forked child that tells who it is and stays.
+void LeaveChild() {
+  if (fork() != 0) return;
+  // In case nobody ends it.
+  alarm(200);
+  Say(std::to_string(getpid()).c_str());
+  for (;;) pause();
+}
+
+// Serves; a child that it had did what it could against the port.
+int ServeForking() {
+  Server server;
+  if (server.Listen() != 0) return 1;
+  const pid_t child = fork();
+  if (child == 0) {
+    RunAllReady();
+    // An end as any: with what runs at exit.
+    std::exit(server.Destroy() == -22 ? 0 : 1);
+  }
+  int status = -1;
+  if (waitpid(child, &status, 0) != child || status != 0) return 2;
+  Say("ready");
+  RunUntil(Never);
+  return 3;
+}
+
+// Serves, forks and dies.
+int ServeLeaveChild() {
+  Server server;
+  if (server.Listen() != 0) return 1;
+  LeaveChild();
+  return raise(SIGKILL);
+}
+
+// Connects, forks and dies.
+int ConnectAndLeaveChild() {
+  Client client;
+  if (!client.ConnectNow()) return 1;
+  LeaveChild();
+  return raise(SIGKILL);
 }
 
 // Only tries to serve.
@@ -83,7 +130,12 @@ int Stay() {
 int RunPeer(const std::vector<std::string>& arguments) {
   const std::string& what = arguments.at(0);
   if (what == "serve") return Serve();
-  if (what == "serve-pushing") return ServePushing();
+  if (what == "serve-pushing") {
+    return ServePushing(arguments.size() > 1 ? std::string(std::stoul(arguments[1]), 'x') : "push");
+  }
+  if (what == "serve-forking") return ServeForking();
+  if (what == "serve-leave-child") return ServeLeaveChild();
+  if (what == "leave-child") return ConnectAndLeaveChild();
   if (what == "serve-half") return ServeHalf();
   if (what == "listen") return Listen();
   if (what == "call") return Call(arguments.at(1));
