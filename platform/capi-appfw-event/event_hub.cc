@@ -4,7 +4,7 @@
 #include <bundle_desktop.h>
 #include <dlog.h>
 #include <errno.h>
-#include <unistd.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <exception>
@@ -32,20 +32,33 @@ struct BundleFree {
 }  // namespace
 
 EventHub& EventHub::Get() {
-  static EventHub& hub = *new EventHub;
+  static EventHub& hub = []() -> EventHub& {
+    auto* made = new EventHub;
+    pthread_atfork([] { Get().mutex_.lock(); }, [] { Get().mutex_.unlock(); },
+                   [] {
+                     Get().inherited_ = true;
+                     Get().mutex_.unlock();
+                   });
+    return *made;
+  }();
   return hub;
+}
+
+// A forked child has none of its parent's subscriptions. At its first use of them, not while it is
+// forked: what the main loop and the bus hold must be let go of.
+void EventHub::LeaveParent() {
+  if (!std::exchange(inherited_, false)) return;
+  handlers_.clear();
+  DropHeld();
+  StopRetrying();
+  retry_ms_ = 0;
+  Disconnect();
 }
 
 // Makes sure of a connection, which may be one that is being opened, that watches for every
 // subscription.
 int EventHub::Connect() {
-  // A forked child must not speak on its parent's connection, nor hear what came over it.
-  if (process_ != getpid()) {
-    DropHeld();
-    StopRetrying();
-  }
-  if (connection_ && (process_ != getpid() || !connection_->IsOpen())) Disconnect();
-  process_ = getpid();
+  if (connection_ && !connection_->IsOpen()) Disconnect();
   if (connection_) return 0;
   int error = 0;
   auto connection = BusConnection::Open(&error);
@@ -108,7 +121,8 @@ void EventHub::StopRetrying() {
 
 void EventHub::Retry() try {
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (!retry_ || process_ != getpid()) return;
+  LeaveParent();
+  if (!retry_) return;
   StopRetrying();
   bool is_asked = Connect() == 0;
   for (size_t i = 0; is_asked && i < handlers_.size(); ++i) {
@@ -157,6 +171,7 @@ int EventHub::Watch(const EventName& name, uint64_t deadline) {
 int EventHub::Add(const EventName& name, event_cb callback, void* user_data,
                   event_handler_h* added) {
   const std::lock_guard<std::mutex> lock(mutex_);
+  LeaveParent();
   auto handler = std::make_shared<event_handler>(event_handler{name, callback, user_data});
   handlers_.reserve(handlers_.size() + 1);
   const int result = Watch(name, Now() + kSubscriptionPatienceUs);
@@ -177,6 +192,7 @@ bool EventHub::Has(event_handler_h handler) const {
 
 int EventHub::Remove(event_handler_h handler) {
   const std::lock_guard<std::mutex> lock(mutex_);
+  LeaveParent();
   const auto found = std::find_if(handlers_.begin(), handlers_.end(),
                                   [handler](const Handler& h) { return h.get() == handler; });
   if (found == handlers_.end()) return -EINVAL;
@@ -189,6 +205,7 @@ int EventHub::Remove(event_handler_h handler) {
 
 int EventHub::Publish(const EventName& name, const unsigned char* payload, size_t size) {
   const std::lock_guard<std::mutex> lock(mutex_);
+  LeaveParent();
   const uint64_t deadline = Now() + kPublicationPatienceUs;
   const int result =
       UseConnection([&] { return connection_->Publish(name, payload, size, deadline); });
@@ -198,6 +215,7 @@ int EventHub::Publish(const EventName& name, const unsigned char* payload, size_
 
 int EventHub::Claim(const std::string& package) {
   const std::lock_guard<std::mutex> lock(mutex_);
+  LeaveParent();
   const uint64_t deadline = Now() + kPublicationPatienceUs;
   const int result = UseConnection([&] { return connection_->Claim(package, deadline); });
   Settle();
@@ -214,6 +232,8 @@ std::vector<EventHub::Handler> EventHub::HandlersOf(const std::string& name) {
 
 Wish EventHub::Ask() {
   const std::lock_guard<std::mutex> lock(mutex_);
+  // Due at once, for the dispatch to let it go.
+  if (inherited_) return {-1, 0, 0};
   if (!connection_ || held_) return {-1, 0, UINT64_MAX};
   const int events = connection_->PollEvents();
   // A connection that is gone is due at once.
@@ -225,6 +245,7 @@ void EventHub::Dispatch() try {
   std::vector<ReceivedEvent> received;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
+    LeaveParent();
     if (held_) return;
     if (connection_) Process(&received);
     if (!received.empty() && received.back().from_successor) {
@@ -282,6 +303,7 @@ void EventHub::Release() try {
   std::optional<ReceivedEvent> event;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
+    LeaveParent();
     event.swap(held_);
     if (!event) return;
     g_source_unref(held_source_);

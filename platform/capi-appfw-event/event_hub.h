@@ -4,7 +4,6 @@
 
 #include <app_event.h>
 #include <glib.h>
-#include <sys/types.h>
 
 #include <memory>
 #include <mutex>
@@ -36,6 +35,7 @@ class EventHub {
  private:
   using Handler = std::shared_ptr<event_handler>;
 
+  void LeaveParent();
   int Connect();
   void Disconnect();
   void Settle();
@@ -61,9 +61,9 @@ class EventHub {
   std::vector<Handler> handlers_;
   std::unique_ptr<BusConnection> connection_;
   GSource* source_ = nullptr;  // where there is a connection
-  pid_t process_ = 0;          // whose connection it is
   GSource* retry_ = nullptr;   // where something is to be tried again
   guint retry_ms_ = 0;         // how long after the last attempt; 0 when all is well
+  bool inherited_ = false;     // all of this is the parent's
   // A successor's first event; until it is delivered nothing more is read from the bus.
   std::optional<ReceivedEvent> held_;
   GSource* held_source_ = nullptr;  // where an event is held

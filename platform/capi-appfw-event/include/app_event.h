@@ -17,6 +17,9 @@
  * a callback runs. None waits longer for a bus that does not answer than it says, and once one has
  * waited in vain none waits at all until the bus shows that it lives. The main loop is never kept
  * waiting.
+ *
+ * A child made by fork() has none of its parent's subscriptions: they are invalid in it, and nothing is
+ * delivered to them. Its own are made, and its events published, over a connection of its own.
  */
 
 #include <bundle.h>

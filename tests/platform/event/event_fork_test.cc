@@ -1,0 +1,119 @@
+// SPDX-License-Identifier: Apache-2.0
+// What a forked child has of its parent's subscriptions: nothing.
+
+#include <app_event.h>
+#include <glib.h>
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "private_bus.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+constexpr char kStatus[] = "event.com.example.agent.status";
+
+void Record(const char*, bundle* data, void* texts) {
+  char* text = nullptr;
+  bundle_get_str(data, "key", &text);
+  static_cast<std::vector<std::string>*>(texts)->emplace_back(text ? text : "(none)");
+}
+
+// Whether all that `work` expects in a forked child is so.
+bool HoldsInAChild(const std::function<void()>& work) {
+  const pid_t child = fork();
+  if (child == 0) {
+    work();
+    _exit(testing::Test::HasFailure() ? 1 : 0);
+  }
+  int status = -1;
+  return waitpid(child, &status, 0) == child && status == 0;
+}
+
+void RunAllReady() {
+  while (g_main_context_iteration(nullptr, FALSE)) {
+  }
+}
+
+class AForkedSubscriber : public testing::Test {
+ protected:
+  AForkedSubscriber() {
+    EXPECT_EQ(event_add_event_handler(kStatus, Record, &texts_, &handler_), 0);
+  }
+  void Publish(const char* text) { ASSERT_EQ(publisher_.Publish(kStatus, "key", text), 0); }
+  void WaitFor(size_t count) {
+    RunUntil([&] { return texts_.size() >= count; });
+  }
+
+  PrivateBus bus_;
+  Publisher publisher_;
+  std::vector<std::string> texts_;
+  event_handler_h handler_ = nullptr;
+};
+
+TEST_F(AForkedSubscriber, LeavesEventsToItsParent) {
+  Publish("one");
+  EXPECT_TRUE(HoldsInAChild([this] {
+    RunAllReady();
+    EXPECT_THAT(texts_, IsEmpty());
+    EXPECT_EQ(event_remove_event_handler(handler_), -22);
+    RunAllReady();
+  }));
+  WaitFor(1);
+  EXPECT_THAT(texts_, ElementsAre("one"));
+}
+
+TEST_F(AForkedSubscriber, LeavesTheEventOfASuccessorToItsParent) {
+  Publish("one");
+  WaitFor(1);
+  publisher_.End();
+  Publisher successor;
+  ASSERT_EQ(successor.Publish(kStatus, "key", "two"), 0);
+  // An endless source above it keeps the successor's event from being delivered.
+  const guint busy = g_idle_add_full(
+      G_PRIORITY_DEFAULT, [](void*) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
+  const int read = ReadDescriptors();
+  RunUntil([&] { return ReadDescriptors() == read - 1; });
+  g_source_remove(busy);
+  EXPECT_TRUE(HoldsInAChild([this] {
+    RunAllReady();
+    EXPECT_THAT(texts_, ElementsAre("one"));
+  }));
+  WaitFor(2);
+  EXPECT_THAT(texts_, ElementsAre("one", "two"));
+}
+
+TEST_F(AForkedSubscriber, SubscribesAnew) {
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    std::vector<std::string> own;
+    event_handler_h handler = nullptr;
+    EXPECT_EQ(event_add_event_handler(kStatus, Record, &own, &handler), 0);
+    EXPECT_EQ(write(ready[1], "", 1), 1);
+    RunUntil([&] { return own.size() >= 2; });
+    EXPECT_THAT(own, ElementsAre("one", "two"));
+    EXPECT_EQ(event_remove_event_handler(handler), 0);
+    EXPECT_THAT(texts_, IsEmpty());
+    _exit(HasFailure() ? 1 : 0);
+  }
+  char byte;
+  ASSERT_EQ(read(ready[0], &byte, 1), 1);
+  Publish("one");
+  Publish("two");
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  WaitFor(2);
+  EXPECT_THAT(texts_, ElementsAre("one", "two"));
+  EXPECT_EQ(event_remove_event_handler(handler_), 0);
+}
+
+}  // namespace
