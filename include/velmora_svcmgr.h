@@ -51,6 +51,14 @@
  *     it waits leaves its answer behind for the next one to take: disconnect then. Of the others,
  *     velmora_svcmgr_get_client_api_level reads files, a request may wait for the agent to take
  *     what was sent before, and the rest return at once.
+ *  9. Forks. In a child made by fork() the library is as if nothing had been called: not connected,
+ *     nothing subscribed, no update under way. Requests return SVCMGR_ERROR_NOT_CONNECTED, and
+ *     connecting and subscribing anew gives the child a connection and subscriptions of its own.
+ *     No callback comes in it for what its parent has asked for, and nothing that it does, its end
+ *     included, touches the parent's connection. Handles are memory and stay valid in both. As
+ *     everywhere, a child that was forked while another thread was inside a call had better do
+ *     nothing but run another program. GLib shares the wake-ups of the default main context
+ *     between both: while the child runs it, what other threads hand to the parent's may begin late.
  *
  * Traps
  *

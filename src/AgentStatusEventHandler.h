@@ -20,6 +20,10 @@ class AgentStatusEventHandler final : public Singleton<AgentStatusEventHandler> 
   friend class Singleton<AgentStatusEventHandler>;
   AgentStatusEventHandler();
   void ForgetSubscription() { event_.event_handle = nullptr; }
+  void ForgetAll() {
+    ForgetSubscription();
+    keep_connection_ = false;
+  }
 
   // Whether the application wants a connection.
   bool keep_connection_ = false;

@@ -19,6 +19,11 @@ class ModelUpdateEventHandler final : public Singleton<ModelUpdateEventHandler> 
   friend class Singleton<ModelUpdateEventHandler>;
   ModelUpdateEventHandler();
   void ForgetSubscription() { event_.event_handle = nullptr; }
+  void ForgetAll() {
+    ForgetSubscription();
+    callback_ = nullptr;
+    user_data_ = nullptr;
+  }
 
   static void ModelEventCallback(const char* event_name, bundle* data, void* user_data);
 

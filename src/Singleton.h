@@ -2,12 +2,15 @@
 #ifndef SVCMGR_SINGLETON_H_
 #define SVCMGR_SINGLETON_H_
 
+#include <pthread.h>
+
 #include <new>
 
 // The one instance of a subscriber, built on first use.
 //
 // The instance is never taken away: an application may call the library from destructors that run
-// when the process exits. At exit it only forgets its subscription, which is left to the platform.
+// when the process exits. At exit it only forgets its subscription, which is left to the platform. A
+// forked child has it as new: the subscription is its parent's.
 template <typename T>
 class Singleton {
  public:
@@ -16,7 +19,7 @@ class Singleton {
   static T& GetInstance() {
     alignas(T) static unsigned char storage[sizeof(T)];
     static T* const instance = new (storage) T();
-    static const ExitHook exit_hook{instance};
+    static const Hooks hooks(instance);
     return *instance;
   }
 
@@ -27,9 +30,14 @@ class Singleton {
   Singleton(const Singleton&) = delete;
   Singleton& operator=(const Singleton&) = delete;
 
-  struct ExitHook {
-    T* instance;
-    ~ExitHook() { instance->ForgetSubscription(); }
+  struct Hooks {
+    explicit Hooks(T* made) {
+      instance = made;
+      pthread_atfork(nullptr, nullptr, [] { instance->ForgetAll(); });
+    }
+    ~Hooks() { instance->ForgetSubscription(); }
+
+    inline static T* instance = nullptr;
   };
 };
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "SvcMgrAppProxyHandler.h"
 
+#include <pthread.h>
+
 #include <new>
 #include <stdexcept>
 #include <utility>
@@ -46,9 +48,27 @@ rpc::AIModelList CopyToWire(const velmora_svcmgr_ai_model_list_s& list) {
 }  // namespace
 
 SvcMgrAppProxyHandler& SvcMgrAppProxyHandler::GetInstance() {
-  alignas(SvcMgrAppProxyHandler) static char storage[sizeof(SvcMgrAppProxyHandler)];
-  static SvcMgrAppProxyHandler* const instance = new (storage) SvcMgrAppProxyHandler();
+  static SvcMgrAppProxyHandler* const instance = Make();
   return *instance;
+}
+
+SvcMgrAppProxyHandler* SvcMgrAppProxyHandler::Make() {
+  alignas(SvcMgrAppProxyHandler) static char storage[sizeof(SvcMgrAppProxyHandler)];
+  static SvcMgrAppProxyHandler* made = nullptr;
+  made = new (storage) SvcMgrAppProxyHandler();
+  pthread_atfork(nullptr, nullptr, [] { made->ForgetInChild(); });
+  return made;
+}
+
+// A forked child begins as its parent once did. The connection is the parent's, so that the proxy
+// must not be closed here; it is left as it is, because a thread that the child does not have may
+// have been inside it.
+void SvcMgrAppProxyHandler::ForgetInChild() {
+  new (&proxy_) std::shared_ptr<SvcMgrAppPort>();
+  connected_ = false;
+  callback_ = nullptr;
+  user_data_ = nullptr;
+  svcmgr::agent_update_state.End();
 }
 
 // ---- Connection ---------------------------------------------------------------------------------

@@ -74,6 +74,9 @@ class SvcMgrAppProxyHandler final
   // Never runs: a proxy that is still held when the process exits is left as it is.
   ~SvcMgrAppProxyHandler() override = default;
 
+  static SvcMgrAppProxyHandler* Make();
+  void ForgetInChild();
+
   std::shared_ptr<SvcMgrAppPort> Proxy() const { return std::atomic_load(&proxy_); }
   void Discard(const std::shared_ptr<SvcMgrAppPort>& proxy);
   void Notify(int result, int state) const;

@@ -19,6 +19,11 @@ class UpdateStatusEventHandler final : public Singleton<UpdateStatusEventHandler
   friend class Singleton<UpdateStatusEventHandler>;
   UpdateStatusEventHandler();
   void ForgetSubscription() { event_.event_handle = nullptr; }
+  void ForgetAll() {
+    ForgetSubscription();
+    callback_ = nullptr;
+    user_data_ = nullptr;
+  }
 
   static void UpdateEventCallback(const char* event_name, bundle* data, void* user_data);
   void Notify(int status) const;

@@ -53,6 +53,7 @@ TEST(EachSubscriber, IsOneForAllThreadsThatAskForItFirst) {
   struct Subscriber {
     Subscriber() { ++made(); }
     void ForgetSubscription() {}
+    void ForgetAll() {}
     static std::atomic<int>& made() {
       static std::atomic<int> count{0};
       return count;
