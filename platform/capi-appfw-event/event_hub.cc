@@ -47,12 +47,19 @@ EventHub& EventHub::Get() {
 // A forked child has none of its parent's subscriptions. At its first use of them, not while it is
 // forked: what the main loop and the bus hold must be let go of.
 void EventHub::LeaveParent() {
-  if (!std::exchange(inherited_, false)) return;
+  if (!inherited_) return;
+  if (connection_) {
+    // Kept, because sd-bus releases in a child nothing of what was made before.
+    of_parents_.push_back(std::move(connection_));
+    g_source_destroy(source_);
+    g_source_unref(source_);
+    source_ = nullptr;
+  }
   handlers_.clear();
   DropHeld();
   StopRetrying();
   retry_ms_ = 0;
-  Disconnect();
+  inherited_ = false;
 }
 
 // Makes sure of a connection, which may be one that is being opened, that watches for every

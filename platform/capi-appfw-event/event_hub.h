@@ -64,6 +64,7 @@ class EventHub {
   GSource* retry_ = nullptr;   // where something is to be tried again
   guint retry_ms_ = 0;         // how long after the last attempt; 0 when all is well
   bool inherited_ = false;     // all of this is the parent's
+  std::vector<std::unique_ptr<BusConnection>> of_parents_;
   // A successor's first event; until it is delivered nothing more is read from the bus.
   std::optional<ReceivedEvent> held_;
   GSource* held_source_ = nullptr;  // where an event is held

@@ -9,6 +9,8 @@
 //     update=MODELS, uninstall=MODELS                         asks for it; MODEL[@VERSION]+...
 //     until=LINE    goes on when this line has been printed; each line counts once
 //     away, back    goes on when the connection is lost, when it stands, told or untold
+//     child=WORD,...  has a forked child go through these words, and waits for its end; what the child
+//                   is told is printed with "child " in front
 //     run=COMMAND   has a shell run this in the world's folder, while the main loop goes on
 #include <glib.h>
 #include <malloc.h>
@@ -24,6 +26,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -35,8 +38,10 @@ constexpr std::chrono::seconds kPatience(60);
 
 std::vector<std::string> told;  // and not waited for yet
 
+std::string speaker;  // "child " in a forked one
+
 void Tell(const std::string& line) {
-  std::puts(line.c_str());
+  std::puts((speaker + line).c_str());
   std::fflush(stdout);
   told.push_back(line);
 }
@@ -208,6 +213,24 @@ void RunCommand(const std::string& command) {
   if (status != 0) GiveUp(command);
 }
 
+void Do(const std::string& word);
+
+// The child ends as any program does, with all that is run at exit.
+void RunChild(const std::string& words) {
+  const pid_t child = fork();
+  if (child < 0) GiveUp("no child");
+  if (child > 0) {
+    int status = 0;
+    if (waitpid(child, &status, 0) != child || status != 0) GiveUp("child");
+    return;
+  }
+  speaker = "child ";
+  told.clear();
+  std::istringstream stream(words);
+  for (std::string word; std::getline(stream, word, ',');) Do(word);
+  std::exit(EXIT_SUCCESS);
+}
+
 void Do(const std::string& word) {
   const std::size_t equals = word.find('=');
   const std::string verb = word.substr(0, equals);
@@ -230,6 +253,7 @@ void Do(const std::string& word) {
   if (verb == "until") return AwaitLine(object);
   if (verb == "away") return RunUntil([] { return !IsConnected(); }, verb);
   if (verb == "back") return RunUntil(IsConnected, verb);
+  if (verb == "child") return RunChild(object);
   if (verb == "run") return RunCommand(object);
   GiveUp("no such word: " + word);
 }
