@@ -17,7 +17,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   REQUIRE(package.id == "com.example.package");
   packages::Snapshot::Content content;
   content.packages.push_back(std::move(package));
-  const packages::SnapshotRef snapshot(new packages::Snapshot(std::move(content), packages::Freshness(nullptr)));
+  const packages::SnapshotRef snapshot(
+      new packages::Snapshot(std::move(content), packages::Freshness(nullptr)));
   const package_info_s* found = snapshot->FindPackage("com.example.package");
   REQUIRE(found != nullptr);
   for (const app_info_s& application : found->applications) {

@@ -666,20 +666,26 @@ TEST_F(AStandardErrorLog, FailsTheRecordWhenItIsClosed) {
 // Sanitizers make system calls of their own.
 #ifndef SANITIZED
 
-// From here on the calling process is killed at any system call but its exit.
-void ForbidSystemCalls() {
+// What becomes of one system call of the calling process, and of all others, from here on.
+void Filter(unsigned system_call, unsigned if_so, unsigned if_not) {
   sock_filter filter[] = {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_exit_group, 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, system_call, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, if_so),
+      BPF_STMT(BPF_RET | BPF_K, if_not),
   };
   sock_fprog program = {sizeof filter / sizeof *filter, filter};
   if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
       prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
-    _exit(3);
+    _exit(8);
   }
 }
+
+// The process is killed at any system call but its exit.
+void ForbidSystemCalls() { Filter(SYS_exit_group, SECCOMP_RET_ALLOW, SECCOMP_RET_KILL_PROCESS); }
+
+// As where another user has made the pipe.
+void ForbidOpening() { Filter(SYS_openat, SECCOMP_RET_ERRNO | EACCES, SECCOMP_RET_ALLOW); }
 
 TEST_F(ALogFile, MakesNoSystemCallForARecordThatIsFilteredOrGathered) {
   ToFile("info");
@@ -696,21 +702,6 @@ TEST_F(ALogFile, MakesNoSystemCallForARecordThatIsFilteredOrGathered) {
     status = InChild(log_quietly, true);
   }
   EXPECT_EQ(status, 0);
-}
-
-// Opening fails from here on, as where another user has made the pipe.
-void ForbidOpening() {
-  sock_filter filter[] = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_openat, 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EACCES),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-  };
-  sock_fprog program = {sizeof filter / sizeof *filter, filter};
-  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
-      prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
-    _exit(8);
-  }
 }
 
 TEST_F(AStandardErrorThatNobodyReads, LosesAndCountsWhatAPipeDoesNotTakeThatCannotBeOpenedAnew) {
