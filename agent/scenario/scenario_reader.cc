@@ -222,8 +222,9 @@ void ReadResults(const Value& value, std::vector<std::int32_t>* results) {
   if (value.node().elements.empty()) {
     value.Refuse("must name at least one result");
   }
+  std::size_t index = 0;
   for (const JsonNode& element : value.node().elements) {
-    if (ReadInteger(value.Inside(element, results->size()), &result)) {
+    if (ReadInteger(value.Inside(element, index++), &result)) {
       results->push_back(result);
     }
   }

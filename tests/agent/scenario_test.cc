@@ -93,6 +93,12 @@ TEST(ALargeScenario, MayHaveALongKeyAboveManyValues) {
   EXPECT_LT(lines[0].size(), 1000u);
 }
 
+TEST(AComplaint, PointsAtItsOwnPlaceBehindOneAboutTheSameList) {
+  EXPECT_EQ(Complaint(R"({"methods": {"request_update": {"result": [1, "x", "y"]}}})"),
+            "file.json:1:47: /methods/request_update/result/1: must be a whole number, not a text\n"
+            "file.json:1:52: /methods/request_update/result/2: must be a whole number, not a text");
+}
+
 TEST(ManyComplaints, AreAHundredAndTheNumberOfTheOthers) {
   const auto lines = LinesOf(Complaint("{" + Numbered(R"("k#":0)", kMany) + "}"));
   ASSERT_EQ(lines.size(), 101u);
