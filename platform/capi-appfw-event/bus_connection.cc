@@ -30,6 +30,8 @@ constexpr size_t kLargestPayload = 1 << 20;
 constexpr size_t kMostUnsentBytes = 64 << 20;
 // A flood of events leaves the main loop's other sources their turn.
 constexpr int kMessagesAtOnce = 64;
+// A machine with much to do may be late once or twice.
+constexpr int kMostWaitsInVain = 3;
 
 struct MessageUnref {
   void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
@@ -109,21 +111,20 @@ uint64_t BusConnection::DueTime() const {
   return sd_bus_get_timeout(bus_.get(), &time) < 0 ? 0 : time;
 }
 
-// Whoever has waited in vain once waits no more until the bus shows that it lives: many
-// subscriptions to a silent bus cost as much as one.
+// Many subscriptions to a silent bus cost little more than one.
+bool BusConnection::IsSilent() const { return waits_in_vain_ >= kMostWaitsInVain; }
+
 template <typename Done>
 void BusConnection::Await(uint64_t deadline, Done done) {
   is_awaited_ = true;
   while (IsOpen() && !done()) {
     const int result = sd_bus_process(bus_.get(), nullptr);
     if (result < 0) is_broken_ = true;
-    if (result > 0) is_silent_ = false;
+    if (result > 0) waits_in_vain_ = 0;
     const uint64_t now = Now();
     if (result < 0 || (result > 0 && now < deadline)) continue;
-    if (is_silent_ || now >= deadline) {
-      is_silent_ = result == 0;
-      break;
-    }
+    if (now >= deadline && result == 0) ++waits_in_vain_;
+    if (now >= deadline || IsSilent()) break;
     sd_bus_wait(bus_.get(), deadline - now);
   }
   is_awaited_ = false;
@@ -195,29 +196,46 @@ bool BusConnection::FollowOwner(const std::string& id, Package* package) {
 Outcome BusConnection::OutcomeOf(const Package& package, const Match& event) const {
   const auto outcomes = {package.owner_changes.outcome, package.owner_outcome, event.outcome};
   if (std::count(outcomes.begin(), outcomes.end(), Outcome::kRefused)) return Outcome::kRefused;
-  const bool is_judged = !package.owner || package.owner->judgement != Speaker::kAsked;
-  const bool stands =
-      std::count(outcomes.begin(), outcomes.end(), Outcome::kStands) == 3 && is_judged;
+  const bool stands = std::count(outcomes.begin(), outcomes.end(), Outcome::kStands) == 3;
   return stands ? Outcome::kStands : Outcome::kUnderWay;
+}
+
+bool BusConnection::IsJudged(const Package& package) {
+  return !package.owner || package.owner->judgement != Speaker::kAsked;
 }
 
 Outcome BusConnection::AwaitWatch(const EventName& name, uint64_t deadline) {
   const Package& package = packages_.at(name.package);
   const Match& event = package.events.at(name.full);
-  Await(deadline, [&] { return OutcomeOf(package, event) != Outcome::kUnderWay; });
+  // An owner that is known by then says nothing that has to wait behind the end of its port.
+  Await(deadline, [&] {
+    const Outcome outcome = OutcomeOf(package, event);
+    return outcome == Outcome::kStands ? IsJudged(package) : outcome == Outcome::kRefused;
+  });
   if (!IsOpen()) return Outcome::kGone;
   const Outcome outcome = OutcomeOf(package, event);
   ForgetRefused();
   return outcome;
 }
 
-bool BusConnection::IsSettled() const {
-  return std::all_of(packages_.begin(), packages_.end(), [this](const auto& package) {
-    const auto& events = package.second.events;
-    return std::all_of(events.begin(), events.end(), [&](const auto& event) {
-      return OutcomeOf(package.second, event.second) == Outcome::kStands;
+bool BusConnection::Stands(const EventName& name) const {
+  const auto package = packages_.find(name.package);
+  if (package == packages_.end()) return false;
+  const auto event = package->second.events.find(name.full);
+  return event != package->second.events.end() &&
+         OutcomeOf(package->second, event->second) == Outcome::kStands;
+}
+
+void BusConnection::AwaitAll(uint64_t deadline) {
+  Await(deadline, [this] {
+    return std::all_of(packages_.begin(), packages_.end(), [this](const auto& package) {
+      const auto& events = package.second.events;
+      return std::all_of(events.begin(), events.end(), [&](const auto& event) {
+        return OutcomeOf(package.second, event.second) != Outcome::kUnderWay;
+      });
     });
   });
+  ForgetRefused();
 }
 
 void BusConnection::ForgetRefused() {
@@ -443,7 +461,7 @@ bool BusConnection::Process(std::vector<ReceivedEvent>* received) {
   for (int i = 0; i < kMessagesAtOnce && result > 0; ++i) {
     if (first_of_successor() != received_.end()) break;
     result = sd_bus_process(bus_.get(), nullptr);
-    if (result > 0) is_silent_ = false;
+    if (result > 0) waits_in_vain_ = 0;
   }
   if (result < 0) is_broken_ = true;
   if (!IsOpen()) TrustAll();

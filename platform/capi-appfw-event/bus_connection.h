@@ -58,8 +58,10 @@ class BusConnection {
   void Unwatch(const EventName& name);
   // Gives the bus time to answer. Events that stand come from then on.
   Outcome AwaitWatch(const EventName& name, uint64_t deadline);
-  // Whether all that is watched stands; false also for what is under way.
-  bool IsSettled() const;
+  // Whether the bus sends the events of a name.
+  bool Stands(const EventName& name) const;
+  // Gives the bus time to answer all that is under way.
+  void AwaitAll(uint64_t deadline);
   // Whether the bus has refused something since this was asked last.
   bool TakeRefusal() { return std::exchange(refused_, false); }
 
@@ -135,11 +137,13 @@ class BusConnection {
   explicit BusConnection(sd_bus* bus) : bus_(bus) {}
   template <typename Done>
   void Await(uint64_t deadline, Done done);
+  bool IsSilent() const;
   bool Ask(const char* method, const char* name, sd_bus_message_handler_t answered, void* data,
            Slot* slot);
   bool AddMatch(const std::string& rule, sd_bus_message_handler_t handler, Match* match);
   bool FollowOwner(const std::string& id, Package* package);
   Outcome OutcomeOf(const Package& package, const Match& event) const;
+  static bool IsJudged(const Package& package);
   void ForgetRefused();
   void Adopt(Package* package, const char* owner, bool is_successor);
   void Judge(Speaker* speaker, Speaker::Judgement judgement);
@@ -167,7 +171,7 @@ class BusConnection {
   bool is_awaited_ = false;  // somebody waits for what the bus says
   bool is_broken_ = false;   // nothing that goes on with it can be right
   bool refused_ = false;     // see TakeRefusal
-  bool is_silent_ = false;   // has said nothing since it was waited for in vain
+  int waits_in_vain_ = 0;    // since the bus has said something
   size_t unsent_bytes_ = 0;  // of events, since the bus had taken everything
 };
 

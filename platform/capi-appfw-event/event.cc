@@ -49,6 +49,12 @@ int event_publish_app_event(const char* event_name, bundle* event_data) try {
   return -ENOMEM;
 }
 
+int event_desktop_await_subscriptions(void) try {
+  return EventHub::Get().AwaitSubscriptions();
+} catch (const std::exception&) {
+  return -ENOMEM;
+}
+
 int event_desktop_own_package(const char* package) try {
   EventName name;
   if (!package || !EventName::Parse(("event." + std::string(package) + ".name").c_str(), &name)) {

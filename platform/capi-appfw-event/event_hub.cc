@@ -20,7 +20,9 @@ constexpr char kLogTag[] = "APP_EVENT";
 // A subscription that takes longer goes on by itself.
 constexpr uint64_t kSubscriptionPatienceUs = 100 * 1000;
 constexpr uint64_t kPublicationPatienceUs = 2 * 1000 * 1000;
+constexpr uint64_t kSettlementPatienceUs = 60 * 1000 * 1000;
 constexpr guint kFirstRetryMs = 250;
+constexpr guint kToldRetryMs = 500;
 constexpr guint kLastRetryMs = 60 * 1000;
 
 uint64_t Now() { return static_cast<uint64_t>(g_get_monotonic_time()); }
@@ -103,7 +105,14 @@ void EventHub::Settle() {
   }
 }
 
-// What failed later than its caller could hear of is tried again, less and less often.
+bool EventHub::IsSettled() const {
+  return std::all_of(handlers_.begin(), handlers_.end(), [this](const Handler& handler) {
+    return connection_ && connection_->IsOpen() && connection_->Stands(handler->name);
+  });
+}
+
+// What failed later than its caller could hear of is tried again, less and less often; and what is
+// under way is looked after.
 void EventHub::RetryLater() {
   if (retry_ || handlers_.empty()) return;
   retry_ms_ = std::clamp(retry_ms_ * 2, kFirstRetryMs, kLastRetryMs);
@@ -135,7 +144,12 @@ void EventHub::Retry() try {
   for (size_t i = 0; is_asked && i < handlers_.size(); ++i) {
     is_asked = connection_->Watch(handlers_[i]->name);
   }
-  if (!is_asked) RetryLater();
+  if (IsSettled()) return;
+  if (is_asked && retry_ms_ == kToldRetryMs) {
+    dlog_print(DLOG_WARN, kLogTag,
+               "The session bus does not answer: there are no events until then");
+  }
+  RetryLater();
 } catch (const std::exception&) {
   const std::lock_guard<std::mutex> lock(mutex_);
   RetryLater();
@@ -169,10 +183,7 @@ int EventHub::Watch(const EventName& name, uint64_t deadline) {
     }
     return -EIO;
   });
-  if (result != -EAGAIN) return result;
-  dlog_print(DLOG_WARN, kLogTag, "The session bus does not answer: %s is not heard before it does",
-             name.full.c_str());
-  return 0;
+  return result == -EAGAIN ? 0 : result;
 }
 
 int EventHub::Add(const EventName& name, event_cb callback, void* user_data,
@@ -185,8 +196,7 @@ int EventHub::Add(const EventName& name, event_cb callback, void* user_data,
   if (result == 0) {
     *added = handler.get();
     handlers_.push_back(std::move(handler));
-    // A bus that takes nobody at the moment.
-    if (!connection_) RetryLater();
+    if (!connection_ || !connection_->Stands(name)) RetryLater();
   }
   Settle();
   return result;
@@ -227,6 +237,15 @@ int EventHub::Claim(const std::string& package) {
   const int result = UseConnection([&] { return connection_->Claim(package, deadline); });
   Settle();
   return result == -EAGAIN ? -ETIMEDOUT : result;
+}
+
+int EventHub::AwaitSubscriptions() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const uint64_t deadline = Now() + kSettlementPatienceUs;
+  if (connection_) connection_->AwaitAll(deadline);
+  const bool is_settled = IsSettled();
+  Settle();
+  return is_settled ? 0 : -ETIMEDOUT;
 }
 
 std::vector<EventHub::Handler> EventHub::HandlersOf(const std::string& name) {
@@ -274,9 +293,10 @@ void EventHub::Process(std::vector<ReceivedEvent>* received) {
   }
   if (!goes_on || connection_->TakeRefusal()) {
     RetryLater();
-  } else if (retry_ms_ != 0 && !retry_ && connection_->IsSettled()) {
+  } else if (retry_ms_ != 0 && IsSettled()) {
     retry_ms_ = 0;
-    dlog_print(DLOG_INFO, kLogTag, "The session bus sends events again");
+    StopRetrying();
+    dlog_print(DLOG_INFO, kLogTag, "The session bus sends events");
   }
 }
 

@@ -31,6 +31,7 @@ class EventHub {
   int Remove(event_handler_h handler);
   int Publish(const EventName& name, const unsigned char* payload, size_t size);
   int Claim(const std::string& package);
+  int AwaitSubscriptions();
 
  private:
   using Handler = std::shared_ptr<event_handler>;
@@ -39,6 +40,7 @@ class EventHub {
   int Connect();
   void Disconnect();
   void Settle();
+  bool IsSettled() const;
   template <typename Use>
   int UseConnection(Use use);
   int Watch(const EventName& name, uint64_t deadline);

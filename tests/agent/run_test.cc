@@ -383,7 +383,7 @@ TEST_F(ARun, GoesOnWhereItsBusIsStopped) {
   EXPECT_EQ(run.status, 0);
   EXPECT_THAT(run.errors, IsEmpty());
   // Much longer than all of its time limits, much shorter than those of the bus's clients.
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(60));
 }
 
 TEST_F(ARun, ShowsWhatTheAgentDoesWhenAsked) {

@@ -7,6 +7,7 @@
 // Ends when COUNT events have come and the command, whose status it prints, has ended.
 
 #include <app_event.h>
+#include <app_event_desktop.h>
 #include <glib.h>
 #include <stdlib.h>
 #include <string.h>
@@ -101,6 +102,7 @@ int main(int argc, char** argv) {
       Print("no bus");
     }
   }
+  event_desktop_await_subscriptions();
   rpc_port_proxy_h proxy = nullptr;
   if (strcmp(argv[2], "request") == 0) {
     rpc_port_proxy_create(&proxy);

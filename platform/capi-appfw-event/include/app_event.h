@@ -14,7 +14,7 @@
  *
  * All functions return 0 on success, -22 for an invalid argument, -5 if there is no session bus or it
  * refuses, and -12 when memory is exhausted. They may be called from any thread; no lock is held while
- * a callback runs. None waits longer for a bus that does not answer than it says, and once one has
+ * a callback runs. None waits longer for a bus that does not answer than it says, and once three have
  * waited in vain none waits at all until the bus shows that it lives. The main loop is never kept
  * waiting.
  *
@@ -44,8 +44,8 @@ typedef void (*event_cb)(const char* event_name, bundle* event_data, void* user_
  * Subscribes to the events of one name, from those on that are sent after the call. `event_handler`
  * receives the subscription on success only.
  *
- * A bus that does not answer within 100 ms is a record in the log and a success: the subscription takes
- * effect when the bus answers, and what is sent before that is not heard.
+ * A bus that does not answer within 100 ms is no failure: the subscription takes effect when the bus
+ * answers, and what is sent before that is not heard. If that lasts, there is a record in the log.
  *
  * If the bus goes away later, or refuses later, that is logged too; the subscription stays and is quiet.
  * A bus is looked for again at growing intervals, from a quarter of a second to a minute, and by the next

@@ -4,7 +4,7 @@
 
 /*
  * What only the desktop has: a package's name on the session bus, which tells subscribers whose events
- * are the package's. Return values as in app_event.h.
+ * are the package's; and certainty about subscriptions. Return values as in app_event.h.
  */
 
 #ifdef __cplusplus
@@ -19,6 +19,13 @@ extern "C" {
  * do so.
  */
 int event_desktop_own_package(const char* package);
+
+/**
+ * Waits until the bus has taken all subscriptions that the process has made, and with that until no
+ * event can be missed: for programs that start what they listen to. -110 if it has not within a minute,
+ * at once if it is known to be silent.
+ */
+int event_desktop_await_subscriptions(void);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus
