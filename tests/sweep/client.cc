@@ -16,7 +16,7 @@
 
 #include <initializer_list>
 
-#include "control.h"
+#include "service/control.h"
 #include "support/open_descriptors.h"
 
 // All that this client keeps is static: an allocation of its own would be among those that fail.
