@@ -62,14 +62,6 @@ TEST_F(TheWatch, SubscribesWhenAConnectionIsKept) {
   fake::AllowHeld(fake::Kind::kEventHandler, 1);
 }
 
-TEST_F(TheWatch, SubscribesOnce) {
-  Watch().KeepConnection();
-  Watch().KeepConnection();
-  EXPECT_EQ(fake::CountCalls(kAdd), 1U);
-  EXPECT_EQ(fake::Logs().size(), 2U);
-  fake::AllowHeld(fake::Kind::kEventHandler, 1);
-}
-
 TEST_F(TheWatch, UnsubscribesWhenNobodyCaresForTheConnection) {
   Watch().KeepConnection();
   fake::ClearRecord();
@@ -78,13 +70,6 @@ TEST_F(TheWatch, UnsubscribesWhenNobodyCaresForTheConnection) {
   EXPECT_THAT(fake::Logs(),
               ElementsAre(IsInfo(kWatchFile, "DontCareConnection", "Don't care about CONNECTION")));
   EXPECT_THAT(fake::CallNames(), ElementsAre(kRemove));
-}
-
-TEST_F(TheWatch, RemovesNothingWhenNotSubscribed) {
-  Watch().DontCareConnection();
-  EXPECT_THAT(fake::Logs(),
-              ElementsAre(IsInfo(kWatchFile, "DontCareConnection", "Don't care about CONNECTION")));
-  EXPECT_THAT(fake::CallNames(), IsEmpty());
 }
 
 /* Refusals. */
@@ -106,23 +91,11 @@ TEST_P(ARefusal, OfTheSubscriptionIsLoggedAndTheConnectionStaysWanted) {
                           IsError(kEventFile, "RegisterEvent",
                                   events::RefusalOf(Refusal().result, kAgentStatus)),
                           IsError(kWatchFile, "KeepConnection", "Failed to register event")));
-  fake::AllowHeld(fake::Kind::kEventHandler, 1);  // what the platform made in spite of its refusal
-}
-
-TEST_P(ARefusal, OfTheSubscriptionIsTriedAgainByTheNextConnection) {
-  fake::Next(kAdd, Refusal());
-  Watch().KeepConnection();
-  Watch().KeepConnection();
-  EXPECT_EQ(fake::CountCalls(kAdd), 2U);
-  fake::AllowHeld(fake::Kind::kEventHandler, 2);
-}
-
-TEST_P(ARefusal, OfTheSubscriptionLeavesNothingToRemove) {
-  fake::Next(kAdd, Refusal());
-  Watch().KeepConnection();
   Watch().DontCareConnection();
   EXPECT_EQ(fake::CountCalls(kRemove), 0U);
-  fake::AllowHeld(fake::Kind::kEventHandler, 1);
+  Watch().KeepConnection();  // tries again
+  EXPECT_EQ(fake::CountCalls(kAdd), 2U);
+  fake::AllowHeld(fake::Kind::kEventHandler, 2);  // what the platform made in spite of its refusal
 }
 
 TEST_P(ARefusal, OfTheSubscriptionShowsAnUpdateOfTheAgentAsAPlainLoss) {
@@ -153,17 +126,6 @@ TEST_P(ARefusal, OfTheRemovalIsLoggedAndForgotten) {
   Watch().KeepConnection();
   EXPECT_EQ(fake::CountCalls(kAdd), 1U);
   fake::AllowHeld(fake::Kind::kEventHandler, 2);
-}
-
-TEST_P(ARefusal, OfTheRemovalDoesNotKeepADisconnectFromEnding) {
-  ASSERT_EQ(connection.Connect(), 0);
-  fake::Proxy().FireConnected();
-  fake::Next(kRemove, Refusal());
-  EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
-  EXPECT_FALSE(fake::Proxy().Alive());
-  EXPECT_THAT(fake::Logs().back(),
-              IsInfo(kHandlerFile, "Disconnect", "proxy handle was destroyed"));
-  fake::AllowHeld(fake::Kind::kEventHandler, 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(InEachShape, ARefusal, testing::Range<std::size_t>(0, kRefusals.size()));
@@ -216,43 +178,12 @@ TEST_F(TheWatch, AllocatesNothingWhenTheConnectionStandsOrEnds) {
 
 /* When the connection is watched. */
 
-TEST_F(TheWatch, IsNotSubscribedWhileConnecting) {
-  ASSERT_EQ(connection.Connect(), 0);
-  EXPECT_THAT(fake::Subscriptions(), IsEmpty());
-  fake::AllowHeldConnection();
-}
-
 TEST_F(TheWatch, IsSubscribedBeforeTheApplicationHearsOfTheConnection) {
   ASSERT_EQ(connection.Connect(), 0);
   connection.inside = [] { EXPECT_THAT(fake::Subscriptions(), ElementsAre(kAgentStatus)); };
   fake::Proxy().FireConnected();
   EXPECT_EQ(connection.notices.size(), 1U);
   fake::AllowHeldConnection();
-}
-
-TEST_F(TheWatch, StaysSubscribedOverALossAndARejection) {
-  ASSERT_EQ(connection.Connect(), 0);
-  fake::Proxy().FireConnected();
-  fake::Proxy().FireDisconnected();
-  EXPECT_THAT(fake::Subscriptions(), ElementsAre(kAgentStatus));
-  fake::Proxy().FireRejected();
-  EXPECT_THAT(fake::Subscriptions(), ElementsAre(kAgentStatus));
-  EXPECT_TRUE(Watch().IsConnectionKept());
-  fake::AllowHeldConnection();
-}
-
-TEST_F(TheWatch, EndsWithTheConnectionBehindTheProxy) {
-  ASSERT_EQ(connection.Connect(), 0);
-  fake::Proxy().FireConnected();
-  fake::ClearRecord();
-  EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
-  EXPECT_THAT(fake::Trace(),
-              ElementsAre("package_info_create(\"" AGENT_PACKAGE_ID "\")",
-                          testing::StartsWith("package_info_destroy("), "I Disconnect: Disconnect",
-                          "rpc_port_proxy_destroy(proxy#1)",
-                          "I DontCareConnection: Don't care about CONNECTION",
-                          "event_remove_event_handler(event handler#1)",
-                          "I Disconnect: proxy handle was destroyed"));
 }
 
 /* The events. */
@@ -272,21 +203,6 @@ class AnAgentEvent : public client::ConnectedTest {
     EXPECT_THAT(fake::CallNames("rpc_port_"), IsEmpty());
   }
 };
-
-TEST_F(AnAgentEvent, UpdateIsRecordedAndMovesTheState) {
-  EXPECT_EQ(AnnounceUpdate(), 1);
-  EXPECT_EQ(events::State(), 2);
-  EXPECT_THAT(fake::Logs(),
-              ElementsAre(IsInfo("UpdateObserver.cc", "PrepareSvcmgrUpdate", kAnnouncement)));
-  EXPECT_THAT(connection.notices, IsEmpty());
-  ExpectNoReconnection();
-}
-
-TEST_F(AnAgentEvent, UpdateDoesNotLookForLaunch) {
-  AnnounceUpdate();
-  ASSERT_EQ(fake::Calls().size(), 1U);
-  EXPECT_THAT(fake::Calls()[0].arguments, testing::HasSubstr("\"Update\""));
-}
 
 TEST_F(AnAgentEvent, WithBothKeysIsAnUpdateOnly) {
   Lose();
@@ -337,110 +253,9 @@ INSTANTIATE_TEST_SUITE_P(Each, AForeignName,
                                          "event." AGENT_PACKAGE_ID ".AGENT_STATUS",
                                          "event." AGENT_PACKAGE_ID ".update_status"));
 
-class AnUpdateState : public AnAgentEvent, public testing::WithParamInterface<int> {};
-
-TEST_P(AnUpdateState, BecomesUpdatingWhateverItWas) {
-  events::Enter(GetParam());
-  AnnounceUpdate();
-  EXPECT_EQ(events::State(), 2);
-}
-
-TEST_P(AnUpdateState, MovesToRelaunchedFromDisconnectedAlone) {
-  Lose();
-  events::Enter(GetParam());
-  AnnounceLaunch();
-  EXPECT_EQ(events::State(), GetParam() == 3 ? 4 : GetParam());
-}
-
-TEST_P(AnUpdateState, DoesNotKeepALaunchFromReconnecting) {
-  Lose();
-  events::Enter(GetParam());
-  AnnounceLaunch();
-  EXPECT_FALSE(fake::Proxy(1).Alive());
-  EXPECT_EQ(fake::ProxyCount(), 2);
-  fake::Proxy(2).FireConnected();
-  const bool quiet = GetParam() == 3 || GetParam() == 4;
-  EXPECT_EQ(connection.notices.size(), quiet ? 0U : 1U);
-}
-
-TEST_P(AnUpdateState, IsLeftAloneByALaunchWhileConnected) {
-  events::Enter(GetParam());
-  AnnounceLaunch();
-  EXPECT_EQ(events::State(), GetParam());
-  EXPECT_THAT(fake::Logs(), IsEmpty());
-  ExpectNoReconnection();
-}
-
-TEST_P(AnUpdateState, MovesToDisconnectedFromUpdatingAlone) {
-  events::Enter(GetParam());
-  fake::Proxy().FireDisconnected();
-  EXPECT_EQ(events::State(), GetParam() == 2 ? 3 : GetParam());
-}
-
-TEST_P(AnUpdateState, IsLeftAloneByTheConnectedEventAndByDisconnecting) {
-  events::Enter(GetParam());
-  fake::Proxy().FireConnected();
-  EXPECT_EQ(events::State(), GetParam());
-  EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
-  EXPECT_EQ(events::State(), GetParam());
-}
-
-TEST_P(AnUpdateState, CountsAsUpdatingAboveRequested) {
-  events::Enter(GetParam());
-  EXPECT_EQ(AskWhetherUpdating(), GetParam() > 1 ? 1 : 0);
-}
-
-INSTANTIATE_TEST_SUITE_P(Each, AnUpdateState, testing::Range(0, 6));
-
-TEST_F(AnAgentEvent, LaunchWhileDisconnectedReplacesTheConnection) {
-  Lose();
-  AnnounceLaunch();
-  const std::vector<std::string> trace = fake::Trace();
-  ASSERT_GE(trace.size(), 2U);
-  EXPECT_THAT(
-      std::vector<std::string>(trace.begin() + 2, trace.end()),
-      ElementsAre("I Reconnect: Re-connect", "I Disconnect: Disconnect",
-                  "rpc_port_proxy_destroy(proxy#1)",
-                  "I DontCareConnection: Don't care about CONNECTION",
-                  "event_remove_event_handler(event handler#1)",
-                  "I Disconnect: proxy handle was destroyed", "I Connect: Connect",
-                  "rpc_port_proxy_create()", "rpc_port_proxy_add_connected_event_cb(proxy#2)",
-                  "rpc_port_proxy_add_disconnected_event_cb(proxy#2)",
-                  "rpc_port_proxy_add_rejected_event_cb(proxy#2)",
-                  "rpc_port_proxy_add_received_event_cb(proxy#2)",
-                  "rpc_port_proxy_connect(proxy#2, \"" AGENT_PACKAGE_ID "\", \"SvcMgrAppPort\")"));
-  fake::Proxy().FireConnected();
-  EXPECT_THAT(connection.notices, ElementsAre(kConnected));
-}
-
-TEST_F(TheWatch, IsNotThereForALossBeforeTheAgentHasAccepted) {
-  ASSERT_EQ(connection.Connect(), 0);
-  fake::Proxy().FireDisconnected();
-  EXPECT_THAT(connection.notices, ElementsAre(kDisconnected));
-  EXPECT_EQ(AnnounceLaunch(), 0);
-  EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
-  EXPECT_EQ(connection.Connect(), 0);
-  EXPECT_EQ(fake::ProxyCount(), 1);
-  fake::AllowHeld(fake::Kind::kProxy, 1);
-}
-
-TEST_F(AnAgentEvent, LaunchAfterARejectionReconnectsToo) {
-  fake::Proxy().FireRejected();
-  AnnounceLaunch();
-  fake::Proxy(2).FireConnected();
-  EXPECT_THAT(connection.notices, ElementsAre(kRejected, kConnected));
-}
-
 TEST_F(AnAgentEvent, WithoutDataAnnouncesNothing) {
   Lose();
   fake::FireEventAt(kAgentStatus, kAgentStatus, nullptr);
-  EXPECT_EQ(fake::ProxyCount(), 1);
-}
-
-TEST_F(AnAgentEvent, LaunchAfterTheApplicationDisconnectedIsNotHeard) {
-  AnnounceUpdate();
-  EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
-  EXPECT_EQ(AnnounceLaunch(), 0);
   EXPECT_EQ(fake::ProxyCount(), 1);
 }
 
@@ -550,36 +365,6 @@ TEST_F(AnAgentEvent, LetsNothingEscapeFromAReconnection) {
 
 /* The agent's own update. */
 
-TEST_F(AnAgentEvent, SequenceOfAnUpdateOfTheAgentIsHiddenFromTheApplication) {
-  events::Statuses statuses;
-  EXPECT_EQ(statuses.Set(), 0);
-  fake::AllowHeld(fake::Kind::kEventHandler, 2);
-
-  AnnounceUpdate();
-  EXPECT_EQ(events::State(), 2);
-  EXPECT_EQ(AskWhetherUpdating(), 1);
-
-  fake::Proxy().FireDisconnected();
-  EXPECT_EQ(events::State(), 3);
-  EXPECT_EQ(AskWhetherUpdating(), -107);
-
-  AnnounceLaunch();
-  EXPECT_EQ(events::State(), 4);
-  EXPECT_EQ(fake::ProxyCount(), 2);
-  EXPECT_EQ(AskWhetherUpdating(), -107);
-
-  fake::Proxy(2).FireConnected();
-  EXPECT_THAT(fake::Subscriptions(), ElementsAre(events::kUpdateStatus, kAgentStatus));
-  EXPECT_EQ(events::State(), 4);
-  EXPECT_EQ(AskWhetherUpdating(), 1);
-
-  events::AnnounceComplete();
-  EXPECT_EQ(events::State(), 0);
-  EXPECT_EQ(AskWhetherUpdating(), 0);
-  EXPECT_THAT(connection.notices, IsEmpty());
-  EXPECT_THAT(statuses.received, ElementsAre(1));
-}
-
 TEST_F(AnAgentEvent, SequenceMayRunManyTimesWithoutTheApplicationNoticing) {
   for (int i = 0; i < 200; ++i) {
     AnnounceUpdate();
@@ -615,30 +400,6 @@ TEST_F(AnAgentEvent, SequenceIsHeardOfWhenItsEndIsHeardFirst) {
   events::AnnounceFailure(1);
   fake::Proxy().FireConnected();
   EXPECT_THAT(connection.notices, ElementsAre(kConnected));
-}
-
-TEST_F(AnAgentEvent, UpdateWithoutALossIsForgottenByTheEndOfTheUpdate) {
-  events::Statuses statuses;
-  EXPECT_EQ(statuses.Set(), 0);
-  fake::AllowHeld(fake::Kind::kEventHandler, 2);
-  AnnounceUpdate();
-  events::AnnounceComplete();
-  fake::Proxy().FireDisconnected();
-  EXPECT_THAT(connection.notices, ElementsAre(kDisconnected));
-}
-
-TEST_F(AnAgentEvent, UpdateFollowedByARequestMakesTheLossVisible) {
-  AnnounceUpdate();
-  fake::QueueReply({0});
-  EXPECT_EQ(velmora_svcmgr_request_update(), 0);
-  fake::Proxy().FireDisconnected();
-  EXPECT_THAT(connection.notices, ElementsAre(kDisconnected));
-}
-
-TEST_F(AnAgentEvent, LossWithoutAnAnnouncementIsReported) {
-  fake::Proxy().FireDisconnected();
-  EXPECT_THAT(connection.notices, ElementsAre(kDisconnected));
-  EXPECT_EQ(events::State(), 0);
 }
 
 }  // namespace

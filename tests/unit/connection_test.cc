@@ -35,12 +35,6 @@ class Connecting : public fake::PlatformTest {
   Connection connection;
 };
 
-TEST_F(Connecting, RefusesANullCallbackAndCreatesNothing) {
-  EXPECT_EQ(velmora_svcmgr_connect(nullptr, &connection), -22);
-  EXPECT_THAT(client::Logs(), ElementsAre(IsError(kClientFile, kConnect, "parameter is NULL!!")));
-  EXPECT_EQ(fake::ProxyCount(), 0);
-}
-
 TEST_F(Connecting, AllowsNullUserData) {
   static void* received;
   received = this;
@@ -63,25 +57,6 @@ TEST_F(Connecting, CreatesAProxyRegistersFourEventsAndConnectsToTheAgentsPort) {
                   "rpc_port_proxy_connect(proxy#1, \"" AGENT_PACKAGE_ID "\", \"SvcMgrAppPort\")"));
   EXPECT_THAT(client::Logs(), ElementsAre(IsInfo(kHandlerFile, "Connect", "Connect")));
   EXPECT_THAT(connection.notices, IsEmpty());
-  fake::AllowHeldConnection();
-}
-
-TEST_F(Connecting, CreatesNoContextWhenTheAgentIsMissing) {
-  fake::RemoveAgent();
-  EXPECT_EQ(connection.Connect(), client::kNotSupported);
-  EXPECT_EQ(fake::ProxyCount(), 0);
-}
-
-TEST_F(Connecting, AgainBeforeTheConnectedEventReplacesTheCallbackAndStartsNothing) {
-  ASSERT_EQ(connection.Connect(), 0);
-  fake::ClearRecord();
-  Connection second;
-  EXPECT_EQ(second.Connect(), 0);
-  EXPECT_THAT(fake::CallNames("rpc_port_"), IsEmpty());
-  EXPECT_THAT(client::Logs(), ElementsAre(IsInfo(kHandlerFile, "Connect", "Connect")));
-  fake::Proxy().FireConnected();
-  EXPECT_THAT(connection.notices, IsEmpty());
-  EXPECT_THAT(second.notices, ElementsAre(kConnected));
   fake::AllowHeldConnection();
 }
 
@@ -161,12 +136,6 @@ INSTANTIATE_TEST_SUITE_P(
                 -38}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST_F(Connecting, DestroysTheProxyOfAFailedAttemptOnce) {
-  fake::Next(kConnectProxy, fake::Fail(-5));
-  EXPECT_EQ(connection.Connect(), -1);
-  EXPECT_EQ(fake::CountCalls("rpc_port_proxy_destroy"), 1U);
-}
-
 TEST_F(Connecting, StoresTheCallbackBeforeAnythingElse) {
   fake::Next(kConnectProxy, fake::Fail(-5));
   EXPECT_EQ(connection.Connect(), -1);
@@ -216,15 +185,6 @@ INSTANTIATE_TEST_SUITE_P(OfEachEvent, ARegistration,
 
 /* The connected event. */
 
-TEST_F(Connecting, ReportsTheConnectedEvent) {
-  ASSERT_EQ(connection.Connect(), 0);
-  fake::ClearRecord();
-  fake::Proxy().FireConnected();
-  EXPECT_THAT(client::Logs(), ElementsAre(IsInfo(kHandlerFile, "OnConnected", "OnConnected")));
-  EXPECT_THAT(connection.notices, ElementsAre(kConnected));
-  fake::AllowHeldConnection();
-}
-
 TEST_F(Connecting, IsConnectedInsideTheCallback) {
   int again = 0;
   connection.inside = [&] { again = connection.Connect(); };
@@ -234,87 +194,9 @@ TEST_F(Connecting, IsConnectedInsideTheCallback) {
   fake::AllowHeldConnection();
 }
 
-struct UpdateState {
-  const char* name;
-  std::function<void()> enter;
-  bool reported;
-};
-
-void PrintTo(const UpdateState& row, std::ostream* out) { *out << row.name; }
-
-void EnterAgentUpdating() { svcmgr::agent_update_state.AnnounceAgentUpdate(); }
-void EnterAgentDisconnected() {
-  EnterAgentUpdating();
-  svcmgr::agent_update_state.LoseAgent();
-}
-void EnterAgentRelaunched() {
-  EnterAgentDisconnected();
-  svcmgr::agent_update_state.RelaunchAgent();
-}
-
-class AConnectedEvent : public fake::PlatformTest,
-                        public testing::WithParamInterface<UpdateState> {};
-
-TEST_P(AConnectedEvent, IsReportedUnlessTheAgentWasRelaunched) {
-  Connection connection;
-  GetParam().enter();
-  ASSERT_EQ(connection.Connect(), 0);
-  fake::Proxy().FireConnected();
-  EXPECT_EQ(connection.notices.size(), GetParam().reported ? 1U : 0U);
-  EXPECT_EQ(connection.Connect(), -106);
-  fake::AllowHeldConnection();
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    InEachUpdateState, AConnectedEvent,
-    testing::Values(UpdateState{"Idle", [] { svcmgr::agent_update_state.End(); }, true},
-                    UpdateState{"Requested", [] { svcmgr::agent_update_state.Request(); }, true},
-                    UpdateState{"AgentUpdating", EnterAgentUpdating, true},
-                    UpdateState{"AgentDisconnected", EnterAgentDisconnected, true},
-                    UpdateState{"AgentRelaunched", EnterAgentRelaunched, false},
-                    UpdateState{"InProgress", [] { svcmgr::agent_update_state.Start(); }, true}),
-    [](const auto& row) { return std::string(row.param.name); });
-
 /* Connected. */
 
 class AConnection : public client::ConnectedTest {};
-
-TEST_F(AConnection, RefusesASecondConnect) {
-  Connection second;
-  EXPECT_EQ(second.Connect(), -106);
-  EXPECT_THAT(client::Logs(), ElementsAre(IsError(kClientFile, kConnect, "already connected\n")));
-  fake::Proxy().FireDisconnected();
-  EXPECT_THAT(connection.notices, ElementsAre(kDisconnected));
-  EXPECT_THAT(second.notices, IsEmpty());
-}
-
-TEST_F(AConnection, LooksAtTheCallbackBeforeTheState) {
-  EXPECT_EQ(velmora_svcmgr_connect(nullptr, nullptr), -22);
-}
-
-TEST_F(AConnection, EndsByDisconnecting) {
-  EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
-  EXPECT_THAT(client::Logs(),
-              ElementsAre(IsInfo(kHandlerFile, "Disconnect", "Disconnect"),
-                          IsInfo(kHandlerFile, "Disconnect", "proxy handle was destroyed")));
-  EXPECT_THAT(fake::CallNames("rpc_port_"), ElementsAre("rpc_port_proxy_destroy"));
-  EXPECT_THAT(connection.notices, IsEmpty());
-  int level = 0;
-  EXPECT_EQ(velmora_svcmgr_get_agent_api_level(&level), -107);
-}
-
-TEST_F(AConnection, DestroysTheProxyBetweenItsTwoRecords) {
-  EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
-  const auto trace = fake::Trace();
-  const auto position = [&](const std::string& entry) {
-    return std::find(trace.begin(), trace.end(), entry) - trace.begin();
-  };
-  EXPECT_LT(position("I Disconnect: Disconnect"), position("rpc_port_proxy_destroy(proxy#1)"));
-  EXPECT_LT(position("rpc_port_proxy_destroy(proxy#1)"),
-            position("I Disconnect: proxy handle was destroyed"));
-  EXPECT_LT(position("I Disconnect: proxy handle was destroyed"),
-            static_cast<std::ptrdiff_t>(trace.size()));
-}
 
 TEST_F(AConnection, EndsAlsoWhenThePlatformRefusesToDestroyTheProxy) {
   fake::Next("rpc_port_proxy_destroy", fake::FailAfterWork(-5));
@@ -323,173 +205,7 @@ TEST_F(AConnection, EndsAlsoWhenThePlatformRefusesToDestroyTheProxy) {
   EXPECT_EQ(fake::ProxyCount(), 2);
 }
 
-TEST_F(AConnection, DoesNothingWhenDisconnectedTwice) {
-  EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
-  fake::ClearRecord();
-  EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
-  EXPECT_THAT(client::Logs(), IsEmpty());
-  EXPECT_THAT(fake::CallNames(), ElementsAre("package_info_create", "package_info_destroy"));
-}
-
-TEST_F(AConnection, CanBeMadeAgainWithANewProxy) {
-  EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
-  EXPECT_EQ(connection.Connect(), 0);
-  EXPECT_EQ(fake::ProxyCount(), 2);
-  EXPECT_FALSE(fake::Proxy(1).Alive());
-  fake::Proxy().FireConnected();
-  EXPECT_THAT(connection.notices, ElementsAre(kConnected));
-}
-
-TEST_F(AConnection, StaysWhenTheAgentsPackageIsGoneAtDisconnect) {
-  fake::RemoveAgent();
-  EXPECT_EQ(velmora_svcmgr_disconnect(), client::kNotSupported);
-  EXPECT_TRUE(fake::Proxy().Alive());
-}
-
-/* Dropped. */
-
-TEST_F(AConnection, ReportsALossAndKeepsTheProxy) {
-  fake::Proxy().FireDisconnected();
-  EXPECT_THAT(client::Logs(),
-              ElementsAre(IsInfo(kHandlerFile, "OnDisconnected", "OnDisconnected")));
-  EXPECT_THAT(connection.notices, ElementsAre(kDisconnected));
-  EXPECT_THAT(fake::CallNames("rpc_port_"), IsEmpty());
-  EXPECT_TRUE(fake::Proxy().Alive());
-  int level = 0;
-  EXPECT_EQ(velmora_svcmgr_get_agent_api_level(&level), -107);
-}
-
-TEST_F(AConnection, ReportsARejectionAndKeepsTheProxy) {
-  fake::Proxy().FireRejected();
-  EXPECT_THAT(client::Logs(), ElementsAre(IsInfo(kHandlerFile, "OnRejected", "OnRejected")));
-  EXPECT_THAT(connection.notices, ElementsAre(kRejected));
-  EXPECT_THAT(fake::CallNames("rpc_port_"), IsEmpty());
-  EXPECT_TRUE(fake::Proxy().Alive());
-  int level = 0;
-  EXPECT_EQ(velmora_svcmgr_get_agent_api_level(&level), -107);
-}
-
-TEST_F(Connecting, ReportsARejection) {
-  ASSERT_EQ(connection.Connect(), 0);
-  fake::Proxy().FireRejected();
-  EXPECT_THAT(connection.notices, ElementsAre(kRejected));
-  EXPECT_TRUE(fake::Proxy().Alive());
-  fake::AllowHeldConnection();
-}
-
-TEST_F(AConnection, OnceLostIsNotMadeAgainByConnecting) {
-  fake::Proxy().FireDisconnected();
-  fake::ClearRecord();
-  Connection second;
-  EXPECT_EQ(second.Connect(), 0);
-  EXPECT_THAT(client::Logs(), ElementsAre(IsInfo(kHandlerFile, "Connect", "Connect")));
-  EXPECT_THAT(fake::CallNames("rpc_port_"), IsEmpty());
-  fake::Proxy().FireConnected();
-  EXPECT_THAT(second.notices, ElementsAre(kConnected));
-}
-
-TEST_F(AConnection, OnceRejectedIsNotMadeAgainByConnecting) {
-  fake::Proxy().FireRejected();
-  fake::ClearRecord();
-  EXPECT_EQ(connection.Connect(), 0);
-  EXPECT_THAT(fake::CallNames("rpc_port_"), IsEmpty());
-}
-
-class ADisconnectWithoutAConnection : public client::ConnectedTest {
- protected:
-  static void ExpectNothingDone() {
-    fake::ClearRecord();
-    EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
-    EXPECT_THAT(fake::Logs(), IsEmpty());
-    EXPECT_THAT(fake::CallNames(), ElementsAre("package_info_create", "package_info_destroy"));
-  }
-};
-
-TEST_F(ADisconnectWithoutAConnection, DoesNothingAfterALoss) {
-  fake::Proxy().FireDisconnected();
-  ExpectNothingDone();
-  EXPECT_TRUE(fake::Proxy().Alive());
-}
-
-TEST_F(ADisconnectWithoutAConnection, DoesNothingAfterARejection) {
-  fake::Proxy().FireRejected();
-  ExpectNothingDone();
-  EXPECT_TRUE(fake::Proxy().Alive());
-}
-
-TEST_F(ADisconnectWithoutAConnection, DoesNothingWhileConnecting) {
-  ASSERT_EQ(velmora_svcmgr_disconnect(), 0);
-  ASSERT_EQ(connection.Connect(), 0);
-  ExpectNothingDone();
-  EXPECT_TRUE(fake::Proxy().Alive());
-}
-
-TEST_F(Connecting, IsNotNeededForADisconnect) {
-  EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
-  EXPECT_THAT(fake::Logs(), IsEmpty());
-  EXPECT_THAT(fake::CallNames(), ElementsAre("package_info_create", "package_info_destroy"));
-}
-
-class ALoss : public client::ConnectedTest, public testing::WithParamInterface<UpdateState> {};
-
-TEST_P(ALoss, IsReportedUnlessTheAgentAnnouncedItsUpdate) {
-  GetParam().enter();
-  fake::Proxy().FireDisconnected();
-  EXPECT_EQ(connection.notices.size(), GetParam().reported ? 1U : 0U);
-  int level = 0;
-  EXPECT_EQ(velmora_svcmgr_get_agent_api_level(&level), -107);
-}
-
-TEST_P(ALoss, IsReportedTheSecondTimeInEachUpdateState) {
-  GetParam().enter();
-  fake::Proxy().FireDisconnected();
-  connection.notices.clear();
-  fake::Proxy().FireDisconnected();
-  EXPECT_THAT(connection.notices, ElementsAre(kDisconnected));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    InEachUpdateState, ALoss,
-    testing::Values(UpdateState{"Idle", [] { svcmgr::agent_update_state.End(); }, true},
-                    UpdateState{"Requested", [] { svcmgr::agent_update_state.Request(); }, true},
-                    UpdateState{"AgentUpdating", EnterAgentUpdating, false},
-                    UpdateState{"AgentDisconnected", EnterAgentDisconnected, true},
-                    UpdateState{"AgentRelaunched", EnterAgentRelaunched, true},
-                    UpdateState{"InProgress", [] { svcmgr::agent_update_state.Start(); }, true}),
-    [](const auto& row) { return std::string(row.param.name); });
-
-TEST_F(AConnection, LostInTheAgentsUpdateMovesTheUpdateStateOn) {
-  EnterAgentUpdating();
-  fake::Proxy().FireDisconnected();
-  EXPECT_TRUE(svcmgr::agent_update_state.RelaunchAgent());
-}
-
-TEST_F(AConnection, RejectedInTheAgentsUpdateIsReported) {
-  EnterAgentUpdating();
-  fake::Proxy().FireRejected();
-  EXPECT_THAT(connection.notices, ElementsAre(kRejected));
-  EXPECT_TRUE(svcmgr::agent_update_state.LoseAgent());
-}
-
-TEST_F(AConnection, LeavesTheUpdateStateAloneWhenItEnds) {
-  EnterAgentUpdating();
-  EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
-  EXPECT_TRUE(svcmgr::agent_update_state.LoseAgent());
-}
-
 /* Reconnecting. */
-
-TEST_F(AConnection, IsReplacedByReconnecting) {
-  SvcMgrAppProxyHandler::GetInstance().Reconnect();
-  EXPECT_THAT(client::Logs(),
-              ElementsAre(IsInfo(kHandlerFile, "Reconnect", "Re-connect"),
-                          IsInfo(kHandlerFile, "Disconnect", "Disconnect"),
-                          IsInfo(kHandlerFile, "Disconnect", "proxy handle was destroyed"),
-                          IsInfo(kHandlerFile, "Connect", "Connect")));
-  EXPECT_FALSE(fake::Proxy(1).Alive());
-  fake::Proxy(2).FireConnected();
-  EXPECT_THAT(connection.notices, ElementsAre(kConnected));
-}
 
 TEST_F(AConnection, SaysSoWhenThereWasNoProxyToDestroy) {
   EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
@@ -552,32 +268,6 @@ class ConnectedWithoutAProxy : public fake::PlatformTest, public testing::WithPa
 INSTANTIATE_TEST_SUITE_P(AfterEachFailure, ConnectedWithoutAProxy, testing::Values(-5, -13, -22));
 
 TEST_P(ConnectedWithoutAProxy, CountsAsConnected) { EXPECT_EQ(connection.Connect(), -106); }
-
-TEST_P(ConnectedWithoutAProxy, HasNoApiLevel) {
-  int level = 5;
-  EXPECT_EQ(velmora_svcmgr_get_agent_api_level(&level), client::kInvalidApiLevel);
-  EXPECT_EQ(level, 5);
-  EXPECT_THAT(
-      client::Logs(),
-      ElementsAre(IsError(kHandlerFile, "get_agent_api_level", "Not connected"),
-                  IsInfo(kClientFile, "velmora_svcmgr_get_agent_api_level", "invalid api level")));
-}
-
-TEST_P(ConnectedWithoutAProxy, HasNoLicence) {
-  char* text = nullptr;
-  EXPECT_EQ(velmora_svcmgr_get_license_fulltext(&text), 0);
-  EXPECT_EQ(text, nullptr);
-  EXPECT_THAT(client::Logs(), ElementsAre(IsError(kHandlerFile, "get_license", "Not connected"),
-                                          IsInfo(kClientFile, "velmora_svcmgr_get_license_fulltext",
-                                                 "can't get agent license")));
-}
-
-TEST_P(ConnectedWithoutAProxy, RefusesModelRequests) {
-  Models models;
-  EXPECT_EQ(models.Request(), -107);
-  EXPECT_THAT(client::Logs(),
-              testing::Contains(IsError(kHandlerFile, "GetUsableModelList", "Not connected")));
-}
 
 TEST_P(ConnectedWithoutAProxy, BecomesIdleByDisconnecting) {
   EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
@@ -652,56 +342,5 @@ TEST_F(Connecting, MayBeRejectedInsideAnAttemptThatFails) {
   EXPECT_THAT(connection.notices, ElementsAre(kRejected));
   EXPECT_EQ(fake::LiveObjects(fake::Kind::kProxy), 0);
 }
-
-/* The application's own ID and version. */
-
-struct OwnText {
-  const char* name;
-  const char* function;
-  std::string (SvcMgrAppProxyHandler::*get)();
-  const char* value;
-  const char* member;
-  const char* message;
-};
-
-void PrintTo(const OwnText& row, std::ostream* out) { *out << row.name; }
-
-class TheApplications : public fake::PlatformTest, public testing::WithParamInterface<OwnText> {
- protected:
-  static std::string Get() { return (SvcMgrAppProxyHandler::GetInstance().*GetParam().get)(); }
-
-  static void ExpectFailure(const fake::Step& step) {
-    fake::ClearRecord();
-    fake::Next(GetParam().function, step);
-    try {
-      Get();
-      ADD_FAILURE() << "nothing was thrown";
-    } catch (const AppInfoException& exception) {
-      EXPECT_STREQ(exception.what(), "Failed to get app info.");
-    }
-    EXPECT_THAT(client::Logs(),
-                ElementsAre(IsError(kHandlerFile, GetParam().member, GetParam().message)));
-  }
-};
-
-TEST_P(TheApplications, TextIsCopiedAndReleased) {
-  EXPECT_EQ(Get(), GetParam().value);
-  EXPECT_THAT(client::Logs(), IsEmpty());
-}
-
-TEST_P(TheApplications, TextIsMissedWhenThePlatformFails) { ExpectFailure(fake::Fail(-5)); }
-TEST_P(TheApplications, TextIsMissedWhenThePlatformFailsWithGarbage) {
-  ExpectFailure(fake::FailWithGarbage(-12));
-}
-TEST_P(TheApplications, TextIsMissedWhenItIsNull) { ExpectFailure(fake::SucceedWithNull()); }
-TEST_P(TheApplications, TextIsMissedWhenItIsEmpty) { ExpectFailure(fake::SucceedWithText("")); }
-
-INSTANTIATE_TEST_SUITE_P(
-    Own, TheApplications,
-    testing::Values(OwnText{"Id", "app_get_id", &SvcMgrAppProxyHandler::GetAppId, "org.example.app",
-                            "GetAppId", "Failed to get app ID."},
-                    OwnText{"Version", "app_get_version", &SvcMgrAppProxyHandler::GetAppVersion,
-                            "1.2.3", "GetAppVersion", "Failed to get app version."}),
-    [](const auto& row) { return std::string(row.param.name); });
 
 }  // namespace

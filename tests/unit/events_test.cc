@@ -5,10 +5,8 @@
 #include <ModelUpdateEventHandler.h>
 #include <SvcmgrException.h>
 #include <UpdateStatusEventHandler.h>
-#include <unistd.h>
 
 #include <cstddef>
-#include <cstdlib>
 #include <exception>
 #include <functional>
 #include <new>
@@ -231,15 +229,6 @@ TEST_P(EachSubscriber, SubscribesWhenACallbackIsSet) {
   EXPECT_EQ(It().unset(), 0);
 }
 
-TEST_P(EachSubscriber, NeedsNoConnectionAndTouchesNone) {
-  EXPECT_EQ(It().set(&count), 0);
-  EXPECT_EQ(It().unset(), 0);
-  EXPECT_THAT(fake::CallNames("rpc_port_"), IsEmpty());
-  EXPECT_THAT(fake::CallNames(),
-              ElementsAre("package_info_create", "package_info_destroy", kAdd,
-                          "package_info_create", "package_info_destroy", kRemove));
-}
-
 TEST_P(EachSubscriber, SubscribesOnceForTwoCallbacksAndHearsForTheSecond) {
   int second = 0;
   EXPECT_EQ(It().set(&count), 0);
@@ -270,16 +259,17 @@ TEST_P(EachSubscriber, SubscribesAfreshEachTimeThatNoneIsOpen) {
   EXPECT_EQ(fake::CountCalls(kRemove), 3U);
 }
 
-TEST_P(EachSubscriber, RefusesANullCallbackAndKeepsTheFormer) {
+TEST_P(EachSubscriber, KeepsTheFormerCallbackIfAnotherOneIsRefused) {
   EXPECT_EQ(It().set(&count), 0);
   fake::ClearRecord();
   EXPECT_EQ(It().set_null(), -22);
-  ASSERT_EQ(Errors().size(), 1U);
-  EXPECT_EQ(Errors()[0].message, "parameter is NULL!!");
-  EXPECT_EQ(Errors()[0].file, It().unset_file);
+  fake::RemoveAgent();
+  EXPECT_EQ(It().set_null(), client::kNotSupported);
+  EXPECT_EQ(It().unset(), client::kNotSupported);
   EXPECT_THAT(fake::CallNames("event_"), IsEmpty());
   EXPECT_TRUE(It().fire());
   EXPECT_EQ(count, 1);
+  fake::InstallAgent("2.3.0");
   EXPECT_EQ(It().unset(), 0);
 }
 
@@ -297,23 +287,6 @@ TEST_P(EachSubscriber, AllowsNullUserData) {
   }
   EXPECT_TRUE(It().fire());
   EXPECT_EQ(calls, 1);
-  EXPECT_EQ(It().unset(), 0);
-}
-
-TEST_P(EachSubscriber, IsNotTouchedWithoutTheAgent) {
-  EXPECT_EQ(It().set(&count), 0);
-  fake::RemoveAgent();
-  fake::ClearRecord();
-  int second = 0;
-  EXPECT_EQ(It().set(&second), client::kNotSupported);
-  EXPECT_EQ(It().set_null(), client::kNotSupported);
-  EXPECT_EQ(It().unset(), client::kNotSupported);
-  ASSERT_EQ(Errors().size(), 3U);
-  for (const fake::LogRecord& record : Errors()) EXPECT_EQ(record.message, "Not supported");
-  EXPECT_THAT(fake::CallNames("event_"), IsEmpty());
-  EXPECT_TRUE(It().fire());
-  EXPECT_EQ(count, 1);
-  fake::InstallAgent("2.3.0");
   EXPECT_EQ(It().unset(), 0);
 }
 
@@ -437,88 +410,35 @@ TEST_P(EachSubscriber, HandlesTheEventThatItSubscribedToAndNoOther) {
   EXPECT_EQ(It().unset(), 0);
 }
 
+TEST_P(EachSubscriber, SubscribesOnceThoughSetInsideTheSubscription) {
+  int second = 0;
+  fake::Next(kAdd, fake::Succeed().Entering([&] { EXPECT_EQ(It().set(&second), 0); }));
+  EXPECT_EQ(It().set(&count), 0);
+  EXPECT_THAT(fake::Subscriptions(), ElementsAre(It().event));
+  EXPECT_TRUE(It().fire());
+  EXPECT_EQ(count, 0);
+  EXPECT_EQ(second, 1);
+  EXPECT_EQ(It().unset(), 0);
+  EXPECT_THAT(fake::Subscriptions(), IsEmpty());
+}
+
+TEST_P(EachSubscriber, IsNotSubscribedIfUnsetInsideTheSubscription) {
+  fake::Next(kAdd, fake::Succeed().Entering([] { EXPECT_EQ(It().unset(), 0); }));
+  EXPECT_EQ(It().set(&count), 0);
+  EXPECT_THAT(fake::Subscriptions(), IsEmpty());
+}
+
+TEST_P(EachSubscriber, MayBeSetInsideTheEndOfTheSubscription) {
+  int second = 0;
+  EXPECT_EQ(It().set(&count), 0);
+  fake::Next(kRemove, fake::Succeed().Entering([&] { EXPECT_EQ(It().set(&second), 0); }));
+  EXPECT_EQ(It().unset(), 0);
+  EXPECT_TRUE(It().fire());
+  EXPECT_EQ(second, 1);
+  EXPECT_EQ(It().unset(), 0);
+}
+
 INSTANTIATE_TEST_SUITE_P(Each, EachSubscriber, testing::Range<std::size_t>(0, 2),
                          [](const auto& row) { return std::string(kSubscribers[row.param].name); });
-
-/* The end of the process. */
-
-constexpr int kAsItShouldBe = 42;
-int late_count = 0;
-bool (*judge)() = nullptr;
-
-// Registered before the library's first use: runs behind all destructors of the library's statics.
-void RegisterJudge(bool (*function)()) {
-  judge = function;
-  std::atexit([] { _exit(judge() ? kAsItShouldBe : 1); });
-}
-
-void SubscribeAll() {
-  static auto* const connection = new client::Connection;  // outlives the statics
-  if (connection->Connect() == 0) fake::Proxy().FireConnected();
-  for (const Subscriber& subscriber : kSubscribers) subscriber.set(&late_count);
-}
-
-[[noreturn]] void ExitSubscribed(bool (*function)()) {
-  fake::Reset();
-  RegisterJudge(function);
-  SubscribeAll();
-  std::exit(0);
-}
-
-TEST(AnExit, LeavesTheSubscriptionsToThePlatform) {
-  EXPECT_EXIT(ExitSubscribed([] {
-                return fake::CountCalls(kAdd) == 3 && fake::CountCalls(kRemove) == 0 &&
-                       fake::Faults().empty();
-              }),
-              testing::ExitedWithCode(kAsItShouldBe), "");
-}
-
-TEST(AnExit, LeavesNothingSubscribedForLateCalls) {
-  EXPECT_EXIT(ExitSubscribed([] {
-                const bool unset = velmora_svcmgr_unset_update_status_cb() == 0 &&
-                                   velmora_svcmgr_ai_deregister_status_cb() == 0 &&
-                                   velmora_svcmgr_disconnect() == 0;
-                return unset && fake::CountCalls(kRemove) == 0 && fake::Faults().empty();
-              }),
-              testing::ExitedWithCode(kAsItShouldBe), "");
-}
-
-TEST(AnExit, LetsLateCallsSubscribeAfresh) {
-  EXPECT_EXIT(ExitSubscribed([] {
-                fake::ClearRecord();
-                for (const Subscriber& subscriber : kSubscribers) {
-                  if (subscriber.set(&late_count) != 0 || subscriber.unset() != 0) return false;
-                }
-                return fake::CountCalls(kAdd) == 2 && fake::CountCalls(kRemove) == 2 &&
-                       fake::Faults().empty();
-              }),
-              testing::ExitedWithCode(kAsItShouldBe), "");
-}
-
-TEST(AnExit, LeavesLateEventsHarmless) {
-  EXPECT_EXIT(ExitSubscribed([] {
-                for (const Subscriber& subscriber : kSubscribers) subscriber.fire();
-                events::AnnounceUpdate();
-                fake::Proxy().FireDisconnected();
-                events::AnnounceLaunch();
-                return fake::ProxyCount() == 2 && fake::CountCalls(kRemove) == 0 &&
-                       fake::Faults().empty();
-              }),
-              testing::ExitedWithCode(kAsItShouldBe), "");
-}
-
-TEST(AnExit, LetsASubscriberBeBuiltLate) {
-  EXPECT_EXIT(([] {
-                fake::Reset();
-                RegisterJudge([] {
-                  for (const Subscriber& subscriber : kSubscribers) {
-                    if (subscriber.unset() != 0 || subscriber.set(&late_count) != 0) return false;
-                  }
-                  return fake::CountCalls(kAdd) == 2 && fake::Faults().empty();
-                });
-                std::exit(0);
-              }()),
-              testing::ExitedWithCode(kAsItShouldBe), "");
-}
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "client.h"
+#include "event_support.h"
 
 namespace {
 
@@ -14,104 +15,125 @@ using client::Models;
 
 constexpr int kAsItShouldBe = 42;
 
-/** Set before the exit of a child process; run when the library's own statics are gone. */
+/** Judges a child process whose library has lost its own statics; set before its exit. */
 bool (*judge)() = nullptr;
 
-// Handlers run in reverse order, so one that is registered before the library's first use runs
-// behind all destructors of the library's statics.
-void RegisterJudge(bool (*function)()) {
-  judge = function;
-  std::atexit([] { _exit(judge() ? kAsItShouldBe : 1); });
+/** An application that outlives the statics. */
+struct Application {
+  Connection connection;
+  Models models;
+  events::Statuses statuses;
+  events::ModelStatuses model_statuses;
+};
+
+Application& TheApplication() {
+  static auto* const forever = new Application;
+  return *forever;
 }
 
-Connection& ConnectForGood() {
-  static auto* const connection = new Connection;  // outlives the statics
-  if (connection->Connect() == 0) fake::Proxy().FireConnected();
-  return *connection;
+void DoNothing() {}
+
+void Connect() {
+  if (TheApplication().connection.Connect() == 0) fake::Proxy().FireConnected();
 }
 
-bool NothingWasReleased() {
+void ConnectAndRequest() {
+  Connect();
+  TheApplication().models.Request();
+}
+
+void ConnectAndSubscribe() {
+  Connect();
+  TheApplication().statuses.Set();
+  TheApplication().model_statuses.Set();
+}
+
+bool LeftAsItWas() {
   return fake::CountCalls("rpc_port_proxy_destroy") == 0 &&
-         fake::CountCalls("event_remove_event_handler") == 0 && fake::Proxy().Alive() &&
-         fake::Faults().empty();
+         fake::CountCalls(events::kRemove) == 0 && fake::Proxy().Alive();
 }
 
-[[noreturn]] void ExitConnected() {
-  fake::Reset();
-  RegisterJudge(NothingWasReleased);
-  ConnectForGood();
-  std::exit(0);
-}
-
-[[noreturn]] void ExitWithAPendingRequest() {
-  fake::Reset();
-  RegisterJudge(NothingWasReleased);
-  ConnectForGood();
-  static auto* const models = new Models;
-  models->Request();
-  std::exit(0);
-}
-
-bool LateCallsAnswer() {
+bool ConnectionAnswersAndEnds() {
   int level = 0;
   fake::QueueReply({11});
   if (velmora_svcmgr_get_agent_api_level(&level) != 0 || level != 11) return false;
   if (velmora_svcmgr_connect(Connection::Callback, nullptr) != -106) return false;
   if (velmora_svcmgr_disconnect() != 0) return false;
-  if (velmora_svcmgr_get_agent_api_level(&level) != -107) return false;
-  return !fake::Proxy().Alive() && fake::Faults().empty();
+  return velmora_svcmgr_get_agent_api_level(&level) == -107 && !fake::Proxy().Alive();
 }
 
-[[noreturn]] void ExitAndCallLate() {
-  fake::Reset();
-  RegisterJudge(LateCallsAnswer);
-  ConnectForGood();
-  std::exit(0);
-}
-
-bool LateEventsAreHarmless() {
-  Connection& connection = ConnectForGood();
+bool PortEventsAreReported() {
   fake::Proxy().FireDisconnected();
   fake::Proxy().FireRejected();
   fake::Proxy().FireReceived();
-  return connection.notices.size() == 3 && fake::Faults().empty();
+  return TheApplication().connection.notices.size() == 3;
 }
 
-[[noreturn]] void ExitAndFireLate() {
+bool FirstCallIsAnswered() {
+  int level = 0;
+  return velmora_svcmgr_get_agent_api_level(&level) == -107 && velmora_svcmgr_disconnect() == 0;
+}
+
+bool NothingIsSubscribed() {
+  return velmora_svcmgr_unset_update_status_cb() == 0 &&
+         velmora_svcmgr_ai_deregister_status_cb() == 0 && velmora_svcmgr_disconnect() == 0 &&
+         fake::CountCalls(events::kRemove) == 0;
+}
+
+bool SubscriptionsAreMadeAfresh() {
+  fake::ClearRecord();
+  return TheApplication().statuses.Set() == 0 && TheApplication().model_statuses.Set() == 0 &&
+         velmora_svcmgr_unset_update_status_cb() == 0 &&
+         velmora_svcmgr_ai_deregister_status_cb() == 0 && fake::CountCalls(events::kAdd) == 2 &&
+         fake::CountCalls(events::kRemove) == 2;
+}
+
+bool AgentEventsAreHarmless() {
+  events::AnnounceStart();
+  events::Announce(events::kModelStatus, {"START"});
+  events::AnnounceUpdate();
+  fake::Proxy().FireDisconnected();
+  events::AnnounceLaunch();
+  return fake::ProxyCount() == 2 && fake::CountCalls(events::kRemove) == 0;
+}
+
+struct Exit {
+  const char* name;
+  void (*before)();
+  bool (*holds)();
+};
+
+void PrintTo(const Exit& row, std::ostream* out) { *out << row.name; }
+
+// Handlers run in reverse order, so one that is registered before the library's first use runs
+// behind all destructors of the library's statics.
+[[noreturn]] void ExitAfter(const Exit& row) {
   fake::Reset();
-  RegisterJudge(LateEventsAreHarmless);
-  ConnectForGood();
+  judge = row.holds;
+  std::atexit([] { _exit(judge() && fake::Faults().empty() ? kAsItShouldBe : 1); });
+  row.before();
   std::exit(0);
 }
 
-[[noreturn]] void ExitWithAFirstCallLate() {
-  fake::Reset();
-  RegisterJudge([] {
-    int level = 0;
-    return velmora_svcmgr_get_agent_api_level(&level) == -107 && velmora_svcmgr_disconnect() == 0 &&
-           fake::Faults().empty();
-  });
-  std::exit(0);
+class AnExit : public testing::TestWithParam<Exit> {};
+
+TEST_P(AnExit, IsAsItShouldBe) {
+  EXPECT_EXIT(ExitAfter(GetParam()), testing::ExitedWithCode(kAsItShouldBe), "");
 }
 
-TEST(AnExit, LeavesAConnectionAsItIs) {
-  EXPECT_EXIT(ExitConnected(), testing::ExitedWithCode(kAsItShouldBe), "");
-}
-
-TEST(AnExit, LeavesAPendingRequestAsItIs) {
-  EXPECT_EXIT(ExitWithAPendingRequest(), testing::ExitedWithCode(kAsItShouldBe), "");
-}
-
-TEST(AnExit, LeavesTheFunctionsUsableBehindTheStatics) {
-  EXPECT_EXIT(ExitAndCallLate(), testing::ExitedWithCode(kAsItShouldBe), "");
-}
-
-TEST(AnExit, LeavesEventsHarmlessBehindTheStatics) {
-  EXPECT_EXIT(ExitAndFireLate(), testing::ExitedWithCode(kAsItShouldBe), "");
-}
-
-TEST(AnExit, LetsTheFirstCallComeLate) {
-  EXPECT_EXIT(ExitWithAFirstCallLate(), testing::ExitedWithCode(kAsItShouldBe), "");
-}
+INSTANTIATE_TEST_SUITE_P(
+    That, AnExit,
+    testing::Values(
+        Exit{"LeavesAConnectionAsItIs", Connect, LeftAsItWas},
+        Exit{"LeavesAPendingRequestAsItIs", ConnectAndRequest, LeftAsItWas},
+        Exit{"LeavesTheSubscriptionsToThePlatform", ConnectAndSubscribe, LeftAsItWas},
+        Exit{"LeavesTheConnectionUsable", Connect, ConnectionAnswersAndEnds},
+        Exit{"LeavesPortEventsHarmless", Connect, PortEventsAreReported},
+        Exit{"LetsTheFirstCallComeLate", DoNothing, FirstCallIsAnswered},
+        Exit{"LeavesNothingSubscribedForLateCalls", ConnectAndSubscribe, NothingIsSubscribed},
+        Exit{"LetsLateCallsSubscribeAfresh", ConnectAndSubscribe, SubscriptionsAreMadeAfresh},
+        Exit{"LetsSubscribersBeBuiltLate", DoNothing, SubscriptionsAreMadeAfresh},
+        Exit{"LeavesLateAgentEventsHarmless", ConnectAndSubscribe, AgentEventsAreHarmless}),
+    [](const auto& row) { return std::string(row.param.name); });
 
 }  // namespace

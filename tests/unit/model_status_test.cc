@@ -33,67 +33,6 @@ constexpr ModelNotice kStarted{0, 17};
 constexpr ModelNotice kCompleted{0, 20};
 constexpr ModelNotice kFailed{0, 24};
 
-/* Registering. */
-
-class Registering : public fake::PlatformTest {
- protected:
-  events::ModelStatuses statuses;
-};
-
-TEST_F(Registering, IsRecordedBeforeAnythingIsChecked) {
-  fake::RemoveAgent();
-  EXPECT_EQ(velmora_svcmgr_ai_register_status_cb(nullptr, nullptr), client::kNotSupported);
-  EXPECT_EQ(velmora_svcmgr_ai_deregister_status_cb(), client::kNotSupported);
-  EXPECT_THAT(fake::Trace(), ElementsAre(std::string("I ") + kRegister + ": " + kRegisterEntry,
-                                         "package_info_create(\"" AGENT_PACKAGE_ID "\")",
-                                         std::string("E ") + kRegister + ": Not supported",
-                                         std::string("I ") + kDeregister + ": " + kDeregisterEntry,
-                                         "package_info_create(\"" AGENT_PACKAGE_ID "\")",
-                                         std::string("E ") + kDeregister + ": Not supported"));
-  EXPECT_THAT(fake::Logs()[0], IsInfo(kServiceFile, kRegister, kRegisterEntry));
-  EXPECT_THAT(fake::Logs()[1], IsError(kServiceFile, kRegister, "Not supported"));
-  EXPECT_THAT(fake::Logs()[2], IsInfo(kServiceFile, kDeregister, kDeregisterEntry));
-  EXPECT_THAT(fake::Logs()[3], IsError(kServiceFile, kDeregister, "Not supported"));
-}
-
-TEST_F(Registering, RefusesANullCallback) {
-  EXPECT_EQ(velmora_svcmgr_ai_register_status_cb(nullptr, &statuses), -22);
-  EXPECT_THAT(fake::Logs(), ElementsAre(IsInfo(kServiceFile, kRegister, kRegisterEntry),
-                                        IsError(kServiceFile, kRegister, "parameter is NULL!!")));
-  EXPECT_THAT(fake::CallNames("event_"), IsEmpty());
-}
-
-TEST_F(Registering, NeedsNoMinimumVersionOfTheAgent) {
-  fake::InstallAgent("0.1.0");
-  EXPECT_EQ(statuses.Set(), 0);
-  EXPECT_EQ(velmora_svcmgr_ai_deregister_status_cb(), 0);
-}
-
-TEST_F(Registering, AndDeregisteringLogTheirEntryAlone) {
-  EXPECT_EQ(statuses.Set(), 0);
-  EXPECT_EQ(velmora_svcmgr_ai_deregister_status_cb(), 0);
-  EXPECT_EQ(velmora_svcmgr_ai_deregister_status_cb(), 0);
-  EXPECT_THAT(fake::Logs(), ElementsAre(IsInfo(kServiceFile, kRegister, kRegisterEntry),
-                                        IsInfo(kServiceFile, kDeregister, kDeregisterEntry),
-                                        IsInfo(kServiceFile, kDeregister, kDeregisterEntry)));
-}
-
-TEST_F(Registering, SucceedsWhenRefusedWhereDeregisteringFails) {
-  fake::Next(events::kAdd, fake::Fail(-13));
-  EXPECT_EQ(statuses.Set(), 0);
-  EXPECT_EQ(statuses.Set(), 0);
-  fake::ClearRecord();
-  fake::Next(events::kRemove, fake::Fail(-13));
-  EXPECT_EQ(velmora_svcmgr_ai_deregister_status_cb(), -38);
-  EXPECT_THAT(fake::Logs(),
-              ElementsAre(IsInfo(kServiceFile, kDeregister, kDeregisterEntry),
-                          IsError("VorlaEventHandler.h", "DeregisterEvent", "err: [-13]"),
-                          IsError(kHandler, "UnsetEventCallback", "Failed to deregister event"),
-                          IsError(kServiceFile, kDeregister, "UnsetEventCallback Error")));
-  EXPECT_EQ(velmora_svcmgr_ai_deregister_status_cb(), 0);
-  fake::AllowHeld(fake::Kind::kEventHandler, 1);
-}
-
 /* Events. */
 
 class AModelStatus : public fake::PlatformTest {

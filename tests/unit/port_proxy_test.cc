@@ -15,7 +15,6 @@ namespace {
 using fake::IsProxyError;
 using proxy::Delegate;
 using proxy::DelegateId;
-using proxy::kTarget;
 using proxy::Listener;
 using proxy::MakeDelegate;
 using proxy::MakePort;
@@ -47,31 +46,11 @@ class APort : public fake::PlatformTest {
   Listener listener;
 };
 
-TEST_F(APort, RegistersItsEventsInOrderWhenItIsMade) {
-  MakePort(&listener);
-  std::vector<std::string> calls;
-  for (const fake::Call& call : fake::Calls()) calls.push_back(call.Text());
-  EXPECT_THAT(calls, ElementsAre("rpc_port_proxy_create()",
-                                 "rpc_port_proxy_add_connected_event_cb(proxy#1)",
-                                 "rpc_port_proxy_add_disconnected_event_cb(proxy#1)",
-                                 "rpc_port_proxy_add_rejected_event_cb(proxy#1)",
-                                 "rpc_port_proxy_add_received_event_cb(proxy#1)",
-                                 "rpc_port_proxy_destroy(proxy#1)"));
-}
-
 TEST_F(APort, ThrowsAnIoExceptionWhenItCannotBeMade) {
   fake::Next("rpc_port_proxy_create", fake::FailWithGarbage(-12));
   EXPECT_THROW(MakePort(&listener), proxy::InvalidIOException);
   EXPECT_THAT(fake::Logs(), ElementsAre(IsProxyError("SvcMgrAppPort", "Failed to create proxy")));
   EXPECT_THAT(fake::CallNames(), ElementsAre("rpc_port_proxy_create"));
-}
-
-TEST_F(APort, ConnectsToTheTargetsPort) {
-  MakePort(&listener)->Connect();
-  EXPECT_THAT(fake::Calls("rpc_port_proxy_connect"), SizeIs(1));
-  EXPECT_EQ(fake::Calls("rpc_port_proxy_connect")[0].arguments,
-            "proxy#1, \"org.example.agent\", \"SvcMgrAppPort\"");
-  EXPECT_THAT(fake::Logs(), IsEmpty());
 }
 
 template <typename Expected>
@@ -416,33 +395,6 @@ TEST(TheSequenceNumber, IsUniqueAcrossThreads) {
 
 /* Requests with a delegate. */
 
-TEST_F(APort, RefusesRequestsBeforeTheConnectedEvent) {
-  const auto port = MakePort(&listener);
-  port->Connect();
-  fake::ClearRecord();
-  Delegate::Record record;
-  EXPECT_THROW(port->GetUsableModelList(MakeDelegate(&record), "id", "version"),
-               proxy::NotConnectedSocketException);
-  EXPECT_THROW(port->get_agent_api_level(), proxy::NotConnectedSocketException);
-  EXPECT_THAT(fake::Logs(), ElementsAre(IsProxyError("GetUsableModelList", "Not connected"),
-                                        IsProxyError("get_agent_api_level", "Not connected")));
-  EXPECT_THAT(fake::Calls(), IsEmpty());
-  EXPECT_EQ(record.alive, 0);
-}
-
-TEST_F(AConnectedPort, SendsARequestWithADelegateAndWaitsForNothing) {
-  Delegate::Record record;
-  Post(&record);
-  EXPECT_THAT(fake::CallNames(),
-              ElementsAre("rpc_port_parcel_create", "rpc_port_parcel_write_int32",
-                          "rpc_port_parcel_write_int32", "rpc_port_parcel_write_int32",
-                          "rpc_port_parcel_write_bool", "rpc_port_parcel_write_string",
-                          "rpc_port_parcel_write_string", "rpc_port_parcel_send",
-                          "rpc_port_parcel_destroy"));
-  EXPECT_EQ(fake::Calls("rpc_port_parcel_send")[0].arguments, "parcel#1, main port of proxy#1");
-  EXPECT_THAT(fake::Logs(), IsEmpty());
-}
-
 TEST_F(AConnectedPort, KeepsTheDelegateOfARequestThatCouldNotBeSent) {
   Delegate::Record record;
   auto delegate = MakeDelegate(&record);
@@ -479,26 +431,6 @@ TEST_F(AConnectedPort, DispatchesAnAnswerThatArrivesInsideTheSend) {
   EXPECT_EQ(record.messages, 1);
 }
 
-class AFailingWrite : public proxy::ConnectedPort,
-                      public testing::WithParamInterface<std::pair<const char*, int>> {};
-
-TEST_P(AFailingWrite, IsAnIoFailureAndSendsNothing) {
-  Delegate::Record record;
-  fake::AtCall(GetParam().first, GetParam().second, fake::FailWithGarbage(-12));
-  EXPECT_THROW(Post(&record), proxy::InvalidIOException);
-  EXPECT_EQ(fake::CountCalls("rpc_port_parcel_send"), 0U);
-  EXPECT_EQ(fake::LiveObjects(fake::Kind::kParcel), 0);
-}
-
-INSTANTIATE_TEST_SUITE_P(OfEachItem, AFailingWrite,
-                         testing::Values(std::pair("rpc_port_parcel_create", 1),
-                                         std::pair("rpc_port_parcel_write_int32", 1),
-                                         std::pair("rpc_port_parcel_write_int32", 2),
-                                         std::pair("rpc_port_parcel_write_int32", 3),
-                                         std::pair("rpc_port_parcel_write_bool", 1),
-                                         std::pair("rpc_port_parcel_write_string", 1),
-                                         std::pair("rpc_port_parcel_write_string", 2)));
-
 /* Requests with a reply. */
 
 TEST_F(AConnectedPort, WaitsForTheReplyAndReleasesBothParcels) {
@@ -523,11 +455,6 @@ TEST_F(AConnectedPort, DoesNotWaitForAReplyWhenTheSendFails) {
                           "rpc_port_parcel_send(parcel#1, main port of proxy#1)",
                           "E get_agent_api_level: Failed to send parcel. result(-104)",
                           "rpc_port_parcel_destroy(parcel#1)"));
-}
-
-TEST_F(AConnectedPort, ThrowsAProtocolExceptionWhenNoReplyComes) {
-  EXPECT_THROW(port->get_agent_api_level(), proxy::InvalidProtocolException);
-  EXPECT_THAT(fake::Logs(), ElementsAre(IsProxyError("get_agent_api_level", "Invalid protocol")));
 }
 
 TEST_F(AConnectedPort, DoesNotTouchTheGarbageOfAReplyThatCannotBeReceived) {
@@ -571,12 +498,6 @@ TEST_F(AConnectedPort, TakesAnUnreadableValueForAnInvalidProtocol) {
     EXPECT_THAT(fake::Logs(), ElementsAre(IsProxyError("get_agent_api_level", "Invalid protocol")));
     EXPECT_EQ(fake::LiveObjects(fake::Kind::kParcel), 0);
   }
-}
-
-TEST_F(AConnectedPort, AnswersTheNextCallAfterAFailedOne) {
-  EXPECT_THROW(port->get_agent_api_level(), proxy::InvalidProtocolException);
-  fake::QueueReply({11});
-  EXPECT_EQ(port->get_agent_api_level(), 11);
 }
 
 /* The lock. */

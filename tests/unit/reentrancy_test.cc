@@ -6,8 +6,8 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstdlib>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <tuple>
@@ -15,7 +15,7 @@
 
 #include "client.h"
 #include "event_support.h"
-#include "model_support.h"
+#include "rules.h"
 
 namespace {
 
@@ -289,94 +289,6 @@ TEST_F(ASubscription, StaysWithAConnectionThatIsMadeInsideTheEndOfTheOneBefore) 
   EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
 }
 
-TEST_F(ASubscription, ToUpdateStatusesIsMadeOnceThoughSetInsideItself) {
-  events::Statuses first;
-  events::Statuses second;
-  Inside(events::kAdd, [&] { EXPECT_EQ(second.Set(), 0); });
-  EXPECT_EQ(first.Set(), 0);
-  EXPECT_THAT(fake::Subscriptions(), ElementsAre(events::kUpdateStatus));
-  EXPECT_EQ(events::AnnounceStart(), 1);
-  EXPECT_THAT(first.received, IsEmpty());
-  EXPECT_THAT(second.received, ElementsAre(SVCMGR_UPDATE_STATUS_STARTED));
-  EXPECT_EQ(velmora_svcmgr_unset_update_status_cb(), 0);
-  EXPECT_THAT(fake::Subscriptions(), IsEmpty());
-}
-
-TEST_F(ASubscription, ToUpdateStatusesThatIsUnsetInsideItselfEnds) {
-  events::Statuses statuses;
-  Inside(events::kAdd, [] { EXPECT_EQ(velmora_svcmgr_unset_update_status_cb(), 0); });
-  EXPECT_EQ(statuses.Set(), 0);
-  EXPECT_THAT(fake::Subscriptions(), IsEmpty());
-}
-
-TEST_F(ASubscription, ToUpdateStatusesMayBeMadeInsideItsOwnEnd) {
-  events::Statuses first;
-  events::Statuses second;
-  EXPECT_EQ(first.Set(), 0);
-  Inside(events::kRemove, [&] { EXPECT_EQ(second.Set(), 0); });
-  EXPECT_EQ(velmora_svcmgr_unset_update_status_cb(), 0);
-  EXPECT_THAT(fake::Subscriptions(), ElementsAre(events::kUpdateStatus));
-  EXPECT_EQ(events::AnnounceStart(), 1);
-  EXPECT_THAT(second.received, ElementsAre(SVCMGR_UPDATE_STATUS_STARTED));
-  EXPECT_EQ(velmora_svcmgr_unset_update_status_cb(), 0);
-}
-
-TEST_F(ASubscription, ToModelStatusesIsMadeOnceThoughSetInsideItself) {
-  events::ModelStatuses first;
-  events::ModelStatuses second;
-  Inside(events::kAdd, [&] { EXPECT_EQ(second.Set(), 0); });
-  EXPECT_EQ(first.Set(), 0);
-  EXPECT_EQ(events::Announce(events::kModelStatus, {"START"}), 1);
-  EXPECT_THAT(first.received, IsEmpty());
-  EXPECT_THAT(second.received, ElementsAre(events::ModelNotice{0, SVCMGR_AI_STATUS_STARTED}));
-  EXPECT_EQ(velmora_svcmgr_ai_deregister_status_cb(), 0);
-  EXPECT_THAT(fake::Subscriptions(), IsEmpty());
-}
-
-TEST_F(ASubscription, ToModelStatusesThatIsEndedInsideItselfEnds) {
-  events::ModelStatuses statuses;
-  Inside(events::kAdd, [] { EXPECT_EQ(velmora_svcmgr_ai_deregister_status_cb(), 0); });
-  EXPECT_EQ(statuses.Set(), 0);
-  EXPECT_THAT(fake::Subscriptions(), IsEmpty());
-}
-
-/** Who subscribes, and how an application takes that back. */
-struct Taking {
-  const char* file;
-  const char* function;
-  std::function<void()> subscribe;
-  std::function<int()> take_back;
-};
-
-TEST_F(ASubscription, ThatCannotBeEndedInsideItselfIsRecordedAsNotEnded) {
-  Connection connection;
-  events::Statuses statuses;
-  events::ModelStatuses model_statuses;
-  ASSERT_EQ(connection.Connect(), 0);
-  const Taking kinds[] = {
-      {"AgentStatusEventHandler.cc", "KeepConnection", [] { fake::Proxy().FireConnected(); },
-       velmora_svcmgr_disconnect},
-      {"UpdateStatusEventHandler.cc", "SetEventCallback", [&] { EXPECT_EQ(statuses.Set(), 0); },
-       velmora_svcmgr_unset_update_status_cb},
-      {"ModelUpdateEventHandler.cc", "SetEventCallback",
-       [&] { EXPECT_EQ(model_statuses.Set(), 0); }, velmora_svcmgr_ai_deregister_status_cb},
-  };
-  for (const Taking& kind : kinds) {
-    Inside(events::kAdd, [&] { EXPECT_EQ(kind.take_back(), 0); });
-    fake::Next(events::kRemove, fake::Fail(-5));
-    fake::ClearRecord();
-    kind.subscribe();
-    std::vector<fake::LogRecord> errors = fake::Logs();
-    errors.erase(std::remove_if(errors.begin(), errors.end(),
-                                [](const auto& record) { return record.priority != DLOG_ERROR; }),
-                 errors.end());
-    EXPECT_THAT(errors,
-                ElementsAre(fake::IsError("VorlaEventHandler.h", "DeregisterEvent", "err: [-5]"),
-                            fake::IsError(kind.file, kind.function, "Failed to deregister event")));
-  }
-  fake::AllowHeld(fake::Kind::kEventHandler, 3);
-}
-
 /* What is observed. */
 
 class ACallback : public client::ConnectedTest {
@@ -388,23 +300,15 @@ TEST_F(ACallback, ThatDisconnectsIsTheLastOfItsConnection) {
   Models others;
   ASSERT_EQ(models.Request(), 0);
   ASSERT_EQ(others.Request(), 0);
-  models.inside = [] { EXPECT_EQ(velmora_svcmgr_disconnect(), 0); };
+  models.inside = [] {
+    EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
+    EXPECT_FALSE(fake::Proxy().Alive());
+  };
   fake::DeliverDelegateMessage(1, 0, EmptyList(0));
   EXPECT_THAT(models.answers, ElementsAre(Answer{0, 0}));
   EXPECT_THAT(others.answers, IsEmpty());
   EXPECT_THAT(connection.notices, IsEmpty());
   EXPECT_FALSE(fake::Proxy().Alive());
-}
-
-TEST_F(ACallback, ThatDisconnectsDestroysTheProxyAtOnce) {
-  ASSERT_EQ(models.Request(), 0);
-  bool alive = true;
-  models.inside = [&] {
-    EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
-    alive = fake::Proxy().Alive();
-  };
-  fake::DeliverDelegateMessage(1, 0, EmptyList(0));
-  EXPECT_FALSE(alive);
 }
 
 TEST_F(ACallback, ThatConnectsAgainGetsTheNewConnectionsNotices) {
@@ -422,15 +326,6 @@ TEST_F(ACallback, ThatConnectsAgainGetsTheNewConnectionsNotices) {
   EXPECT_THAT(second.notices, ElementsAre(kConnected, kDisconnected));
 }
 
-TEST_F(ACallback, ThatSendsMoreGetsItsAnswer) {
-  Models more;
-  ASSERT_EQ(models.Request(), 0);
-  models.inside = [&] { EXPECT_EQ(more.Request(), 0); };
-  fake::DeliverDelegateMessage(1, 0, EmptyList(0));
-  fake::DeliverDelegateMessage(1, 1, EmptyList(9));
-  EXPECT_THAT(more.answers, ElementsAre(Answer{-13, 0}));
-}
-
 TEST_F(ACallback, MaySendAThousandRequests) {
   std::vector<std::unique_ptr<Models>> more;
   ASSERT_EQ(models.Request(), 0);
@@ -443,27 +338,6 @@ TEST_F(ACallback, MaySendAThousandRequests) {
   fake::DeliverDelegateMessage(1, 0, EmptyList(0));
   fake::DeliverDelegateMessage(1, 1000, EmptyList(0));
   EXPECT_THAT(more.back()->answers, ElementsAre(Answer{0, 0}));
-}
-
-TEST_F(ACallback, MayAskAndWait) {
-  int level = 0;
-  ASSERT_EQ(models.Request(), 0);
-  models.inside = [&] {
-    fake::QueueReply({11});
-    EXPECT_EQ(velmora_svcmgr_get_agent_api_level(&level), 0);
-  };
-  fake::DeliverDelegateMessage(1, 0, EmptyList(0));
-  EXPECT_EQ(level, 11);
-}
-
-TEST_F(ACallback, MayRunInsideAnother) {
-  Models others;
-  ASSERT_EQ(models.Request(), 0);
-  ASSERT_EQ(others.Request(), 0);
-  models.inside = [] { fake::DeliverDelegateMessage(1, 1, EmptyList(0)); };
-  fake::DeliverDelegateMessage(1, 0, EmptyList(0));
-  EXPECT_THAT(models.answers, ElementsAre(Answer{0, 0}));
-  EXPECT_THAT(others.answers, ElementsAre(Answer{0, 0}));
 }
 
 TEST_F(ACallback, MayRunInsideItself) {
@@ -482,16 +356,6 @@ TEST_F(ACallback, IsNotCalledAfterALossInsideAnother) {
   fake::DeliverDelegateMessage(1, 1, EmptyList(0));
   EXPECT_THAT(others.answers, IsEmpty());
   EXPECT_THAT(connection.notices, ElementsAre(kDisconnected));
-}
-
-TEST_F(ACallback, OfALossMayFindTheConnectionUnusable) {
-  int code = 0;
-  connection.inside = [&] {
-    int level = 0;
-    code = velmora_svcmgr_get_agent_api_level(&level);
-  };
-  fake::Proxy().FireDisconnected();
-  EXPECT_EQ(code, -107);
 }
 
 TEST_F(ACallback, OfTheConnectionMayBeReplacedInsideItself) {
@@ -539,27 +403,11 @@ TEST_F(ACallback, IsFoundByASequenceNumberThatCountsOnAcrossConnections) {
   EXPECT_THAT(second.answers, ElementsAre(Answer{0, 0}));
 }
 
-TEST_F(ACallback, UsesItsSequenceNumberUpWhenTheSendFails) {
-  fake::Next("rpc_port_parcel_send", fake::Fail(-5));
-  EXPECT_EQ(models.Request(), -38);
-  EXPECT_EQ(models.Request(), 0);
-  EXPECT_EQ(fake::SentParcels().at(0).items.at(2), fake::Item(1));
-}
-
-TEST_F(ACallback, TakesNoSequenceNumberWhenTheIdentityIsUnknown) {
-  fake::Next("app_get_id", fake::Fail(-5));
-  EXPECT_EQ(models.Request(), -38);
-  fake::Next("app_get_version", fake::Fail(-5));
-  EXPECT_EQ(models.Request(), -38);
-  EXPECT_EQ(models.Request(), 0);
-  EXPECT_EQ(fake::SentParcels().at(0).items.at(2), fake::Item(0));
-}
-
 /* Every exported function inside every kind of callback. */
 
-/** Receives progress; passed as user data. */
+/** Counts progress; passed as user data. */
 struct Progress {
-  int calls = 0;
+  std::size_t calls = 0;
   std::function<void()> inside;  // runs inside the next callback, once
 
   static void Callback(int, velmora_svcmgr_ai_progress_h progress, void* user_data) {
@@ -572,66 +420,52 @@ struct Progress {
   }
 };
 
-/** A connection, a request of each kind whose answer is awaited, and one handle of each kind. */
-class Stage {
+/** What functions are called with, a connection, and a request of each kind that is awaited. */
+class Scene {
  public:
-  Stage() {
+  Scene() {
     EXPECT_EQ(connection.Connect(), 0);
     fake::Proxy().FireConnected();
     EXPECT_EQ(statuses.Set(), 0);
     EXPECT_EQ(model_statuses.Set(), 0);
-    info = models::NewInfo({"id", "1", "title", "description"});
-    list = models::NewList();
-    EXPECT_EQ(velmora_svcmgr_agent_list_create(&agents), 0);
-    EXPECT_EQ(velmora_svcmgr_ai_progress_create(&progress), 0);
-
     EXPECT_EQ(usable.Request(), 0);
     usable_seq = LastSeq();
-    EXPECT_EQ(velmora_svcmgr_ai_request_model_version_list(info, Models::Callback, &versions), 0);
+    EXPECT_EQ(velmora_svcmgr_ai_request_model_version_list(stage.info, Models::Callback, &versions),
+              0);
     versions_seq = LastSeq();
-    EXPECT_EQ(velmora_svcmgr_ai_request_to_update(list, Progress::Callback, &updates), 0);
+    EXPECT_EQ(velmora_svcmgr_ai_request_to_update(stage.models, Progress::Callback, &updates), 0);
     updates_seq = LastSeq();
     connection.notices.clear();
   }
 
-  ~Stage() {
+  ~Scene() {
     connection.inside = nullptr;
     SvcMgrAppProxyHandler::GetInstance().Disconnect();
     EXPECT_EQ(velmora_svcmgr_unset_update_status_cb(), 0);
     EXPECT_EQ(velmora_svcmgr_ai_deregister_status_cb(), 0);
-    EXPECT_EQ(velmora_svcmgr_ai_model_info_destroy(info), 0);
-    EXPECT_EQ(velmora_svcmgr_ai_model_list_destroy(list), 0);
-    EXPECT_EQ(velmora_svcmgr_agent_list_destroy(agents), 0);
-    EXPECT_EQ(velmora_svcmgr_ai_progress_destroy(progress), 0);
     svcmgr::agent_update_state.End();
     fake::ForgetMessages();
   }
 
-  Stage(const Stage&) = delete;
-  Stage& operator=(const Stage&) = delete;
+  Scene(const Scene&) = delete;
+  Scene& operator=(const Scene&) = delete;
 
   /** How many callbacks of the first connection have run. */
   std::size_t Callbacks() const {
     return connection.notices.size() + usable.answers.size() + versions.answers.size() +
-           static_cast<std::size_t>(updates.calls);
+           updates.calls;
   }
 
+  rules::Stage stage;
   Connection connection;
-  Connection second;
   Models usable;
   Models versions;
-  Models more;
   Progress updates;
-  Progress more_updates;
   events::Statuses statuses;
   events::ModelStatuses model_statuses;
   int usable_seq = 0;
   int versions_seq = 0;
   int updates_seq = 0;
-  velmora_svcmgr_ai_model_info_h info = nullptr;
-  velmora_svcmgr_ai_model_list_h list = nullptr;
-  velmora_svcmgr_agent_list_h agents = nullptr;
-  velmora_svcmgr_ai_progress_h progress = nullptr;
 
  private:
   static int LastSeq() { return fake::SentParcels().back().items.at(2).number; }
@@ -640,247 +474,59 @@ class Stage {
 struct Occasion {
   const char* name;
   bool lost;  // whether the callback finds the connection lost
-  void (*fire)(Stage&, std::function<void()> act);
+  void (*fire)(Scene&, std::function<void()> act);
 };
 
 constexpr Occasion kOccasions[] = {
     {"connected", false,
-     [](Stage& stage, std::function<void()> act) {
-       stage.connection.inside = std::move(act);
+     [](Scene& scene, std::function<void()> act) {
+       scene.connection.inside = std::move(act);
        fake::Proxy().FireConnected();  // once more, as a platform might
      }},
     {"disconnected", true,
-     [](Stage& stage, std::function<void()> act) {
-       stage.connection.inside = std::move(act);
+     [](Scene& scene, std::function<void()> act) {
+       scene.connection.inside = std::move(act);
        fake::Proxy().FireDisconnected();
      }},
     {"rejected", true,
-     [](Stage& stage, std::function<void()> act) {
-       stage.connection.inside = std::move(act);
+     [](Scene& scene, std::function<void()> act) {
+       scene.connection.inside = std::move(act);
        fake::Proxy().FireRejected();
      }},
     {"model list", false,
-     [](Stage& stage, std::function<void()> act) {
-       stage.usable.inside = std::move(act);
-       fake::DeliverDelegateMessage(1, stage.usable_seq, EmptyList(0));
+     [](Scene& scene, std::function<void()> act) {
+       scene.usable.inside = std::move(act);
+       fake::DeliverDelegateMessage(1, scene.usable_seq, EmptyList(0));
      }},
     {"version list", false,
-     [](Stage& stage, std::function<void()> act) {
-       stage.versions.inside = std::move(act);
-       fake::DeliverDelegateMessage(3, stage.versions_seq, EmptyList(0));
+     [](Scene& scene, std::function<void()> act) {
+       scene.versions.inside = std::move(act);
+       fake::DeliverDelegateMessage(3, scene.versions_seq, EmptyList(0));
      }},
     {"progress", false,
-     [](Stage& stage, std::function<void()> act) {
-       stage.updates.inside = std::move(act);
-       fake::DeliverDelegateMessage(4, stage.updates_seq, {0, 1, 0, 1, 50});
+     [](Scene& scene, std::function<void()> act) {
+       scene.updates.inside = std::move(act);
+       fake::DeliverDelegateMessage(4, scene.updates_seq, {0, 1, 0, 1, 50});
      }},
     {"update status", false,
-     [](Stage& stage, std::function<void()> act) {
-       stage.statuses.inside = std::move(act);
+     [](Scene& scene, std::function<void()> act) {
+       scene.statuses.inside = std::move(act);
        events::AnnounceStart();
      }},
     {"model status", false,
-     [](Stage& stage, std::function<void()> act) {
-       stage.model_statuses.inside = std::move(act);
+     [](Scene& scene, std::function<void()> act) {
+       scene.model_statuses.inside = std::move(act);
        events::Announce(events::kModelStatus, {"START"});
      }},
 };
 
-struct Function {
-  const char* name;  // without its prefix
-  int result;        // on a connection that stands
-  int lost_result;   // on one that is lost
-  int (*call)(Stage&);
-};
-
-void PrintTo(const Function& function, std::ostream* out) { *out << function.name; }
-
-constexpr int kOutOfIndex = -1073741830;
-
-int Release(int result, char* text) {
-  std::free(text);
-  return result;
-}
-
-template <int (*get)(velmora_svcmgr_ai_model_info_h, char**)>
-int GetText(Stage& stage) {
-  char* text = nullptr;
-  const int result = get(stage.info, &text);
-  return Release(result, text);
-}
-
-template <int (*set)(velmora_svcmgr_ai_model_info_h, const char*)>
-int SetText(Stage&) {
-  velmora_svcmgr_ai_model_info_h info = nullptr;
-  EXPECT_EQ(velmora_svcmgr_ai_model_info_create(&info), 0);
-  const int result = set(info, "text");
-  EXPECT_EQ(velmora_svcmgr_ai_model_info_destroy(info), 0);
-  return result;
-}
-
-template <int (*get)(velmora_svcmgr_ai_progress_h, int*)>
-int GetNumber(Stage& stage) {
-  int number = 0;
-  return get(stage.progress, &number);
-}
-
-template <int (*set)(velmora_svcmgr_ai_progress_h, int)>
-int SetNumber(Stage& stage) {
-  return set(stage.progress, 1);
-}
-
-template <typename Handle, int (*create)(Handle*), int (*destroy)(Handle)>
-int Create(Stage&) {
-  Handle handle = nullptr;
-  const int result = create(&handle);
-  EXPECT_EQ(destroy(handle), 0);
-  return result;
-}
-
-template <typename Handle, int (*create)(Handle*), int (*destroy)(Handle)>
-int Destroy(Stage&) {
-  Handle handle = nullptr;
-  EXPECT_EQ(create(&handle), 0);
-  return destroy(handle);
-}
-
-#define HANDLE_FUNCTIONS(kind)                                                                   \
-  {#kind "_create", 0, 0,                                                                        \
-   Create<velmora_svcmgr_##kind##_h, velmora_svcmgr_##kind##_create,                             \
-          velmora_svcmgr_##kind##_destroy>},                                                     \
-  {                                                                                              \
-#kind "_destroy", 0, 0, Destroy < velmora_svcmgr_##kind##_h, velmora_svcmgr_##kind##_create, \
-        velmora_svcmgr_##kind##_destroy>                                                         \
-  }
-#define TEXT_FUNCTIONS(field)                                                               \
-  {"ai_model_info_get_" #field, 0, 0, GetText<velmora_svcmgr_ai_model_info_get_##field>}, { \
-    "ai_model_info_set_" #field, 0, 0, SetText<velmora_svcmgr_ai_model_info_set_##field>    \
-  }
-#define NUMBER_FUNCTIONS(field)                                                           \
-  {"ai_progress_get_" #field, 0, 0, GetNumber<velmora_svcmgr_ai_progress_get_##field>}, { \
-    "ai_progress_set_" #field, 0, 0, SetNumber<velmora_svcmgr_ai_progress_set_##field>    \
-  }
-
-// A request for models is sent on a lost connection too, over the port that it had.
-constexpr Function kFunctions[] = {
-    {"connect", -106, 0, [](Stage& stage) { return stage.second.Connect(); }},
-    {"disconnect", 0, 0, [](Stage&) { return velmora_svcmgr_disconnect(); }},
-    {"get_license_fulltext", 0, -107,
-     [](Stage&) {
-       fake::QueueReply({"licence"});
-       char* text = nullptr;
-       const int result = velmora_svcmgr_get_license_fulltext(&text);
-       return Release(result, text);
-     }},
-    {"get_agent_api_level", 0, -107,
-     [](Stage&) {
-       fake::QueueReply({11});
-       int level = 0;
-       return velmora_svcmgr_get_agent_api_level(&level);
-     }},
-    {"get_client_api_level", client::kNotSupported, client::kNotSupported,
-     [](Stage&) {
-       int level = 0;
-       return velmora_svcmgr_get_client_api_level(&level);
-     }},
-    {"request_update", 0, -107,
-     [](Stage&) {
-       fake::QueueReply({0});
-       return velmora_svcmgr_request_update();
-     }},
-    {"request_update_with_list", 0, -107,
-     [](Stage& stage) {
-       fake::QueueReply({0});
-       return velmora_svcmgr_request_update_with_list(stage.agents);
-     }},
-    {"is_being_updated", 0, -107,
-     [](Stage&) {
-       bool updating = false;
-       return velmora_svcmgr_is_being_updated(&updating);
-     }},
-    {"set_update_status_cb", 0, 0, [](Stage& stage) { return stage.statuses.Set(); }},
-    {"unset_update_status_cb", 0, 0,
-     [](Stage&) { return velmora_svcmgr_unset_update_status_cb(); }},
-    HANDLE_FUNCTIONS(agent_list),
-    {"agent_list_add", 0, 0,
-     [](Stage& stage) {
-       const fake::NewTracking tracking;
-       return velmora_svcmgr_agent_list_add(stage.agents, "agent");
-     }},
-    {"agent_list_get", kOutOfIndex, kOutOfIndex,
-     [](Stage& stage) {
-       char* agent = nullptr;
-       return velmora_svcmgr_agent_list_get(stage.agents, 0, &agent);
-     }},
-    {"agent_list_get_size", 0, 0,
-     [](Stage& stage) {
-       int size = 0;
-       return velmora_svcmgr_agent_list_get_size(stage.agents, &size);
-     }},
-    HANDLE_FUNCTIONS(ai_model_info),
-    TEXT_FUNCTIONS(id),
-    TEXT_FUNCTIONS(version),
-    TEXT_FUNCTIONS(title),
-    TEXT_FUNCTIONS(description),
-    HANDLE_FUNCTIONS(ai_model_list),
-    {"ai_model_list_add", 0, 0,
-     [](Stage& stage) {
-       const fake::NewTracking tracking;
-       return velmora_svcmgr_ai_model_list_add(stage.list, stage.info);
-     }},
-    {"ai_model_list_get", kOutOfIndex, kOutOfIndex,
-     [](Stage& stage) {
-       velmora_svcmgr_ai_model_info_h info = nullptr;
-       return velmora_svcmgr_ai_model_list_get(stage.list, 0, &info);
-     }},
-    {"ai_model_list_get_size", 0, 0,
-     [](Stage& stage) {
-       int size = 0;
-       return velmora_svcmgr_ai_model_list_get_size(stage.list, &size);
-     }},
-    {"ai_request_usable_model_list", 0, 0, [](Stage& stage) { return stage.more.Request(); }},
-    {"ai_request_usable_model_list_with_description", 0, 0,
-     [](Stage& stage) {
-       return velmora_svcmgr_ai_request_usable_model_list_with_description(Models::Callback,
-                                                                           &stage.more);
-     }},
-    // No package declares the category.
-    {"ai_request_usable_model_list_with_category", -22, -22,
-     [](Stage& stage) {
-       return velmora_svcmgr_ai_request_usable_model_list_with_category(Models::Callback, "none",
-                                                                        &stage.more);
-     }},
-    {"ai_request_model_version_list", 0, 0,
-     [](Stage& stage) {
-       return velmora_svcmgr_ai_request_model_version_list(stage.info, Models::Callback,
-                                                           &stage.more);
-     }},
-    {"ai_request_to_update", 0, 0,
-     [](Stage& stage) {
-       return velmora_svcmgr_ai_request_to_update(stage.list, Progress::Callback,
-                                                  &stage.more_updates);
-     }},
-    {"ai_request_to_uninstall", 0, 0,
-     [](Stage& stage) {
-       return velmora_svcmgr_ai_request_to_uninstall(stage.list, Progress::Callback,
-                                                     &stage.more_updates);
-     }},
-    HANDLE_FUNCTIONS(ai_progress),
-    NUMBER_FUNCTIONS(percentage),
-    NUMBER_FUNCTIONS(count),
-    NUMBER_FUNCTIONS(index),
-    NUMBER_FUNCTIONS(state),
-    {"ai_register_status_cb", 0, 0, [](Stage& stage) { return stage.model_statuses.Set(); }},
-    {"ai_deregister_status_cb", 0, 0,
-     [](Stage&) { return velmora_svcmgr_ai_deregister_status_cb(); }},
-};
-
-#undef HANDLE_FUNCTIONS
-#undef TEXT_FUNCTIONS
-#undef NUMBER_FUNCTIONS
-
-class AFunction : public fake::PlatformTest, public testing::WithParamInterface<Function> {
+class AFunction : public fake::PlatformTest, public testing::WithParamInterface<rules::Function> {
  protected:
+  static int Expected(bool lost) {
+    if (GetParam().name == "velmora_svcmgr_connect") return lost ? 0 : -106;
+    return lost && GetParam().wants == rules::Wants::kConnection ? -107 : 0;
+  }
+
   /** A fresh connection works. */
   static void ExpectUsable() {
     fake::ForgetMessages();
@@ -898,38 +544,27 @@ class AFunction : public fake::PlatformTest, public testing::WithParamInterface<
 };
 
 TEST_P(AFunction, ReturnsItsCodeInsideEachKindOfCallback) {
-  std::size_t occasions = 0;
   for (const Occasion& occasion : kOccasions) {
     SCOPED_TRACE(occasion.name);
-    Stage stage;
+    Scene scene;
     bool called = false;
     std::size_t callbacks = 0;
-    occasion.fire(stage, [&] {
+    occasion.fire(scene, [&] {
       called = true;
-      const int expected = occasion.lost ? GetParam().lost_result : GetParam().result;
-      EXPECT_EQ(GetParam().call(stage), expected);
-      callbacks = stage.Callbacks();
+      if (!GetParam().reply.empty()) fake::QueueReply(GetParam().reply);
+      EXPECT_EQ(GetParam().Call(scene.stage), Expected(occasion.lost));
+      callbacks = scene.Callbacks();
     });
     EXPECT_TRUE(called);
     // Above all after a disconnect.
-    EXPECT_EQ(stage.Callbacks(), callbacks);
+    EXPECT_EQ(scene.Callbacks(), callbacks);
     ExpectUsable();
-    EXPECT_EQ(stage.Callbacks(), callbacks);
-    ++occasions;
+    EXPECT_EQ(scene.Callbacks(), callbacks);
   }
-  // The storage of the lists that held something stays.
-  const std::string name = GetParam().name;
-  if (name == "agent_list_add" || name == "ai_model_list_add") {
-    fake::ExpectKept(fake::SeesOperatorNew() ? occasions : 0);
-  }
-  // So does the application of each package that a look-up has examined.
-  if (name == "ai_request_usable_model_list_with_category") {
-    EXPECT_EQ(static_cast<std::size_t>(fake::LiveObjects(fake::Kind::kAppInfo)), occasions);
-    fake::AllowHeld(fake::Kind::kAppInfo, fake::LiveObjects(fake::Kind::kAppInfo));
-  }
+  fake::AllowHeld(fake::Kind::kAppInfo, static_cast<int>(std::size(kOccasions)));
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, AFunction, testing::ValuesIn(kFunctions),
-                         [](const auto& row) { return std::string(row.param.name); });
+INSTANTIATE_TEST_SUITE_P(Each, AFunction, testing::ValuesIn(rules::Functions()),
+                         rules::NameOfFunction());
 
 }  // namespace

@@ -12,7 +12,6 @@
 
 namespace {
 
-using client::Connection;
 using client::EmptyList;
 using client::Models;
 
@@ -133,25 +132,45 @@ TEST_F(Threads, AskWhileTheMainLoopDispatches) {
   EXPECT_EQ(static_cast<int>(models.answers.size()), delivered);
 }
 
-TEST_F(Threads, RequestWhileTheMainLoopDispatches) {
+/** Two threads that send model requests, each for a receiver of its own. */
+class RequestingThreads : public Threads {
+ protected:
+  template <typename Meanwhile>
+  void RequestWhile(Meanwhile meanwhile) {
+    std::atomic<std::size_t> next{0};
+    std::atomic<int> refused{0};
+    RunTogether(
+        2,
+        [&] {
+          Models& own = others[next++];
+          for (int i = 0; i < kRounds; ++i) {
+            if (own.Request() != 0) ++refused;
+          }
+        },
+        meanwhile);
+    EXPECT_EQ(refused, 0);
+  }
+
+  std::size_t Answers() const { return others[0].answers.size() + others[1].answers.size(); }
+
+  std::vector<Models> others{2};
+};
+
+TEST_F(RequestingThreads, AreNotDisturbedByDispatch) {
   Models models;
   ASSERT_EQ(models.Request(), 0);
-  std::atomic<int> refused{0};
-  std::vector<Models> others(2);
-  std::atomic<std::size_t> next{0};
-  RunTogether(
-      2,
-      [&] {
-        Models& own = others[next++];
-        for (int i = 0; i < kRounds; ++i) {
-          if (own.Request() != 0) ++refused;
-        }
-      },
-      [&] { fake::DeliverDelegateMessage(1, 0, EmptyList(0)); });
-  EXPECT_EQ(refused, 0);
+  RequestWhile([] { fake::DeliverDelegateMessage(1, 0, EmptyList(0)); });
   fake::DeliverDelegateMessage(1, 1, EmptyList(0));
   fake::DeliverDelegateMessage(1, 2 * kRounds, EmptyList(0));
-  EXPECT_EQ(others[0].answers.size() + others[1].answers.size(), 2U);
+  EXPECT_EQ(Answers(), 2U);
+}
+
+TEST_F(RequestingThreads, AreNotRefusedWhileTheConnectionIsLost) {
+  RequestWhile([] {
+    fake::Proxy().FireDisconnected();
+    fake::Proxy().FireConnected();
+  });
+  EXPECT_EQ(Answers(), 0U);
 }
 
 TEST_F(Threads, AskWhileTheConnectionIsLostAndRejected) {
@@ -173,26 +192,6 @@ TEST_F(Threads, AskWhileTheConnectionIsLostAndRejected) {
         fake::Proxy().FireConnected();
       });
   EXPECT_EQ(strange, 0);
-}
-
-TEST_F(Threads, RequestWhileTheConnectionIsLost) {
-  std::vector<Models> others(2);
-  std::atomic<std::size_t> next{0};
-  std::atomic<int> refused{0};
-  RunTogether(
-      2,
-      [&] {
-        Models& own = others[next++];
-        for (int i = 0; i < kRounds; ++i) {
-          if (own.Request() != 0) ++refused;
-        }
-      },
-      [&] {
-        fake::Proxy().FireDisconnected();
-        fake::Proxy().FireConnected();
-      });
-  EXPECT_EQ(refused, 0);
-  EXPECT_EQ(others[0].answers.size() + others[1].answers.size(), 0U);
 }
 
 TEST_F(Threads, MayWaitForTheLockOrAReplyWhileTheConnectionEnds) {

@@ -60,24 +60,6 @@ class AnUpdateStatus : public fake::PlatformTest {
   events::Statuses statuses;
 };
 
-/* Setting and unsetting, as far as they are particular. */
-
-TEST_F(AnUpdateStatus, HasACallbackSetBehindTheFrame) {
-  fake::RemoveAgent();
-  EXPECT_EQ(velmora_svcmgr_set_update_status_cb(nullptr, nullptr), client::kNotSupported);
-  EXPECT_EQ(velmora_svcmgr_unset_update_status_cb(), client::kNotSupported);
-  EXPECT_THAT(
-      fake::Logs(),
-      ElementsAre(IsError(kClientFile, "velmora_svcmgr_set_update_status_cb", "Not supported"),
-                  IsError(kClientFile, "velmora_svcmgr_unset_update_status_cb", "Not supported")));
-  fake::InstallAgent("1.0.0");
-  fake::ClearRecord();
-  EXPECT_EQ(velmora_svcmgr_set_update_status_cb(nullptr, nullptr), -22);
-  EXPECT_THAT(fake::Logs(), ElementsAre(IsError(kClientFile, "velmora_svcmgr_set_update_status_cb",
-                                                "parameter is NULL!!")));
-  EXPECT_EQ(statuses.Set(), 0);
-}
-
 /* The two tables. */
 
 struct Translation {
@@ -123,13 +105,6 @@ TEST_P(ACode, OfAFailureIsTranslated) {
 INSTANTIATE_TEST_SUITE_P(Each, ACode, testing::ValuesIn(kTranslations), CodeName);
 
 /* Keys and their order. */
-
-TEST_F(AnUpdateStatus, OfAStartIsTheFirstThingLookedFor) {
-  EXPECT_EQ(AnnounceStart(), 1);
-  EXPECT_THAT(statuses.received, ElementsAre(0));
-  EXPECT_EQ(events::State(), 5);
-  EXPECT_THAT(Lookups(), ElementsAre("bundle_get_str_array \"Start\""));
-}
 
 TEST_F(AnUpdateStatus, OfAStartNeedsNoElement) {
   fake::FireEvent(kUpdateStatus, BundleBuilder().StrArray("Start", {}));
@@ -258,31 +233,10 @@ class AnUpdateState : public AnUpdateStatus, public testing::WithParamInterface<
   }
 };
 
-TEST_P(AnUpdateState, LetsEachStartThroughAndIsInProgressThen) {
-  events::Enter(GetParam());
-  AnnounceStart();
-  EXPECT_THAT(statuses.received, ElementsAre(0));
-  EXPECT_EQ(events::State(), 5);
-}
-
 TEST_P(AnUpdateState, LetsTheApplicationsResultThroughUnlessIdle) {
   events::Enter(GetParam());
   AnnounceOwnResult(0);
   EXPECT_EQ(statuses.received, ExpectedUnlessIdle(1));
-  EXPECT_EQ(events::State(), 0);
-}
-
-TEST_P(AnUpdateState, LetsACompletionThroughUnlessIdle) {
-  events::Enter(GetParam());
-  AnnounceComplete();
-  EXPECT_EQ(statuses.received, ExpectedUnlessIdle(1));
-  EXPECT_EQ(events::State(), 0);
-}
-
-TEST_P(AnUpdateState, LetsAFailureThroughUnlessIdle) {
-  events::Enter(GetParam());
-  AnnounceFailure(0);
-  EXPECT_EQ(statuses.received, ExpectedUnlessIdle(6));
   EXPECT_EQ(events::State(), 0);
 }
 
@@ -294,19 +248,6 @@ TEST_P(AnUpdateState, IsLeftAloneByAnEventWithoutKeys) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, AnUpdateState, testing::Range(0, 6));
-
-TEST_F(AnUpdateStatus, OfAnEndIsHeardOnce) {
-  AnnounceStart();
-  AnnounceComplete();
-  AnnounceComplete();
-  AnnounceFailure(1);
-  AnnounceOwnResult(0);
-  EXPECT_THAT(statuses.received, ElementsAre(0, 1));
-  AnnounceStart();
-  AnnounceStart();
-  AnnounceFailure(1);
-  EXPECT_THAT(statuses.received, ElementsAre(0, 1, 0, 0, 2));
-}
 
 /* Without a callback: the events of a subscription that the platform did not end. */
 
