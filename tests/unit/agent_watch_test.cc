@@ -4,7 +4,6 @@
 #include <AgentStatusEventHandler.h>
 #include <UpdateObserver.h>
 
-#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -18,7 +17,6 @@ using client::Connection;
 using client::kConnected;
 using client::kDisconnected;
 using client::kHandlerFile;
-using client::kRejected;
 using events::AnnounceLaunch;
 using events::AnnounceUpdate;
 using events::kAdd;
@@ -31,8 +29,6 @@ using testing::IsEmpty;
 
 constexpr char kWatchFile[] = "AgentStatusEventHandler.cc";
 constexpr char kEventFile[] = "VorlaEventHandler.h";
-constexpr char kAnnouncement[] =
-    "The connection to the proxy will be disconnected soonas the service-manager is updated.";
 
 AgentStatusEventHandler& Watch() { return AgentStatusEventHandler::GetInstance(); }
 

@@ -2,7 +2,6 @@
 // The look-up of the package that declares a category.
 
 #include <algorithm>
-#include <functional>
 #include <stdexcept>
 #include <string>
 #include <tuple>

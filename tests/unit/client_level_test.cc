@@ -111,7 +111,6 @@ using fake::IsError;
 using fake::IsInfo;
 using models::NameOfRow;
 using models::Steps;
-using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;

@@ -1,11 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// The connection manager: connecting, the three connection events, disconnecting.
+// The connection manager, as far as the walks do not tell: failures, and what happens inside an attempt.
 
 #include <SvcMgrAppProxyHandler.h>
-#include <SvcmgrException.h>
-#include <agent_update_state.h>
 
-#include <functional>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -21,7 +18,6 @@ using client::kConnected;
 using client::kDisconnected;
 using client::kHandlerFile;
 using client::kRejected;
-using client::Models;
 using fake::IsError;
 using fake::IsInfo;
 using fake::IsProxyError;
@@ -41,22 +37,6 @@ TEST_F(Connecting, AllowsNullUserData) {
   EXPECT_EQ(velmora_svcmgr_connect([](int, int, void* data) { received = data; }, nullptr), 0);
   fake::Proxy().FireConnected();
   EXPECT_EQ(received, nullptr);
-  fake::AllowHeldConnection();
-}
-
-TEST_F(Connecting, CreatesAProxyRegistersFourEventsAndConnectsToTheAgentsPort) {
-  EXPECT_EQ(connection.Connect(), 0);
-  std::vector<std::string> calls;
-  for (const fake::Call& call : fake::Calls("rpc_port_")) calls.push_back(call.Text());
-  EXPECT_THAT(
-      calls,
-      ElementsAre("rpc_port_proxy_create()", "rpc_port_proxy_add_connected_event_cb(proxy#1)",
-                  "rpc_port_proxy_add_disconnected_event_cb(proxy#1)",
-                  "rpc_port_proxy_add_rejected_event_cb(proxy#1)",
-                  "rpc_port_proxy_add_received_event_cb(proxy#1)",
-                  "rpc_port_proxy_connect(proxy#1, \"" AGENT_PACKAGE_ID "\", \"SvcMgrAppPort\")"));
-  EXPECT_THAT(client::Logs(), ElementsAre(IsInfo(kHandlerFile, "Connect", "Connect")));
-  EXPECT_THAT(connection.notices, IsEmpty());
   fake::AllowHeldConnection();
 }
 

@@ -9,7 +9,6 @@
 #include <fstream>
 #include <string>
 #include <tuple>
-#include <vector>
 
 #include "support/readelf.h"
 

@@ -230,6 +230,61 @@ TEST_F(AnAnswer, MayComeAgain) {
   EXPECT_EQ(Contents(answers[1].list), ThreeModels());
 }
 
+TEST_F(AnAnswer, IsReadByteByByte) {
+  for (const char* delegate :
+       {"01 00 00 00 00 00 00 00", "02 00 00 00 01 00 00 00", "03 00 00 00 02 00 00 00"}) {
+    fake::Proxy().QueueCallbackBytes(
+        "01 00 00 00 " + std::string(delegate) +
+        " 00 06 00 00 00 02 00 00 00 "
+        "02 00 00 00 61 00 02 00 00 00 62 00 02 00 00 00 63 00 02 00 00 00 64 00 "
+        "02 00 00 00 65 00 01 00 00 00 00 01 00 00 00 00 03 00 00 00 c3 a4 00 "
+        "02 00 00 00");
+    const fake::NewTracking tracking;
+    fake::Proxy().FireReceived();
+    ASSERT_THAT(answers, SizeIs(1));
+    EXPECT_EQ(answers[0].error, SVCMGR_ERROR_AGENT_CODE_6);
+    EXPECT_THAT(Contents(answers[0].list),
+                ElementsAre(Texts{"a", "b", "c", "d"}, Texts{"e", "", "", "\xc3\xa4"}));
+    KeptByConversion(2);
+    ReleaseAnswers();
+  }
+}
+
+TEST_F(AnAnswer, WithANegativeArrayCountIsAnEmptyList) {
+  for (const int count : {-1, -1000, INT_MIN}) {
+    Receive({0, Count(count), 3});
+    ASSERT_THAT(answers, SizeIs(1));
+    EXPECT_EQ(answers[0].error, SVCMGR_ERROR_NONE);
+    EXPECT_EQ(Size(answers[0].list), 0);
+    ReleaseAnswers();
+  }
+}
+
+TEST_F(AnAnswer, WithAnArrayCountBeyondItsModelsIsAFailureWithAnEmptyList) {
+  for (const int count : {2, 1000, INT_MAX}) {
+    Receive({0, Count(count), "a", "1", "A", "first", fake::Unreadable()});
+    ASSERT_THAT(answers, SizeIs(1));
+    EXPECT_EQ(answers[0].error, SVCMGR_ERROR_INVALID_OPERATION);
+    EXPECT_EQ(Size(answers[0].list), 0);
+    ReleaseAnswers();
+  }
+}
+
+TEST_F(AnAnswer, ThatEndsEarlyIsAFailureWithAnEmptyList) {
+  const Items whole = Answering(0, {ThreeModels()[0], ThreeModels()[1]}, 2);
+  for (std::size_t n = 0; n < whole.size(); ++n) {
+    for (const fake::Item& end : {fake::Unreadable(), fake::UnreadableWithGarbage()}) {
+      Items payload(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(n));
+      payload.push_back(end);
+      Receive(payload);
+      ASSERT_THAT(answers, SizeIs(1)) << n;
+      EXPECT_EQ(answers[0].error, SVCMGR_ERROR_INVALID_OPERATION) << n;
+      EXPECT_EQ(Size(answers[0].list), 0) << n;
+      ReleaseAnswers();
+    }
+  }
+}
+
 // ---- Answers that cannot be converted -----------------------------------------------------------
 
 TEST_F(AnAnswer, IsDeliveredWithoutAListWhenMemoryIsExhausted) {

@@ -6,7 +6,6 @@
 #include <climits>
 #include <memory>
 #include <new>
-#include <stdexcept>
 #include <string>
 #include <tuple>
 #include <utility>

@@ -21,13 +21,8 @@ using fake::IsInfo;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr char kServiceFile[] = "service_status_cb.cc";
 constexpr char kHandler[] = "ModelUpdateEventHandler.cc";
 constexpr char kCallback[] = "ModelEventCallback";
-constexpr char kRegister[] = "velmora_svcmgr_ai_register_status_cb";
-constexpr char kDeregister[] = "velmora_svcmgr_ai_deregister_status_cb";
-constexpr char kRegisterEntry[] = "__ velmora_svcmgr_ai_register_status_cb __";
-constexpr char kDeregisterEntry[] = "__ velmora_svcmgr_ai_deregister_status_cb __";
 
 constexpr ModelNotice kStarted{0, 17};
 constexpr ModelNotice kCompleted{0, 20};

@@ -37,7 +37,6 @@ constexpr char kInfoFile[] = "service_model_info.cc";
 constexpr char kListFile[] = "service_model_list.cc";
 constexpr char kInfoDestroy[] = "velmora_svcmgr_ai_model_info_destroy";
 constexpr char kListDestroy[] = "velmora_svcmgr_ai_model_list_destroy";
-constexpr char kListAdd[] = "velmora_svcmgr_ai_model_list_add";
 constexpr char kListGet[] = "velmora_svcmgr_ai_model_list_get";
 constexpr std::size_t kBound = 2048;
 
@@ -46,11 +45,9 @@ const Texts kFull = {"model-1", "1.0", "A title", "A description"};
 // What outputs hold before a call; never followed or released.
 char untouched_text[] = "untouched";
 const Info kUntouchedInfo = reinterpret_cast<Info>(untouched_text);
-const List kUntouchedList = reinterpret_cast<List>(untouched_text);
-constexpr int kUntouchedSize = -77;
 
-// A model with no texts, one with all, an empty list and a list of one model; and one output of
-// each type. Whatever lives at the end is released through the public functions.
+// A model with no texts, one with all, an empty list and a list of one model; and outputs.
+// Whatever lives at the end is released through the public functions.
 struct ModelHandles : fake::PlatformTest {
   void SetUp() override {
     PlatformTest::SetUp();
@@ -66,7 +63,7 @@ struct ModelHandles : fake::PlatformTest {
     fake::ForgetScripts("package_info_create");
     fake::InstallAgent("2.3.0");
     for (const Info info : {blank, full, out_info}) Destroy(info);
-    for (const List list : {empty, filled, out_list}) Destroy(list);
+    for (const List list : {empty, filled}) Destroy(list);
     if (out_text != untouched_text) free(out_text);
     fake::ExpectKept(fake::SeesOperatorNew() ? kept : 0);
     PlatformTest::TearDown();
@@ -78,15 +75,13 @@ struct ModelHandles : fake::PlatformTest {
   }
 
   static void Destroy(List list) {
-    if (list == nullptr || list == kUntouchedList) return;
+    if (list == nullptr) return;
     EXPECT_EQ(velmora_svcmgr_ai_model_list_destroy(list), SVCMGR_ERROR_NONE);
   }
 
   void ExpectOutputsUntouched() const {
     EXPECT_EQ(out_info, kUntouchedInfo);
-    EXPECT_EQ(out_list, kUntouchedList);
     EXPECT_EQ(out_text, untouched_text);
-    EXPECT_EQ(out_size, kUntouchedSize);
   }
 
   // Nothing that was handed in has changed.
@@ -102,13 +97,9 @@ struct ModelHandles : fake::PlatformTest {
   List empty = nullptr;
   List filled = nullptr;
   Info out_info = kUntouchedInfo;
-  List out_list = kUntouchedList;
   char* out_text = untouched_text;
-  int out_size = kUntouchedSize;
   std::size_t kept = 1;  // lists with a storage: `filled`
 };
-
-using H = ModelHandles;
 
 // ---- Creating and destroying --------------------------------------------------------------------
 

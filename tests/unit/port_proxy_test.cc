@@ -2,7 +2,6 @@
 // The port proxy apart from its methods: life, events, dispatch, requests, the lock.
 
 #include <exception>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -159,14 +158,6 @@ TEST_F(AConnectedPort, DropsItsDelegatesBeforeItTellsOfADisconnection) {
   EXPECT_EQ(alive_at_listener, 0);
 }
 
-TEST_F(AConnectedPort, NeverCallsADelegateAfterADisconnection) {
-  Delegate::Record record;
-  const int seq = Post(&record);
-  fake::Proxy().FireDisconnected();
-  fake::DeliverDelegateMessage(1, seq, {});
-  EXPECT_EQ(record.messages, 0);
-}
-
 TEST_F(AConnectedPort, KeepsItsPortsAfterADisconnection) {
   fake::Proxy().FireDisconnected();
   fake::QueueReply({11});
@@ -229,14 +220,6 @@ TEST_F(AConnectedPort, DoesNotTouchTheGarbageOfAMessageThatCannotBeReceived) {
   fake::Next("rpc_port_parcel_create_from_port", fake::FailWithGarbage(-5));
   fake::Proxy().FireReceived();
   EXPECT_THAT(fake::CallNames(), ElementsAre("rpc_port_parcel_create_from_port"));
-}
-
-TEST_F(AConnectedPort, KeepsADelegateForFurtherMessages) {
-  Delegate::Record record;
-  const int seq = Post(&record);
-  for (int i = 0; i < 3; ++i) fake::DeliverDelegateMessage(1, seq, {});
-  EXPECT_EQ(record.messages, 3);
-  EXPECT_EQ(record.alive, 1);
 }
 
 TEST_F(AConnectedPort, DoesNotUseTheOnceFlagOfAMessage) {
@@ -315,35 +298,16 @@ TEST_P(AnUnreadableHeader, DropsTheMessage) {
   const int seq = Post(&record);
   ASSERT_EQ(seq, 0);  // what an unread number would be
   fake::ClearRecord();
-  const fake::Items header = {1, 1, seq, false};
-  fake::DeliverMessage(fake::CutAfter(header, GetParam()));
-  EXPECT_EQ(record.messages, 0);
-  EXPECT_THAT(fake::Logs(), IsEmpty());
-}
-
-TEST_P(AnUnreadableHeader, DropsTheMessageAlsoWithGarbage) {
-  Delegate::Record record;
-  const int seq = Post(&record);
   fake::Items header = {1, 1, seq, false};
+  fake::DeliverMessage(fake::CutAfter(header, GetParam()));
   header.resize(GetParam(), 0);
   header.push_back(fake::UnreadableWithGarbage());
   fake::DeliverMessage(header);
   EXPECT_EQ(record.messages, 0);
+  EXPECT_THAT(fake::Logs(), IsEmpty());
 }
 
 INSTANTIATE_TEST_SUITE_P(AtEachItem, AnUnreadableHeader, testing::Values(0U, 1U, 2U, 3U));
-
-TEST_F(AConnectedPort, ReleasesTheMessageWhenADelegateThrows) {
-  Delegate::Record record;
-  const int seq = Post(&record);
-  record.inside = [](rpc_port_parcel_h) { throw std::runtime_error("delegate"); };
-  fake::DeliverDelegateMessage(1, seq, {});
-  EXPECT_EQ(fake::LiveObjects(fake::Kind::kParcel), 0);
-  EXPECT_EQ(record.alive, 1);
-  record.inside = nullptr;
-  fake::DeliverDelegateMessage(1, seq, {});
-  EXPECT_EQ(record.messages, 2);
-}
 
 TEST_F(AConnectedPort, FindsEachOfAHundredThousandDelegates) {
   constexpr int kDelegates = 100000;
@@ -446,17 +410,6 @@ TEST_F(AConnectedPort, WaitsForTheReplyAndReleasesBothParcels) {
   EXPECT_EQ(fake::Calls("rpc_port_parcel_create_from_port")[0].arguments, "main port of proxy#1");
 }
 
-TEST_F(AConnectedPort, DoesNotWaitForAReplyWhenTheSendFails) {
-  fake::QueueReply({11});
-  fake::Next("rpc_port_parcel_send", fake::Fail(-104));
-  EXPECT_THROW(port->get_agent_api_level(), proxy::InvalidIOException);
-  EXPECT_THAT(fake::Trace(),
-              ElementsAre("rpc_port_parcel_create()", "rpc_port_parcel_write_int32(parcel#1, 2)",
-                          "rpc_port_parcel_send(parcel#1, main port of proxy#1)",
-                          "E get_agent_api_level: Failed to send parcel. result(-104)",
-                          "rpc_port_parcel_destroy(parcel#1)"));
-}
-
 TEST_F(AConnectedPort, DoesNotTouchTheGarbageOfAReplyThatCannotBeReceived) {
   fake::Next("rpc_port_parcel_create_from_port", fake::FailWithGarbage(-5));
   EXPECT_THROW(port->get_agent_api_level(), proxy::InvalidProtocolException);
@@ -488,16 +441,6 @@ TEST_F(AConnectedPort, TakesAnUnreadableCommandForAStrayMessage) {
   fake::QueueMessage({fake::UnreadableWithGarbage()});
   fake::QueueReply({11});
   EXPECT_EQ(port->get_agent_api_level(), 11);
-}
-
-TEST_F(AConnectedPort, TakesAnUnreadableValueForAnInvalidProtocol) {
-  for (const fake::Item& item : {fake::Unreadable(), fake::UnreadableWithGarbage()}) {
-    fake::ClearRecord();
-    fake::QueueReply({item});
-    EXPECT_THROW(port->get_agent_api_level(), proxy::InvalidProtocolException);
-    EXPECT_THAT(fake::Logs(), ElementsAre(IsProxyError("get_agent_api_level", "Invalid protocol")));
-    EXPECT_EQ(fake::LiveObjects(fake::Kind::kParcel), 0);
-  }
 }
 
 /* The lock. */

@@ -218,6 +218,13 @@ struct AProgressMessage : fake::PlatformTest {
   bool keeps_handles = false;
 };
 
+TEST_F(AProgressMessage, IsReadByteByByte) {
+  fake::DeliverBytes(
+      "01 00 00 00  04 00 00 00  00 00 00 00  00  05 00 00 00"
+      "  11 00 00 00  02 00 00 00  03 00 00 00  e7 ff ff ff");
+  EXPECT_THAT(reports, ElementsAre(Report{SVCMGR_ERROR_NO_SPACE, Numbers{2, 3, -25, 17}}));
+}
+
 TEST_F(AProgressMessage, IsConvertedInTheseSteps) {
   keeps_handles = true;
   Receive(Message(0, {1, 2, 3, 4}));

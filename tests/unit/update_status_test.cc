@@ -15,7 +15,6 @@
 
 namespace {
 
-using client::kClientFile;
 using events::AnnounceComplete;
 using events::AnnounceFailure;
 using events::AnnounceStart;

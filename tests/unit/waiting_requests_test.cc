@@ -3,7 +3,6 @@
 
 #include <functional>
 #include <new>
-#include <stdexcept>
 #include <string>
 #include <tuple>
 #include <vector>
