@@ -146,7 +146,7 @@ void Unset(Stage& stage) {
 
 Rows ClientFunctions() {
   return {
-      Function(NAMED(connect), Needed{&Stage::on_connection}, Given{&Stage::user_data})
+      Function(NAMED(connect), Needed(&Stage::on_connection), Given(&Stage::user_data))
           .WithoutMemory({SVCMGR_ERROR_NONE, SVCMGR_ERROR_INVALID_OPERATION})
           .Returns(SVCMGR_ERROR_ALREADY_CONNECTED, Stand)
           .Returns(SVCMGR_ERROR_CONNECTION_FAILED,
@@ -154,18 +154,18 @@ Rows ClientFunctions() {
           .Returns(SVCMGR_ERROR_PERMISSION_DENIED,
                    RefusedByThePlatform("rpc_port_proxy_connect", -13)),
       Function(NAMED(disconnect)),
-      Function(NAMED(get_license_fulltext), Output{&Stage::out_text})
+      Function(NAMED(get_license_fulltext), Output(&Stage::out_text))
           .NeedsConnection()
           .IsAnswered({"A licence"})
           .WithoutMemory({SVCMGR_ERROR_NONE, SVCMGR_ERROR_INVALID_OPERATION})
           .Returns(SVCMGR_ERROR_KYR_DISABLED, Answered("SVCMGR_ERROR_KYR_DISABLED")),
-      Function(NAMED(get_agent_api_level), Output{&Stage::out_number})
+      Function(NAMED(get_agent_api_level), Output(&Stage::out_number))
           .NeedsConnection()
           .IsAnswered({11})
           .FailsWith(SVCMGR_ERROR_INVALID_API_LEVEL)
           .Returns(SVCMGR_ERROR_INVALID_API_LEVEL, Answered(-1))
           .Returns(SVCMGR_ERROR_KYR_DISABLED, Answered(SVCMGR_ERROR_KYR_DISABLED)),
-      Function(NAMED(get_client_api_level), Output{&Stage::out_number})
+      Function(NAMED(get_client_api_level), Output(&Stage::out_number))
           .WithoutMemory({})
           .Returns(SVCMGR_ERROR_NOT_SUPPORTED, RemoveMarkers),
       Function(NAMED(request_update))
@@ -174,14 +174,14 @@ Rows ClientFunctions() {
           .WithoutMemory({SVCMGR_ERROR_NOT_CONNECTED})
           .Returns(SVCMGR_ERROR_PERMISSION_DENIED, Answered(SVCMGR_ERROR_PERMISSION_DENIED))
           .Returns(SVCMGR_ERROR_KYR_DISABLED, Answered(SVCMGR_ERROR_KYR_DISABLED)),
-      Function(NAMED(request_update_with_list), Needed{&Stage::agents})
+      Function(NAMED(request_update_with_list), Needed(&Stage::agents))
           .NeedsLevel(11)
           .NeedsConnection()
           .IsAnswered({0})
           .WithoutMemory({SVCMGR_ERROR_NOT_CONNECTED}),
-      Function(NAMED(is_being_updated), Output{&Stage::out_flag}).NeedsConnection(),
-      Function(NAMED(set_update_status_cb), Needed{&Stage::on_update_status},
-               Given{&Stage::user_data}),
+      Function(NAMED(is_being_updated), Output(&Stage::out_flag)).NeedsConnection(),
+      Function(NAMED(set_update_status_cb), Needed(&Stage::on_update_status),
+               Given(&Stage::user_data)),
       Function(NAMED(unset_update_status_cb)),
   };
 }
@@ -189,38 +189,38 @@ Rows ClientFunctions() {
 Rows AgentListFunctions() {
   constexpr char kNull[] = "Invalid parameter!!";
   return {
-      Function(NAMED(agent_list_create), Output{&Stage::out_agents})
+      Function(NAMED(agent_list_create), Output(&Stage::out_agents))
           .Enters("velmora_svcmgr_agent_list_create")
           .RefusesNull(kNull)
           .Creates("Failed to create velmora_svcmgr_agent_list_s."),
-      Function(NAMED(agent_list_destroy), Taken{&Stage::spare_agents})
+      Function(NAMED(agent_list_destroy), Taken(&Stage::spare_agents))
           .Enters("velmora_svcmgr_agent_list_destroy")
           .RefusesNull(kNull),
-      Function(NAMED(agent_list_add), Needed{&Stage::agents}, Needed{&Stage::text})
+      Function(NAMED(agent_list_add), Needed(&Stage::agents), Needed(&Stage::text))
           .RefusesNull(kNull),
-      Function(NAMED(agent_list_get), Needed{&Stage::agents}, Given{&Stage::index},
-               Output{&Stage::out_text})
+      Function(NAMED(agent_list_get), Needed(&Stage::agents), Given(&Stage::index),
+               Output(&Stage::out_text))
           .RefusesNull(kNull)
           .Returns(SVCMGR_ERROR_OUT_OF_INDEX, AskBehindTheEnd),
-      Function(NAMED(agent_list_get_size), Needed{&Stage::agents}, Output{&Stage::out_number})
+      Function(NAMED(agent_list_get_size), Needed(&Stage::agents), Output(&Stage::out_number))
           .RefusesNull("Invalid parameter"),
   };
 }
 
 #define TEXT_FUNCTIONS(field)                                                                      \
-  Function(NAMED(ai_model_info_get_##field), Needed{&Stage::info}, Output{&Stage::out_text})       \
+  Function(NAMED(ai_model_info_get_##field), Needed(&Stage::info), Output(&Stage::out_text))       \
       .RefusesNull("Invalid parameter")                                                            \
       .Returns(SVCMGR_ERROR_INVALID_OPERATION, Unset<&velmora_svcmgr_ai_model_info_s::field>),     \
-      Function(NAMED(ai_model_info_set_##field), Needed{&Stage::spare_info}, Needed{&Stage::text}) \
+      Function(NAMED(ai_model_info_set_##field), Needed(&Stage::spare_info), Needed(&Stage::text)) \
           .RefusesNull("Invalid parameter")
 
 Rows ModelInfoFunctions() {
   return {
-      Function(NAMED(ai_model_info_create), Output{&Stage::out_info})
+      Function(NAMED(ai_model_info_create), Output(&Stage::out_info))
           .Enters("velmora_svcmgr_ai_model_info_create")
           .RefusesNull("Invalid parameter!!")
           .Creates("Failed to create velmora_svcmgr_ai_model_info_h."),
-      Function(NAMED(ai_model_info_destroy), Taken{&Stage::spare_info})
+      Function(NAMED(ai_model_info_destroy), Taken(&Stage::spare_info))
           .Enters("velmora_svcmgr_ai_model_info_destroy")
           .RefusesNull("Invalid parameter!!"),
       TEXT_FUNCTIONS(id),
@@ -233,37 +233,37 @@ Rows ModelInfoFunctions() {
 Rows ModelListFunctions() {
   constexpr char kNull[] = "Invalid parameter!!";
   return {
-      Function(NAMED(ai_model_list_create), Output{&Stage::out_models})
+      Function(NAMED(ai_model_list_create), Output(&Stage::out_models))
           .Enters("velmora_svcmgr_ai_model_list_create")
           .RefusesNull(kNull)
           .Creates("Failed to create velmora_svcmgr_ai_model_list_s."),
-      Function(NAMED(ai_model_list_destroy), Taken{&Stage::spare_models})
+      Function(NAMED(ai_model_list_destroy), Taken(&Stage::spare_models))
           .Enters("velmora_svcmgr_ai_model_list_destroy")
           .RefusesNull(kNull),
-      Function(NAMED(ai_model_list_add), Needed{&Stage::models}, Needed{&Stage::info})
+      Function(NAMED(ai_model_list_add), Needed(&Stage::models), Needed(&Stage::info))
           .RefusesNull(kNull),
-      Function(NAMED(ai_model_list_get), Needed{&Stage::models}, Given{&Stage::index},
-               Output{&Stage::out_info})
+      Function(NAMED(ai_model_list_get), Needed(&Stage::models), Given(&Stage::index),
+               Output(&Stage::out_info))
           .RefusesNull(kNull)
           .Returns(SVCMGR_ERROR_OUT_OF_INDEX, AskBehindTheEnd),
-      Function(NAMED(ai_model_list_get_size), Needed{&Stage::models}, Output{&Stage::out_number})
+      Function(NAMED(ai_model_list_get_size), Needed(&Stage::models), Output(&Stage::out_number))
           .RefusesNull("Invalid parameter"),
   };
 }
 
 #define NUMBER_FUNCTIONS(field)                                                                  \
-  Function(NAMED(ai_progress_get_##field), Needed{&Stage::progress}, Output{&Stage::out_number}) \
+  Function(NAMED(ai_progress_get_##field), Needed(&Stage::progress), Output(&Stage::out_number)) \
       .RefusesNull("Invalid parameter!!"),                                                       \
-      Function(NAMED(ai_progress_set_##field), Needed{&Stage::spare_progress},                   \
-               Given{&Stage::number})                                                            \
+      Function(NAMED(ai_progress_set_##field), Needed(&Stage::spare_progress),                   \
+               Given(&Stage::number))                                                            \
           .RefusesNull("Invalid parameter!!")
 
 Rows ProgressFunctions() {
   return {
-      Function(NAMED(ai_progress_create), Output{&Stage::out_progress})
+      Function(NAMED(ai_progress_create), Output(&Stage::out_progress))
           .RefusesNull("Invalid parameter!!")
           .Creates("Failed to create update status handle."),
-      Function(NAMED(ai_progress_destroy), Taken{&Stage::spare_progress})
+      Function(NAMED(ai_progress_destroy), Taken(&Stage::spare_progress))
           .RefusesNull("Invalid parameter!!"),
       NUMBER_FUNCTIONS(percentage),
       NUMBER_FUNCTIONS(count),
@@ -274,35 +274,35 @@ Rows ProgressFunctions() {
 
 Rows RequestFunctions() {
   return {
-      Function(NAMED(ai_request_usable_model_list), Needed{&Stage::on_models},
-               Given{&Stage::user_data})
+      Function(NAMED(ai_request_usable_model_list), Needed(&Stage::on_models),
+               Given(&Stage::user_data))
           .Enters("__ velmora_svcmgr_ai_request_usable_model_list __")
           .NeedsLevel(8)
           .NeedsProxy(),
-      Function(NAMED(ai_request_usable_model_list_with_description), Needed{&Stage::on_models},
-               Given{&Stage::user_data})
+      Function(NAMED(ai_request_usable_model_list_with_description), Needed(&Stage::on_models),
+               Given(&Stage::user_data))
           .Enters("__ velmora_svcmgr_ai_request_usable_model_list_with_description __")
           .NeedsLevel(8)
           .NeedsProxy(),
-      Function(NAMED(ai_request_usable_model_list_with_category), Needed{&Stage::on_models},
-               Given{&Stage::category}, Given{&Stage::user_data})
+      Function(NAMED(ai_request_usable_model_list_with_category), Needed(&Stage::on_models),
+               Given(&Stage::category), Given(&Stage::user_data))
           .Enters("__ velmora_svcmgr_ai_request_usable_model_list_with_category __")
           .NeedsLevel(11)
           .NeedsProxy()
           .Returns(SVCMGR_ERROR_INVALID_PARAMETER, AskForACategoryOfNobody),
       // The usable list's entry record; log readers know this request by it.
-      Function(NAMED(ai_request_model_version_list), Needed{&Stage::info},
-               Needed{&Stage::on_models}, Given{&Stage::user_data})
+      Function(NAMED(ai_request_model_version_list), Needed(&Stage::info),
+               Needed(&Stage::on_models), Given(&Stage::user_data))
           .Enters("__ velmora_svcmgr_ai_request_usable_model_list __")
           .NeedsLevel(8)
           .NeedsProxy(),
-      Function(NAMED(ai_request_to_update), Needed{&Stage::models}, Needed{&Stage::on_progress},
-               Given{&Stage::user_data})
+      Function(NAMED(ai_request_to_update), Needed(&Stage::models), Needed(&Stage::on_progress),
+               Given(&Stage::user_data))
           .Enters("__ velmora_svcmgr_ai_request_to_update __")
           .NeedsLevel(8)
           .NeedsProxy(),
-      Function(NAMED(ai_request_to_uninstall), Needed{&Stage::models}, Needed{&Stage::on_progress},
-               Given{&Stage::user_data})
+      Function(NAMED(ai_request_to_uninstall), Needed(&Stage::models), Needed(&Stage::on_progress),
+               Given(&Stage::user_data))
           .Enters("__ velmora_svcmgr_ai_request_to_uninstall __")
           .NeedsLevel(8)
           .NeedsProxy(),
@@ -311,8 +311,8 @@ Rows RequestFunctions() {
 
 Rows ModelStatusFunctions() {
   return {
-      Function(NAMED(ai_register_status_cb), Needed{&Stage::on_model_status},
-               Given{&Stage::user_data})
+      Function(NAMED(ai_register_status_cb), Needed(&Stage::on_model_status),
+               Given(&Stage::user_data))
           .Enters("__ velmora_svcmgr_ai_register_status_cb __"),
       Function(NAMED(ai_deregister_status_cb))
           .Enters("__ velmora_svcmgr_ai_deregister_status_cb __")

@@ -79,60 +79,53 @@ struct Stage {
 
 /* The arguments of a call, each a member of the stage. */
 
-/** May not be null. */
-template <typename T>
-struct Needed {
-  static constexpr unsigned kNeeded = 1;
+enum class Role {
+  kNeeded,  // may not be null
+  kTaken,   // may not be null, and is gone if the call succeeds
+  kOutput,  // where a result is written to; may not be null
+  kGiven,   // anything
+};
+
+template <Role role, typename T>
+struct Argument {
+  static constexpr unsigned kNeeded = role == Role::kGiven ? 0 : 1;
   T Stage::*member;
 };
-/** May not be null, and is gone if the call succeeds. */
+
 template <typename T>
-struct Taken {
-  static constexpr unsigned kNeeded = 1;
-  T Stage::*member;
-};
-/** Where a result is written to; may not be null. */
+Argument<Role::kNeeded, T> Needed(T Stage::*member) {
+  return {member};
+}
 template <typename T>
-struct Output {
-  static constexpr unsigned kNeeded = 1;
-  T Stage::*member;
-};
-/** Anything. */
+Argument<Role::kTaken, T> Taken(T Stage::*member) {
+  return {member};
+}
 template <typename T>
-struct Given {
-  static constexpr unsigned kNeeded = 0;
-  T Stage::*member;
-};
+Argument<Role::kOutput, T> Output(T Stage::*member) {
+  return {member};
+}
 template <typename T>
-Needed(T Stage::*) -> Needed<T>;
-template <typename T>
-Taken(T Stage::*) -> Taken<T>;
-template <typename T>
-Output(T Stage::*) -> Output<T>;
-template <typename T>
-Given(T Stage::*) -> Given<T>;
+Argument<Role::kGiven, T> Given(T Stage::*member) {
+  return {member};
+}
 
 /** Passes arguments to a function, null for those of a set of needed ones. */
 class Caller {
  public:
   Caller(Stage& stage, unsigned nulls) : stage_(stage), nulls_(nulls) {}
 
-  template <typename T>
-  T Pass(Needed<T> argument) {
-    return TakeNull() ? nullptr : stage_.*argument.member;
-  }
-  template <typename T>
-  T Pass(Taken<T> argument) {
-    on_success_ = [this, argument] { stage_.*argument.member = nullptr; };
-    return TakeNull() ? nullptr : stage_.*argument.member;
-  }
-  template <typename T>
-  T* Pass(Output<T> argument) {
-    return TakeNull() ? nullptr : &(stage_.*argument.member);
-  }
-  template <typename T>
-  T Pass(Given<T> argument) {
-    return stage_.*argument.member;
+  template <Role role, typename T>
+  auto Pass(Argument<role, T> argument) {
+    if constexpr (role == Role::kGiven) {
+      return stage_.*argument.member;
+    } else if constexpr (role == Role::kOutput) {
+      return TakeNull() ? nullptr : &(stage_.*argument.member);
+    } else {
+      if (role == Role::kTaken) {
+        on_success_ = [this, argument] { stage_.*argument.member = nullptr; };
+      }
+      return TakeNull() ? nullptr : stage_.*argument.member;
+    }
   }
 
   int Return(int result) const {
