@@ -100,7 +100,7 @@ TEST_F(ACategory, OfNullIsOfNoPackageAndNothingIsScanned) {
   EXPECT_EQ(fake::CountCalls("package_manager_foreach_package_info"), 0U);
 }
 
-TEST_F(ACategory, OfNullIsLookedAtBehindTheConnection) {
+TEST_F(ACategory, OfNullIsLookedAtAfterTheConnection) {
   EXPECT_EQ(velmora_svcmgr_disconnect(), SVCMGR_ERROR_NONE);
   EXPECT_EQ(AskFor(nullptr), SVCMGR_ERROR_NOT_CONNECTED);
 }
@@ -168,7 +168,7 @@ INSTANTIATE_TEST_SUITE_P(
                       PackageId{"PrefixInTheMiddle", "org." + kVendor + "camera", true},
                       PackageId{"PrefixLast", "org." + kVendor, true},
                       PackageId{"PrefixAlone", kVendor, true},
-                      PackageId{"PrefixBehindLetters", "x" + kVendor + "camera", true},
+                      PackageId{"PrefixAfterLetters", "x" + kVendor + "camera", true},
                       PackageId{"PrefixTwice", kVendor + kVendor, true},
                       PackageId{"PrefixCutShort", kVendor.substr(0, kVendor.size() - 1), false},
                       PackageId{"PrefixWithoutItsFirst", kVendor.substr(1) + "camera", false},
@@ -217,7 +217,7 @@ INSTANTIATE_TEST_SUITE_P(
         MetadataRow{"AKeyInCapitals", {{"AI-AGENT-CATEGORY", "vision"}}, "vision", false},
         MetadataRow{"AKeyWithMore", {{"ai-agent-category2", "vision"}}, "vision", false},
         MetadataRow{"AKeyWithLess", {{"ai-agent-categor", "vision"}}, "vision", false},
-        MetadataRow{"AKeyBehindABlank", {{" ai-agent-category", "vision"}}, "vision", false},
+        MetadataRow{"AKeyAfterABlank", {{" ai-agent-category", "vision"}}, "vision", false},
         MetadataRow{"AnEmptyKey", {{"", "vision"}}, "vision", false},
         MetadataRow{"AValueInCapitals", {{kKey, "VISION"}}, "vision", false},
         MetadataRow{"AValueWithMore", {{kKey, "visions"}}, "vision", false},
@@ -291,19 +291,19 @@ TEST_P(AFailureInTheScan, EndsItAndNothingIsFound) {
   EXPECT_EQ(fake::CountCalls("app_info_foreach_metadata"), static_cast<std::size_t>(n - 1));
 }
 
-TEST_F(ACategory, IsNotFoundBehindAVendorsPackageWithoutAnApplication) {
+TEST_F(ACategory, IsNotFoundAfterAVendorsPackageWithoutAnApplication) {
   fake::Package headless = Vendors("headless");
   headless.has_application = false;
   Install({headless, Camera()});
   ExpectNoSuchPackage(AskFor("vision"));
 }
 
-TEST_F(ACategory, IsFoundBehindAnotherVendorsPackageWithoutAnApplication) {
+TEST_F(ACategory, IsFoundAfterAnotherVendorsPackageWithoutAnApplication) {
   Install({{"org.example.headless", "1", {}, false}, Camera()});
   EXPECT_EQ(AskFor("vision"), SVCMGR_ERROR_NONE);
 }
 
-TEST_F(ACategory, IsFoundAlthoughTheIterationFailsBehindIt) {
+TEST_F(ACategory, IsFoundAlthoughTheIterationFailsAfterIt) {
   fake::Next("package_manager_foreach_package_info", fake::FailAfterWork(-5));
   EXPECT_EQ(AskFor("vision"), SVCMGR_ERROR_NONE);
   ExpectSentFor(kCamera, "4.5.6");
@@ -314,7 +314,7 @@ TEST_F(ACategory, IsNotFoundWhenTheIterationFailsAtOnce) {
   ExpectNoSuchPackage(AskFor("vision"));
 }
 
-TEST_F(ACategory, IsFoundAlthoughTheMetadatasIterationFailsBehindIt) {
+TEST_F(ACategory, IsFoundAlthoughTheMetadatasIterationFailsAfterIt) {
   fake::Next("app_info_foreach_metadata", fake::FailAfterWork(-5));
   EXPECT_EQ(AskFor("vision"), SVCMGR_ERROR_NONE);
   ExpectSentFor(kCamera, "4.5.6");

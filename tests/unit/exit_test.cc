@@ -106,7 +106,7 @@ struct Exit {
 void PrintTo(const Exit& row, std::ostream* out) { *out << row.name; }
 
 // Handlers run in reverse order, so one that is registered before the library's first use runs
-// behind all destructors of the library's statics.
+// after all destructors of the library's statics.
 [[noreturn]] void ExitAfter(const Exit& row) {
   fake::Reset();
   judge = row.holds;

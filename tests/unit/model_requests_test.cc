@@ -35,16 +35,16 @@ constexpr char kEntryFile[] = "service_request.cc";
 constexpr char kContextFile[] = "SvcMgrAppProxyHandler.cc";
 
 struct Request {
-  std::string name;                   // the exported function, behind the common prefix
+  std::string name;                   // the exported function, without the common prefix
   std::string operation;              // of the client context
   std::string proxy_method;           // of the port
   int method;                         // on the wire
   int delegate_id;                    // of its answers
-  std::string follow_up;              // the record behind a failure, without the code
+  std::string follow_up;              // the record after a failure, without its code
   std::vector<std::string> look_ups;  // what is asked of the platform before the request is built
-  Items arguments;                    // behind the delegate's header
+  Items arguments;                    // after the delegate's header
   std::vector<std::string> writes;    // of the arguments
-  Items answer;                       // behind the agent's result
+  Items answer;                       // after the agent's result
 
   const rules::Function& function() const {
     return rules::Find("velmora_svcmgr_ai_request_" + name);

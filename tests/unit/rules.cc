@@ -127,7 +127,7 @@ Function::Occasion RefusedByThePlatform(const char* function, int code) {
 }
 
 void Stand(Stage&) { connection::Stand(); }
-void AskBehindTheEnd(Stage& stage) { stage.index = 1; }
+void AskBeyondTheEnd(Stage& stage) { stage.index = 1; }
 void AskForACategoryOfNobody(Stage& stage) { stage.category = "sound"; }
 void Register(Stage& stage) {
   velmora_svcmgr_ai_register_status_cb(stage.on_model_status, nullptr);
@@ -201,7 +201,7 @@ Rows AgentListFunctions() {
       Function(NAMED(agent_list_get), Needed(&Stage::agents), Given(&Stage::index),
                Output(&Stage::out_text))
           .RefusesNull(kNull)
-          .Returns(SVCMGR_ERROR_OUT_OF_INDEX, AskBehindTheEnd),
+          .Returns(SVCMGR_ERROR_OUT_OF_INDEX, AskBeyondTheEnd),
       Function(NAMED(agent_list_get_size), Needed(&Stage::agents), Output(&Stage::out_number))
           .RefusesNull("Invalid parameter"),
   };
@@ -245,7 +245,7 @@ Rows ModelListFunctions() {
       Function(NAMED(ai_model_list_get), Needed(&Stage::models), Given(&Stage::index),
                Output(&Stage::out_info))
           .RefusesNull(kNull)
-          .Returns(SVCMGR_ERROR_OUT_OF_INDEX, AskBehindTheEnd),
+          .Returns(SVCMGR_ERROR_OUT_OF_INDEX, AskBeyondTheEnd),
       Function(NAMED(ai_model_list_get_size), Needed(&Stage::models), Output(&Stage::out_number))
           .RefusesNull("Invalid parameter"),
   };

@@ -123,7 +123,7 @@ INSTANTIATE_TEST_SUITE_P(Each, AFunction, testing::ValuesIn(rules::Functions()),
 
 /* It does its work. */
 
-TEST_P(AFunction, SucceedsBehindTheLookUpsAndWritesItsEntryRecordAlone) {
+TEST_P(AFunction, SucceedsAfterTheLookUpsAndWritesItsEntryRecordAlone) {
   Stage stage;
   Prepare();
   EXPECT_EQ(It().Call(stage), SVCMGR_ERROR_NONE);
@@ -334,7 +334,7 @@ TEST_P(AFunction, ReturnsItsCodeWhereverMemoryRunsOut) {
   std::unique_ptr<Stage> stage;
   std::string before;
   int result = 0;
-  exhaustion::ForEachFailingAllocation(
+  const int failures = exhaustion::ForEachFailingAllocation(
       [&] {
         stage.reset();
         Restart();
@@ -356,6 +356,9 @@ TEST_P(AFunction, ReturnsItsCodeWhereverMemoryRunsOut) {
         EXPECT_THAT(fake::SentParcels(), IsEmpty());
         if (result == SVCMGR_ERROR_OUT_OF_MEMORY) ExpectError(It().create_message);
       });
+  if (!It().create_message.empty()) {
+    EXPECT_EQ(failures, 1);
+  }
 }
 
 /* The public header. */

@@ -24,13 +24,13 @@ using testing::ElementsAreArray;
 constexpr char kContextFile[] = "SvcMgrAppProxyHandler.cc";
 
 struct Request {
-  std::string name;       // the exported function, behind the common prefix
+  std::string name;       // the exported function, without the common prefix
   std::string operation;  // of the client context, and of the proxy
   int failure;            // what it returns without an answer
   std::string record;     // the one that follows then
   std::string no_proxy;   // the one that follows if there is no proxy
   bool tells_exceptions;  // whether its records tell exceptions apart
-  int state;              // of updates, behind it
+  int state;              // of updates, after it
 
   const rules::Function& function() const { return rules::Find("velmora_svcmgr_" + name); }
 };

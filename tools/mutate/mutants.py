@@ -40,7 +40,7 @@ def mask(source):
 
 
 def closing(code, start):
-    """The place behind the parenthesis that closes the one just before `start`."""
+    """The place after the parenthesis that closes the one just before `start`."""
     depth = 1
     while depth > 0 and start < len(code):
         depth += {"(": 1, ")": -1}.get(code[start], 0)
