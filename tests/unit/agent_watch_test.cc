@@ -249,6 +249,17 @@ INSTANTIATE_TEST_SUITE_P(Each, AForeignName,
                                          "event." AGENT_PACKAGE_ID ".AGENT_STATUS",
                                          "event." AGENT_PACKAGE_ID ".update_status"));
 
+TEST_F(TheWatch, IsNotThereForALossBeforeTheAgentHasAccepted) {
+  ASSERT_EQ(connection.Connect(), 0);
+  fake::Proxy().FireDisconnected();
+  EXPECT_THAT(connection.notices, ElementsAre(kDisconnected));
+  EXPECT_EQ(AnnounceLaunch(), 0);
+  EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
+  EXPECT_EQ(connection.Connect(), 0);
+  EXPECT_EQ(fake::ProxyCount(), 1);
+  fake::AllowHeld(fake::Kind::kProxy, 1);
+}
+
 TEST_F(AnAgentEvent, WithoutDataAnnouncesNothing) {
   Lose();
   fake::FireEventAt(kAgentStatus, kAgentStatus, nullptr);

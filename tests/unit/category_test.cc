@@ -265,6 +265,7 @@ const ScanFailure kScanFailures[] = {
     {"ApplicationFailsWithGarbage", "app_info_create", 0,
      [] { return fake::FailWithGarbage(-22); }},
     {"ApplicationFailsWithNull", "app_info_create", 0, [] { return fake::FailWithNull(-12); }},
+    {"ApplicationIsNull", "app_info_create", 0, [] { return fake::SucceedWithNull(); }},
 };
 
 struct AFailureInTheScan : ACategory, ::testing::WithParamInterface<std::tuple<ScanFailure, int>> {
@@ -345,6 +346,9 @@ TEST_P(AnExceptionInTheScan, DoesNotCrossThePlatformAndEndsTheQuery) {
   EXPECT_THAT(logs.back(), FollowUp(-38));
   for (std::size_t i = 1; i + 1 < logs.size(); ++i) EXPECT_THAT(logs[i], IsUnknownException());
   EXPECT_THAT(fake::SentParcels(), IsEmpty());
+  // There is a package after the one whose step threw.
+  const bool scanned = GetParam() != "package_manager_foreach_package_info";
+  EXPECT_EQ(fake::CountCalls("package_info_get_package"), scanned ? 1U : 0U);
   fake::ForgetScripts(GetParam());
   EXPECT_EQ(AskFor("vision"), SVCMGR_ERROR_NONE);
   ExpectSentFor(kCamera, "4.5.6");  // with seq 0

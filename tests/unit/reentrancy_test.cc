@@ -289,6 +289,43 @@ TEST_F(ASubscription, StaysWithAConnectionThatIsMadeInsideTheEndOfTheOneBefore) 
   EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
 }
 
+/** Who subscribes, and how an application takes that back. */
+struct Taking {
+  const char* file;
+  const char* function;
+  std::function<void()> subscribe;
+  std::function<int()> take_back;
+};
+
+TEST_F(ASubscription, ThatCannotBeEndedInsideItselfIsRecordedAsNotEnded) {
+  Connection connection;
+  events::Statuses statuses;
+  events::ModelStatuses model_statuses;
+  ASSERT_EQ(connection.Connect(), 0);
+  const Taking kinds[] = {
+      {"AgentStatusEventHandler.cc", "KeepConnection", [] { fake::Proxy().FireConnected(); },
+       velmora_svcmgr_disconnect},
+      {"UpdateStatusEventHandler.cc", "SetEventCallback", [&] { EXPECT_EQ(statuses.Set(), 0); },
+       velmora_svcmgr_unset_update_status_cb},
+      {"ModelUpdateEventHandler.cc", "SetEventCallback",
+       [&] { EXPECT_EQ(model_statuses.Set(), 0); }, velmora_svcmgr_ai_deregister_status_cb},
+  };
+  for (const Taking& kind : kinds) {
+    Inside(events::kAdd, [&] { EXPECT_EQ(kind.take_back(), 0); });
+    fake::Next(events::kRemove, fake::Fail(-5));
+    fake::ClearRecord();
+    kind.subscribe();
+    std::vector<fake::LogRecord> errors = fake::Logs();
+    errors.erase(std::remove_if(errors.begin(), errors.end(),
+                                [](const auto& record) { return record.priority != DLOG_ERROR; }),
+                 errors.end());
+    EXPECT_THAT(errors,
+                ElementsAre(fake::IsError("VorlaEventHandler.h", "DeregisterEvent", "err: [-5]"),
+                            fake::IsError(kind.file, kind.function, "Failed to deregister event")));
+  }
+  fake::AllowHeld(fake::Kind::kEventHandler, 3);
+}
+
 /* What is observed. */
 
 class ACallback : public client::ConnectedTest {
