@@ -254,7 +254,8 @@ typedef void (*velmora_svcmgr_connection_cb)(int result, int state, void* user_d
  * @return SVCMGR_ERROR_NONE
  * @return SVCMGR_ERROR_INVALID_PARAMETER  callback is null
  * @return SVCMGR_ERROR_ALREADY_CONNECTED  the connection stands
- * @return SVCMGR_ERROR_CONNECTION_FAILED  there is no such agent, or it is not running
+ * @return SVCMGR_ERROR_CONNECTION_FAILED  there is no such agent, it is not running, or the platform
+ *                                         is short of memory or descriptors; connect again then
  * @return SVCMGR_ERROR_PERMISSION_DENIED  the application may not connect
  * @return SVCMGR_ERROR_NOT_SUPPORTED, SVCMGR_ERROR_INVALID_OPERATION
  */

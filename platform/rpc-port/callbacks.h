@@ -94,7 +94,7 @@ class CallbackGate {
     idle_.notify_all();
   }
 
-  const Birth birth_;
+  const Birth birth_{};
   std::mutex mutex_;  // guards the rest
   std::condition_variable idle_;
   std::thread::id running_on_;

@@ -155,17 +155,17 @@ bool Stream::SkipFront() {
   return true;
 }
 
-size_t Stream::Skipped::left() const {
+size_t SkippedMessage::left() const {
   const bool known = dropped_ >= kPrefixSize;
   return kPrefixSize + (known ? LoadLe32(prefix_) : 0) - dropped_;
 }
 
-void Stream::Skipped::Drop(const uint8_t* bytes, size_t size) {
+void SkippedMessage::Drop(const uint8_t* bytes, size_t size) {
   if (dropped_ < kPrefixSize) std::memcpy(prefix_ + dropped_, bytes, size);
   dropped_ += size;
 }
 
-bool Stream::Skipped::is_longer_than(size_t max_content) const {
+bool SkippedMessage::is_longer_than(size_t max_content) const {
   return dropped_ >= kPrefixSize && LoadLe32(prefix_) > max_content;
 }
 

@@ -17,6 +17,20 @@
 
 namespace rpc_port_desktop {
 
+// A message that is being dropped while it arrives.
+class SkippedMessage {
+ public:
+  // How much of it has to come, as far as is known; 0 once it is whole.
+  size_t left() const;
+  // Drops bytes that were left.
+  void Drop(const uint8_t* bytes, size_t size);
+  bool is_longer_than(size_t max_content) const;
+
+ private:
+  size_t dropped_ = 0;
+  uint8_t prefix_[kPrefixSize] = {};
+};
+
 // One end of a stream of messages: a non-blocking socket with a read-ahead buffer and, on the
 // server's side, a queue of what the peer has not taken yet.
 //
@@ -86,20 +100,6 @@ class Stream {
   int SendOrQueue(const uint8_t* bytes, size_t size);
   bool Enqueue(const uint8_t* bytes, size_t size);
 
-  // A message that is being dropped while it arrives.
-  class Skipped {
-   public:
-    // How much of it has to come, as far as is known; 0 once it is whole.
-    size_t left() const;
-    // Of what is left.
-    void Drop(const uint8_t* bytes, size_t size);
-    bool is_longer_than(size_t max_content) const;
-
-   private:
-    size_t dropped_ = 0;
-    uint8_t prefix_[kPrefixSize] = {};
-  };
-
   const OwnFd socket_;
   std::atomic<bool> closed_{false};
 
@@ -112,7 +112,7 @@ class Stream {
   bool ended_ = false;
   bool keeps_ = false;
   std::optional<uint64_t> kept_;  // the message that somebody had no memory for
-  std::optional<Skipped> skipped_;
+  std::optional<SkippedMessage> skipped_;
 
   std::mutex write_mutex_;  // keeps messages whole, and guards the next four
   std::shared_ptr<LoopSource> write_source_;

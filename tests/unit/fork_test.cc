@@ -6,6 +6,7 @@
 
 #include "client.h"
 #include "event_support.h"
+#include "support/forked_child.h"
 
 namespace {
 
@@ -14,16 +15,13 @@ using client::kConnected;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-/** Whether all that `work` expects in a forked child is so. */
-bool HoldsInAChild(const std::function<void()>& work) {
-  const pid_t child = fork();
-  if (child == 0) {
+/** HoldsInAChild with a clear record of the platform, which must find no fault. */
+bool HoldsInAClearChild(const std::function<void()>& work) {
+  return HoldsInAChild([&] {
     fake::ClearRecord();
     work();
-    _exit(testing::Test::HasFailure() || !fake::Faults().empty() ? 1 : 0);
-  }
-  int status = -1;
-  return waitpid(child, &status, 0) == child && status == 0;
+    EXPECT_THAT(fake::Faults(), IsEmpty());
+  });
 }
 
 void FireBoth() {
@@ -38,7 +36,7 @@ class AForkedChild : public client::ConnectedTest {
 
 TEST_F(AForkedChild, IsNotConnected) {
   ASSERT_EQ(models.Request(), 0);
-  EXPECT_TRUE(HoldsInAChild([this] {
+  EXPECT_TRUE(HoldsInAClearChild([this] {
     int level = 5;
     char* text = nullptr;
     bool updating = false;
@@ -62,7 +60,7 @@ TEST_F(AForkedChild, IsNotConnected) {
 }
 
 TEST_F(AForkedChild, ConnectsAnew) {
-  EXPECT_TRUE(HoldsInAChild([this] {
+  EXPECT_TRUE(HoldsInAClearChild([this] {
     Connection own;
     EXPECT_EQ(own.Connect(), 0);
     EXPECT_EQ(fake::LiveObjects(fake::Kind::kProxy), 2);
@@ -85,7 +83,7 @@ TEST_F(AForkedChild, HearsOfItsOwnConnectionAlsoWhileItsParentsAgentReplacesItse
   events::Announce(events::kAgentStatus, {"Update"});
   fake::Proxy().FireDisconnected();
   events::Announce(events::kAgentStatus, {"Launch"});
-  EXPECT_TRUE(HoldsInAChild([] {
+  EXPECT_TRUE(HoldsInAClearChild([] {
     Connection own;
     EXPECT_EQ(own.Connect(), 0);
     fake::Proxy().FireConnected();
@@ -102,7 +100,7 @@ TEST_F(AForkedChild, SubscribesAnew) {
   ASSERT_EQ(of_updates.Set(), 0);
   ASSERT_EQ(of_models.Set(), 0);
   fake::AllowHeld(fake::Kind::kEventHandler, 3);
-  EXPECT_TRUE(HoldsInAChild([&] {
+  EXPECT_TRUE(HoldsInAClearChild([&] {
     // Should the platform still deliver to what the child has inherited, nobody hears of it.
     FireBoth();
     EXPECT_THAT(of_updates.received, IsEmpty());
@@ -120,11 +118,11 @@ TEST_F(AForkedChild, SubscribesAnew) {
 }
 
 TEST_F(AForkedChild, MayHaveOneOfItsOwn) {
-  EXPECT_TRUE(HoldsInAChild([] {
+  EXPECT_TRUE(HoldsInAClearChild([] {
     Connection own;
     EXPECT_EQ(own.Connect(), 0);
     fake::Proxy().FireConnected();
-    EXPECT_TRUE(HoldsInAChild([] {
+    EXPECT_TRUE(HoldsInAClearChild([] {
       int level = 0;
       EXPECT_EQ(velmora_svcmgr_get_agent_api_level(&level), SVCMGR_ERROR_NOT_CONNECTED);
     }));
@@ -136,7 +134,7 @@ TEST_F(AForkedChild, KeepsHandlesOfModels) {
   velmora_svcmgr_ai_model_info_h info = nullptr;
   ASSERT_EQ(velmora_svcmgr_ai_model_info_create(&info), 0);
   ASSERT_EQ(velmora_svcmgr_ai_model_info_set_id(info, "id"), 0);
-  EXPECT_TRUE(HoldsInAChild([info] {
+  EXPECT_TRUE(HoldsInAClearChild([info] {
     char* id = nullptr;
     EXPECT_EQ(velmora_svcmgr_ai_model_info_get_id(info, &id), 0);
     EXPECT_STREQ(id, "id");

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "private_bus.h"
+#include "support/forked_child.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -23,17 +24,6 @@ void Record(const char*, bundle* data, void* texts) {
   char* text = nullptr;
   bundle_get_str(data, "key", &text);
   static_cast<std::vector<std::string>*>(texts)->emplace_back(text ? text : "(none)");
-}
-
-// Whether all that `work` expects in a forked child is so.
-bool HoldsInAChild(const std::function<void()>& work) {
-  const pid_t child = fork();
-  if (child == 0) {
-    work();
-    _exit(testing::Test::HasFailure() ? 1 : 0);
-  }
-  int status = -1;
-  return waitpid(child, &status, 0) == child && status == 0;
 }
 
 void RunAllReady() {

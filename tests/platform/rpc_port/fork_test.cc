@@ -9,6 +9,7 @@
 #include <filesystem>
 
 #include "support.h"
+#include "support/forked_child.h"
 
 using testing::Each;
 using testing::ElementsAre;
@@ -16,17 +17,6 @@ using testing::IsEmpty;
 using testing::SizeIs;
 
 namespace {
-
-// Whether all that `work` expects in a forked child is so.
-bool HoldsInAChild(const std::function<void()>& work) {
-  const pid_t child = fork();
-  if (child == 0) {
-    work();
-    _exit(testing::Test::HasFailure() ? 1 : 0);
-  }
-  int status = -1;
-  return waitpid(child, &status, 0) == child && status == 0;
-}
 
 // The sockets that were opened since then, lowest first: of a connection the main stream, then the
 // other.
