@@ -76,6 +76,26 @@ TEST_F(OutOfMemory, IsAnInvalidOperationWhenConnecting) {
   EXPECT_GT(failures, 0);
 }
 
+TEST_F(OutOfMemory, LosesNoAnswer) {
+  ASSERT_EQ(models.Request(), 0);
+  const fake::Items payload = {0, fake::Count(1), "id", "version", "title", "description", 1};
+  std::size_t answers = 0;
+  const auto count = [](int, velmora_svcmgr_ai_model_list_h list, void* data) {
+    ++*static_cast<std::size_t*>(data);
+    if (list != nullptr) velmora_svcmgr_ai_model_list_destroy(list);
+  };
+  ASSERT_EQ(velmora_svcmgr_ai_request_usable_model_list(count, &answers), 0);
+  const int failures = ForEachFailingAllocation(
+      [&] { answers = 0; }, [&] { fake::DeliverDelegateMessage(1, 1, payload); },
+      [&](bool) {
+        EXPECT_EQ(answers, 1U);
+        EXPECT_EQ(fake::LiveObjects(fake::Kind::kParcel), 0);
+      });
+  EXPECT_GT(failures, 0);
+  // What each conversion keeps is accounted for elsewhere.
+  fake::ExpectKept(fake::LiveBlocks().size());
+}
+
 TEST_F(OutOfMemory, DoesNotKeepEventsFromBeingReported) {
   connection.notices.reserve(100);
   for (const auto fire : {&fake::ProxyControl::FireDisconnected, &fake::ProxyControl::FireRejected,
