@@ -10,11 +10,11 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <vector>
 
 #include "bench_world.h"
 #include "models.h"
+#include "owned.h"
 #include "promises.h"
 #include "servers.h"
 
@@ -115,7 +115,7 @@ void Int32Limit(benchmark::State& state) {
 void LicenceLimit(benchmark::State& state) {
   for (auto _ : state) {
     const std::vector<char>& frame = Exchange(Content::kLicence, 8);
-    std::unique_ptr<char, decltype(&std::free)> text(strdup(frame.data() + 12), &std::free);
+    const base::Malloced<char> text(strdup(frame.data() + 12));
     benchmark::DoNotOptimize(text.get());
   }
 }

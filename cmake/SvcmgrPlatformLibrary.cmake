@@ -13,8 +13,8 @@ function(svcmgr_platform_library name)
   add_library(${name} SHARED ${arg_SOURCES})
   target_include_directories(${name}
     PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
-    PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
-  target_link_libraries(${name} PUBLIC ${arg_LINK} PRIVATE ${arg_PRIVATE})
+    PRIVATE ${CMAKE_CURRENT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/platform/common)
+  target_link_libraries(${name} PUBLIC ${arg_LINK} PRIVATE svcmgr_base ${arg_PRIVATE})
   set_target_properties(${name} PROPERTIES VERSION 1.0.0 SOVERSION 1
     LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib INSTALL_RPATH "$ORIGIN")
 

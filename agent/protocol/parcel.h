@@ -7,12 +7,12 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
 
 #include "common/platform_error.h"
+#include "owned.h"
 
 namespace sim {
 
@@ -70,7 +70,7 @@ class Parcel {
   std::string Text() {
     char* value = nullptr;
     Check(rpc_port_parcel_read_string(handle_, &value), "cannot read a text");
-    const std::unique_ptr<char, decltype(&std::free)> owner(value, &std::free);
+    const base::Malloced<char> owner(value);
     return value == nullptr ? std::string() : std::string(value);
   }
   std::int32_t Count() {

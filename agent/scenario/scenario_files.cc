@@ -11,9 +11,9 @@
 #include <filesystem>
 
 #include "common/report.h"
-#include "common/unique_fd.h"
 #include "scenario/problems.h"
 #include "terminal_text.h"
+#include "unique_fd.h"
 
 namespace sim {
 namespace {
@@ -38,7 +38,7 @@ bool NamesFile(const std::string& name) {
 
 std::optional<std::string> ReadFile(const std::string& path, std::string* content) {
   // Neither a pipe nor a terminal may hold the program up.
-  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  const base::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   struct stat about;
   if (!fd || fstat(fd.get(), &about) != 0) {
     return strerror(errno);

@@ -11,11 +11,12 @@
 #include <exception>
 #include <optional>
 
-#include "common/unique_fd.h"
+#include "owned.h"
 #include "scenario/text_rules.h"
 #include "service/control.h"
 #include "service/events.h"
 #include "service/log_tag.h"
+#include "unique_fd.h"
 
 namespace sim {
 namespace {
@@ -216,7 +217,7 @@ std::vector<ModelView> AgentService::Versions(const Request& request) const {
 namespace {
 
 /** The signals that end an agent, as something to poll. */
-UniqueFd TakeEndSignals() {
+base::UniqueFd TakeEndSignals() {
   sigset_t ends;
   sigemptyset(&ends);
   for (const int end : {SIGTERM, SIGINT, SIGHUP}) {
@@ -224,17 +225,16 @@ UniqueFd TakeEndSignals() {
   }
   sigprocmask(SIG_BLOCK, &ends, nullptr);
   // GLib's own signal sources would start a thread.
-  return UniqueFd(signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK));
+  return base::UniqueFd(signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
 }  // namespace
 
 int RunAgent(const Scenario& scenario, const AgentOptions& options) {
-  UniqueFd ready(options.ready_fd);
+  base::UniqueFd ready(options.ready_fd);
   signal(SIGPIPE, SIG_IGN);
-  const UniqueFd signals = TakeEndSignals();
-  const std::unique_ptr<GMainLoop, decltype(&g_main_loop_unref)> loop(
-      g_main_loop_new(nullptr, FALSE), g_main_loop_unref);
+  const base::UniqueFd signals = TakeEndSignals();
+  const base::Owned<GMainLoop, g_main_loop_unref> loop(g_main_loop_new(nullptr, FALSE));
 
   int status = 0;
   UpdateRunner updates(scenario, options.journal, [&] {

@@ -6,8 +6,9 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
-#include <memory>
 #include <string>
+
+#include "owned.h"
 
 namespace sim {
 namespace {
@@ -18,14 +19,10 @@ constexpr std::chrono::seconds kPatience(2);
 constexpr char kBus[] = "org.freedesktop.DBus";
 constexpr char kBusPath[] = "/org/freedesktop/DBus";
 
-struct BusClose {
-  // A bus that takes nothing must not be waited for: no flush.
-  void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
-};
-
 /** Who is on the bus, and of how many of its questions the answer is still to come. */
 struct Barrier {
-  std::unique_ptr<sd_bus, BusClose> bus;
+  // A bus that takes nothing must not be waited for: no flush.
+  base::Owned<sd_bus, sd_bus_close_unref> bus;
   std::string owner;  // of the name that is left out
   int pending = 0;
 

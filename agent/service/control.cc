@@ -39,12 +39,12 @@ class Address {
   static constexpr socklen_t size() { return sizeof(sockaddr_un); }
 
  private:
-  UniqueFd folder_;
+  base::UniqueFd folder_;
   sockaddr_un address_ = {};
 };
 
-UniqueFd MakeSocket() {
-  UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+base::UniqueFd MakeSocket() {
+  base::UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   if (!fd) {
     throw Failure("cannot make a socket");
   }
@@ -87,8 +87,8 @@ std::string NewId() {
 
 }  // namespace
 
-UniqueFd ListenForSteps(const std::string& path) {
-  UniqueFd fd = MakeSocket();
+base::UniqueFd ListenForSteps(const std::string& path) {
+  base::UniqueFd fd = MakeSocket();
   const Address address(path);
   if (bind(fd.get(), address.get(), Address::size()) != 0 || listen(fd.get(), kBacklog) != 0 ||
       fcntl(fd.get(), F_SETFL, O_NONBLOCK) != 0) {
@@ -100,7 +100,7 @@ UniqueFd ListenForSteps(const std::string& path) {
 std::string SendSteps(const std::string& path, const std::string& document) {
   const std::string request = NewId() + "\n" + document;
   for (;;) {
-    const UniqueFd fd = MakeSocket();
+    const base::UniqueFd fd = MakeSocket();
     if (connect(fd.get(), Address(path).get(), Address::size()) != 0) {
       return "there is no agent that runs";
     }
@@ -123,7 +123,7 @@ ControlPort::ControlPort(int listener, UpdateRunner& runner)
 }
 
 void ControlPort::Accept() {
-  UniqueFd fd(accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  base::UniqueFd fd(accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
   if (!fd || !IsOurs(fd.get())) {
     return;
   }

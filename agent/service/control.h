@@ -6,9 +6,9 @@
 #include <set>
 #include <string>
 
-#include "common/unique_fd.h"
 #include "service/event_source.h"
 #include "service/update_runner.h"
+#include "unique_fd.h"
 
 namespace sim {
 
@@ -23,7 +23,7 @@ namespace sim {
 constexpr char kControlVariable[] = "SVCMGR_SIM_CONTROL";
 
 /** Makes the socket and listens. Throws std::system_error. */
-UniqueFd ListenForSteps(const std::string& path);
+base::UniqueFd ListenForSteps(const std::string& path);
 
 /**
  * Sends steps to the agent and waits until they are done; empty on success, else what went wrong.
@@ -40,7 +40,7 @@ class ControlPort {
 
  private:
   struct Caller {
-    UniqueFd fd;
+    base::UniqueFd fd;
     EventSource source;
   };
 

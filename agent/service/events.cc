@@ -7,10 +7,10 @@
 #include <dlog.h>
 #include <errno.h>
 
-#include <memory>
 #include <stdexcept>
 
 #include "common/platform_error.h"
+#include "owned.h"
 #include "service/log_tag.h"
 
 namespace sim {
@@ -20,10 +20,7 @@ constexpr char kSquatted[] =
     "another process owns the agent's name on the session bus: clients would take its events for "
     "the agent's, and drop the agent's own";
 
-struct BundleFree {
-  void operator()(bundle* b) const { bundle_free(b); }
-};
-using Bundle = std::unique_ptr<bundle, BundleFree>;
+using Bundle = base::Owned<bundle, bundle_free>;
 
 void AddList(bundle* data, const char* key, const std::vector<std::string>& texts) {
   std::vector<const char*> pointers;

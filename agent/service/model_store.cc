@@ -55,7 +55,7 @@ bool Has(const std::vector<std::string>& texts, const std::string& text) {
 }
 
 bool MakeFile(const std::string& path, std::int64_t size) {
-  const UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  const base::UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
   return fd && ftruncate(fd.get(), size) == 0;
 }
 

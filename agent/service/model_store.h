@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "common/unique_fd.h"
 #include "scenario/scenario.h"
+#include "unique_fd.h"
 
 namespace sim {
 
@@ -80,8 +80,8 @@ class ModelCopy {
   StoredModel* stored_;
   std::string version_;
   std::string draft_;
-  UniqueFd source_;  // none: made-up content
-  UniqueFd target_;
+  base::UniqueFd source_;  // none: made-up content
+  base::UniqueFd target_;
   std::int64_t size_ = 0;
   std::int64_t copied_ = 0;
 };

@@ -6,15 +6,13 @@
 #include <package_info.h>
 #include <stdlib.h>
 
-#include <memory>
 #include <vector>
 
 #include "common/platform_error.h"
+#include "owned.h"
 
 namespace sim {
 namespace {
-
-using KeyFile = std::unique_ptr<GKeyFile, decltype(&g_key_file_unref)>;
 
 void SetList(GKeyFile* file, const char* group, const char* key,
              const std::vector<std::string>& texts) {
@@ -26,7 +24,7 @@ void SetList(GKeyFile* file, const char* group, const char* key,
 }
 
 std::string KeyFileOf(const Package& package) {
-  const KeyFile file(g_key_file_new(), g_key_file_unref);
+  const base::Owned<GKeyFile, g_key_file_unref> file(g_key_file_new());
   g_key_file_set_string(file.get(), "Package", "Version", package.version.c_str());
   if (package.clients) {
     SetList(file.get(), "Package", "Clients", *package.clients);
@@ -35,8 +33,7 @@ std::string KeyFileOf(const Package& package) {
   for (const auto& [key, value] : package.metadata) {
     g_key_file_set_string(file.get(), application.c_str(), key.c_str(), value.c_str());
   }
-  const std::unique_ptr<char, decltype(&g_free)> text(
-      g_key_file_to_data(file.get(), nullptr, nullptr), g_free);
+  const base::Owned<char, g_free> text(g_key_file_to_data(file.get(), nullptr, nullptr));
   return text.get();
 }
 
@@ -49,11 +46,10 @@ int InstallPackage(const char* folder, const Package& package) {
 std::string InstalledVersion(const std::string& id) {
   package_info_h opened = nullptr;
   Check(package_info_create(id.c_str(), &opened), "cannot look up the agent's package");
-  const std::unique_ptr<package_info_s, decltype(&package_info_destroy)> info(opened,
-                                                                              package_info_destroy);
+  const base::Owned<package_info_s, package_info_destroy> info(opened);
   char* version = nullptr;
   Check(package_info_get_version(opened, &version), "cannot tell the agent's version");
-  const std::unique_ptr<char, decltype(&free)> owner(version, free);
+  const base::Malloced<char> owner(version);
   return version;
 }
 

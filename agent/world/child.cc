@@ -9,7 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "common/unique_fd.h"
+#include "unique_fd.h"
 
 namespace sim {
 namespace {
@@ -105,9 +105,9 @@ pid_t StartChild(const ChildSetup& setup) {
   if (pipe2(ends, O_CLOEXEC) != 0) {
     throw StartError{errno};
   }
-  UniqueFd read_end(ends[0]);
-  UniqueFd low_end(ends[1]);
-  UniqueFd write_end(fcntl(low_end.get(), F_DUPFD_CLOEXEC, kFirstSafeFd));
+  base::UniqueFd read_end(ends[0]);
+  base::UniqueFd low_end(ends[1]);
+  base::UniqueFd write_end(fcntl(low_end.get(), F_DUPFD_CLOEXEC, kFirstSafeFd));
   low_end.Reset();
   if (!write_end) {
     throw StartError{errno};

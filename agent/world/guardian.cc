@@ -28,7 +28,7 @@ constexpr int kLifelineFd = STDERR_FILENO + 1;
 
 struct Watched {
   pid_t pid;
-  UniqueFd handle;
+  base::UniqueFd handle;
 };
 
 void CloseAllBut(int kept) {
@@ -96,7 +96,7 @@ std::string TellFolder(int lifeline) {
     if (size == sizeof child && child != kDismissed) {
       const auto handle = static_cast<int>(syscall(SYS_pidfd_open, child, 0u));
       ForgetEnded(&children);
-      children.push_back({child, UniqueFd(handle)});
+      children.push_back({child, base::UniqueFd(handle)});
       continue;
     }
     if (size != sizeof child) {
@@ -114,7 +114,7 @@ Guardian::Guardian() {
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
     throw std::system_error(errno, std::generic_category(), "cannot make a socket");
   }
-  UniqueFd theirs(ends[0]);
+  base::UniqueFd theirs(ends[0]);
   lifeline_.Reset(ends[1]);
   pid_ = fork();
   if (pid_ < 0) {

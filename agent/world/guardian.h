@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "common/unique_fd.h"
+#include "unique_fd.h"
 
 namespace sim {
 
@@ -34,7 +34,7 @@ class Guardian {
   void AwaitFolder();
 
   pid_t pid_ = -1;
-  UniqueFd lifeline_;
+  base::UniqueFd lifeline_;
   std::string folder_;
 };
 

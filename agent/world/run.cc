@@ -23,9 +23,9 @@
 #include <utility>
 
 #include "common/report.h"
-#include "common/unique_fd.h"
 #include "service/agent_service.h"
 #include "service/control.h"
+#include "unique_fd.h"
 #include "world/child.h"
 #include "world/guardian.h"
 #include "world/world.h"
@@ -92,7 +92,7 @@ class Signals {
  private:
   sigset_t mask_;
   struct sigaction child_action_;
-  UniqueFd fd_;
+  base::UniqueFd fd_;
 };
 
 int ExitStatus(int raw) { return WIFSIGNALED(raw) ? kKilledBy + WTERMSIG(raw) : WEXITSTATUS(raw); }
@@ -139,8 +139,8 @@ void WriteFile(const std::string& path, const std::string& content) {
 }
 
 struct Pipe {
-  UniqueFd read_end;
-  UniqueFd write_end;
+  base::UniqueFd read_end;
+  base::UniqueFd write_end;
 
   Pipe() {
     int ends[2];
@@ -152,8 +152,8 @@ struct Pipe {
   }
 };
 
-UniqueFd OpenLog(const std::string& path) {
-  return UniqueFd(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+base::UniqueFd OpenLog(const std::string& path) {
+  return base::UniqueFd(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
 }
 
 std::string XmlText(const std::string& text) {
@@ -250,7 +250,7 @@ class Run {
   const Signals signals_;
   const std::unique_ptr<Guardian> guardian_;  // none where the world is kept
   World world_;
-  UniqueFd control_;  // the agents' one after the other, so that none who knocks is lost
+  base::UniqueFd control_;  // the agents' one after the other, so that none who knocks is lost
   Process bus_;
   Process agent_;
   bool agent_failed_ = false;
@@ -317,7 +317,7 @@ void Run::StartBus() {
   const std::string log_file = world_.folder() + "/bus.log";
   WriteFile(configuration, BusConfiguration(world_.bus_address()));
   Pipe ready;
-  const UniqueFd log = OpenLog(log_file);
+  const base::UniqueFd log = OpenLog(log_file);
   ChildSetup setup = Setup();
   setup.arguments = {"dbus-daemon",
                      "--nofork",
@@ -346,7 +346,7 @@ void Run::StartAgent() {
 }
 
 void Run::StartAgentProcess(int ready) {
-  UniqueFd log;
+  base::UniqueFd log;
   ChildSetup setup = Setup();
   setup.program = "/proc/self/exe";
   setup.arguments = {"svcmgr-sim-agent",
@@ -412,7 +412,7 @@ void Run::FollowAgent() {
     control_.Reset();
     return;
   }
-  const UniqueFd nobody(open("/dev/null", O_WRONLY | O_CLOEXEC));
+  const base::UniqueFd nobody(open("/dev/null", O_WRONLY | O_CLOEXEC));
   StartAgentProcess(nobody.get());
 }
 

@@ -10,7 +10,6 @@
 #include <exception>
 #include <functional>
 #include <map>
-#include <memory>
 #include <new>
 #include <string>
 #include <utility>
@@ -18,6 +17,7 @@
 #include <vector>
 
 #include "bundle_desktop.h"
+#include "owned.h"
 
 namespace {
 
@@ -82,14 +82,7 @@ TextArray MakeTextArray(const char* const* texts, size_t count) {
   return made;
 }
 
-struct VariantUnref {
-  void operator()(GVariant* variant) const { g_variant_unref(variant); }
-};
-using VariantPtr = std::unique_ptr<GVariant, VariantUnref>;
-
-struct GFree {
-  void operator()(const gchar** texts) const { g_free(texts); }
-};
+using VariantPtr = base::Owned<GVariant, g_variant_unref>;
 
 bool IsUtf8(const std::string& text) {
   return g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr);
@@ -143,16 +136,12 @@ int AddVariant(bundle* b, const char* key, GVariant* value) {
     return bundle_add_byte(b, key, bytes ? bytes : "", size);
   }
   if (g_variant_is_of_type(value, G_VARIANT_TYPE_STRING_ARRAY)) {
-    const std::unique_ptr<const gchar*, GFree> texts(g_variant_get_strv(value, &size));
+    const base::Owned<const gchar*, g_free> texts(g_variant_get_strv(value, &size));
     return size > INT_MAX ? -EINVAL
                           : bundle_add_str_array(b, key, texts.get(), static_cast<int>(size));
   }
   return -EINVAL;
 }
-
-struct BundleFree {
-  void operator()(bundle* b) const { bundle_free(b); }
-};
 
 }  // namespace
 
@@ -231,7 +220,7 @@ bundle* bundle_desktop_decode(const unsigned char* bytes, size_t size) {
   if (!g_variant_is_normal_form(variant.get())) return nullptr;
   variant = SwapOnBigEndian(std::move(variant));
 
-  std::unique_ptr<bundle, BundleFree> made(bundle_create());
+  base::Owned<bundle, bundle_free> made(bundle_create());
   if (!made) return nullptr;
   GVariantIter entries;
   g_variant_iter_init(&entries, variant.get());

@@ -9,11 +9,13 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
+
+#include "copy_text.h"
+#include "package_codes.h"
 
 namespace {
 
-// Package look-ups answer "no such package" with this value, outside the range of errno codes.
-constexpr int kNoSuchPackage = static_cast<int>(0xFEEB0071);
 constexpr char kUnknownVersion[] = "0.0.0";
 
 std::string FromEnvironment(const char* name) {
@@ -28,11 +30,8 @@ std::string Executable() {
   if (length <= 0 || length == static_cast<ssize_t>(sizeof path)) return "";
   std::string executable(path, static_cast<size_t>(length));
   // The kernel marks an executable that was replaced while it runs.
-  const std::string kDeleted = " (deleted)";
-  if (executable.size() > kDeleted.size() &&
-      executable.compare(executable.size() - kDeleted.size(), kDeleted.size(), kDeleted) == 0) {
-    executable.resize(executable.size() - kDeleted.size());
-  }
+  constexpr std::string_view kDeleted = " (deleted)";
+  if (executable.ends_with(kDeleted)) executable.resize(executable.size() - kDeleted.size());
   return executable;
 }
 
@@ -72,19 +71,12 @@ std::optional<std::string> ApplicationRoot() {
   return root;
 }
 
-int CopyOut(const std::string& text, char** out) {
-  char* copy = strdup(text.c_str());
-  if (!copy) return -ENOMEM;
-  *out = copy;
-  return 0;
-}
-
 }  // namespace
 
 int app_get_id(char** id) try {
   if (!id) return -EINVAL;
   const std::string given = FromEnvironment("VELMORA_APP_ID");
-  return CopyOut(given.empty() ? IdOfExecutable() : given, id);
+  return platform::CopyText((given.empty() ? IdOfExecutable() : given).c_str(), id);
 } catch (...) {
   return -ENOMEM;
 }
@@ -92,7 +84,7 @@ int app_get_id(char** id) try {
 int app_get_version(char** version) try {
   if (!version) return -EINVAL;
   const std::string given = FromEnvironment("VELMORA_APP_VERSION");
-  return CopyOut(given.empty() ? kUnknownVersion : given, version);
+  return platform::CopyText(given.empty() ? kUnknownVersion : given.c_str(), version);
 } catch (...) {
   return -ENOMEM;
 }
@@ -106,7 +98,7 @@ char* app_get_resource_path(void) try {
 }
 
 char* get_error_message(int code) {
-  if (code == kNoSuchPackage) return const_cast<char*>("No such package");
+  if (code == platform::kNoSuchPackage) return const_cast<char*>("No such package");
   // Platform codes are negated errno values; the texts are static and not translated.
   const char* text = code <= 0 && code > INT_MIN ? strerrordesc_np(-code) : nullptr;
   return const_cast<char*>(text ? text : "Unknown error");

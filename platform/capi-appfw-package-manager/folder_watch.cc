@@ -7,10 +7,10 @@
 #include <sys/inotify.h>
 
 #include <algorithm>
-#include <memory>
 #include <string_view>
 
 #include "generation.h"
+#include "owned.h"
 #include "snapshot_reader.h"
 
 namespace packages {
@@ -33,7 +33,7 @@ bool Matters(std::string_view entry, uint32_t mask) {
 
 bool FolderWatch::Changed() {
   if (!inotify_) {
-    inotify_ = UniqueFd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    inotify_ = base::UniqueFd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
     if (inotify_) WatchPath();
     return true;
   }
@@ -89,13 +89,13 @@ void FolderWatch::WatchPath() try {
   if (!WatchSteps(folder_, Care::kMoves)) {
     Forget();
     WatchSteps(folder_, Care::kEntries);
-    const std::unique_ptr<char, void (*)(void*)> real(realpath(folder_.c_str(), nullptr), free);
+    const base::Malloced<char> real(realpath(folder_.c_str(), nullptr));
     if (real && folder_ != real.get()) WatchSteps(real.get(), Care::kEntries);
   }
   // With a part of the watches only, news could be missed.
-  if (steps_.empty() || short_of_watches_) inotify_ = UniqueFd();
+  if (steps_.empty() || short_of_watches_) inotify_ = base::UniqueFd();
 } catch (...) {
-  inotify_ = UniqueFd();
+  inotify_ = base::UniqueFd();
   throw;
 }
 

@@ -44,7 +44,7 @@ class FolderWatch {
   bool Add(const std::string& folder, const std::string& entry, unsigned mask);
 
   const std::string folder_;
-  UniqueFd inotify_;
+  base::UniqueFd inotify_;
   bool short_of_watches_ = false;
   std::vector<Step> steps_;
 };

@@ -31,7 +31,7 @@ bool HoldsWord(int fd, struct stat* about) {
 // Never through a mapping, which has no way to tell of a file system that is full but to end the
 // process. Drawn words need no lock between writers: none of them comes twice.
 bool WriteNewWord(const std::string& path) {
-  const UniqueFd fd(
+  const base::UniqueFd fd(
       open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644));
   if (!fd) return false;
   uint64_t word = 0;
@@ -45,7 +45,8 @@ bool WriteNewWord(const std::string& path) {
 
 std::shared_ptr<const Generation> Generation::Open(const std::string& folder,
                                                    std::shared_ptr<const Generation> current) {
-  const UniqueFd fd(open(PathIn(folder).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  const base::UniqueFd fd(
+      open(PathIn(folder).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
   if (!fd) return nullptr;
   struct stat about;
   if (!HoldsWord(fd.get(), &about)) return nullptr;

@@ -21,7 +21,6 @@
 
 using packages::Generation;
 using packages::SnapshotRef;
-using packages::UniqueFd;
 
 namespace {
 
@@ -38,7 +37,7 @@ bool WriteAll(int fd, std::string_view text) {
 // Puts a file with this content under `path` in one step.
 bool Replace(const std::string& path, const std::string& temporary_pattern, std::string_view text) {
   std::string temporary = temporary_pattern;
-  const UniqueFd fd(mkostemp(temporary.data(), O_CLOEXEC));
+  const base::UniqueFd fd(mkostemp(temporary.data(), O_CLOEXEC));
   if (!fd) return false;
   if (WriteAll(fd.get(), text) && fchmod(fd.get(), 0644) == 0 &&
       rename(temporary.c_str(), path.c_str()) == 0) {

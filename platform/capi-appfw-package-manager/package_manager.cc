@@ -2,35 +2,22 @@
 #include "package_manager.h"
 
 #include <errno.h>
-#include <string.h>
 
 #include <exception>
-#include <string>
 
+#include "copy_text.h"
+#include "package_codes.h"
 #include "package_store.h"
 
 using packages::LatestSnapshot;
 using packages::SnapshotRef;
-
-namespace {
-
-constexpr int kNoSuchPackage = static_cast<int>(0xFEEB0071);
-
-int CopyOut(const std::string& text, char** out) {
-  char* copy = strdup(text.c_str());
-  if (!copy) return -ENOMEM;
-  *out = copy;
-  return 0;
-}
-
-}  // namespace
 
 int package_info_create(const char* package, package_info_h* package_info) try {
   if (!package || !package_info) return -EINVAL;
   SnapshotRef snapshot;
   if (const int error = LatestSnapshot(&snapshot)) return error;
   const package_info_s* found = snapshot->FindPackage(package);
-  if (!found) return kNoSuchPackage;
+  if (!found) return platform::kNoSuchPackage;
   // The share is the handle's.
   snapshot.Detach();
   *package_info = const_cast<package_info_h>(found);
@@ -47,12 +34,12 @@ int package_info_destroy(package_info_h package_info) {
 
 int package_info_get_package(package_info_h package_info, char** package) {
   if (!package_info || !package) return -EINVAL;
-  return CopyOut(package_info->id, package);
+  return platform::CopyText(package_info->id.c_str(), package);
 }
 
 int package_info_get_version(package_info_h package_info, char** version) {
   if (!package_info || !version) return -EINVAL;
-  return CopyOut(package_info->version, version);
+  return platform::CopyText(package_info->version.c_str(), version);
 }
 
 int package_manager_foreach_package_info(package_manager_package_info_cb callback,

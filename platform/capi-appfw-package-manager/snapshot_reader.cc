@@ -10,8 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <memory>
-
+#include "owned.h"
 #include "unique_fd.h"
 
 namespace packages {
@@ -22,18 +21,9 @@ constexpr char kPackageGroup[] = "Package";
 constexpr std::string_view kApplicationPrefix = "Application ";
 constexpr off_t kLargestKeyFile = 1 << 20;
 
-struct KeyFileFree {
-  void operator()(GKeyFile* file) const { g_key_file_free(file); }
-};
-struct StrvFree {
-  void operator()(gchar** texts) const { g_strfreev(texts); }
-};
-struct GFree {
-  void operator()(gchar* text) const { g_free(text); }
-};
-using KeyFilePtr = std::unique_ptr<GKeyFile, KeyFileFree>;
-using StrvPtr = std::unique_ptr<gchar*, StrvFree>;
-using TextPtr = std::unique_ptr<gchar, GFree>;
+using KeyFilePtr = base::Owned<GKeyFile, g_key_file_free>;
+using StrvPtr = base::Owned<gchar*, g_strfreev>;
+using TextPtr = base::Owned<gchar, g_free>;
 
 // The error of one GLib call after another.
 class Error {
@@ -119,7 +109,7 @@ Outcome OutcomeOfErrno() {
 
 Outcome ReadText(int folder, const char* name, std::string* text, bool* has_other_links,
                  std::string* complaint) {
-  const UniqueFd fd(openat(folder, name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  const base::UniqueFd fd(openat(folder, name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
   struct stat about;
   if (!fd || fstat(fd.get(), &about) != 0) {
     *complaint = g_strerror(errno);
@@ -195,7 +185,7 @@ bool ParsePackage(std::string_view id, std::string_view text, package_info_s* pa
 }
 
 int ReadFolder(const std::string& folder, Snapshot::Content* content) {
-  const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(folder.c_str()), closedir);
+  const base::Owned<DIR, closedir> entries(opendir(folder.c_str()));
   if (!entries) {
     return errno == ENOENT || errno == ENOTDIR ? 0 : -errno;
   }

@@ -10,8 +10,8 @@
 
 #include <stdexcept>
 
-#include "common/unique_fd.h"
 #include "scenario/scenario_reader.h"
+#include "unique_fd.h"
 #include "world/child.h"
 
 AgentWorld::AgentWorld(const std::string& document)
@@ -31,8 +31,8 @@ void AgentWorld::Start() {
   if (pipe2(ends, O_CLOEXEC) != 0) {
     throw std::runtime_error("no pipe");
   }
-  sim::UniqueFd ready(ends[0]);
-  sim::UniqueFd told(ends[1]);
+  base::UniqueFd ready(ends[0]);
+  base::UniqueFd told(ends[1]);
   sim::ChildSetup setup;
   setup.program = SVCMGR_SIM;
   setup.arguments = {"svcmgr-sim-agent", "agent", file_, "--folder", folder_.path()};

@@ -26,6 +26,7 @@
 #include "sim_process.h"
 #include "support/lines.h"
 #include "temp_folder.h"
+#include "unique_fd.h"
 
 namespace {
 
@@ -482,7 +483,7 @@ class ATerminalRun : public ARun {
   }
 
   pid_t pid_ = -1;
-  sim::UniqueFd terminal_;
+  base::UniqueFd terminal_;
 };
 
 TEST_F(ATerminalRun, LetsTheInterruptKeyReachTheCommandOnce) {

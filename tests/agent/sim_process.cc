@@ -12,8 +12,8 @@
 namespace {
 
 struct Pipe {
-  sim::UniqueFd read_end;
-  sim::UniqueFd write_end;
+  base::UniqueFd read_end;
+  base::UniqueFd write_end;
 
   Pipe() {
     int ends[2];

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "common/unique_fd.h"
+#include "unique_fd.h"
 
 /** A process of svcmgr-sim, its outputs in pipes. */
 class SimProcess {
@@ -37,8 +37,8 @@ class SimProcess {
 
  private:
   pid_t pid_;
-  sim::UniqueFd output_;
-  sim::UniqueFd errors_;
+  base::UniqueFd output_;
+  base::UniqueFd errors_;
 };
 
 /** How a finished run went. */

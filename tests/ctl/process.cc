@@ -16,29 +16,13 @@
 #include <system_error>
 #include <utility>
 
+#include "unique_fd.h"
+
 namespace {
 
-class Descriptor {
- public:
-  explicit Descriptor(int fd = -1) : fd_(fd) {}
-  Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  Descriptor& operator=(Descriptor&& other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-  }
-  ~Descriptor() { Close(); }
-  int get() const { return fd_; }
-  void Close() {
-    if (fd_ >= 0) close(std::exchange(fd_, -1));
-  }
-
- private:
-  int fd_;
-};
-
 struct Pipe {
-  Descriptor read_end;
-  Descriptor write_end;
+  base::UniqueFd read_end;
+  base::UniqueFd write_end;
 };
 
 void Require(bool worked, const char* what) {
@@ -48,7 +32,7 @@ void Require(bool worked, const char* what) {
 Pipe MakePipe() {
   int ends[2];
   Require(pipe(ends) == 0, "pipe");
-  return {Descriptor(ends[0]), Descriptor(ends[1])};
+  return {base::UniqueFd(ends[0]), base::UniqueFd(ends[1])};
 }
 
 Pipe MakeTerminal(const Start& start) {
@@ -56,7 +40,7 @@ Pipe MakeTerminal(const Start& start) {
   int slave = -1;
   const winsize size = {start.rows, start.columns, 0, 0};
   Require(openpty(&master, &slave, nullptr, nullptr, &size) == 0, "openpty");
-  return {Descriptor(master), Descriptor(slave)};
+  return {base::UniqueFd(master), base::UniqueFd(slave)};
 }
 
 struct Channels {
@@ -105,13 +89,13 @@ void ShortenThreadSanitizer() {
 }
 
 // Appends what there is to read, or closes at the end.
-void ReadSome(Descriptor* from, std::string* into) {
+void ReadSome(base::UniqueFd* from, std::string* into) {
   std::array<char, 4096> bytes;
   const ssize_t count = read(from->get(), bytes.data(), bytes.size());
   if (count > 0)
     into->append(bytes.data(), static_cast<std::size_t>(count));
   else if (count == 0 || errno != EINTR)  // a terminal's end is an error, EIO
-    from->Close();
+    from->Reset();
 }
 
 #if defined(__has_feature)
@@ -130,8 +114,8 @@ constexpr int kMillisecondsUntilSentAgain = -1;
 
 void ReadToTheEnd(Channels* channels, Ending* ending, const std::function<void()>& send_again,
                   const std::function<void()>& look) {
-  Descriptor& output = channels->output.read_end;
-  Descriptor& errors = channels->errors.read_end;
+  base::UniqueFd& output = channels->output.read_end;
+  base::UniqueFd& errors = channels->errors.read_end;
   while (output.get() >= 0 || errors.get() >= 0) {
     std::array<pollfd, 2> ready = {
         {{output.get(), POLLIN, 0}, {errors.get(), POLLIN, 0}}};  // poll skips -1
@@ -145,18 +129,18 @@ void ReadToTheEnd(Channels* channels, Ending* ending, const std::function<void()
 }  // namespace
 
 bool HasTerminals() {
-  const Descriptor terminal(posix_openpt(O_RDWR | O_NOCTTY));
+  const base::UniqueFd terminal(posix_openpt(O_RDWR | O_NOCTTY));
   return terminal.get() >= 0 && grantpt(terminal.get()) == 0 && unlockpt(terminal.get()) == 0;
 }
 
 Ending RunWith(const Start& start, const std::string& script) {
   Channels channels = {start.terminal ? MakeTerminal(start) : MakePipe(), MakePipe(), MakePipe()};
-  if (start.output_without_reader) channels.output.read_end.Close();
+  if (start.output_without_reader) channels.output.read_end.Reset();
   const pid_t child = fork();
   Require(child >= 0, "fork");
   if (child == 0) BecomeProgram(script, start, channels);
   for (Pipe* pipe : {&channels.output, &channels.errors, &channels.waiting})
-    pipe->write_end.Close();
+    pipe->write_end.Reset();
   char byte = 0;
   if (start.signal_when_waiting != 0 && read(channels.waiting.read_end.get(), &byte, 1) == 1)
     kill(child, start.signal_when_waiting);

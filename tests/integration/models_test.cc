@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "common/unique_fd.h"
 #include "scripted_run.h"
+#include "unique_fd.h"
 
 namespace {
 
@@ -287,7 +287,7 @@ class InTheMiddleOfAModel : public testing::Test {
 
   const ScriptedWorld world_;
   std::string pipe_;
-  sim::UniqueFd kept_open_;
+  base::UniqueFd kept_open_;
   Lines kill_;
   const Lines killed_ = {"ask for update 1: 0", "update 1: 0 1/1 0% state 1",
                          "update 1: 0 1/1 50% state 1", "connection: 0 1"};

@@ -25,11 +25,11 @@
 #include <cstdlib>
 #include <deque>
 #include <functional>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "owned.h"
 #include "support/open_descriptors.h"
 
 namespace {
@@ -66,18 +66,16 @@ void RunUntil(const std::function<bool()>& condition, const std::string& what) {
   }
 }
 
-struct ModelDestroy {
-  void operator()(velmora_svcmgr_ai_model_info_h info) const {
-    Expect(velmora_svcmgr_ai_model_info_destroy(info), "the end of a model");
-  }
-};
+void DestroyModel(velmora_svcmgr_ai_model_info_h info) {
+  Expect(velmora_svcmgr_ai_model_info_destroy(info), "the end of a model");
+}
 
-using Model = std::unique_ptr<velmora_svcmgr_ai_model_info_s, ModelDestroy>;
+using Model = base::Owned<velmora_svcmgr_ai_model_info_s, DestroyModel>;
 
 std::string TextOf(int (*get)(velmora_svcmgr_ai_model_info_h, char**), const Model& model) {
   char* text = nullptr;
   Expect(get(model.get(), &text), "a text of a model");
-  const std::unique_ptr<char, decltype(&std::free)> owner(text, std::free);
+  const base::Malloced<char> owner(text);
   return text;
 }
 

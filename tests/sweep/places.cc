@@ -11,7 +11,8 @@
 #include <filesystem>
 #include <functional>
 #include <map>
-#include <memory>
+
+#include "owned.h"
 
 namespace sweep {
 namespace {
@@ -20,8 +21,7 @@ std::string FileName(const std::string& path) { return path.substr(path.rfind('/
 
 std::string Demangled(const char* name) {
   int status = 0;
-  const std::unique_ptr<char, decltype(&free)> text(
-      abi::__cxa_demangle(name, nullptr, nullptr, &status), free);
+  const base::Malloced<char> text(abi::__cxa_demangle(name, nullptr, nullptr, &status));
   return status == 0 ? text.get() : name;
 }
 
@@ -42,7 +42,7 @@ std::vector<std::string> Lookup(const std::string& file, std::uintptr_t offset) 
   char arguments[64];
   snprintf(arguments, sizeof arguments, "' 0x%zx 2>/dev/null", static_cast<std::size_t>(offset));
   const std::string command = "addr2line -Cfie '" + file + arguments;
-  const std::unique_ptr<FILE, decltype(&pclose)> pipe(popen(command.c_str(), "r"), pclose);
+  const base::Owned<FILE, pclose> pipe(popen(command.c_str(), "r"));
   std::vector<std::string> lines;
   char line[4096];
   while (pipe && fgets(line, sizeof line, pipe.get()) != nullptr) {

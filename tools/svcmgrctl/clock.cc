@@ -5,14 +5,14 @@
 
 #include <algorithm>
 #include <cmath>
-#include <memory>
+
+#include "owned.h"
 
 namespace svcmgrctl {
 
 std::string WallTime() {
-  const std::unique_ptr<GDateTime, decltype(&g_date_time_unref)> now(g_date_time_new_now_local(),
-                                                                     g_date_time_unref);
-  const std::unique_ptr<char, decltype(&g_free)> zone(g_date_time_format(now.get(), "%:z"), g_free);
+  const base::Owned<GDateTime, g_date_time_unref> now(g_date_time_new_now_local());
+  const base::Owned<char, g_free> zone(g_date_time_format(now.get(), "%:z"));
   char time[64];
   g_snprintf(time, sizeof time, "%04d-%02d-%02dT%02d:%02d:%02d.%03d",
              g_date_time_get_year(now.get()), g_date_time_get_month(now.get()),

@@ -2,42 +2,16 @@
 #ifndef TOOLS_SVCMGRCTL_HANDLES_H_
 #define TOOLS_SVCMGRCTL_HANDLES_H_
 
-#include <cstdlib>
-#include <memory>
-
+#include "owned.h"
 #include "velmora_svcmgr.h"
 
 namespace svcmgrctl {
 
-struct DestroyModelInfo {
-  using pointer = velmora_svcmgr_ai_model_info_h;
-  void operator()(pointer info) const { velmora_svcmgr_ai_model_info_destroy(info); }
-};
-
-struct DestroyModelList {
-  using pointer = velmora_svcmgr_ai_model_list_h;
-  void operator()(pointer list) const { velmora_svcmgr_ai_model_list_destroy(list); }
-};
-
-struct DestroyAgentList {
-  using pointer = velmora_svcmgr_agent_list_h;
-  void operator()(pointer list) const { velmora_svcmgr_agent_list_destroy(list); }
-};
-
-struct DestroyProgress {
-  using pointer = velmora_svcmgr_ai_progress_h;
-  void operator()(pointer progress) const { velmora_svcmgr_ai_progress_destroy(progress); }
-};
-
-struct FreeText {
-  void operator()(char* text) const { std::free(text); }
-};
-
-using ModelInfo = std::unique_ptr<velmora_svcmgr_ai_model_info_h, DestroyModelInfo>;
-using ModelList = std::unique_ptr<velmora_svcmgr_ai_model_list_h, DestroyModelList>;
-using AgentList = std::unique_ptr<velmora_svcmgr_agent_list_h, DestroyAgentList>;
-using Progress = std::unique_ptr<velmora_svcmgr_ai_progress_h, DestroyProgress>;
-using Text = std::unique_ptr<char, FreeText>;
+using ModelInfo = base::Owned<velmora_svcmgr_ai_model_info_s, velmora_svcmgr_ai_model_info_destroy>;
+using ModelList = base::Owned<velmora_svcmgr_ai_model_list_s, velmora_svcmgr_ai_model_list_destroy>;
+using AgentList = base::Owned<velmora_svcmgr_agent_list_s, velmora_svcmgr_agent_list_destroy>;
+using Progress = base::Owned<velmora_svcmgr_ai_progress_s, velmora_svcmgr_ai_progress_destroy>;
+using Text = base::Malloced<char>;
 
 }  // namespace svcmgrctl
 

@@ -9,10 +9,12 @@
 
 #include <cerrno>
 #include <cstring>
-#include <memory>
 #include <optional>
 #include <system_error>
 #include <tuple>
+
+#include "owned.h"
+#include "unique_fd.h"
 
 namespace svcmgrctl {
 namespace {
@@ -21,26 +23,7 @@ constexpr std::size_t kMarkerSize = 16;
 // No ELF file is smaller.
 constexpr off_t kLeastFile = 52;
 
-class Descriptor {
- public:
-  // A file may have become a FIFO since it was found: opening it must not wait.
-  explicit Descriptor(const char* path)
-      : fd_(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW)) {}
-  ~Descriptor() {
-    if (fd_ >= 0) close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  const int fd_;
-};
-
-struct EndElf {
-  void operator()(Elf* elf) const { elf_end(elf); }
-};
-using ElfFile = std::unique_ptr<Elf, EndElf>;
+using ElfFile = base::Owned<Elf, elf_end>;
 
 std::string ElfProblem() { return std::string("damaged: ") + elf_errmsg(-1); }
 
@@ -89,7 +72,8 @@ void ReadSections(int fd, Elf* elf, std::size_t count, MarkedFile* file) {
 }
 
 void ReadFile(const char* path, MarkedFile* file) {
-  const Descriptor fd(path);
+  // A file may have become a FIFO since it was found: opening it must not wait.
+  const base::UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW));
   if (fd.get() < 0) {
     file->problem = "cannot be opened: " + std::generic_category().message(errno);
     return;

@@ -7,16 +7,14 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <memory>
 #include <random>
 #include <string>
 
+#include "owned.h"
+
 namespace {
 
-struct BundleFree {
-  void operator()(bundle* b) const { bundle_free(b); }
-};
-using BundlePtr = std::unique_ptr<bundle, BundleFree>;
+using BundlePtr = base::Owned<bundle, bundle_free>;
 
 BundlePtr OneOfEach() {
   BundlePtr b(bundle_create());

@@ -1,14 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_COMMON_UNIQUE_FD_H
-#define AGENT_COMMON_UNIQUE_FD_H
+#ifndef BASE_UNIQUE_FD_H_
+#define BASE_UNIQUE_FD_H_
 
 #include <unistd.h>
 
 #include <utility>
 
-namespace sim {
+namespace base {
 
-/** Owns a file descriptor. */
+/** Owns a file descriptor; a negative one stands for none. What it is given anew takes the place of
+ *  what it had, which is closed at once. */
 class UniqueFd {
  public:
   UniqueFd() = default;
@@ -24,9 +25,7 @@ class UniqueFd {
   explicit operator bool() const { return fd_ >= 0; }
 
   void Reset(int fd = -1) {
-    if (fd_ >= 0) {
-      close(fd_);
-    }
+    if (fd_ >= 0) close(fd_);
     fd_ = fd;
   }
 
@@ -34,6 +33,6 @@ class UniqueFd {
   int fd_ = -1;
 };
 
-}  // namespace sim
+}  // namespace base
 
-#endif  // AGENT_COMMON_UNIQUE_FD_H
+#endif  // BASE_UNIQUE_FD_H_
