@@ -11,10 +11,10 @@
 
 #include "codes.h"
 #include "input.h"
+#include "unique_fd.h"
 
 using rpc_port_desktop::Parcel;
 using rpc_port_desktop::Stream;
-using rpc_port_desktop::UniqueFd;
 
 namespace {
 
@@ -43,7 +43,7 @@ class Expected {
 };
 
 struct Both {
-  Both(UniqueFd socket, std::size_t max_content)
+  Both(base::UniqueFd socket, std::size_t max_content)
       : stream(std::move(socket), max_content), expected(max_content) {}
 
   // Reads all that has arrived. A buffer that is full takes no more before a message is taken.
@@ -90,9 +90,9 @@ struct Both {
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   int ends[2];
   REQUIRE(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends) == 0);
-  const UniqueFd peer(ends[1]);
+  const base::UniqueFd peer(ends[1]);
   Input input(data, size);
-  Both both{UniqueFd(ends[0]), std::size_t{64} << (input.Byte() % 16)};
+  Both both{base::UniqueFd(ends[0]), std::size_t{64} << (input.Byte() % 16)};
   while (!input.empty()) {
     const std::uint8_t action = input.Byte();
     const std::string_view piece = input.Block();

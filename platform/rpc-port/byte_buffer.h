@@ -5,8 +5,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <memory>
 #include <utility>
+
+#include "owned.h"
 
 namespace rpc_port_desktop {
 
@@ -42,10 +43,7 @@ class ByteBuffer {
   }
 
  private:
-  struct Free {
-    void operator()(uint8_t* bytes) const { std::free(bytes); }
-  };
-  std::unique_ptr<uint8_t, Free> bytes_;
+  base::Malloced<uint8_t> bytes_;
   size_t capacity_ = 0;
 };
 

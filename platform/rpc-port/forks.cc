@@ -25,7 +25,7 @@ __attribute__((constructor)) void PrepareForForks() {
 
 }  // namespace
 
-OwnFd::OwnFd(UniqueFd fd) : fd_(std::move(fd)) {
+OwnFd::OwnFd(base::UniqueFd fd) : fd_(std::move(fd)) {
   const std::lock_guard<std::mutex> lock(fork_mutex);
   behind_ = first_own_fd;
   if (behind_ != nullptr) behind_->before_ = this;

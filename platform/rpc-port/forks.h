@@ -35,7 +35,7 @@ inline std::mutex fork_mutex;
 // Owns a descriptor that a forked child closes.
 class OwnFd {
  public:
-  explicit OwnFd(UniqueFd fd);
+  explicit OwnFd(base::UniqueFd fd);
   ~OwnFd();
   OwnFd(const OwnFd&) = delete;
   OwnFd& operator=(const OwnFd&) = delete;
@@ -47,7 +47,7 @@ class OwnFd {
   static void CloseAll();
 
  private:
-  UniqueFd fd_;
+  base::UniqueFd fd_;
   OwnFd* before_ = nullptr;
   OwnFd* behind_ = nullptr;
 };

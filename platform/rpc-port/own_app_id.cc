@@ -3,18 +3,16 @@
 
 #include <app_common.h>
 
-#include <cstdlib>
-#include <memory>
-
 #include "codes.h"
 #include "handshake.h"
+#include "owned.h"
 
 namespace rpc_port_desktop {
 
 int OwnAppId(std::string* id) {
   char* text = nullptr;
   const int result = app_get_id(&text);
-  const std::unique_ptr<char, void (*)(void*)> owned(text, std::free);
+  const base::Malloced<char> owned(text);
   if (result != kOk) return result;
   if (text == nullptr || !IsId(text)) return kInvalidParameter;
   *id = text;

@@ -7,13 +7,14 @@
 #include "handshake.h"
 #include "own_app_id.h"
 #include "runtime_folder.h"
+#include "unique_fd.h"
 #include "unix_socket.h"
 
 namespace rpc_port_desktop {
 namespace {
 
 int OpenStream(int folder, const Hello& hello, std::shared_ptr<Stream>* stream) {
-  UniqueFd socket;
+  base::UniqueFd socket;
   const int result = ConnectTo(folder, SocketName(hello.server, hello.port_name), &socket);
   if (result != kOk) return result;
   *stream = std::make_shared<Stream>(std::move(socket), kMaxHandshakeSize);
@@ -63,7 +64,7 @@ int Proxy::Start() {
   if (hello.token.empty()) return kIoError;
   int result = OwnAppId(&hello.sender);
   if (result == kOk) result = package_desktop_check_client(app_id_.c_str(), hello.sender.c_str());
-  UniqueFd folder;
+  base::UniqueFd folder;
   if (result == kOk) result = OpenRuntimeFolder(IfMissing::kFail, &folder);
   std::shared_ptr<Stream> main;
   if (result == kOk) result = OpenStream(folder.get(), hello, &main);

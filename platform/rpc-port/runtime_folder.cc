@@ -58,14 +58,14 @@ uint64_t Fnv1a(std::string_view text) {
 
 }  // namespace
 
-int OpenRuntimeFolder(IfMissing if_missing, UniqueFd* folder) {
+int OpenRuntimeFolder(IfMissing if_missing, base::UniqueFd* folder) {
   std::string path = RuntimeFolderPath();
   // Behind a slash a symbolic link would be followed.
   while (path.size() > 1 && path.back() == '/') path.pop_back();
   if (if_missing == IfMissing::kMake && mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
     return OpenFailure();
   }
-  UniqueFd opened(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  base::UniqueFd opened(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!opened) return OpenFailure();
   struct stat status;
   if (fstat(opened.get(), &status) != 0) return kIoError;

@@ -19,7 +19,7 @@ namespace rpc_port_desktop {
 enum class IfMissing { kFail, kMake };
 
 // Opens the folder. -5 if it is not there or cannot be made, -13 if it cannot be trusted.
-int OpenRuntimeFolder(IfMissing if_missing, UniqueFd* folder);
+int OpenRuntimeFolder(IfMissing if_missing, base::UniqueFd* folder);
 
 // The name of a port's socket in the folder: printable, short enough for a socket address.
 std::string SocketName(std::string_view app_id, std::string_view port_name);

@@ -37,7 +37,7 @@ ssize_t SendOnce(int fd, const uint8_t* bytes, size_t size) {
 
 }  // namespace
 
-Stream::Stream(UniqueFd socket, size_t max_content)
+Stream::Stream(base::UniqueFd socket, size_t max_content)
     : socket_(std::move(socket)), max_content_(max_content) {}
 
 // Needs read_mutex_, as do all down to SkipFront.

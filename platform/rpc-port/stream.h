@@ -42,7 +42,7 @@ class SkippedMessage {
 class Stream {
  public:
   // A peer that announces more than `max_content` bytes ends the stream.
-  Stream(UniqueFd socket, size_t max_content);
+  Stream(base::UniqueFd socket, size_t max_content);
 
   int fd() const { return socket_.get(); }
 

@@ -11,6 +11,7 @@
 #include "runtime_folder.h"
 #include "stub_client.h"
 #include "stub_guest.h"
+#include "unique_fd.h"
 
 namespace rpc_port_desktop {
 namespace {
@@ -31,7 +32,7 @@ int Stub::Listen() {
   if (socket_) return kInvalidParameter;
   std::string app_id;
   int result = OwnAppId(&app_id);
-  UniqueFd folder;
+  base::UniqueFd folder;
   if (result == kOk) result = OpenRuntimeFolder(IfMissing::kMake, &folder);
   if (result != kOk) return result;
   auto socket = std::make_unique<ServerSocket>();
@@ -89,7 +90,7 @@ void Stub::Dispatch() {
 
 // False if nobody waits any more.
 bool Stub::Accept() {
-  UniqueFd socket(accept4(socket_->fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  base::UniqueFd socket(accept4(socket_->fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
   if (!socket) {
     if (errno == EINTR || errno == ECONNABORTED) return true;
     // Without a free descriptor the socket stays readable.

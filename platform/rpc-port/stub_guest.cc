@@ -5,7 +5,7 @@
 
 namespace rpc_port_desktop {
 
-StubGuest::StubGuest(UniqueFd socket, std::weak_ptr<Stub> stub)
+StubGuest::StubGuest(base::UniqueFd socket, std::weak_ptr<Stub> stub)
     : stream_(std::make_shared<Stream>(std::move(socket), kMaxHandshakeSize)),
       stub_(std::move(stub)) {}
 

@@ -7,6 +7,7 @@
 #include "handshake.h"
 #include "loop_source.h"
 #include "stream.h"
+#include "unique_fd.h"
 
 namespace rpc_port_desktop {
 
@@ -15,7 +16,7 @@ class Stub;
 // A stream that a stub has accepted and that is not part of a connection yet.
 class StubGuest final : public LoopSource::Handler, public std::enable_shared_from_this<StubGuest> {
  public:
-  StubGuest(UniqueFd socket, std::weak_ptr<Stub> stub);
+  StubGuest(base::UniqueFd socket, std::weak_ptr<Stub> stub);
 
   void Attach();
   void Dispatch() override;

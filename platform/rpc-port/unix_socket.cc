@@ -15,8 +15,8 @@
 namespace rpc_port_desktop {
 namespace {
 
-UniqueFd NewSocket() {
-  return UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+base::UniqueFd NewSocket() {
+  return base::UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
 }
 
 // The address of what a descriptor stands for or, with a name, of what is below it.
@@ -38,14 +38,14 @@ bool PeerIsOwnUser(int socket) {
   return getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.uid == geteuid();
 }
 
-int ConnectTo(int folder, const std::string& name, UniqueFd* connected) {
+int ConnectTo(int folder, const std::string& name, base::UniqueFd* connected) {
   // Opened first, because connecting by name would follow a symbolic link.
-  const UniqueFd place(openat(folder, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  const base::UniqueFd place(openat(folder, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
   struct stat status;
   if (!place || fstat(place.get(), &status) != 0) return kIoError;
   if (!S_ISSOCK(status.st_mode) || status.st_uid != geteuid()) return kPermissionDenied;
 
-  UniqueFd socket = NewSocket();
+  base::UniqueFd socket = NewSocket();
   sockaddr_un address;
   if (!socket || !ProcAddress(place.get(), "", "", &address)) return kIoError;
   if (connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
@@ -66,7 +66,7 @@ ServerSocket::~ServerSocket() {
 bool ServerSocket::TakeLock() {
   const std::string name = LockName(name_);
   for (;;) {
-    UniqueFd lock(
+    base::UniqueFd lock(
         openat(folder_.get(), name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!lock || flock(lock.get(), LOCK_EX | LOCK_NB) != 0) return false;
     struct stat locked;
@@ -81,11 +81,11 @@ bool ServerSocket::TakeLock() {
   }
 }
 
-int ServerSocket::Listen(UniqueFd folder, const std::string& name) {
+int ServerSocket::Listen(base::UniqueFd folder, const std::string& name) {
   folder_ = std::move(folder);
   name_ = name;
   if (!TakeLock()) return kIoError;
-  UniqueFd socket = NewSocket();
+  base::UniqueFd socket = NewSocket();
   sockaddr_un address;
   if (!socket || !ProcAddress(folder_.get(), "/", name_, &address)) return kIoError;
   if (unlinkat(folder_.get(), name_.c_str(), 0) != 0 && errno != ENOENT) return kIoError;

@@ -15,7 +15,7 @@ bool PeerIsOwnUser(int socket);
 
 // Connects to the socket `name` of the folder without waiting. -5 if nobody listens there or the
 // listener is hopelessly behind, -13 if it is not this user's.
-int ConnectTo(int folder, const std::string& name, UniqueFd* connected);
+int ConnectTo(int folder, const std::string& name, base::UniqueFd* connected);
 
 // A listening socket in a folder, which it leaves when it is destroyed.
 //
@@ -26,13 +26,13 @@ class ServerSocket {
   ~ServerSocket();
 
   // -5 if a living server listens there already.
-  int Listen(UniqueFd folder, const std::string& name);
+  int Listen(base::UniqueFd folder, const std::string& name);
   int fd() const { return socket_->get(); }
 
  private:
   bool TakeLock();
 
-  UniqueFd folder_;
+  base::UniqueFd folder_;
   std::string name_;
   std::optional<OwnFd> lock_;
   std::optional<OwnFd> socket_;

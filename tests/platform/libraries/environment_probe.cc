@@ -13,13 +13,14 @@
 #include <string>
 
 #include "runtime_folder.h"
+#include "unique_fd.h"
 
 namespace {
 
 void Say(const char* what, const char* text) { printf("%s=%s\n", what, text); }
 
 std::string RuntimeFolder() {
-  rpc_port_desktop::UniqueFd folder;
+  base::UniqueFd folder;
   if (rpc_port_desktop::OpenRuntimeFolder(rpc_port_desktop::IfMissing::kFail, &folder) != 0) {
     return "none";
   }
