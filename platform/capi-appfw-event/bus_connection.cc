@@ -33,10 +33,7 @@ constexpr int kMessagesAtOnce = 64;
 // A machine with much to do may be late once or twice.
 constexpr int kMostWaitsInVain = 3;
 
-struct MessageUnref {
-  void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
-};
-using Message = std::unique_ptr<sd_bus_message, MessageUnref>;
+using Message = base::Owned<sd_bus_message, sd_bus_message_unref>;
 
 bool IsSuffix(std::string_view text) {
   constexpr char kAllowed[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-";

@@ -14,6 +14,8 @@
 #include <utility>
 #include <vector>
 
+#include "owned.h"
+
 namespace events {
 
 // An event's name in its parts: "event.PACKAGE.SUFFIX".
@@ -86,14 +88,7 @@ class BusConnection {
   bool WantsTurn() const;
 
  private:
-  struct BusClose {
-    // Waits for nothing, unlike the functions that flush.
-    void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
-  };
-  struct SlotUnref {
-    void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
-  };
-  using Slot = std::unique_ptr<sd_bus_slot, SlotUnref>;
+  using Slot = base::Owned<sd_bus_slot, sd_bus_slot_unref>;
 
   // A client of the bus that owns, or has owned, a package's name.
   struct Speaker {
@@ -161,8 +156,8 @@ class BusConnection {
   static int OnEvent(sd_bus_message* message, void* match, sd_bus_error* error);
   static int OnName(sd_bus_message* message, void* name, sd_bus_error* error);
 
-  // Outlives the slots below.
-  std::unique_ptr<sd_bus, BusClose> bus_;
+  // Outlives the slots below. Its end waits for nothing, unlike the functions that flush.
+  base::Owned<sd_bus, sd_bus_close_unref> bus_;
   std::map<std::string, Package> packages_;
   std::map<std::string, Name> claims_;
   std::deque<ReceivedEvent> received_;

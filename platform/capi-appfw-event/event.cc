@@ -6,20 +6,12 @@
 #include <stdlib.h>
 
 #include <exception>
-#include <memory>
 
 #include "event_hub.h"
+#include "owned.h"
 
 using events::EventHub;
 using events::EventName;
-
-namespace {
-
-struct Free {
-  void operator()(unsigned char* bytes) const { free(bytes); }
-};
-
-}  // namespace
 
 int event_add_event_handler(const char* event_name, event_cb callback, void* user_data,
                             event_handler_h* event_handler) try {
@@ -43,7 +35,7 @@ int event_publish_app_event(const char* event_name, bundle* event_data) try {
   unsigned char* bytes = nullptr;
   size_t size = 0;
   const int error = bundle_desktop_encode(event_data, &bytes, &size);
-  const std::unique_ptr<unsigned char, Free> owned(bytes);
+  const base::Malloced<unsigned char> owned(bytes);
   return error ? error : EventHub::Get().Publish(name, bytes, size);
 } catch (const std::exception&) {
   return -ENOMEM;

@@ -10,6 +10,8 @@
 #include <exception>
 #include <utility>
 
+#include "owned.h"
+
 namespace events {
 
 namespace {
@@ -26,10 +28,6 @@ constexpr guint kToldRetryMs = 500;
 constexpr guint kLastRetryMs = 60 * 1000;
 
 uint64_t Now() { return static_cast<uint64_t>(g_get_monotonic_time()); }
-
-struct BundleFree {
-  void operator()(bundle* b) const { bundle_free(b); }
-};
 
 }  // namespace
 
@@ -342,7 +340,7 @@ void EventHub::Release() try {
 }
 
 void EventHub::Deliver(const ReceivedEvent& event) {
-  const std::unique_ptr<bundle, BundleFree> data(
+  const base::Owned<bundle, bundle_free> data(
       bundle_desktop_decode(event.payload.data(), event.payload.size()));
   if (!data) return;
   std::vector<Handler> handlers;
