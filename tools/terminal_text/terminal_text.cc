@@ -5,47 +5,16 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <iterator>
 #include <numeric>
 #include <utility>
+
+#include "terminal_characters.h"
 
 namespace terminal_text {
 namespace {
 
-struct Range {
-  gunichar first;
-  gunichar last;
-};
-
-constexpr Range kUnsafe[] = {
-    {0x0000, 0x001F},    // control characters, among them the start of every escape sequence
-    {0x007F, 0x009F},    // delete, and the control characters that need no escape
-    {0x00AD, 0x00AD},    // soft hyphen
-    {0x034F, 0x034F},    // combining grapheme joiner
-    {0x061C, 0x061C},    // Arabic letter mark
-    {0x115F, 0x1160},    // Hangul fillers
-    {0x17B4, 0x17B5},    // inherent vowels of Khmer
-    {0x180B, 0x180F},    // Mongolian variation selectors and vowel separator
-    {0x200B, 0x200F},    // space without width, joiners, left-to-right and right-to-left marks
-    {0x2028, 0x202E},    // line and paragraph separators, embeddings and overrides of direction
-    {0x2060, 0x206F},    // word joiner, invisible operators, isolates of direction
-    {0x3164, 0x3164},    // Hangul filler
-    {0xFE00, 0xFE0F},    // variation selectors
-    {0xFEFF, 0xFEFF},    // byte order mark
-    {0xFFA0, 0xFFA0},    // half-width Hangul filler
-    {0xFFF0, 0xFFFB},    // ignored ones, and interlinear annotations
-    {0x1BCA0, 0x1BCA3},  // format controls of shorthand
-    {0x1D173, 0x1D17A},  // format controls of music
-    {0xE0000, 0xE0FFF},  // tags, and further variation selectors
-};
-
 // What is above it are GLib's marks for bytes that are no character.
 constexpr gunichar kLastCharacter = 0x10FFFF;
-
-bool IsUnsafe(gunichar c) {
-  return std::any_of(std::begin(kUnsafe), std::end(kUnsafe),
-                     [c](Range range) { return range.first <= c && c <= range.last; });
-}
 
 std::string ByteNumber(unsigned byte) {
   char shown[16];
@@ -98,7 +67,7 @@ std::string ForTerminal(std::string_view text, Layout layout) {
     const std::size_t length = valid ? static_cast<std::size_t>(g_unichar_to_utf8(c, nullptr)) : 1;
     if (!valid)
       safe += ByteNumber(first);
-    else if (IsUnsafe(c) && !(layout == Layout::kKeep && (c == '\n' || c == '\t')))
+    else if (base::IsUnsafeOnTerminal(c) && !(layout == Layout::kKeep && (c == '\n' || c == '\t')))
       safe += Escaped(c);
     else
       safe += text.substr(0, length);

@@ -17,9 +17,6 @@ enum class Layout { kEscape, kKeep };
  * hide in it is shown by its number. Bytes that are not UTF-8 become \xNN, control characters \xNN
  * or \uNNNN, characters that reorder the line or have no picture \uNNNN or \uNNNNN. All else is
  * passed on, spaces and letters that resemble others too.
- *
- * Joiners and variation selectors are no exception, though some scripts and emoji are written with
- * them: two IDs that differ must not look alike.
  */
 std::string ForTerminal(std::string_view text, Layout layout = Layout::kEscape);
 

@@ -23,7 +23,7 @@
  *
  * A record is one line: "TIME PRIORITY TAG PID: MESSAGE", with the time in UTC and the priority as
  * one letter. Newlines at the message's end are dropped. Other control characters, those that reorder
- * a line, and bytes that are not UTF-8 are written as "\n" and "\x1b", each byte by its number. The
+ * a line or have no picture, and bytes that are not UTF-8 are written as "\n" and "\x1b", each byte by its number. The
  * sequence that sets a colour at the format's begin stays, and is undone at the end, if the sink is a
  * terminal, TERM says which and not "dumb", and NO_COLOR is not set, else it is dropped; any other is
  * escaped. Beyond 64 KiB a message is cut, which " [cut]" says.

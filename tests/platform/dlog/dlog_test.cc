@@ -198,7 +198,7 @@ TEST_F(ARecord, MakesEveryControlCharacterVisibleWhereverItStands) {
   EXPECT_EQ(Messages(), expected);
 }
 
-TEST_F(ARecord, ShowsTheCharactersThatSteerATerminalOrReorderItsLine) {
+TEST_F(ARecord, ShowsTheCharactersThatSteerATerminalReorderItsLineOrHideInIt) {
   ToFile("verbose");
   const struct {
     const char* text;
@@ -220,7 +220,19 @@ TEST_F(ARecord, ShowsTheCharactersThatSteerATerminalOrReorderItsLine) {
       {"\xe2\x81\xa9", "\\xe2\\x81\\xa9"},  // U+2069
       {"\xef\xbb\xbf", "\\xef\\xbb\\xbf"},  // U+FEFF
       {"\xef\xbf\xb9", "\\xef\\xbf\\xb9"},  // U+FFF9
-      {"\xc0\xaf", "\\xc0\\xaf"},           // longer than it may be
+      {"\xc2\xad", "\\xc2\\xad"},           // U+00AD: this and the next ones have no picture
+      {"\xcd\x8f", "\\xcd\\x8f"},           // U+034F
+      {"\xe1\x85\x9f", "\\xe1\\x85\\x9f"},  // U+115F
+      {"\xe1\xa0\x8e", "\\xe1\\xa0\\x8e"},  // U+180E
+      {"\xe2\x80\x8b", "\\xe2\\x80\\x8b"},  // U+200B
+      {"\xe2\x80\x8d", "\\xe2\\x80\\x8d"},  // U+200D
+      {"\xe2\x81\xa0", "\\xe2\\x81\\xa0"},  // U+2060
+      {"\xe2\x81\xaf", "\\xe2\\x81\\xaf"},  // U+206F
+      {"\xe3\x85\xa4", "\\xe3\\x85\\xa4"},  // U+3164
+      {"\xef\xb8\x8f", "\\xef\\xb8\\x8f"},  // U+FE0F
+      {"\xef\xbe\xa0", "\\xef\\xbe\\xa0"},  // U+FFA0
+      {"\xf3\xa0\x81\x81", "\\xf3\\xa0\\x81\\x81"},  // U+E0041
+      {"\xc0\xaf", "\\xc0\\xaf"},                    // longer than it may be
       {"\xe0\x80\xaf", "\\xe0\\x80\\xaf"},
       {"\xf0\x80\x80\xaf", "\\xf0\\x80\\x80\\xaf"},
       {"\xed\xa0\x80", "\\xed\\xa0\\x80"},           // half of a pair

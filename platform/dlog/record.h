@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef DLOG_RECORD_H_
+#define DLOG_RECORD_H_
+
+#include <dlog.h>
+#include <stdarg.h>
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "owned.h"
+
+namespace dlog_desktop {
+
+// The formatted message, without memory of its own if it is short.
+class Message {
+ public:
+  // Returns 0 or a negative code. Arguments see errno as it was, also where the message is long.
+  int Format(const char* fmt, va_list args) __attribute__((format(printf, 2, 0)));
+
+  std::string_view text() const { return {heap_ ? heap_.get() : space_, size_}; }
+  bool cut() const { return cut_; }
+
+ private:
+  int FormatLong(const char* fmt, va_list args) __attribute__((format(printf, 2, 0)));
+
+  char space_[1024];
+  base::Malloced<char> heap_;
+  size_t size_ = 0;
+  bool cut_ = false;
+};
+
+// The whole line for the sink, with its end. Throws std::bad_alloc.
+std::string RecordLine(log_priority prio, const char* tag, const char* fmt, const Message& message);
+
+}  // namespace dlog_desktop
+
+#endif  // DLOG_RECORD_H_

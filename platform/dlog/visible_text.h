@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef DLOG_VISIBLE_TEXT_H_
+#define DLOG_VISIBLE_TEXT_H_
+
+#include <string>
+#include <string_view>
+
+namespace dlog_desktop {
+
+// Appends a text of which nothing hides: the bytes of what must not reach a terminal, and those that
+// are not UTF-8, become visible one by one. Tabs are passed on.
+void AppendVisible(std::string* out, std::string_view text);
+
+}  // namespace dlog_desktop
+
+#endif  // DLOG_VISIBLE_TEXT_H_
