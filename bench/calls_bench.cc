@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "bench_world.h"
+#include "kept_records.h"
 #include "models.h"
 #include "owned.h"
 #include "promises.h"
@@ -82,8 +83,8 @@ void ListQuery(benchmark::State& state) {
     int size = 0;
     velmora_svcmgr_ai_model_list_get_size(arrival.list, &size);
     Require(size == count, "get all models");
-    DestroyWholly(arrival.list);
-    ReleaseKeptRecords();
+    kept_records::DestroyWholly(arrival.list);
+    kept_records::Release();
   }
 }
 
@@ -190,7 +191,7 @@ void MakeModel() {
         velmora_svcmgr_ai_model_info_set_title, velmora_svcmgr_ai_model_info_set_description}) {
     Require(set(model, "model") == 0, "fill a model");
   }
-  ForgetKeptRecords();
+  kept_records::Forget();
 }
 
 }  // namespace

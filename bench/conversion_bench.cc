@@ -7,6 +7,7 @@
 
 #include "SvcMgrAppProxyCallback.h"
 #include "bench_world.h"
+#include "kept_records.h"
 #include "models.h"
 #include "promises.h"
 
@@ -68,8 +69,8 @@ void Conversion(benchmark::State& state) {
     const Stopwatch stopwatch(&state);
     delegate.OnReceivedEvent(parcel);
     stopwatch.Stop();
-    DestroyWholly(list);
-    ReleaseKeptRecords();
+    kept_records::DestroyWholly(list);
+    kept_records::Release();
   }
 }
 

@@ -8,15 +8,14 @@
 
 #include "agent_stand_in.h"
 #include "bench_world.h"
+#include "kept_records.h"
 #include "promises.h"
 
 namespace {
 
 void OnConnection(int, int, void*) {}
 
-void OnList(int, velmora_svcmgr_ai_model_list_h list, void*) {
-  agent_stand_in::DestroyWholly(list);
-}
+void OnList(int, velmora_svcmgr_ai_model_list_h list, void*) { kept_records::DestroyWholly(list); }
 
 template <typename Number>
 void Append(std::string* message, Number number) {

@@ -3,35 +3,8 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <new>
 
 #include "bench_world.h"
-#include "service_model_list.h"
-
-namespace {
-
-std::vector<velmora_svcmgr_ai_model_info_h>& Kept() {
-  static std::vector<velmora_svcmgr_ai_model_info_h> kept;
-  return kept;
-}
-
-}  // namespace
-
-extern "C" int __real_velmora_svcmgr_ai_model_info_create(velmora_svcmgr_ai_model_info_h* info);
-extern "C" int __wrap_velmora_svcmgr_ai_model_info_create(velmora_svcmgr_ai_model_info_h* info);
-
-int __wrap_velmora_svcmgr_ai_model_info_create(velmora_svcmgr_ai_model_info_h* info) {
-  const int result = __real_velmora_svcmgr_ai_model_info_create(info);
-  if (result == 0) Kept().push_back(*info);
-  return result;
-}
-
-void ReleaseKeptRecords() {
-  for (const auto info : Kept()) velmora_svcmgr_ai_model_info_destroy(info);
-  Kept().clear();
-}
-
-void ForgetKeptRecords() { Kept().clear(); }
 
 void WriteModels(rpc_port_parcel_h parcel, int count) {
   rpc_port_parcel_write_array_count(parcel, count);
@@ -43,13 +16,6 @@ void WriteModels(rpc_port_parcel_h parcel, int count) {
     rpc_port_parcel_write_string(parcel, std::string(80, 'd').c_str());
   }
   rpc_port_parcel_write_int32(parcel, count);
-}
-
-void DestroyWholly(velmora_svcmgr_ai_model_list_h list) {
-  if (list == nullptr) return;
-  void* const storage = list->models.data();
-  velmora_svcmgr_ai_model_list_destroy(list);
-  ::operator delete(storage);
 }
 
 PlainModels::PlainModels(rpc_port_parcel_h parcel) {

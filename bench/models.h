@@ -3,7 +3,6 @@
 #define BENCH_MODELS_H_
 
 #include <rpc-port-desktop.h>
-#include <velmora_svcmgr.h>
 
 #include <array>
 #include <string>
@@ -11,17 +10,8 @@
 
 // The lists that the benches transfer and convert, and the least work that a list is.
 
-// Ends the conversions' bookkeeping: releases the records that they keep on purpose, so that a bench
-// does not measure how memory runs out. Not part of what is timed.
-void ReleaseKeptRecords();
-// Those that were made so far belong to the caller.
-void ForgetKeptRecords();
-
 // Appends `count` models as they travel, with their array's count before and their number behind.
 void WriteModels(rpc_port_parcel_h parcel, int count);
-
-// Releases what an application callback was given, with all that destroying it leaves behind.
-void DestroyWholly(velmora_svcmgr_ai_model_list_h list);
 
 // What any implementation does with a list: each text is read as the platform hands it out, and
 // copied into the two records of its model.

@@ -9,6 +9,7 @@
 
 #include "agent_stand_in.h"
 #include "input.h"
+#include "kept_records.h"
 
 namespace {
 
@@ -47,7 +48,7 @@ void OnList(int, velmora_svcmgr_ai_model_list_h list, void*) {
   if (now == Reaction::kConnectAnew) Connect();
   if (now == Reaction::kAskAgain) velmora_svcmgr_ai_request_usable_model_list(OnList, nullptr);
   ReadList(list);
-  agent_stand_in::DestroyWholly(list);
+  kept_records::DestroyWholly(list);
 }
 
 // One delegate of each kind, with sequence numbers that follow each other.

@@ -5,22 +5,13 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
+#include "require.h"
+
 // What each target defines: handles one input and returns 0. The same input always does the same.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-
-// Ends the process as a finding.
-#define REQUIRE(condition)                                                           \
-  do {                                                                               \
-    if (!(condition)) {                                                              \
-      std::fprintf(stderr, "%s:%d: not true: %s\n", __FILE__, __LINE__, #condition); \
-      std::abort();                                                                  \
-    }                                                                                \
-  } while (false)
 
 // An input that is taken apart from its front. What it does not hold any more reads as zero.
 class Input {

@@ -3,6 +3,8 @@
 //
 // Input: a byte that chooses the call, then what the main port yields, as blocks.
 
+#include <velmora_svcmgr.h>
+
 #include "agent_stand_in.h"
 #include "input.h"
 

@@ -5,18 +5,15 @@
 #include <dlog.h>
 #include <package_info.h>
 #include <rpc-port-desktop.h>
+#include <velmora_svcmgr.h>
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <new>
 #include <utility>
 
-#include "input.h"
-#include "service_model_list.h"
-
-extern "C" int __real_velmora_svcmgr_ai_model_info_create(velmora_svcmgr_ai_model_info_h* info);
-extern "C" int __wrap_velmora_svcmgr_ai_model_info_create(velmora_svcmgr_ai_model_info_h* info);
+#include "kept_records.h"
+#include "require.h"
 
 namespace agent_stand_in {
 
@@ -38,7 +35,6 @@ Proxy proxy;
 char main_port;
 char callback_port;
 char package;
-std::vector<velmora_svcmgr_ai_model_info_h> created;
 
 int CopyOut(const char* text, char** out) {
   *out = strdup(text);
@@ -53,30 +49,16 @@ void Push(std::string_view message) {
   proxy.received(AGENT_PACKAGE_ID, "SvcMgrAppPort", proxy.data);
 }
 
-void DestroyWholly(velmora_svcmgr_ai_model_list_h list) {
-  if (list == nullptr) return;
-  void* const storage = list->models.data();
-  REQUIRE(velmora_svcmgr_ai_model_list_destroy(list) == 0);
-  ::operator delete(storage);
-}
-
 void EndInput() {
   REQUIRE(velmora_svcmgr_disconnect() == 0);
   messages.clear();
   sent.clear();
-  for (const auto info : created) velmora_svcmgr_ai_model_info_destroy(info);
-  created.clear();
+  kept_records::Release();
 }
 
 }  // namespace agent_stand_in
 
 using namespace agent_stand_in;
-
-int __wrap_velmora_svcmgr_ai_model_info_create(velmora_svcmgr_ai_model_info_h* info) {
-  const int result = __real_velmora_svcmgr_ai_model_info_create(info);
-  if (result == 0) created.push_back(*info);
-  return result;
-}
 
 // Formats each record, so that arguments that do not fit their conversions are found.
 int dlog_print(log_priority, const char*, const char* fmt, ...) {

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef FUZZ_AGENT_STAND_IN_H_
-#define FUZZ_AGENT_STAND_IN_H_
-
-#include <velmora_svcmgr.h>
+#ifndef STAND_IN_AGENT_STAND_IN_H_
+#define STAND_IN_AGENT_STAND_IN_H_
 
 #include <deque>
 #include <string>
@@ -10,7 +8,7 @@
 #include <vector>
 
 // Takes the platform's place where an agent would be: a proxy connects inside its connect call, and
-// what its ports yield comes from the target. Parcels are the platform's own, with real bytes.
+// what its ports yield comes from whoever drives it. Parcels are the platform's own, with real bytes.
 namespace agent_stand_in {
 
 // What either port yields, message by message; with none left, the agent is gone.
@@ -22,13 +20,10 @@ extern std::vector<std::string> sent;
 // Has the library read one message from its callback port; nothing happens without a connection.
 void Push(std::string_view message);
 
-// Releases a list with all that destroying it leaves behind on purpose.
-void DestroyWholly(velmora_svcmgr_ai_model_list_h list);
-
 // Disconnects, forgets all of the above, and releases the records that conversions keep on purpose,
 // so that whatever is left is a leak.
 void EndInput();
 
 }  // namespace agent_stand_in
 
-#endif  // FUZZ_AGENT_STAND_IN_H_
+#endif  // STAND_IN_AGENT_STAND_IN_H_

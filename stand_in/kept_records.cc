@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "kept_records.h"
+
+#include <new>
+#include <vector>
+
+#include "require.h"
+#include "service_model_list.h"
+
+extern "C" int __real_velmora_svcmgr_ai_model_info_create(velmora_svcmgr_ai_model_info_h* info);
+extern "C" int __wrap_velmora_svcmgr_ai_model_info_create(velmora_svcmgr_ai_model_info_h* info);
+
+namespace kept_records {
+namespace {
+
+std::vector<velmora_svcmgr_ai_model_info_h> records;
+
+}  // namespace
+
+void Release() {
+  for (const auto info : records) velmora_svcmgr_ai_model_info_destroy(info);
+  records.clear();
+}
+
+void Forget() { records.clear(); }
+
+void DestroyWholly(velmora_svcmgr_ai_model_list_h list) {
+  if (list == nullptr) return;
+  void* const storage = list->models.data();
+  REQUIRE(velmora_svcmgr_ai_model_list_destroy(list) == 0);
+  ::operator delete(storage);
+}
+
+}  // namespace kept_records
+
+int __wrap_velmora_svcmgr_ai_model_info_create(velmora_svcmgr_ai_model_info_h* info) {
+  const int result = __real_velmora_svcmgr_ai_model_info_create(info);
+  if (result == 0) kept_records::records.push_back(*info);
+  return result;
+}

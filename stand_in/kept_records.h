@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef STAND_IN_KEPT_RECORDS_H_
+#define STAND_IN_KEPT_RECORDS_H_
+
+#include <velmora_svcmgr.h>
+
+// Accounts for what the library keeps on purpose, for a program that links its objects: the record
+// that each conversion of a model leaves, and the array of each list that is destroyed. Whatever else
+// is left is a leak, and no loop runs out of memory.
+namespace kept_records {
+
+// Releases the records that were made so far.
+void Release();
+
+// Those that were made so far belong to the caller.
+void Forget();
+
+// Releases a list, which may be null, with all that destroying it leaves behind.
+void DestroyWholly(velmora_svcmgr_ai_model_list_h list);
+
+}  // namespace kept_records
+
+#endif  // STAND_IN_KEPT_RECORDS_H_
