@@ -211,6 +211,7 @@ int bundle_desktop_encode(bundle* b, unsigned char** bytes, size_t* size) {
 }
 
 bundle* bundle_desktop_decode(const unsigned char* bytes, size_t size) {
+  errno = EINVAL;
   if (!bytes && size > 0) return nullptr;
   GBytes* copy = g_bytes_new(bytes, size);
   VariantPtr variant(
@@ -221,14 +222,16 @@ bundle* bundle_desktop_decode(const unsigned char* bytes, size_t size) {
   variant = SwapOnBigEndian(std::move(variant));
 
   base::Owned<bundle, bundle_free> made(bundle_create());
-  if (!made) return nullptr;
+  int error = made ? 0 : -ENOMEM;
   GVariantIter entries;
   g_variant_iter_init(&entries, variant.get());
   const gchar* key;
   GVariant* value;
-  while (g_variant_iter_next(&entries, "{&sv}", &key, &value)) {
+  while (!error && g_variant_iter_next(&entries, "{&sv}", &key, &value)) {
     const VariantPtr owned(value);
-    if (AddVariant(made.get(), key, value) != 0) return nullptr;
+    error = AddVariant(made.get(), key, value);
   }
+  if (error) made.reset();
+  errno = error == -ENOMEM ? ENOMEM : EINVAL;
   return made.release();
 }

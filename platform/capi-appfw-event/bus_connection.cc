@@ -9,7 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <exception>
+#include <new>
 #include <string_view>
 
 namespace events {
@@ -30,10 +30,6 @@ constexpr size_t kLargestPayload = 1 << 20;
 constexpr size_t kMostUnsentBytes = 64 << 20;
 // A flood of events leaves the main loop's other sources their turn.
 constexpr int kMessagesAtOnce = 64;
-// A machine with much to do may be late once or twice.
-constexpr int kMostWaitsInVain = 3;
-
-using Message = base::Owned<sd_bus_message, sd_bus_message_unref>;
 
 bool IsSuffix(std::string_view text) {
   constexpr char kAllowed[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-";
@@ -55,6 +51,22 @@ const char* Refusal(sd_bus_message* answer) {
 
 bool SaysNoOwner(sd_bus_message* answer) {
   return sd_bus_message_is_method_error(answer, SD_BUS_ERROR_NAME_HAS_NO_OWNER) > 0;
+}
+
+bool IsOwnerChange(sd_bus_message* message) {
+  return sd_bus_message_is_signal(message, kBusName, "NameOwnerChanged") > 0;
+}
+
+bool IsEvent(sd_bus_message* message) {
+  const char* path = sd_bus_message_get_path(message);
+  return sd_bus_message_is_signal(message, kInterface, kMember) > 0 && path &&
+         strcmp(path, kPath) == 0;
+}
+
+// Passes the result of a function on.
+int OrThrow(int result) {
+  if (result == -ENOMEM) throw std::bad_alloc();
+  return result;
 }
 
 bool IsFrom(sd_bus_message* message, const char* sender) {
@@ -80,8 +92,13 @@ bool EventName::Parse(const char* text, EventName* name) {
 std::unique_ptr<BusConnection> BusConnection::Open(int* error) {
   sd_bus* bus = nullptr;
   *error = sd_bus_open_user(&bus);
+  std::unique_ptr<sd_bus, BusClose> owned(bus);
   if (*error < 0) return nullptr;
-  std::unique_ptr<BusConnection> connection(new BusConnection(bus));
+  std::unique_ptr<BusConnection> connection(new BusConnection(std::move(owned)));
+  sd_bus_slot* signals = nullptr;
+  *error = sd_bus_add_filter(bus, &signals, OnSignal, connection.get());
+  if (*error < 0) return nullptr;
+  connection->signals_.reset(signals);
   sd_bus_set_exit_on_disconnect(bus, false);
   // Once it has greeted, a bus answers in the order in which it was asked: there is nothing better
   // to do than to wait, however long it is stopped.
@@ -103,50 +120,92 @@ bool BusConnection::WantsTurn() const {
 }
 
 uint64_t BusConnection::DueTime() const {
-  if (!received_.empty() || is_broken_) return 0;
+  if (!received_.empty() || in_hand_.message || is_broken_) return 0;
   uint64_t time = 0;
   return sd_bus_get_timeout(bus_.get(), &time) < 0 ? 0 : time;
 }
-
-// Many subscriptions to a silent bus cost little more than one.
-bool BusConnection::IsSilent() const { return waits_in_vain_ >= kMostWaitsInVain; }
 
 template <typename Done>
 void BusConnection::Await(uint64_t deadline, Done done) {
   is_awaited_ = true;
   while (IsOpen() && !done()) {
-    const int result = sd_bus_process(bus_.get(), nullptr);
-    if (result < 0) is_broken_ = true;
-    if (result > 0) waits_in_vain_ = 0;
+    const int result = Step();
+    if (result < 0) break;
     const uint64_t now = Now();
-    if (result < 0 || (result > 0 && now < deadline)) continue;
-    if (now >= deadline && result == 0) ++waits_in_vain_;
-    if (now >= deadline || IsSilent()) break;
+    if (result > 0 && now < deadline) continue;
+    if (result == 0 && now >= deadline) is_silent_ = true;
+    if (now >= deadline || is_silent_) break;
     sd_bus_wait(bus_.get(), deadline - now);
   }
   is_awaited_ = false;
 }
 
-bool BusConnection::Ask(const char* method, const char* name, sd_bus_message_handler_t answered,
+// Goes on with one message: 1 if there was one, 0 if not, negative for an error. -ENOMEM says to
+// come again, unless the connection is not open any more.
+int BusConnection::Step() try {
+  is_short_of_memory_ = false;
+  if (in_hand_.message) {
+    LookAtHand();
+    in_hand_ = {};
+    return 1;
+  }
+  const int result = OrThrow(sd_bus_process(bus_.get(), nullptr));
+  if (result > 0) is_silent_ = false;
+  if (result < 0) is_broken_ = true;
+  return result;
+} catch (const std::bad_alloc&) {
+  // Half a greeting is none.
+  if (!in_hand_.message && sd_bus_is_ready(bus_.get()) <= 0) is_broken_ = true;
+  is_short_of_memory_ = true;
+  return -ENOMEM;
+}
+
+void BusConnection::LookAtHand() {
+  sd_bus_message* message = in_hand_.message.get();
+  if (sd_bus_message_rewind(message, true) < 0) return;
+  if (in_hand_.package) {
+    LearnOwner(message, in_hand_.package);
+  } else if (IsOwnerChange(message)) {
+    ChangeOwner(message);
+  } else {
+    Receive(message);
+  }
+}
+
+int BusConnection::OnSignal(sd_bus_message* message, void* data, sd_bus_error*) {
+  if (!IsOwnerChange(message) && !IsEvent(message)) return 0;
+  static_cast<BusConnection*>(data)->in_hand_ = {Message(sd_bus_message_ref(message)), nullptr};
+  return 0;
+}
+
+bool BusConnection::Ask(const char* method, const char* text, sd_bus_message_handler_t answered,
                         void* data, Slot* slot) {
   sd_bus_slot* question = nullptr;
-  if (sd_bus_call_method_async(bus_.get(), &question, kBusName, kBusPath, kBusName, method,
-                               answered, data, "s", name) < 0) {
+  if (OrThrow(sd_bus_call_method_async(bus_.get(), &question, kBusName, kBusPath, kBusName, method,
+                                       answered, data, "s", text)) < 0) {
     return false;
   }
   slot->reset(question);
   return true;
 }
 
-bool BusConnection::AddMatch(const std::string& rule, sd_bus_message_handler_t handler,
-                             Match* match) {
-  sd_bus_slot* added = nullptr;
+bool BusConnection::AddMatch(const std::string& rule, Match* match) {
   match->connection = this;
-  if (sd_bus_add_match_async(bus_.get(), &added, rule.c_str(), handler, OnMatchAdded, match) < 0) {
-    return false;
+  match->rule = rule;
+  return Ask("AddMatch", rule.c_str(), OnMatchAdded, match, &match->question);
+}
+
+// Without memory the bus goes on to send what nobody listens to.
+BusConnection::Match::~Match() {
+  sd_bus_message* call = nullptr;
+  if (!question || sd_bus_message_new_method_call(connection->bus_.get(), &call, kBusName, kBusPath,
+                                                  kBusName, "RemoveMatch") < 0) {
+    return;
   }
-  match->slot.reset(added);
-  return true;
+  const Message owned(call);
+  if (sd_bus_message_append(call, "s", rule.c_str()) < 0) return;
+  if (sd_bus_message_set_expect_reply(call, false) < 0) return;
+  (void)sd_bus_send(connection->bus_.get(), call, nullptr);
 }
 
 int BusConnection::OnMatchAdded(sd_bus_message* message, void* data, sd_bus_error*) {
@@ -158,35 +217,43 @@ int BusConnection::OnMatchAdded(sd_bus_message* message, void* data, sd_bus_erro
   return 0;
 }
 
-bool BusConnection::Watch(const EventName& name) {
-  Package& package = packages_[name.package];
-  const bool is_followed = package.owner_question != nullptr;
-  if (package.events.count(name.full) > 0) return true;
-  const std::string rule = std::string("type='signal',path='") + kPath + "',interface='" +
-                           kInterface + "',member='" + kMember + "',sender='" + name.package +
-                           "',arg0='" + name.full + "'";
-  if ((is_followed || FollowOwner(name.package, &package)) &&
-      AddMatch(rule, OnEvent, &package.events[name.full])) {
-    return true;
-  }
+bool BusConnection::Watch(const EventName& name) try {
+  if (Follow(name)) return true;
   Unwatch(name);
   return false;
+} catch (const std::bad_alloc&) {
+  Unwatch(name);
+  throw;
+}
+
+bool BusConnection::Follow(const EventName& name) {
+  Package& package = packages_[name.package];
+  if (!package.owner_question && !FollowOwner(name.package, &package)) return false;
+  const auto [event, is_new] = package.events.try_emplace(name.full);
+  return !is_new || AddMatch(std::string("type='signal',path='") + kPath + "',interface='" +
+                                 kInterface + "',member='" + kMember + "',sender='" + name.package +
+                                 "',arg0='" + name.full + "'",
+                             &event->second);
 }
 
 void BusConnection::Unwatch(const EventName& name) {
   const auto package = packages_.find(name.package);
   if (package == packages_.end()) return;
   package->second.events.erase(name.full);
-  if (package->second.events.empty()) packages_.erase(package);
+  if (package->second.events.empty()) Forget(package);
+}
+
+void BusConnection::Forget(std::map<std::string, Package>::iterator package) {
+  if (in_hand_.package == &package->second) in_hand_ = {};
+  packages_.erase(package);
 }
 
 // The changes are asked for first, so that none falls between the two questions.
 bool BusConnection::FollowOwner(const std::string& id, Package* package) {
-  const std::string rule = std::string("type='signal',sender='") + kBusName + "',path='" +
-                           kBusPath + "',interface='" + kBusName +
-                           "',member='NameOwnerChanged',arg0='" + id + "'";
   package->connection = this;
-  return AddMatch(rule, OnOwnerChanged, &package->owner_changes) &&
+  return AddMatch(std::string("type='signal',sender='") + kBusName + "',path='" + kBusPath +
+                      "',interface='" + kBusName + "',member='NameOwnerChanged',arg0='" + id + "'",
+                  &package->owner_changes) &&
          Ask("GetNameOwner", id.c_str(), OnOwner, package, &package->owner_question);
 }
 
@@ -243,61 +310,66 @@ void BusConnection::ForgetRefused() {
       refused_ |= gone;
       event = gone ? events.erase(event) : std::next(event);
     }
-    package = events.empty() ? packages_.erase(package) : std::next(package);
+    const auto next = std::next(package);
+    if (events.empty()) Forget(package);
+    package = next;
   }
 }
 
-int BusConnection::OnOwner(sd_bus_message* message, void* data, sd_bus_error*) try {
+int BusConnection::OnOwner(sd_bus_message* message, void* data, sd_bus_error*) {
   auto* package = static_cast<Package*>(data);
+  package->connection->in_hand_ = {Message(sd_bus_message_ref(message)), package};
+  return 0;
+}
+
+void BusConnection::LearnOwner(sd_bus_message* message, Package* package) {
   const char* owner = "";
   const bool is_refused = Refusal(message) != nullptr && !SaysNoOwner(message);
   if (is_refused || (!Refusal(message) && sd_bus_message_read(message, "s", &owner) < 0)) {
     package->owner_outcome = Outcome::kRefused;
-    return 0;
+    return;
   }
-  package->owner_outcome = Outcome::kStands;
   // Since the subscription another may have come: nobody knows whom its ports mean.
-  package->connection->Adopt(package, owner, !package->connection->is_awaited_);
-  return 0;
-} catch (const std::exception&) {
-  static_cast<Package*>(data)->connection->is_broken_ = true;
-  return 0;
+  Adopt(package, owner, !is_awaited_);
+  package->owner_outcome = Outcome::kStands;
 }
 
-int BusConnection::OnOwnerChanged(sd_bus_message* message, void* data, sd_bus_error*) try {
-  BusConnection* self = static_cast<Match*>(data)->connection;
+void BusConnection::ChangeOwner(sd_bus_message* message) {
   const char* id = nullptr;
   const char* owner = nullptr;
   // A message that another client sends straight to this one meets no rule of the bus.
-  if (!IsFrom(message, kBusName)) return 0;
-  if (sd_bus_message_read(message, "sss", &id, nullptr, &owner) < 0) return 0;
-  const auto package = self->packages_.find(id);
-  if (package != self->packages_.end()) self->Adopt(&package->second, owner, true);
-  return 0;
-} catch (const std::exception&) {
-  static_cast<Match*>(data)->connection->is_broken_ = true;
-  return 0;
+  if (!IsFrom(message, kBusName)) return;
+  if (sd_bus_message_read(message, "sss", &id, nullptr, &owner) < 0) return;
+  const auto package = packages_.find(id);
+  if (package != packages_.end()) Adopt(&package->second, owner, true);
 }
 
 // Its events wait until the bus has told whose process it is. Of a former owner only those stay
 // that still wait.
 void BusConnection::Adopt(Package* package, const char* owner, bool is_successor) {
   if (package->owner && package->owner->unique_name == owner) return;
-  package->owner = nullptr;
+  std::list<Speaker> adopted;
+  if (*owner != '\0') {
+    Speaker& speaker = adopted.emplace_back();
+    speaker.connection = this;
+    speaker.unique_name = owner;
+    speaker.is_successor = is_successor;
+    AskForUser(&speaker);
+  }
   package->speakers.remove_if([](const Speaker& s) { return s.judgement != Speaker::kAsked; });
-  if (*owner == '\0') return;
-  Speaker& speaker = package->speakers.emplace_back();
-  speaker.connection = this;
-  speaker.unique_name = owner;
-  speaker.is_successor = is_successor;
-  package->owner = &speaker;
-  // The answers come in this order. That the bus has answered means that the name is known.
+  package->owner = adopted.empty() ? nullptr : &adopted.front();
+  package->speakers.splice(package->speakers.end(), adopted);
+}
+
+// The answers come in this order. That the bus has answered means that the name is known.
+void BusConnection::AskForUser(Speaker* speaker) {
   const char* own_name = nullptr;
   const bool knows_itself =
       own_user_question_ != nullptr ||
       (sd_bus_get_unique_name(bus_.get(), &own_name) >= 0 &&
        Ask("GetConnectionUnixUser", own_name, OnOwnUser, this, &own_user_question_));
-  if (!knows_itself || !Ask("GetConnectionUnixUser", owner, OnUser, &speaker, &speaker.question)) {
+  if (!knows_itself || !Ask("GetConnectionUnixUser", speaker->unique_name.c_str(), OnUser, speaker,
+                            &speaker->question)) {
     is_broken_ = true;
   }
 }
@@ -309,7 +381,7 @@ int BusConnection::OnOwnUser(sd_bus_message* message, void* data, sd_bus_error*)
   return 0;
 }
 
-int BusConnection::OnUser(sd_bus_message* message, void* data, sd_bus_error*) try {
+int BusConnection::OnUser(sd_bus_message* message, void* data, sd_bus_error*) {
   auto* speaker = static_cast<Speaker*>(data);
   BusConnection* self = speaker->connection;
   // Who is gone before the bus could tell gets the benefit of the doubt: an agent may well say
@@ -319,22 +391,18 @@ int BusConnection::OnUser(sd_bus_message* message, void* data, sd_bus_error*) tr
   const bool is_same = sd_bus_message_read(message, "u", &user) >= 0 && user == self->own_user_;
   self->Judge(speaker, is_same || is_gone ? Speaker::kTrusted : Speaker::kForeign);
   return 0;
-} catch (const std::exception&) {
-  static_cast<Speaker*>(data)->connection->is_broken_ = true;
-  return 0;
 }
 
 void BusConnection::Judge(Speaker* speaker, Speaker::Judgement judgement) {
   speaker->judgement = judgement;
-  std::vector<ReceivedEvent> waiting;
+  std::list<ReceivedEvent> waiting;
   waiting.swap(speaker->waiting);
   if (judgement == Speaker::kForeign) {
     dlog_print(DLOG_WARN, kLogTag, "Events of %s are dropped: it is another user's process",
                speaker->unique_name.c_str());
     return;
   }
-  received_.insert(received_.end(), std::make_move_iterator(waiting.begin()),
-                   std::make_move_iterator(waiting.end()));
+  received_.splice(received_.end(), waiting);
 }
 
 // Nothing more will be heard about who they are.
@@ -344,15 +412,6 @@ void BusConnection::TrustAll() {
       if (speaker.judgement == Speaker::kAsked) Judge(&speaker, Speaker::kTrusted);
     }
   }
-}
-
-int BusConnection::OnEvent(sd_bus_message* message, void* match, sd_bus_error*) {
-  try {
-    static_cast<Match*>(match)->connection->Receive(message);
-  } catch (const std::exception&) {
-    // Without memory the event is lost.
-  }
-  return 0;
 }
 
 void BusConnection::Receive(sd_bus_message* message) {
@@ -367,15 +426,11 @@ void BusConnection::Receive(sd_bus_message* message) {
   Speaker* speaker = package->second.owner;
   if (!speaker || !IsFrom(message, speaker->unique_name.c_str())) return;
   if (speaker->judgement == Speaker::kForeign) return;
-  if (sd_bus_message_read_array(message, 'y', &payload, &size) < 0) return;
+  if (OrThrow(sd_bus_message_read_array(message, 'y', &payload, &size)) < 0) return;
   if (size > kLargestPayload) return;
   const auto* bytes = static_cast<const unsigned char*>(payload);
-  ReceivedEvent event = {name.full, {bytes, bytes + size}, speaker->is_successor};
-  if (speaker->judgement == Speaker::kAsked) {
-    speaker->waiting.push_back(std::move(event));
-  } else {
-    received_.push_back(std::move(event));
-  }
+  auto& events = speaker->judgement == Speaker::kAsked ? speaker->waiting : received_;
+  events.push_back({name.full, {bytes, bytes + size}, speaker->is_successor});
   speaker->is_successor = false;
 }
 
@@ -386,8 +441,11 @@ BusConnection::Name* BusConnection::AskForName(const std::string& package) {
   name = Name();
   name.connection = this;
   sd_bus_slot* question = nullptr;
-  if (sd_bus_request_name_async(bus_.get(), &question, package.c_str(), 0, OnName, &name) < 0) {
+  const int result =
+      sd_bus_request_name_async(bus_.get(), &question, package.c_str(), 0, OnName, &name);
+  if (result < 0) {
     claims_.erase(package);
+    OrThrow(result);
     return nullptr;
   }
   name.question.reset(question);
@@ -433,7 +491,7 @@ int BusConnection::Publish(const EventName& name, const unsigned char* payload, 
   if (claimed != 0 && claimed != -ETIMEDOUT) return claimed;
   if (HasSentAll()) unsent_bytes_ = 0;
   if (unsent_bytes_ + size > kMostUnsentBytes) return -EIO;
-  if (Send(name, payload, size) < 0) return -EIO;
+  if (OrThrow(Send(name, payload, size)) < 0) return -EIO;
   unsent_bytes_ += size;
   Await(deadline, [this] { return HasSentAll(); });
   return IsOpen() ? 0 : -EIO;
@@ -449,25 +507,13 @@ int BusConnection::Send(const EventName& name, const unsigned char* payload, siz
   return result;
 }
 
-bool BusConnection::Process(std::vector<ReceivedEvent>* received) {
-  const auto is_from_successor = [](const ReceivedEvent& event) { return event.from_successor; };
-  const auto first_of_successor = [&] {
-    return std::find_if(received_.begin(), received_.end(), is_from_successor);
-  };
+bool BusConnection::Process(std::list<ReceivedEvent>* received) {
   int result = 1;
-  for (int i = 0; i < kMessagesAtOnce && result > 0; ++i) {
-    if (first_of_successor() != received_.end()) break;
-    result = sd_bus_process(bus_.get(), nullptr);
-    if (result > 0) waits_in_vain_ = 0;
-  }
-  if (result < 0) is_broken_ = true;
-  if (!IsOpen()) TrustAll();
+  for (int i = 0; i < kMessagesAtOnce && result > 0; ++i) result = Step();
+  if (!IsOpen() && !in_hand_.message) TrustAll();
   ForgetRefused();
-  auto end = first_of_successor();
-  if (end != received_.end()) ++end;
-  received->assign(std::make_move_iterator(received_.begin()), std::make_move_iterator(end));
-  received_.erase(received_.begin(), end);
-  return IsOpen() || !received_.empty();
+  received->splice(received->end(), received_);
+  return IsOpen() || in_hand_.message;
 }
 
 }  // namespace events

@@ -6,7 +6,6 @@
 #include <stdint.h>
 #include <systemd/sd-bus.h>
 
-#include <deque>
 #include <list>
 #include <map>
 #include <memory>
@@ -39,7 +38,13 @@ struct ReceivedEvent {
 enum class Outcome { kUnderWay, kStands, kRefused, kGone };
 
 // One connection to the session bus. Not thread-safe. Nothing waits for the bus but the functions
-// that are given a deadline: a time on CLOCK_MONOTONIC in microseconds.
+// that are given a deadline: a time on CLOCK_MONOTONIC in microseconds. Once one has waited in vain
+// none waits until the bus has said something.
+//
+// Where memory is short, functions throw std::bad_alloc and have changed nothing; what the bus has
+// sent is kept until there is memory to look at it. Only a connection that is being opened breaks.
+//
+// Rules and signals do without sd-bus's own matches, which a failed allocation damages.
 class BusConnection {
  public:
   // Begins to open a connection. Null if that fails at once, with a negative code: -EAGAIN from a
@@ -74,9 +79,11 @@ class BusConnection {
   // Process.
   int Publish(const EventName& name, const unsigned char* payload, size_t size, uint64_t deadline);
 
-  // Takes in what the bus has sent, and hands out events no further than to one from a successor.
-  // False once the connection is gone.
-  bool Process(std::vector<ReceivedEvent>* received);
+  // Takes in what the bus has sent, a part of it if it is much, and appends the events that have
+  // come. False once the connection is gone and nothing of it is left.
+  bool Process(std::list<ReceivedEvent>* received);
+  // Whether Process went no further for want of memory.
+  bool IsShortOfMemory() const { return is_short_of_memory_; }
 
   // What to poll for. The descriptor may change while the connection is being opened.
   int fd() const { return sd_bus_get_fd(bus_.get()); }
@@ -89,6 +96,7 @@ class BusConnection {
 
  private:
   using Slot = base::Owned<sd_bus_slot, sd_bus_slot_unref>;
+  using Message = base::Owned<sd_bus_message, sd_bus_message_unref>;
 
   // A client of the bus that owns, or has owned, a package's name.
   struct Speaker {
@@ -98,15 +106,21 @@ class BusConnection {
     std::string unique_name;
     bool is_successor = false;  // which nothing has come from yet
     Judgement judgement = kAsked;
-    std::vector<ReceivedEvent> waiting;  // for the judgement
+    std::list<ReceivedEvent> waiting;  // for the judgement
     Slot question;
   };
 
   // A rule for what the bus is to send.
   struct Match {
+    Match() = default;
+    ~Match();
+    Match(const Match&) = delete;
+    Match& operator=(const Match&) = delete;
+
     BusConnection* connection = nullptr;
+    std::string rule;
     Outcome outcome = Outcome::kUnderWay;
-    Slot slot;
+    Slot question;  // null until the bus has been asked
   };
 
   // Who may send a package's events, followed as long as any of them is watched.
@@ -120,6 +134,12 @@ class BusConnection {
     std::map<std::string, Match> events;
   };
 
+  // What the bus has said and nobody has looked at yet.
+  struct InHand {
+    Message message;
+    Package* package = nullptr;  // if it tells this one's owner
+  };
+
   // A name that this process owns or has asked for.
   struct Name {
     BusConnection* connection = nullptr;
@@ -129,18 +149,24 @@ class BusConnection {
     Slot question;
   };
 
-  explicit BusConnection(sd_bus* bus) : bus_(bus) {}
+  explicit BusConnection(std::unique_ptr<sd_bus, BusClose> bus) : bus_(std::move(bus)) {}
   template <typename Done>
   void Await(uint64_t deadline, Done done);
-  bool IsSilent() const;
-  bool Ask(const char* method, const char* name, sd_bus_message_handler_t answered, void* data,
+  int Step();
+  void LookAtHand();
+  bool Ask(const char* method, const char* text, sd_bus_message_handler_t answered, void* data,
            Slot* slot);
-  bool AddMatch(const std::string& rule, sd_bus_message_handler_t handler, Match* match);
+  bool AddMatch(const std::string& rule, Match* match);
   bool FollowOwner(const std::string& id, Package* package);
+  bool Follow(const EventName& name);
+  void Forget(std::map<std::string, Package>::iterator package);
   Outcome OutcomeOf(const Package& package, const Match& event) const;
   static bool IsJudged(const Package& package);
   void ForgetRefused();
+  void LearnOwner(sd_bus_message* message, Package* package);
+  void ChangeOwner(sd_bus_message* message);
   void Adopt(Package* package, const char* owner, bool is_successor);
+  void AskForUser(Speaker* speaker);
   void Judge(Speaker* speaker, Speaker::Judgement judgement);
   void TrustAll();
   void Receive(sd_bus_message* message);
@@ -150,23 +176,25 @@ class BusConnection {
 
   static int OnMatchAdded(sd_bus_message* message, void* match, sd_bus_error* error);
   static int OnOwner(sd_bus_message* message, void* package, sd_bus_error* error);
-  static int OnOwnerChanged(sd_bus_message* message, void* match, sd_bus_error* error);
+  static int OnSignal(sd_bus_message* message, void* connection, sd_bus_error* error);
   static int OnOwnUser(sd_bus_message* message, void* connection, sd_bus_error* error);
   static int OnUser(sd_bus_message* message, void* speaker, sd_bus_error* error);
-  static int OnEvent(sd_bus_message* message, void* match, sd_bus_error* error);
   static int OnName(sd_bus_message* message, void* name, sd_bus_error* error);
 
   // Outlives the slots below. Its end waits for nothing, unlike the functions that flush.
   base::Owned<sd_bus, sd_bus_close_unref> bus_;
   std::map<std::string, Package> packages_;
   std::map<std::string, Name> claims_;
-  std::deque<ReceivedEvent> received_;
+  std::list<ReceivedEvent> received_;
+  InHand in_hand_;
+  Slot signals_;
   Slot own_user_question_;
   uint32_t own_user_;        // as the bus has it, once that is known
   bool is_awaited_ = false;  // somebody waits for what the bus says
   bool is_broken_ = false;   // nothing that goes on with it can be right
   bool refused_ = false;     // see TakeRefusal
-  int waits_in_vain_ = 0;    // since the bus has said something
+  bool is_silent_ = false;   // since somebody has waited in vain
+  bool is_short_of_memory_ = false;
   size_t unsent_bytes_ = 0;  // of events, since the bus had taken everything
 };
 

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <new>
 #include <utility>
 
 #include "owned.h"
@@ -18,6 +19,8 @@ namespace {
 
 // Behind the end of a port, whose priority is one above.
 constexpr int kPriorityOfHeld = G_PRIORITY_DEFAULT + 2;
+// Trying at once would only burn time.
+constexpr guint kRestMs = 100;
 constexpr char kLogTag[] = "APP_EVENT";
 // A subscription that takes longer goes on by itself.
 constexpr uint64_t kSubscriptionPatienceUs = 100 * 1000;
@@ -30,6 +33,31 @@ constexpr guint kLastRetryMs = 60 * 1000;
 uint64_t Now() { return static_cast<uint64_t>(g_get_monotonic_time()); }
 
 }  // namespace
+
+struct EventHub::Delivery {
+  std::list<ReceivedEvent> event;  // one
+  base::Owned<bundle, bundle_free> data;
+  std::vector<Handler> handlers;
+};
+
+// What a function of the interface holds on to. At its end, however that comes, a connection that
+// nobody needs goes, the bus is asked again for what it has not granted, and the main loop, which
+// may be polling in another thread, hears of messages that came in along with an answer.
+class EventHub::Use {
+ public:
+  explicit Use(EventHub* hub) : hub_(hub), lock_(hub->mutex_) { hub->LeaveParent(); }
+  ~Use() { hub_->Settle(); }
+  Use(const Use&) = delete;
+  Use& operator=(const Use&) = delete;
+
+ private:
+  EventHub* const hub_;
+  const std::lock_guard<std::mutex> lock_;
+};
+
+EventHub::EventHub()
+    : retry_(G_PRIORITY_DEFAULT, "search for a session bus", [] { Get().Retry(); }),
+      pause_(kPriorityOfHeld, "application events", [] { Get().GoOn(); }) {}
 
 EventHub& EventHub::Get() {
   static EventHub& hub = []() -> EventHub& {
@@ -49,15 +77,17 @@ EventHub& EventHub::Get() {
 void EventHub::LeaveParent() {
   if (!inherited_) return;
   if (connection_) {
-    // Kept, because sd-bus releases in a child nothing of what was made before.
+    // Kept, because sd-bus releases in a child nothing of what was made before. Connect has made
+    // room.
     of_parents_.push_back(std::move(connection_));
     g_source_destroy(source_);
     g_source_unref(source_);
     source_ = nullptr;
   }
   handlers_.clear();
-  DropHeld();
-  StopRetrying();
+  pending_.clear();
+  pause_.Stop();
+  retry_.Stop();
   retry_ms_ = 0;
   inherited_ = false;
 }
@@ -65,8 +95,14 @@ void EventHub::LeaveParent() {
 // Makes sure of a connection, which may be one that is being opened, that watches for every
 // subscription.
 int EventHub::Connect() {
-  if (connection_ && !connection_->IsOpen()) Disconnect();
+  if (connection_ && !connection_->IsOpen()) {
+    // What has come is not lost with it.
+    (void)connection_->Process(&pending_);
+    Disconnect();
+    if (!pending_.empty()) pause_.SetAfter(0);
+  }
   if (connection_) return 0;
+  of_parents_.reserve(of_parents_.size() + 1);
   int error = 0;
   auto connection = BusConnection::Open(&error);
   if (!connection) return error;
@@ -87,13 +123,13 @@ void EventHub::Disconnect() {
   connection_.reset();
 }
 
-// At the end of each function of the interface: a connection that nobody needs goes, and the main
-// loop, which may be polling in another thread, hears of messages that came in along with an
-// answer.
 void EventHub::Settle() {
   if (handlers_.empty()) {
-    DropHeld();
-    StopRetrying();
+    pending_.clear();
+    pause_.Stop();
+    retry_.Stop();
+  } else if (!IsSettled()) {
+    RetryLater();
   }
   if (!connection_) return;
   if (handlers_.empty() && !connection_->IsPublisher()) {
@@ -112,55 +148,35 @@ bool EventHub::IsSettled() const {
 // What failed later than its caller could hear of is tried again, less and less often; and what is
 // under way is looked after.
 void EventHub::RetryLater() {
-  if (retry_ || handlers_.empty()) return;
+  if (retry_.IsSet() || handlers_.empty()) return;
   retry_ms_ = std::clamp(retry_ms_ * 2, kFirstRetryMs, kLastRetryMs);
-  retry_ = g_timeout_source_new(retry_ms_);
-  g_source_set_name(retry_, "search for a session bus");
-  g_source_set_callback(
-      retry_,
-      [](void*) -> gboolean {
-        Get().Retry();
-        return G_SOURCE_REMOVE;
-      },
-      nullptr, nullptr);
-  g_source_attach(retry_, nullptr);
-}
-
-void EventHub::StopRetrying() {
-  if (!retry_) return;
-  g_source_destroy(retry_);
-  g_source_unref(retry_);
-  retry_ = nullptr;
+  retry_.SetAfter(retry_ms_);
 }
 
 void EventHub::Retry() try {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  LeaveParent();
-  if (!retry_) return;
-  StopRetrying();
+  const Use use(this);
+  if (!retry_.IsSet()) return;
+  retry_.Stop();
   bool is_asked = Connect() == 0;
   for (size_t i = 0; is_asked && i < handlers_.size(); ++i) {
     is_asked = connection_->Watch(handlers_[i]->name);
   }
-  if (IsSettled()) return;
-  if (is_asked && retry_ms_ == kToldRetryMs) {
+  if (is_asked && !IsSettled() && retry_ms_ == kToldRetryMs) {
     dlog_print(DLOG_WARN, kLogTag,
                "The session bus does not answer: there are no events until then");
   }
-  RetryLater();
 } catch (const std::exception&) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  RetryLater();
+  // It is tried again.
 }
 
 // A bus that went away unnoticed shows when it is spoken to; another may have taken its place.
-template <typename Use>
-int EventHub::UseConnection(Use use) {
+template <typename Work>
+int EventHub::UseConnection(Work work) {
   int result = -EIO;
   for (int attempt = 0; attempt < 2; ++attempt) {
     const int error = Connect();
-    if (error < 0) return error == -EAGAIN ? error : -EIO;
-    result = use();
+    if (error < 0) return error == -EAGAIN || error == -ENOMEM ? error : -EIO;
+    result = work();
     if (result != -EIO || connection_->IsOpen()) break;
   }
   return result;
@@ -186,18 +202,14 @@ int EventHub::Watch(const EventName& name, uint64_t deadline) {
 
 int EventHub::Add(const EventName& name, event_cb callback, void* user_data,
                   event_handler_h* added) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  LeaveParent();
+  const Use use(this);
   auto handler = std::make_shared<event_handler>(event_handler{name, callback, user_data});
   handlers_.reserve(handlers_.size() + 1);
   const int result = Watch(name, Now() + kSubscriptionPatienceUs);
-  if (result == 0) {
-    *added = handler.get();
-    handlers_.push_back(std::move(handler));
-    if (!connection_ || !connection_->Stands(name)) RetryLater();
-  }
-  Settle();
-  return result;
+  if (result != 0) return result;
+  *added = handler.get();
+  handlers_.push_back(std::move(handler));
+  return 0;
 }
 
 bool EventHub::Has(event_handler_h handler) const {
@@ -205,45 +217,41 @@ bool EventHub::Has(event_handler_h handler) const {
                      [handler](const Handler& h) { return h.get() == handler; });
 }
 
+// Needs no memory: what a subscriber has ended it does not expect to hear of again.
 int EventHub::Remove(event_handler_h handler) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  LeaveParent();
+  const Use use(this);
   const auto found = std::find_if(handlers_.begin(), handlers_.end(),
                                   [handler](const Handler& h) { return h.get() == handler; });
   if (found == handlers_.end()) return -EINVAL;
-  const EventName name = (*found)->name;
+  const Handler removed = std::move(*found);
   handlers_.erase(found);
-  if (connection_ && HandlersOf(name.full).empty()) connection_->Unwatch(name);
-  Settle();
+  const bool is_last = std::none_of(handlers_.begin(), handlers_.end(), [&](const Handler& h) {
+    return h->name.full == removed->name.full;
+  });
+  if (connection_ && is_last) connection_->Unwatch(removed->name);
   return 0;
 }
 
 int EventHub::Publish(const EventName& name, const unsigned char* payload, size_t size) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  LeaveParent();
+  const Use use(this);
   const uint64_t deadline = Now() + kPublicationPatienceUs;
   const int result =
       UseConnection([&] { return connection_->Publish(name, payload, size, deadline); });
-  Settle();
   return result == -EAGAIN ? -EIO : result;
 }
 
 int EventHub::Claim(const std::string& package) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  LeaveParent();
+  const Use use(this);
   const uint64_t deadline = Now() + kPublicationPatienceUs;
   const int result = UseConnection([&] { return connection_->Claim(package, deadline); });
-  Settle();
   return result == -EAGAIN ? -ETIMEDOUT : result;
 }
 
 int EventHub::AwaitSubscriptions() {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const Use use(this);
   const uint64_t deadline = Now() + kSettlementPatienceUs;
   if (connection_) connection_->AwaitAll(deadline);
-  const bool is_settled = IsSettled();
-  Settle();
-  return is_settled ? 0 : -ETIMEDOUT;
+  return IsSettled() ? 0 : -ETIMEDOUT;
 }
 
 std::vector<EventHub::Handler> EventHub::HandlersOf(const std::string& name) {
@@ -258,97 +266,92 @@ Wish EventHub::Ask() {
   const std::lock_guard<std::mutex> lock(mutex_);
   // Due at once, for the dispatch to let it go.
   if (inherited_) return {-1, 0, 0};
-  if (!connection_ || held_) return {-1, 0, UINT64_MAX};
+  if (!connection_ || pause_.IsSet()) return {-1, 0, UINT64_MAX};
   const int events = connection_->PollEvents();
   // A connection that is gone is due at once.
   if (events < 0) return {-1, 0, 0};
   return {connection_->fd(), events, connection_->DueTime()};
 }
 
-void EventHub::Dispatch() try {
-  std::vector<ReceivedEvent> received;
+void EventHub::Dispatch() {
+  bool has_memory = true;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     LeaveParent();
-    if (held_) return;
-    if (connection_) Process(&received);
-    if (!received.empty() && received.back().from_successor) {
-      Hold(std::move(received.back()));
-      received.pop_back();
-    }
+    if (pause_.IsSet()) return;
+    if (connection_) has_memory = Process();
   }
-  for (const ReceivedEvent& event : received) Deliver(event);
-} catch (const std::exception&) {
-  // Without memory events are lost; the main loop goes on.
+  Deliver();
+  if (!has_memory) Rest();
 }
 
-void EventHub::Process(std::vector<ReceivedEvent>* received) {
-  const bool goes_on = connection_->Process(received);
+// False if there was no memory for all of it.
+bool EventHub::Process() {
+  const bool goes_on = connection_->Process(&pending_);
+  if (goes_on && connection_->IsShortOfMemory()) return false;
   if (!goes_on) {
     Disconnect();
-    if (handlers_.empty()) return;
+    if (handlers_.empty()) return true;
     dlog_print(DLOG_WARN, kLogTag, "The session bus is gone: there are no events until it returns");
   }
   if (!goes_on || connection_->TakeRefusal()) {
     RetryLater();
   } else if (retry_ms_ != 0 && IsSettled()) {
     retry_ms_ = 0;
-    StopRetrying();
+    retry_.Stop();
     dlog_print(DLOG_INFO, kLogTag, "The session bus sends events");
   }
+  return true;
 }
 
-// What a successor says, clients must hear behind the end of its predecessor. Their ports to that
-// one show the end by now, but the main loop polled before: it polls once more, and what it finds
-// is dispatched first.
-void EventHub::Hold(ReceivedEvent event) {
-  held_ = std::move(event);
-  held_source_ = g_idle_source_new();
-  g_source_set_priority(held_source_, kPriorityOfHeld);
-  g_source_set_name(held_source_, "application event of a successor");
-  g_source_set_callback(
-      held_source_,
-      [](void*) -> gboolean {
-        Get().Release();
-        return G_SOURCE_REMOVE;
-      },
-      nullptr, nullptr);
-  g_source_attach(held_source_, nullptr);
-}
-
-void EventHub::DropHeld() {
-  if (!held_) return;
-  held_.reset();
-  g_source_destroy(held_source_);
-  g_source_unref(held_source_);
-  held_source_ = nullptr;
-}
-
-void EventHub::Release() try {
-  std::optional<ReceivedEvent> event;
+// When the pause is over.
+void EventHub::GoOn() {
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     LeaveParent();
-    event.swap(held_);
-    if (!event) return;
-    g_source_unref(held_source_);
-    held_source_ = nullptr;
+    if (!pause_.IsSet()) return;
+    pause_.Stop();
   }
-  Deliver(*event);
-} catch (const std::exception&) {
-  // As in Dispatch.
+  Dispatch();
 }
 
-void EventHub::Deliver(const ReceivedEvent& event) {
-  const base::Owned<bundle, bundle_free> data(
-      bundle_desktop_decode(event.payload.data(), event.payload.size()));
-  if (!data) return;
-  std::vector<Handler> handlers;
-  {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    handlers = HandlersOf(event.name);
+void EventHub::Rest() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (connection_ || !pending_.empty()) pause_.SetAfter(kRestMs);
+}
+
+// False if nothing is to be delivered now.
+bool EventHub::TakeNext(Delivery* delivery) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (pending_.empty() || pause_.IsSet()) return false;
+  ReceivedEvent& event = pending_.front();
+  // What a successor says, clients must hear behind the end of its predecessor. Their ports to that
+  // one show the end by now, but the main loop polled before: it polls once more, and what it finds
+  // is dispatched first.
+  if (std::exchange(event.from_successor, false)) {
+    pause_.SetAfter(0);
+    return false;
   }
-  for (const Handler& handler : handlers) Call(handler, event, data.get());
+  delivery->handlers = HandlersOf(event.name);
+  delivery->data.reset(bundle_desktop_decode(event.payload.data(), event.payload.size()));
+  if (!delivery->data && errno == ENOMEM) throw std::bad_alloc();
+  delivery->event.splice(delivery->event.begin(), pending_, pending_.begin());
+  return true;
+}
+
+void EventHub::Deliver() {
+  for (;;) {
+    Delivery delivery;
+    try {
+      if (!TakeNext(&delivery)) return;
+    } catch (const std::bad_alloc&) {
+      return Rest();
+    }
+    if (!delivery.data) continue;
+    for (const Handler& handler : delivery.handlers) {
+      Call(handler, delivery.event.front(), delivery.data.get());
+    }
+  }
 }
 
 // An earlier handler may have removed this one.

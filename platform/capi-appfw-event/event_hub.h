@@ -5,11 +5,12 @@
 #include <app_event.h>
 #include <glib.h>
 
+#include <list>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <vector>
 
+#include "alarm.h"
 #include "bus_connection.h"
 #include "bus_source.h"
 
@@ -21,7 +22,8 @@ struct event_handler {
 
 namespace events {
 
-// The process's subscriptions and its connection, which exists while it is needed.
+// The process's subscriptions and its connection, which exists while it is needed. What memory does
+// not suffice for is tried again from the main loop.
 class EventHub {
  public:
   // Never destroyed: subscriptions may outlast the library's statics.
@@ -35,27 +37,30 @@ class EventHub {
 
  private:
   using Handler = std::shared_ptr<event_handler>;
+  // An event on its way to those that had subscribed when its turn came.
+  struct Delivery;
+  class Use;
 
+  EventHub();
   void LeaveParent();
   int Connect();
   void Disconnect();
   void Settle();
   bool IsSettled() const;
-  template <typename Use>
-  int UseConnection(Use use);
+  template <typename Work>
+  int UseConnection(Work work);
   int Watch(const EventName& name, uint64_t deadline);
   void RetryLater();
-  void StopRetrying();
   void Retry();
   bool Has(event_handler_h handler) const;
   std::vector<Handler> HandlersOf(const std::string& name);
   Wish Ask();
   void Dispatch();
-  void Process(std::vector<ReceivedEvent>* received);
-  void Hold(ReceivedEvent event);
-  void DropHeld();
-  void Release();
-  void Deliver(const ReceivedEvent& event);
+  bool Process();
+  void GoOn();
+  void Rest();
+  bool TakeNext(Delivery* delivery);
+  void Deliver();
   void Call(const Handler& handler, const ReceivedEvent& event, bundle* data);
 
   // Guards all that follows. Never held while a handler is called.
@@ -63,13 +68,13 @@ class EventHub {
   std::vector<Handler> handlers_;
   std::unique_ptr<BusConnection> connection_;
   GSource* source_ = nullptr;  // where there is a connection
-  GSource* retry_ = nullptr;   // where something is to be tried again
+  Alarm retry_;                // where the bus is to be asked again
   guint retry_ms_ = 0;         // how long after the last attempt; 0 when all is well
   bool inherited_ = false;     // all of this is the parent's
   std::vector<std::unique_ptr<BusConnection>> of_parents_;
-  // A successor's first event; until it is delivered nothing more is read from the bus.
-  std::optional<ReceivedEvent> held_;
-  GSource* held_source_ = nullptr;  // where an event is held
+  // What is to be delivered. While the alarm is set that waits, and nothing is read from the bus.
+  std::list<ReceivedEvent> pending_;
+  Alarm pause_;
 };
 
 }  // namespace events

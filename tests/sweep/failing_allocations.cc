@@ -29,6 +29,7 @@ std::atomic<bool> armed{false};
 long first_to_fail = 0;
 long last_to_fail = 0;
 Failures* told = nullptr;
+bool (*counts_for)(void* caller) = nullptr;
 
 /** Where living blocks were asked for: an open-addressing table, because it must not allocate. */
 struct Block {
@@ -97,9 +98,10 @@ void Leave(void* address) {
 
 bool Fails(void* caller) {
   if (uncounted > 0 || !armed.load(std::memory_order_relaxed)) return false;
+  const Uncounted own;
+  if (counts_for != nullptr && !counts_for(caller)) return false;
   const long number = told->counted.fetch_add(1) + 1;
   if (number < first_to_fail || number > last_to_fail) return false;
-  const Uncounted own;
   const long index = told->failed.fetch_add(1);
   told->last.Capture();
   if (index == 0) {
@@ -163,10 +165,11 @@ void Stack::Capture() {
   std::copy(all + 1, all + 1 + depth, frames);
 }
 
-void Arm(long first, long burst, Failures* failures) {
+void Arm(long first, long burst, Failures* failures, bool (*counts)(void* caller)) {
   first_to_fail = first;
   last_to_fail = first + burst - 1;
   told = failures;
+  counts_for = counts;
   armed = true;
 }
 

@@ -36,8 +36,11 @@ struct Failures {
   void* callers[kMostCallers] = {};
 };
 
-/** From now on allocations count; number `first` (from 1) and the next ones, `burst` in all, fail. */
-void Arm(long first, long burst, Failures* failures);
+/**
+ * From now on allocations count, those of callers that `counts` is true of; number `first` (from 1) and
+ * the next ones, `burst` in all, fail.
+ */
+void Arm(long first, long burst, Failures* failures, bool (*counts)(void* caller) = nullptr);
 /** Nothing fails any more. What is armed again goes on to count where it was. */
 void Disarm();
 void Rearm();

@@ -24,8 +24,8 @@ extern "C" {
 int bundle_desktop_encode(bundle* b, unsigned char** bytes, size_t* size);
 
 /**
- * Reads a bundle back, released with bundle_free. Null if the bytes, which anybody may have sent, are
- * not exactly one bundle.
+ * Reads a bundle back, released with bundle_free. Null with errno EINVAL if the bytes, which anybody may
+ * have sent, are not exactly one bundle; null with errno ENOMEM when memory is exhausted.
  */
 bundle* bundle_desktop_decode(const unsigned char* bytes, size_t size);
 

@@ -14,9 +14,13 @@
  *
  * All functions return 0 on success, -22 for an invalid argument, -5 if there is no session bus or it
  * refuses, and -12 when memory is exhausted. They may be called from any thread; no lock is held while
- * a callback runs. None waits longer for a bus that does not answer than it says, and once three have
+ * a callback runs. None waits longer for a bus that does not answer than it says, and once one has
  * waited in vain none waits at all until the bus shows that it lives. The main loop is never kept
  * waiting.
+ *
+ * Where memory is short for a while, no event of a subscription that stands is lost: what cannot be read
+ * or delivered is kept, and the main loop tries again ten times a second. Only a shortage inside GLib ends
+ * the process, as everywhere.
  *
  * A child made by fork() has none of its parent's subscriptions: they are invalid in it, and nothing is
  * delivered to them. Its own are made, and its events published, over a connection of its own.
@@ -56,7 +60,8 @@ int event_add_event_handler(const char* event_name, event_cb callback, void* use
 
 /**
  * Ends a subscription; legal inside the handler itself, which is then not called again. Another thread
- * may still be inside the callback when the call returns. A subscription that is not there is invalid.
+ * may still be inside the callback when the call returns. A subscription that is not there is invalid;
+ * nothing else makes it fail, not even a shortage of memory.
  */
 int event_remove_event_handler(event_handler_h event_handler);
 

@@ -3,9 +3,11 @@
 
 #include <app_event.h>
 #include <app_event_desktop.h>
+#include <dlfcn.h>
 #include <dlog.h>
 #include <glib.h>
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -20,6 +22,23 @@
 #include "support/fake_bus.h"
 
 using testing::ElementsAre;
+
+namespace {
+
+// How often the bus has been waited for in vain.
+int waits_in_vain = 0;
+
+}  // namespace
+
+// What sd-bus waits with.
+#pragma GCC visibility push(default)
+extern "C" int ppoll(pollfd* polled, nfds_t count, const timespec* limit, const sigset_t* mask) {
+  static const auto next = reinterpret_cast<decltype(&ppoll)>(dlsym(RTLD_NEXT, "ppoll"));
+  const int result = next(polled, count, limit, mask);
+  if (result == 0 && limit && (limit->tv_sec > 0 || limit->tv_nsec > 0)) ++waits_in_vain;
+  return result;
+}
+#pragma GCC visibility pop
 
 namespace {
 
@@ -102,6 +121,22 @@ TEST_F(AStoppedBus, KeepsNoSubscriberWaitingOnAConnectionThatStands) {
   ASSERT_EQ(PublishHere(kStatus, "three"), 0);
   WaitForEvents(3);
   EXPECT_THAT(texts_, ElementsAre("one", "two", "three"));
+}
+
+TEST_F(AStoppedBus, KeepsOneCallWaitingUntilItSpeaksAgain) {
+  SubscribeBefore(kStatus);
+  bus_.Stop();
+  const int before = waits_in_vain;
+  Subscribe(kOther);
+  EXPECT_EQ(waits_in_vain, before + 1);
+  for (int i = 0; i < 10; ++i) Subscribe(("event.com.example.a.s" + std::to_string(i)).c_str());
+  EXPECT_EQ(PublishHere(kStatus, "one"), 0);
+  EXPECT_EQ(waits_in_vain, before + 1);
+  bus_.Continue();
+  WaitForEvents(1);
+  bus_.Stop();
+  Subscribe(kElsewhere);
+  EXPECT_EQ(waits_in_vain, before + 2);
 }
 
 TEST_F(AStoppedBus, SendsTheEventsOfASubscriptionOnceItGoesOn) {
