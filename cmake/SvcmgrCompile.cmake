@@ -66,13 +66,39 @@ if(SVCMGR_FUZZERS)
   add_link_options(-fsanitize=fuzzer-no-link)
 endif()
 
+# clang-tidy reads each file that is compiled; what ninja knows to be unchanged, it does not read again.
+option(SVCMGR_TIDY "Let clang-tidy read what is compiled" OFF)
+mark_as_advanced(SVCMGR_TIDY)
+if(SVCMGR_TIDY)
+  find_program(SVCMGR_CLANG_TIDY clang-tidy REQUIRED)
+  # Other checks are another command, so that every file is read again.
+  file(SHA256 ${PROJECT_SOURCE_DIR}/.clang-tidy checks)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/.clang-tidy)
+  set(CMAKE_CXX_CLANG_TIDY ${SVCMGR_CLANG_TIDY} --quiet --extra-arg=-DSVCMGR_CHECKS_${checks})
+  set(CMAKE_C_CLANG_TIDY ${CMAKE_CXX_CLANG_TIDY})
+endif()
+
+# svcmgr_tidy_tests()
+#
+# Reads the targets of the calling folder, and of those below it, as tests:
+#   - The analyzer does not follow calls: through GoogleTest's macros it would for minutes in each file.
+#   - unchecked-optional-access does not know that an assertion ends a test.
+#   - performance-inefficient-*: a test saves no allocations.
+macro(svcmgr_tidy_tests)
+  if(SVCMGR_TIDY)
+    list(APPEND CMAKE_CXX_CLANG_TIDY
+         --checks=-bugprone-unchecked-optional-access,-performance-inefficient-*
+         --extra-arg=-Xclang --extra-arg=-analyzer-config --extra-arg=-Xclang --extra-arg=mode=shallow)
+  endif()
+endmacro()
+
 # svcmgr_compile_together(TARGET FILES)
 #
 # Most of what a small source costs to compile are the headers it includes and what their templates
 # become. FILES of a target's sources at a time are compiled as one, unless a launcher such as ccache
-# remembers them one by one.
+# remembers them one by one, or clang-tidy reads them so.
 function(svcmgr_compile_together target files)
-  if(NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  if(NOT CMAKE_CXX_COMPILER_LAUNCHER AND NOT SVCMGR_TIDY)
     set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE ${files})
   endif()
 endfunction()

@@ -35,7 +35,7 @@ std::string Encoded(bundle* b) {
   unsigned char* bytes = nullptr;
   std::size_t size = 0;
   REQUIRE(bundle_desktop_encode(b, &bytes, &size) == 0 && bytes != nullptr);
-  const std::string encoded(reinterpret_cast<const char*>(bytes), size);
+  std::string encoded(reinterpret_cast<const char*>(bytes), size);
   std::free(bytes);
   return encoded;
 }

@@ -111,6 +111,7 @@ template <typename T>
 bool ObjectReader::Choice(const char* key, T* out,
                           const std::vector<std::pair<const char*, T>>& choices) {
   std::vector<const char*> words;
+  words.reserve(choices.size());
   for (const auto& choice : choices) {
     words.push_back(choice.first);
   }

@@ -8,6 +8,7 @@
 #include <sys/signalfd.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <exception>
 #include <optional>
 
@@ -155,6 +156,7 @@ std::vector<TimedParcel> AgentService::AnswerList(const Request& request,
     models = request.method == Method::kGetModelVersionList ? Versions(request) : Models(request);
   }
   std::vector<TimedParcel> messages;
+  messages.reserve(static_cast<std::size_t>(script.repeat));
   for (std::int32_t i = 0; i < script.repeat; ++i) {
     messages.push_back(
         {0, AnswerWith(request.delegate, result, models, {script.array_count, script.count})});

@@ -24,6 +24,7 @@ using Bundle = base::Owned<bundle, bundle_free>;
 
 void AddList(bundle* data, const char* key, const std::vector<std::string>& texts) {
   std::vector<const char*> pointers;
+  pointers.reserve(texts.size());
   for (const std::string& text : texts) {
     pointers.push_back(text.c_str());
   }

@@ -99,7 +99,7 @@ void ModelStore::Load(StoredModel* stored) const {
   }
   for (const std::string& name : names) {
     if (name.rfind(kDraftPrefix, 0) == 0) {
-      fs::remove(folder + "/" + name, error);  // of a process that has died
+      fs::remove(fs::path(folder) / name, error);  // of a process that has died
     }
   }
   stored->versions.clear();

@@ -29,7 +29,7 @@ std::vector<std::string> Parts(const std::string& text, char separator) {
 }
 
 Json Number(const std::string& text) {
-  const Json number = Json::parse(text, nullptr, false);
+  Json number = Json::parse(text, nullptr, false);
   if (!number.is_number_integer()) {
     throw std::runtime_error("\"" + Quotable(text) + "\" is no whole number");
   }

@@ -36,7 +36,7 @@ std::string GivenFolder() {
 }  // namespace
 
 std::string PackageFolder() {
-  const std::string given = GivenFolder();
+  std::string given = GivenFolder();
   if (given[0] == '/') return given;
   char current[PATH_MAX];
   return std::string(getcwd(current, sizeof current) ? current : "") + "/" + given;

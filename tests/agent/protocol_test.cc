@@ -14,8 +14,6 @@
 namespace {
 
 using sim::Parcel;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 constexpr char kModels[] = R"(
   "agent": {"apiLevel": 11, "licence": "First line\nsecond line\n"},

@@ -30,7 +30,7 @@ class TempFolder {
 
   /** Writes a file and returns its path. */
   std::string Write(const std::string& name, const std::string& content) const {
-    const std::string file = path_ + "/" + name;
+    std::string file = path_ + "/" + name;
     std::ofstream(file, std::ios::binary) << content;
     return file;
   }

@@ -150,7 +150,7 @@ std::string WhatIsWrong(const CLI::App& root, const CLI::App& understood,
   if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr)
     if (const CLI::Option* option = OptionOf(&understood, error)) return Mismatch(*option);
   const bool wants_command = !understood.get_subcommands({}).empty();
-  const std::string left_over = WhatIsLeftOver(root, arguments, wants_command);
+  std::string left_over = WhatIsLeftOver(root, arguments, wants_command);
   if (!left_over.empty()) return left_over;
   return wants_command ? "a command is missing" : error.what();
 }
