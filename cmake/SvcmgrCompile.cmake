@@ -83,11 +83,12 @@ endif()
 # Reads the targets of the calling folder, and of those below it, as tests:
 #   - The analyzer does not follow calls: through GoogleTest's macros it would for minutes in each file.
 #   - unchecked-optional-access does not know that an assertion ends a test.
+#   - suspicious-missing-comma takes a script of several lines, among a command's arguments, for two.
 #   - performance-inefficient-*: a test saves no allocations.
 macro(svcmgr_tidy_tests)
   if(SVCMGR_TIDY)
     list(APPEND CMAKE_CXX_CLANG_TIDY
-         --checks=-bugprone-unchecked-optional-access,-performance-inefficient-*
+         --checks=-bugprone-suspicious-missing-comma,-bugprone-unchecked-optional-access,-performance-inefficient-*
          --extra-arg=-Xclang --extra-arg=-analyzer-config --extra-arg=-Xclang --extra-arg=mode=shallow)
   endif()
 endmacro()

@@ -422,15 +422,15 @@ TEST_F(ARun, RefusesAWrongScenarioBeforeItMakesAnything) {
 
 TEST_F(ARun, GoesOnBesideManyOthers) {
   constexpr std::size_t kMany = 16;
-  constexpr char kTellAndWait[] =
-      "echo \"$VELMORA_RUNTIME_DIR\"; cat \"$VELMORA_RUNTIME_DIR/../agent.pid\"; "
-      "exec \"$0\" signals";
   std::deque<SimProcess> processes;
   std::set<std::string> folders;
   std::set<std::string> agents;
   for (std::size_t i = 0; i < kMany; ++i) {
-    processes.emplace_back(
-        std::vector<std::string>{"run", "demo", "--", "/bin/sh", "-c", kTellAndWait, SIM_COMMAND});
+    processes.emplace_back(std::vector<std::string>{
+        "run", "demo", "--", "/bin/sh", "-c",
+        "echo \"$VELMORA_RUNTIME_DIR\"; cat \"$VELMORA_RUNTIME_DIR/../agent.pid\"; "
+        "exec \"$0\" signals",
+        SIM_COMMAND});
   }
   for (SimProcess& process : processes) {
     folders.insert(process.Line());

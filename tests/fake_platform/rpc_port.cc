@@ -317,8 +317,8 @@ using fake::internal::state;
 namespace {
 
 /**
- * The port behind a handle, of a proxy that lives; null otherwise, and a fault, but for a null
- * handle, which the platform refuses as any caller may expect.
+ * The port of a handle whose proxy is alive. Otherwise null, and a fault unless the handle is null,
+ * which the platform refuses as any caller may expect.
  */
 Port* FindPort(const char* function, const void* handle) {
   if (handle == nullptr) return nullptr;
@@ -372,6 +372,7 @@ int ReadUntyped(const char* function, Parcel* parcel, char** out) {
   const std::string text = parcel->bytes.substr(parcel->position, static_cast<std::size_t>(length));
   if (text.back() != '\0') return fake::kIoError;
   parcel->position += text.size();
+  // NOLINTNEXTLINE(readability-redundant-string-cstr): ends at the first NUL, which may be inside.
   *out = fake::internal::HandOut(function, text.c_str());
   return 0;
 }
@@ -634,7 +635,7 @@ int rpc_port_proxy_get_port(rpc_port_proxy_h h, rpc_port_port_type_e type, rpc_p
   });
 }
 
-/* Server side: recorded, with nothing behind it. */
+/* Server side: recorded, and nothing else. */
 
 int rpc_port_stub_create(rpc_port_stub_h* h, const char* port_name) {
   const fake::internal::Inside inside;

@@ -34,7 +34,7 @@ namespace {
 namespace fs = std::filesystem;
 
 std::string Take(char* text) {
-  const std::string copy = text ? text : "(null)";
+  std::string copy = text ? text : "(null)";
   free(text);
   return copy;
 }

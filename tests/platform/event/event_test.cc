@@ -17,7 +17,6 @@
 #include "private_bus.h"
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::Pair;
 
 namespace {

@@ -115,7 +115,7 @@ std::string RawClient::OwnerOf(const char* name) {
                          name) >= 0) {
     sd_bus_message_read(answer, "s", &owner);
   }
-  const std::string copy = owner;
+  std::string copy = owner;
   sd_bus_message_unref(answer);
   return copy;
 }

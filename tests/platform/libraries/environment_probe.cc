@@ -33,7 +33,7 @@ std::string VersionOfProbePackage() {
   package_info_h info = nullptr;
   if (package_info_create("probe", &info) != 0) return "none";
   char* version = nullptr;
-  const std::string copy = package_info_get_version(info, &version) == 0 ? version : "unknown";
+  std::string copy = package_info_get_version(info, &version) == 0 ? version : "unknown";
   free(version);
   package_info_destroy(info);
   return copy;

@@ -7,7 +7,6 @@
 #include "package_world.h"
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 namespace {
 

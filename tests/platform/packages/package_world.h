@@ -60,7 +60,7 @@ inline std::string VersionOf(const char* id) {
   char* version = nullptr;
   EXPECT_EQ(package_info_get_version(info, &version), 0);
   EXPECT_EQ(package_info_destroy(info), 0);
-  const std::string copy = version;
+  std::string copy = version;
   free(version);
   return copy;
 }
