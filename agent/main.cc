@@ -51,7 +51,7 @@ struct Options {
   sim::RunOptions run;
 };
 
-/** What stands behind "--" is the command's, whatever it looks like. */
+/** Everything after "--" belongs to the command, whatever it looks like. */
 std::vector<std::string> TakeCommand(int* argc, char** argv) {
   char** const end = argv + *argc;
   char** const dashes = std::find(argv, end, std::string("--"));
@@ -63,8 +63,8 @@ std::vector<std::string> TakeCommand(int* argc, char** argv) {
 }
 
 /**
- * A closed one would be given to the next file that is opened. The wrong direction keeps uses
- * failing, also the command's.
+ * A closed one would be given to the next file that is opened. Opened in the wrong direction, it
+ * still fails in use, for the command too.
  */
 bool ReserveStandardDescriptors() {
   for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
@@ -85,7 +85,7 @@ int Print(const std::string& text) {
   return sim::kOwnFailure;
 }
 
-/** CLI::Range lets a NaN pass, which compares with nothing. */
+/** CLI::Range accepts a NaN, because every comparison with one is false. */
 std::string CheckTimeScale(const std::string& text) {
   double scale = 0;
   if (CLI::detail::lexical_cast(text, scale) && scale >= 0 && scale <= kLargestTimeScale) {
@@ -148,13 +148,12 @@ int List() {
 void AddRun(CLI::App& app, Options& options) {
   CLI::App* run = app.add_subcommand(
       "run", "Run a command in a world of its own: agent, packages, runtime folder");
-  run->footer(
-      "The command stands last: svcmgr-sim run SCENARIO [OPTIONS] -- COMMAND [ARGUMENT...]");
+  run->footer("The command comes last: svcmgr-sim run SCENARIO [OPTIONS] -- COMMAND [ARGUMENT...]");
   run->add_option("SCENARIO", options.scenario, "What the agent does")->required();
-  run->add_flag("--keep", options.run.keep, "Leave the world's folder behind and print its name");
+  run->add_flag("--keep", options.run.keep, "Keep the world's folder and print its name");
   run->add_flag("--verbose", options.run.verbose, "Show what the agent does on standard error");
   run->add_option("--time-scale", options.run.time_scale,
-                  "Multiply the scenario's delays; 0 makes them vanish")
+                  "Multiply the scenario's delays; 0 removes them")
       ->check(CheckTimeScale);
   run->add_option("--app-id", options.app_id, "The command's application ID");
   run->add_option("--app-version", options.app_version, "The command's application version");
@@ -163,7 +162,7 @@ void AddRun(CLI::App& app, Options& options) {
 
 void AddSend(CLI::App& app, Options& options) {
   CLI::App* send = app.add_subcommand(
-      "send", "From inside a world: have its agent take steps, and wait until they are done");
+      "send", "From inside a world: make its agent take steps, and wait until they are done");
   send->footer(sim::HelpForSteps());
   send->add_option("STEP", options.steps, "What the agent does")->required();
 }
@@ -214,7 +213,7 @@ int main(int argc, char** argv) {
   app.add_subcommand("check", "Say what is wrong with scenarios, file by file and place by place")
       ->add_option("SCENARIO", options.scenarios, "Scenarios to check")
       ->required();
-  app.add_subcommand("list", "Name the scenarios that ship");
+  app.add_subcommand("list", "List the scenarios that ship with the program");
   AddSend(app, options);
   CLI::App* agent = app.add_subcommand("agent", "Be the agent of a world")->group("");
   agent->add_option("SCENARIO", options.scenario)->required();

@@ -10,7 +10,7 @@
 
 // The lists that the benches transfer and convert, and the least work that a list is.
 
-// Appends `count` models as they travel, with their array's count before and their number behind.
+// Appends `count` models as they travel: their array's count before them, their number after them.
 void WriteModels(rpc_port_parcel_h parcel, int count);
 
 // What any implementation does with a list: each text is read as the platform hands it out, and

@@ -20,7 +20,7 @@ namespace {
 
 constexpr int kReply = 0;
 constexpr int kAnswer = 1;
-constexpr std::size_t kSeqInFrame = 12;  // behind the prefix, the command and the delegate's ID
+constexpr std::size_t kSeqInFrame = 12;  // after the prefix, the command and the delegate's ID
 
 class Parcel {
  public:

@@ -65,7 +65,7 @@ void AskForAll() {
   REQUIRE(velmora_svcmgr_ai_request_model_version_list(model, OnList, nullptr) == 0);
 }
 
-constexpr std::size_t kSeqOffset = 8;  // behind the command, or the method, and the delegate's ID
+constexpr std::size_t kSeqOffset = 8;  // after the command, or the method, and the delegate's ID
 
 std::uint32_t SeqOf(const std::string& message) {
   std::uint32_t seq = 0;

@@ -36,7 +36,7 @@ class Input {
 
   std::string_view Rest() { return Bytes(rest_.size()); }
 
-  // A block behind its length, two bytes, the lower one first.
+  // A block after its length, two bytes, little-endian.
   std::string_view Block() {
     const std::size_t low = Byte();
     const std::size_t high = Byte();

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The bytes of a connection, in pieces of any size, held against the messages that they hold.
 //
-// Input: a byte for the longest message that is allowed, then pieces as blocks, each behind a byte
+// Input: a byte for the longest message that is allowed, then pieces as blocks, each after a byte
 // that says what happens once it has arrived.
 
 #include "stream.h"

@@ -166,7 +166,7 @@ std::optional<KyrRecord> FindRecord(const FileFront& front, const Layout& layout
       if (Uint32At(section + layout.section_size) != sizeof(KyrRecord)) continue;
       if (auto record = ReadRecord(front, Uint32At(section + layout.section_offset))) return record;
     }
-    if (read < size) ++count;  // the header that could not be read; those behind it may be
+    if (read < size) ++count;  // the header that could not be read; those after it may be readable
     offset += count * layout.entry_size;
     left -= count;
   }

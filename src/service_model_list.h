@@ -6,7 +6,7 @@
 
 #include <vector>
 
-// Allocated zero-filled by calloc. Owns its models; a slot is null only behind a destroy that
+// Allocated zero-filled by calloc. Owns its models; a slot is null only after a destroy that
 // stopped midway.
 struct velmora_svcmgr_ai_model_list_s {
   std::vector<velmora_svcmgr_ai_model_info_h> models;

@@ -11,8 +11,8 @@ namespace sim {
 std::string Quotable(std::string_view text);
 
 /**
- * Prints a message on standard error, behind the program's name. Of what could steer a terminal it
- * keeps newlines and tabs only.
+ * Prints a message on standard error, after the program's name. Of the characters that could steer a
+ * terminal, only newlines and tabs are kept.
  */
 void Report(std::string_view message);
 

@@ -101,7 +101,7 @@ constexpr std::size_t kMethodCount = 9;
 /** All methods, in the order of their numbers. */
 const std::array<MethodInfo, kMethodCount>& Methods();
 
-/** Where a method stands among them. */
+/** The index of a method among them. */
 std::size_t IndexOf(Method method);
 
 const MethodInfo& InfoOf(Method method);
@@ -125,10 +125,10 @@ struct ProgressStep {
   std::int32_t delay = 0;              // milliseconds before this step
 };
 
-/** What a list answer says of its lengths, where it shall not say the truth. */
+/** The lengths that a list answer claims, where they are not the true ones. */
 struct ListCounts {
   std::optional<std::int32_t> array_count;  // before the models
-  std::optional<std::int32_t> count;        // behind them
+  std::optional<std::int32_t> count;        // after them
 };
 
 /** The answer to the three list queries. */

@@ -20,7 +20,7 @@ constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
 constexpr char kBlanks[] = " \t\r\n";
 constexpr char kUnclosed[] = "the closing quote of this text is missing";
 
-/** Counts what the parser has consumed: its events say nothing about where they happened. */
+/** Counts what the parser has consumed, because its events do not say where they happened. */
 class CountingIterator {
  public:
   using iterator_category = std::input_iterator_tag;
@@ -51,8 +51,8 @@ class CountingIterator {
 };
 
 /**
- * Why a text, from its opening quote to the last byte that the parser took, is none; null if it is
- * one, and only its place is wrong.
+ * Why what the parser took, from an opening quote to the last byte, is not a text; null if it is one,
+ * and only its place is wrong.
  */
 const char* FaultOfText(std::string_view text, bool at_end) {
   if (nlohmann::json::accept(text.begin(), text.end())) {
@@ -134,7 +134,7 @@ class TreeBuilder : public nlohmann::json::json_sax_t {
       Refuse(NextToken(), "the number is too large");
       return false;
     }
-    // In words of our own: the parser's differ from one of its versions to the next.
+    // In our own words: the parser's wording differs from version to version.
     RefuseSyntax();
     return false;
   }
@@ -201,8 +201,8 @@ class TreeBuilder : public nlohmann::json::json_sax_t {
     return std::min(document_.find_first_not_of(skipped, from), document_.size());
   }
 
-  // Only the character behind a number tells the parser that it has ended, unless there is none; a
-  // zero that leads ends it, whatever follows.
+  // Only the character after a number tells the parser that it has ended, unless there is none; a
+  // leading zero ends it, whatever follows.
   std::size_t EndOfToken(std::size_t begin) const {
     const std::size_t digit = begin + (Is(begin, '-') ? 1 : 0);
     if (!IsDigit(digit) || consumed_ == digit + 1) {

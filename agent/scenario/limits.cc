@@ -9,7 +9,7 @@
 namespace sim {
 namespace {
 
-// A number comes before the text, and around it stand its length and its end.
+// A number precedes the text, and the text has a length before it and an end mark after it.
 constexpr std::size_t kLongestLicence = kMostBytes - 2 * sizeof(std::int32_t) - 1;
 
 std::size_t EncodedSize(const std::string& text) { return sizeof(std::int32_t) + text.size() + 1; }
@@ -29,7 +29,7 @@ std::optional<std::string> TooLarge(const std::string& what, std::size_t size) {
          std::to_string(kMostBytes);
 }
 
-/** What the model takes in an answer, with the longest version that may be the usable one. */
+/** The size of the model in an answer, with the longest version that may be the usable one. */
 std::size_t EntrySize(const Model& model, bool described) {
   std::size_t version = 0;
   for (const auto* versions : {&model.versions, &model.available}) {

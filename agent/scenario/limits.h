@@ -18,7 +18,7 @@ constexpr std::int32_t kMostGenerated = 100000;
 constexpr std::int32_t kMostRepeats = 10000;
 constexpr std::int32_t kMostTimes = 1000;
 
-// What no message holds; each says why, and nothing if one does.
+// What does not fit into a message: each returns the reason, or nothing if it fits.
 
 std::optional<std::string> TooLargeAsLicence(const std::string& licence);
 std::optional<std::string> TooLargeAsList(const std::vector<Model>& models);

@@ -14,7 +14,7 @@
 
 namespace sim {
 
-/** What goes wrong with an answer. Each is told in docs/scenarios.md. */
+/** What goes wrong with an answer. docs/scenarios.md describes each. */
 enum class Fault {
   kNone,
   kNever,
@@ -102,7 +102,7 @@ struct Update {
   Steps recovery = UsualRecovery();  // by a new process, where it has died in the middle
 };
 
-/** Whom the command takes itself for. */
+/** Which application the command is. */
 struct Client {
   std::string id = "com.example.client";
   std::string version = "1.0.0";

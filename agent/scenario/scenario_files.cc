@@ -37,7 +37,7 @@ bool NamesFile(const std::string& name) {
 }  // namespace
 
 std::optional<std::string> ReadFile(const std::string& path, std::string* content) {
-  // Neither a pipe nor a terminal may hold the program up.
+  // Neither a pipe nor a terminal may block the program.
   const base::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   struct stat about;
   if (!fd || fstat(fd.get(), &about) != 0) {

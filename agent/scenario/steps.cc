@@ -18,7 +18,7 @@ constexpr std::int32_t kInterruptedCode = 2;
 constexpr char kAgentStatus[] = "agent_status";
 constexpr char kUpdateStatus[] = "update_status";
 constexpr char kModelStatus[] = "model_status";
-// Of a text under these keys only its presence counts.
+// Of a text under these keys, only the presence counts.
 constexpr char kPresent[] = "true";
 
 Step StepOf(Step::Action action) {
@@ -82,7 +82,7 @@ void ReadNumbers(const Value& object, std::map<std::string, std::int32_t>* numbe
   });
 }
 
-/** Takes a key that says something only beside a certain other. */
+/** Takes a key that has a meaning only together with a certain other one. */
 std::optional<Value> TakeBeside(ObjectReader& object, const char* key, bool fits,
                                 const char* needed) {
   auto value = object.Take(key);
@@ -178,7 +178,7 @@ void ReadModelStatus(ObjectReader& object, Steps* steps) {
   }
 }
 
-/** What an agent does that updates itself as it should. */
+/** What an agent that updates itself properly does. */
 void ReadSelfUpdate(ObjectReader& object, Steps* steps) {
   Step install = StepOf(Step::Action::kInstall);
   const bool present = object.Object("selfUpdate", [&](ObjectReader& update) {

@@ -49,16 +49,16 @@ Steps ReadSteps(const Value& list, StepsFrom from);
 /** Reads a document that is a list of steps from outside. Throws ScenarioError. */
 Steps ReadStepsDocument(std::string_view document, const std::string& name);
 
-/** The steps of an update, where a scenario does not say: "Start", then "Complete". */
+/** The steps of an update where the scenario names none: "Start", then "Complete". */
 Steps UsualUpdate();
 
-/** What an agent does that comes back after it has died in an update: "Launch", then "Fail". */
+/** What an agent that has died in an update does when it comes back: "Launch", then "Fail". */
 Steps UsualRecovery();
 
 /** The step that announces that the agent runs. */
 Step LaunchStep();
 
-/** The step that tells how model work stands: "START", "COMPLETED" or "FAILED". */
+/** The step that reports the status of model work: "START", "COMPLETED" or "FAILED". */
 Step ModelStatusStep(const char* status);
 
 }  // namespace sim

@@ -9,7 +9,7 @@ namespace sim {
 namespace {
 
 constexpr std::size_t kLongestName = 200;
-constexpr std::size_t kLongestModelName = 2048;  // of which a client keeps no more
+constexpr std::size_t kLongestModelName = 2048;  // a client keeps no more than that
 
 #define LETTERS_AND_DIGITS "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"
 

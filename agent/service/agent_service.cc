@@ -245,7 +245,7 @@ int RunAgent(const Scenario& scenario, const AgentOptions& options) {
   });
   AgentService service(scenario, updates);
   if (scenario.bus) {
-    // Before there is a client that could hear somebody else.
+    // Before there can be a client that would hear somebody else.
     OwnName(scenario.agent.package.id);
   }
   service.Listen();

@@ -21,7 +21,7 @@ constexpr char kBusPath[] = "/org/freedesktop/DBus";
 
 /** Who is on the bus, and of how many of its questions the answer is still to come. */
 struct Barrier {
-  // A bus that takes nothing must not be waited for: no flush.
+  // No flush: a bus that accepts nothing must not be waited for.
   base::Owned<sd_bus, sd_bus_close_unref> bus;
   std::string owner;  // of the name that is left out
   int pending = 0;
@@ -52,7 +52,7 @@ int OnOwner(sd_bus_message* message, void* data, sd_bus_error*) {
   return 0;
 }
 
-/** Asks everybody for a sign of life: it comes behind what they were sent before. */
+/** Asks everybody for a sign of life, which arrives after what they were sent before. */
 int OnNames(sd_bus_message* message, void* data, sd_bus_error*) {
   auto* barrier = static_cast<Barrier*>(data);
   --barrier->pending;

@@ -113,7 +113,7 @@ std::string SendSteps(const std::string& path, const std::string& document) {
     if (const auto answer = Receive(fd.get())) {
       return answer->substr(1);
     }
-    // The agent has ended in the middle: the next one knows more, or there is nobody to connect to.
+    // The agent has ended meanwhile: the next one knows more, or there is nobody to connect to.
   }
 }
 
@@ -129,7 +129,7 @@ void ControlPort::Accept() {
   }
   const auto caller = std::make_shared<Caller>();
   caller->fd = std::move(fd);
-  // The source is the caller's: a reference that owned it would keep both for ever.
+  // The source is the caller's: a reference that owned it would keep both forever.
   caller->source.WhenReadable(
       caller->fd.get(), [this, caller = std::weak_ptr<Caller>(caller)] { Hear(caller.lock()); });
   callers_.insert(caller);

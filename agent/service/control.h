@@ -15,8 +15,8 @@ namespace sim {
 /*
  * The control socket, through which a running agent is prompted: a sequence of packets on a local
  * socket in the world's folder. A request is the ID of its steps, a line feed and the steps as JSON;
- * the answer is empty when they are done, else what went wrong. Whoever gets no answer asks the next
- * process again, with the same ID.
+ * the answer is empty when they are done, else what went wrong. A client that gets no answer asks
+ * the agent's next process, with the same ID.
  */
 
 /** The environment variable that names the world's control socket. */

@@ -11,7 +11,7 @@
 namespace sim {
 namespace {
 
-/** The bytes of a message as they stand on a stream, whatever length they are said to have. */
+/** The bytes of a message as they travel on a stream, with any claimed length. */
 std::string RawMessage(std::uint32_t length, std::string_view content) {
   std::string raw;
   for (int shift = 0; shift < 32; shift += 8) {
@@ -20,7 +20,7 @@ std::string RawMessage(std::uint32_t length, std::string_view content) {
   return raw.append(content);
 }
 
-/** Messages that a client has to pass over: on each port of the kinds that can mislead there. */
+/** Messages that a client has to ignore: on each port, of the kinds that could mislead it there. */
 Parcel StrayMessage(rpc_port_port_type_e port, std::int32_t number) {
   Parcel parcel;
   if (port == RPC_PORT_PORT_MAIN) {

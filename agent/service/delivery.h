@@ -35,7 +35,7 @@ class DeliveryQueue {
   DeliveryQueue(const DeliveryQueue&) = delete;
   DeliveryQueue& operator=(const DeliveryQueue&) = delete;
 
-  /** Sends the messages one after the other; without delays and faults before it returns. */
+  /** Sends the messages one after the other: before it returns, if there are no delays and faults. */
   void Deliver(const std::string& instance, rpc_port_port_type_e port, const MethodScript& script,
                std::vector<TimedParcel> messages);
 

@@ -7,8 +7,8 @@
 namespace sim {
 
 /**
- * Something that the default main context waits for. It is no longer waited for when this object
- * goes, which the action itself may bring about. Stays where it is: the main context knows it.
+ * Something that the default main context waits for, until this object is destroyed, which the
+ * action itself may do. It cannot be moved: the main context knows its address.
  */
 class EventSource {
  public:
@@ -17,7 +17,7 @@ class EventSource {
   EventSource(const EventSource&) = delete;
   EventSource& operator=(const EventSource&) = delete;
 
-  /** Runs an action once, after so many milliseconds, in the place of what was waited for. */
+  /** Runs an action once, after this many milliseconds, instead of what was waited for. */
   void After(unsigned milliseconds, std::function<void()> action);
 
   /** Runs an action each time that there is something to read, or the peer is gone. */

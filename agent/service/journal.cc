@@ -51,7 +51,7 @@ void WriteJournal(const std::string& file, const Journal& journal) {
   }
   const std::string draft = file + ".new";
   std::ofstream stream(draft, std::ios::binary);
-  // Agents' names come from clients, whatever bytes they are.
+  // Agents' names come from clients and may hold any bytes.
   stream << tree.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
   stream.close();
   if (!stream || std::rename(draft.c_str(), file.c_str()) != 0) {

@@ -23,13 +23,13 @@ struct Journal {
   bool found = false;     // there was a process before, and it did not end well
   bool replaced = false;  // it ended to be replaced
   std::vector<JournalEntry> entries;
-  std::map<std::string, std::string> ended;  // IDs and how it went, of which nobody has been told
+  std::map<std::string, std::string> ended;  // IDs and outcomes that nobody has been told
 };
 
-/** Reads a journal; one that is not there, or no journal, is empty. */
+/** Reads a journal; a missing file, or one that is no journal, gives an empty one. */
 Journal ReadJournal(const std::string& file);
 
-/** Puts a journal in place of another, whole. Throws std::runtime_error. */
+/** Replaces a journal atomically. Throws std::runtime_error. */
 void WriteJournal(const std::string& file, const Journal& journal);
 
 }  // namespace sim

@@ -4,7 +4,7 @@
 
 namespace sim {
 
-/** What the agent's records in the platform's log are found by. */
+/** The tag of the agent's records in the platform's log. */
 inline constexpr char kLogTag[] = "SVCMGR_SIM_AGENT";
 
 }  // namespace sim

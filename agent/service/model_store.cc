@@ -20,7 +20,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char kDraftPrefix[] = "+";  // no file of a version begins so
+constexpr char kDraftPrefix[] = "+";  // no version's file name begins with it
 
 /** A text as a file name; two texts never have the same one. */
 std::string FileName(const std::string& text) {
@@ -43,7 +43,7 @@ std::string FileName(const std::string& text) {
   return name;
 }
 
-/** All versions that there are of a model, oldest first. */
+/** All versions of a model, oldest first. */
 std::vector<std::string> AllVersions(const Model& model) {
   std::vector<std::string> versions = model.versions;
   versions.insert(versions.end(), model.available.begin(), model.available.end());

@@ -11,7 +11,7 @@
 
 namespace sim {
 
-/** What model work comes to; clients know more of them. */
+/** Results of model work; clients know others, too. */
 constexpr std::int32_t kWorkDone = 0;
 constexpr std::int32_t kWorkFailed = 1;
 constexpr std::int32_t kNoSuchModel = 4;
@@ -58,7 +58,7 @@ class ModelStore {
   std::vector<StoredModel> models_;
 };
 
-/** One version on its way into the store; what is not finished is gone with this object. */
+/** One version on its way into the store; discarded with this object unless it is finished. */
 class ModelCopy {
  public:
   ModelCopy(ModelStore& store, const std::string& model, const std::string& version);
@@ -66,7 +66,7 @@ class ModelCopy {
   ModelCopy(const ModelCopy&) = delete;
   ModelCopy& operator=(const ModelCopy&) = delete;
 
-  /** Copies until so many parts of the whole are there; a result. */
+  /** Copies until this many parts of the whole are there; a result. */
   std::int32_t CopyTo(std::int32_t part, std::int32_t parts);
 
   /** Puts the whole version into the store; a result. */

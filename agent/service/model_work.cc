@@ -181,7 +181,7 @@ void ModelWork::Send(Operation& operation, const ProgressStep& progress) {
   MethodScript script;
   if (first || operation.script->fault == Fault::kNever) {
     script = *operation.script;
-    script.delay = 0;  // the work itself has begun behind it
+    script.delay = 0;  // the work itself has begun after it
   }
   std::vector<TimedParcel> messages;
   for (std::int32_t i = 0; i < operation.script->repeat; ++i) {

@@ -19,12 +19,12 @@ namespace sim {
 
 /**
  * Goes through the steps of updates on the default main context, any number of them side by side.
- * Each step is noted in a journal before it is taken, so that the process that takes this one's place
- * goes on behind it.
+ * Each step is noted in a journal before it is taken, so that the process that replaces this one goes
+ * on after it.
  */
 class UpdateRunner {
  public:
-  /** Told how steps from outside ended: empty, or why they did not come to their end. */
+  /** Told how steps from outside ended: empty, or why they were not completed. */
   using Done = std::function<void(const std::string& problem)>;
 
   /**
@@ -35,7 +35,7 @@ class UpdateRunner {
   UpdateRunner(const UpdateRunner&) = delete;
   UpdateRunner& operator=(const UpdateRunner&) = delete;
 
-  /** Goes on where the process before this one has stopped. Clients must be able to connect. */
+  /** Continues where the previous process stopped. Clients must be able to connect. */
   void Resume();
 
   /** Begins the scenario's update after a while, unless it is under way. */
@@ -78,8 +78,8 @@ class UpdateRunner {
   const std::function<void()> replace_;
   bool stopped_ = false;
   std::list<Sequence> sequences_;
-  // How steps from outside ended that nobody was there to be told of: who waits for them has lost
-  // the process before this one, and comes back.
+  // How steps from outside ended when nobody was there to be told: whoever waits for them has lost
+  // the previous process, and comes back.
   std::map<std::string, std::string> ended_;
 };
 

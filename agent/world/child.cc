@@ -28,7 +28,7 @@ void CloseOnExecFrom(int first) {
   }
 }
 
-/** None of them may stand where another is to go. */
+/** None of them may have the number that another is to get. */
 bool Pass(const std::vector<int>& passed) {
   std::vector<int> copies;
   for (const int fd : passed) {
@@ -130,7 +130,7 @@ pid_t StartChild(const ChildSetup& setup) {
     size = read(read_end.get(), &reason, sizeof reason);
   } while (size < 0 && errno == EINTR);
   if (size != sizeof reason) {
-    return child;  // the end closed itself when the program began to run
+    return child;  // this end was closed on exec, when the program began to run
   }
   waitpid(child, nullptr, 0);
   throw StartError{reason};

@@ -41,7 +41,7 @@ class RunError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/** A child and, once it has ended, how. */
+/** A child and, once it has ended, its status. */
 struct Process {
   pid_t pid = -1;
   std::optional<int> status;  // as waitpid has it
@@ -56,7 +56,7 @@ struct Process {
   }
 };
 
-/** The signals that this process takes one by one; what they did before is kept for its children.
+/** The signals that this process takes one by one; their previous actions are kept for its children.
  */
 class Signals {
  public:
@@ -173,7 +173,7 @@ std::string XmlText(const std::string& text) {
   return escaped;
 }
 
-/** A bus that starts no services, reads nothing of the system's, and is open to its own user. */
+/** A bus that starts no services, reads no files of the system, and is open to its own user. */
 std::string BusConfiguration(const std::string& address) {
   return "<busconfig>\n<type>session</type>\n<listen>" + XmlText(address) +
          "</listen>\n<auth>EXTERNAL</auth>\n"
@@ -402,7 +402,7 @@ bool Run::WantsAnotherAgent() const {
   return false;
 }
 
-/** Puts a new agent where one has ended; where none is to come, nobody shall wait for it. */
+/** Replaces an agent that has ended; if no other is to come, nobody shall wait for one. */
 void Run::FollowAgent() {
   if (!agent_.status || !control_) {
     return;
@@ -445,7 +445,7 @@ void Run::AwaitCommand() {
 void Run::StopAgent() {
   agent_.Reap();
   if (agent_.running()) {
-    // It may have been stopped. Behind SIGTERM this could hit it while a sanitizer that looks for
+    // It may have been stopped. After SIGTERM this could hit it while a sanitizer that looks for
     // leaks has stopped it at its end, and waits for that stop.
     kill(agent_.pid, SIGCONT);
     kill(agent_.pid, SIGTERM);

@@ -123,7 +123,7 @@ bool FolderWatch::Add(const std::string& folder, const std::string& entry, uint3
     return true;
   }
   if (errno == ENOSPC || errno == ENOMEM) short_of_watches_ = true;
-  // A folder that may be passed but not read cannot be watched, and is not the user's to replace.
+  // A folder that may be searched but not read cannot be watched, and the user cannot replace it.
   return errno == EACCES;
 }
 

@@ -115,7 +115,7 @@ TEST(ManyComplaints, OfADuplicateEachAreAHundredAndTheNumberOfTheOthers) {
 }
 
 TEST(ManyComplaints, AreTheFirstInTheFileInWhateverOrderItIsRead) {
-  // The name of the repository is read behind the models, and stands before them.
+  // The name of the repository is read after the models, but is written before them.
   const auto lines = LinesOf(Complaint(R"({"repository": 0, "models": [)" +
                                        Numbered(R"({"id": "m#", "versions": #})", 200) + "]}"));
   ASSERT_EQ(lines.size(), 101u);
@@ -482,7 +482,7 @@ TEST(AScenariosPlaces, AreRightAfterEveryKindOfValue) {
             "metadata, apiLevel, licence, licenceFile, installed, running, refuse, kyr, restart");
 }
 
-/** The words that a complaint lists behind a text. */
+/** The words that a complaint lists after a text. */
 std::vector<std::string> ListedBehind(const std::string& text, const std::string& complaint) {
   std::vector<std::string> words;
   const auto begin = complaint.find(text);

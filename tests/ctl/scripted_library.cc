@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The public interface without an agent behind it: every function answers as the environment
+// The public interface without an agent: every function answers as the environment
 // variable SVCMGRCTL_SCRIPT says, which holds a JSON object. All keys may be left out.
 //
 //   "connect"    {"result": code, "events": [[result, state]...], "inside": bool}

@@ -6,16 +6,16 @@
  * The whole of the platform's C interface, scripted and recorded, for tests of the library's
  * objects.
  *
- * 1. Without a script every call succeeds in a small default world: the agent is installed in
- * version 2.3.0, the application is "org.example.app" in version "1.2.3" with resources in
+ * 1. Without a script, every call succeeds in a small default world: the agent is installed in
+ *    version 2.3.0, the application is "org.example.app" in version "1.2.3" with resources in
  *    "/opt/org.example.app/res/", nothing waits on any port.
  * 2. Scripts change the outcome of single calls (Next, AtCall) or of all calls (Always) of one
- * function.
+ *    function.
  * 3. Everything that the library does is recorded: calls, log records, sent parcels, live objects.
- * 4. What no caller may do is a fault: a wrong-typed read, a handle that is unknown or gone, a
- * double release, a malformed log record, an exception that escapes from a callback. Verify() fails
- * the test for every fault, and for every live object and every live block that the test did not
- *    announce.
+ * 4. What no caller may do is a fault: a read of the wrong type, a handle that is unknown or gone,
+ *    a double release, a malformed log record, an exception that escapes from a callback. Verify()
+ *    fails the test for every fault, and for every live object and every live block that the test
+ *    did not announce.
  * 5. Hooks and callbacks run with no lock of the fake held; all functions may be called from any
  *    thread. The fake is invisible to ThreadSanitizer: it adds no ordering between the library's
  *    threads.
@@ -113,9 +113,9 @@ Step Throw(T exception) {
 
 /** Scripts the next unscripted call of the platform function `function`; several calls queue up. */
 void Next(const std::string& function, Step step);
-/** Scripts the n-th call from now on, counted from 1. Goes before Next and Always. */
+/** Scripts the n-th call from now on, counted from 1. Takes precedence over Next and Always. */
 void AtCall(const std::string& function, int n, Step step);
-/** Scripts all calls that neither AtCall nor Next speaks for. */
+/** Scripts all calls that neither AtCall nor Next scripts. */
 void Always(const std::string& function, Step step);
 /** Forgets all scripts of one function. */
 void ForgetScripts(const std::string& function);
@@ -140,13 +140,13 @@ struct LogRecord {
   std::string file;
   std::string function;
   int line = 0;
-  std::string message;  // rendered, what stands behind "> ", without the colour's end
+  std::string message;  // rendered: what follows "> ", without the end of the colour
 };
 std::ostream& operator<<(std::ostream& out, const LogRecord& record);
 
 /** All calls in order, without dlog_print, get_error_message and the bundle's own functions. */
 std::vector<Call> Calls();
-/** The calls of which the name begins with `prefix`. */
+/** The calls whose names begin with `prefix`. */
 std::vector<Call> Calls(const std::string& prefix);
 /** The names of Calls(prefix). */
 std::vector<std::string> CallNames(const std::string& prefix = "");
@@ -160,8 +160,7 @@ std::vector<std::string> LogMessages();
 std::vector<std::string> Trace();
 /** Forgets calls, log records, trace and sent parcels; what lives and what is scripted stays. */
 void ClearRecord();
-/** Stops or restarts recording of calls, log records and sent parcels, for tests of great volume.
- */
+/** Stops or restarts the recording of calls, log records and sent parcels, for very long tests. */
 void SetRecording(bool on);
 /** Called for each log record, inside dlog_print. */
 void OnLog(std::function<void(const LogRecord&)> hook);
@@ -219,7 +218,7 @@ Items operator+(Items a, const Items& b);
 
 /** The wire form of items, as on the desktop. */
 std::vector<std::uint8_t> Bytes(const Items& items);
-/** "05 00 00 00": two digits a byte. */
+/** "05 00 00 00": two digits per byte. */
 std::string Hex(const std::vector<std::uint8_t>& bytes);
 
 /** A parcel that was sent with success. */
@@ -242,7 +241,7 @@ void OnSend(std::function<void(const Sent&)> agent);
 void QueueMessage(Items items);
 /** Queues a reply on the main port: int32 0, then the values. */
 void QueueReply(const Items& values);
-/** Queues a message with another command than 0 on the main port. */
+/** Queues a message with a command other than 0 on the main port. */
 void QueueStray(int command, const Items& rest = {});
 /** Queues a message on the main port as bytes ("00 00 00 00 ..."), which have no types. */
 void QueueBytes(const std::string& hex);
@@ -265,7 +264,7 @@ class ProxyControl {
   std::string Target() const;
   std::string PortName() const;
 
-  /** Both ports stand from now on; runs the connected callback. */
+  /** Both ports are connected from now on; runs the connected callback. */
   void FireConnected() const;
   void FireDisconnected() const;
   void FireRejected() const;
@@ -287,8 +286,9 @@ ProxyControl Proxy(int n);
 /** How many proxies were created. */
 int ProxyCount();
 
-/** Queues (int32 1, id, seq, bool once, payload) on the callback port and runs the received
- * callback. */
+/**
+ * Queues (int32 1, id, seq, bool once, payload) on the callback port and runs the received callback.
+ */
 void DeliverDelegateMessage(int id, int seq, const Items& payload, bool once = false);
 /** Queues any message on the callback port and runs the received callback. */
 void DeliverMessage(const Items& items);
@@ -362,15 +362,14 @@ void RemoveAgent();
 
 enum class Kind { kParcel, kPackageInfo, kAppInfo, kProxy, kEventHandler, kBundle, kStub };
 
-/** How many objects of a kind live. */
+/** How many objects of a kind are alive. */
 int LiveObjects(Kind kind);
 /** Lets up to `n` objects of a kind live at the end of the test. */
 void AllowHeld(Kind kind, int n);
 /** Lets a proxy and the watch's subscription live at the end: a test that ends connected. */
 void AllowHeldConnection();
 
-/** A live block of malloc, calloc, realloc, strdup, strndup or, in a NewTracking, of operator new.
- */
+/** A live block of malloc, calloc, realloc, strdup, strndup or, in a NewTracking, operator new. */
 struct Block {
   void* pointer = nullptr;
   std::size_t size = 0;
@@ -393,8 +392,7 @@ void ExpectKeptText(const std::string& text);
  */
 bool SeesOperatorNew();
 
-/** Tracks blocks of operator new made by this thread during its life, as if malloc had made them.
- */
+/** During its life, tracks this thread's blocks of operator new as if malloc had made them. */
 class NewTracking {
  public:
   NewTracking();

@@ -29,8 +29,8 @@ class Guard {
 };
 
 /**
- * Stands at the top of each function of the platform and of the control interface that does more
- * than enter a Guard: what this thread allocates from here on is the fake's own.
+ * At the top of each function of the platform and of the control interface that does more than
+ * enter a Guard: what this thread allocates from here on is the fake's own.
  */
 class Inside {
  public:
@@ -40,7 +40,7 @@ class Inside {
   Inside& operator=(const Inside&) = delete;
 };
 
-/** Stands around hooks and callbacks: what they allocate is not the fake's own. */
+/** Surrounds hooks and callbacks: what they allocate is not the fake's own. */
 class Outside {
  public:
   Outside();
@@ -62,7 +62,7 @@ inline void RunHook(const std::function<void()>& hook) {
   hook();
 }
 
-/** A thing behind a handle. Destroyed objects stay as tombstones, so that later uses are seen. */
+/** What a handle stands for. Destroyed objects stay as tombstones, so that later uses are seen. */
 struct Object {
   Object() = default;
   Object(const Object&) = delete;
@@ -148,7 +148,7 @@ struct State {
   std::vector<std::string> kept_texts;
 };
 
-/** Lives for ever: the library may call the platform from destructors that run at exit. */
+/** Never destroyed: the library may call the platform from destructors that run at exit. */
 State& state();
 
 const char* KindName(Kind kind);
@@ -171,7 +171,7 @@ T* Adopt(Kind kind) {
   return raw;
 }
 
-/** The live object behind a handle; null, and a fault, if there is none of that kind. */
+/** The live object of a handle; null, and a fault, if there is none of that kind. */
 Object* FindObject(const char* function, const void* handle, Kind kind);
 
 template <typename T>

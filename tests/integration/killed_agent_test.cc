@@ -56,7 +56,7 @@ const Lines kReached = {"model status: 0 17"};
 
 const Lines kKillIt = {"run=until kill -KILL $(cat agent.pid) 2>/dev/null; do sleep 0.01; done"};
 
-// The event of models comes behind what the failure of the update makes the client say.
+// The event of models comes after what the failure of the update makes the client say.
 const Lines kFail = {"updating",
                      "level",
                      "run=\"$SVCMGR_SIM\" send update-fail=7 model-failed",

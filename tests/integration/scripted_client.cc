@@ -262,7 +262,7 @@ void Round(const std::vector<std::string>& words) {
   requests.clear();
 }
 
-// What answers look-ups without a system call is made, and kept, behind some of them.
+// What answers look-ups without a system call is made, and kept, during some of them.
 void LookUpOften() {
   constexpr int kOften = 1000;
   for (int i = 0; i < kOften; ++i) IsConnected();

@@ -36,7 +36,7 @@ void OnStatus(int status, void* user_data) {
   }
 }
 
-// What answers look-ups without a system call is made, and kept, behind some of them.
+// What answers look-ups without a system call is made, and kept, during some of them.
 void LookUpOften() {
   constexpr int kOften = 1000;
   bool updating = false;

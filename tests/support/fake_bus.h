@@ -11,8 +11,8 @@
 #include <vector>
 
 /**
- * Stands where a bus is expected: takes every client, lets it authenticate, and says nothing but what
- * the test has it say. It runs in a thread of its own.
+ * Takes the place of a bus: accepts every client, lets it authenticate, and says nothing but what
+ * the test makes it say. It runs in a thread of its own.
  */
 class FakeBus {
  public:

@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <vector>
 
-/** While it exists, the process can open so many more descriptors and no more. */
+/** While it exists, the process can open this many more descriptors and no others. */
 class FewDescriptors {
  public:
   explicit FewDescriptors(int free) {

@@ -57,7 +57,7 @@ bool AwaitEnd(pid_t client, const RunRecord& record) {
   return hung;
 }
 
-/** Where a signal came from: behind its handler, the kernel's call of it, and raise and abort. */
+/** Where a signal came from: past its handler, the call of that by the kernel, raise and abort. */
 const void* Interrupted(const Stack& stack) {
   int frame = 2;
   while (frame < stack.depth && IsIn(stack.frames[frame], "libc.so")) ++frame;

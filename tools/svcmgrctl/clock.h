@@ -15,7 +15,7 @@ double Now();
 /** Seconds to the millisecond. */
 double Rounded(double seconds);
 
-/** A number with one digit behind the point, whatever the locale says. */
+/** A number with one digit after the point, whatever the locale says. */
 std::string Tenths(double number);
 
 /** How long something has taken so far, in front of what is said about it. */

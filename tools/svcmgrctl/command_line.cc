@@ -28,8 +28,8 @@ constexpr char kExamples[] = R"(Examples:
   svcmgrctl client-level -v DIR          the level of an application, and what makes it
   svcmgrctl models list --json | jq -r '.models[].id'
 
-Data goes to standard output, messages to standard error. With --json both are JSON documents, one in
-each line where something is followed.
+Data goes to standard output, messages to standard error. With --json both are JSON documents, one
+per line where something is followed.
 )";
 
 std::string VersionText() {
@@ -60,8 +60,8 @@ class PlainFormatter : public CLI::Formatter {
 void AddOptions(CLI::App& app, Options* options) {
   app.add_flag("--json", options->json, "Data and errors as JSON documents");
   app.add_option("--timeout", options->timeout,
-                 "Give up after so many seconds, of silence where something is followed; 0 waits "
-                 "for ever (default: 30)")
+                 "Give up after this many seconds, of silence where something is followed; 0 waits "
+                 "forever (default: 30)")
       ->type_name("SECONDS")
       ->check(CLI::Validator(CheckSeconds, ""));
   app.add_option_function<std::string>(
@@ -80,7 +80,7 @@ void SetUp(CLI::App& app, Options* options) {
   app.formatter(std::make_shared<PlainFormatter>());
   app.set_help_flag("-h,--help", "Print this help and exit");
   app.fallthrough();
-  app.footer("The options of 'svcmgrctl --help' and the exit status shown there hold here too.");
+  app.footer("The options and the exit status of 'svcmgrctl --help' apply here too.");
   AddOptions(app, options);
 }
 

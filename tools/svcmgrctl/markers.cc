@@ -36,7 +36,7 @@ std::uint16_t Uint16At(const unsigned char* bytes) {
   return static_cast<std::uint16_t>(bytes[0] | bytes[1] << 8);
 }
 
-// Of a section's place and size the library reads the low halves.
+// The library reads the low halves of a section's place and size.
 std::optional<Marker> ReadMarker(int fd, const GElf_Shdr& header) {
   constexpr GElf_Xword kLow = 0xffffffff;
   constexpr unsigned char kBegin[] = {'K', 'Y', 'R', '\0', 0, 0};
@@ -95,7 +95,7 @@ void ReadFile(const char* path, MarkedFile* file) {
   ReadSections(fd.get(), elf.get(), header.e_shnum, file);
 }
 
-// The walk hands nothing of its caller's on.
+// The walk has no argument for the caller's data.
 struct {
   std::size_t root_size;
   std::vector<MarkedFile>* files;

@@ -149,7 +149,7 @@ class ModelWork {
     const int percent = progress_->PercentOf(model);
     const auto rate = progress_->RateAt(now);
     const auto remaining = progress_->RemainingAt(now);
-    // Enough for a log; a picture shows all.
+    // Enough for a log; a terminal shows every change.
     const bool worth_a_line =
         !console_.live() && (model != told_model_ || percent / 10 > told_tenth_);
     if (worth_a_line) {
@@ -279,7 +279,7 @@ class ModelWork {
   int told_tenth_ = -1;
 };
 
-/** ID@VERSION; the last @ counts, and nothing behind it stands for the newest version. */
+/** ID@VERSION; the last @ counts, and an empty version means the newest. */
 Model ModelFrom(const std::string& text, bool takes_versions) {
   const std::size_t at = takes_versions ? text.rfind('@') : std::string::npos;
   Model model;

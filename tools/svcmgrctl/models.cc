@@ -74,7 +74,7 @@ void ListVersions(Session& session, Console& console, const std::string& id) {
   model.id = id;
   const std::vector<Model> versions =
       AskVersions(session, usable == models.end() ? model : *usable);
-  // One that is not installed has versions, too: those that can be.
+  // A model that is not installed has versions, too: those that can be installed.
   if (versions.empty() && usable == models.end()) throw NoSuchModel(id, models);
   if (versions.empty()) console.Note("there are no versions of '" + id + "'");
   console.Data({{"id", id}, {"versions", ToJson(versions)}},

@@ -215,10 +215,10 @@ void AddUpdate(CLI::App& app, Command* chosen) {
 void AddUpdating(CLI::App& app, Command* chosen) {
   auto listen = std::make_shared<double>(0);
   CLI::App* updating =
-      app.add_subcommand("updating", "Tell whether an update of the agents is heard of");
+      app.add_subcommand("updating", "Tell whether an update of the agents is under way");
   updating
       ->add_option("--listen", *listen,
-                   "Listen for so many seconds, or until one is heard of (default: 0)")
+                   "Listen for this many seconds, or until one is reported (default: 0)")
       ->type_name("SECONDS")
       ->check(CLI::Validator(CheckSeconds, ""));
   updating->callback([chosen, listen] {

@@ -23,17 +23,17 @@ constexpr int kStateDone = 2;
 constexpr int kStateFailed = 3;
 
 /**
- * Makes of what the agent reports about an operation on models what a person can be shown: progress
- * that never goes backwards and is whole only when the work is, whatever order and numbers the
+ * Turns what the agent reports about an operation on models into what a person can be shown: progress
+ * that never goes backwards and is complete only when the work is, whatever order and numbers the
  * messages have.
  *
  * The operation is over
  *
  *  - with the first message that has an error, or the state "done" or "failed";
- *  - without such a message: when the device tells that work on models has ended (as often as it has
- *    told since the request that work has begun, because others may work at the same time), and
- *    then nothing more is heard for two seconds. That work has ended well is believed when the last
- *    model had been reached.
+ *  - without such a message: when the device has reported the end of work on models (as often as it
+ *    has reported a beginning since the request, because others may work at the same time), and
+ *    nothing more is heard for two seconds. A success is believed if the last model had been
+ *    reached.
  *
  * Times are seconds of any clock that goes forward.
  */
