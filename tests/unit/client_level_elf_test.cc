@@ -128,7 +128,7 @@ struct RealFiles : AnApplicationFolder {
   }
 
   std::string Plant(const std::string& source, const fs::path& name, const Sections& sections) {
-    const std::string target = Plan(Quote(source), name, sections);
+    std::string target = Plan(Quote(source), name, sections);
     RunPlans();
     return target;
   }

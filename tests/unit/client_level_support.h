@@ -79,7 +79,7 @@ class AnApplicationFolder : public fake::PlatformTest {
 
   /** Writes a file, and the folders that it needs. */
   fs::path Write(const fs::path& name, const elf::Bytes& bytes) const {
-    const fs::path path = Root() / name;
+    fs::path path = Root() / name;
     fs::create_directories(path.parent_path());
     std::ofstream out(path, std::ios::binary);
     out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));

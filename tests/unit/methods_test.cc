@@ -28,7 +28,7 @@ AIModelInfo Model(const char* id, const char* version, const char* title, const 
   return {CopyText(id), CopyText(version), CopyText(title), CopyText(text)};
 }
 
-AIModelList ModelsOf(int count, std::vector<const char*> ids) {
+AIModelList ModelsOf(int count, const std::vector<const char*>& ids) {
   AIModelList list;
   for (const char* id : ids) list.models.push_back(Model(id, "2", "t", ""));
   list.count = count;
