@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_COMMON_PLATFORM_ERROR_H
-#define AGENT_COMMON_PLATFORM_ERROR_H
+#ifndef AGENT_COMMON_PLATFORM_ERROR_H_
+#define AGENT_COMMON_PLATFORM_ERROR_H_
 
 #include <stdexcept>
 #include <string>
@@ -23,4 +23,4 @@ inline void Check(int code, const char* what) {
 
 }  // namespace sim
 
-#endif  // AGENT_COMMON_PLATFORM_ERROR_H
+#endif  // AGENT_COMMON_PLATFORM_ERROR_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_COMMON_REPORT_H
-#define AGENT_COMMON_REPORT_H
+#ifndef AGENT_COMMON_REPORT_H_
+#define AGENT_COMMON_REPORT_H_
 
 #include <string>
 #include <string_view>
@@ -21,4 +21,4 @@ void ReportLines(std::string_view lines);
 
 }  // namespace sim
 
-#endif  // AGENT_COMMON_REPORT_H
+#endif  // AGENT_COMMON_REPORT_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_PROTOCOL_MESSAGES_H
-#define AGENT_PROTOCOL_MESSAGES_H
+#ifndef AGENT_PROTOCOL_MESSAGES_H_
+#define AGENT_PROTOCOL_MESSAGES_H_
 
 #include <array>
 #include <cstddef>
@@ -140,4 +140,4 @@ Parcel AnswerWith(const Delegate& delegate, std::int32_t result, const ProgressS
 
 }  // namespace sim
 
-#endif  // AGENT_PROTOCOL_MESSAGES_H
+#endif  // AGENT_PROTOCOL_MESSAGES_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_PROTOCOL_PARCEL_H
-#define AGENT_PROTOCOL_PARCEL_H
+#ifndef AGENT_PROTOCOL_PARCEL_H_
+#define AGENT_PROTOCOL_PARCEL_H_
 
 #include <rpc-port-desktop.h>
 #include <rpc-port.h>
@@ -102,4 +102,4 @@ class Parcel {
 
 }  // namespace sim
 
-#endif  // AGENT_PROTOCOL_PARCEL_H
+#endif  // AGENT_PROTOCOL_PARCEL_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_SCENARIO_JSON_TREE_H
-#define AGENT_SCENARIO_JSON_TREE_H
+#ifndef AGENT_SCENARIO_JSON_TREE_H_
+#define AGENT_SCENARIO_JSON_TREE_H_
 
 #include <cstdint>
 #include <string>
@@ -43,4 +43,4 @@ JsonNode ParseJson(std::string_view document, Problems& problems);
 
 }  // namespace sim
 
-#endif  // AGENT_SCENARIO_JSON_TREE_H
+#endif  // AGENT_SCENARIO_JSON_TREE_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_SCENARIO_LIMITS_H
-#define AGENT_SCENARIO_LIMITS_H
+#ifndef AGENT_SCENARIO_LIMITS_H_
+#define AGENT_SCENARIO_LIMITS_H_
 
 #include <cstdint>
 #include <optional>
@@ -26,4 +26,4 @@ std::optional<std::string> TooLargeAsVersions(const Model& model);
 
 }  // namespace sim
 
-#endif  // AGENT_SCENARIO_LIMITS_H
+#endif  // AGENT_SCENARIO_LIMITS_H_

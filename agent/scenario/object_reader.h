@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_SCENARIO_OBJECT_READER_H
-#define AGENT_SCENARIO_OBJECT_READER_H
+#ifndef AGENT_SCENARIO_OBJECT_READER_H_
+#define AGENT_SCENARIO_OBJECT_READER_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -141,4 +141,4 @@ void ObjectReader::AllTexts(Map* out, const TextRule& key_rule) {
 
 }  // namespace sim
 
-#endif  // AGENT_SCENARIO_OBJECT_READER_H
+#endif  // AGENT_SCENARIO_OBJECT_READER_H_

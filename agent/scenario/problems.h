@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_SCENARIO_PROBLEMS_H
-#define AGENT_SCENARIO_PROBLEMS_H
+#ifndef AGENT_SCENARIO_PROBLEMS_H_
+#define AGENT_SCENARIO_PROBLEMS_H_
 
 #include <cstddef>
 #include <map>
@@ -64,4 +64,4 @@ class Problems {
 
 }  // namespace sim
 
-#endif  // AGENT_SCENARIO_PROBLEMS_H
+#endif  // AGENT_SCENARIO_PROBLEMS_H_

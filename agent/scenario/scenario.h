@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_SCENARIO_SCENARIO_H
-#define AGENT_SCENARIO_SCENARIO_H
+#ifndef AGENT_SCENARIO_SCENARIO_H_
+#define AGENT_SCENARIO_SCENARIO_H_
 
 #include <array>
 #include <cstdint>
@@ -130,4 +130,4 @@ struct Scenario {
 
 }  // namespace sim
 
-#endif  // AGENT_SCENARIO_SCENARIO_H
+#endif  // AGENT_SCENARIO_SCENARIO_H_

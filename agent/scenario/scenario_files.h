@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_SCENARIO_SCENARIO_FILES_H
-#define AGENT_SCENARIO_SCENARIO_FILES_H
+#ifndef AGENT_SCENARIO_SCENARIO_FILES_H_
+#define AGENT_SCENARIO_SCENARIO_FILES_H_
 
 #include <optional>
 #include <string>
@@ -35,4 +35,4 @@ const std::vector<ShippedScenario>& ShippedScenarios();
 
 }  // namespace sim
 
-#endif  // AGENT_SCENARIO_SCENARIO_FILES_H
+#endif  // AGENT_SCENARIO_SCENARIO_FILES_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_SCENARIO_SCENARIO_READER_H
-#define AGENT_SCENARIO_SCENARIO_READER_H
+#ifndef AGENT_SCENARIO_SCENARIO_READER_H_
+#define AGENT_SCENARIO_SCENARIO_READER_H_
 
 #include <string>
 #include <string_view>
@@ -19,4 +19,4 @@ Scenario ReadScenario(std::string_view document, const std::string& name,
 
 }  // namespace sim
 
-#endif  // AGENT_SCENARIO_SCENARIO_READER_H
+#endif  // AGENT_SCENARIO_SCENARIO_READER_H_

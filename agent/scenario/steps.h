@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_SCENARIO_STEPS_H
-#define AGENT_SCENARIO_STEPS_H
+#ifndef AGENT_SCENARIO_STEPS_H_
+#define AGENT_SCENARIO_STEPS_H_
 
 #include <cstdint>
 #include <map>
@@ -63,4 +63,4 @@ Step ModelStatusStep(const char* status);
 
 }  // namespace sim
 
-#endif  // AGENT_SCENARIO_STEPS_H
+#endif  // AGENT_SCENARIO_STEPS_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_SCENARIO_TEXT_RULES_H
-#define AGENT_SCENARIO_TEXT_RULES_H
+#ifndef AGENT_SCENARIO_TEXT_RULES_H_
+#define AGENT_SCENARIO_TEXT_RULES_H_
 
 #include <optional>
 #include <string>
@@ -30,4 +30,4 @@ bool Matches(const std::string& pattern, const std::string& text);
 
 }  // namespace sim
 
-#endif  // AGENT_SCENARIO_TEXT_RULES_H
+#endif  // AGENT_SCENARIO_TEXT_RULES_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_SERVICE_AGENT_SERVICE_H
-#define AGENT_SERVICE_AGENT_SERVICE_H
+#ifndef AGENT_SERVICE_AGENT_SERVICE_H_
+#define AGENT_SERVICE_AGENT_SERVICE_H_
 
 #include <array>
 #include <cstddef>
@@ -75,4 +75,4 @@ int RunAgent(const Scenario& scenario, const AgentOptions& options);
 
 }  // namespace sim
 
-#endif  // AGENT_SERVICE_AGENT_SERVICE_H
+#endif  // AGENT_SERVICE_AGENT_SERVICE_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_SERVICE_BUS_BARRIER_H
-#define AGENT_SERVICE_BUS_BARRIER_H
+#ifndef AGENT_SERVICE_BUS_BARRIER_H_
+#define AGENT_SERVICE_BUS_BARRIER_H_
 
 #include <string>
 
@@ -18,4 +18,4 @@ void AwaitBusPeers(const std::string& own);
 
 }  // namespace sim
 
-#endif  // AGENT_SERVICE_BUS_BARRIER_H
+#endif  // AGENT_SERVICE_BUS_BARRIER_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_SERVICE_CONTROL_H
-#define AGENT_SERVICE_CONTROL_H
+#ifndef AGENT_SERVICE_CONTROL_H_
+#define AGENT_SERVICE_CONTROL_H_
 
 #include <memory>
 #include <set>
@@ -56,4 +56,4 @@ class ControlPort {
 
 }  // namespace sim
 
-#endif  // AGENT_SERVICE_CONTROL_H
+#endif  // AGENT_SERVICE_CONTROL_H_

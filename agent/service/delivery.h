@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_SERVICE_DELIVERY_H
-#define AGENT_SERVICE_DELIVERY_H
+#ifndef AGENT_SERVICE_DELIVERY_H_
+#define AGENT_SERVICE_DELIVERY_H_
 
 #include <rpc-port.h>
 
@@ -69,4 +69,4 @@ class DeliveryQueue {
 
 }  // namespace sim
 
-#endif  // AGENT_SERVICE_DELIVERY_H
+#endif  // AGENT_SERVICE_DELIVERY_H_

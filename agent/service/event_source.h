@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_SERVICE_EVENT_SOURCE_H
-#define AGENT_SERVICE_EVENT_SOURCE_H
+#ifndef AGENT_SERVICE_EVENT_SOURCE_H_
+#define AGENT_SERVICE_EVENT_SOURCE_H_
 
 #include <functional>
 
@@ -32,4 +32,4 @@ class EventSource {
 
 }  // namespace sim
 
-#endif  // AGENT_SERVICE_EVENT_SOURCE_H
+#endif  // AGENT_SERVICE_EVENT_SOURCE_H_

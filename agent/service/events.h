@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_SERVICE_EVENTS_H
-#define AGENT_SERVICE_EVENTS_H
+#ifndef AGENT_SERVICE_EVENTS_H_
+#define AGENT_SERVICE_EVENTS_H_
 
 #include <string>
 #include <vector>
@@ -24,4 +24,4 @@ void Publish(const std::string& id, const Broadcast& broadcast,
 
 }  // namespace sim
 
-#endif  // AGENT_SERVICE_EVENTS_H
+#endif  // AGENT_SERVICE_EVENTS_H_

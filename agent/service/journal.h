@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_SERVICE_JOURNAL_H
-#define AGENT_SERVICE_JOURNAL_H
+#ifndef AGENT_SERVICE_JOURNAL_H_
+#define AGENT_SERVICE_JOURNAL_H_
 
 #include <cstddef>
 #include <map>
@@ -34,4 +34,4 @@ void WriteJournal(const std::string& file, const Journal& journal);
 
 }  // namespace sim
 
-#endif  // AGENT_SERVICE_JOURNAL_H
+#endif  // AGENT_SERVICE_JOURNAL_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_SERVICE_LOG_TAG_H
-#define AGENT_SERVICE_LOG_TAG_H
+#ifndef AGENT_SERVICE_LOG_TAG_H_
+#define AGENT_SERVICE_LOG_TAG_H_
 
 namespace sim {
 
@@ -9,4 +9,4 @@ inline constexpr char kLogTag[] = "SVCMGR_SIM_AGENT";
 
 }  // namespace sim
 
-#endif  // AGENT_SERVICE_LOG_TAG_H
+#endif  // AGENT_SERVICE_LOG_TAG_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_SERVICE_MODEL_STORE_H
-#define AGENT_SERVICE_MODEL_STORE_H
+#ifndef AGENT_SERVICE_MODEL_STORE_H_
+#define AGENT_SERVICE_MODEL_STORE_H_
 
 #include <cstdint>
 #include <string>
@@ -88,4 +88,4 @@ class ModelCopy {
 
 }  // namespace sim
 
-#endif  // AGENT_SERVICE_MODEL_STORE_H
+#endif  // AGENT_SERVICE_MODEL_STORE_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_SERVICE_MODEL_WORK_H
-#define AGENT_SERVICE_MODEL_WORK_H
+#ifndef AGENT_SERVICE_MODEL_WORK_H_
+#define AGENT_SERVICE_MODEL_WORK_H_
 
 #include <cstdint>
 #include <list>
@@ -70,4 +70,4 @@ class ModelWork {
 
 }  // namespace sim
 
-#endif  // AGENT_SERVICE_MODEL_WORK_H
+#endif  // AGENT_SERVICE_MODEL_WORK_H_

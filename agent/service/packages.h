@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_SERVICE_PACKAGES_H
-#define AGENT_SERVICE_PACKAGES_H
+#ifndef AGENT_SERVICE_PACKAGES_H_
+#define AGENT_SERVICE_PACKAGES_H_
 
 #include <string>
 
@@ -16,4 +16,4 @@ std::string InstalledVersion(const std::string& id);
 
 }  // namespace sim
 
-#endif  // AGENT_SERVICE_PACKAGES_H
+#endif  // AGENT_SERVICE_PACKAGES_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_SERVICE_UPDATE_RUNNER_H
-#define AGENT_SERVICE_UPDATE_RUNNER_H
+#ifndef AGENT_SERVICE_UPDATE_RUNNER_H_
+#define AGENT_SERVICE_UPDATE_RUNNER_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -85,4 +85,4 @@ class UpdateRunner {
 
 }  // namespace sim
 
-#endif  // AGENT_SERVICE_UPDATE_RUNNER_H
+#endif  // AGENT_SERVICE_UPDATE_RUNNER_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_WORLD_CHILD_H
-#define AGENT_WORLD_CHILD_H
+#ifndef AGENT_WORLD_CHILD_H_
+#define AGENT_WORLD_CHILD_H_
 
 #include <signal.h>
 #include <sys/types.h>
@@ -44,4 +44,4 @@ pid_t StartChild(const ChildSetup& setup);
 
 }  // namespace sim
 
-#endif  // AGENT_WORLD_CHILD_H
+#endif  // AGENT_WORLD_CHILD_H_

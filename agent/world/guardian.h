@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_WORLD_GUARDIAN_H
-#define AGENT_WORLD_GUARDIAN_H
+#ifndef AGENT_WORLD_GUARDIAN_H_
+#define AGENT_WORLD_GUARDIAN_H_
 
 #include <sys/types.h>
 
@@ -40,4 +40,4 @@ class Guardian {
 
 }  // namespace sim
 
-#endif  // AGENT_WORLD_GUARDIAN_H
+#endif  // AGENT_WORLD_GUARDIAN_H_

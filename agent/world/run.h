@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_WORLD_RUN_H
-#define AGENT_WORLD_RUN_H
+#ifndef AGENT_WORLD_RUN_H_
+#define AGENT_WORLD_RUN_H_
 
 #include <optional>
 #include <string>
@@ -32,4 +32,4 @@ int RunInWorld(const ScenarioSource& source, const Scenario& scenario, const Run
 
 }  // namespace sim
 
-#endif  // AGENT_WORLD_RUN_H
+#endif  // AGENT_WORLD_RUN_H_

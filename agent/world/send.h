@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_WORLD_SEND_H
-#define AGENT_WORLD_SEND_H
+#ifndef AGENT_WORLD_SEND_H_
+#define AGENT_WORLD_SEND_H_
 
 #include <string>
 #include <vector>
@@ -21,4 +21,4 @@ int Send(const std::vector<std::string>& words);
 
 }  // namespace sim
 
-#endif  // AGENT_WORLD_SEND_H
+#endif  // AGENT_WORLD_SEND_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_WORLD_WORLD_H
-#define AGENT_WORLD_WORLD_H
+#ifndef AGENT_WORLD_WORLD_H_
+#define AGENT_WORLD_WORLD_H_
 
 #include <string>
 #include <system_error>
@@ -67,4 +67,4 @@ bool RemoveTree(const std::string& folder);
 
 }  // namespace sim
 
-#endif  // AGENT_WORLD_WORLD_H
+#endif  // AGENT_WORLD_WORLD_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef TESTS_AGENT_AGENT_WORLD_H
-#define TESTS_AGENT_AGENT_WORLD_H
+#ifndef TESTS_AGENT_AGENT_WORLD_H_
+#define TESTS_AGENT_AGENT_WORLD_H_
 
 #include <sys/types.h>
 
@@ -44,4 +44,4 @@ class AgentWorld {
   pid_t agent_ = -1;
 };
 
-#endif  // TESTS_AGENT_AGENT_WORLD_H
+#endif  // TESTS_AGENT_AGENT_WORLD_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef TESTS_AGENT_RAW_CLIENT_H
-#define TESTS_AGENT_RAW_CLIENT_H
+#ifndef TESTS_AGENT_RAW_CLIENT_H_
+#define TESTS_AGENT_RAW_CLIENT_H_
 
 #include <rpc-port.h>
 
@@ -58,4 +58,4 @@ class RawClient {
   std::deque<sim::Parcel> answers_;
 };
 
-#endif  // TESTS_AGENT_RAW_CLIENT_H
+#endif  // TESTS_AGENT_RAW_CLIENT_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef TESTS_AGENT_SIM_PROCESS_H
-#define TESTS_AGENT_SIM_PROCESS_H
+#ifndef TESTS_AGENT_SIM_PROCESS_H_
+#define TESTS_AGENT_SIM_PROCESS_H_
 
 #include <sys/types.h>
 
@@ -52,4 +52,4 @@ struct Finished {
 Finished RunSim(const std::vector<std::string>& arguments,
                 const std::function<void()>& prepare = nullptr);
 
-#endif  // TESTS_AGENT_SIM_PROCESS_H
+#endif  // TESTS_AGENT_SIM_PROCESS_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef TESTS_AGENT_TEMP_FOLDER_H
-#define TESTS_AGENT_TEMP_FOLDER_H
+#ifndef TESTS_AGENT_TEMP_FOLDER_H_
+#define TESTS_AGENT_TEMP_FOLDER_H_
 
 #include <stdlib.h>
 
@@ -39,4 +39,4 @@ class TempFolder {
   std::string path_;
 };
 
-#endif  // TESTS_AGENT_TEMP_FOLDER_H
+#endif  // TESTS_AGENT_TEMP_FOLDER_H_

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-#ifndef SVCMGR_FAKE_PLATFORM_H
-#define SVCMGR_FAKE_PLATFORM_H
+#ifndef SVCMGR_FAKE_PLATFORM_H_
+#define SVCMGR_FAKE_PLATFORM_H_
 
 /*
  * The whole of the platform's C interface, scripted and recorded, for tests of the library's
@@ -441,4 +441,4 @@ class PlatformTest : public ::testing::Test {
 
 }  // namespace fake
 
-#endif  // SVCMGR_FAKE_PLATFORM_H
+#endif  // SVCMGR_FAKE_PLATFORM_H_

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-#ifndef SVCMGR_FAKE_PLATFORM_INTERNAL_H
-#define SVCMGR_FAKE_PLATFORM_INTERNAL_H
+#ifndef SVCMGR_FAKE_PLATFORM_INTERNAL_H_
+#define SVCMGR_FAKE_PLATFORM_INTERNAL_H_
 
 #include <cstddef>
 #include <deque>
@@ -281,4 +281,4 @@ struct app_info_s : fake::internal::Object {
   fake::Package package;
 };
 
-#endif  // SVCMGR_FAKE_PLATFORM_INTERNAL_H
+#endif  // SVCMGR_FAKE_PLATFORM_INTERNAL_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef TESTS_INTEGRATION_SCRIPTED_RUN_H
-#define TESTS_INTEGRATION_SCRIPTED_RUN_H
+#ifndef TESTS_INTEGRATION_SCRIPTED_RUN_H_
+#define TESTS_INTEGRATION_SCRIPTED_RUN_H_
 
 #include <string>
 #include <vector>
@@ -35,4 +35,4 @@ class ScriptedWorld {
 Lines Beginning(const std::string& begin, const Lines& lines);
 Lines NotBeginning(const std::string& begin, const Lines& lines);
 
-#endif  // TESTS_INTEGRATION_SCRIPTED_RUN_H
+#endif  // TESTS_INTEGRATION_SCRIPTED_RUN_H_

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-#ifndef SVCMGR_TESTS_UNIT_CLIENT_H
-#define SVCMGR_TESTS_UNIT_CLIENT_H
+#ifndef SVCMGR_TESTS_UNIT_CLIENT_H_
+#define SVCMGR_TESTS_UNIT_CLIENT_H_
 
 // An application as the tests of the client layer need it: it records what its callbacks receive,
 // and can be told to do something inside them.
@@ -125,4 +125,4 @@ class ConnectedTest : public fake::PlatformTest {
 
 }  // namespace client
 
-#endif  // SVCMGR_TESTS_UNIT_CLIENT_H
+#endif  // SVCMGR_TESTS_UNIT_CLIENT_H_

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-#ifndef SVCMGR_CLIENT_LEVEL_SUPPORT_H
-#define SVCMGR_CLIENT_LEVEL_SUPPORT_H
+#ifndef SVCMGR_CLIENT_LEVEL_SUPPORT_H_
+#define SVCMGR_CLIENT_LEVEL_SUPPORT_H_
 
 /* An application's folder, filled by a test. */
 
@@ -113,4 +113,4 @@ class AnApplicationFolder : public fake::PlatformTest {
 
 }  // namespace client_level
 
-#endif  // SVCMGR_CLIENT_LEVEL_SUPPORT_H
+#endif  // SVCMGR_CLIENT_LEVEL_SUPPORT_H_

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-#ifndef SVCMGR_CONNECTION_SUPPORT_H
-#define SVCMGR_CONNECTION_SUPPORT_H
+#ifndef SVCMGR_CONNECTION_SUPPORT_H_
+#define SVCMGR_CONNECTION_SUPPORT_H_
 
 /* The states of the connection, for tests of what is asked over it. */
 
@@ -38,4 +38,4 @@ inline void StandWithoutProxy() {
 
 }  // namespace connection
 
-#endif  // SVCMGR_CONNECTION_SUPPORT_H
+#endif  // SVCMGR_CONNECTION_SUPPORT_H_

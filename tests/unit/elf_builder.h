@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-#ifndef SVCMGR_ELF_BUILDER_H
-#define SVCMGR_ELF_BUILDER_H
+#ifndef SVCMGR_ELF_BUILDER_H_
+#define SVCMGR_ELF_BUILDER_H_
 
 /* ELF files made byte by byte, right ones and wrong ones. */
 
@@ -167,4 +167,4 @@ inline Bytes FileWith(const Marker& marker, Kind kind = Kind::k64) {
 
 }  // namespace elf
 
-#endif  // SVCMGR_ELF_BUILDER_H
+#endif  // SVCMGR_ELF_BUILDER_H_

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-#ifndef SVCMGR_EVENT_SUPPORT_H
-#define SVCMGR_EVENT_SUPPORT_H
+#ifndef SVCMGR_EVENT_SUPPORT_H_
+#define SVCMGR_EVENT_SUPPORT_H_
 
 /* The agent's events, and an application that hears of them. */
 
@@ -120,4 +120,4 @@ inline int State() {
 
 }  // namespace events
 
-#endif  // SVCMGR_EVENT_SUPPORT_H
+#endif  // SVCMGR_EVENT_SUPPORT_H_

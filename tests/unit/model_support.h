@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-#ifndef SVCMGR_MODEL_SUPPORT_H
-#define SVCMGR_MODEL_SUPPORT_H
+#ifndef SVCMGR_MODEL_SUPPORT_H_
+#define SVCMGR_MODEL_SUPPORT_H_
 
 /* What the tests of models and of their queries share. */
 
@@ -131,4 +131,4 @@ struct NameOfRow {
 
 }  // namespace models
 
-#endif  // SVCMGR_MODEL_SUPPORT_H
+#endif  // SVCMGR_MODEL_SUPPORT_H_

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-#ifndef SVCMGR_TESTS_UNIT_PROXY_H
-#define SVCMGR_TESTS_UNIT_PROXY_H
+#ifndef SVCMGR_TESTS_UNIT_PROXY_H_
+#define SVCMGR_TESTS_UNIT_PROXY_H_
 
 // The port proxy on its own, with a listener and delegates that record.
 
@@ -106,4 +106,4 @@ class ConnectedPort : public fake::PlatformTest {
 
 }  // namespace proxy
 
-#endif  // SVCMGR_TESTS_UNIT_PROXY_H
+#endif  // SVCMGR_TESTS_UNIT_PROXY_H_
