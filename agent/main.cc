@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // svcmgr-sim: runs commands beside a simulated agent.
 
-#include <errno.h>
 #include <fcntl.h>
 #include <string.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <exception>
 #include <optional>

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "scenario/scenario_files.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <filesystem>
 

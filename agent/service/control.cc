@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "service/control.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <exception>
 #include <filesystem>

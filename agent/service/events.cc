@@ -5,8 +5,8 @@
 #include <app_event_desktop.h>
 #include <bundle.h>
 #include <dlog.h>
-#include <errno.h>
 
+#include <cerrno>
 #include <stdexcept>
 
 #include "common/platform_error.h"

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "service/model_store.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <functional>

@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "world/child.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include "unique_fd.h"
 

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "world/guardian.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
@@ -13,6 +12,7 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <system_error>
 #include <vector>

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "world/world.h"
 
-#include <errno.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <stdexcept>

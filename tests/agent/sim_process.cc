@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "sim_process.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <stdexcept>
 
 namespace {

@@ -2,13 +2,13 @@
 #ifndef TESTS_SUPPORT_OWN_MOUNTS_H_
 #define TESTS_SUPPORT_OWN_MOUNTS_H_
 
-#include <errno.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <string.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <string>
 
 // Gives the calling process, which must have one thread, a mount table of its own. Empty on success,

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "failing_allocations.h"
 
-#include <errno.h>
 #include <execinfo.h>
 #include <malloc.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <new>
 

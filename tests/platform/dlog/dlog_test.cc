@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <dlog.h>
-#include <errno.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <linux/filter.h>
@@ -17,6 +16,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <functional>

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Whether look-ups are never stale, and cheap.
 
-#include <errno.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <linux/filter.h>
@@ -13,6 +12,7 @@
 #include <sys/syscall.h>
 
 #include <atomic>
+#include <cerrno>
 #include <functional>
 #include <ostream>
 #include <thread>
