@@ -92,7 +92,7 @@ bool EventName::Parse(const char* text, EventName* name) {
 std::unique_ptr<BusConnection> BusConnection::Open(int* error) {
   sd_bus* bus = nullptr;
   *error = sd_bus_open_user(&bus);
-  std::unique_ptr<sd_bus, BusClose> owned(bus);
+  base::Owned<sd_bus, sd_bus_close_unref> owned(bus);
   if (*error < 0) return nullptr;
   std::unique_ptr<BusConnection> connection(new BusConnection(std::move(owned)));
   sd_bus_slot* signals = nullptr;

@@ -149,7 +149,7 @@ class BusConnection {
     Slot question;
   };
 
-  explicit BusConnection(std::unique_ptr<sd_bus, BusClose> bus) : bus_(std::move(bus)) {}
+  explicit BusConnection(base::Owned<sd_bus, sd_bus_close_unref> bus) : bus_(std::move(bus)) {}
   template <typename Done>
   void Await(uint64_t deadline, Done done);
   int Step();
