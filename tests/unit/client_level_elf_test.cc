@@ -23,11 +23,7 @@ using ::testing::SizeIs;
 
 namespace fs = std::filesystem;
 
-bool IsElf(const fs::path& file) {
-  return binutils::BytesAt(file, 0, 4) ==
-         "\x7f"
-         "ELF";
-}
+bool IsElf(const fs::path& file) { return binutils::BytesAt(file, 0, 4) == elf::kMagic; }
 
 std::vector<std::string> ElfFilesBelow(const fs::path& folder) {
   std::vector<std::string> files;

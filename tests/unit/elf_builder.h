@@ -15,6 +15,9 @@ namespace elf {
 
 using Bytes = std::string;
 
+/** What each ELF file begins with. */
+inline constexpr char kMagic[] = "\177ELF";
+
 /** A number in little-endian bytes. */
 inline Bytes Little(std::uint64_t number, std::size_t size) {
   Bytes bytes;
@@ -125,9 +128,7 @@ class Builder {
 
   Bytes FileHeader(std::uint64_t table_offset) const {
     Bytes header(HeaderSize(), file_filler_);
-    Put(header, 0,
-        Bytes("\x7f"
-              "ELF"));
+    Put(header, 0, kMagic);
     Put(header, 4, Little(static_cast<std::uint64_t>(class_byte_), 1));
     Put(header, 5, Little(static_cast<std::uint64_t>(data_byte_), 1));
     const bool is_32 = kind_ == Kind::k32;
