@@ -102,15 +102,9 @@ TEST_F(AgentInfo, HasNoLicenceTextWhenKyrIsDisabled) {
 TEST_F(AgentInfo, HandsOutNullWhenTheLicenceTextCannotBeCopied) {
   connection::Stand();
   fake::QueueReply({"A licence"});
-  bool happened = false;
-  int result = -1;
-  {
-    const fake::FailingAllocation failing(fake::Allocator::kStrdup);
-    result = velmora_svcmgr_get_license_fulltext(&text);
-    happened = failing.Happened();
-  }
-  EXPECT_TRUE(happened);
-  EXPECT_EQ(result, SVCMGR_ERROR_NONE);
+  const fake::FailingAllocation failing(fake::Allocator::kStrdup);
+  EXPECT_EQ(velmora_svcmgr_get_license_fulltext(&text), SVCMGR_ERROR_NONE);
+  EXPECT_TRUE(failing.Happened());
   EXPECT_EQ(text, nullptr);
   EXPECT_THAT(fake::Logs(), IsEmpty());
 }

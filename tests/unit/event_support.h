@@ -28,21 +28,14 @@ inline std::string RefusalOf(int code, const std::string& event) {
   return "err: [" + std::to_string(code) + " (" + fake::ErrorText(code) + ")] - [" + event + "]";
 }
 
-/** Receives update statuses; passed as user data. */
-struct Statuses {
-  std::vector<int> received;
-  std::function<void()> inside;  // runs inside the next callback, once
-
-  static void Callback(int status, void* user_data) {
-    auto* const self = static_cast<Statuses*>(user_data);
-    self->received.push_back(status);
-    std::function<void()> action;
-    action.swap(self->inside);
-    if (action) action();
+/** The records but for those of entering an exported function. */
+inline std::vector<fake::LogRecord> Errors() {
+  std::vector<fake::LogRecord> errors;
+  for (const fake::LogRecord& record : fake::Logs()) {
+    if (record.priority == DLOG_ERROR) errors.push_back(record);
   }
-
-  int Set() { return velmora_svcmgr_set_update_status_cb(Callback, this); }
-};
+  return errors;
+}
 
 /** What a model status callback received. */
 struct ModelNotice {
@@ -56,20 +49,55 @@ inline std::ostream& operator<<(std::ostream& out, const ModelNotice& notice) {
   return out << "(error " << notice.error << ", status " << notice.status << ')';
 }
 
-/** Receives model statuses; passed as user data. */
-struct ModelStatuses {
-  std::vector<ModelNotice> received;
+/** Receives statuses; passed as user data. */
+template <typename Status>
+struct Receiver {
+  std::vector<Status> received;
   std::function<void()> inside;  // runs inside the next callback, once
 
-  static void Callback(int error, int status, void* user_data) {
-    auto* const self = static_cast<ModelStatuses*>(user_data);
-    self->received.push_back({error, status});
+ protected:
+  static void Receive(const Status& status, void* user_data) {
+    auto* const self = static_cast<Receiver*>(user_data);
+    self->received.push_back(status);
     std::function<void()> action;
     action.swap(self->inside);
     if (action) action();
   }
+};
 
+/** Receives update statuses. */
+struct Statuses : Receiver<int> {
+  static void Callback(int status, void* user_data) { Receive(status, user_data); }
+  int Set() { return velmora_svcmgr_set_update_status_cb(Callback, this); }
+  static int Unset() { return velmora_svcmgr_unset_update_status_cb(); }
+};
+
+/** Receives model statuses. */
+struct ModelStatuses : Receiver<ModelNotice> {
+  static void Callback(int error, int status, void* user_data) {
+    Receive({error, status}, user_data);
+  }
   int Set() { return velmora_svcmgr_ai_register_status_cb(Callback, this); }
+  static int Unset() { return velmora_svcmgr_ai_deregister_status_cb(); }
+};
+
+/** Statuses are received from the first line of a test on. */
+template <typename Received>
+class AReceived : public fake::PlatformTest {
+ protected:
+  void SetUp() override {
+    PlatformTest::SetUp();
+    ASSERT_EQ(statuses.Set(), 0);
+    fake::ClearRecord();
+    fake::AllowHeld(fake::Kind::kEventHandler, 1);
+  }
+
+  void TearDown() override {
+    Received::Unset();
+    PlatformTest::TearDown();
+  }
+
+  Received statuses;
 };
 
 /** Delivers an event that holds a text under each key; returns how many handlers ran. */

@@ -20,6 +20,7 @@
 
 namespace {
 
+using events::Errors;
 using events::kAdd;
 using events::kRemove;
 using fake::IsError;
@@ -115,15 +116,6 @@ const std::vector<Subscriber> kSubscribers = {
 class EachSubscriber : public fake::PlatformTest, public testing::WithParamInterface<std::size_t> {
  protected:
   static const Subscriber& It() { return kSubscribers[GetParam()]; }
-
-  /** The records but for those of entering an exported function. */
-  static std::vector<fake::LogRecord> Errors() {
-    std::vector<fake::LogRecord> errors;
-    for (const fake::LogRecord& record : fake::Logs()) {
-      if (record.priority == DLOG_ERROR) errors.push_back(record);
-    }
-    return errors;
-  }
 
   int count = 0;
 };

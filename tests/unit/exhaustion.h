@@ -7,6 +7,7 @@
 #include <fake_platform.h>
 
 #include <functional>
+#include <new>
 #include <string>
 
 namespace exhaustion {
@@ -35,6 +36,14 @@ inline int ForEachFailingAllocation(const std::function<void()>& prepare,
   }
   ADD_FAILURE() << "the allocations do not end";
   return kMost;
+}
+
+/** Delivers a message; memory may run out outside the library too, in what delivers it. */
+inline void Receive() {
+  try {
+    fake::Proxy().FireReceived();
+  } catch (const std::bad_alloc&) {
+  }
 }
 
 }  // namespace exhaustion

@@ -120,8 +120,6 @@ std::vector<Method> Methods() {
 class EachMethod : public proxy::ConnectedPort, public testing::WithParamInterface<Method> {
  protected:
   void Call() { GetParam().call(*port, &record); }
-
-  Delegate::Record record;
 };
 
 INSTANTIATE_TEST_SUITE_P(OfTheCatalogue, EachMethod, testing::ValuesIn(Methods()),
@@ -200,7 +198,6 @@ TEST_F(ARequest, WritesTheAgentsCountAsItStands) {
 }
 
 TEST_F(ARequest, WritesTheModelsCountAsItStands) {
-  Delegate::Record record;
   port->RequestToUninstall(MakeDelegate(&record, false, DelegateId::RequestToUninstall),
                            ModelsOf(-7, {"m"}));
   EXPECT_THAT(fake::SentParcels()[0].items,
@@ -208,7 +205,6 @@ TEST_F(ARequest, WritesTheModelsCountAsItStands) {
 }
 
 TEST_F(ARequest, WritesTheDelegatesOwnOnceFlagAndSequenceNumber) {
-  Delegate::Record record;
   MakeDelegate(&record);
   port->GetUsableModelList(MakeDelegate(&record, /*once=*/true), "a", "1");
   EXPECT_THAT(fake::SentParcels()[0].items, ElementsAre(5, 1, 1, true, "a", "1"));

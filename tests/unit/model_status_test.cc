@@ -30,21 +30,17 @@ constexpr ModelNotice kFailed{0, 24};
 
 /* Events. */
 
-class AModelStatus : public fake::PlatformTest {
+class AModelStatus : public events::AReceived<events::ModelStatuses> {
  protected:
-  void SetUp() override {
-    PlatformTest::SetUp();
-    ASSERT_EQ(statuses.Set(), 0);
-    fake::ClearRecord();
-    fake::AllowHeld(fake::Kind::kEventHandler, 1);
+  /** Nothing is received, of which this is the record. */
+  void ExpectDropped(const testing::Matcher<const fake::LogRecord&>& record) const {
+    EXPECT_THAT(statuses.received, IsEmpty());
+    EXPECT_THAT(fake::Logs(), ElementsAre(record));
   }
 
-  void TearDown() override {
-    velmora_svcmgr_ai_deregister_status_cb();
-    PlatformTest::TearDown();
+  static testing::Matcher<const fake::LogRecord&> Error(const std::string& text) {
+    return IsError(kHandler, kCallback, text);
   }
-
-  events::ModelStatuses statuses;
 };
 
 struct Row {
@@ -83,8 +79,7 @@ TEST_P(AKey, CountsWhateverItsTextIs) {
 
 TEST_P(AKey, OfAnotherTypeIsUnknown) {
   fake::FireEvent(kModelStatus, BundleBuilder().Int(GetParam().key, 1));
-  EXPECT_THAT(statuses.received, IsEmpty());
-  EXPECT_THAT(fake::Logs(), ElementsAre(IsError(kHandler, kCallback, "Received Unknown State")));
+  ExpectDropped(Error("Received Unknown State"));
 }
 
 TEST_P(AKey, LeavesTheUpdateStateAlone) {
@@ -110,8 +105,7 @@ TEST_P(AMixture, CountsByItsFirstKeyAlone) {
   if (start) keys.emplace_back("START");
   events::Announce(kModelStatus, keys);
   if (!start && !completed && !failed) {
-    EXPECT_THAT(statuses.received, IsEmpty());
-    EXPECT_THAT(fake::Logs(), ElementsAre(IsError(kHandler, kCallback, "Received Unknown State")));
+    ExpectDropped(Error("Received Unknown State"));
   } else {
     EXPECT_THAT(statuses.received, ElementsAre(start       ? kStarted
                                                : completed ? kCompleted
@@ -139,17 +133,13 @@ TEST_F(AModelStatus, OfNoNameIsInvalid) {
   fake::FireEventAt(kModelStatus, nullptr, data.get());
   EXPECT_THAT(fake::Trace(),
               ElementsAre("E ModelEventCallback: EVENT CALLBACK : INVALID PARAMETER"));
-  EXPECT_THAT(fake::Logs(),
-              ElementsAre(IsError(kHandler, kCallback, "EVENT CALLBACK : INVALID PARAMETER")));
-  EXPECT_THAT(statuses.received, IsEmpty());
+  ExpectDropped(Error("EVENT CALLBACK : INVALID PARAMETER"));
 }
 
 TEST_F(AModelStatus, OfNoDataIsInvalid) {
   fake::FireEventAt(kModelStatus, kModelStatus, nullptr);
-  EXPECT_THAT(fake::Logs(),
-              ElementsAre(IsError(kHandler, kCallback, "EVENT CALLBACK : INVALID PARAMETER")));
+  ExpectDropped(Error("EVENT CALLBACK : INVALID PARAMETER"));
   EXPECT_THAT(fake::Calls(), IsEmpty());
-  EXPECT_THAT(statuses.received, IsEmpty());
 }
 
 class AForeignName : public AModelStatus, public testing::WithParamInterface<const char*> {};
@@ -159,8 +149,7 @@ TEST_P(AForeignName, IsUnknown) {
   data.Str("START", "");
   fake::FireEventAt(kModelStatus, GetParam(), data.get());
   EXPECT_THAT(fake::Trace(), ElementsAre("E ModelEventCallback: Received Unknown Event"));
-  EXPECT_THAT(fake::Logs(), ElementsAre(IsError(kHandler, kCallback, "Received Unknown Event")));
-  EXPECT_THAT(statuses.received, IsEmpty());
+  ExpectDropped(Error("Received Unknown Event"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, AForeignName,
@@ -183,22 +172,18 @@ class WithoutACallback : public AModelStatus {
 TEST_F(WithoutACallback, AModelStatusIsRecordedAndDropped) {
   EXPECT_EQ(events::Announce(kModelStatus, {"START"}), 1);
   EXPECT_THAT(fake::Trace(), ElementsAre("I ModelEventCallback: There is no registered callback"));
-  EXPECT_THAT(fake::Logs(),
-              ElementsAre(IsInfo(kHandler, kCallback, "There is no registered callback")));
-  EXPECT_THAT(statuses.received, IsEmpty());
+  ExpectDropped(IsInfo(kHandler, kCallback, "There is no registered callback"));
 }
 
 TEST_F(WithoutACallback, AForeignNameIsNotLookedAt) {
   BundleBuilder data;
   fake::FireEventAt(kModelStatus, "event.other", data.get());
-  EXPECT_THAT(fake::Logs(),
-              ElementsAre(IsInfo(kHandler, kCallback, "There is no registered callback")));
+  ExpectDropped(IsInfo(kHandler, kCallback, "There is no registered callback"));
 }
 
 TEST_F(WithoutACallback, MissingDataIsStillInvalid) {
   fake::FireEventAt(kModelStatus, kModelStatus, nullptr);
-  EXPECT_THAT(fake::Logs(),
-              ElementsAre(IsError(kHandler, kCallback, "EVENT CALLBACK : INVALID PARAMETER")));
+  ExpectDropped(Error("EVENT CALLBACK : INVALID PARAMETER"));
 }
 
 /* Inside the callback. */
@@ -239,8 +224,7 @@ TEST_F(AModelStatus, SurvivesACallbackThatThrows) {
 TEST_F(AModelStatus, SurvivesABundleThatThrows) {
   fake::Next("bundle_get_str", fake::Throw(std::runtime_error("no")));
   events::Announce(kModelStatus, {"START"});
-  EXPECT_THAT(fake::Logs(), ElementsAre(IsError(kHandler, kCallback, "Unknown Exception")));
-  EXPECT_THAT(statuses.received, IsEmpty());
+  ExpectDropped(Error("Unknown Exception"));
 }
 
 }  // namespace

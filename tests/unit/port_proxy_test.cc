@@ -148,7 +148,6 @@ INSTANTIATE_TEST_SUITE_P(InAnyWay, ACallbackPort,
 using AConnectedPort = proxy::ConnectedPort;
 
 TEST_F(AConnectedPort, DropsItsDelegatesBeforeItTellsOfADisconnection) {
-  Delegate::Record record;
   Post(&record);
   Post(&record);
   int alive_at_listener = -1;
@@ -162,14 +161,12 @@ TEST_F(AConnectedPort, KeepsItsPortsAfterADisconnection) {
   fake::Proxy().FireDisconnected();
   fake::QueueReply({11});
   EXPECT_EQ(port->get_agent_api_level(), 11);
-  Delegate::Record record;
   const int seq = Post(&record);
   fake::DeliverDelegateMessage(1, seq, {});
   EXPECT_EQ(record.messages, 1);
 }
 
 TEST_F(AConnectedPort, OnlyTellsOfARejection) {
-  Delegate::Record record;
   Post(&record);
   fake::ClearRecord();
   fake::Proxy().FireRejected();
@@ -180,7 +177,6 @@ TEST_F(AConnectedPort, OnlyTellsOfARejection) {
 }
 
 TEST_F(AConnectedPort, DestroysPendingDelegatesWithItself) {
-  Delegate::Record record;
   Post(&record);
   Post(&record);
   EXPECT_EQ(record.alive, 2);
@@ -192,7 +188,6 @@ TEST_F(AConnectedPort, DestroysPendingDelegatesWithItself) {
 /* Dispatch. */
 
 TEST_F(AConnectedPort, HandsAMessageToItsDelegate) {
-  Delegate::Record record;
   const int seq = Post(&record);
   int payload = 0;
   record.inside = [&](rpc_port_parcel_h parcel) { rpc_port_parcel_read_int32(parcel, &payload); };
@@ -223,7 +218,6 @@ TEST_F(AConnectedPort, DoesNotTouchTheGarbageOfAMessageThatCannotBeReceived) {
 }
 
 TEST_F(AConnectedPort, DoesNotUseTheOnceFlagOfAMessage) {
-  Delegate::Record record;
   const int seq = Post(&record);
   fake::DeliverDelegateMessage(1, seq, {}, /*once=*/true);
   fake::DeliverDelegateMessage(1, seq, {}, /*once=*/true);
@@ -245,7 +239,6 @@ TEST_F(AConnectedPort, RemovesAOneShotDelegateAfterItsFirstMessage) {
 }
 
 TEST_F(AConnectedPort, KeepsAOneShotDelegateAliveThroughItsOwnMessage) {
-  Delegate::Record record;
   const int seq = Post(&record, /*once=*/true);
   int alive_inside = 0;
   record.inside = [&](rpc_port_parcel_h) { alive_inside = record.alive; };
@@ -276,7 +269,6 @@ TEST_F(AConnectedPort, WantsIdAndSequenceNumberToMatch) {
 class AnotherCommand : public proxy::ConnectedPort, public testing::WithParamInterface<int> {};
 
 TEST_P(AnotherCommand, OnTheCallbackPortIsDropped) {
-  Delegate::Record record;
   const int seq = Post(&record);
   fake::ClearRecord();
   fake::DeliverMessage({GetParam(), 1, seq, false});
@@ -294,7 +286,6 @@ class AnUnreadableHeader : public proxy::ConnectedPort,
                            public testing::WithParamInterface<std::size_t> {};
 
 TEST_P(AnUnreadableHeader, DropsTheMessage) {
-  Delegate::Record record;
   const int seq = Post(&record);
   ASSERT_EQ(seq, 0);  // what an unread number would be
   fake::ClearRecord();
@@ -314,17 +305,17 @@ TEST_F(AConnectedPort, FindsEachOfAHundredThousandDelegates) {
   fake::SetRecording(false);
   std::vector<Delegate::Record> records(kDelegates);
   std::vector<int> seqs;
-  for (Delegate::Record& record : records) seqs.push_back(Post(&record));
+  for (Delegate::Record& each : records) seqs.push_back(Post(&each));
   for (const std::size_t i : {0U, 1U, 49999U, 99998U, 99999U}) {
     fake::DeliverDelegateMessage(1, seqs[i], {});
     EXPECT_EQ(records[i].messages, 1) << i;
   }
   int messages = 0;
-  for (const Delegate::Record& record : records) messages += record.messages;
+  for (const Delegate::Record& each : records) messages += each.messages;
   EXPECT_EQ(messages, 5);
   fake::Proxy().FireDisconnected();
   int alive = 0;
-  for (const Delegate::Record& record : records) alive += record.alive;
+  for (const Delegate::Record& each : records) alive += each.alive;
   EXPECT_EQ(alive, 0);
 }
 
@@ -360,7 +351,6 @@ TEST(TheSequenceNumber, IsUniqueAcrossThreads) {
 /* Requests with a delegate. */
 
 TEST_F(AConnectedPort, KeepsTheDelegateOfARequestThatCouldNotBeSent) {
-  Delegate::Record record;
   auto delegate = MakeDelegate(&record);
   const int seq = delegate->seq();
   fake::Next("rpc_port_parcel_send", fake::Fail(-32));
@@ -376,7 +366,6 @@ TEST_F(AConnectedPort, KeepsTheDelegateOfARequestThatCouldNotBeSent) {
 }
 
 TEST_F(AConnectedPort, ReleasesTheParcelOfAFailedSendBehindItsRecord) {
-  Delegate::Record record;
   fake::Next("rpc_port_parcel_send", fake::Fail(-5));
   EXPECT_THROW(Post(&record), proxy::InvalidIOException);
   const auto trace = fake::Trace();
@@ -387,7 +376,6 @@ TEST_F(AConnectedPort, ReleasesTheParcelOfAFailedSendBehindItsRecord) {
 }
 
 TEST_F(AConnectedPort, DispatchesAnAnswerThatArrivesInsideTheSend) {
-  Delegate::Record record;
   auto delegate = MakeDelegate(&record);
   const int seq = delegate->seq();
   fake::Next("rpc_port_parcel_send", fake::Hook([&] { fake::DeliverDelegateMessage(1, seq, {}); }));
@@ -416,7 +404,6 @@ TEST_F(AConnectedPort, DoesNotTouchTheGarbageOfAReplyThatCannotBeReceived) {
 }
 
 TEST_F(AConnectedPort, DiscardsStrayMessagesAndWaitsOn) {
-  Delegate::Record record;
   const int seq = Post(&record);
   fake::QueueStray(1, {1, seq, false});
   fake::QueueStray(2);
@@ -468,7 +455,6 @@ TEST_F(AConnectedPort, BuildsItsParcelBeforeItTakesTheLock) {
 }
 
 TEST_F(AConnectedPort, DispatchesWhileAnotherThreadWaitsForAReply) {
-  Delegate::Record record;
   const int seq = Post(&record);
   fake::QueueReply({11});
   fake::Next("rpc_port_parcel_create_from_port", fake::Succeed().Entering([&] {
@@ -480,7 +466,6 @@ TEST_F(AConnectedPort, DispatchesWhileAnotherThreadWaitsForAReply) {
 }
 
 TEST_F(AConnectedPort, HoldsNoLockWhenItCallsADelegate) {
-  Delegate::Record record;
   const int seq = Post(&record);
   int level = 0;
   record.inside = [&](rpc_port_parcel_h) {

@@ -93,14 +93,15 @@ class ConnectedPort : public fake::PlatformTest {
   }
 
   /** Sends a request with a delegate of its own; returns the delegate's sequence number. */
-  int Post(Delegate::Record* record, bool once = false) {
-    auto delegate = MakeDelegate(record, once);
+  int Post(Delegate::Record* its_record, bool once = false) {
+    auto delegate = MakeDelegate(its_record, once);
     const int seq = delegate->seq();
     port->GetUsableModelList(std::move(delegate), "id", "version");
     return seq;
   }
 
   Listener listener;
+  Delegate::Record record;
   std::shared_ptr<SvcMgrAppPort> port;
 };
 

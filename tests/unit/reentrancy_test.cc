@@ -4,7 +4,6 @@
 #include <SvcMgrAppProxyHandler.h>
 #include <agent_update_state.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <functional>
 #include <iterator>
@@ -39,6 +38,10 @@ struct World {
   Models more;        // for requests made inside a callback
 };
 
+using Act = std::function<void()>;
+template <typename Place>
+using Fire = std::function<void(Place&, Act)>;  // fires, and acts inside the callback
+
 struct Action {
   const char* name;
   std::function<void(World&)> run;
@@ -46,7 +49,7 @@ struct Action {
 
 struct Event {
   const char* name;
-  std::function<void(World&, std::function<void()>)> fire;  // fires, and acts inside the callback
+  Fire<World> fire;
 };
 
 void PrintTo(const Action& action, std::ostream* out) { *out << action.name; }
@@ -59,10 +62,24 @@ void Replace(World& world) {
   EXPECT_EQ(world.second.Connect(), 0);
 }
 
+void Accept() { fake::Proxy().FireConnected(); }
+void Drop() { fake::Proxy().FireDisconnected(); }
+void Reject() { fake::Proxy().FireRejected(); }
+
 void ReplaceAndComplete(World& world) {
   Replace(world);
-  fake::Proxy().FireConnected();
+  Accept();
 }
+
+void SendMore(World& world) { world.more.Request(); }
+
+void AskAndWait(World&) {
+  int level = 0;
+  fake::QueueReply({11});
+  velmora_svcmgr_get_agent_api_level(&level);
+}
+
+void AnswerRequest(World&) { fake::DeliverDelegateMessage(1, 0, EmptyList(0)); }
 
 const std::vector<Action> kActions = {
     {"Disconnects", Disconnect},
@@ -70,125 +87,71 @@ const std::vector<Action> kActions = {
     {"ConnectsAgainAndIsConnected", ReplaceAndComplete},
     {"ConnectsOver",
      [](World& world) { EXPECT_THAT(world.second.Connect(), testing::AnyOf(0, -106)); }},
-    {"SendsMore", [](World& world) { world.more.Request(); }},
-    {"AsksAndWaits",
-     [](World&) {
-       int level = 0;
-       fake::QueueReply({11});
-       velmora_svcmgr_get_agent_api_level(&level);
-     }},
-    {"IsDropped", [](World&) { fake::Proxy().FireDisconnected(); }},
-    {"IsRejected", [](World&) { fake::Proxy().FireRejected(); }},
-    {"ReceivesAnotherMessage", [](World&) { fake::DeliverDelegateMessage(1, 0, EmptyList(0)); }},
+    {"SendsMore", SendMore},
+    {"AsksAndWaits", AskAndWait},
+    {"IsDropped", [](World&) { Drop(); }},
+    {"IsRejected", [](World&) { Reject(); }},
+    {"ReceivesAnotherMessage", AnswerRequest},
 };
 
+/** Acts inside the callback of a connection, which is notified. */
+template <typename Place>
+Fire<Place> Notified(void (*notify)()) {
+  return [=](Place& place, Act act) {
+    place.connection.inside = std::move(act);
+    notify();
+  };
+}
+
+/** Acts inside a call of the platform, which `run` makes. */
+Fire<World> Inside(const char* function, void (*run)(World&),
+                   fake::Step (*step)(Act act) = fake::Hook) {
+  return [=](World& world, Act act) {
+    fake::Next(function, step(std::move(act)));
+    run(world);
+  };
+}
+
+/** Acts inside the callback of a connection that stands before the attempt has its result. */
+Fire<World> InsideAConnect(const fake::Step& result) {
+  return [=](World& world, const Act& act) {
+    Disconnect(world);
+    fake::Next("rpc_port_proxy_connect", fake::Step(result).Entering([&world, act] {
+      world.connection.inside = act;
+      Accept();
+    }));
+    world.connection.Connect();
+  };
+}
+
 const std::vector<Event> kEvents = {
-    {"Connected",
-     [](World& world, std::function<void()> act) {
-       world.connection.inside = std::move(act);
-       fake::Proxy().FireConnected();  // once more, as a platform might
-     }},
-    {"Disconnected",
-     [](World& world, std::function<void()> act) {
-       world.connection.inside = std::move(act);
-       fake::Proxy().FireDisconnected();
-     }},
-    {"Rejected",
-     [](World& world, std::function<void()> act) {
-       world.connection.inside = std::move(act);
-       fake::Proxy().FireRejected();
-     }},
+    {"Connected", Notified<World>(Accept)},  // once more, as a platform might
+    {"Disconnected", Notified<World>(Drop)},
+    {"Rejected", Notified<World>(Reject)},
     {"Answered",
-     [](World& world, std::function<void()> act) {
+     [](World& world, Act act) {
        world.models.inside = std::move(act);
-       fake::DeliverDelegateMessage(1, 0, EmptyList(0));
+       AnswerRequest(world);
      }},
-    {"InsideASend",
-     [](World& world, std::function<void()> act) {
-       fake::Next("rpc_port_parcel_send", fake::Hook(std::move(act)));
-       world.more.Request();
-     }},
+    {"InsideASend", Inside("rpc_port_parcel_send", SendMore)},
     {"InsideASendThatFails",
-     [](World& world, std::function<void()> act) {
-       fake::Next("rpc_port_parcel_send", fake::FailAfterWork(-5).Leaving(std::move(act)));
-       world.more.Request();
-     }},
-    {"InsideASendThatIsAnswered",
-     [](World&, std::function<void()> act) {
-       fake::Next("rpc_port_parcel_send", fake::Hook(std::move(act)));
-       fake::QueueReply({7});
-       int level = 0;
-       velmora_svcmgr_get_agent_api_level(&level);
-     }},
-    {"InsideAReceive",
-     [](World&, std::function<void()> act) {
-       fake::QueueReply({7});
-       fake::Next("rpc_port_parcel_create_from_port", fake::Hook(std::move(act)));
-       int level = 0;
-       velmora_svcmgr_get_agent_api_level(&level);
-     }},
-    {"WhileARequestIsBuilt",
-     [](World& world, std::function<void()> act) {
-       fake::Next("rpc_port_parcel_write_string", fake::Hook(std::move(act)));
-       world.more.Request();
-     }},
-    {"WhileAQueryIsBuilt",
-     [](World&, std::function<void()> act) {
-       fake::Next("rpc_port_parcel_write_int32", fake::Hook(std::move(act)));
-       fake::QueueReply({7});
-       int level = 0;
-       velmora_svcmgr_get_agent_api_level(&level);
-     }},
-    {"WhileTheIdentityIsRead",
-     [](World& world, std::function<void()> act) {
-       fake::Next("app_get_version", fake::Hook(std::move(act)));
-       world.more.Request();
-     }},
-    {"InsideTheAvailabilityCheck",
-     [](World&, std::function<void()> act) {
-       fake::Next("package_info_create", fake::Hook(std::move(act)));
-       fake::QueueReply({7});
-       int level = 0;
-       velmora_svcmgr_get_agent_api_level(&level);
-     }},
-    {"WhileAMessageIsRead",
-     [](World&, std::function<void()> act) {
-       fake::Next("rpc_port_parcel_read_array_count", fake::Hook(std::move(act)));
-       fake::DeliverDelegateMessage(1, 0, EmptyList(0));
-     }},
-    {"WhileAMessageIsReceived",
-     [](World&, std::function<void()> act) {
-       fake::Next("rpc_port_parcel_create_from_port", fake::Hook(std::move(act)));
-       fake::DeliverDelegateMessage(1, 0, EmptyList(0));
-     }},
-    {"WhileTheCallbackPortIsFetched",
-     [](World&, std::function<void()> act) {
-       fake::Next("rpc_port_proxy_get_port", fake::Hook(std::move(act)));
-       fake::Proxy().FireConnected();
-     }},
+     Inside("rpc_port_parcel_send", SendMore,
+            [](Act act) { return fake::FailAfterWork(-5).Leaving(std::move(act)); })},
+    {"InsideASendThatIsAnswered", Inside("rpc_port_parcel_send", AskAndWait)},
+    {"InsideAReceive", Inside("rpc_port_parcel_create_from_port", AskAndWait)},
+    {"WhileARequestIsBuilt", Inside("rpc_port_parcel_write_string", SendMore)},
+    {"WhileAQueryIsBuilt", Inside("rpc_port_parcel_write_int32", AskAndWait)},
+    {"WhileTheIdentityIsRead", Inside("app_get_version", SendMore)},
+    {"InsideTheAvailabilityCheck", Inside("package_info_create", AskAndWait)},
+    {"WhileAMessageIsRead", Inside("rpc_port_parcel_read_array_count", AnswerRequest)},
+    {"WhileAMessageIsReceived", Inside("rpc_port_parcel_create_from_port", AnswerRequest)},
+    {"WhileTheCallbackPortIsFetched", Inside("rpc_port_proxy_get_port", [](World&) { Accept(); })},
     {"WhileTheProxyIsDestroyed",
-     [](World&, std::function<void()> act) {
-       fake::Next("rpc_port_proxy_destroy", fake::Succeed().Entering(std::move(act)));
-       velmora_svcmgr_disconnect();
-     }},
-    {"InsideAConnect",
-     [](World& world, std::function<void()> act) {
-       EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
-       fake::Next("rpc_port_proxy_connect", fake::Succeed().Entering([&world, act] {
-         world.connection.inside = act;
-         fake::Proxy().FireConnected();
-       }));
-       world.connection.Connect();
-     }},
-    {"InsideAConnectThatFails",
-     [](World& world, std::function<void()> act) {
-       EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
-       fake::Next("rpc_port_proxy_connect", fake::Fail(-5).Entering([&world, act] {
-         world.connection.inside = act;
-         fake::Proxy().FireConnected();
-       }));
-       world.connection.Connect();
-     }},
+     Inside(
+         "rpc_port_proxy_destroy", [](World&) { velmora_svcmgr_disconnect(); },
+         [](Act act) { return fake::Succeed().Entering(std::move(act)); })},
+    {"InsideAConnect", InsideAConnect(fake::Succeed())},
+    {"InsideAConnectThatFails", InsideAConnect(fake::Fail(-5))},
 };
 
 class AnAction : public client::ConnectedTest,
@@ -315,11 +278,7 @@ TEST_F(ASubscription, ThatCannotBeEndedInsideItselfIsRecordedAsNotEnded) {
     fake::Next(events::kRemove, fake::Fail(-5));
     fake::ClearRecord();
     kind.subscribe();
-    std::vector<fake::LogRecord> errors = fake::Logs();
-    errors.erase(std::remove_if(errors.begin(), errors.end(),
-                                [](const auto& record) { return record.priority != DLOG_ERROR; }),
-                 errors.end());
-    EXPECT_THAT(errors,
+    EXPECT_THAT(events::Errors(),
                 ElementsAre(fake::IsError("VorlaEventHandler.h", "DeregisterEvent", "err: [-5]"),
                             fake::IsError(kind.file, kind.function, "Failed to deregister event")));
   }
@@ -511,47 +470,35 @@ class Scene {
 struct Occasion {
   const char* name;
   bool lost;  // whether the callback finds the connection lost
-  void (*fire)(Scene&, std::function<void()> act);
+  Fire<Scene> fire;
 };
 
-constexpr Occasion kOccasions[] = {
-    {"connected", false,
-     [](Scene& scene, std::function<void()> act) {
-       scene.connection.inside = std::move(act);
-       fake::Proxy().FireConnected();  // once more, as a platform might
-     }},
-    {"disconnected", true,
-     [](Scene& scene, std::function<void()> act) {
-       scene.connection.inside = std::move(act);
-       fake::Proxy().FireDisconnected();
-     }},
-    {"rejected", true,
-     [](Scene& scene, std::function<void()> act) {
-       scene.connection.inside = std::move(act);
-       fake::Proxy().FireRejected();
-     }},
+const Occasion kOccasions[] = {
+    {"connected", false, Notified<Scene>(Accept)},
+    {"disconnected", true, Notified<Scene>(Drop)},
+    {"rejected", true, Notified<Scene>(Reject)},
     {"model list", false,
-     [](Scene& scene, std::function<void()> act) {
+     [](Scene& scene, Act act) {
        scene.usable.inside = std::move(act);
        fake::DeliverDelegateMessage(1, scene.usable_seq, EmptyList(0));
      }},
     {"version list", false,
-     [](Scene& scene, std::function<void()> act) {
+     [](Scene& scene, Act act) {
        scene.versions.inside = std::move(act);
        fake::DeliverDelegateMessage(3, scene.versions_seq, EmptyList(0));
      }},
     {"progress", false,
-     [](Scene& scene, std::function<void()> act) {
+     [](Scene& scene, Act act) {
        scene.updates.inside = std::move(act);
        fake::DeliverDelegateMessage(4, scene.updates_seq, {0, 1, 0, 1, 50});
      }},
     {"update status", false,
-     [](Scene& scene, std::function<void()> act) {
+     [](Scene& scene, Act act) {
        scene.statuses.inside = std::move(act);
        events::AnnounceStart();
      }},
     {"model status", false,
-     [](Scene& scene, std::function<void()> act) {
+     [](Scene& scene, Act act) {
        scene.model_statuses.inside = std::move(act);
        events::Announce(events::kModelStatus, {"START"});
      }},

@@ -27,20 +27,8 @@ using testing::IsEmpty;
 constexpr char kHandler[] = "UpdateStatusEventHandler.cc";
 constexpr char kAppId[] = "org.example.app";
 
-class AnUpdateStatus : public fake::PlatformTest {
+class AnUpdateStatus : public events::AReceived<events::Statuses> {
  protected:
-  void SetUp() override {
-    PlatformTest::SetUp();
-    ASSERT_EQ(statuses.Set(), 0);
-    fake::ClearRecord();
-    fake::AllowHeld(fake::Kind::kEventHandler, 1);
-  }
-
-  void TearDown() override {
-    velmora_svcmgr_unset_update_status_cb();
-    PlatformTest::TearDown();
-  }
-
   static int AnnounceOwnResult(int result) {
     return fake::FireEvent(kUpdateStatus, BundleBuilder().Int(kAppId, result));
   }
@@ -56,7 +44,11 @@ class AnUpdateStatus : public fake::PlatformTest {
     return lookups;
   }
 
-  events::Statuses statuses;
+  /** Nothing is received, and the update state is what it was. */
+  void ExpectIgnored(int state = 5) const {
+    EXPECT_THAT(statuses.received, IsEmpty());
+    EXPECT_EQ(events::State(), state);
+  }
 };
 
 /* The two tables. */
@@ -85,20 +77,15 @@ std::string CodeName(const testing::TestParamInfo<Translation>& info) {
 
 class ACode : public AnUpdateStatus, public testing::WithParamInterface<Translation> {};
 
-TEST_P(ACode, OfTheApplicationIsTranslated) {
-  events::Enter(5);
-  EXPECT_EQ(AnnounceOwnResult(GetParam().code), 1);
-  EXPECT_THAT(statuses.received, ElementsAre(GetParam().own));
-  EXPECT_EQ(events::State(), 0);
-  EXPECT_THAT(fake::Logs(), IsEmpty());
-}
-
-TEST_P(ACode, OfAFailureIsTranslated) {
-  events::Enter(5);
-  EXPECT_EQ(AnnounceFailure(GetParam().code), 1);
-  EXPECT_THAT(statuses.received, ElementsAre(GetParam().failure));
-  EXPECT_EQ(events::State(), 0);
-  EXPECT_THAT(fake::Logs(), IsEmpty());
+TEST_P(ACode, OfTheApplicationOrOfAFailureIsTranslated) {
+  for (const bool own : {true, false}) {
+    events::Enter(5);
+    statuses.received.clear();
+    EXPECT_EQ((own ? AnnounceOwnResult : AnnounceFailure)(GetParam().code), 1);
+    EXPECT_THAT(statuses.received, ElementsAre(own ? GetParam().own : GetParam().failure));
+    EXPECT_EQ(events::State(), 0);
+    EXPECT_THAT(fake::Logs(), IsEmpty());
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, ACode, testing::ValuesIn(kTranslations), CodeName);
@@ -122,8 +109,7 @@ TEST_F(AnUpdateStatus, IsLookedForInOrder) {
   EXPECT_THAT(Lookups(), ElementsAre("bundle_get_str_array \"Start\"", "app_get_id",
                                      "bundle_get_byte \"org.example.app\"",
                                      "bundle_get_str \"Complete\"", "bundle_get_byte \"Fail\""));
-  EXPECT_THAT(statuses.received, IsEmpty());
-  EXPECT_EQ(events::State(), 5);
+  ExpectIgnored();
   EXPECT_THAT(fake::Logs(), IsEmpty());
 }
 
@@ -142,8 +128,7 @@ TEST_P(AMixture, CountsByItsFirstKeyAlone) {
 
   const int expected = start ? 0 : own ? 4 : complete ? 1 : fail ? 3 : -1;
   if (expected < 0) {
-    EXPECT_THAT(statuses.received, IsEmpty());
-    EXPECT_EQ(events::State(), 2);
+    ExpectIgnored(2);
   } else {
     EXPECT_THAT(statuses.received, ElementsAre(expected));
     EXPECT_EQ(events::State(), start ? 5 : 0);
@@ -157,8 +142,7 @@ INSTANTIATE_TEST_SUITE_P(Each, AMixture,
 TEST_F(AnUpdateStatus, OfAnotherApplicationIsNotHeard) {
   events::Enter(5);
   fake::FireEvent(kUpdateStatus, BundleBuilder().Int("org.example.app2", 0).Int("org.example", 0));
-  EXPECT_THAT(statuses.received, IsEmpty());
-  EXPECT_EQ(events::State(), 5);
+  ExpectIgnored();
 }
 
 TEST_F(AnUpdateStatus, OfAnApplicationThatIsCalledAsAKeyIsItsOwn) {
@@ -173,8 +157,7 @@ TEST_F(AnUpdateStatus, HoldsKeysOfOtherTypesForNothing) {
   fake::FireEvent(
       kUpdateStatus,
       BundleBuilder().Int("Start", 0).Str(kAppId, "0").Int("Complete", 0).Str("Fail", ""));
-  EXPECT_THAT(statuses.received, IsEmpty());
-  EXPECT_EQ(events::State(), 5);
+  ExpectIgnored();
 }
 
 /* Values of bytes. */
@@ -187,8 +170,7 @@ TEST_P(AShortValue, CountsAsAbsent) {
   fake::FireEvent(
       kUpdateStatus,
       BundleBuilder().Bytes(kAppId, bytes, GetParam()).Bytes("Fail", bytes, GetParam()));
-  EXPECT_THAT(statuses.received, IsEmpty());
-  EXPECT_EQ(events::State(), 5);
+  ExpectIgnored();
 }
 
 TEST_P(AShortValue, LetsTheNextKeyCount) {
@@ -207,20 +189,13 @@ TEST_F(AnUpdateStatus, ReadsTheFirstFourBytesOfALongerValue) {
   EXPECT_THAT(statuses.received, ElementsAre(1));
 }
 
-TEST_F(AnUpdateStatus, SurvivesABundleThatHandsOutNoBytes) {
+TEST_F(AnUpdateStatus, IsNoneWhenTheBundleHandsOutNoBytesOrGarbage) {
   events::Enter(5);
-  fake::Always("bundle_get_byte", fake::SucceedWithNull());
-  AnnounceFailure(1);
-  EXPECT_THAT(statuses.received, IsEmpty());
-  EXPECT_EQ(events::State(), 5);
-}
-
-TEST_F(AnUpdateStatus, LooksAtNoGarbageOfAFailingBundle) {
-  events::Enter(5);
-  fake::Always("bundle_get_byte", fake::FailWithGarbage(-5));
-  AnnounceFailure(1);
-  EXPECT_THAT(statuses.received, IsEmpty());
-  EXPECT_EQ(events::State(), 5);
+  for (const fake::Step& step : {fake::SucceedWithNull(), fake::FailWithGarbage(-5)}) {
+    fake::Always("bundle_get_byte", step);
+    AnnounceFailure(1);
+    ExpectIgnored();
+  }
 }
 
 /* The filter by the update state. */
@@ -242,8 +217,7 @@ TEST_P(AnUpdateState, LetsTheApplicationsResultThroughUnlessIdle) {
 TEST_P(AnUpdateState, IsLeftAloneByAnEventWithoutKeys) {
   events::Enter(GetParam());
   fake::FireEvent(kUpdateStatus, BundleBuilder());
-  EXPECT_THAT(statuses.received, IsEmpty());
-  EXPECT_EQ(events::State(), GetParam());
+  ExpectIgnored(GetParam());
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, AnUpdateState, testing::Range(0, 6));
@@ -275,11 +249,16 @@ struct Identity {
 
 void PrintTo(const Identity& row, std::ostream* out) { *out << row.name; }
 
-class AMissingId : public AnUpdateStatus, public testing::WithParamInterface<Identity> {};
+class AMissingId : public AnUpdateStatus, public testing::WithParamInterface<Identity> {
+ protected:
+  void SetUp() override {
+    AnUpdateStatus::SetUp();
+    events::Enter(5);
+    fake::Next("app_get_id", GetParam().step);
+  }
+};
 
 TEST_P(AMissingId, IsRecordedAndTheCommonKeysCount) {
-  events::Enter(5);
-  fake::Next("app_get_id", GetParam().step);
   AnnounceComplete();
   EXPECT_THAT(statuses.received, ElementsAre(1));
   EXPECT_THAT(fake::Logs(),
@@ -289,18 +268,13 @@ TEST_P(AMissingId, IsRecordedAndTheCommonKeysCount) {
 }
 
 TEST_P(AMissingId, LetsAFailureCount) {
-  events::Enter(5);
-  fake::Next("app_get_id", GetParam().step);
   AnnounceFailure(13);
   EXPECT_THAT(statuses.received, ElementsAre(7));
 }
 
 TEST_P(AMissingId, MakesTheApplicationsResultUnheard) {
-  events::Enter(5);
-  fake::Next("app_get_id", GetParam().step);
   fake::FireEvent(kUpdateStatus, BundleBuilder().Int(kAppId, 0).Int("", 0));
-  EXPECT_THAT(statuses.received, IsEmpty());
-  EXPECT_EQ(events::State(), 5);
+  ExpectIgnored();
 }
 
 INSTANTIATE_TEST_SUITE_P(InEachWay, AMissingId,
@@ -320,8 +294,7 @@ TEST_P(AForeignName, IsIgnored) {
   BundleBuilder data;
   data.StrArray("Start", {""}).Str("Complete", "").Int("Fail", 1).Int(kAppId, 0);
   fake::FireEventAt(kUpdateStatus, GetParam(), data.get());
-  EXPECT_THAT(statuses.received, IsEmpty());
-  EXPECT_EQ(events::State(), 5);
+  ExpectIgnored();
   EXPECT_THAT(fake::Trace(), IsEmpty());
 }
 
@@ -335,8 +308,7 @@ INSTANTIATE_TEST_SUITE_P(Each, AForeignName,
 TEST_F(AnUpdateStatus, WithoutDataIsNone) {
   events::Enter(5);
   fake::FireEventAt(kUpdateStatus, kUpdateStatus, nullptr);
-  EXPECT_THAT(statuses.received, IsEmpty());
-  EXPECT_EQ(events::State(), 5);
+  ExpectIgnored();
 }
 
 /* Inside the callback. */
