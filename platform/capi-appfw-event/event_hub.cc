@@ -52,7 +52,7 @@ class EventHub::Use {
 
  private:
   EventHub* const hub_;
-  const std::lock_guard<std::mutex> lock_;
+  const std::lock_guard<OwnedMutex> lock_;
 };
 
 EventHub::EventHub()
@@ -62,14 +62,24 @@ EventHub::EventHub()
 EventHub& EventHub::Get() {
   static EventHub& hub = []() -> EventHub& {
     auto* made = new EventHub;
-    pthread_atfork([] { Get().mutex_.lock(); }, [] { Get().mutex_.unlock(); },
+    pthread_atfork([] { Get().BeforeFork(); }, [] { Get().AfterFork(); },
                    [] {
                      Get().inherited_ = true;
-                     Get().mutex_.unlock();
+                     Get().AfterFork();
                    });
     return *made;
   }();
   return hub;
+}
+
+void EventHub::BeforeFork() {
+  const bool is_own = mutex_.IsOwn();
+  if (!is_own) mutex_.lock();
+  forks_itself_ = is_own;
+}
+
+void EventHub::AfterFork() {
+  if (!forks_itself_) mutex_.unlock();
 }
 
 // A forked child has none of its parent's subscriptions. At its first use of them, not while it is
@@ -263,7 +273,7 @@ std::vector<EventHub::Handler> EventHub::HandlersOf(const std::string& name) {
 }
 
 Wish EventHub::Ask() {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<OwnedMutex> lock(mutex_);
   // Due at once, for the dispatch to let it go.
   if (inherited_) return {-1, 0, 0};
   if (!connection_ || pause_.IsSet()) return {-1, 0, UINT64_MAX};
@@ -276,7 +286,7 @@ Wish EventHub::Ask() {
 void EventHub::Dispatch() {
   bool has_memory = true;
   {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::lock_guard<OwnedMutex> lock(mutex_);
     LeaveParent();
     if (pause_.IsSet()) return;
     if (connection_) has_memory = Process();
@@ -307,7 +317,7 @@ bool EventHub::Process() {
 // When the pause is over.
 void EventHub::GoOn() {
   {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::lock_guard<OwnedMutex> lock(mutex_);
     LeaveParent();
     if (!pause_.IsSet()) return;
     pause_.Stop();
@@ -316,14 +326,14 @@ void EventHub::GoOn() {
 }
 
 void EventHub::Rest() {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<OwnedMutex> lock(mutex_);
   if (connection_ || !pending_.empty()) pause_.SetAfter(kRestMs);
 }
 
 // False if nothing is to be delivered now.
 bool EventHub::TakeNext(Delivery* delivery) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  if (pending_.empty() || pause_.IsSet()) return false;
+  const std::lock_guard<OwnedMutex> lock(mutex_);
+  if (inherited_ || pending_.empty() || pause_.IsSet()) return false;
   ReceivedEvent& event = pending_.front();
   // What a successor says, clients must hear behind the end of its predecessor. Their ports to that
   // one show the end by now, but the main loop polled before: it polls once more, and what it finds
@@ -357,8 +367,8 @@ void EventHub::Deliver() {
 // An earlier handler may have removed this one.
 void EventHub::Call(const Handler& handler, const ReceivedEvent& event, bundle* data) {
   {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (!Has(handler.get())) return;
+    const std::lock_guard<OwnedMutex> lock(mutex_);
+    if (inherited_ || !Has(handler.get())) return;
   }
   handler->callback(event.name.c_str(), data, handler->user_data);
 }

@@ -5,9 +5,11 @@
 #include <app_event.h>
 #include <glib.h>
 
+#include <atomic>
 #include <list>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include "alarm.h"
@@ -21,6 +23,24 @@ struct event_handler {
 };
 
 namespace events {
+
+// Knows whether the calling thread has it: the bus library forks for addresses that name a program.
+class OwnedMutex {
+ public:
+  void lock() {
+    mutex_.lock();
+    owner_ = std::this_thread::get_id();
+  }
+  void unlock() {
+    owner_ = std::thread::id();
+    mutex_.unlock();
+  }
+  bool IsOwn() const { return owner_ == std::this_thread::get_id(); }
+
+ private:
+  std::mutex mutex_;
+  std::atomic<std::thread::id> owner_;
+};
 
 // The process's subscriptions and its connection, which exists while it is needed. What memory does
 // not suffice for is tried again from the main loop.
@@ -42,6 +62,8 @@ class EventHub {
   class Use;
 
   EventHub();
+  void BeforeFork();
+  void AfterFork();
   void LeaveParent();
   int Connect();
   void Disconnect();
@@ -64,7 +86,8 @@ class EventHub {
   void Call(const Handler& handler, const ReceivedEvent& event, bundle* data);
 
   // Guards all that follows. Never held while a handler is called.
-  std::mutex mutex_;
+  OwnedMutex mutex_;
+  bool forks_itself_ = false;  // while a process is forked: by the thread that has the mutex
   std::vector<Handler> handlers_;
   std::unique_ptr<BusConnection> connection_;
   GSource* source_ = nullptr;  // where there is a connection

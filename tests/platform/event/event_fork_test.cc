@@ -79,6 +79,30 @@ TEST_F(AForkedSubscriber, LeavesTheEventOfASuccessorToItsParent) {
   EXPECT_THAT(texts_, ElementsAre("one", "two"));
 }
 
+TEST_F(AForkedSubscriber, MadeByAHandlerCallsNoFurtherOne) {
+  static pid_t child;
+  child = -1;
+  event_handler_h forking = nullptr;
+  std::vector<std::string> after;
+  event_handler_h last = nullptr;
+  const auto fork_once = [](const char*, bundle*, void*) {
+    if (child == -1) child = fork();
+  };
+  ASSERT_EQ(event_add_event_handler(kStatus, fork_once, nullptr, &forking), 0);
+  ASSERT_EQ(event_add_event_handler(kStatus, Record, &after, &last), 0);
+  Publish("one");
+  Publish("two");
+  RunUntil([&] { return child == 0 || after.size() >= 2; });
+  if (child == 0) {
+    RunAllReady();
+    _exit(after.empty() && texts_.size() == 1 ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_THAT(after, ElementsAre("one", "two"));
+}
+
 TEST_F(AForkedSubscriber, SubscribesAnew) {
   int ready[2];
   ASSERT_EQ(pipe(ready), 0);
