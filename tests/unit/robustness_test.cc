@@ -85,12 +85,16 @@ TEST_F(OutOfMemory, LosesNoAnswer) {
     if (list != nullptr) velmora_svcmgr_ai_model_list_destroy(list);
   };
   ASSERT_EQ(velmora_svcmgr_ai_request_usable_model_list(count, &answers), 0);
-  const int failures = ForEachFailingAllocation(
-      [&] { answers = 0; }, [&] { fake::DeliverDelegateMessage(1, 1, payload); },
-      [&](bool) {
-        EXPECT_EQ(answers, 1U);
-        EXPECT_EQ(fake::LiveObjects(fake::Kind::kParcel), 0);
-      });
+  const int failures =
+      ForEachFailingAllocation([&] { answers = 0; },
+                               [&] {
+                                 const fake::NewTracking tracking;
+                                 fake::DeliverDelegateMessage(1, 1, payload);
+                               },
+                               [&](bool) {
+                                 EXPECT_EQ(answers, 1U);
+                                 EXPECT_EQ(fake::LiveObjects(fake::Kind::kParcel), 0);
+                               });
   EXPECT_GT(failures, 0);
   // What each conversion keeps is accounted for elsewhere.
   fake::ExpectKept(fake::LiveBlocks().size());

@@ -383,14 +383,19 @@ std::map<std::string, int> CodesByName(const std::string& header) {
 
 /** The comment before each function; that of another one where it refers to it. */
 std::map<std::string, std::string> CommentsByFunction(const std::string& header) {
-  const std::regex declaration("/\\*\\*((?:[^*]|\\*(?!/))*)\\*/\\s*int (velmora_svcmgr_\\w+)\\(");
+  const std::regex declaration("\\nint (velmora_svcmgr_\\w+)\\(");
   const std::regex reference("^\\s*As (velmora_svcmgr_\\w+),");
   std::map<std::string, std::string> comments;
   for (Matches it(header.begin(), header.end(), declaration), end; it != end; ++it) {
-    std::string comment = (*it)[1];
+    // The regular expressions of the C++ library recurse over each character of a long match.
+    const auto declared = static_cast<std::size_t>(it->position());
+    const std::size_t end_of_comment = header.rfind("*/", declared);
+    const std::size_t begin = header.rfind("/**", end_of_comment) + 3;
+    EXPECT_EQ(end_of_comment + 2, declared) << (*it)[1] << " has no comment";
+    std::string comment = header.substr(begin, end_of_comment - begin);
     std::smatch other;
     if (std::regex_search(comment, other, reference)) comment = comments[other[1]];
-    comments[(*it)[2]] = comment;
+    comments[(*it)[1]] = comment;
   }
   return comments;
 }

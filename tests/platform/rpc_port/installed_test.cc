@@ -60,6 +60,8 @@ TEST_F(AProxyOfAnInstalledServer, FailsDependingOnWhatIsInstalled) {
   EXPECT_EQ(Connect(), -22);
 }
 
+// UndefinedBehaviorSanitizer looks at pointers through a pipe of its own.
+#if !defined(IS_SANITIZED)
 TEST_F(AProxyOfAnInstalledServer, FailsWithAnIoErrorWithoutDescriptors) {
   Install("");
   for (int free = 0; free < 12; ++free) {
@@ -67,3 +69,4 @@ TEST_F(AProxyOfAnInstalledServer, FailsWithAnIoErrorWithoutDescriptors) {
     EXPECT_EQ(Connect(), -5) << free;
   }
 }
+#endif
