@@ -65,7 +65,8 @@ TEST_F(AnUpdate, LeavesANewProcessAndANewVersion) {
   const auto lines = Hear("demo", 4,
                           "cd \"$VELMORA_RUNTIME_DIR/..\" && cp agent.pid before && \"$SIM\" send "
                           "update && ! cmp -s before agent.pid && kill -0 $(cat agent.pid) && "
-                          "! kill -0 $(cat before) 2>/dev/null && rm before && "
+                          "while kill -0 $(cat before) 2>/dev/null; do sleep 0.05; done && "
+                          "rm before && "
                           "grep Version packages/com.velmora.svcmgr.package");
   EXPECT_THAT(lines,
               testing::UnorderedElementsAre(kStart, "agent_status Update", "agent_status Launch",
