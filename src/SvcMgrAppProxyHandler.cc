@@ -60,6 +60,10 @@ SvcMgrAppProxyHandler* SvcMgrAppProxyHandler::Make() {
   return made;
 }
 
+std::shared_ptr<SvcMgrAppProxyHandler::SvcMgrAppPort> SvcMgrAppProxyHandler::Proxy() const {
+  return std::atomic_load(&proxy_);
+}
+
 // A forked child begins as its parent once did. The connection is the parent's, so that the proxy
 // must not be closed here; it is left as it is, because a thread that the child does not have may
 // have been inside it.

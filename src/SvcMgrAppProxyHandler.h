@@ -77,7 +77,7 @@ class SvcMgrAppProxyHandler final
   static SvcMgrAppProxyHandler* Make();
   void ForgetInChild();
 
-  std::shared_ptr<SvcMgrAppPort> Proxy() const { return std::atomic_load(&proxy_); }
+  std::shared_ptr<SvcMgrAppPort> Proxy() const;
   void Discard(const std::shared_ptr<SvcMgrAppPort>& proxy);
   void Notify(int result, int state) const;
 
