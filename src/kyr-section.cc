@@ -98,7 +98,7 @@ class File {
 
  private:
   void AskForSize() {
-    struct stat status {};
+    struct stat status{};
     const bool is_file = fstat(descriptor_, &status) == 0 && S_ISREG(status.st_mode);
     SetSize(is_file ? static_cast<std::uint64_t>(status.st_size) : 0);
   }

@@ -75,57 +75,33 @@ struct Word {
 
 const Word kWords[] = {
     {"update", Argument::kNone, "the scenario's whole update",
-     [](const std::string&) {
-       return Json{{"update", true}};
-     }},
+     [](const std::string&) { return Json{{"update", true}}; }},
     {"update-start", Argument::kPossible, "=AGENT,...: \"Start\"", Start},
     {"update-complete", Argument::kNone, "\"Complete\"",
-     [](const std::string&) {
-       return Json{{"event", "Complete"}};
-     }},
+     [](const std::string&) { return Json{{"event", "Complete"}}; }},
     {"update-fail", Argument::kNeeded, "=CODE: \"Fail\"",
-     [](const std::string& code) {
-       return Json{{"event", "Fail"}, {"code", Number(code)}};
-     }},
+     [](const std::string& code) { return Json{{"event", "Fail"}, {"code", Number(code)}}; }},
     {"update-result", Argument::kNeeded, "=APPLICATION:CODE,...: results of single applications",
      Results},
     {"agent-update", Argument::kNone, "\"Update\": the agent is about to update itself",
-     [](const std::string&) {
-       return Json{{"event", "Update"}};
-     }},
+     [](const std::string&) { return Json{{"event", "Update"}}; }},
     {"agent-launch", Argument::kNone, "\"Launch\": the agent runs",
-     [](const std::string&) {
-       return Json{{"event", "Launch"}};
-     }},
+     [](const std::string&) { return Json{{"event", "Launch"}}; }},
     {"self-update", Argument::kPossible, "=VERSION: the agent updates itself", SelfUpdate},
     {"install", Argument::kNeeded, "=VERSION: the agent's package becomes that version",
-     [](const std::string& version) {
-       return Json{{"install", version}};
-     }},
+     [](const std::string& version) { return Json{{"install", version}}; }},
     {"restart", Argument::kNone, "the agent is replaced by a new process",
-     [](const std::string&) {
-       return Json{{"restart", true}};
-     }},
+     [](const std::string&) { return Json{{"restart", true}}; }},
     {"kill", Argument::kNone, "the agent dies",
-     [](const std::string&) {
-       return Json{{"kill", true}};
-     }},
+     [](const std::string&) { return Json{{"kill", true}}; }},
     {"wait", Argument::kNeeded, "=MILLISECONDS",
-     [](const std::string& time) {
-       return Json{{"wait", Number(time)}};
-     }},
+     [](const std::string& time) { return Json{{"wait", Number(time)}}; }},
     {"model-start", Argument::kNone, "\"START\"",
-     [](const std::string&) {
-       return Json{{"modelStatus", "START"}};
-     }},
+     [](const std::string&) { return Json{{"modelStatus", "START"}}; }},
     {"model-completed", Argument::kNone, "\"COMPLETED\"",
-     [](const std::string&) {
-       return Json{{"modelStatus", "COMPLETED"}};
-     }},
+     [](const std::string&) { return Json{{"modelStatus", "COMPLETED"}}; }},
     {"model-failed", Argument::kNone, "\"FAILED\"",
-     [](const std::string&) {
-       return Json{{"modelStatus", "FAILED"}};
-     }},
+     [](const std::string&) { return Json{{"modelStatus", "FAILED"}}; }},
 };
 
 Json StepOfWord(const std::string& text) {

@@ -119,8 +119,7 @@ int EventHub::Connect() {
   for (const Handler& handler : handlers_) {
     if (!connection->Watch(handler->name)) return -EIO;
   }
-  source_ = AttachBusSource(
-      connection->fd(), [] { return Get().Ask(); }, [] { Get().Dispatch(); });
+  source_ = AttachBusSource(connection->fd(), [] { return Get().Ask(); }, [] { Get().Dispatch(); });
   connection_ = std::move(connection);
   return 0;
 }

@@ -10,7 +10,8 @@ namespace rpc_port_desktop {
 
 // Adds a callback to a list of the object that the handle stands for.
 template <typename Object, typename Function>
-int AddCallback(void* handle, CallbackList<Function> Object::*list, Function callback, void* data) {
+int AddCallback(void* handle, CallbackList<Function> Object::* list, Function callback,
+                void* data) {
   if (callback == nullptr) return kInvalidParameter;
   return Guarded([&]() -> int {
     const auto object = Handles<Object>::Get().Find(handle);

@@ -332,7 +332,7 @@ int RequestWork(bool uninstall, velmora_svcmgr_ai_model_list_h list,
   return SVCMGR_ERROR_NONE;
 }
 
-template <int velmora_svcmgr_ai_progress_s::*number>
+template <int velmora_svcmgr_ai_progress_s::* number>
 int GetNumber(velmora_svcmgr_ai_progress_h progress, int* value) {
   if (progress == nullptr || value == nullptr) return SVCMGR_ERROR_INVALID_PARAMETER;
   *value = progress->*number;

@@ -69,7 +69,7 @@ const Package* FindPackage(const char* id) {
   return found == packages.end() ? nullptr : &*found;
 }
 
-int GetText(const char* function, package_info_h info, std::optional<std::string> Package::*field,
+int GetText(const char* function, package_info_h info, std::optional<std::string> Package::* field,
             char** out) {
   const fake::Step step = Begin(function, Name(info));
   return Perform(function, step, out, [&] {
@@ -82,7 +82,7 @@ int GetText(const char* function, package_info_h info, std::optional<std::string
   });
 }
 
-int GetOwn(const char* function, std::string fake::Application::*field, char** out) {
+int GetOwn(const char* function, std::string fake::Application::* field, char** out) {
   const fake::Step step = Begin(function, "");
   return Perform(function, step, out, [&] {
     const Guard guard;

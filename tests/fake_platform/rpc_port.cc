@@ -189,7 +189,7 @@ ProxyObject* FindProxy(const char* what, const void* handle) {
 
 /** Runs what is registered under `member`, as long as the proxy lives. */
 template <typename List, typename Call>
-void Fire(const char* what, void* handle, List ProxyObject::*member, Call call) {
+void Fire(const char* what, void* handle, List ProxyObject::* member, Call call) {
   const internal::Inside inside;
   List callbacks;
   std::string target;
@@ -209,7 +209,7 @@ void Fire(const char* what, void* handle, List ProxyObject::*member, Call call) 
 }
 
 template <typename List>
-void FireSimple(const char* what, void* handle, List ProxyObject::*member) {
+void FireSimple(const char* what, void* handle, List ProxyObject::* member) {
   Fire(what, handle, member, [](const auto& registered, const char* endpoint, const char* port) {
     registered.callback(endpoint, port, registered.data);
   });
@@ -424,7 +424,7 @@ int Read(const char* function, rpc_port_parcel_h h, Item::Type wanted, Out* out)
 
 template <typename Callback>
 int AddCallback(const char* function, rpc_port_proxy_h h, Callback callback, void* data,
-                std::vector<fake::internal::Registered<Callback>> ProxyObject::*member) {
+                std::vector<fake::internal::Registered<Callback>> ProxyObject::* member) {
   const Step step = Begin(function, Name(h));
   return Perform(function, step, [&] {
     const Guard guard;

@@ -670,7 +670,7 @@ INSTANTIATE_TEST_SUITE_P(OfType, AStepOfTheWalk,
 
 TEST_P(AStepOfTheWalk, OpensNothing) {
   const path file = Write("file", Marker{});
-  struct stat status {};
+  struct stat status{};
   ASSERT_EQ(stat(file.c_str(), &status), 0);
   EXPECT_EQ(kyr_section_read_file(file.c_str(), &status, GetParam(), nullptr), 0);
   EXPECT_THAT(files().opened, IsEmpty());
@@ -846,7 +846,7 @@ TEST_F(AFileThatGrows, HasNothingWhenItTurnsOutToBeNoFileOrItsSizeIsUnknown) {
 
 TEST_F(AFileThatChanges, TimeAfterTimeIsReadWithoutInterruption) {
   // Signals that interrupt reads, as often as they can.
-  struct sigaction action {};
+  struct sigaction action{};
   action.sa_handler = [](int) {};
   ASSERT_EQ(sigaction(SIGALRM, &action, nullptr), 0);
   for (int i = 0; i < 200; ++i) Write("app/" + std::to_string(i), Marker{});

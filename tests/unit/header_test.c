@@ -24,8 +24,7 @@ struct named_error {
   velmora_svcmgr_error_e value;
 };
 
-#define ROW(name) \
-  { #name, name }
+#define ROW(name) {#name, name}
 
 static const struct named_error errors[] = {
     ROW(SVCMGR_ERROR_NONE),

@@ -136,7 +136,7 @@ struct Field {
   std::string name;
   int (*get)(Info, char**);
   int (*set)(Info, const char*);
-  char* velmora_svcmgr_ai_model_info_s::*member;
+  char* velmora_svcmgr_ai_model_info_s::* member;
   const char* wrong_data;
 
   std::string Getter() const { return "velmora_svcmgr_ai_model_info_get_" + name; }

@@ -37,7 +37,7 @@ struct Field {
   std::string name;
   int (*get)(Progress, int*);
   int (*set)(Progress, int);
-  int velmora_svcmgr_ai_progress_s::*member;
+  int velmora_svcmgr_ai_progress_s::* member;
 };
 
 void PrintTo(const Field& field, std::ostream* out) { *out << field.name; }

@@ -136,7 +136,7 @@ void Register(Stage& stage) {
 void RemoveMarkers(Stage&) { fake::SetApplication({}); }
 
 // As in a model of which the text was never set.
-template <char* velmora_svcmgr_ai_model_info_s::*field>
+template <char* velmora_svcmgr_ai_model_info_s::* field>
 void Unset(Stage& stage) {
   std::free(stage.info->*field);
   stage.info->*field = nullptr;

@@ -89,23 +89,23 @@ enum class Role {
 template <Role role, typename T>
 struct Argument {
   static constexpr unsigned kNeeded = role == Role::kGiven ? 0 : 1;
-  T Stage::*member;
+  T Stage::* member;
 };
 
 template <typename T>
-Argument<Role::kNeeded, T> Needed(T Stage::*member) {
+Argument<Role::kNeeded, T> Needed(T Stage::* member) {
   return {member};
 }
 template <typename T>
-Argument<Role::kTaken, T> Taken(T Stage::*member) {
+Argument<Role::kTaken, T> Taken(T Stage::* member) {
   return {member};
 }
 template <typename T>
-Argument<Role::kOutput, T> Output(T Stage::*member) {
+Argument<Role::kOutput, T> Output(T Stage::* member) {
   return {member};
 }
 template <typename T>
-Argument<Role::kGiven, T> Given(T Stage::*member) {
+Argument<Role::kGiven, T> Given(T Stage::* member) {
   return {member};
 }
 

@@ -58,8 +58,7 @@ TEST(EachSubscriber, IsOneForAllThreadsThatAskForItFirst) {
       return count;
     }
   };
-  RunTogether(
-      4, [] { Singleton<Subscriber>::GetInstance(); }, [] {});
+  RunTogether(4, [] { Singleton<Subscriber>::GetInstance(); }, [] {});
   EXPECT_EQ(Subscriber::made(), 1);
 }
 

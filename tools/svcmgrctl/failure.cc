@@ -37,8 +37,7 @@ struct ErrorRow {
   const char* message;
 };
 
-#define ERROR_ROW(code, exit, message) \
-  { code, #code, exit, message }
+#define ERROR_ROW(code, exit, message) {code, #code, exit, message}
 
 constexpr ErrorRow kErrors[] = {
     ERROR_ROW(SVCMGR_ERROR_CONNECTION_FAILED, kExitNoConnection, "the agent is not running"),

@@ -13,7 +13,7 @@ namespace {
 
 struct Column {
   const char* title;
-  std::optional<std::string> Model::*text;
+  std::optional<std::string> Model::* text;
 };
 
 constexpr Column kId = {"ID", &Model::id};

@@ -13,7 +13,7 @@ namespace {
 using terminal_text::SimilarTo;
 
 struct Field {
-  std::optional<std::string> Model::*text;
+  std::optional<std::string> Model::* text;
   int (*get)(velmora_svcmgr_ai_model_info_h, char**);
   int (*set)(velmora_svcmgr_ai_model_info_h, const char*);
 };

@@ -57,12 +57,10 @@ Failure LostConnection() {
 
 Session::Session(double timeout) : timeout_(timeout) {
   LimitTime("the agent did not answer within");
-  sources_.push_back(AddSignal(SIGINT, [this] {
-    End({std::nullopt, "INTERRUPTED", "interrupted", kExitInterrupted});
-  }));
-  sources_.push_back(AddSignal(SIGTERM, [this] {
-    End({std::nullopt, "TERMINATED", "terminated", kExitTerminated});
-  }));
+  sources_.push_back(AddSignal(
+      SIGINT, [this] { End({std::nullopt, "INTERRUPTED", "interrupted", kExitInterrupted}); }));
+  sources_.push_back(AddSignal(
+      SIGTERM, [this] { End({std::nullopt, "TERMINATED", "terminated", kExitTerminated}); }));
 }
 
 Session::~Session() {

@@ -15,8 +15,7 @@ struct Row {
   const char* meaning;
 };
 
-#define ROW(number, meaning) \
-  { number, #number, meaning }
+#define ROW(number, meaning) {number, #number, meaning}
 
 constexpr Row kUpdateStatuses[] = {
     ROW(SVCMGR_UPDATE_STATUS_STARTED, "the update has begun"),

@@ -44,9 +44,8 @@ class Update {
 
   void Run() {
     session_.Connect();
-    const UpdateSubscription subscription([this](int status) {
-      news_.push_back({News::kUpdate, status, 0});
-    });
+    const UpdateSubscription subscription(
+        [this](int status) { news_.push_back({News::kUpdate, status, 0}); });
     session_.TellOfConnection([this](int result, int state) {
       news_.push_back({News::kConnection, state, result});
       return true;

@@ -26,9 +26,8 @@ class Watch {
     std::optional<UpdateSubscription> updates;
     std::optional<ModelSubscription> models;
     if (Wants("update"))
-      updates.emplace([this](int status) {
-        Note("update", UpdateStatus(status), {{"status", status}});
-      });
+      updates.emplace(
+          [this](int status) { Note("update", UpdateStatus(status), {{"status", status}}); });
     if (Wants("model"))
       models.emplace([this](int error, int status) {
         Note("model", ModelStatus(status), {{"status", status}, {"error", error}});

@@ -186,8 +186,8 @@ int PublishHere(const char* name, const char* value) {
 }
 
 void Publisher::PublishUntil(const std::string& name, const std::function<bool()>& condition) {
-  const guint turns = g_timeout_add(
-      10, [](void*) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
+  const guint turns =
+      g_timeout_add(10, [](void*) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
   RunUntil([&] {
     EXPECT_EQ(Publish(name, "key", "again"), 0);
     return condition();

@@ -29,8 +29,7 @@ bool RunUntil(const std::function<bool()>& condition) {
   g_source_attach(limit, nullptr);
   // Also looks now and then by itself: some conditions become true without an event.
   GSource* tick = g_timeout_source_new(5);
-  g_source_set_callback(
-      tick, [](gpointer) -> gboolean { return TRUE; }, nullptr, nullptr);
+  g_source_set_callback(tick, [](gpointer) -> gboolean { return TRUE; }, nullptr, nullptr);
   g_source_attach(tick, nullptr);
   bool holds;
   while (!(holds = condition()) && !expired) g_main_context_iteration(nullptr, TRUE);
