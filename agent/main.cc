@@ -55,9 +55,7 @@ struct Options {
 std::vector<std::string> TakeCommand(int* argc, char** argv) {
   char** const end = argv + *argc;
   char** const dashes = std::find(argv, end, std::string("--"));
-  if (dashes == end) {
-    return {};
-  }
+  if (dashes == end) return {};
   *argc = static_cast<int>(dashes - argv);
   return std::vector<std::string>(dashes + 1, end);
 }
@@ -78,9 +76,7 @@ bool ReserveStandardDescriptors() {
 
 /** Prints what was asked for; the exit status. */
 int Print(const std::string& text) {
-  if (std::fputs(text.c_str(), stdout) >= 0 && std::fflush(stdout) == 0) {
-    return 0;
-  }
+  if (std::fputs(text.c_str(), stdout) >= 0 && std::fflush(stdout) == 0) return 0;
   sim::Report(std::string("cannot write to standard output: ") + strerror(errno));
   return sim::kOwnFailure;
 }
@@ -88,9 +84,7 @@ int Print(const std::string& text) {
 /** CLI::Range accepts a NaN, because every comparison with one is false. */
 std::string CheckTimeScale(const std::string& text) {
   double scale = 0;
-  if (CLI::detail::lexical_cast(text, scale) && scale >= 0 && scale <= kLargestTimeScale) {
-    return {};
-  }
+  if (CLI::detail::lexical_cast(text, scale) && scale >= 0 && scale <= kLargestTimeScale) return {};
   return "\"" + text + "\" is no number from 0 to 1000";
 }
 
@@ -178,15 +172,9 @@ int Send(const std::vector<std::string>& words) {
 
 int Execute(CLI::App& app, const Options& options) {
   try {
-    if (app.got_subcommand("run")) {
-      return Run(options);
-    }
-    if (app.got_subcommand("agent")) {
-      return RunAgent(options);
-    }
-    if (app.got_subcommand("send")) {
-      return Send(options.steps);
-    }
+    if (app.got_subcommand("run")) return Run(options);
+    if (app.got_subcommand("agent")) return RunAgent(options);
+    if (app.got_subcommand("send")) return Send(options.steps);
     return app.got_subcommand("check") ? CheckAll(options.scenarios) : List();
   } catch (const sim::ScenarioError& error) {
     sim::ReportLines(error.what());
@@ -199,9 +187,7 @@ int Execute(CLI::App& app, const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (!ReserveStandardDescriptors()) {
-    return sim::kOwnFailure;
-  }
+  if (!ReserveStandardDescriptors()) return sim::kOwnFailure;
   Options options;
   options.run.command = TakeCommand(&argc, argv);
 

@@ -16,9 +16,7 @@ class PlatformError : public std::runtime_error {
 
 /** Throws PlatformError for any code but 0. */
 inline void Check(int code, const char* what) {
-  if (code != 0) {
-    throw PlatformError(what, code);
-  }
+  if (code != 0) throw PlatformError(what, code);
 }
 
 }  // namespace sim

@@ -40,9 +40,7 @@ ModelList ReadModelList(Parcel& parcel) {
 
 std::vector<std::string> ReadAgents(Parcel& parcel) {
   std::vector<std::string> agents;
-  for (std::int32_t left = parcel.Count(); left > 0; --left) {
-    agents.push_back(parcel.Text());
-  }
+  for (std::int32_t left = parcel.Count(); left > 0; --left) agents.push_back(parcel.Text());
   parcel.Int();  // the count beside the list says nothing more
   return agents;
 }
@@ -105,9 +103,7 @@ constexpr int kFirstMethod = static_cast<int>(kMethods.front().method);
 constexpr bool AreInOrder() {
   int number = kFirstMethod;
   for (const MethodInfo& info : kMethods) {
-    if (info.name == nullptr || static_cast<int>(info.method) != number++) {
-      return false;
-    }
+    if (info.name == nullptr || static_cast<int>(info.method) != number++) return false;
   }
   return true;
 }
@@ -146,14 +142,10 @@ const char* MethodName(int number) {
 Request ReadRequest(Parcel& parcel) {
   const std::int32_t number = parcel.Int();
   const MethodInfo* info = FindMethod(number);
-  if (info == nullptr) {
-    throw std::runtime_error("there is no method " + std::to_string(number));
-  }
+  if (info == nullptr) throw std::runtime_error("there is no method " + std::to_string(number));
   Request request;
   request.method = info->method;
-  if (info->read_arguments != nullptr) {
-    info->read_arguments(parcel, &request);
-  }
+  if (info->read_arguments != nullptr) info->read_arguments(parcel, &request);
   return request;
 }
 
@@ -175,9 +167,7 @@ Parcel AnswerWith(const Delegate& delegate, std::int32_t result,
   Parcel parcel = AnswerFor(delegate);
   parcel.Int(result);
   parcel.Count(counts.array_count.value_or(length));
-  for (const ModelView& model : models) {
-    WriteModel(parcel, model);
-  }
+  for (const ModelView& model : models) WriteModel(parcel, model);
   parcel.Int(counts.count.value_or(length));
   return parcel;
 }

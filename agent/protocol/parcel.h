@@ -26,9 +26,7 @@ class Parcel {
     return *this;
   }
   ~Parcel() {
-    if (handle_ != nullptr) {
-      rpc_port_parcel_destroy(handle_);
-    }
+    if (handle_ != nullptr) rpc_port_parcel_destroy(handle_);
   }
 
   /** Blocks for the next message of a port. */

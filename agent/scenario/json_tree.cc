@@ -55,16 +55,10 @@ class CountingIterator {
  * and only its place is wrong.
  */
 const char* FaultOfText(std::string_view text, bool at_end) {
-  if (nlohmann::json::accept(text.begin(), text.end())) {
-    return nullptr;
-  }
+  if (nlohmann::json::accept(text.begin(), text.end())) return nullptr;
   const auto last = static_cast<unsigned char>(text.back());
-  if (last == '\n' || last == '\r') {
-    return kUnclosed;
-  }
-  if (last < ' ') {
-    return "a control character in a text must be escaped";
-  }
+  if (last == '\n' || last == '\r') return kUnclosed;
+  if (last < ' ') return "a control character in a text must be escaped";
   if (!g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr)) {
     return "a text must be UTF-8";
   }
@@ -153,13 +147,9 @@ class TreeBuilder : public nlohmann::json::json_sax_t {
   }
 
   JsonNode& Slot() {
-    if (open_.empty()) {
-      return root_;
-    }
+    if (open_.empty()) return root_;
     JsonNode& parent = *open_.back().node;
-    if (parent.kind == JsonNode::Kind::kObject) {
-      return parent.members.back().value;
-    }
+    if (parent.kind == JsonNode::Kind::kObject) return parent.members.back().value;
     return parent.elements.emplace_back();
   }
 
@@ -175,9 +165,7 @@ class TreeBuilder : public nlohmann::json::json_sax_t {
     JsonNode& node = Add(kind);
     last_ = Last::kOpening;
     open_.push_back({&node, {}});
-    if (open_.size() <= kDeepest) {
-      return true;
-    }
+    if (open_.size() <= kDeepest) return true;
     Refuse(node.place, "nested too deeply");
     return false;
   }
@@ -205,9 +193,7 @@ class TreeBuilder : public nlohmann::json::json_sax_t {
   // leading zero ends it, whatever follows.
   std::size_t EndOfToken(std::size_t begin) const {
     const std::size_t digit = begin + (Is(begin, '-') ? 1 : 0);
-    if (!IsDigit(digit) || consumed_ == digit + 1) {
-      return consumed_;
-    }
+    if (!IsDigit(digit) || consumed_ == digit + 1) return consumed_;
     const bool leading_zero = Is(digit, '0') && consumed_ == digit + 2;
     return leading_zero || !IsDigit(consumed_ - 1) ? consumed_ - 1 : consumed_;
   }
@@ -223,9 +209,7 @@ class TreeBuilder : public nlohmann::json::json_sax_t {
     std::size_t begin = FirstNotOf(kBlanks, token_end_);
     const bool separated = (last_ == Last::kKey && Is(begin, ':')) ||
                            (last_ == Last::kValue && !open_.empty() && Is(begin, ','));
-    if (separated) {
-      begin = FirstNotOf(kBlanks, begin + 1);
-    }
+    if (separated) begin = FirstNotOf(kBlanks, begin + 1);
     if (Is(begin, '"')) {
       const auto text = document_.substr(begin, consumed_ - begin);
       const char* const fault = FaultOfText(text, consumed_ == document_.size());
@@ -241,22 +225,14 @@ class TreeBuilder : public nlohmann::json::json_sax_t {
   }
 
   const char* Expected(bool separated) const {
-    if (last_ == Last::kNothing || (last_ == Last::kKey && separated)) {
-      return "a value";
-    }
-    if (last_ == Last::kKey) {
-      return "\":\"";
-    }
-    if (open_.empty()) {
-      return "the end of the document";
-    }
+    if (last_ == Last::kNothing || (last_ == Last::kKey && separated)) return "a value";
+    if (last_ == Last::kKey) return "\":\"";
+    if (open_.empty()) return "the end of the document";
     const bool object = open_.back().node->kind == JsonNode::Kind::kObject;
     if (last_ == Last::kOpening) {
       return object ? "a key in quotes or \"}\"" : "a value or \"]\"";
     }
-    if (separated) {
-      return object ? "a key in quotes" : "a value";
-    }
+    if (separated) return object ? "a key in quotes" : "a value";
     return object ? "\",\" or \"}\"" : "\",\" or \"]\"";
   }
 
@@ -272,9 +248,7 @@ class TreeBuilder : public nlohmann::json::json_sax_t {
   }
 
   bool RefuseNul(const std::string& text, Place place) {
-    if (text.find('\0') == std::string::npos) {
-      return true;
-    }
+    if (text.find('\0') == std::string::npos) return true;
     Refuse(place, "a text cannot hold the character U+0000");
     return false;
   }

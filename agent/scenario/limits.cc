@@ -22,9 +22,7 @@ std::size_t EmptyAnswerSize() {
 }
 
 std::optional<std::string> TooLarge(const std::string& what, std::size_t size) {
-  if (size <= kMostBytes) {
-    return std::nullopt;
-  }
+  if (size <= kMostBytes) return std::nullopt;
   return what + " takes " + std::to_string(size) + " bytes: a message holds " +
          std::to_string(kMostBytes);
 }
@@ -33,9 +31,7 @@ std::optional<std::string> TooLarge(const std::string& what, std::size_t size) {
 std::size_t EntrySize(const Model& model, bool described) {
   std::size_t version = 0;
   for (const auto* versions : {&model.versions, &model.available}) {
-    for (const std::string& each : *versions) {
-      version = std::max(version, EncodedSize(each));
-    }
+    for (const std::string& each : *versions) version = std::max(version, EncodedSize(each));
   }
   return EncodedSize(model.id) + version + EncodedSize(model.title) +
          EncodedSize(described ? model.description : "");
@@ -44,9 +40,7 @@ std::size_t EntrySize(const Model& model, bool described) {
 }  // namespace
 
 std::optional<std::string> TooLargeAsLicence(const std::string& licence) {
-  if (licence.size() <= kLongestLicence) {
-    return std::nullopt;
-  }
+  if (licence.size() <= kLongestLicence) return std::nullopt;
   return "must not be longer than " + std::to_string(kLongestLicence) +
          " bytes: a message holds 16 MiB";
 }

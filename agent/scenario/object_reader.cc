@@ -24,9 +24,7 @@ void Value::Refuse(const std::string& reason) const {
 }
 
 bool Value::Is(JsonNode::Kind kind) const {
-  if (node_->kind == kind) {
-    return true;
-  }
+  if (node_->kind == kind) return true;
   Refuse(std::string("must be ") + NameOf(kind) + ", not " + NameOf(node_->kind));
   return false;
 }
@@ -40,9 +38,7 @@ Value Value::Inside(const JsonNode& node, std::size_t index) const {
 }
 
 bool ReadInteger(const Value& value, std::int32_t* out, std::int32_t least, std::int32_t most) {
-  if (!value.Is(JsonNode::Kind::kInteger)) {
-    return false;
-  }
+  if (!value.Is(JsonNode::Kind::kInteger)) return false;
   const std::int64_t number = value.node().integer;
   if (number < least || number > most) {
     value.Refuse("must be from " + std::to_string(least) + " to " + std::to_string(most));
@@ -53,9 +49,7 @@ bool ReadInteger(const Value& value, std::int32_t* out, std::int32_t least, std:
 }
 
 bool ReadTexts(const Value& list, std::vector<std::string>* out, const TextRule& rule) {
-  if (!list.Is(JsonNode::Kind::kList)) {
-    return false;
-  }
+  if (!list.Is(JsonNode::Kind::kList)) return false;
   out->clear();
   std::set<std::string> seen;
   bool right = true;
@@ -88,9 +82,7 @@ const JsonNode::Member* ObjectReader::Find(const char* key) const {
 std::optional<Value> ObjectReader::Take(const char* key) {
   allowed_.push_back(key);
   const JsonNode::Member* member = Find(key);
-  if (member == nullptr) {
-    return std::nullopt;
-  }
+  if (member == nullptr) return std::nullopt;
   return value_.Inside(member->value, key);
 }
 
@@ -101,9 +93,7 @@ Value ObjectReader::At(const char* key) const {
 
 bool ObjectReader::Flag(const char* key, bool* out) {
   const auto value = Take(key);
-  if (!value || !value->Is(JsonNode::Kind::kFlag)) {
-    return false;
-  }
+  if (!value || !value->Is(JsonNode::Kind::kFlag)) return false;
   *out = value->node().flag;
   return true;
 }
@@ -116,22 +106,16 @@ bool ObjectReader::Integer(const char* key, std::int32_t* out, std::int32_t leas
 
 bool ObjectReader::Integer(const char* key, std::optional<std::int32_t>* out, std::int32_t least) {
   std::int32_t number = 0;
-  if (!Integer(key, &number, least)) {
-    return false;
-  }
+  if (!Integer(key, &number, least)) return false;
   *out = number;
   return true;
 }
 
 bool ObjectReader::Number(const char* key, double* out, double least, double most) {
   const auto value = Take(key);
-  if (!value) {
-    return false;
-  }
+  if (!value) return false;
   const JsonNode& node = value->node();
-  if (node.kind != JsonNode::Kind::kInteger && !value->Is(JsonNode::Kind::kNumber)) {
-    return false;
-  }
+  if (node.kind != JsonNode::Kind::kInteger && !value->Is(JsonNode::Kind::kNumber)) return false;
   if (node.number < least || node.number > most) {
     std::ostringstream reason;
     reason << "must be from " << least << " to " << most;
@@ -144,9 +128,7 @@ bool ObjectReader::Number(const char* key, double* out, double least, double mos
 
 bool ObjectReader::Text(const char* key, std::string* out, const TextRule& rule) {
   const auto value = Take(key);
-  if (!value || !value->Is(JsonNode::Kind::kText)) {
-    return false;
-  }
+  if (!value || !value->Is(JsonNode::Kind::kText)) return false;
   if (const auto reason = rule ? rule(value->node().text) : std::nullopt) {
     value->Refuse(*reason);
     return false;
@@ -162,9 +144,7 @@ bool ObjectReader::Texts(const char* key, std::vector<std::string>* out, const T
 
 int ObjectReader::ChoiceIndex(const char* key, const std::vector<const char*>& words) {
   const auto value = Take(key);
-  if (!value || !value->Is(JsonNode::Kind::kText)) {
-    return -1;
-  }
+  if (!value || !value->Is(JsonNode::Kind::kText)) return -1;
   const auto found = std::find(words.begin(), words.end(), value->node().text);
   if (found == words.end()) {
     value->Refuse("\"" + value->node().text + "\" is not one of: " + Joined(words));
@@ -175,9 +155,7 @@ int ObjectReader::ChoiceIndex(const char* key, const std::vector<const char*>& w
 
 bool ObjectReader::Object(const char* key, const std::function<void(ObjectReader&)>& read) {
   const auto value = Take(key);
-  if (!value || !value->Is(JsonNode::Kind::kObject)) {
-    return false;
-  }
+  if (!value || !value->Is(JsonNode::Kind::kObject)) return false;
   ObjectReader object(*value);
   read(object);
   object.Finish();
@@ -186,15 +164,11 @@ bool ObjectReader::Object(const char* key, const std::function<void(ObjectReader
 
 bool ObjectReader::Objects(const char* key, const std::function<void(ObjectReader&)>& read) {
   const auto list = Take(key);
-  if (!list || !list->Is(JsonNode::Kind::kList)) {
-    return false;
-  }
+  if (!list || !list->Is(JsonNode::Kind::kList)) return false;
   std::size_t index = 0;
   for (const JsonNode& element : list->node().elements) {
     const Value value = list->Inside(element, index++);
-    if (!value.Is(JsonNode::Kind::kObject)) {
-      continue;
-    }
+    if (!value.Is(JsonNode::Kind::kObject)) continue;
     ObjectReader object(value);
     read(object);
     object.Finish();
@@ -209,15 +183,11 @@ void ObjectReader::Require(const char* key) {
 }
 
 void ObjectReader::Finish() {
-  if (allows_all_) {
-    return;
-  }
+  if (allows_all_) return;
   for (const auto& member : value_.node().members) {
     const bool known = std::any_of(allowed_.begin(), allowed_.end(),
                                    [&](const char* key) { return member.key == key; });
-    if (known) {
-      continue;
-    }
+    if (known) continue;
     JsonNode at_key;
     at_key.place = member.place;
     value_.Inside(at_key, member.key)

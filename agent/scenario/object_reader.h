@@ -112,22 +112,16 @@ bool ObjectReader::Choice(const char* key, T* out,
                           const std::vector<std::pair<const char*, T>>& choices) {
   std::vector<const char*> words;
   words.reserve(choices.size());
-  for (const auto& choice : choices) {
-    words.push_back(choice.first);
-  }
+  for (const auto& choice : choices) words.push_back(choice.first);
   const int index = ChoiceIndex(key, words);
-  if (index < 0) {
-    return false;
-  }
+  if (index < 0) return false;
   *out = choices[static_cast<std::size_t>(index)].second;
   return true;
 }
 
 template <typename Map>
 void ObjectReader::AllTexts(Map* out, const TextRule& key_rule) {
-  if (!readable_) {
-    return;
-  }
+  if (!readable_) return;
   allows_all_ = true;
   for (const auto& member : value_.node().members) {
     const Value text = value_.Inside(member.value, member.key);

@@ -55,20 +55,14 @@ std::string JsonPointer::Text() const {
 void Problems::Add(Place place, const JsonPointer& pointer, std::string_view reason) {
   ++count_;
   const std::pair key(place.line, place.column);
-  if (first_.size() == kMostShown && key >= first_.rbegin()->first) {
-    return;
-  }
+  if (first_.size() == kMostShown && key >= first_.rbegin()->first) return;
   const std::string where = pointer.Text();
   first_.emplace(key, (where.empty() ? "" : Quotable(where) + ": ") + Quotable(Shortened(reason)));
-  if (first_.size() > kMostShown) {
-    first_.erase(std::prev(first_.end()));
-  }
+  if (first_.size() > kMostShown) first_.erase(std::prev(first_.end()));
 }
 
 void Problems::ThrowIfAny(const std::string& name) const {
-  if (count_ == 0) {
-    return;
-  }
+  if (count_ == 0) return;
   std::string lines;
   for (const auto& [place, problem] : first_) {
     lines += (lines.empty() ? "" : "\n") + Quotable(name) + ":" + std::to_string(place.first) +

@@ -38,9 +38,7 @@ constexpr char kDefaultLicence[] =
 void ReadPatterns(ObjectReader& object, const char* key,
                   std::optional<std::vector<std::string>>* out) {
   std::vector<std::string> patterns;
-  if (object.Texts(key, &patterns, Pattern)) {
-    *out = std::move(patterns);
-  }
+  if (object.Texts(key, &patterns, Pattern)) *out = std::move(patterns);
 }
 
 void ReadPackageKeys(ObjectReader& object, Package* package) {
@@ -64,16 +62,12 @@ void ReadLicence(const Value& value, std::string* licence) {
                  NameOf(value.node().kind));
   } else if (ReadTexts(value, &lines, nullptr)) {
     licence->clear();
-    for (const std::string& line : lines) {
-      *licence += line + "\n";
-    }
+    for (const std::string& line : lines) *licence += line + "\n";
   }
 }
 
 void ReadLicenceFile(const Value& value, const std::string& folder, std::string* licence) {
-  if (!value.Is(JsonNode::Kind::kText)) {
-    return;
-  }
+  if (!value.Is(JsonNode::Kind::kText)) return;
   const std::filesystem::path path = value.node().text;
   if (folder.empty() && path.is_relative()) {
     value.Refuse("a scenario that ships has no files beside it");
@@ -88,9 +82,7 @@ void ReadLicenceFile(const Value& value, const std::string& folder, std::string*
 }
 
 void RefuseUnlessSendable(const Value& value, const std::string& licence) {
-  if (const auto reason = TooLargeAsLicence(licence)) {
-    value.Refuse(*reason);
-  }
+  if (const auto reason = TooLargeAsLicence(licence)) value.Refuse(*reason);
 }
 
 void ReadAgent(ObjectReader& object, const std::string& folder, Agent* agent) {
@@ -176,9 +168,7 @@ void ReadModel(ObjectReader& object, Model* model) {
   ReadPatterns(object, "apps", &model->apps);
   object.Require("id");
   object.Require("versions");
-  if (const auto reason = TooLargeAsVersions(*model)) {
-    object.value().Refuse(*reason);
-  }
+  if (const auto reason = TooLargeAsVersions(*model)) object.value().Refuse(*reason);
 }
 
 Model GeneratedModel(int number) {
@@ -205,28 +195,20 @@ void ReadModels(ObjectReader& root, Scenario* scenario) {
   for (int number = 1; number <= generated; ++number) {
     scenario->models.push_back(GeneratedModel(number));
   }
-  if (const auto reason = TooLargeAsList(scenario->models)) {
-    root.At("models").Refuse(*reason);
-  }
+  if (const auto reason = TooLargeAsList(scenario->models)) root.At("models").Refuse(*reason);
 }
 
 /** A result is one number, or a list of them for one call after the other. */
 void ReadResults(const Value& value, std::vector<std::int32_t>* results) {
   std::int32_t result = 0;
   if (value.node().kind != JsonNode::Kind::kList) {
-    if (ReadInteger(value, &result)) {
-      *results = {result};
-    }
+    if (ReadInteger(value, &result)) *results = {result};
     return;
   }
-  if (value.node().elements.empty()) {
-    value.Refuse("must name at least one result");
-  }
+  if (value.node().elements.empty()) value.Refuse("must name at least one result");
   std::size_t index = 0;
   for (const JsonNode& element : value.node().elements) {
-    if (ReadInteger(value.Inside(element, index++), &result)) {
-      results->push_back(result);
-    }
+    if (ReadInteger(value.Inside(element, index++), &result)) results->push_back(result);
   }
 }
 
@@ -242,9 +224,7 @@ void ReadProgress(ObjectReader& object, MethodScript* script) {
     entry.Integer("delay", &step.delay, 0, kLongestDelay);
     steps.push_back(step);
   });
-  if (present) {
-    script->progress = std::move(steps);
-  }
+  if (present) script->progress = std::move(steps);
 }
 
 void ReadWorkPoint(ObjectReader& object, const char* key, bool fails,
@@ -253,13 +233,9 @@ void ReadWorkPoint(ObjectReader& object, const char* key, bool fails,
   const bool present = object.Object(key, [&](ObjectReader& entry) {
     entry.Integer("model", &point.model, 1);
     entry.Integer("percentage", &point.percentage, 0, 100);
-    if (fails) {
-      entry.Integer("result", &point.result);
-    }
+    if (fails) entry.Integer("result", &point.result);
   });
-  if (present) {
-    *out = point;
-  }
+  if (present) *out = point;
 }
 
 void ReadWork(ObjectReader& object, MethodScript* script) {
@@ -280,9 +256,7 @@ void ReadMethod(ObjectReader& object, const MethodInfo& method, MethodScript* sc
   const bool lists = method.answered_by == AnsweredBy::kModels;
   const bool works = method.answered_by == AnsweredBy::kProgress;
   if (method.has_result) {
-    if (const auto results = object.Take("result")) {
-      ReadResults(*results, &script->results);
-    }
+    if (const auto results = object.Take("result")) ReadResults(*results, &script->results);
   }
   object.Integer("delay", &script->delay, 0, kLongestDelay);
   object.Choice("fault", &script->fault, kFaults);
@@ -291,16 +265,12 @@ void ReadMethod(ObjectReader& object, const MethodInfo& method, MethodScript* sc
     object.value().Refuse("\"cutAt\" needs the fault \"cut\" or \"truncated\"");
   }
   object.Integer("stray", &script->stray, 0, kMostRepeats);
-  if (lists || works) {
-    object.Integer("repeat", &script->repeat, 1, kMostRepeats);
-  }
+  if (lists || works) object.Integer("repeat", &script->repeat, 1, kMostRepeats);
   if (lists) {
     object.Integer("count", &script->count);
     object.Integer("arrayCount", &script->array_count);
   }
-  if (works) {
-    ReadWork(object, script);
-  }
+  if (works) ReadWork(object, script);
 }
 
 void ReadMethods(ObjectReader& root, Scenario* scenario) {
@@ -330,9 +300,7 @@ void ReadRoot(ObjectReader& root, const std::string& folder, Scenario* scenario)
     }
   }
   std::int32_t space = 0;
-  if (root.Integer("space", &space, 0)) {
-    scenario->space = space;
-  }
+  if (root.Integer("space", &space, 0)) scenario->space = space;
   root.Object("update", [&](ObjectReader& object) { ReadUpdate(object, &scenario->update); });
   ReadMethods(root, scenario);
 }

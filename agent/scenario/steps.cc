@@ -54,18 +54,14 @@ std::optional<std::string> EventSuffix(const std::string& text) {
                        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
                               (c >= '0' && c <= '9') || c == '_' || c == '-';
                      });
-  if (right) {
-    return std::nullopt;
-  }
+  if (right) return std::nullopt;
   return "\"" + text + "\" must be 1 to 50 of letters, digits, '_', '-'";
 }
 
 /** Reads an object whose members are all of one kind. */
 void ReadMembers(const Value& object,
                  const std::function<void(const std::string&, const Value&)>& read) {
-  if (!object.Is(JsonNode::Kind::kObject)) {
-    return;
-  }
+  if (!object.Is(JsonNode::Kind::kObject)) return;
   for (const JsonNode::Member& member : object.node().members) {
     const Value value = object.Inside(member.value, member.key);
     if (member.key.empty()) {
@@ -142,9 +138,7 @@ void ReadBroadcast(ObjectReader& object, Steps* steps) {
   constexpr char kNeeded[] = "\"broadcast\" beside it";
   if (const auto texts = TakeBeside(object, "texts", present, kNeeded)) {
     ReadMembers(*texts, [&](const std::string& key, const Value& value) {
-      if (value.Is(JsonNode::Kind::kText)) {
-        step.broadcast.texts[key] = value.node().text;
-      }
+      if (value.Is(JsonNode::Kind::kText)) step.broadcast.texts[key] = value.node().text;
     });
   }
   if (const auto lists = TakeBeside(object, "lists", present, kNeeded)) {
@@ -155,9 +149,7 @@ void ReadBroadcast(ObjectReader& object, Steps* steps) {
   if (const auto numbers = TakeBeside(object, "numbers", present, kNeeded)) {
     ReadNumbers(*numbers, &step.broadcast.numbers);
   }
-  if (present) {
-    steps->push_back(std::move(step));
-  }
+  if (present) steps->push_back(std::move(step));
 }
 
 void ReadResult(ObjectReader& object, Steps* steps) {
@@ -194,23 +186,17 @@ void ReadSelfUpdate(ObjectReader& object, Steps* steps) {
 
 void ReadInstall(ObjectReader& object, Steps* steps) {
   Step step = StepOf(Step::Action::kInstall);
-  if (object.Text("install", &step.version, PackageVersion)) {
-    steps->push_back(std::move(step));
-  }
+  if (object.Text("install", &step.version, PackageVersion)) steps->push_back(std::move(step));
 }
 
 void ReadWait(ObjectReader& object, Steps* steps) {
   Step step = StepOf(Step::Action::kWait);
-  if (object.Integer("wait", &step.wait, 0, kLongestDelay)) {
-    steps->push_back(std::move(step));
-  }
+  if (object.Integer("wait", &step.wait, 0, kLongestDelay)) steps->push_back(std::move(step));
 }
 
 void ReadDeed(ObjectReader& object, const char* key, Step::Action action, Steps* steps) {
   bool wanted = false;
-  if (object.Flag(key, &wanted) && wanted) {
-    steps->push_back(StepOf(action));
-  }
+  if (object.Flag(key, &wanted) && wanted) steps->push_back(StepOf(action));
 }
 
 constexpr std::array kActionKeys = {"event",  "selfUpdate",  "install",   "restart", "wait",
@@ -238,30 +224,22 @@ void ReadStep(ObjectReader& object, StepsFrom from, Steps* steps) {
   ReadModelStatus(object, &read);
   ReadBroadcast(object, &read);
   ReadDeed(object, "kill", Step::Action::kKill, &read);
-  if (from == StepsFrom::kOutside) {
-    ReadDeed(object, "update", Step::Action::kUpdate, &read);
-  }
+  if (from == StepsFrom::kOutside) ReadDeed(object, "update", Step::Action::kUpdate, &read);
   RefuseUnlessOneAction(object);
   std::int32_t times = 1;
   object.Integer("times", &times, 1, kMostTimes);
-  for (; times > 0; --times) {
-    steps->insert(steps->end(), read.begin(), read.end());
-  }
+  for (; times > 0; --times) steps->insert(steps->end(), read.begin(), read.end());
 }
 
 }  // namespace
 
 Steps ReadSteps(const Value& list, StepsFrom from) {
   Steps steps;
-  if (!list.Is(JsonNode::Kind::kList)) {
-    return steps;
-  }
+  if (!list.Is(JsonNode::Kind::kList)) return steps;
   std::size_t index = 0;
   for (const JsonNode& element : list.node().elements) {
     const Value value = list.Inside(element, index++);
-    if (!value.Is(JsonNode::Kind::kObject)) {
-      continue;
-    }
+    if (!value.Is(JsonNode::Kind::kObject)) continue;
     ObjectReader object(value);
     ReadStep(object, from, &steps);
     object.Finish();

@@ -103,9 +103,7 @@ void AgentService::Serve(const char* instance, rpc_port_h port) {
   const bool delegated = method.answered_by != AnsweredBy::kReply;
   deliveries_->Deliver(instance, delegated ? RPC_PORT_PORT_CALLBACK : RPC_PORT_PORT_MAIN, script,
                        Answer(request, result));
-  if (method.updates_agents && result == 0) {
-    updates_.StartUpdate(request.agents, script.delay);
-  }
+  if (method.updates_agents && result == 0) updates_.StartUpdate(request.agents, script.delay);
 }
 
 std::int32_t AgentService::UsualResult(Method method) const {
@@ -113,18 +111,14 @@ std::int32_t AgentService::UsualResult(Method method) const {
   if (method == Method::kGetAgentApiLevel) {
     return disabled ? kKyrDisabledCode : scenario_.agent.api_level;
   }
-  if (!disabled) {
-    return 0;
-  }
+  if (!disabled) return 0;
   return InfoOf(method).answered_by == AnsweredBy::kReply ? kKyrDisabledCode : kKyrDisabledResult;
 }
 
 std::int32_t AgentService::NextResult(Method method) {
   const auto& results = scenario_.Script(method).results;
   std::size_t& call = calls_[IndexOf(method)];
-  if (results.empty()) {
-    return UsualResult(method);
-  }
+  if (results.empty()) return UsualResult(method);
   const std::int32_t result = results[std::min(call, results.size() - 1)];
   ++call;
   return result;
@@ -132,12 +126,8 @@ std::int32_t AgentService::NextResult(Method method) {
 
 std::vector<TimedParcel> AgentService::Answer(const Request& request, std::int32_t result) {
   const AnsweredBy answered_by = InfoOf(request.method).answered_by;
-  if (answered_by == AnsweredBy::kModels) {
-    return AnswerList(request, result);
-  }
-  if (answered_by == AnsweredBy::kProgress) {
-    return AnswerProgress(request, result);
-  }
+  if (answered_by == AnsweredBy::kModels) return AnswerList(request, result);
+  if (answered_by == AnsweredBy::kProgress) return AnswerProgress(request, result);
   std::vector<TimedParcel> messages;
   if (request.method == Method::kGetLicense) {
     const Agent& agent = scenario_.agent;
@@ -203,9 +193,7 @@ std::vector<ModelView> AgentService::Versions(const Request& request) const {
   std::vector<ModelView> versions;
   for (const StoredModel& stored : store_.models()) {
     const Model& model = *stored.model;
-    if (model.id != request.model.id || !Admits(model, request.app_id)) {
-      continue;
-    }
+    if (model.id != request.model.id || !Admits(model, request.app_id)) continue;
     for (const auto* offered : {&model.versions, &model.available}) {
       for (const std::string& version : *offered) {
         versions.push_back(
@@ -222,9 +210,7 @@ namespace {
 base::UniqueFd TakeEndSignals() {
   sigset_t ends;
   sigemptyset(&ends);
-  for (const int end : {SIGTERM, SIGINT, SIGHUP}) {
-    sigaddset(&ends, end);
-  }
+  for (const int end : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&ends, end);
   sigprocmask(SIG_BLOCK, &ends, nullptr);
   // GLib's own signal sources would start a thread.
   return base::UniqueFd(signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK));
@@ -250,9 +236,7 @@ int RunAgent(const Scenario& scenario, const AgentOptions& options) {
   }
   service.Listen();
   std::optional<ControlPort> control;
-  if (options.control_fd >= 0) {
-    control.emplace(options.control_fd, updates);
-  }
+  if (options.control_fd >= 0) control.emplace(options.control_fd, updates);
   const guint watch = g_unix_fd_add(
       signals.get(), G_IO_IN,
       [](gint, GIOCondition, gpointer data) -> gboolean {
@@ -267,9 +251,7 @@ int RunAgent(const Scenario& scenario, const AgentOptions& options) {
   ready.Reset();
   g_main_loop_run(loop.get());
   g_source_remove(watch);
-  if (status == 0) {
-    updates.Close();
-  }
+  if (status == 0) updates.Close();
   return status;
 }
 

@@ -79,18 +79,14 @@ int OnNames(sd_bus_message* message, void* data, sd_bus_error*) {
 void AwaitBusPeers(const std::string& own) {
   const auto end = Clock::now() + kPatience;
   sd_bus* opened = nullptr;
-  if (sd_bus_open_user(&opened) < 0) {
-    return;
-  }
+  if (sd_bus_open_user(&opened) < 0) return;
   Barrier barrier;
   barrier.bus.reset(opened);
   barrier.Ask(kBus, kBusPath, kBus, "GetNameOwner", OnOwner, "s", own.c_str());
   barrier.Ask(kBus, kBusPath, kBus, "ListNames", OnNames, "");
   while (barrier.pending > 0) {
     const int progress = sd_bus_process(opened, nullptr);
-    if (progress < 0 || Clock::now() >= end) {
-      return;
-    }
+    if (progress < 0 || Clock::now() >= end) return;
     if (progress == 0) {
       const auto left = std::chrono::duration_cast<std::chrono::microseconds>(end - Clock::now());
       sd_bus_wait(opened, static_cast<std::uint64_t>(left.count() > 0 ? left.count() : 0));

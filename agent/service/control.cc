@@ -45,9 +45,7 @@ class Address {
 
 base::UniqueFd MakeSocket() {
   base::UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  if (!fd) {
-    throw Failure("cannot make a socket");
-  }
+  if (!fd) throw Failure("cannot make a socket");
   return fd;
 }
 
@@ -58,9 +56,7 @@ std::optional<std::string> Receive(int fd) {
     size = recv(fd, nullptr, 0, MSG_PEEK | MSG_TRUNC);
   } while (size < 0 && errno == EINTR);
   std::string packet(static_cast<std::size_t>(size > 0 ? size : 0), '\0');
-  if (size <= 0 || recv(fd, packet.data(), packet.size(), 0) != size) {
-    return std::nullopt;
-  }
+  if (size <= 0 || recv(fd, packet.data(), packet.size(), 0) != size) return std::nullopt;
   return packet;
 }
 
@@ -105,14 +101,10 @@ std::string SendSteps(const std::string& path, const std::string& document) {
       return "there is no agent that runs";
     }
     if (!SendPacket(fd.get(), request)) {
-      if (errno == EMSGSIZE) {
-        return "these are too many steps at once";
-      }
+      if (errno == EMSGSIZE) return "these are too many steps at once";
       continue;
     }
-    if (const auto answer = Receive(fd.get())) {
-      return answer->substr(1);
-    }
+    if (const auto answer = Receive(fd.get())) return answer->substr(1);
     // The agent has ended meanwhile: the next one knows more, or there is nobody to connect to.
   }
 }
@@ -124,9 +116,7 @@ ControlPort::ControlPort(int listener, UpdateRunner& runner)
 
 void ControlPort::Accept() {
   base::UniqueFd fd(accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-  if (!fd || !IsOurs(fd.get())) {
-    return;
-  }
+  if (!fd || !IsOurs(fd.get())) return;
   const auto caller = std::make_shared<Caller>();
   caller->fd = std::move(fd);
   // The source is the caller's: a reference that owned it would keep both forever.
@@ -150,9 +140,7 @@ void ControlPort::Hear(const std::shared_ptr<Caller>& caller) {
     }
   };
   try {
-    if (end == std::string::npos || end == 0) {
-      throw std::runtime_error("this is no request");
-    }
+    if (end == std::string::npos || end == 0) throw std::runtime_error("this is no request");
     runner_.Run(request->substr(0, end), request->substr(end + 1), answer);
   } catch (const std::exception& error) {
     answer(error.what());

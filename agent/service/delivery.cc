@@ -14,9 +14,7 @@ namespace {
 /** The bytes of a message as they travel on a stream, with any claimed length. */
 std::string RawMessage(std::uint32_t length, std::string_view content) {
   std::string raw;
-  for (int shift = 0; shift < 32; shift += 8) {
-    raw += static_cast<char>((length >> shift) & 0xff);
-  }
+  for (int shift = 0; shift < 32; shift += 8) raw += static_cast<char>((length >> shift) & 0xff);
   return raw.append(content);
 }
 
@@ -94,22 +92,16 @@ std::deque<DeliveryQueue::Step> DeliveryQueue::Plan(rpc_port_port_type_e port,
                           script.fault == Fault::kTruncated;
   Fault fault = script.fault;
   for (TimedParcel& message : messages) {
-    if (script.fault == Fault::kNever) {
-      break;
-    }
+    if (script.fault == Fault::kNever) break;
     AddFaulty(fault, script, std::move(message.parcel), &steps);
     steps.back().delay = message.delay;
     fault = Fault::kNone;  // only the first message is spoilt
-    if (ends_early) {
-      break;
-    }
+    if (ends_early) break;
   }
   if (script.fault == Fault::kDropAfter || script.fault == Fault::kTruncated) {
     steps.emplace_back().action = Action::kDrop;
   }
-  if (!steps.empty()) {
-    steps.front().delay += script.delay;
-  }
+  if (!steps.empty()) steps.front().delay += script.delay;
   return steps;
 }
 
@@ -119,9 +111,7 @@ void DeliveryQueue::Deliver(const std::string& instance, rpc_port_port_type_e po
   self->instance = instance;
   self->port = port;
   self->steps = Plan(port, script, std::move(messages));
-  if (!Advance(self, false)) {
-    deliveries_.erase(self);
-  }
+  if (!Advance(self, false)) deliveries_.erase(self);
 }
 
 bool DeliveryQueue::Advance(std::list<Delivery>::iterator delivery, bool from_loop) {
@@ -131,15 +121,11 @@ bool DeliveryQueue::Advance(std::list<Delivery>::iterator delivery, bool from_lo
     const bool unsafe = step.action == Action::kDrop && !from_loop;
     if (step.delay > 0 || unsafe) {
       delivery->timer.After(scenario_.Scaled(std::exchange(step.delay, 0)), [this, delivery] {
-        if (!Advance(delivery, true)) {
-          deliveries_.erase(delivery);
-        }
+        if (!Advance(delivery, true)) deliveries_.erase(delivery);
       });
       return true;
     }
-    if (!Take(*delivery, step)) {
-      return false;
-    }
+    if (!Take(*delivery, step)) return false;
     delivery->steps.pop_front();
   }
   return false;

@@ -40,9 +40,7 @@ void EventSource::WhenReadable(int fd, std::function<void()> action) {
 }
 
 void EventSource::Stop() {
-  if (id_ != 0) {
-    g_source_remove(std::exchange(id_, 0));
-  }
+  if (id_ != 0) g_source_remove(std::exchange(id_, 0));
 }
 
 }  // namespace sim

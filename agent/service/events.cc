@@ -25,9 +25,7 @@ using Bundle = base::Owned<bundle, bundle_free>;
 void AddList(bundle* data, const char* key, const std::vector<std::string>& texts) {
   std::vector<const char*> pointers;
   pointers.reserve(texts.size());
-  for (const std::string& text : texts) {
-    pointers.push_back(text.c_str());
-  }
+  for (const std::string& text : texts) pointers.push_back(text.c_str());
   Check(bundle_add_str_array(data, key, pointers.data(), static_cast<int>(pointers.size())),
         "cannot add a list to an event");
 }
@@ -37,9 +35,7 @@ Bundle BundleOf(const Broadcast& broadcast) {
   for (const auto& [key, text] : broadcast.texts) {
     Check(bundle_add_str(data.get(), key.c_str(), text.c_str()), "cannot add a text to an event");
   }
-  for (const auto& [key, texts] : broadcast.lists) {
-    AddList(data.get(), key.c_str(), texts);
-  }
+  for (const auto& [key, texts] : broadcast.lists) AddList(data.get(), key.c_str(), texts);
   for (const auto& [key, number] : broadcast.numbers) {
     Check(bundle_add_byte(data.get(), key.c_str(), &number, sizeof number),
           "cannot add a number to an event");
@@ -51,9 +47,7 @@ Bundle BundleOf(const Broadcast& broadcast) {
 
 void OwnName(const std::string& id) {
   const int result = event_desktop_own_package(id.c_str());
-  if (result == -EACCES) {
-    throw std::runtime_error(id + ": " + kSquatted);
-  }
+  if (result == -EACCES) throw std::runtime_error(id + ": " + kSquatted);
   if (result != 0) {
     dlog_print(DLOG_WARN, kLogTag, "%s is not on the session bus (%d): its events may be lost",
                id.c_str(), result);

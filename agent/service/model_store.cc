@@ -62,9 +62,7 @@ bool MakeFile(const std::string& path, std::int64_t size) {
 bool WriteAll(int fd, const char* bytes, std::size_t size) {
   while (size > 0) {
     const ssize_t written = write(fd, bytes, size);
-    if (written < 0 && errno != EINTR) {
-      return false;
-    }
+    if (written < 0 && errno != EINTR) return false;
     const auto step = static_cast<std::size_t>(written > 0 ? written : 0);
     bytes += step;
     size -= step;
@@ -81,18 +79,14 @@ ModelStore::ModelStore(const Scenario& scenario, std::string folder)
   const bool exists = !folder_.empty() && fs::is_directory(folder_, error);
   for (const Model& model : scenario.models) {
     models_.push_back({&model, model.versions});
-    if (exists) {
-      Load(&models_.back());
-    }
+    if (exists) Load(&models_.back());
   }
 }
 
 void ModelStore::Load(StoredModel* stored) const {
   const std::string folder = FolderOf(*stored->model);
   std::error_code error;
-  if (!fs::is_directory(folder, error)) {
-    return;
-  }
+  if (!fs::is_directory(folder, error)) return;
   std::set<std::string> names;
   for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
     names.insert(it->path().filename().string());
@@ -104,9 +98,7 @@ void ModelStore::Load(StoredModel* stored) const {
   }
   stored->versions.clear();
   for (const std::string& version : AllVersions(*stored->model)) {
-    if (names.count(FileName(version)) > 0) {
-      stored->versions.push_back(version);
-    }
+    if (names.count(FileName(version)) > 0) stored->versions.push_back(version);
   }
 }
 
@@ -144,9 +136,7 @@ std::int64_t ModelStore::SizeOf(const Model& model, const std::string& version) 
   std::error_code error;
   if (!scenario_.repository.empty()) {
     const auto size = fs::file_size(SourceOf(model, version), error);
-    if (!error) {
-      return static_cast<std::int64_t>(size);
-    }
+    if (!error) return static_cast<std::int64_t>(size);
   }
   return model.size;
 }
@@ -154,9 +144,7 @@ std::int64_t ModelStore::SizeOf(const Model& model, const std::string& version) 
 std::int64_t ModelStore::Used() const {
   std::int64_t used = 0;
   for (const StoredModel& stored : models_) {
-    for (const std::string& version : stored.versions) {
-      used += SizeOf(*stored.model, version);
-    }
+    for (const std::string& version : stored.versions) used += SizeOf(*stored.model, version);
   }
   return used;
 }
@@ -165,18 +153,12 @@ std::int64_t ModelStore::Used() const {
 bool ModelStore::MakeFolder(const StoredModel& stored) const {
   const std::string folder = FolderOf(*stored.model);
   std::error_code error;
-  if (fs::is_directory(folder, error)) {
-    return true;
-  }
+  if (fs::is_directory(folder, error)) return true;
   const std::string draft = folder_ + "/" + kDraftPrefix;
   fs::remove_all(draft, error);
-  if (!fs::create_directories(draft, error)) {
-    return false;
-  }
+  if (!fs::create_directories(draft, error)) return false;
   for (const std::string& version : stored.versions) {
-    if (!MakeFile(draft + "/" + FileName(version), SizeOf(*stored.model, version))) {
-      return false;
-    }
+    if (!MakeFile(draft + "/" + FileName(version), SizeOf(*stored.model, version))) return false;
   }
   fs::rename(draft, folder, error);
   return !error;
@@ -184,17 +166,11 @@ bool ModelStore::MakeFolder(const StoredModel& stored) const {
 
 std::int32_t ModelStore::Uninstall(const std::string& model) {
   StoredModel* stored = Find(model);
-  if (stored == nullptr || stored->versions.empty()) {
-    return kNoSuchModel;
-  }
-  if (!MakeFolder(*stored)) {
-    return kWorkFailed;
-  }
+  if (stored == nullptr || stored->versions.empty()) return kNoSuchModel;
+  if (!MakeFolder(*stored)) return kWorkFailed;
   std::error_code error;
   for (const std::string& version : stored->versions) {
-    if (!fs::remove(FolderOf(*stored->model) + "/" + FileName(version), error)) {
-      return kWorkFailed;
-    }
+    if (!fs::remove(FolderOf(*stored->model) + "/" + FileName(version), error)) return kWorkFailed;
   }
   stored->versions.clear();
   return kWorkDone;
@@ -204,31 +180,21 @@ ModelCopy::ModelCopy(ModelStore& store, const std::string& model, const std::str
     : store_(store), stored_(store.Find(model)), version_(version) {}
 
 ModelCopy::~ModelCopy() {
-  if (!draft_.empty()) {
-    unlink(draft_.c_str());
-  }
+  if (!draft_.empty()) unlink(draft_.c_str());
 }
 
 std::int32_t ModelCopy::Open() {
-  if (stored_ == nullptr) {
-    return kNoSuchModel;
-  }
+  if (stored_ == nullptr) return kNoSuchModel;
   const Model& model = *stored_->model;
   if (!store_.scenario_.repository.empty()) {
     source_.Reset(open(store_.SourceOf(model, version_).c_str(), O_RDONLY | O_CLOEXEC));
-    if (!source_) {
-      return kNoSuchModel;
-    }
+    if (!source_) return kNoSuchModel;
   }
   size_ = store_.SizeOf(model, version_);
-  if (!store_.MakeFolder(*stored_)) {
-    return kWorkFailed;
-  }
+  if (!store_.MakeFolder(*stored_)) return kWorkFailed;
   std::string draft = store_.FolderOf(model) + "/" + kDraftPrefix + "XXXXXX";
   target_.Reset(mkostemp(draft.data(), O_CLOEXEC));
-  if (!target_) {
-    return kWorkFailed;
-  }
+  if (!target_) return kWorkFailed;
   draft_ = draft;
   return kWorkDone;
 }
@@ -240,9 +206,7 @@ bool ModelCopy::CopyBytes(std::int64_t end) {
     const auto wanted = static_cast<std::size_t>(
         std::min<std::int64_t>(end - copied_, static_cast<std::int64_t>(buffer.size())));
     auto size = static_cast<ssize_t>(wanted);
-    if (source_) {
-      size = read(source_.get(), buffer.data(), wanted);
-    }
+    if (source_) size = read(source_.get(), buffer.data(), wanted);
     if (size <= 0 || !WriteAll(target_.get(), buffer.data(), static_cast<std::size_t>(size))) {
       return false;
     }
@@ -254,32 +218,22 @@ bool ModelCopy::CopyBytes(std::int64_t end) {
 std::int32_t ModelCopy::CopyTo(std::int32_t part, std::int32_t parts) {
   if (!target_) {
     const std::int32_t opened = Open();
-    if (opened != kWorkDone) {
-      return opened;
-    }
+    if (opened != kWorkDone) return opened;
   }
   const std::int64_t end = part == parts ? size_ : size_ / parts * part;
   const auto& space = store_.scenario_.space;
-  if (space && store_.Used() + end > *space) {
-    return kNoSpace;
-  }
+  if (space && store_.Used() + end > *space) return kNoSpace;
   errno = 0;
-  if (!CopyBytes(end)) {
-    return errno == ENOSPC || errno == EDQUOT ? kNoSpace : kWorkFailed;
-  }
+  if (!CopyBytes(end)) return errno == ENOSPC || errno == EDQUOT ? kNoSpace : kWorkFailed;
   return kWorkDone;
 }
 
 std::int32_t ModelCopy::Finish() {
   const std::string folder = store_.FolderOf(*stored_->model);
-  if (rename(draft_.c_str(), (folder + "/" + FileName(version_)).c_str()) != 0) {
-    return kWorkFailed;
-  }
+  if (rename(draft_.c_str(), (folder + "/" + FileName(version_)).c_str()) != 0) return kWorkFailed;
   draft_.clear();
   target_.Reset();
-  if (!Has(stored_->versions, version_)) {
-    stored_->versions.push_back(version_);
-  }
+  if (!Has(stored_->versions, version_)) stored_->versions.push_back(version_);
   const auto all = AllVersions(*stored_->model);
   std::sort(stored_->versions.begin(), stored_->versions.end(),
             [&](const std::string& a, const std::string& b) {

@@ -55,9 +55,7 @@ bool ModelWork::Advance(Operation& operation) {
     Announce("START");
     operation.index = 1;
   }
-  if (operation.count() > 0) {
-    return AdvanceModel(operation);
-  }
+  if (operation.count() > 0) return AdvanceModel(operation);
   ProgressStep done;
   done.state = kStateDone;
   Report(operation, done);
@@ -67,16 +65,12 @@ bool ModelWork::Advance(Operation& operation) {
 
 bool ModelWork::AdvanceModel(Operation& operation) {
   const std::int32_t percentage = kWhole * operation.part / operation.script->parts;
-  if (IsAt(operation.script->stop_at, operation.index, percentage)) {
-    return false;
-  }
+  if (IsAt(operation.script->stop_at, operation.index, percentage)) return false;
   if (IsAt(operation.script->fail_at, operation.index, percentage)) {
     return Fail(operation, operation.script->fail_at->result);
   }
   const std::int32_t result = DoPart(operation);
-  if (result != kWorkDone) {
-    return Fail(operation, result);
-  }
+  if (result != kWorkDone) return Fail(operation, result);
   const bool model_done = operation.part == operation.script->parts;
   const bool all_done = model_done && operation.index == operation.count();
   ProgressStep progress;
@@ -110,22 +104,16 @@ bool ModelWork::Fail(Operation& operation, std::int32_t result) {
 std::int32_t ModelWork::BeginModel(Operation& operation) {
   const ModelInfo& wanted =
       operation.request.models.models[static_cast<std::size_t>(operation.index - 1)];
-  if (!operation.updates()) {
-    return store_.IsInstalled(wanted.id) ? kWorkDone : kNoSuchModel;
-  }
+  if (!operation.updates()) return store_.IsInstalled(wanted.id) ? kWorkDone : kNoSuchModel;
   const std::string version = store_.Choose(wanted.id, wanted.version);
-  if (version.empty()) {
-    return kNoSuchModel;
-  }
+  if (version.empty()) return kNoSuchModel;
   operation.copy.emplace(store_, wanted.id, version);
   return kWorkDone;
 }
 
 std::int32_t ModelWork::DoPart(Operation& operation) {
   const std::int32_t parts = operation.script->parts;
-  if (operation.part == 0) {
-    return BeginModel(operation);
-  }
+  if (operation.part == 0) return BeginModel(operation);
   const bool last = operation.part == parts;
   if (!operation.updates()) {
     const ModelInfo& wanted =
@@ -146,34 +134,24 @@ void ModelWork::Report(Operation& operation, const ProgressStep& progress) {
     case Reported::kAll:
       break;
     case Reported::kEnds:
-      if (!final && progress.percentage != 0 && progress.percentage != kWhole) {
-        return;
-      }
+      if (!final && progress.percentage != 0 && progress.percentage != kWhole) return;
       break;
     case Reported::kLast:
-      if (!final) {
-        return;
-      }
+      if (!final) return;
       break;
     case Reported::kNoLast:
-      if (final) {
-        return;
-      }
+      if (final) return;
       break;
     case Reported::kSwapped:
       if (!final && !operation.held) {
         operation.held = progress;
         return;
       }
-      if (final && operation.held) {
-        Send(operation, *std::exchange(operation.held, std::nullopt));
-      }
+      if (final && operation.held) Send(operation, *std::exchange(operation.held, std::nullopt));
       break;
   }
   Send(operation, progress);
-  if (operation.held) {
-    Send(operation, *std::exchange(operation.held, std::nullopt));
-  }
+  if (operation.held) Send(operation, *std::exchange(operation.held, std::nullopt));
 }
 
 void ModelWork::Send(Operation& operation, const ProgressStep& progress) {

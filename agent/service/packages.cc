@@ -17,18 +17,14 @@ namespace {
 void SetList(GKeyFile* file, const char* group, const char* key,
              const std::vector<std::string>& texts) {
   std::vector<const char*> pointers;
-  for (const std::string& text : texts) {
-    pointers.push_back(text.c_str());
-  }
+  for (const std::string& text : texts) pointers.push_back(text.c_str());
   g_key_file_set_string_list(file, group, key, pointers.data(), pointers.size());
 }
 
 std::string KeyFileOf(const Package& package) {
   const base::Owned<GKeyFile, g_key_file_unref> file(g_key_file_new());
   g_key_file_set_string(file.get(), "Package", "Version", package.version.c_str());
-  if (package.clients) {
-    SetList(file.get(), "Package", "Clients", *package.clients);
-  }
+  if (package.clients) SetList(file.get(), "Package", "Clients", *package.clients);
   const std::string application = "Application " + package.id;
   for (const auto& [key, value] : package.metadata) {
     g_key_file_set_string(file.get(), application.c_str(), key.c_str(), value.c_str());

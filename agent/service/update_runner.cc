@@ -24,17 +24,13 @@ std::string NextVersion(const std::string& version) {
   const auto begin = version.find_last_not_of("0123456789") + 1;
   const std::string number = version.substr(begin);
   constexpr std::size_t kLongest = 9;
-  if (number.empty() || number.size() > kLongest) {
-    return version + ".1";
-  }
+  if (number.empty() || number.size() > kLongest) return version + ".1";
   return version.substr(0, begin) + std::to_string(std::stoi(number) + 1);
 }
 
 /** Tells whether steps are, or hold, the scenario's update. */
 bool IsUpdate(const JournalEntry& entry) {
-  if (entry.document.empty()) {
-    return true;
-  }
+  if (entry.document.empty()) return true;
   const Steps steps = ReadStepsDocument(entry.document, "steps");
   return std::any_of(steps.begin(), steps.end(),
                      [](const Step& step) { return step.action == Step::Action::kUpdate; });
@@ -48,16 +44,12 @@ UpdateRunner::UpdateRunner(const Scenario& scenario, std::string journal_file,
 
 void UpdateRunner::Close() {
   stopped_ = true;
-  if (!journal_file_.empty()) {
-    unlink(journal_file_.c_str());
-  }
+  if (!journal_file_.empty()) unlink(journal_file_.c_str());
 }
 
 Steps UpdateRunner::StepsOf(const JournalEntry& entry) const {
   const Update& update = scenario_.update;
-  if (entry.document.empty()) {
-    return entry.recovery ? update.recovery : update.steps;
-  }
+  if (entry.document.empty()) return entry.recovery ? update.recovery : update.steps;
   Steps steps;
   for (Step& step : ReadStepsDocument(entry.document, "steps")) {
     if (step.action == Step::Action::kUpdate) {
@@ -88,9 +80,7 @@ void UpdateRunner::Resume() {
   if (journal.found && !journal.replaced) {
     Recover(journal);
   } else {
-    for (const JournalEntry& entry : journal.entries) {
-      Schedule(Add(entry, nullptr), 0);
-    }
+    for (const JournalEntry& entry : journal.entries) Schedule(Add(entry, nullptr), 0);
   }
   Note(false);
 }
@@ -99,9 +89,7 @@ void UpdateRunner::Recover(const Journal& journal) {
   bool updating = false;
   for (const JournalEntry& entry : journal.entries) {
     updating = updating || IsUpdate(entry);
-    if (!entry.id.empty()) {
-      ended_[entry.id] = "the agent was killed in the middle of the steps";
-    }
+    if (!entry.id.empty()) ended_[entry.id] = "the agent was killed in the middle of the steps";
   }
   if (!updating) {
     Publish(scenario_.agent.package.id, LaunchStep().broadcast);
@@ -115,9 +103,7 @@ void UpdateRunner::Recover(const Journal& journal) {
 void UpdateRunner::StartUpdate(const std::vector<std::string>& agents, std::int32_t delay) {
   const bool updating = std::any_of(sequences_.begin(), sequences_.end(),
                                     [](const auto& each) { return IsUpdate(each.entry); });
-  if (updating) {
-    return;
-  }
+  if (updating) return;
   JournalEntry entry;
   entry.agents = agents;
   Schedule(Add(std::move(entry), nullptr), delay);
@@ -159,13 +145,9 @@ void UpdateRunner::Advance(Position sequence) {
   while (!stopped_ && sequence->entry.next < sequence->steps.size()) {
     Note(false);
     const Step& step = sequence->steps[sequence->entry.next++];
-    if (!Take(sequence, step)) {
-      return;
-    }
+    if (!Take(sequence, step)) return;
   }
-  if (!stopped_) {
-    Finish(sequence, "");
-  }
+  if (!stopped_) Finish(sequence, "");
 }
 
 bool UpdateRunner::Take(Position sequence, const Step& step) {
@@ -190,9 +172,7 @@ bool UpdateRunner::Take(Position sequence, const Step& step) {
       return false;
     case Step::Action::kKill:
       AwaitBusPeers(id);
-      if (sequence->done) {
-        sequence->done("");
-      }
+      if (sequence->done) sequence->done("");
       raise(SIGKILL);
       return false;
   }
@@ -208,26 +188,18 @@ void UpdateRunner::Install(const std::string& version) const {
 
 void UpdateRunner::Finish(Position sequence, const std::string& problem) {
   const Done done = std::move(sequence->done);
-  if (!done && !sequence->entry.id.empty()) {
-    ended_[sequence->entry.id] = problem;
-  }
+  if (!done && !sequence->entry.id.empty()) ended_[sequence->entry.id] = problem;
   sequences_.erase(sequence);
   Note(false);
-  if (done) {
-    done(problem);
-  }
+  if (done) done(problem);
 }
 
 void UpdateRunner::Note(bool replaced) const {
-  if (journal_file_.empty()) {
-    return;
-  }
+  if (journal_file_.empty()) return;
   Journal journal;
   journal.replaced = replaced;
   journal.ended = ended_;
-  for (const Sequence& sequence : sequences_) {
-    journal.entries.push_back(sequence.entry);
-  }
+  for (const Sequence& sequence : sequences_) journal.entries.push_back(sequence.entry);
   try {
     WriteJournal(journal_file_, journal);
   } catch (const std::exception& error) {

@@ -33,17 +33,11 @@ struct Watched {
 
 void CloseAllBut(int kept) {
   const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
-  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
-    dup2(nothing, fd);
-  }
-  if (kept != kLifelineFd) {
-    dup2(kept, kLifelineFd);
-  }
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) dup2(nothing, fd);
+  if (kept != kLifelineFd) dup2(kept, kLifelineFd);
   const unsigned first = kLifelineFd + 1;
   if (syscall(SYS_close_range, first, ~0u, 0u) != 0) {
-    for (int fd = static_cast<int>(first); fd < sysconf(_SC_OPEN_MAX); ++fd) {
-      close(fd);
-    }
+    for (int fd = static_cast<int>(first); fd < sysconf(_SC_OPEN_MAX); ++fd) close(fd);
   }
 }
 
@@ -84,15 +78,11 @@ std::string TellFolder(int lifeline) {
 [[noreturn]] void Guard(int lifeline) {
   std::vector<Watched> children;
   const std::string folder = TellFolder(lifeline);
-  if (folder.empty()) {
-    _exit(EXIT_FAILURE);
-  }
+  if (folder.empty()) _exit(EXIT_FAILURE);
   for (;;) {
     pid_t child = kDismissed;
     const ssize_t size = read(lifeline, &child, sizeof child);
-    if (size < 0 && errno == EINTR) {
-      continue;
-    }
+    if (size < 0 && errno == EINTR) continue;
     if (size == sizeof child && child != kDismissed) {
       const auto handle = static_cast<int>(syscall(SYS_pidfd_open, child, 0u));
       ForgetEnded(&children);
@@ -117,9 +107,7 @@ Guardian::Guardian() {
   base::UniqueFd theirs(ends[0]);
   lifeline_.Reset(ends[1]);
   pid_ = fork();
-  if (pid_ < 0) {
-    throw std::system_error(errno, std::generic_category(), "cannot make a process");
-  }
+  if (pid_ < 0) throw std::system_error(errno, std::generic_category(), "cannot make a process");
   if (pid_ == 0) {
     sigset_t all;
     sigfillset(&all);
@@ -127,9 +115,7 @@ Guardian::Guardian() {
     setsid();
     prctl(PR_SET_NAME, "svcmgr-sim-wait");
     CloseAllBut(theirs.get());
-    if (chdir("/") != 0) {
-      _exit(EXIT_FAILURE);
-    }
+    if (chdir("/") != 0) _exit(EXIT_FAILURE);
     Guard(kLifelineFd);
   }
   theirs.Reset();

@@ -50,9 +50,7 @@ struct Process {
 
   void Reap() {
     int raw = 0;
-    if (running() && waitpid(pid, &raw, WNOHANG) == pid) {
-      status = raw;
-    }
+    if (running() && waitpid(pid, &raw, WNOHANG) == pid) status = raw;
   }
 };
 
@@ -66,14 +64,10 @@ class Signals {
     sigaction(SIGCHLD, &usual, &child_action_);  // an ignored one would take our children's status
     sigset_t taken;
     sigemptyset(&taken);
-    for (const int signal : {SIGCHLD, SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
-      sigaddset(&taken, signal);
-    }
+    for (const int signal : {SIGCHLD, SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaddset(&taken, signal);
     sigprocmask(SIG_BLOCK, &taken, &mask_);
     fd_.Reset(signalfd(-1, &taken, SFD_CLOEXEC | SFD_NONBLOCK));
-    if (!fd_) {
-      throw RunError(std::string("cannot take signals: ") + strerror(errno));
-    }
+    if (!fd_) throw RunError(std::string("cannot take signals: ") + strerror(errno));
   }
 
   int fd() const { return fd_.get(); }
@@ -83,9 +77,7 @@ class Signals {
   /** The next one that has arrived. */
   std::optional<signalfd_siginfo> Next() const {
     signalfd_siginfo info;
-    if (read(fd_.get(), &info, sizeof info) != sizeof info) {
-      return std::nullopt;
-    }
+    if (read(fd_.get(), &info, sizeof info) != sizeof info) return std::nullopt;
     return info;
   }
 
@@ -99,9 +91,7 @@ int ExitStatus(int raw) { return WIFSIGNALED(raw) ? kKilledBy + WTERMSIG(raw) : 
 
 /** The agent ends by itself only by a fault of its own; by SIGKILL where somebody wanted it so. */
 bool EndedAsWanted(int raw) {
-  if (WIFSIGNALED(raw)) {
-    return WTERMSIG(raw) == SIGKILL || WTERMSIG(raw) == SIGTERM;
-  }
+  if (WIFSIGNALED(raw)) return WTERMSIG(raw) == SIGKILL || WTERMSIG(raw) == SIGTERM;
   return WEXITSTATUS(raw) == 0 || WEXITSTATUS(raw) == kReplaceMe;
 }
 
@@ -116,14 +106,10 @@ std::string LastLines(const std::string& file) {
   std::deque<std::string> lines;
   for (std::string line; std::getline(log, line);) {
     lines.push_back(line);
-    if (lines.size() > kLines) {
-      lines.pop_front();
-    }
+    if (lines.size() > kLines) lines.pop_front();
   }
   std::string text;
-  for (const std::string& line : lines) {
-    text += "\n  | " + Quotable(line);
-  }
+  for (const std::string& line : lines) text += "\n  | " + Quotable(line);
   return text;
 }
 
@@ -187,15 +173,11 @@ std::string BusConfiguration(const std::string& address) {
 
 /** A folder of PATH that may not be entered must not pass for a command that may not be executed. */
 int ReasonFor(const std::string& command, int reason) {
-  if (reason != EACCES || command.find('/') != std::string::npos) {
-    return reason;
-  }
+  if (reason != EACCES || command.find('/') != std::string::npos) return reason;
   const char* path = getenv("PATH");
   std::istringstream folders(path != nullptr ? path : "");
   for (std::string folder; std::getline(folders, folder, ':');) {
-    if (access(((folder.empty() ? "." : folder) + "/" + command).c_str(), F_OK) == 0) {
-      return EACCES;
-    }
+    if (access(((folder.empty() ? "." : folder) + "/" + command).c_str(), F_OK) == 0) return EACCES;
   }
   return ENOENT;
 }
@@ -283,9 +265,7 @@ void Run::Wait(int other, int timeout_ms) {
 void Run::TakeSignals() {
   while (const auto info = signals_.Next()) {
     const auto signal = static_cast<int>(info->ssi_signo);
-    if (signal == SIGCHLD) {
-      continue;
-    }
+    if (signal == SIGCHLD) continue;
     // What the terminal sends reaches the command by itself: it is in the same process group.
     const bool from_process = info->ssi_code <= 0;
     if (!command_.running()) {
@@ -306,9 +286,7 @@ pid_t Run::Start(const ChildSetup& setup, const std::string& what) {
   } catch (const StartError& error) {
     throw RunError("cannot start " + what + ": " + strerror(error.reason));
   }
-  if (guardian_) {
-    guardian_->Watch(child);
-  }
+  if (guardian_) guardian_->Watch(child);
   return child;
 }
 
@@ -378,15 +356,9 @@ void Run::StartAgentProcess(int ready) {
 void Run::Await(int ready, const std::string& what, const std::string& log) {
   char byte = 0;
   pollfd readable = {ready, POLLIN, 0};
-  while (interrupted_by_ == 0 && poll(&readable, 1, 0) == 0) {
-    Wait(ready, -1);
-  }
-  if (interrupted_by_ != 0) {
-    return;
-  }
-  if (read(ready, &byte, 1) != 1) {
-    throw RunError(what + " does not start" + LastLines(log));
-  }
+  while (interrupted_by_ == 0 && poll(&readable, 1, 0) == 0) Wait(ready, -1);
+  if (interrupted_by_ != 0) return;
+  if (read(ready, &byte, 1) != 1) throw RunError(what + " does not start" + LastLines(log));
 }
 
 bool Run::WantsAnotherAgent() const {
@@ -404,9 +376,7 @@ bool Run::WantsAnotherAgent() const {
 
 /** Replaces an agent that has ended; if no other is to come, nobody shall wait for one. */
 void Run::FollowAgent() {
-  if (!agent_.status || !control_) {
-    return;
-  }
+  if (!agent_.status || !control_) return;
   CheckAgent();
   if (agent_failed_ || !WantsAnotherAgent()) {
     control_.Reset();
@@ -428,9 +398,7 @@ int Run::StartCommand() {
     Report(Quotable(name) + ": " + strerror(reason));
     return reason == ENOENT ? kNotFound : kNotExecutable;
   }
-  if (guardian_) {
-    guardian_->Watch(command_.pid);
-  }
+  if (guardian_) guardian_->Watch(command_.pid);
   return 0;
 }
 
@@ -465,9 +433,7 @@ void Run::StopAgent() {
 }
 
 void Run::CheckAgent() {
-  if (agent_.status && !EndedAsWanted(*agent_.status)) {
-    ReportAgent(HowItEnded(*agent_.status));
-  }
+  if (agent_.status && !EndedAsWanted(*agent_.status)) ReportAgent(HowItEnded(*agent_.status));
 }
 
 void Run::ReportAgent(const std::string& what) {
@@ -477,16 +443,10 @@ void Run::ReportAgent(const std::string& what) {
 }
 
 int Run::Execute() {
-  if (scenario_.bus) {
-    StartBus();
-  }
-  if (scenario_.agent.running && interrupted_by_ == 0) {
-    StartAgent();
-  }
+  if (scenario_.bus) StartBus();
+  if (scenario_.agent.running && interrupted_by_ == 0) StartAgent();
   TakeSignals();
-  if (interrupted_by_ != 0) {
-    return kKilledBy + interrupted_by_;
-  }
+  if (interrupted_by_ != 0) return kKilledBy + interrupted_by_;
   int status = StartCommand();
   if (command_.pid > 0) {
     AwaitCommand();

@@ -22,9 +22,7 @@ using Json = nlohmann::json;
 std::vector<std::string> Parts(const std::string& text, char separator) {
   std::vector<std::string> parts;
   std::istringstream stream(text);
-  for (std::string part; std::getline(stream, part, separator);) {
-    parts.push_back(part);
-  }
+  for (std::string part; std::getline(stream, part, separator);) parts.push_back(part);
   return parts;
 }
 
@@ -50,17 +48,13 @@ Json Results(const std::string& text) {
 
 Json Start(const std::string& agents) {
   Json step = {{"event", "Start"}};
-  if (!agents.empty()) {
-    step["agents"] = Parts(agents, ',');
-  }
+  if (!agents.empty()) step["agents"] = Parts(agents, ',');
   return step;
 }
 
 Json SelfUpdate(const std::string& version) {
   Json update = Json::object();
-  if (!version.empty()) {
-    update["version"] = version;
-  }
+  if (!version.empty()) update["version"] = version;
   return Json{{"selfUpdate", update}};
 }
 
@@ -110,9 +104,7 @@ Json StepOfWord(const std::string& text) {
   const std::string name = text.substr(0, equals);
   const auto* const word = std::find_if(std::begin(kWords), std::end(kWords),
                                         [&](const Word& each) { return name == each.name; });
-  if (word == std::end(kWords)) {
-    throw std::runtime_error("\"" + Quotable(name) + "\" is no step");
-  }
+  if (word == std::end(kWords)) throw std::runtime_error("\"" + Quotable(name) + "\" is no step");
   if (has_argument ? word->argument == Argument::kNone : word->argument == Argument::kNeeded) {
     throw std::runtime_error("the step \"" + name + "\" " +
                              (has_argument ? "takes nothing" : "needs something behind \"=\""));
@@ -163,9 +155,7 @@ int Send(const std::vector<std::string>& words) {
     throw std::runtime_error("this is no world: \"send\" works below \"svcmgr-sim run\" only");
   }
   const std::string problem = SendSteps(path, StepsOfWords(words));
-  if (problem.empty()) {
-    return 0;
-  }
+  if (problem.empty()) return 0;
   Report(problem);
   return 1;
 }

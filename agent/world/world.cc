@@ -30,9 +30,7 @@ std::string Tmpdir() {
 }
 
 void MakePrivateFolder(const std::string& path) {
-  if (mkdir(path.c_str(), 0700) != 0) {
-    throw std::system_error(errno, std::generic_category(), path);
-  }
+  if (mkdir(path.c_str(), 0700) != 0) throw std::system_error(errno, std::generic_category(), path);
 }
 
 /** A folder that cannot be entered or written keeps its content from being removed. */
@@ -51,9 +49,7 @@ void MakeRemovable(const std::string& folder) {
 
 std::string MakeWorldFolder() {
   std::string folder = Tmpdir() + "/svcmgr-sim-XXXXXX";
-  if (mkdtemp(folder.data()) == nullptr) {
-    throw NoWorldFolder(errno);
-  }
+  if (mkdtemp(folder.data()) == nullptr) throw NoWorldFolder(errno);
   return folder;
 }
 
@@ -67,9 +63,7 @@ bool RemoveTree(const std::string& folder) {
   std::error_code error;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     fs::remove_all(folder, error);
-    if (!error) {
-      return true;
-    }
+    if (!error) return true;
     MakeRemovable(folder);
   }
   return false;
@@ -85,9 +79,7 @@ World::World(const Scenario& scenario, const std::string& folder) : folder_(fold
 }
 
 World::~World() {
-  if (!kept_) {
-    RemoveTree(folder_);
-  }
+  if (!kept_) RemoveTree(folder_);
 }
 
 void World::Furnish(const Scenario& scenario) {
@@ -95,12 +87,8 @@ void World::Furnish(const Scenario& scenario) {
                            "xdg/cache", "xdg/state", "xdg/run"}) {
     MakePrivateFolder(folder_ + "/" + name);
   }
-  if (scenario.agent.installed) {
-    Install(scenario.agent.package);
-  }
-  for (const Package& package : scenario.packages) {
-    Install(package);
-  }
+  if (scenario.agent.installed) Install(scenario.agent.package);
+  for (const Package& package : scenario.packages) Install(package);
 }
 
 void World::Install(const Package& package) const {
@@ -113,9 +101,7 @@ std::string World::bus_address() const {
   constexpr std::size_t kLongestPath = 100;
   constexpr char kPlain[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-/.";
   const std::string path = folder_ + "/bus";
-  if (path.size() > kLongestPath) {
-    return "unix:abstract=" + fs::path(folder_).filename().string();
-  }
+  if (path.size() > kLongestPath) return "unix:abstract=" + fs::path(folder_).filename().string();
   std::string address = "unix:path=";
   for (const char c : path) {
     if (std::string_view(kPlain).find(c) != std::string_view::npos) {
