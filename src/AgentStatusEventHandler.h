@@ -5,7 +5,7 @@
 #include "Singleton.h"
 #include "VorlaEventHandler.h"
 
-// The watch that keeps a connection across the agent's own update. The connection manager switches
+// The watch that keeps a connection across the agent's own update. The client context switches
 // it on when a connection stands and off when the connection is ended.
 class AgentStatusEventHandler final : public Singleton<AgentStatusEventHandler> {
  public:

@@ -6,9 +6,9 @@
 #include <new>
 #include <utility>
 
+#include "marshalling.h"
 #include "proxy_log.h"
 #include "thread_exit.h"
-#include "wire.h"
 
 // Closes a function that the platform calls: nothing that is thrown reaches the platform's C code.
 // A semicolon follows, as after RETURN_ON_EXCEPTION.

@@ -25,12 +25,12 @@ constexpr int kErrorOfAgentResult[] = {
 };
 
 // The list is delivered whatever the result is.
-void Deliver(const ModelListReceiver& receiver, int result, wire::AIModelList list) {
+void Deliver(const ModelListReceiver& receiver, int result, rpc::AIModelList list) {
   const velmora_svcmgr_ai_model_list_h handle = Convert(std::move(list));
   receiver.callback(TranslateAgentResult(result), handle, receiver.user_data);
 }
 
-void Deliver(const ProgressReceiver& receiver, int result, const wire::AIUpdateProgressInfo& info) {
+void Deliver(const ProgressReceiver& receiver, int result, const rpc::AIUpdateProgressInfo& info) {
   velmora_svcmgr_ai_progress_h progress = nullptr;
   Convert(info, &progress);
   // The state is not used: the call is part of what a delivery does, and logs a missing handle.
@@ -48,13 +48,13 @@ int TranslateAgentResult(int result) {
                                                 : SVCMGR_ERROR_INVALID_OPERATION;
 }
 
-velmora_svcmgr_ai_model_list_h Convert(wire::AIModelList list) {
+velmora_svcmgr_ai_model_list_h Convert(rpc::AIModelList list) {
   CLIENT_INFO("conver AIModelList to model_list_handle");
   velmora_svcmgr_ai_model_list_h handle = nullptr;
   if (velmora_svcmgr_ai_model_list_create(&handle) == SVCMGR_ERROR_NONE && list.count > 0) {
     // Each model is let go once it is converted: the next ones take its memory.
     for (; !list.models.empty(); list.models.pop_front()) {
-      const wire::AIModelInfo& model = list.models.front();
+      const rpc::AIModelInfo& model = list.models.front();
       velmora_svcmgr_ai_model_info_h info = nullptr;
       const int result = velmora_svcmgr_ai_model_info_create(&info);
       CLIENT_INFO_F("model [%s - %s - %s - %s]", model.id.get(), model.version.get(),
@@ -74,7 +74,7 @@ velmora_svcmgr_ai_model_list_h Convert(wire::AIModelList list) {
   return handle;
 }
 
-void Convert(const wire::AIUpdateProgressInfo& info, velmora_svcmgr_ai_progress_h* progress) {
+void Convert(const rpc::AIUpdateProgressInfo& info, velmora_svcmgr_ai_progress_h* progress) {
   CLIENT_INFO("conver AIUpdateProgressInfo to progress_handle");
   velmora_svcmgr_ai_progress_h handle = nullptr;
   if (velmora_svcmgr_ai_progress_create(&handle) == SVCMGR_ERROR_NONE) {
@@ -87,26 +87,26 @@ void Convert(const wire::AIUpdateProgressInfo& info, velmora_svcmgr_ai_progress_
   *progress = handle;
 }
 
-void GetUsableModelListCB::OnReceived(int result, wire::AIModelList list) {
+void GetUsableModelListCB::OnReceived(int result, rpc::AIModelList list) {
   // The record names the version list's delegate; log readers know it by this text.
   CLIENT_INFO_F("GetModelVersionListCB::OnReceived error_code[%d]", result);
   Deliver(receiver_, result, std::move(list));
 }
 
-void GetUsableModelListWithDescCB::OnReceived(int result, wire::AIModelList list) {
+void GetUsableModelListWithDescCB::OnReceived(int result, rpc::AIModelList list) {
   CLIENT_INFO_F("GetUsableModelListWithDescCB::OnReceived error_code[%d]", result);
   Deliver(receiver_, result, std::move(list));
 }
 
-void GetModelVersionListCB::OnReceived(int result, wire::AIModelList list) {
+void GetModelVersionListCB::OnReceived(int result, rpc::AIModelList list) {
   Deliver(receiver_, result, std::move(list));
 }
 
-void RequestToUpdateCB::OnReceived(int result, wire::AIUpdateProgressInfo info) {
+void RequestToUpdateCB::OnReceived(int result, rpc::AIUpdateProgressInfo info) {
   Deliver(receiver_, result, info);
 }
 
-void RequestToUninstallCB::OnReceived(int result, wire::AIUpdateProgressInfo info) {
+void RequestToUninstallCB::OnReceived(int result, rpc::AIUpdateProgressInfo info) {
   Deliver(receiver_, result, info);
 }
 

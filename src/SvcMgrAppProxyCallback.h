@@ -10,8 +10,6 @@
 
 namespace svcmgr {
 
-namespace wire = rpc_port::SvcMgrAppProxy::proxy;
-
 // Application callbacks, each with its user data.
 struct ModelListReceiver {
   velmora_svcmgr_ai_model_list_cb callback;
@@ -27,51 +25,51 @@ struct ProgressReceiver {
 int TranslateAgentResult(int result);
 
 // Makes a handle of a list; null if it cannot be created.
-velmora_svcmgr_ai_model_list_h Convert(wire::AIModelList list);
+velmora_svcmgr_ai_model_list_h Convert(rpc::AIModelList list);
 
 // Makes a handle of a progress record; null if it cannot be created.
-void Convert(const wire::AIUpdateProgressInfo& info, velmora_svcmgr_ai_progress_h* progress);
+void Convert(const rpc::AIUpdateProgressInfo& info, velmora_svcmgr_ai_progress_h* progress);
 
-class GetUsableModelListCB final : public wire::GetUsableModelListCallback {
+class GetUsableModelListCB final : public rpc::GetUsableModelListCallback {
  public:
   explicit GetUsableModelListCB(ModelListReceiver receiver) : receiver_(receiver) {}
-  void OnReceived(int result, wire::AIModelList list) override;
+  void OnReceived(int result, rpc::AIModelList list) override;
 
  private:
   ModelListReceiver receiver_;
 };
 
-class GetUsableModelListWithDescCB final : public wire::GetUsableModelListWithDescCallback {
+class GetUsableModelListWithDescCB final : public rpc::GetUsableModelListWithDescCallback {
  public:
   explicit GetUsableModelListWithDescCB(ModelListReceiver receiver) : receiver_(receiver) {}
-  void OnReceived(int result, wire::AIModelList list) override;
+  void OnReceived(int result, rpc::AIModelList list) override;
 
  private:
   ModelListReceiver receiver_;
 };
 
-class GetModelVersionListCB final : public wire::GetModelVersionListCallback {
+class GetModelVersionListCB final : public rpc::GetModelVersionListCallback {
  public:
   explicit GetModelVersionListCB(ModelListReceiver receiver) : receiver_(receiver) {}
-  void OnReceived(int result, wire::AIModelList list) override;
+  void OnReceived(int result, rpc::AIModelList list) override;
 
  private:
   ModelListReceiver receiver_;
 };
 
-class RequestToUpdateCB final : public wire::RequestToUpdateCallback {
+class RequestToUpdateCB final : public rpc::RequestToUpdateCallback {
  public:
   explicit RequestToUpdateCB(ProgressReceiver receiver) : receiver_(receiver) {}
-  void OnReceived(int result, wire::AIUpdateProgressInfo info) override;
+  void OnReceived(int result, rpc::AIUpdateProgressInfo info) override;
 
  private:
   ProgressReceiver receiver_;
 };
 
-class RequestToUninstallCB final : public wire::RequestToUninstallCallback {
+class RequestToUninstallCB final : public rpc::RequestToUninstallCallback {
  public:
   explicit RequestToUninstallCB(ProgressReceiver receiver) : receiver_(receiver) {}
-  void OnReceived(int result, wire::AIUpdateProgressInfo info) override;
+  void OnReceived(int result, rpc::AIUpdateProgressInfo info) override;
 
  private:
   ProgressReceiver receiver_;

@@ -18,8 +18,6 @@
 #include "service_model_list.h"
 #include "thread_exit.h"
 
-namespace rpc = rpc_port::SvcMgrAppProxy::proxy;
-
 using svcmgr::AppIdentity;
 using svcmgr::CallSite;
 using svcmgr::CopyText;

@@ -76,4 +76,6 @@ struct AgentUpdateRequest {
 
 }  // namespace rpc_port::SvcMgrAppProxy::proxy
 
+namespace rpc = rpc_port::SvcMgrAppProxy::proxy;
+
 #endif  // SVCMGR_SVCMGR_PROTOCOL_H_

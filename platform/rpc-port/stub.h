@@ -50,7 +50,7 @@ class Stub final : public LoopSource::Handler, public std::enable_shared_from_th
 
  private:
   bool Accept();
-  void Pair(const std::shared_ptr<StubGuest>& first, const std::shared_ptr<StubGuest>& second);
+  void Pair(const std::shared_ptr<StubGuest>& main, const std::shared_ptr<StubGuest>& callback);
   bool Admits(const Hello& hello);
   void Welcome(const std::shared_ptr<StubClient>& client);
   std::shared_ptr<StubGuest> FindPartner(const StubGuest& guest) const;

@@ -17,6 +17,7 @@
 #include "model_support.h"
 #include "rules.h"
 #include "service_model_list.h"
+#include "svcmgr_protocol.h"
 
 namespace {
 
@@ -333,8 +334,6 @@ template <typename T>
 Thrown Row(const char* name) {
   return {name, [] { return fake::Throw(T()); }};
 }
-
-namespace rpc = rpc_port::SvcMgrAppProxy::proxy;
 
 struct Unnamed {};
 

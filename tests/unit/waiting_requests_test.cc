@@ -13,6 +13,7 @@
 #include "event_support.h"
 #include "model_support.h"
 #include "rules.h"
+#include "svcmgr_protocol.h"
 
 namespace {
 
@@ -73,8 +74,6 @@ template <typename T>
 Mishap Throwing(const char* name, const char* message) {
   return {name, [] { fake::Next("rpc_port_parcel_send", fake::Throw(T())); }, "", message};
 }
-
-namespace rpc = rpc_port::SvcMgrAppProxy::proxy;
 
 struct Unnamed {};
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef SVCMGR_WIRE_H_
-#define SVCMGR_WIRE_H_
+#ifndef SVCMGR_MARSHALLING_H_
+#define SVCMGR_MARSHALLING_H_
 
 // One Write and one Read for each record: its fields in wire order.
 
@@ -67,4 +67,4 @@ inline void Read(svcmgr::ParcelReader& in, AIUpdateProgressInfo& progress) {
 
 }  // namespace rpc_port::SvcMgrAppProxy::proxy
 
-#endif  // SVCMGR_WIRE_H_
+#endif  // SVCMGR_MARSHALLING_H_
