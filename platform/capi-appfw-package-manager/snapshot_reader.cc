@@ -208,7 +208,8 @@ int ReadFolder(const std::string& folder, Snapshot::Content* content) {
       case Outcome::kGone:
         break;
       case Outcome::kBroken:
-        content->complaints.insert(folder + "/" + entry->d_name + ": " + complaint);
+        content->complaints.insert(
+            std::string(folder).append("/").append(entry->d_name).append(": ").append(complaint));
         break;
       case Outcome::kFailed:
         return -EIO;

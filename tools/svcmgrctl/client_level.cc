@@ -34,7 +34,7 @@ Failure NoFolder(const std::string& message) {
 fs::path OwnFolder() {
   std::error_code error;
   const fs::path folder = fs::read_symlink("/proc/self/exe", error).parent_path();
-  const fs::path root = folder.filename() == "bin" ? folder.parent_path() : folder;
+  fs::path root = folder.filename() == "bin" ? folder.parent_path() : folder;
   if (root.empty() || root == root.root_path())
     throw NoFolder("this program's own folder is not known; name the application's");
   return root;

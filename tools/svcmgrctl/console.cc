@@ -23,19 +23,20 @@ using terminal_text::FirstCells;
 using terminal_text::ForTerminal;
 using terminal_text::Shortened;
 
-bool IsSet(const char* variable) {
+/** Of a variable of the environment; empty if it is not set. */
+std::string_view ValueOf(const char* variable) {
   const char* value = std::getenv(variable);
-  return value != nullptr && *value != '\0';
+  return value == nullptr ? "" : value;
 }
 
 // One that does not say what it is may know no escape sequence.
 bool IsCleverTerminal(int fd) {
-  return isatty(fd) != 0 && IsSet("TERM") && std::string_view(std::getenv("TERM")) != "dumb";
+  return isatty(fd) != 0 && !ValueOf("TERM").empty() && ValueOf("TERM") != "dumb";
 }
 
 bool UseColor(ColorWhen when, int fd) {
   if (when != ColorWhen::kAuto) return when == ColorWhen::kAlways;
-  return !IsSet("NO_COLOR") && IsCleverTerminal(fd);
+  return ValueOf("NO_COLOR").empty() && IsCleverTerminal(fd);
 }
 
 Space SizeOfTerminal() {

@@ -123,6 +123,7 @@ std::vector<MarkedFile> FindMarkers(const std::string& folder) {
   walk = {root.size(), &files};
   // As the library walks, so that equal markers come in the same order.
   nftw(root.c_str(), OnFile, 0, FTW_PHYS | FTW_DEPTH);
+  walk = {};
   return files;
 }
 
