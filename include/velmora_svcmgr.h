@@ -156,7 +156,8 @@
  *     anything, a pointer for each element, their number rounded up to a power of two; the former
  *     text of a model when one is set again; a copy of the models of each answer; and a platform
  *     record of each application that a request by category looks at. Set each text once, and ask
- *     when something may have changed, not all the time.
+ *     when something may have changed, not all the time. All of it stays reachable from the library:
+ *     what a leak checker reports is the application's.
  */
 
 #ifndef __cplusplus

@@ -8,6 +8,7 @@
 #include <exception>
 
 #include "SvcmgrException.h"
+#include "kept_blocks.h"
 #include "package_info_handle.h"
 #include "thread_exit.h"
 
@@ -44,6 +45,7 @@ bool SearchPackage(package_info_h package, CategorySearch& search) {
   app_info_h app = nullptr;
   if (app_info_create(id.get(), &app) != 0 || app == nullptr) return false;
   // The app info is kept on purpose: which platform functions this look-up calls is fixed.
+  KeepBlock(app);
   app_info_foreach_metadata(app, MatchCategory, &search);
   if (!search.found) return true;
   search.match = {id.get(), version.get()};

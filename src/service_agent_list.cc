@@ -6,6 +6,7 @@
 #include <new>
 
 #include "frame.h"
+#include "kept_blocks.h"
 #include "text.h"
 
 namespace {
@@ -41,6 +42,7 @@ int velmora_svcmgr_agent_list_destroy(velmora_svcmgr_agent_list_h list) try {
   }
   // The vector's storage is kept on purpose: releasing the texts and the record alone is this
   // function's fixed behaviour.
+  svcmgr::KeepStorageOf(list->agents);
   std::free(list);
   return SVCMGR_ERROR_NONE;
 }

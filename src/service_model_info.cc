@@ -7,12 +7,21 @@
 #include <stdexcept>
 
 #include "frame.h"
+#include "kept_blocks.h"
 
 namespace svcmgr {
 
 namespace {
 
 constexpr std::size_t kMaxTextBytes = 2048;
+
+// The field's former text stays allocated on purpose: a record is filled once, right after it was
+// made.
+void SetText(char*& field, const char* text) {
+  char* const copy = CopyModelText(text);
+  KeepBlock(field);
+  field = copy;
+}
 
 }  // namespace
 
@@ -108,14 +117,11 @@ int velmora_svcmgr_ai_model_info_get_description(velmora_svcmgr_ai_model_info_h 
 }
 RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
 
-// A setter leaves the field's former text allocated on purpose: a record is filled once, right
-// after it was made.
-
 int velmora_svcmgr_ai_model_info_set_id(velmora_svcmgr_ai_model_info_h info, const char* text) try {
   RETURN_IF_AGENT_MISSING();
   RETURN_IF_NULL(info, "Invalid parameter");
   RETURN_IF_NULL(text, "Invalid parameter");
-  info->id = svcmgr::CopyModelText(text);
+  svcmgr::SetText(info->id, text);
   return SVCMGR_ERROR_NONE;
 }
 RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
@@ -125,7 +131,7 @@ int velmora_svcmgr_ai_model_info_set_version(velmora_svcmgr_ai_model_info_h info
   RETURN_IF_AGENT_MISSING();
   RETURN_IF_NULL(info, "Invalid parameter");
   RETURN_IF_NULL(text, "Invalid parameter");
-  info->version = svcmgr::CopyModelText(text);
+  svcmgr::SetText(info->version, text);
   return SVCMGR_ERROR_NONE;
 }
 RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
@@ -135,7 +141,7 @@ int velmora_svcmgr_ai_model_info_set_title(velmora_svcmgr_ai_model_info_h info,
   RETURN_IF_AGENT_MISSING();
   RETURN_IF_NULL(info, "Invalid parameter");
   RETURN_IF_NULL(text, "Invalid parameter");
-  info->title = svcmgr::CopyModelText(text);
+  svcmgr::SetText(info->title, text);
   return SVCMGR_ERROR_NONE;
 }
 RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);
@@ -145,7 +151,7 @@ int velmora_svcmgr_ai_model_info_set_description(velmora_svcmgr_ai_model_info_h 
   RETURN_IF_AGENT_MISSING();
   RETURN_IF_NULL(info, "Invalid parameter");
   RETURN_IF_NULL(text, "Invalid parameter");
-  info->description = svcmgr::CopyModelText(text);
+  svcmgr::SetText(info->description, text);
   return SVCMGR_ERROR_NONE;
 }
 RETURN_ON_EXCEPTION(SVCMGR_ERROR_INVALID_OPERATION);

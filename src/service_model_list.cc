@@ -5,6 +5,7 @@
 #include <new>
 
 #include "frame.h"
+#include "kept_blocks.h"
 #include "service_model_info.h"
 
 int velmora_svcmgr_ai_model_list_create(velmora_svcmgr_ai_model_list_h* list) try {
@@ -31,6 +32,7 @@ int velmora_svcmgr_ai_model_list_destroy(velmora_svcmgr_ai_model_list_h list) tr
   }
   // The vector's storage is kept on purpose: releasing the record alone is this function's fixed
   // behaviour.
+  svcmgr::KeepStorageOf(list->models);
   std::free(list);
   return SVCMGR_ERROR_NONE;
 }

@@ -60,7 +60,10 @@ bool AwaitEnd(pid_t client, const RunRecord& record) {
 /** Where a signal came from: past its handler, the call of that by the kernel, raise and abort. */
 const void* Interrupted(const Stack& stack) {
   int frame = 2;
-  while (frame < stack.depth && IsIn(stack.frames[frame], "libc.so")) ++frame;
+  // With 32 bits a system call returns through the kernel's own library.
+  while (frame < stack.depth &&
+         (IsIn(stack.frames[frame], "libc.so") || IsIn(stack.frames[frame], "linux-gate.so")))
+    ++frame;
   return frame < stack.depth ? stack.frames[frame] : nullptr;
 }
 

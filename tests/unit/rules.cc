@@ -289,7 +289,9 @@ Rows RequestFunctions() {
           .Enters("__ velmora_svcmgr_ai_request_usable_model_list_with_category __")
           .NeedsLevel(11)
           .NeedsProxy()
-          .Returns(SVCMGR_ERROR_INVALID_PARAMETER, AskForACategoryOfNobody),
+          .Returns(SVCMGR_ERROR_INVALID_PARAMETER, AskForACategoryOfNobody)
+          // What leads to the app info that is kept can be done without.
+          .WithoutMemory({SVCMGR_ERROR_NONE, SVCMGR_ERROR_INVALID_OPERATION}),
       // The usable list's entry record; log readers know this request by it.
       Function(NAMED(ai_request_model_version_list), Needed(&Stage::info),
                Needed(&Stage::on_models), Given(&Stage::user_data))

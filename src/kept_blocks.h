@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef SVCMGR_KEPT_BLOCKS_H_
+#define SVCMGR_KEPT_BLOCKS_H_
+
+#include <cstddef>
+#include <vector>
+
+// What the library keeps on purpose stays reachable from it, in one chain that is never walked and
+// never shortened: a leak checker then reports what the application has forgotten, and nothing else.
+//
+// All threads. What cannot be chained for want of memory is kept unreachably.
+
+namespace svcmgr {
+
+// Makes a link of memory that nobody uses any more. It has room for a pointer at least; a stale
+// pointer in it would hide a leak of the application.
+void KeepStorage(void* storage) noexcept;
+
+// Of a list whose elements have been released.
+template <typename T>
+void KeepStorageOf(std::vector<T*>& elements) noexcept {
+  if (elements.capacity() == 0) return;
+  elements.assign(elements.capacity(), nullptr);
+  KeepStorage(elements.data());
+}
+
+// Keeps what is added, up to the number that was announced, in one link.
+class KeptBlocks {
+ public:
+  explicit KeptBlocks(std::size_t most) noexcept;
+  void Add(void* block) noexcept;
+
+ private:
+  void** next_ = nullptr;
+  void** end_ = nullptr;
+};
+
+inline void KeepBlock(void* block) noexcept {
+  if (block != nullptr) KeptBlocks(1).Add(block);
+}
+
+}  // namespace svcmgr
+
+#endif  // SVCMGR_KEPT_BLOCKS_H_
