@@ -89,10 +89,11 @@ endif()
 #   - unchecked-optional-access does not know that an assertion ends a test.
 #   - suspicious-missing-comma takes a script of several lines, among a command's arguments, for two.
 #   - performance-inefficient-*: a test saves no allocations.
+#   - NonNullParamChecker, StringChecker: a test has set the variables of the environment that it reads.
 macro(svcmgr_tidy_tests)
   if(SVCMGR_TIDY)
     list(APPEND CMAKE_CXX_CLANG_TIDY
-         --checks=-bugprone-suspicious-missing-comma,-bugprone-unchecked-optional-access,-performance-inefficient-*
+         --checks=-bugprone-suspicious-missing-comma,-bugprone-unchecked-optional-access,-performance-inefficient-*,-clang-analyzer-core.NonNullParamChecker,-clang-analyzer-cplusplus.StringChecker
          --extra-arg=-Xclang --extra-arg=-analyzer-config --extra-arg=-Xclang --extra-arg=mode=shallow)
   endif()
 endmacro()

@@ -36,7 +36,8 @@ TEST(AnOwnerOfADescriptor, HandsItOnWhenItIsMoved) {
   const UniqueFd to(std::move(from));
   EXPECT_EQ(to.get(), fd);
   EXPECT_TRUE(IsOpen(fd));
-  EXPECT_FALSE(from);  // NOLINT(bugprone-use-after-move): that is what is asked
+  // NOLINTNEXTLINE(bugprone-use-after-move,clang-analyzer-cplusplus.Move): that is what is asked
+  EXPECT_FALSE(from);
   EXPECT_EQ(from.get(), -1);
 }
 

@@ -97,8 +97,8 @@ const std::vector<Action> kActions = {
 /** Acts inside the callback of a connection, which is notified. */
 template <typename Place>
 Fire<Place> Notified(void (*notify)()) {
-  return [=](Place& place, Act act) {
-    place.connection.inside = std::move(act);
+  return [=](Place& place, const Act& act) {
+    place.connection.inside = act;
     notify();
   };
 }

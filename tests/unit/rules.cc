@@ -115,7 +115,7 @@ void Append(Rows& all, const char* unit, const Rows& rows) {
   }
 }
 
-Function::Occasion Answered(fake::Item answer) {
+Function::Occasion Answered(const fake::Item& answer) {
   return [answer](Stage&) {
     fake::ForgetMessages();
     fake::QueueReply({answer});

@@ -13,7 +13,6 @@
 using testing::AnyOf;
 using testing::Each;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 namespace {
 
@@ -180,7 +179,8 @@ TEST_P(AClientShortOfMemoryForPushes, LooksAgainNowAndThenOnly) {
     EXPECT_TRUE(RunUntil([&] { return failing.count() >= 4; }));
     EXPECT_GE(g_get_monotonic_time() - begin, 3 * G_USEC_PER_SEC / 20);
   }
-  EXPECT_TRUE(RunUntil([&] { return taken + client->events.size() >= 20; }));
+  EXPECT_TRUE(
+      RunUntil([&] { return static_cast<std::size_t>(taken) + client->events.size() >= 20; }));
   EXPECT_EQ(taken, 20);
 }
 
