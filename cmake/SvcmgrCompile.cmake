@@ -82,9 +82,10 @@ if(SVCMGR_TIDY)
   set(CMAKE_C_CLANG_TIDY ${CMAKE_CXX_CLANG_TIDY})
 endif()
 
-# svcmgr_tidy_tests()
+# svcmgr_tidy_tests([CHECK...])
 #
-# Reads the targets of the calling folder, and of those below it, as tests:
+# Reads the targets of the calling folder, and of those below it, as tests, without each CHECK and
+# without these:
 #   - The analyzer does not follow calls: through GoogleTest's macros it would for minutes in each file.
 #   - unchecked-optional-access does not know that an assertion ends a test.
 #   - suspicious-missing-comma takes a script of several lines, among a command's arguments, for two.
@@ -92,8 +93,11 @@ endif()
 #   - NonNullParamChecker, StringChecker: a test has set the variables of the environment that it reads.
 macro(svcmgr_tidy_tests)
   if(SVCMGR_TIDY)
-    list(APPEND CMAKE_CXX_CLANG_TIDY
-         --checks=-bugprone-suspicious-missing-comma,-bugprone-unchecked-optional-access,-performance-inefficient-*,-clang-analyzer-core.NonNullParamChecker,-clang-analyzer-cplusplus.StringChecker
+    set(checks_off
+        bugprone-suspicious-missing-comma bugprone-unchecked-optional-access performance-inefficient-*
+        clang-analyzer-core.NonNullParamChecker clang-analyzer-cplusplus.StringChecker ${ARGN})
+    list(JOIN checks_off ",-" checks_off)
+    list(APPEND CMAKE_CXX_CLANG_TIDY --checks=-${checks_off}
          --extra-arg=-Xclang --extra-arg=-analyzer-config --extra-arg=-Xclang --extra-arg=mode=shallow)
   endif()
 endmacro()
