@@ -12,7 +12,7 @@ struct CharacterRange {
   char32_t last;
 };
 
-// Rising, for the search below.
+// Ascending, for the search below.
 inline constexpr CharacterRange kUnsafeOnTerminal[] = {
     {0x0000, 0x001F},    // control characters, among them the start of every escape sequence
     {0x007F, 0x009F},    // delete, and the control characters that need no escape
@@ -37,9 +37,9 @@ inline constexpr CharacterRange kUnsafeOnTerminal[] = {
 static_assert(std::ranges::is_sorted(kUnsafeOnTerminal, {}, &CharacterRange::first));
 
 /**
- * Whether a character from outside may not reach a terminal as it stands: one that steers it, that
- * reorders a line, or that has no picture of its own, so that two IDs that differ look alike.
- * Line feeds and tabs are among them; where they are layout, the caller lets them pass.
+ * Whether a character from outside may not reach a terminal as it stands: one that controls it,
+ * reorders a line, or is invisible, so that two different IDs look alike. Line feeds and tabs are
+ * among them; where they are layout, the caller lets them pass.
  *
  * Joiners and variation selectors are no exception, though some scripts and emoji are written with
  * them.

@@ -8,8 +8,8 @@
 
 namespace base {
 
-/** Owns a file descriptor; a negative one stands for none. What it is given anew takes the place of
- *  what it had, which is closed at once. */
+/** Owns a file descriptor; a negative one stands for none. A new one replaces the one it had, which
+ *  is closed at once. */
 class UniqueFd {
  public:
   UniqueFd() = default;
