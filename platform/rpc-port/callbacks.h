@@ -12,12 +12,12 @@
 
 namespace rpc_port_desktop {
 
-// The callbacks of one event, in the order in which they were added. They may be added to while
-// they are being called.
+// The callbacks of one event, in the order in which they were added. More may be added while they
+// are being called.
 template <typename Function>
 class CallbackList {
  public:
-  // With room for the first callback: those who add just one need not expect to fail.
+  // Has room for the first callback, so that adding just one never fails.
   CallbackList() { entries_.reserve(1); }
 
   struct Entry {
@@ -41,8 +41,8 @@ class CallbackList {
   std::vector<Entry> entries_;
 };
 
-// Ends the callbacks of an object that any thread may destroy, also inside one of them. In a child
-// that was forked inside one, no other begins.
+// Ends the callbacks of an object that any thread may destroy, even inside one of them. In a forked
+// child none begins.
 class CallbackGate {
  public:
   // Held while a callback runs; false if none may run any more.

@@ -6,7 +6,7 @@
 
 namespace rpc_port_desktop {
 
-// The platform's error codes; their values are those of the negated errno constants everywhere.
+// The platform's error codes: negated errno constants, with the same values everywhere.
 enum Code : int {
   kOk = 0,
   kIoError = -5,

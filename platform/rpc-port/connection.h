@@ -18,7 +18,7 @@ struct Connection {
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
-  // Lets applications use the streams. To be repeated if it throws.
+  // Lets applications use the streams. May be called again if it throws.
   void Publish() {
     if (main_port == nullptr) main_port = Handles<Stream>::Get().Add(main);
     if (callback_port == nullptr) callback_port = Handles<Stream>::Get().Add(callback);
@@ -42,7 +42,7 @@ struct Connection {
     callback->ShutDown();
   }
 
-  // All is over: who waits on a port wakes up, and the handles become invalid.
+  // Whoever waits on a port wakes up, and the handles become invalid.
   void Close() {
     source->Destroy();
     main->Close();

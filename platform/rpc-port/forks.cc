@@ -36,7 +36,7 @@ OwnFd::~OwnFd() {
   const std::lock_guard<std::mutex> lock(fork_mutex);
   (before_ == nullptr ? first_own_fd : before_->behind_) = behind_;
   if (behind_ != nullptr) behind_->before_ = before_;
-  // Not behind the lock, where a fork would hand it on.
+  // Under the lock: after it, a fork could still hand the descriptor on.
   fd_.Reset();
 }
 

@@ -8,10 +8,10 @@
 #include "unique_fd.h"
 
 /*
- * What a forked child has of its parent's connections: nothing. Both would read from one stream,
- * and whoever shuts it down ends it for both. Therefore the child closes its descriptors of them as
- * soon as it is there; the handles are invalid in it, and its main loop drops the sources. The
- * objects stay as they are: threads that the child does not have may have been inside them.
+ * A forked child keeps none of its parent's connections. Both would read from one stream, and
+ * whoever shuts it down ends it for both. So the child closes its copies of the descriptors as soon
+ * as it exists; the handles are invalid in it, and its main loop drops the sources. The objects
+ * stay as they are: threads that the child does not have may have been inside them.
  */
 
 namespace rpc_port_desktop {
@@ -19,7 +19,7 @@ namespace rpc_port_desktop {
 // How many forks lie between this process and the one that loaded the library.
 inline std::atomic<unsigned> fork_count{0};
 
-// Tells what was made in this process from what it has inherited.
+// Distinguishes what this process made from what it inherited.
 class Birth {
  public:
   bool IsInherited() const { return forks_ != fork_count.load(std::memory_order_relaxed); }
@@ -28,8 +28,8 @@ class Birth {
   unsigned forks_ = fork_count.load(std::memory_order_relaxed);
 };
 
-// Guards what a forked child needs whole and free: all handles, and the list of descriptors. Held
-// for a moment only, and nothing else is locked meanwhile.
+// Guards what a forked child must find consistent and unlocked: all handles, and the list of
+// descriptors. Held only briefly, and no other lock is taken meanwhile.
 inline std::mutex fork_mutex;
 
 // Owns a descriptor that a forked child closes.

@@ -11,11 +11,11 @@
 
 namespace rpc_port_desktop {
 
-// Numbers are never given twice, not even to objects of different types.
+// No number is used twice, not even for objects of different types.
 inline std::atomic<uintptr_t> last_handle{0};
 
 // The handles of one type of object. A handle is a number, not an address: one that has outlived
-// its object, belongs to another type or was inherited by a fork is recognised, and touches no
+// its object, belongs to another type or was inherited across a fork is recognised without touching
 // memory.
 template <typename Object>
 class Handles {
@@ -40,7 +40,7 @@ class Handles {
     return found == objects_.end() ? nullptr : found->second.object;
   }
 
-  // Makes the handle invalid; null if it was.
+  // Makes the handle invalid; null if it already was.
   std::shared_ptr<Object> Remove(void* handle) {
     std::lock_guard<std::mutex> lock(fork_mutex);
     const auto found = FindEntry(handle);

@@ -26,11 +26,11 @@ struct Hello {
   int32_t kind = kMainStream;
   std::string token;
   std::string sender;
-  // Whom the client means. Names of sockets are shortened, so the server compares.
+  // Which server the client means. Socket names are shortened, so the server compares.
   std::string server;
   std::string port_name;
 
-  // False if the text is no hello at all. One of another version is read as far as the version.
+  // False if the message is no hello at all. One of another version is read up to the version.
   bool Read(Parcel* parcel);
   bool Write(Parcel* parcel) const;
 };

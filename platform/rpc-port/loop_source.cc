@@ -17,7 +17,7 @@ constexpr gint64 kRest = G_USEC_PER_SEC / 10;
 // What a source is attached for.
 struct Attachment {
   WeakHandler handler;
-  LoopSource* source;  // there as long as the handler is
+  LoopSource* source;  // lives as long as the handler
   Birth birth;
 };
 
@@ -40,7 +40,7 @@ struct SourceCalls {
     *timeout = -1;
     const Attachment* const attachment = Of(source);
     if (attachment == nullptr) return FALSE;
-    // Dispatched once more, to be dropped.
+    // So that it is dispatched once more, and dropped.
     if (attachment->birth.IsInherited()) return TRUE;
     const auto handler = attachment->handler.lock();
     return handler && !attachment->source->resting_ && handler->HasWork() ? TRUE : FALSE;
@@ -52,7 +52,7 @@ struct SourceCalls {
     const auto handler = attachment->handler.lock();
     if (!handler) return G_SOURCE_REMOVE;
     LoopSource* const self = attachment->source;
-    // What the descriptors show now, the next turn of the loop tells.
+    // The next turn of the loop tells what the descriptors show now.
     if (self->EndRest()) return G_SOURCE_CONTINUE;
     try {
       handler->Dispatch();
@@ -148,7 +148,7 @@ std::pair<unsigned, unsigned> LoopSource::Events(int first_fd, int second_fd) {
   return {EventsOf(first_fd), EventsOf(second_fd)};
 }
 
-// Needs the mutex, as does the next one. Has the descriptor polled, or not.
+// Has the descriptor polled, or not. Needs the mutex, as does the next one.
 void LoopSource::Arm(Watched* watched) {
   const bool wanted = !watched->paused && !resting_;
   if (wanted && watched->tag == nullptr) {

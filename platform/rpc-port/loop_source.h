@@ -34,10 +34,10 @@ class LoopSource {
   LoopSource(const LoopSource&) = delete;
   LoopSource& operator=(const LoopSource&) = delete;
 
-  // Starts to call the handler, which is kept alive during its calls, not between them, and has to
-  // keep the source.
+  // Starts to call the handler, which is kept alive during its calls, not between them, and must
+  // keep the source alive.
   void Attach(std::weak_ptr<Handler> handler);
-  // Ends all calls that have not begun yet; the descriptors may be closed now.
+  // No further call begins; the descriptors may be closed now.
   void Destroy();
 
   // Watches for `events`; a hang-up is always watched for, unless Unwatch is called.
@@ -47,19 +47,19 @@ class LoopSource {
   // What these descriptors showed when this dispatch began; 0 for one that is not watched.
   std::pair<unsigned, unsigned> Events(int first_fd, int second_fd);
 
-  // Stops and restarts watching; events that are set meanwhile count from the restart on.
+  // Stops and restarts watching; events set meanwhile take effect on the restart.
   void Pause(int fd);
   void Resume(int fd);
 
-  // From now on it is dispatched only when nothing of the ordinary priority is ready. False if that
-  // was so before. For the thread that runs the main loop.
+  // From now on it is dispatched only when nothing of the ordinary priority is ready. False if it
+  // already was so. For the thread that runs the main loop.
   bool StandBack();
 
   // Calls the handler at this time of the monotonic clock, in microseconds; never if negative.
   void SetDeadline(gint64 time);
 
-  // Does nothing for a while, for want of something that the next moment will not bring either, and
-  // then looks at everything again. Trying at once would only burn time.
+  // Does nothing for a while, then looks at everything again: for want of memory or descriptors,
+  // where trying again at once would only burn time.
   void Rest();
 
  private:

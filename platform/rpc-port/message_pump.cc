@@ -21,7 +21,7 @@ bool MessagePump::HasWork() {
 // False if nothing may be offered now.
 bool MessagePump::Read(unsigned events) {
   if (FrontIsOnOffer()) {
-    // A nested main loop, and the descriptor stays readable: watching it would only burn time.
+    // In a nested main loop the descriptor stays readable: watching it would only burn time.
     paused_ = true;
     source_->Pause(stream_->fd());
     return false;

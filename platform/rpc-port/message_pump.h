@@ -18,7 +18,7 @@ namespace rpc_port_desktop {
 // source has rested.
 //
 // A main loop that runs inside such a callback is offered further messages as soon as the callback
-// has taken its own; until then the stream rests.
+// has taken its own; until then the stream is not watched.
 class MessagePump {
  public:
   MessagePump(std::shared_ptr<Stream> stream, std::shared_ptr<LoopSource> source)

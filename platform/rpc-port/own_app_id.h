@@ -6,8 +6,8 @@
 
 namespace rpc_port_desktop {
 
-// The ID of the calling application. Fails as the platform does, and with -22 if the ID cannot
-// travel.
+// The ID of the calling application. Fails with app_get_id's code, or with -22 if the ID is empty
+// or too long to send.
 int OwnAppId(std::string* id);
 
 }  // namespace rpc_port_desktop

@@ -37,7 +37,7 @@ bool Parcel::WriteBool(bool value) {
 }
 
 bool Parcel::WriteString(std::string_view text) {
-  // The sum below cannot wrap, and the length fits its field.
+  // So that the sum below cannot wrap, and the length fits its field.
   if (text.size() >= kMaxContentSize) return false;
   const size_t length = text.size() + 1;
   uint8_t* place = Append(sizeof(uint32_t) + length);

@@ -29,13 +29,13 @@ class Parcel {
   // Readers move on only when they succeed; the output is untouched otherwise.
   [[nodiscard]] bool ReadInt32(int32_t* value);
   [[nodiscard]] bool ReadBool(bool* value);
-  // The view ends in front of the NUL and lives as long as the parcel is not written to.
+  // The view ends before the NUL and is valid until the parcel is written to.
   [[nodiscard]] bool ReadString(std::string_view* text);
 
   const uint8_t* content() const { return bytes_ + kPrefixSize; }
   size_t content_size() const { return size_ - kPrefixSize; }
 
-  // Fills the prefix in; the whole message is `message_size` bytes at the returned place.
+  // Fills in the prefix and returns the whole message, which has `message_size` bytes.
   const uint8_t* Seal();
   size_t message_size() const { return size_; }
 

@@ -105,7 +105,7 @@ int rpc_port_parcel_read_string(rpc_port_parcel_h h, char** str) {
   if (!Of(h)->ReadString(&text)) return kIoError;
   auto* copy = static_cast<char*>(std::malloc(text.size() + 1));
   if (copy == nullptr) return kOutOfMemory;
-  // The NUL behind the text has been checked.
+  // ReadString has checked that a NUL follows the text.
   std::memcpy(copy, text.data(), text.size() + 1);
   *str = copy;
   return kOk;

@@ -20,7 +20,7 @@ int OpenStream(int folder, const Hello& hello, std::shared_ptr<Stream>* stream) 
   *stream = std::make_shared<Stream>(std::move(socket), kMaxHandshakeSize);
   Parcel parcel;
   if (!hello.Write(&parcel)) return kOutOfMemory;
-  // A server that ends just now is reported as such by the streams' own end.
+  // A server that ends just now is reported when the streams end.
   (void)(*stream)->Send(parcel.Seal(), parcel.message_size());
   return kOk;
 }
@@ -32,7 +32,7 @@ Proxy::State Proxy::state() {
   return state_;
 }
 
-// False if the proxy is gone, which it remains.
+// False if the proxy is gone, which is final.
 bool Proxy::Become(State state) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (state_ == State::kGone) return false;
@@ -96,7 +96,7 @@ void Proxy::Destroy() {
     std::lock_guard<std::mutex> lock(mutex_);
     before = std::exchange(state_, State::kGone);
   }
-  // In the first two states the connection is not made, or belongs to the thread that makes it.
+  // In the first two states the connection is not made yet, or belongs to the thread that makes it.
   if (before != State::kIdle && before != State::kStarting && connection_) connection_->Close();
   gate_.AwaitRunning();
 }
@@ -141,7 +141,7 @@ void Proxy::AwaitVerdict() {
   OnVerdict();
 }
 
-// To be repeated if memory is short.
+// Called again if memory was short.
 void Proxy::OnVerdict() {
   if (verdict_ == Verdict::kRejected) {
     if (!Become(State::kGone)) return;
@@ -151,7 +151,7 @@ void Proxy::OnVerdict() {
   connection_->main->set_max_content(kMaxContentSize);
   connection_->callback->set_max_content(kMaxContentSize);
   {
-    // Not Publish and then Become: a proxy that is destroyed in between would leave the handles.
+    // Not Publish and then Become: a proxy destroyed in between would leave its handles behind.
     std::lock_guard<std::mutex> lock(mutex_);
     if (state_ == State::kGone) return;
     connection_->Publish();

@@ -35,7 +35,7 @@ class Proxy final : public LoopSource::Handler, public std::enable_shared_from_t
   enum class State {
     kIdle,
     kStarting,    // inside Connect
-    kConnecting,  // the streams stand, the server's verdict is awaited
+    kConnecting,  // the streams are open, the verdict is awaited
     kConnected,
     kGone,  // rejected, disconnected or destroyed
   };
@@ -54,7 +54,7 @@ class Proxy final : public LoopSource::Handler, public std::enable_shared_from_t
 
   std::mutex mutex_;  // guards the next three
   State state_ = State::kIdle;
-  // Null until the connection stands. They stay when it ends, and are invalid once it is destroyed.
+  // Null until connected. Kept when the connection ends; invalid once it is destroyed.
   rpc_port_h main_port_ = nullptr;
   rpc_port_h callback_port_ = nullptr;
 

@@ -38,8 +38,7 @@ int rpc_port_proxy_connect(rpc_port_proxy_h h, const char* appid, const char* po
     const auto proxy = Handles<Proxy>::Get().Find(h);
     return proxy ? proxy->Connect(appid, port) : kInvalidParameter;
   });
-  // Callers know no other failures, and wait in vain for the events of an attempt that failed with
-  // one.
+  // Callers know no other failures: after one, they would wait in vain for the events.
   const bool known = result == kOk || result == kInvalidParameter || result == kPermissionDenied;
   return known ? result : kIoError;
 }

@@ -14,7 +14,7 @@
 namespace rpc_port_desktop {
 namespace {
 
-// What is left of a socket address behind "/proc/self/fd/" and the longest number.
+// Fits into a socket address after "/proc/self/fd/" and the longest number.
 constexpr size_t kMaxSocketName = 80;
 
 const char* NonEmpty(const char* variable) {
@@ -29,7 +29,7 @@ std::string RuntimeFolderPath() {
 }
 
 int OpenFailure() {
-  // With O_NOFOLLOW a symbolic link is one of the last two.
+  // With O_NOFOLLOW, a symbolic link gives one of the last two.
   const bool untrusted = errno == EACCES || errno == EPERM || errno == ENOTDIR || errno == ELOOP;
   return untrusted ? kPermissionDenied : kIoError;
 }
@@ -60,7 +60,7 @@ uint64_t Fnv1a(std::string_view text) {
 
 int OpenRuntimeFolder(IfMissing if_missing, base::UniqueFd* folder) {
   std::string path = RuntimeFolderPath();
-  // Behind a slash a symbolic link would be followed.
+  // With a slash at its end, a symbolic link would be followed.
   while (path.size() > 1 && path.back() == '/') path.pop_back();
   if (if_missing == IfMissing::kMake && mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
     return OpenFailure();

@@ -14,9 +14,9 @@ namespace rpc_port_desktop {
 namespace {
 
 constexpr size_t kReadAhead = size_t{32} << 10;
-// How much of a message that is skipped is read at once.
+// How much of a skipped message is read at once.
 constexpr size_t kScratch = size_t{16} << 10;
-// From here on handing over the whole buffer is cheaper than copying the message out of it.
+// From this size on, handing over the whole buffer is cheaper than copying the message out of it.
 constexpr size_t kHandOver = size_t{4} << 10;
 
 void WaitFor(int fd, short events) {
@@ -54,7 +54,7 @@ bool Stream::FrontIsWhole() {
   return held - kPrefixSize >= content;
 }
 
-// Makes room behind what is held: at least for the rest of the message at the front, whose buffer
+// Makes room after what is held: at least for the rest of the message at the front, whose buffer
 // then holds it and nothing else if it is a large one. 0 if it is full of whole messages.
 size_t Stream::RoomToRead() {
   if (FrontIsWhole()) return in_.capacity() - in_end_;
@@ -79,7 +79,7 @@ void Stream::Consume(size_t size) {
   if (in_.capacity() > kReadAhead) in_.Reset();
 }
 
-// The number of bytes that had arrived; what ends the stream shows as the end.
+// Returns what recv does; marks the stream as ended if nothing more can come.
 ssize_t Stream::ReadSome(uint8_t* bytes, size_t size) {
   ssize_t got;
   do {

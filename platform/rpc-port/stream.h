@@ -20,9 +20,9 @@ namespace rpc_port_desktop {
 // A message that is being dropped while it arrives.
 class SkippedMessage {
  public:
-  // How much of it has to come, as far as is known; 0 once it is whole.
+  // How much of it is still to come, as far as is known; 0 once it is whole.
   size_t left() const;
-  // Drops bytes that were left.
+  // Drops the bytes of it that came next.
   void Drop(const uint8_t* bytes, size_t size);
   bool is_longer_than(size_t max_content) const;
 
@@ -34,8 +34,8 @@ class SkippedMessage {
 // One end of a stream of messages: a non-blocking socket with a read-ahead buffer and, on the
 // server's side, a queue of what the peer has not taken yet.
 //
-// When there is no memory for what has arrived, readers throw std::bad_alloc. It stays with the
-// kernel then, or in the buffer.
+// Fill and Take throw std::bad_alloc if there is no memory for what has arrived, which then stays
+// in the kernel or in the buffer.
 //
 // Thread-safe. No lock is held while a reader waits, so that the main loop never waits for a thread
 // that is blocked on the same stream.
@@ -58,13 +58,13 @@ class Stream {
   // Drops the message with this number, if it is still at the front. False if it is kept, because a
   // receiver had no memory for it.
   bool Discard(uint64_t number);
-  // Blocks for one whole message. Fails when the peer is gone and when the stream is closed. Without
-  // memory for the message, as without a parcel, it fails too and skips the message: who waits for a
-  // reply must not find the reply to an earlier request.
+  // Blocks for one whole message. Fails when the peer is gone and when the stream is closed.
+  // Without memory for the message, or without a parcel, it also fails and skips the message:
+  // whoever waits for a reply must not get the reply to an earlier request.
   int Receive(Parcel* parcel);
   // From now on a message that does not fit into memory is kept for another attempt.
   void KeepWhatDoesNotFit();
-  // The peer is gone or has broken the rules: nothing will arrive behind what is buffered.
+  // The peer is gone or has broken the rules: nothing will arrive after what is buffered.
   bool ended();
   void set_max_content(size_t max_content);
 

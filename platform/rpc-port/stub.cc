@@ -19,7 +19,7 @@ namespace {
 // Enough for many clients that connect at the same moment. Beyond it the oldest guest goes, which
 // is never one that has only just connected.
 constexpr size_t kMaxGuests = 256;
-// How many streams are accepted before the loop looks after the others.
+// How many streams are accepted before the loop turns to its other sources.
 constexpr int kMaxAcceptedAtOnce = 32;
 
 }  // namespace
@@ -88,7 +88,7 @@ void Stub::Dispatch() {
   }
 }
 
-// False if nobody waits any more.
+// False if nobody waits any more, or nobody can be accepted now.
 bool Stub::Accept() {
   base::UniqueFd socket(accept4(socket_->fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
   if (!socket) {

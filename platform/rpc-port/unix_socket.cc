@@ -19,7 +19,7 @@ base::UniqueFd NewSocket() {
   return base::UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
 }
 
-// The address of what a descriptor stands for or, with a name, of what is below it.
+// The address of what a descriptor refers to or, with a name, of an entry below it.
 bool ProcAddress(int fd, const char* slash, const std::string& name, sockaddr_un* address) {
   *address = {};
   address->sun_family = AF_UNIX;
@@ -57,7 +57,7 @@ int ConnectTo(int folder, const std::string& name, base::UniqueFd* connected) {
 }
 
 ServerSocket::~ServerSocket() {
-  // To a forked child they are lost.
+  // A forked child must not remove its parent's files.
   if (!lock_ || lock_->get() < 0) return;
   if (socket_) unlinkat(folder_.get(), name_.c_str(), 0);
   unlinkat(folder_.get(), LockName(name_).c_str(), 0);
@@ -93,7 +93,7 @@ int ServerSocket::Listen(base::UniqueFd folder, const std::string& name) {
     return kIoError;
   }
   socket_.emplace(std::move(socket));
-  // Whatever the process' mask of modes is, its own user may connect.
+  // Whatever the process's umask is, its own user may connect.
   if (fchmodat(folder_.get(), name_.c_str(), 0600, 0) != 0) return kIoError;
   return listen(fd(), SOMAXCONN) == 0 ? kOk : kIoError;
 }

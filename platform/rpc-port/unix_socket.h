@@ -14,12 +14,12 @@ namespace rpc_port_desktop {
 bool PeerIsOwnUser(int socket);
 
 // Connects to the socket `name` of the folder without waiting. -5 if nobody listens there or the
-// listener is hopelessly behind, -13 if it is not this user's.
+// listener's queue is full, -13 if it is not this user's.
 int ConnectTo(int folder, const std::string& name, base::UniqueFd* connected);
 
-// A listening socket in a folder, which it leaves when it is destroyed.
+// A listening socket in a folder, removed from it when this is destroyed.
 //
-// A lock beside the socket tells a living server from a dead one: the system gives it back however
+// A lock beside the socket tells a living server from a dead one: the system releases it however
 // the server ends, and whoever holds it may replace the socket. A forked child holds neither.
 class ServerSocket {
  public:

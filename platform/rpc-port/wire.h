@@ -9,7 +9,7 @@
 #include <cstring>
 
 /*
- * What travels on a stream: messages, one behind the other. A message is its content's length as a
+ * What travels on a stream: messages, one after the other. A message is its content's length as a
  * little-endian int32, then the content. In memory a parcel keeps the same layout, so that it is
  * sent in one piece.
  */

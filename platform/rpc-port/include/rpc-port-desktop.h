@@ -15,10 +15,10 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/** Decides whether a client is served; false gives it the rejected event. On the main context. */
+/** Decides whether a client is served; false rejects it. Called on the main context. */
 typedef bool (*rpc_port_desktop_admission_cb)(const char* sender, const char* instance, void* data);
 
-/** Sets who decides about new clients of a stub; without a callback all are served. */
+/** Sets what decides about new clients of a stub; without a callback, all are served. */
 int rpc_port_desktop_stub_set_admission_cb(rpc_port_stub_h h, rpc_port_desktop_admission_cb cb,
                                            void* data);
 
@@ -28,14 +28,16 @@ int rpc_port_desktop_stub_set_admission_cb(rpc_port_stub_h h, rpc_port_desktop_a
  */
 int rpc_port_desktop_stub_disconnect(rpc_port_stub_h h, const char* instance);
 
-/** Sends bytes on a port as they stand, with no length prefix; else as rpc_port_parcel_send. */
+/**
+ * Sends bytes on a port as they stand, with no length prefix; otherwise like rpc_port_parcel_send.
+ */
 int rpc_port_desktop_send_bytes(rpc_port_h port, const void* bytes, size_t size);
 
 /** Borrows the content of a parcel, without its length prefix, until the parcel is changed. */
 int rpc_port_desktop_parcel_get_bytes(rpc_port_parcel_h h, const void** bytes, size_t* size);
 
 /**
- * Replaces the content of a parcel by a copy of `bytes`; reading starts at the front. Returns -12
+ * Replaces the content of a parcel with a copy of `bytes`; reading starts at the front. Returns -12
  * if they exceed what a parcel holds.
  */
 int rpc_port_desktop_parcel_set_bytes(rpc_port_parcel_h h, const void* bytes, size_t size);

@@ -16,15 +16,15 @@
  * 3. A parcel belongs to one thread at a time. The functions of parcels and ports may be called
  * from any thread, those of a proxy too; those of a stub are called on the thread that runs the
  * main context.
- * 4. An event that several callbacks were added for calls them in the order in which they were
- * added. A received event is over as soon as one of them has taken the message.
+ * 4. An event calls its callbacks in the order in which they were added. A received event is over
+ * as soon as one of them has taken the message.
  * 5. In a main loop that runs inside a callback, further events of the same connection are
  * delivered; inside a received callback only once it has taken its message.
- * 6. A shortage of memory or descriptors that passes ends no connection. What arrives meanwhile is
- * looked at again ten times a second.
+ * 6. A temporary shortage of memory or descriptors ends no connection. What arrives meanwhile is
+ * tried again ten times a second.
  * 7. A child made by fork() has none of its parent's proxies, stubs and ports: their descriptors
- * are closed in it, their handles are invalid and their callbacks never come, also when it runs the
- * main loop. It makes its own. Whatever it does, and however it ends, the parent's go on.
+ * are closed in it, their handles are invalid and their callbacks never come, even when it runs the
+ * main loop. It can make its own. Whatever it does, and however it ends, the parent's go on.
  */
 
 #include <stdbool.h>
@@ -59,19 +59,19 @@ int rpc_port_parcel_create(rpc_port_parcel_h* h);
 
 /**
  * Blocks for one whole message and makes a parcel of it, which the caller releases with
- * rpc_port_parcel_destroy. Messages that had arrived before the peer went are still read.
+ * rpc_port_parcel_destroy. Messages that arrived before the peer went away can still be read.
  *
  * Returns -5 if the peer is gone, has sent a message of impossible size, or if the port's proxy or
- * connection is destroyed meanwhile; -22 if it was destroyed before; -12 if memory does not hold the
- * message. One that a received event has offered is kept then, and the event comes again. Any other
- * is skipped as soon as all of it has arrived, so that the next call gets the next message.
+ * connection is destroyed meanwhile; -22 if it was destroyed before; -12 if there is no memory for
+ * the message. One that a received event has offered is then kept, and the event comes again. Any
+ * other is skipped as soon as all of it has arrived, so that the next call gets the next message.
  */
 int rpc_port_parcel_create_from_port(rpc_port_parcel_h* h, rpc_port_h port);
 
 /**
  * Sends the parcel as one whole message; it may be sent again. A client waits for a server that is
- * slow to take it. A server never waits: what the client does not take at once is sent by and by,
- * and a client that lets 64 MiB pile up is disconnected.
+ * slow to take it. A server never waits: what the client does not take at once is sent later, and a
+ * client that lets 64 MiB pile up is disconnected.
  *
  * Returns -5 if the peer is gone or the port's proxy or connection is destroyed meanwhile; -22 if
  * it was destroyed before. The process gets no SIGPIPE. Success does not mean that the peer has
@@ -88,7 +88,7 @@ int rpc_port_parcel_write_bool(rpc_port_parcel_h h, bool b);
 int rpc_port_parcel_write_string(rpc_port_parcel_h h, const char* str);
 /** The number of elements that follow. Neither written nor read counts are checked. */
 int rpc_port_parcel_write_array_count(rpc_port_parcel_h h, int count);
-/* Readers go on behind what was read last. */
+/* Readers continue after what was read last. */
 int rpc_port_parcel_read_int32(rpc_port_parcel_h h, int* i);
 int rpc_port_parcel_read_bool(rpc_port_parcel_h h, bool* b);
 /** The text is a copy that the caller releases with free. */
@@ -97,13 +97,12 @@ int rpc_port_parcel_read_array_count(rpc_port_parcel_h h, int* count);
 
 /* Client side. */
 
-/** Both streams stand and the server has accepted; `port` is the main port. */
+/** Both streams are open and the server has accepted; `port` is the main port. */
 typedef void (*rpc_port_proxy_connected_event_cb)(const char* endpoint, const char* port_name,
                                                   rpc_port_h port, void* data);
 /**
- * The server is gone, also before it has accepted; comes once, behind all messages that it had sent
- * on the callback port. Replies that had arrived on the main port can
- * still be read.
+ * The server is gone, perhaps before it accepted; comes once, after all messages that it had sent
+ * on the callback port. Replies that had arrived on the main port can still be read.
  */
 typedef void (*rpc_port_proxy_disconnected_event_cb)(const char* endpoint, const char* port_name,
                                                      void* data);
@@ -112,7 +111,7 @@ typedef void (*rpc_port_proxy_rejected_event_cb)(const char* endpoint, const cha
                                                  void* data);
 /**
  * A whole message waits on the callback port, to be taken with rpc_port_parcel_create_from_port.
- * One that is left behind is dropped, unless memory did not hold it.
+ * One that is left behind is dropped, unless there was no memory for it.
  */
 typedef void (*rpc_port_proxy_received_event_cb)(const char* endpoint, const char* port_name,
                                                  void* data);
@@ -140,8 +139,10 @@ int rpc_port_proxy_destroy(rpc_port_proxy_h h);
  */
 int rpc_port_proxy_connect(rpc_port_proxy_h h, const char* appid, const char* port);
 
-/* Adding a callback to an event: -22 if it is null. It is called with `data` as its last argument.
- * The first one of each event never fails for want of memory. */
+/*
+ * Adding a callback to an event: -22 if it is null. It is called with `data` as its last argument.
+ * Adding the first one of each event never fails for want of memory.
+ */
 int rpc_port_proxy_add_connected_event_cb(rpc_port_proxy_h h, rpc_port_proxy_connected_event_cb cb,
                                           void* data);
 int rpc_port_proxy_add_disconnected_event_cb(rpc_port_proxy_h h,
@@ -151,7 +152,7 @@ int rpc_port_proxy_add_rejected_event_cb(rpc_port_proxy_h h, rpc_port_proxy_reje
 int rpc_port_proxy_add_received_event_cb(rpc_port_proxy_h h, rpc_port_proxy_received_event_cb cb,
                                          void* data);
 
-/** Borrows one of the proxy's ports. Returns -5 before the connection stands. */
+/** Borrows one of the proxy's ports. Returns -5 before it is connected. */
 int rpc_port_proxy_get_port(rpc_port_proxy_h h, rpc_port_port_type_e type, rpc_port_h* port);
 
 /* Server side. `sender` is the client's application ID, `instance` names one connection. */
