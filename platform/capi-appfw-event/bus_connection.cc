@@ -28,7 +28,7 @@ constexpr size_t kLongestName = 255;
 constexpr size_t kLargestPayload = 1 << 20;
 // Events that the bus has not taken yet.
 constexpr size_t kMostUnsentBytes = 64 << 20;
-// A flood of events leaves the main loop's other sources their turn.
+// So that a flood of events leaves the main loop's other sources their turn.
 constexpr int kMessagesAtOnce = 64;
 
 bool IsSuffix(std::string_view text) {
@@ -63,7 +63,6 @@ bool IsEvent(sd_bus_message* message) {
          strcmp(path, kPath) == 0;
 }
 
-// Passes the result of a function on.
 int OrThrow(int result) {
   if (result == -ENOMEM) throw std::bad_alloc();
   return result;
@@ -140,8 +139,8 @@ void BusConnection::Await(uint64_t deadline, Done done) {
   is_awaited_ = false;
 }
 
-// Goes on with one message: 1 if there was one, 0 if not, negative for an error. -ENOMEM says to
-// come again, unless the connection is not open any more.
+// Handles one message: 1 if there was one, 0 if not, negative for an error. -ENOMEM says to try
+// again, unless the connection is no longer open.
 int BusConnection::Step() try {
   is_short_of_memory_ = false;
   if (in_hand_.message) {
@@ -195,7 +194,7 @@ bool BusConnection::AddMatch(const std::string& rule, Match* match) {
   return Ask("AddMatch", rule.c_str(), OnMatchAdded, match, &match->question);
 }
 
-// Without memory the bus goes on to send what nobody listens to.
+// Without memory, the bus keeps sending what nobody listens to.
 BusConnection::Match::~Match() {
   sd_bus_message* call = nullptr;
   if (!question || sd_bus_message_new_method_call(connection->bus_.get(), &call, kBusName, kBusPath,
@@ -271,7 +270,7 @@ bool BusConnection::IsJudged(const Package& package) {
 Outcome BusConnection::AwaitWatch(const EventName& name, uint64_t deadline) {
   const Package& package = packages_.at(name.package);
   const Match& event = package.events.at(name.full);
-  // An owner that is known by then says nothing that has to wait behind the end of its port.
+  // What an owner that is known by then says need not wait for the end of a predecessor's port.
   Await(deadline, [&] {
     const Outcome outcome = OutcomeOf(package, event);
     return outcome == Outcome::kStands ? IsJudged(package) : outcome == Outcome::kRefused;
@@ -329,7 +328,7 @@ void BusConnection::LearnOwner(sd_bus_message* message, Package* package) {
     package->owner_outcome = Outcome::kRefused;
     return;
   }
-  // Since the subscription another may have come: nobody knows whom its ports mean.
+  // A new owner may have come since the subscription: nobody knows whose ports the client has.
   Adopt(package, owner, !is_awaited_);
   package->owner_outcome = Outcome::kStands;
 }
@@ -337,15 +336,15 @@ void BusConnection::LearnOwner(sd_bus_message* message, Package* package) {
 void BusConnection::ChangeOwner(sd_bus_message* message) {
   const char* id = nullptr;
   const char* owner = nullptr;
-  // A message that another client sends straight to this one meets no rule of the bus.
+  // A message that another client sends straight to this one bypasses the bus's rules.
   if (!IsFrom(message, kBusName)) return;
   if (sd_bus_message_read(message, "sss", &id, nullptr, &owner) < 0) return;
   const auto package = packages_.find(id);
   if (package != packages_.end()) Adopt(&package->second, owner, true);
 }
 
-// Its events wait until the bus has told whose process it is. Of a former owner only those stay
-// that still wait.
+// Its events wait until the bus has said whose process it is. A former owner stays only until that
+// is known of it.
 void BusConnection::Adopt(Package* package, const char* owner, bool is_successor) {
   if (package->owner && package->owner->unique_name == owner) return;
   std::list<Speaker> adopted;
@@ -361,7 +360,7 @@ void BusConnection::Adopt(Package* package, const char* owner, bool is_successor
   package->speakers.splice(package->speakers.end(), adopted);
 }
 
-// The answers come in this order. That the bus has answered means that the name is known.
+// The answers come in this order. Since the bus has answered, this connection's name is known.
 void BusConnection::AskForUser(Speaker* speaker) {
   const char* own_name = nullptr;
   const bool knows_itself =
@@ -384,8 +383,9 @@ int BusConnection::OnOwnUser(sd_bus_message* message, void* data, sd_bus_error*)
 int BusConnection::OnUser(sd_bus_message* message, void* data, sd_bus_error*) {
   auto* speaker = static_cast<Speaker*>(data);
   BusConnection* self = speaker->connection;
-  // Who is gone before the bus could tell gets the benefit of the doubt: an agent may well say
-  // something and end at once, and what it said must not be lost. So it is if the bus is gone.
+  // A process that is gone before the bus could tell gets the benefit of the doubt: an agent may
+  // well say something and end at once, and that must not be lost. The same holds if the bus is
+  // gone.
   const bool is_gone = SaysNoOwner(message) || !self->IsOpen();
   uint32_t user = 0;
   const bool is_same = sd_bus_message_read(message, "u", &user) >= 0 && user == self->own_user_;

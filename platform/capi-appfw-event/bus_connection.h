@@ -37,18 +37,18 @@ struct ReceivedEvent {
 // What has become of something that the bus was asked for.
 enum class Outcome { kUnderWay, kStands, kRefused, kGone };
 
-// One connection to the session bus. Not thread-safe. Nothing waits for the bus but the functions
-// that are given a deadline: a time on CLOCK_MONOTONIC in microseconds. Once one has waited in vain
-// none waits until the bus has said something.
+// One connection to the session bus. Not thread-safe. Only the functions that are given a deadline,
+// a time on CLOCK_MONOTONIC in microseconds, wait for the bus. Once one has waited in vain, none
+// waits until the bus has said something.
 //
-// Where memory is short, functions throw std::bad_alloc and have changed nothing; what the bus has
-// sent is kept until there is memory to look at it. Only a connection that is being opened breaks.
+// Where memory is short, functions throw std::bad_alloc and change nothing; what the bus has sent
+// is kept until there is memory to look at it. Only a connection that is being opened breaks.
 //
-// Rules and signals do without sd-bus's own matches, which a failed allocation damages.
+// Rules and signals bypass sd-bus's own matches, which a failed allocation damages.
 class BusConnection {
  public:
   // Begins to open a connection. Null if that fails at once, with a negative code: -EAGAIN from a
-  // bus that is there and takes nobody at the moment.
+  // bus that exists but accepts nobody at the moment.
   static std::unique_ptr<BusConnection> Open(int* error);
   ~BusConnection();
   BusConnection(const BusConnection&) = delete;
@@ -59,11 +59,11 @@ class BusConnection {
   // Whether this process owns a package's name or has asked for it; that ends with the connection.
   bool IsPublisher() const;
 
-  // Asks for the events of a name, once however often it is called. What the bus refuses is
+  // Asks for the events of a name, only once however often it is called. What the bus refuses is
   // forgotten. False if the bus cannot be asked.
   bool Watch(const EventName& name);
   void Unwatch(const EventName& name);
-  // Gives the bus time to answer. Events that stand come from then on.
+  // Gives the bus time to answer. From kStands on, events come.
   Outcome AwaitWatch(const EventName& name, uint64_t deadline);
   // Whether the bus sends the events of a name.
   bool Stands(const EventName& name) const;
@@ -79,8 +79,8 @@ class BusConnection {
   // Process.
   int Publish(const EventName& name, const unsigned char* payload, size_t size, uint64_t deadline);
 
-  // Takes in what the bus has sent, a part of it if it is much, and appends the events that have
-  // come. False once the connection is gone and nothing of it is left.
+  // Processes what the bus has sent, or a part of it if it is much, and appends the events that
+  // have come. False once the connection is gone and nothing of it is left.
   bool Process(std::list<ReceivedEvent>* received);
   // Whether Process went no further for want of memory.
   bool IsShortOfMemory() const { return is_short_of_memory_; }
@@ -104,7 +104,7 @@ class BusConnection {
 
     BusConnection* connection = nullptr;
     std::string unique_name;
-    bool is_successor = false;  // which nothing has come from yet
+    bool is_successor = false;  // and nothing has come from it yet
     Judgement judgement = kAsked;
     std::list<ReceivedEvent> waiting;  // for the judgement
     Slot question;
@@ -145,7 +145,7 @@ class BusConnection {
     BusConnection* connection = nullptr;
     Outcome outcome = Outcome::kUnderWay;
     bool is_anothers = false;
-    bool is_awaited = false;  // by who is told of the outcome
+    bool is_awaited = false;  // by a caller, who is told of the outcome
     Slot question;
   };
 
@@ -191,11 +191,11 @@ class BusConnection {
   Slot own_user_question_;
   uint32_t own_user_;        // as the bus has it, once that is known
   bool is_awaited_ = false;  // somebody waits for what the bus says
-  bool is_broken_ = false;   // nothing that goes on with it can be right
+  bool is_broken_ = false;   // using it further cannot be right
   bool refused_ = false;     // see TakeRefusal
   bool is_silent_ = false;   // since somebody has waited in vain
   bool is_short_of_memory_ = false;
-  size_t unsent_bytes_ = 0;  // of events, since the bus had taken everything
+  size_t unsent_bytes_ = 0;  // of events, since the bus last had taken everything
 };
 
 }  // namespace events

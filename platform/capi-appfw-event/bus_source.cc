@@ -49,7 +49,7 @@ gboolean Prepare(GSource* base, gint* timeout_ms) {
 
 gboolean Check(GSource* base) {
   auto* source = reinterpret_cast<BusSource*>(base);
-  // Another thread may have read messages meanwhile, whose turn is before that of other sources.
+  // Another thread may have read messages meanwhile, which come before other sources.
   source->due_time = source->ask().due_time;
   // A hang-up shows even where nothing is polled for.
   const bool shows = source->poll_events != 0 && g_source_query_unix_fd(base, source->tag) != 0;

@@ -14,9 +14,9 @@ struct Wish {
   uint64_t due_time = 0;  // on CLOCK_MONOTONIC in microseconds; UINT64_MAX for never
 };
 
-// Attaches a source for the descriptor to the default main context. `ask` is called before
-// and after each poll; `dispatch` when the descriptor or the time has come. Both may be called until the source is
-// destroyed, and once more by a dispatch that is under way in another thread.
+// Attaches a source for the descriptor to the default main context. `ask` is called before and
+// after each poll; `dispatch` when the descriptor or the time has come. Both may be called until
+// the source is destroyed, and once more by a dispatch that is under way in another thread.
 GSource* AttachBusSource(int fd, Wish (*ask)(), void (*dispatch)());
 
 }  // namespace events

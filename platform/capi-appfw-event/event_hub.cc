@@ -17,12 +17,12 @@ namespace events {
 
 namespace {
 
-// Behind the end of a port, whose priority is one above.
+// After the end of a port, which comes at G_PRIORITY_DEFAULT + 1.
 constexpr int kPriorityOfHeld = G_PRIORITY_DEFAULT + 2;
 // Trying at once would only burn time.
 constexpr guint kRestMs = 100;
 constexpr char kLogTag[] = "APP_EVENT";
-// A subscription that takes longer goes on by itself.
+// A subscription that takes longer continues by itself.
 constexpr uint64_t kSubscriptionPatienceUs = 100 * 1000;
 constexpr uint64_t kPublicationPatienceUs = 2 * 1000 * 1000;
 constexpr uint64_t kSettlementPatienceUs = 60 * 1000 * 1000;
@@ -40,9 +40,9 @@ struct EventHub::Delivery {
   std::vector<Handler> handlers;
 };
 
-// What a function of the interface holds on to. At its end, however that comes, a connection that
-// nobody needs goes, the bus is asked again for what it has not granted, and the main loop, which
-// may be polling in another thread, hears of messages that came in along with an answer.
+// What each function of the interface holds while it runs. However it ends, a connection that
+// nobody needs is closed, the bus is asked again for what it has not granted, and the main loop,
+// which may be polling in another thread, hears of messages that came in along with an answer.
 class EventHub::Use {
  public:
   explicit Use(EventHub* hub) : hub_(hub), lock_(hub->mutex_) { hub->LeaveParent(); }
@@ -82,13 +82,13 @@ void EventHub::AfterFork() {
   if (!forks_itself_) mutex_.unlock();
 }
 
-// A forked child has none of its parent's subscriptions. At its first use of them, not while it is
-// forked: what the main loop and the bus hold must be let go of.
+// A forked child has none of its parent's subscriptions. Dropped at its first use of them, not
+// during the fork: what the main loop and the bus hold must be released.
 void EventHub::LeaveParent() {
   if (!inherited_) return;
   if (connection_) {
-    // Kept, because sd-bus releases in a child nothing of what was made before. Connect has made
-    // room.
+    // Kept, because in a child sd-bus releases nothing that was made before the fork. Connect has
+    // made room.
     of_parents_.push_back(std::move(connection_));
     g_source_destroy(source_);
     g_source_unref(source_);
@@ -102,8 +102,7 @@ void EventHub::LeaveParent() {
   inherited_ = false;
 }
 
-// Makes sure of a connection, which may be one that is being opened, that watches for every
-// subscription.
+// Makes sure that a connection, perhaps one still being opened, watches for every subscription.
 int EventHub::Connect() {
   if (connection_ && !connection_->IsOpen()) {
     // What has come is not lost with it.
@@ -154,8 +153,8 @@ bool EventHub::IsSettled() const {
   });
 }
 
-// What failed later than its caller could hear of is tried again, less and less often; and what is
-// under way is looked after.
+// What failed too late for its caller to hear of is tried again, less and less often; and what is
+// under way is checked.
 void EventHub::RetryLater() {
   if (retry_.IsSet() || handlers_.empty()) return;
   retry_ms_ = std::clamp(retry_ms_ * 2, kFirstRetryMs, kLastRetryMs);
@@ -178,7 +177,7 @@ void EventHub::Retry() try {
   // It is tried again.
 }
 
-// A bus that went away unnoticed shows when it is spoken to; another may have taken its place.
+// A bus that went away unnoticed is found out when it is used; another may have taken its place.
 template <typename Work>
 int EventHub::UseConnection(Work work) {
   int result = -EIO;
@@ -226,7 +225,7 @@ bool EventHub::Has(event_handler_h handler) const {
                      [handler](const Handler& h) { return h.get() == handler; });
 }
 
-// Needs no memory: what a subscriber has ended it does not expect to hear of again.
+// Needs no memory: a subscriber does not expect to hear again of what it has ended.
 int EventHub::Remove(event_handler_h handler) {
   const Use use(this);
   const auto found = std::find_if(handlers_.begin(), handlers_.end(),
@@ -334,9 +333,9 @@ bool EventHub::TakeNext(Delivery* delivery) {
   const std::lock_guard<OwnedMutex> lock(mutex_);
   if (inherited_ || pending_.empty() || pause_.IsSet()) return false;
   ReceivedEvent& event = pending_.front();
-  // What a successor says, clients must hear behind the end of its predecessor. Their ports to that
-  // one show the end by now, but the main loop polled before: it polls once more, and what it finds
-  // is dispatched first.
+  // Clients must hear what a successor says after the end of its predecessor. Their ports to the
+  // latter show the end by now, but the main loop polled before that: it polls once more, and what
+  // it finds is dispatched first.
   if (std::exchange(event.from_successor, false)) {
     pause_.SetAfter(0);
     return false;

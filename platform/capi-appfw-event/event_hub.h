@@ -24,7 +24,8 @@ struct event_handler {
 
 namespace events {
 
-// Knows whether the calling thread has it: the bus library forks for addresses that name a program.
+// Knows whether the calling thread holds it: the bus library forks for addresses that name a
+// program.
 class OwnedMutex {
  public:
   void lock() {
@@ -42,8 +43,8 @@ class OwnedMutex {
   std::atomic<std::thread::id> owner_;
 };
 
-// The process's subscriptions and its connection, which exists while it is needed. What memory does
-// not suffice for is tried again from the main loop.
+// The process's subscriptions and its connection, which exists while it is needed. What fails for
+// want of memory is tried again from the main loop.
 class EventHub {
  public:
   // Never destroyed: subscriptions may outlast the library's statics.
@@ -87,15 +88,16 @@ class EventHub {
 
   // Guards all that follows. Never held while a handler is called.
   OwnedMutex mutex_;
-  bool forks_itself_ = false;  // while a process is forked: by the thread that has the mutex
+  bool forks_itself_ = false;  // while a process is forked: by the thread that holds the mutex
   std::vector<Handler> handlers_;
   std::unique_ptr<BusConnection> connection_;
   GSource* source_ = nullptr;  // where there is a connection
-  Alarm retry_;                // where the bus is to be asked again
+  Alarm retry_;                // set while the bus is to be asked again
   guint retry_ms_ = 0;         // how long after the last attempt; 0 when all is well
   bool inherited_ = false;     // all of this is the parent's
   std::vector<std::unique_ptr<BusConnection>> of_parents_;
-  // What is to be delivered. While the alarm is set that waits, and nothing is read from the bus.
+  // What is to be delivered. While the alarm is set, delivery waits and nothing is read from the
+  // bus.
   std::list<ReceivedEvent> pending_;
   Alarm pause_;
 };
