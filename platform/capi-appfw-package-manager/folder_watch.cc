@@ -23,7 +23,8 @@ constexpr uint32_t kMoveMask = IN_MOVE_SELF | IN_DELETE_SELF;
 constexpr uint32_t kStepMask = kEntryMoved | kMoveMask;
 constexpr uint32_t kFolderMask = kStepMask | IN_MODIFY | IN_CLOSE_WRITE;
 
-// A writer's own closing of the generation file says nothing that its content does not say.
+// That the generation file was closed, or its attributes changed, says nothing that its word does
+// not.
 bool Matters(std::string_view entry, uint32_t mask) {
   if (entry == kGenerationFile) return (mask & (kFolderMask ^ (IN_CLOSE_WRITE | IN_ATTRIB))) != 0;
   return IsKeyFileName(entry);
@@ -80,9 +81,9 @@ void FolderWatch::Forget() {
 
 // Watches come before the folder is read, so that whatever changes during the reading is news.
 //
-// A folder above that stands and is no link can only be moved: to be removed or replaced it must be
-// empty first. What else happens in it, say in /tmp, is better not heard of. Where the path ends early
-// or leads through a link, every folder on the way has to be listened to.
+// A folder above that exists and is no link can only be moved: it must be empty before it can be
+// removed or replaced. What else happens in it, say in /tmp, is better ignored. Where the path ends
+// early or leads through a link, the entries of every folder on the way must be watched.
 void FolderWatch::WatchPath() try {
   Forget();
   short_of_watches_ = false;
@@ -92,14 +93,14 @@ void FolderWatch::WatchPath() try {
     const base::Malloced<char> real(realpath(folder_.c_str(), nullptr));
     if (real && folder_ != real.get()) WatchSteps(real.get(), Care::kEntries);
   }
-  // With a part of the watches only, news could be missed.
+  // With only some of the watches, news could be missed.
   if (steps_.empty() || short_of_watches_) inotify_ = base::UniqueFd();
 } catch (...) {
   inotify_ = base::UniqueFd();
   throw;
 }
 
-// Stops at the first folder that is missing: its coming is news from the one before.
+// Stops at the first folder that is missing: its appearance is news from the one before.
 bool FolderWatch::WatchSteps(const std::string& path, Care care) {
   const uint32_t follow = care == Care::kMoves ? IN_DONT_FOLLOW : 0;
   for (size_t slash = 0; slash != std::string::npos;) {

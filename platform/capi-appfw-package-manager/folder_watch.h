@@ -11,15 +11,16 @@ struct inotify_event;
 
 namespace packages {
 
-// Watches a folder that may be absent, appear, go or be replaced by another of its name.
+// Watches a folder that may be absent, appear, disappear or be replaced by another of the same
+// name.
 class FolderWatch {
  public:
   // `folder` is an absolute path.
   explicit FolderWatch(std::string folder) : folder_(std::move(folder)) {}
 
-  // Whether the folder may hold something else than at the last call: one read while nothing
-  // happens. Always true at the first call, and as long as the kernel grants no watch. What fails by an
-  // exception is tried again by the next call, which returns true.
+  // Whether the folder may hold something other than at the last call. Costs one read while nothing
+  // happens. Always true at the first call, and as long as the kernel grants no watch. After an
+  // exception, the next call tries again and returns true.
   bool Changed();
 
   // False as long as the kernel grants no watch.

@@ -16,20 +16,21 @@ namespace packages {
 // Whether what was read of a package folder is still the latest, told without asking the kernel.
 //
 // It is while the folder's generation word, which the functions of package_desktop.h change before
-// they return, is what it was before the reading, and the folder's watch, which hears of everybody
-// else, had no news less than 10 ms ago. In a folder without a generation word, nothing can be told.
+// they return, is what it was before the reading, and the folder's watch, which notices all other
+// changes, had no news less than 10 ms ago. In a folder without a generation word, it cannot be
+// told.
 //
-// A generation file that somebody makes empty ends the process that looks at its word next. The watch
-// tells of it, so that only those 10 ms are dangerous; without them, every look-up would have to read
-// the watch.
+// A generation file that somebody truncates ends the process that next looks at its word. The watch
+// tells of it, so that only those 10 ms are dangerous; without them, every look-up would have to
+// read the watch.
 class Freshness {
  public:
   using Nanoseconds = int64_t;
 
-  // Made before the folder is read. Holds when it has been confirmed.
+  // Made before the folder is read. Holds once it has been confirmed.
   explicit Freshness(std::shared_ptr<const Generation> generation)
       : generation_(std::move(generation)), word_(generation_ ? generation_->Load() : 0) {}
-  // To be confirmed anew.
+  // Must be confirmed again.
   Freshness(Freshness&& other) noexcept
       : generation_(std::move(other.generation_)), word_(other.word_) {}
 
@@ -46,12 +47,12 @@ class Freshness {
     if (generation_) until_.store(watch_read_at + kTrust, std::memory_order_release);
   }
 
-  // There is something newer: in no thread it holds any more.
+  // There is something newer: it holds in no thread any more.
   void End() { until_.store(0, std::memory_order_release); }
 
   const std::shared_ptr<const Generation>& generation() const { return generation_; }
 
-  // Right to a few milliseconds, and no system call.
+  // Accurate to a few milliseconds, without a system call.
   static Nanoseconds Now() {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC_COARSE, &now);

@@ -20,16 +20,16 @@ static_assert(sizeof(Generation::Word) == 8 && Generation::Word::is_always_lock_
 
 std::string PathIn(const std::string& folder) { return folder + "/" + kGenerationFile; }
 
-// Whether the file begins with a word that lies on its own storage: to look at a hole through a
-// mapping asks for storage, which may be none, and holes read as zeros.
+// Whether the file begins with a word that has storage: reading a hole through a mapping asks for
+// storage, of which there may be none. Holes read as zeros.
 bool HoldsWord(int fd, struct stat* about) {
   uint64_t word = 0;
   return fstat(fd, about) == 0 && S_ISREG(about->st_mode) &&
          pread(fd, &word, sizeof word, 0) == static_cast<ssize_t>(sizeof word) && word != 0;
 }
 
-// Never through a mapping, which has no way to tell of a file system that is full but to end the
-// process. Drawn words need no lock between writers: none of them comes twice.
+// Never through a mapping, which can report a full file system only by ending the process. Random
+// words need no lock between writers: none comes twice.
 bool WriteNewWord(const std::string& path) {
   const base::UniqueFd fd(
       open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644));

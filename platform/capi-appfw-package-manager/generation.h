@@ -11,8 +11,8 @@
 
 namespace packages {
 
-// Name of the file in a package folder whose first eight bytes, never zeros, are drawn anew after each
-// change that the functions of package_desktop.h make.
+// Name of the file in a package folder whose first eight bytes, never zeros, are drawn at random
+// after each change that the functions of package_desktop.h make.
 inline constexpr char kGenerationFile[] = ".generation";
 
 // The generation word of a folder, mapped.

@@ -6,7 +6,8 @@
 
 namespace packages {
 
-// Absolute path of the folder of installed packages, as environment and working directory have it now.
+// Absolute path of the folder of installed packages, as environment and working directory have it
+// now.
 std::string PackageFolder();
 
 }  // namespace packages

@@ -18,7 +18,7 @@ int package_info_create(const char* package, package_info_h* package_info) try {
   if (const int error = LatestSnapshot(&snapshot)) return error;
   const package_info_s* found = snapshot->FindPackage(package);
   if (!found) return platform::kNoSuchPackage;
-  // The share is the handle's.
+  // The share now belongs to the handle.
   snapshot.Detach();
   *package_info = const_cast<package_info_h>(found);
   return 0;

@@ -16,12 +16,12 @@
 
 // How a look-up finds the latest snapshot
 //
-// Its thread has one whose freshness holds: no lock, no system call. Else the store has one, whose
-// freshness holds, or of which the folder's watch has no news: one system call, which confirms the
-// freshness. Else the folder is read.
+// Its thread may have one whose freshness holds: no lock, no system call. Otherwise the store may
+// have one whose freshness holds, or of which the folder's watch has no news: one system call,
+// which confirms the freshness. Otherwise the folder is read.
 //
-// The watch hears what is done under the folder's own names. A key file that has a name elsewhere, too,
-// makes every look-up read the folder.
+// The watch sees only what is done under names in the folder. A key file that also has a name
+// elsewhere makes every look-up read the folder.
 
 namespace packages {
 
@@ -60,8 +60,8 @@ Store& Store::Get() {
   return store;
 }
 
-// Before there can be a second thread: a fork while the first look-up runs finds the lock taken
-// care of.
+// Runs before there can be a second thread, so that even a fork during the first look-up handles
+// the lock.
 __attribute__((constructor)) void PrepareStore() { Store::Get(); }
 
 // The watch's queue is shared with the parent.
@@ -117,14 +117,14 @@ int Store::Read(const SnapshotRef& former, Snapshot::Complaints* fresh_complaint
   return 0;
 }
 
-// Outside the store's lock, because the log may be anybody's.
+// Outside the store's lock, because a program may define dlog_print itself.
 void Complain(const Snapshot::Complaints& complaints) {
   for (const std::string& complaint : complaints) {
     dlog_print(DLOG_ERROR, "PACKAGE_MANAGER", "Left out a broken package: %s", complaint.c_str());
   }
 }
 
-// Apart from the look-ups that need no store, which are then much shorter.
+// Kept apart from the look-ups that need no store, which are then much shorter.
 __attribute__((noinline)) int AskStore(SnapshotRef* latest) {
   Snapshot::Complaints complaints;
   const int error = Store::Get().Latest(latest, &complaints);

@@ -35,11 +35,11 @@ class Snapshot {
   // Complaints about key files that could not be read; the same complaint is made once.
   using Complaints = std::set<std::string>;
 
-  // What was read, and whether all of it is heard of when it changes.
+  // What was read, and whether every change to it will be noticed.
   struct Content {
     std::vector<package_info_s> packages;
     Complaints complaints;
-    // A key file that has another name outside the folder can be written without a word.
+    // A key file that has another name outside the folder can be written unnoticed.
     bool may_change_unheard = false;
   };
 

@@ -37,7 +37,7 @@ class Error {
     g_clear_error(&error_);
     return &error_;
   }
-  // A value with an escape that is none comes together with an error.
+  // A value with an invalid escape comes together with an error.
   bool IsSet() const { return error_ != nullptr; }
   const char* text() const { return error_ ? error_->message : "unknown reason"; }
   bool Is(GKeyFileError code) const { return g_error_matches(error_, G_KEY_FILE_ERROR, code); }
@@ -97,7 +97,7 @@ Outcome OutcomeOfErrno() {
   switch (errno) {
     case ENOENT:
       return Outcome::kGone;
-    // What another moment may cure must not pass as "not installed".
+    // A failure that may soon pass must not count as "not installed".
     case EMFILE:
     case ENFILE:
     case ENOMEM:
@@ -130,7 +130,7 @@ Outcome ReadText(int folder, const char* name, std::string* text, bool* has_othe
       return OutcomeOfErrno();
     }
     text->append(chunk, static_cast<size_t>(size));
-    // A file that grows while it is read has an end all the same.
+    // A file that grows while it is read must not be read for ever.
     if (text->size() > static_cast<size_t>(kLargestKeyFile)) {
       *complaint = "still growing";
       return Outcome::kBroken;

@@ -31,7 +31,7 @@ void ThreadSnapshot::EndOfThread(void* ending) {
   snapshot->closed_ = true;
 }
 
-// By a key of the C library, which may fail. Where a thread-local object's destructor cannot be
+// By a pthread key, which may fail harmlessly. Where a thread-local object's destructor cannot be
 // registered, the process is aborted.
 bool ThreadSnapshot::WillHearOfItsEnd() {
   static const struct Key {

@@ -8,18 +8,18 @@
 
 namespace packages {
 
-// The snapshot that a thread used last, with shares of it that were taken in advance: to hand one out,
-// and to take it back, then needs neither a lock nor an atomic operation.
+// The snapshot that a thread used last, with shares of it that were taken in advance: handing one
+// out, and taking it back, then needs neither a lock nor an atomic operation.
 //
-// Trivial, so that a thread may still look packages up while it ends; what is held goes with it all the
-// same.
+// Trivial, so that a thread may still look packages up while it ends; what it holds is released all
+// the same.
 class ThreadSnapshot {
  public:
   bool IsLatest() const { return snapshot_ && snapshot_->freshness().Holds(); }
 
   // A share of the snapshot, of which there must be one.
   SnapshotRef Share() {
-    // One always stays: it keeps the snapshot itself.
+    // One always stays, to keep the snapshot alive.
     if (--shares_ == 0) TakeShares();
     return SnapshotRef(snapshot_);
   }
@@ -30,7 +30,7 @@ class ThreadSnapshot {
     return true;
   }
 
-  // From now on this one, unless nobody would let it go at the thread's end.
+  // Holds this one from now on, unless nothing would release it at the thread's end.
   void Hold(const Snapshot* snapshot);
   void LetGo();
 

@@ -7,8 +7,8 @@
  * package admits. Applications never need it; a device has its package manager instead.
  *
  * The folder is $VELMORA_PACKAGE_DIR, else velmora/packages below the user's data folder
- * ($XDG_DATA_HOME, else ~/.local/share); a process settles it at its first look-up. It need not exist:
- * there are no packages then. It holds one key file for each package, PACKAGE_ID.package:
+ * ($XDG_DATA_HOME, else ~/.local/share); a process settles it at its first look-up. It need not
+ * exist: there are no packages then. It holds one key file for each package, PACKAGE_ID.package:
  *
  *     [Package]
  *     Version=2.3.182
@@ -20,23 +20,23 @@
  *     ai-agent-category=text
  *
  * A key file is a regular file of at most 1 MiB. One that is broken is left out, with one record in
- * the log. A section without an ID or of another name is ignored. Of two packages that have the same
- * application, the first by ID counts.
+ * the log. A section without an ID or of another name is ignored. Of two packages that have the
+ * same application, the first by ID counts.
  *
- * What the functions below do is seen by the next look-up of every process. For that they also change
- * the file .generation in the folder, which look-ups have mapped; where the file system has no room for
- * it there is none.
+ * What the functions below do is seen by the next look-up of every process. For that they also
+ * change the file .generation in the folder, which look-ups have mapped; where the file system has
+ * no room for it there is none.
  *
- * Anybody may change the folder by hand, too. Where there is no .generation, the next look-up sees it;
- * where there is one, look-ups are quicker, but ask the kernel only every 10 ms (by its coarse clock), so
- * that a change by hand may take as long to be seen. The kernel tells nobody of a key file that is
- * written through a memory mapping or, where a second hard link was made after the file was read,
- * through that link; of another folder that is mounted over this one or over one above it; nor of what
- * another machine does to a file system of the network. A folder with key files that have more than one
- * hard link is read by every look-up.
+ * Anybody may change the folder by hand, too. Where there is no .generation, the next look-up sees
+ * it; where there is one, look-ups are quicker, but ask the kernel only every 10 ms (by its coarse
+ * clock), so that a change by hand may take that long to be seen. The kernel tells nobody of a key
+ * file that is written through a memory mapping or, where a second hard link was made after the
+ * file was read, through that link; of another folder that is mounted over this one or over one
+ * above it; nor of what another machine does to a network file system. A folder with key files that
+ * have more than one hard link is read by every look-up.
  *
- * Nobody else writes .generation; who needs it gone removes it. Making it empty ends, by SIGBUS, a process
- * that looks a package up before those 10 ms have passed.
+ * Nothing else may write .generation; to be rid of it, remove it. Truncating it ends, by SIGBUS, a
+ * process that looks a package up before those 10 ms have passed.
  *
  * All functions return 0 on success and a negative error code otherwise, and may be called from any
  * thread.

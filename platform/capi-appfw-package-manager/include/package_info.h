@@ -5,8 +5,8 @@
 /*
  * One installed package.
  *
- * All functions return 0 on success, -22 for a null argument and -12 when memory is exhausted, and may
- * be called from any thread; a handle may be used by several threads, and is released once.
+ * All functions return 0 on success, -22 for a null argument and -12 when memory is exhausted, and
+ * may be called from any thread; a handle may be used by several threads, and is released once.
  */
 
 #ifdef __cplusplus
@@ -19,11 +19,11 @@ typedef struct package_info_s* package_info_h;
 
 /**
  * Looks a package up; the caller releases the handle with package_info_destroy. Every installation,
- * upgrade or removal that came before the call is seen; on the desktop, what is changed by hand in a
- * folder that the desktop's tools write, too, is seen within 10 ms (package_desktop.h).
+ * upgrade or removal that came before the call is seen; on the desktop, what is changed by hand in
+ * a folder that the desktop's tools write, too, is seen within 10 ms (package_desktop.h).
  *
- * Returns 0xFEEB0071, as a 32-bit value, if no such package is installed, another negative code if the
- * installed packages cannot be read; the handle is then left untouched.
+ * Returns 0xFEEB0071, as a 32-bit value, if no such package is installed, another negative code if
+ * the installed packages cannot be read; the handle is then left untouched.
  */
 int package_info_create(const char* package, package_info_h* package_info);
 

@@ -16,8 +16,8 @@ extern "C" {
 typedef bool (*package_manager_package_info_cb)(package_info_h package_info, void* user_data);
 
 /**
- * Calls `callback` for each package that is installed when the call begins, ordered by package ID. The
- * callback may install and remove packages, and must not let an exception out.
+ * Calls `callback` for each package that is installed when the call begins, ordered by package ID.
+ * The callback may install and remove packages, and must not let an exception out.
  *
  * Returns 0, -22 for a null callback, -12 when memory is exhausted, another negative code if the
  * installed packages cannot be read. May be called from any thread.
