@@ -62,7 +62,7 @@ bool IsFiltered(log_priority prio) {
   return prio < lowest;
 }
 
-// Apart from the filter, which then needs next to no stack.
+// Kept apart from the filter, which then needs next to no stack.
 __attribute__((noinline, format(printf, 3, 0))) int Print(log_priority prio, const char* tag,
                                                           const char* fmt, va_list args) {
   ErrnoKeeper keeper;

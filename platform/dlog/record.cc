@@ -41,8 +41,8 @@ size_t ResetLength(std::string_view text) {
   return is_reset ? sequence.size() : 0;
 }
 
-// One record is one line, in the colour that its format begins with: any sequence that an argument
-// brought along is no colour of the record's.
+// One record is one line, in the colour that its format begins with: a sequence that an argument
+// brings along is not the record's colour.
 void AppendLine(std::string* out, std::string_view text, std::string_view format, bool cut,
                 bool keeps_colour) {
   const std::string_view colour = text.substr(0, ColourLength(format));

@@ -13,10 +13,10 @@
 
 namespace dlog_desktop {
 
-// The formatted message, without memory of its own if it is short.
+// The formatted message, without allocated memory if it is short.
 class Message {
  public:
-  // Returns 0 or a negative code. Arguments see errno as it was, also where the message is long.
+  // Returns 0 or a negative code. For %m, errno is as it was, even where the message is long.
   int Format(const char* fmt, va_list args) __attribute__((format(printf, 2, 0)));
 
   std::string_view text() const { return {heap_ ? heap_.get() : space_, size_}; }

@@ -32,7 +32,7 @@ struct Sink {
   bool keeps_colour = false;
 };
 
-// Both are settled before the first record is written, and read without a lock.
+// Both are set before the first record is written, and read without a lock.
 Sink sink;
 pid_t pid = 0;
 
@@ -49,7 +49,7 @@ int64_t CoarseMs() {
   return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-// The way to the sink, which never waits. Standard error may be other processes', too, so that it cannot
+// A way to the sink that never waits. Other processes may share standard error, so that it cannot
 // be made non-blocking itself.
 class Outlet {
  public:
@@ -69,11 +69,11 @@ class Outlet {
   Outlet(const Outlet&) = delete;
   Outlet& operator=(const Outlet&) = delete;
 
-  // As write, with EAGAIN where that would wait.
+  // Like write, with EAGAIN where that would wait.
   ssize_t Write(std::string_view text) const {
     if (is_socket_) return send(fd_, text.data(), text.size(), MSG_DONTWAIT);
     if (!may_block_ || anew_ >= 0) return write(fd_, text.data(), text.size());
-    // What cannot be opened anew, say another user's pipe, takes this much at once if it is ready.
+    // What cannot be reopened, say another user's pipe, takes this much at once if it is ready.
     if (WaitUntilReady(0)) return write(fd_, text.data(), std::min<size_t>(text.size(), PIPE_BUF));
     errno = EAGAIN;
     return -1;
@@ -98,7 +98,7 @@ std::atomic<bool> sink_is_stuck{false};
 // The last line that was written has no end.
 std::atomic<bool> line_is_cut{false};
 
-// Returns how much was written: all, but for an error, or a sink that takes nothing for a while.
+// Returns how much was written: all, unless writing fails or the sink takes nothing for a while.
 size_t WriteAll(const Outlet& outlet, std::string_view text) {
   constexpr int64_t kPatienceMs = 100;
   size_t done = 0;
@@ -172,13 +172,13 @@ int WriteBuffered(log_priority prio, std::string_view record) {
   return result;
 }
 
-// A pipe would hold the process up, at once or when its reader falls behind.
+// A pipe would block the process, at once or when its reader falls behind.
 bool IsFileOrCharacterDevice(int fd) {
   struct stat about;
   return fstat(fd, &about) == 0 && (S_ISREG(about.st_mode) || S_ISCHR(about.st_mode));
 }
 
-// One that does not say what it is may know no escape sequence.
+// A terminal of unknown type may know no escape sequence.
 bool IsCleverTerminal(int fd) {
   const char* name = secure_getenv("TERM");
   return name && *name && strcmp(name, "dumb") != 0 && isatty(fd);
@@ -187,7 +187,7 @@ bool IsCleverTerminal(int fd) {
 void LockForFork() { pthread_mutex_lock(&mutex); }
 void UnlockInParent() { pthread_mutex_unlock(&mutex); }
 
-// The buffered records are the parent's to write, and the lost ones its to tell of.
+// The buffered records are the parent's to write, and the lost ones its to report.
 void UnlockInChild() {
   buffered = 0;
   lost_records = 0;
@@ -195,8 +195,8 @@ void UnlockInChild() {
   pthread_mutex_unlock(&mutex);
 }
 
-// Before there can be a second thread: a fork while the first record is being written finds the
-// lock taken care of.
+// Runs before there can be a second thread, so that even a fork during the first record handles the
+// lock.
 __attribute__((constructor)) void PrepareForFork() {
   pthread_atfork(LockForFork, UnlockInParent, UnlockInChild);
 }
@@ -233,7 +233,7 @@ bool SinkKeepsColour() { return sink.keeps_colour; }
 pid_t ProcessId() { return pid; }
 
 int WriteToSink(log_priority prio, std::string_view line) {
-  // One write puts the whole line out: no lock needed.
+  // One write outputs the whole line: no lock is needed.
   return sink.is_file ? WriteBuffered(prio, line) : WriteRecords(line);
 }
 

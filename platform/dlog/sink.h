@@ -9,8 +9,8 @@
 
 namespace dlog_desktop {
 
-// Guards the records that wait for a write to the file, and whatever is settled by the first record.
-// A fork waits for it.
+// Guards the records that wait for a write to the file, and whatever the first record sets up. A
+// fork waits for it.
 class Lock {
  public:
   Lock();
@@ -19,15 +19,15 @@ class Lock {
   Lock& operator=(const Lock&) = delete;
 };
 
-// Takes the file that the environment names, else standard error. Once, under the lock, before any
-// record is written.
+// Opens the file that the environment names, or takes standard error. Called once, under the lock,
+// before any record is written.
 void OpenSink();
 
-// Whether the sink shows colour. Settled when it is opened, as is the process's ID.
+// Whether the sink shows colour. Set when it is opened, as is the process's ID.
 bool SinkKeepsColour();
 pid_t ProcessId();
 
-// Writes a record, which is a line with its end, at once or, into a file, when enough has gathered.
+// Writes a record, a line with its newline: at once or, to a file, when enough has gathered.
 // Returns 0 or a negative code.
 int WriteToSink(log_priority prio, std::string_view line);
 

@@ -28,8 +28,8 @@ void Format(time_t seconds, char (&text)[kSecondsSize]) {
 }  // namespace
 
 TimeText::TimeText() {
-  // A burst of records shares its second. Memory that a thread has from its start: to get it later
-  // can fail, which would abort the process.
+  // A burst of records shares its second. The memory is there from the start of the thread: getting
+  // it later can fail, which would abort the process.
   __attribute__((tls_model("initial-exec"))) static thread_local time_t last_second;
   __attribute__((tls_model("initial-exec"))) static thread_local char last_text[kSecondsSize];
   timespec now;

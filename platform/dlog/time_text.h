@@ -7,8 +7,8 @@
 
 namespace dlog_desktop {
 
-// The time now, "2026-01-31T23:59:59.999Z". Takes no lock and no memory: it is needed in a child
-// forked from a threaded process, too, and when memory is short.
+// The current time, "2026-01-31T23:59:59.999Z". Takes no lock and no memory: it is needed in a
+// child forked from a threaded process, too, and when memory is short.
 class TimeText {
  public:
   TimeText();

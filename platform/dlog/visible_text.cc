@@ -32,7 +32,8 @@ bool MayNeedLook(const char* bytes) {
   return ((word | below_space | is_delete) & kHighBits) != 0;
 }
 
-// A character of more than one byte that `text` starts with, and its length; 0 if it is not UTF-8.
+// Decodes the character of several bytes that `text` starts with. Returns its length; 0 if it is
+// not UTF-8.
 size_t DecodeWide(std::string_view text, uint32_t* character) {
   static constexpr uint32_t kLeastOfLength[] = {0, 0, 0x80, 0x800, 0x10000};
   const auto first = static_cast<unsigned char>(text[0]);

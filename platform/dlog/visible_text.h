@@ -7,8 +7,8 @@
 
 namespace dlog_desktop {
 
-// Appends a text of which nothing hides: the bytes of what must not reach a terminal, and those that
-// are not UTF-8, become visible one by one. Tabs are passed on.
+// Appends a text so that nothing in it hides: the bytes of what must not reach a terminal, and
+// those that are not UTF-8, become visible one by one. Tabs are passed on.
 void AppendVisible(std::string* out, std::string_view text);
 
 }  // namespace dlog_desktop
