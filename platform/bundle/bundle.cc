@@ -45,7 +45,7 @@ namespace {
 
 bool IsKey(const char* key) { return key && *key; }
 
-// `make` builds the value, which is not done for a key that exists.
+// `make` builds the value; it is not called for a key that exists.
 template <typename Make>
 int Add(bundle* b, const char* key, Make make) try {
   if (b->values.find(key) != b->values.end()) return -EEXIST;
@@ -75,7 +75,7 @@ Bytes MakeBytes(const void* bytes, size_t size) {
 TextArray MakeTextArray(const char* const* texts, size_t count) {
   TextArray made;
   made.texts.assign(texts, texts + count);
-  // One more than there are texts: an empty array is not null either, and it ends as C arrays do.
+  // One more than there are texts: even an empty array is not null, and a null ends each.
   made.pointers.reserve(count + 1);
   for (const std::string& text : made.texts) made.pointers.push_back(text.c_str());
   made.pointers.push_back(nullptr);

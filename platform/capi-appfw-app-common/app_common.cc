@@ -61,7 +61,7 @@ std::string RootOfExecutable() {
   return in_bin ? ParentFolder(folder) : folder;
 }
 
-// Without the slashes at its end, so empty for the root folder, which counts if it is named.
+// Without trailing slashes, so empty for the root folder, which counts only if it is named.
 std::optional<std::string> ApplicationRoot() {
   std::string root = FromEnvironment("VELMORA_APP_ROOT");
   const bool is_named = !root.empty();
@@ -89,7 +89,7 @@ int app_get_version(char** version) try {
   return -ENOMEM;
 }
 
-// Whoever takes the folder for an application's walks through all that lies below it.
+// Null rather than a guess: the caller walks through everything below the folder.
 char* app_get_resource_path(void) try {
   const auto root = ApplicationRoot();
   return root ? strdup((*root + "/res/").c_str()) : nullptr;

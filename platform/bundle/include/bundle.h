@@ -14,12 +14,12 @@ extern "C" {
 /**
  * A set of keys, each with a typed value. A bundle is not thread-safe.
  *
- * The functions that return int return 0 on success and a negative error code otherwise. A get under
- * a key that is absent or holds another type fails and leaves the outputs untouched. What a get hands
- * out is borrowed from the bundle: it is valid until the bundle is changed or freed.
+ * The functions that return int return 0 on success and a negative error code otherwise. A get
+ * under a key that is absent or holds another type fails and leaves the outputs untouched. What a
+ * get hands out is borrowed from the bundle: it is valid until the bundle is changed or freed.
  *
- * Codes: -22 for a null argument, an empty key, or a value of another type than asked for; -126 if the
- * key is absent; -17 if the key to be added exists; -12 when memory is exhausted.
+ * Codes: -22 for a null argument, an empty key, or a value of another type than asked for; -126 if
+ * the key is absent; -17 if the key to be added exists; -12 when memory is exhausted.
  */
 typedef struct _bundle_t bundle;
 
@@ -42,8 +42,8 @@ int bundle_add_byte(bundle* b, const char* key, const void* byte, const size_t s
 int bundle_get_byte(bundle* b, const char* key, void** byte, size_t* size);
 
 /**
- * Adds a copy of an array of `len` texts, which may be empty. Fails with -22 if `len` is negative or an
- * element null, and if the key exists.
+ * Adds a copy of an array of `len` texts, which may be empty. Fails with -22 if `len` is negative
+ * or an element null, and if the key exists.
  */
 int bundle_add_str_array(bundle* b, const char* key, const char** str_array, const int len);
 
