@@ -31,7 +31,7 @@ struct Proxy {
 };
 
 Proxy proxy;
-// Only their addresses count.
+// Only their addresses matter.
 char main_port;
 char callback_port;
 char package;

@@ -7,8 +7,8 @@
 #include <string_view>
 #include <vector>
 
-// Takes the platform's place where an agent would be: a proxy connects inside its connect call, and
-// what its ports yield comes from whoever drives it. Parcels are the platform's own, with real bytes.
+// Replaces the platform where it would reach an agent: a proxy connects inside its connect call,
+// and what its ports yield comes from the program. Parcels are the platform's own, with real bytes.
 namespace agent_stand_in {
 
 // What either port yields, message by message; with none left, the agent is gone.

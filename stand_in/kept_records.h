@@ -5,8 +5,8 @@
 #include <velmora_svcmgr.h>
 
 // Accounts for what the library keeps on purpose, for a program that links its objects: the record
-// that each conversion of a model leaves, and the array of each list that is destroyed. Whatever else
-// is left is a leak, and no loop runs out of memory.
+// that each conversion of a model leaves, and the array of each list that is destroyed. Whatever
+// else is left is a leak, and no loop runs out of memory.
 namespace kept_records {
 
 // Releases the records that were made so far.
