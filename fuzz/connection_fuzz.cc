@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // A server whose clients, and a client whose server, send what they like, over real sockets.
 //
-// Input: a byte that says which of both, then steps: a byte that chooses the peer's stream, and the
-// piece that it sends as a block. A step with an empty piece closes the stream. To get far with
-// little luck, a server's client may send its hello, and a client's server its verdict, by a single
-// bit.
+// Input: a byte that says which of the two, then steps: a byte that chooses the peer's stream, and
+// the piece that it sends as a block. A step with an empty piece closes the stream. So that little
+// luck goes far, a single bit makes a server's client send its hello, and a client's server its
+// verdict.
 
 #include <glib.h>
 #include <package_desktop.h>
@@ -208,7 +208,7 @@ void Create(Client* client) {
   REQUIRE(rpc_port_proxy_add_rejected_event_cb(client->proxy, OnEnd, client) == 0);
 }
 
-// Accepts the client's two streams, and says on them what the input holds.
+// Accepts the client's two streams, and sends on them what the input holds.
 void FeedClient(Input* input) {
   const sockaddr_un address = Home().Address();
   PeerStream listener;
@@ -242,7 +242,7 @@ void FeedClient(Input* input) {
 
 }  // namespace
 
-// The program's own definition comes before that of the platform's libraries.
+// The program's own definition takes precedence over that of the platform's libraries.
 int package_desktop_check_client(const char*, const char*) { return 0; }
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

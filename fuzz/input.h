@@ -13,7 +13,7 @@
 // What each target defines: handles one input and returns 0. The same input always does the same.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
-// An input that is taken apart from its front. What it does not hold any more reads as zero.
+// An input that is read from its front. A byte past its end reads as zero.
 class Input {
  public:
   Input(const std::uint8_t* data, std::size_t size)

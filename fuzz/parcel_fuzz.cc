@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Reading a parcel of any content in any order, held against the layout written down once more.
+// Reading a parcel of any content in any order, compared with a second implementation of the
+// layout.
 //
 // Input: the reads as a block, one a byte, then the parcel's content.
 
@@ -14,7 +15,7 @@ namespace {
 
 constexpr int kIoError = -5;
 
-// The layout as the platform's documentation has it; nothing is taken by a read that fails.
+// The layout as the platform's documentation has it; a read that fails takes nothing.
 class Expected {
  public:
   explicit Expected(std::string_view content) : rest_(content) {}

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Feeds a target with files, and with the files of folders, where no fuzzer does.
+// Feeds a target with files, or the files of folders, in builds without a fuzzer.
 
 #include <algorithm>
 #include <filesystem>
@@ -23,7 +23,7 @@ std::vector<fs::path> FilesOf(const fs::path& place) {
 
 bool Replay(const fs::path& file) {
   std::ifstream stream(file, std::ios::binary);
-  // A vector's storage ends where the input ends, so that reading beyond it is seen.
+  // A vector's storage ends where the input ends, so that sanitizers see reading beyond it.
   std::vector<char> input{std::istreambuf_iterator<char>(stream), {}};
   if (!stream) return false;
   input.shrink_to_fit();

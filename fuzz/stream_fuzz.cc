@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The bytes of a connection, in pieces of any size, held against the messages that they hold.
+// The bytes of a connection, in pieces of any size, compared with the messages that they hold.
 //
 // Input: a byte for the longest message that is allowed, then pieces as blocks, each after a byte
 // that says what happens once it has arrived.
@@ -75,7 +75,7 @@ struct Both {
     return front.has_value();
   }
 
-  // Wherever it is: in the buffer, with the kernel, or half here and half there.
+  // Wherever it is: in the buffer, in the kernel, or half here and half there.
   void SkipOne() {
     std::string content;
     if (expected.Next(&content)) REQUIRE(stream.Receive(nullptr) == rpc_port_desktop::kOutOfMemory);
@@ -96,7 +96,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   while (!input.empty()) {
     const std::uint8_t action = input.Byte();
     const std::string_view piece = input.Block();
-    // A stream that has ended reads no more; what is sent to it stays with the kernel.
+    // A stream that has ended reads no more; what is sent to it stays in the kernel.
     if (both.stream.ended()) break;
     if (send(peer.get(), piece.data(), piece.size(), MSG_NOSIGNAL) < 0) break;
     both.expected.Arrive(piece);
