@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Calls of another process: the library against a process that serves the agent's port, and the
+// Calls to another process: the library against a process that serves the agent's port, and the
 // limit, a socket and nothing else, against one that sends the same content.
 
 #include <glib.h>
@@ -121,7 +121,7 @@ void LicenceLimit(benchmark::State& state) {
   }
 }
 
-// The models of a frame, one record each, in a block of their own for each text.
+// The models of a frame, one record each, with a block of its own for each text.
 class Records {
  public:
   explicit Records(const char* frame) {

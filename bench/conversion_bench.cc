@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// A list of models in memory, from its parcel to the application's callback, with real checks of the
-// agent's package. Built twice: BENCH_LOGS writes every record to a file, else they are filtered.
+// A list of models in memory, from its parcel to the application's callback, with real checks of
+// the agent's package. Built twice: BENCH_LOGS writes every record to a file; without it, they are
+// filtered.
 
 #include <chrono>
 #include <cstdlib>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The dispatch of one message while many delegates await theirs. The agent's stand-in hands messages
-// over in memory.
+// The dispatch of one message while many delegates await theirs. The agent's stand-in hands
+// messages over in memory.
 
 #include <velmora_svcmgr.h>
 

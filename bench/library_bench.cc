@@ -20,8 +20,8 @@
 
 namespace {
 
-// What strip leaves behind: the loaded segments' bytes, without symbols, debug records and notes of
-// the linker.
+// What strip leaves: the bytes of the loaded segments, without symbols, debug records and linker
+// notes.
 std::size_t LoadedSize(const char* path) {
   std::ifstream file(path, std::ios::binary);
   const std::string bytes{std::istreambuf_iterator<char>(file), {}};

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-// The lists that the benches transfer and convert, and the least work that a list is.
+// The lists that the benches transfer and convert, and the least work that a list takes.
 
 // Appends `count` models as they travel: their array's count before them, their number after them.
 void WriteModels(rpc_port_parcel_h parcel, int count);

@@ -65,8 +65,8 @@ class Gatherer : public benchmark::BenchmarkReporter {
 }  // namespace
 
 void PrepareProcess() {
-  // Memory that a round releases is there for the next one: what the kernel takes to hand out pages
-  // would outweigh everything else.
+  // Memory that a round releases stays for the next one: the time that the kernel takes to hand out
+  // pages would outweigh everything else.
   mallopt(M_TRIM_THRESHOLD, 1 << 30);
   mallopt(M_MMAP_THRESHOLD, 32 << 20);
   cpu_set_t allowed;

@@ -6,21 +6,21 @@
 
 #include <vector>
 
-// A bench measures a work and its limit, which is the least that any implementation has to do, in
-// turns in the same run. What counts is the ratio of the two medians.
+// A bench measures some work and its limit, the least that any implementation has to do, in turns
+// in the same run. What counts is the ratio of the two medians.
 struct Promise {
   const char* work;      // what the report calls it
   const char* measured;  // the benchmark's name, with arguments as in "Name/100"
-  const char* limit;     // the limit's name; null for a work that is held against nanoseconds
+  const char* limit;     // the limit's name; null for work that is measured in nanoseconds
   double target;         // highest ratio, or nanoseconds
 };
 
-// Keeps this process, and those that it starts, on one CPU, and its memory with it. Comes first in
-// main.
+// Keeps this process, and those that it starts, on one CPU, and the memory that it releases in
+// reach. Comes first in main.
 void PrepareProcess();
 
-// Runs all benchmarks, prints their medians, and one line for each promise. Returns the exit status;
-// a missed target is only told, because the machine may be to blame.
+// Runs all benchmarks, prints their medians, and one line for each promise. Returns the exit
+// status; a missed target is only reported, because the machine may be to blame.
 int RunBenches(int argc, char** argv, const std::vector<Promise>& promises);
 
 // Says so if this build is not worth measuring.

@@ -132,7 +132,7 @@ gboolean OnFrame(gint fd, GIOCondition, gpointer) {
 }
 
 [[noreturn]] void ServeSocket(int fd) {
-  // As any server that knows what it is about: without it GLib re-arms its poll set each time.
+  // As any careful server does: without it, GLib re-arms its poll set each time.
   GSource* const source = g_unix_fd_source_new(fd, G_IO_IN);
   g_source_set_can_recurse(source, TRUE);
   g_source_set_callback(source, G_SOURCE_FUNC(OnFrame), nullptr, nullptr);

@@ -17,7 +17,8 @@ constexpr std::size_t kLicenceSize = 20 * 1024;
 
 class ServerProcess {
  public:
-  // Serves the agent's port. Comes before the first use of GLib, and waits until clients can connect.
+  // Serves the agent's port. To be called before the first use of GLib; waits until clients can
+  // connect.
   static ServerProcess Agent();
   // Answers a frame, whose first byte is a Content, with one frame. The other end is `socket`.
   static ServerProcess Raw(int* socket);

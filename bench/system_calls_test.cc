@@ -19,9 +19,10 @@ namespace {
 
 constexpr int kCalls = 200;
 // What may fall into the counting once: a look at the package folder after it has changed, or the
-// agent's way back to its poll.
+// agent's return to its poll.
 constexpr int kOnce = 8;
-// A system call that neither side makes: the client says with it where the counting begins and ends.
+// A system call that neither side makes otherwise: with it, the client marks where counting begins
+// and ends.
 constexpr long kMark = SYS_getpriority;
 
 void OnConnection(int, int, void* connected) { *static_cast<bool*>(connected) = true; }
