@@ -50,6 +50,27 @@ class CountingIterator {
   std::size_t* consumed_;
 };
 
+/** The place of a text's closing quote, or of the end of a line that comes before it. */
+std::size_t EndOfText(std::string_view document, std::size_t opening) {
+  for (std::size_t at = opening + 1; at < document.size(); ++at) {
+    if (document[at] == '\\') {
+      ++at;
+    } else if (document[at] == '"' || document[at] == '\n') {
+      return at;
+    }
+  }
+  return document.size();
+}
+
+/** Behind the comment that begins here; here if none does; npos if it is not closed. */
+std::size_t EndOfComment(std::string_view document, std::size_t begin) {
+  const std::string_view opening = document.substr(begin, 2);
+  if (opening == "//") return std::min(document.find('\n', begin), document.size());
+  if (opening != "/*") return begin;
+  const std::size_t closing = document.find("*/", begin + 2);
+  return closing == std::string_view::npos ? closing : closing + 2;
+}
+
 /**
  * Why what the parser took, from an opening quote to the last byte, is not a text; null if it is one,
  * and only its place is wrong.
@@ -218,6 +239,10 @@ class TreeBuilder : public nlohmann::json::json_sax_t {
         return;
       }
     }
+    if (document_.substr(begin, 2) == "/*") {
+      Refuse(PlaceOf(begin), "this comment is not closed");
+      return;
+    }
     const std::string expected = Expected(separated);
     Refuse(PlaceOf(begin), begin == document_.size()
                                ? "the document ends where " + expected + " is expected"
@@ -289,7 +314,26 @@ const char* NameOf(JsonNode::Kind kind) {
   return "unknown";
 }
 
-JsonNode ParseJson(std::string_view document, Problems& problems) {
+std::string WithoutComments(std::string_view document) {
+  std::string plain(document);
+  std::size_t at = 0;
+  while ((at = plain.find_first_of("\"/", at)) != std::string::npos) {
+    if (plain[at] == '"') {
+      at = EndOfText(plain, at) + 1;
+      continue;
+    }
+    const std::size_t end = EndOfComment(plain, at);
+    if (end == std::string::npos) break;
+    if (end == at) ++at;  // a slash of its own
+    for (; at < end; ++at) {
+      if (plain[at] != '\n') plain[at] = ' ';
+    }
+  }
+  return plain;
+}
+
+JsonNode ParseJson(std::string_view text, Problems& problems) {
+  const std::string document = WithoutComments(text);
   TreeBuilder builder(document, problems);
   const char* begin = document.data();
   const char* end = begin + document.size();

@@ -36,7 +36,13 @@ struct JsonNode::Member {
 const char* NameOf(JsonNode::Kind kind);
 
 /**
- * Reads one JSON document. Duplicate keys, texts with a NUL and documents that nest too deeply are
+ * The document with blanks in place of its comments, from "//" to the end of the line or between
+ * a slash with a star and a star with a slash; all else keeps its place. One that is not closed stays.
+ */
+std::string WithoutComments(std::string_view document);
+
+/**
+ * Reads one JSON document, which may have comments. Duplicate keys, texts with a NUL and documents that nest too deeply are
  * problems like any other; the tree is complete only if no problem was added.
  */
 JsonNode ParseJson(std::string_view document, Problems& problems);

@@ -111,6 +111,7 @@ struct Client {
 
 struct Scenario {
   std::string description;
+  std::string advice;  // what an application should do
   double time_scale = 1;
   bool bus = true;  // there is a session bus
   Agent agent;

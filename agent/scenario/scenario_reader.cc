@@ -284,7 +284,10 @@ void ReadMethods(ObjectReader& root, Scenario* scenario) {
 }
 
 void ReadRoot(ObjectReader& root, const std::string& folder, Scenario* scenario) {
+  std::string schema;  // for editors
+  root.Text("$schema", &schema);
   root.Text("description", &scenario->description);
+  root.Text("advice", &scenario->advice);
   root.Number("timeScale", &scenario->time_scale, 0, 1000);
   root.Flag("bus", &scenario->bus);
   root.Object("agent", [&](ObjectReader& object) { ReadAgent(object, folder, &scenario->agent); });

@@ -10,6 +10,7 @@
 #include <stdexcept>
 
 #include "common/report.h"
+#include "scenario/json_tree.h"
 #include "scenario/steps.h"
 #include "service/control.h"
 #include "world/run.h"
@@ -113,11 +114,12 @@ Json StepOfWord(const std::string& text) {
 }
 
 /** The text of one word's steps, without brackets: JSON stays as it was written. */
-std::string TextOfWord(const std::string& word) {
+std::string TextOfWord(const std::string& written) {
+  const std::string word = WithoutComments(written);
   const auto begin = word.find_first_not_of(" \t\r\n");
   const char first = begin == std::string::npos ? '\0' : word[begin];
   if (first != '{' && first != '[') {
-    return StepOfWord(word).dump(-1, ' ', false, Json::error_handler_t::replace);
+    return StepOfWord(written).dump(-1, ' ', false, Json::error_handler_t::replace);
   }
   ReadStepsDocument(first == '[' ? word : "[" + word + "]", "send");
   const auto end = word.find_last_not_of(" \t\r\n");

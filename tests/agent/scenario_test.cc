@@ -168,6 +168,19 @@ TEST(AScenario, SaysEverythingAboutTheAgent) {
   EXPECT_THAT(scenario.agent.package.metadata, ElementsAre(testing::Pair("a-key", "a value")));
 }
 
+TEST(AScenario, MayHaveComments) {
+  const Scenario scenario = Read(
+      "// first\n{ /* \"description\": 1, */ \"description\": \"a // b /* c\", // \"\n"
+      "  \"models\": [/**/], \"agent\": {\"licence\": \"\\\"//\"} /* * / **/ } // last");
+  EXPECT_EQ(scenario.description, "a // b /* c");
+  EXPECT_EQ(scenario.agent.licence, "\"//");
+}
+
+TEST(AScenario, MayNameItsSchemaAndAdviseTheApplication) {
+  const Scenario scenario = Read(R"({"$schema": "../x.json", "advice": "Ask again later."})");
+  EXPECT_EQ(scenario.advice, "Ask again later.");
+}
+
 TEST(AScenario, TakesALicenceAsLines) {
   EXPECT_EQ(Read(R"({"agent": {"licence": ["one", "", "", "four"]}})").agent.licence,
             "one\n\n\nfour\n");
@@ -295,7 +308,13 @@ const Refusal kRefusals[] = {
     {"EmptyBehindAMark", "\xef\xbb\xbf",
      "file.json:1:4: the document ends where a value is expected"},
     {"NotJson", "{\n  \"agent\": nope}", "file.json:2:12: a value is expected here"},
-    {"Comment", "// none\n{}", "file.json:1:1: a value is expected here"},
+    {"UnclosedComment", "{} /* none\n", "file.json:1:4: this comment is not closed"},
+    {"UnclosedCommentBehindAKey", "{\"a\": /*", "file.json:1:7: this comment is not closed"},
+    {"HalfAComment", "{\"a\": /1}", "file.json:1:7: a value is expected here"},
+    {"FaultBehindAComment", "{ /* \"}\n */ \"bus\": 1 }",
+     "file.json:2:12: /bus: must be true or false, not a whole number"},
+    {"FaultBehindACommentAtTheEndOfALine", "{ // \"}\n  \"bus\": 1 }",
+     "file.json:2:10: /bus: must be true or false, not a whole number"},
     {"MissingKey", "{1: 2}", "file.json:1:2: a key in quotes or \"}\" is expected here"},
     {"MissingColon", "{\"a\" 1}", "file.json:1:6: \":\" is expected here"},
     {"MissingValue", "{\"a\": ,}", "file.json:1:7: a value is expected here"},
@@ -353,8 +372,9 @@ const Refusal kRefusals[] = {
      "file.json:1:15: /timeScale: must be a number, not a text"},
     // Keys.
     {"UnknownKey", "{\n  \"agnet\": {}\n}",
-     "file.json:2:3: /agnet: unknown key \"agnet\"; allowed here: description, timeScale, bus, "
-     "agent, client, packages, models, generate, repository, space, update, methods"},
+     "file.json:2:3: /agnet: unknown key \"agnet\"; allowed here: $schema, description, advice, "
+     "timeScale, bus, agent, client, packages, models, generate, repository, space, update, "
+     "methods"},
     {"UnknownAgentKey", "{\"agent\": {\"name\": 1}}",
      "file.json:1:12: /agent/name: unknown key \"name\"; allowed here: id, version, clients, "
      "metadata, apiLevel, licence, licenceFile, installed, running, refuse, kyr, restart"},
@@ -462,8 +482,9 @@ INSTANTIATE_TEST_SUITE_P(Each, AWrongScenario, testing::ValuesIn(kRefusals),
 
 TEST(AWrongScenarioWithTwoFaults, IsRefusedWithBothInTheirOrder) {
   EXPECT_EQ(Complaint("{\"unknown\": 1,\n \"agent\": {\"running\": 1}}"),
-            "file.json:1:2: /unknown: unknown key \"unknown\"; allowed here: description, "
-            "timeScale, bus, agent, client, packages, models, generate, repository, space, "
+            "file.json:1:2: /unknown: unknown key \"unknown\"; allowed here: $schema, "
+            "description, advice, timeScale, bus, agent, client, packages, models, generate, "
+            "repository, space, "
             "update, methods\n"
             "file.json:2:23: /agent/running: must be true or false, not a whole number");
 }

@@ -238,6 +238,7 @@ TEST(Words, StandForSteps) {
       {{R"({"wait": 1})", R"( [{"kill": true}] )", "update"},
        R"([{"wait": 1},{"kill": true},{"update":true}])"},
       {{"[]"}, "[]"},
+      {{"// first\n{\"wait\": 1} // last", "[/**/]"}, "[        \n{\"wait\": 1}        ]"},
   };
   for (const Wording& wording : wordings) {
     EXPECT_EQ(sim::StepsOfWords(wording.words), wording.document);
