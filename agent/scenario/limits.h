@@ -2,6 +2,7 @@
 #ifndef AGENT_SCENARIO_LIMITS_H_
 #define AGENT_SCENARIO_LIMITS_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -17,6 +18,8 @@ constexpr std::int32_t kMostParts = 1000;
 constexpr std::int32_t kMostGenerated = 100000;
 constexpr std::int32_t kMostRepeats = 10000;
 constexpr std::int32_t kMostTimes = 1000;
+constexpr std::size_t kMostCalls = 100;
+constexpr std::int32_t kLongestFill = 1 << 16;
 
 // What does not fit into a message: each returns the reason, or nothing if it fits.
 

@@ -4,6 +4,10 @@
 #include <algorithm>
 #include <set>
 #include <sstream>
+#include <utility>
+
+#include "scenario/limits.h"
+#include "scenario/text_rules.h"
 
 namespace sim {
 namespace {
@@ -48,21 +52,48 @@ bool ReadInteger(const Value& value, std::int32_t* out, std::int32_t least, std:
   return true;
 }
 
-bool ReadTexts(const Value& list, std::vector<std::string>* out, const TextRule& rule) {
+bool ReadText(const Value& value, std::string* out) {
+  if (!value.Is(JsonNode::Kind::kText)) return false;
+  *out = value.node().text;
+  return true;
+}
+
+bool ReadLongText(const Value& value, std::string* out) {
+  if (value.node().kind != JsonNode::Kind::kObject) return ReadText(value, out);
+  ObjectReader object(value);
+  std::string fill;
+  std::int32_t bytes = 0;
+  const bool filled = object.Text("fill", &fill, NotEmpty);
+  const bool measured = object.Integer("bytes", &bytes, 0, kLongestFill);
+  object.Require("fill");
+  object.Require("bytes");
+  object.Finish();
+  if (!filled || !measured) return false;
+  out->clear();
+  const auto size = static_cast<std::size_t>(bytes);
+  while (out->size() < size) *out += fill;
+  const bool in_character = out->size() > size && ((*out)[size] & 0xc0) == 0x80;
+  if (in_character) value.Refuse("would end inside a character");
+  out->resize(size);
+  return !in_character;
+}
+
+bool ReadTexts(const Value& list, std::vector<std::string>* out, const TextRule& rule,
+               bool (*read)(const Value&, std::string*)) {
   if (!list.Is(JsonNode::Kind::kList)) return false;
   out->clear();
   std::set<std::string> seen;
   bool right = true;
   for (const JsonNode& element : list.node().elements) {
     const Value value = list.Inside(element, out->size());
-    out->push_back(element.text);
-    if (!value.Is(JsonNode::Kind::kText)) {
+    std::string& text = out->emplace_back();
+    if (!read(value, &text)) {
       right = false;
-    } else if (const auto reason = rule ? rule(element.text) : std::nullopt) {
+    } else if (const auto reason = rule ? rule(text) : std::nullopt) {
       value.Refuse(*reason);
       right = false;
-    } else if (rule && !seen.insert(element.text).second) {
-      value.Refuse("\"" + element.text + "\" stands in this list already");
+    } else if (rule && !seen.insert(text).second) {
+      value.Refuse("\"" + text + "\" stands in this list already");
       right = false;
     }
   }
@@ -126,20 +157,35 @@ bool ObjectReader::Number(const char* key, double* out, double least, double mos
   return true;
 }
 
-bool ObjectReader::Text(const char* key, std::string* out, const TextRule& rule) {
+bool ObjectReader::TextReadBy(Reader read, const char* key, std::string* out,
+                              const TextRule& rule) {
   const auto value = Take(key);
-  if (!value || !value->Is(JsonNode::Kind::kText)) return false;
-  if (const auto reason = rule ? rule(value->node().text) : std::nullopt) {
+  std::string text;
+  if (!value || !read(*value, &text)) return false;
+  if (const auto reason = rule ? rule(text) : std::nullopt) {
     value->Refuse(*reason);
     return false;
   }
-  *out = value->node().text;
+  *out = std::move(text);
   return true;
+}
+
+bool ObjectReader::Text(const char* key, std::string* out, const TextRule& rule) {
+  return TextReadBy(ReadText, key, out, rule);
+}
+
+bool ObjectReader::LongText(const char* key, std::string* out, const TextRule& rule) {
+  return TextReadBy(ReadLongText, key, out, rule);
 }
 
 bool ObjectReader::Texts(const char* key, std::vector<std::string>* out, const TextRule& rule) {
   const auto value = Take(key);
   return value && ReadTexts(*value, out, rule);
+}
+
+bool ObjectReader::LongTexts(const char* key, std::vector<std::string>* out, const TextRule& rule) {
+  const auto value = Take(key);
+  return value && ReadTexts(*value, out, rule, ReadLongText);
 }
 
 int ObjectReader::ChoiceIndex(const char* key, const std::vector<const char*>& words) {

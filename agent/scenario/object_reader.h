@@ -61,6 +61,10 @@ class ObjectReader {
   bool Text(const char* key, std::string* out, const TextRule& rule = nullptr);
   bool Texts(const char* key, std::vector<std::string>* out, const TextRule& rule = nullptr);
 
+  /** The same where a text may also be written as in ReadLongText. */
+  bool LongText(const char* key, std::string* out, const TextRule& rule = nullptr);
+  bool LongTexts(const char* key, std::vector<std::string>* out, const TextRule& rule = nullptr);
+
   /** One of a few words, each with what it stands for. */
   template <typename T>
   bool Choice(const char* key, T* out, const std::vector<std::pair<const char*, T>>& choices);
@@ -91,6 +95,8 @@ class ObjectReader {
 
  private:
   const JsonNode::Member* Find(const char* key) const;
+  using Reader = bool (*)(const Value&, std::string*);
+  bool TextReadBy(Reader read, const char* key, std::string* out, const TextRule& rule);
   int ChoiceIndex(const char* key, const std::vector<const char*>& words);
 
   Value value_;
@@ -99,8 +105,15 @@ class ObjectReader {
   std::vector<const char*> allowed_;
 };
 
+/** Reads a text. */
+bool ReadText(const Value& value, std::string* out);
+
+/** Reads a text, or an object that says what it is made of: `fill`, again and again, to `bytes`. */
+bool ReadLongText(const Value& value, std::string* out);
+
 /** Reads a list of texts: each by the rule, none twice. */
-bool ReadTexts(const Value& list, std::vector<std::string>* out, const TextRule& rule);
+bool ReadTexts(const Value& list, std::vector<std::string>* out, const TextRule& rule,
+               bool (*read)(const Value&, std::string*) = ReadText);
 
 /** Reads a whole number within bounds. */
 bool ReadInteger(const Value& value, std::int32_t* out,

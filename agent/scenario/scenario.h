@@ -2,7 +2,9 @@
 #ifndef AGENT_SCENARIO_SCENARIO_H_
 #define AGENT_SCENARIO_SCENARIO_H_
 
+#include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -10,6 +12,7 @@
 #include <vector>
 
 #include "protocol/messages.h"
+#include "scenario/package.h"
 #include "scenario/steps.h"
 
 namespace sim {
@@ -27,11 +30,27 @@ enum class Fault {
   kNegative,
 };
 
+/** What happens at a point of model work; of several at one point, in this order. */
+enum class Turn {
+  kSteps,  // the agent takes steps, and works on
+  kDrop,   // the connection ends; the work goes on
+  kCrash,  // the agent's process is killed
+  kFail,   // the work fails
+  kStop,   // the work stops without a word
+};
+
 /** A point of model work: a model of the request, counting from 1, and how far it is done. */
 struct WorkPoint {
   std::int32_t model = 1;
   std::int32_t percentage = 0;
-  std::int32_t result = 1;  // where the work fails there
+  std::int32_t result = 1;  // kFail
+  Steps steps;              // kSteps
+};
+
+/** In what pieces an answer is sent. */
+struct Drip {
+  std::int32_t bytes = 1;  // of each piece
+  std::int32_t pause = 0;  // milliseconds before the next one
 };
 
 /** Which of its progress messages model work sends. */
@@ -57,25 +76,22 @@ struct MethodScript {
   std::int32_t parts = 2;  // that the work on one model is done in
   std::int32_t pace = 0;   // milliseconds between them
   Reported report = Reported::kAll;
-  std::optional<WorkPoint> fail_at;
-  std::optional<WorkPoint> stop_at;
+  std::map<Turn, WorkPoint> points;
+  std::optional<Drip> drip;         // absent: whole
+  Steps steps;                      // that the agent takes once it has answered
+  std::vector<MethodScript> calls;  // one per call in place of this, the last for all further calls
+
+  std::size_t distinct_calls() const { return std::max(results.size(), calls.size()); }
 };
 
 struct Model {
   std::string id;
   std::string title;
   std::string description;
-  std::vector<std::string> versions;             // installed, oldest first; the last is usable
-  std::vector<std::string> available;            // further versions, not installed, newer
-  std::int32_t size = 65536;                     // bytes of each version
-  std::optional<std::vector<std::string>> apps;  // patterns of application IDs; absent: all
-};
-
-struct Package {
-  std::string id;
-  std::string version;
-  std::optional<std::vector<std::string>> clients;  // patterns of application IDs; absent: all
-  std::map<std::string, std::string> metadata;
+  std::vector<std::string> versions;   // installed, oldest first; the last is usable
+  std::vector<std::string> available;  // further versions, not installed, newer
+  std::int32_t size = 65536;           // bytes of each version
+  std::optional<Patterns> apps;        // that may use it; absent: all
 };
 
 /** When an agent that has ended is started again. */
@@ -91,7 +107,7 @@ struct Agent {
   std::string licence;
   bool installed = true;
   bool running = true;
-  bool refuse = false;  // turns every client away
+  Admission admission;
   bool kyr_disabled = false;
   Restart restart = Restart::kOnRequest;
 };
@@ -124,6 +140,12 @@ struct Scenario {
   std::array<MethodScript, kMethodCount> methods;
 
   const MethodScript& Script(Method method) const { return methods[IndexOf(method)]; }
+
+  /** How a call is answered, counting from 0. */
+  const MethodScript& Script(Method method, std::size_t call) const {
+    const std::vector<MethodScript>& calls = Script(method).calls;
+    return calls.empty() ? Script(method) : calls[std::min(call, calls.size() - 1)];
+  }
 
   /** A delay of the scenario in milliseconds of the clock. */
   unsigned Scaled(std::int32_t delay) const { return static_cast<unsigned>(delay * time_scale); }

@@ -35,31 +35,16 @@ constexpr char kDefaultLicence[] =
     "Velmora Service Agent\n"
     "Sample licence of a simulated agent.\n";
 
-void ReadPatterns(ObjectReader& object, const char* key,
-                  std::optional<std::vector<std::string>>* out) {
-  std::vector<std::string> patterns;
-  if (object.Texts(key, &patterns, Pattern)) *out = std::move(patterns);
-}
-
-void ReadPackageKeys(ObjectReader& object, Package* package) {
-  object.Text("id", &package->id, ApplicationId);
-  object.Text("version", &package->version, PackageVersion);
-  ReadPatterns(object, "clients", &package->clients);
-  object.Object("metadata", [&](ObjectReader& metadata) {
-    metadata.AllTexts(&package->metadata, MetadataKey);
-  });
-}
-
 /** A licence is one text or a list of lines. */
 void ReadLicence(const Value& value, std::string* licence) {
-  if (value.node().kind == JsonNode::Kind::kText) {
-    *licence = value.node().text;
+  const JsonNode::Kind kind = value.node().kind;
+  if (kind == JsonNode::Kind::kText || kind == JsonNode::Kind::kObject) {
+    ReadLongText(value, licence);
     return;
   }
   std::vector<std::string> lines;
-  if (value.node().kind != JsonNode::Kind::kList) {
-    value.Refuse(std::string("must be a text or a list of lines, not ") +
-                 NameOf(value.node().kind));
+  if (kind != JsonNode::Kind::kList) {
+    value.Refuse(std::string("must be a text or a list of lines, not ") + NameOf(kind));
   } else if (ReadTexts(value, &lines, nullptr)) {
     licence->clear();
     for (const std::string& line : lines) *licence += line + "\n";
@@ -101,7 +86,8 @@ void ReadAgent(ObjectReader& object, const std::string& folder, Agent* agent) {
   }
   object.Flag("installed", &agent->installed);
   object.Flag("running", &agent->running);
-  object.Flag("refuse", &agent->refuse);
+  ReadChoiceOfClients(object, "refuse", &agent->admission.refused);
+  object.Texts("admit", &agent->admission.admitted, Pattern);
   object.Choice<bool>("kyr", &agent->kyr_disabled, {{"enabled", false}, {"disabled", true}});
   object.Choice<Restart>("restart", &agent->restart,
                          {{"never", Restart::kNever},
@@ -109,13 +95,13 @@ void ReadAgent(ObjectReader& object, const std::string& folder, Agent* agent) {
                           {"always", Restart::kAlways}});
 }
 
+void ReadStepsKey(ObjectReader& object, const char* key, Steps* steps) {
+  if (const auto list = object.Take(key)) *steps = ReadSteps(*list, StepsFrom::kScenario);
+}
+
 void ReadUpdate(ObjectReader& object, Update* update) {
-  if (const auto steps = object.Take("steps")) {
-    update->steps = ReadSteps(*steps, StepsFrom::kScenario);
-  }
-  if (const auto recovery = object.Take("recovery")) {
-    update->recovery = ReadSteps(*recovery, StepsFrom::kScenario);
-  }
+  ReadStepsKey(object, "steps", &update->steps);
+  ReadStepsKey(object, "recovery", &update->recovery);
 }
 
 void ReadClient(ObjectReader& object, const std::string& folder, Client* client) {
@@ -141,8 +127,10 @@ void ReadPackages(ObjectReader& root, Scenario* scenario) {
   std::set<std::string> seen = {scenario->agent.package.id};
   root.Objects("packages", [&](ObjectReader& object) {
     Package package;
-    package.version = "1.0.0";
+    package.version = kUsualVersion;
     ReadPackageKeys(object, &package);
+    object.Text("application", &package.application, ApplicationId);
+    object.Flag("readable", &package.readable);
     object.Require("id");
     RefuseSecond(object, "a package", package.id, &seen);
     scenario->packages.push_back(std::move(package));
@@ -150,11 +138,11 @@ void ReadPackages(ObjectReader& root, Scenario* scenario) {
 }
 
 void ReadModel(ObjectReader& object, Model* model) {
-  object.Text("id", &model->id, ModelName);
-  object.Text("title", &model->title);
-  object.Text("description", &model->description);
-  const bool installed = object.Texts("versions", &model->versions, ModelName);
-  object.Texts("available", &model->available, ModelName);
+  object.LongText("id", &model->id, ModelName);
+  object.LongText("title", &model->title);
+  object.LongText("description", &model->description);
+  const bool installed = object.LongTexts("versions", &model->versions, ModelName);
+  object.LongTexts("available", &model->available, ModelName);
   if (installed && model->versions.empty() && model->available.empty()) {
     object.value().Refuse("\"versions\" must name at least one version");
   }
@@ -227,15 +215,18 @@ void ReadProgress(ObjectReader& object, MethodScript* script) {
   if (present) script->progress = std::move(steps);
 }
 
-void ReadWorkPoint(ObjectReader& object, const char* key, bool fails,
-                   std::optional<WorkPoint>* out) {
+void ReadWorkPoint(ObjectReader& object, const char* key, Turn turn, MethodScript* script) {
   WorkPoint point;
   const bool present = object.Object(key, [&](ObjectReader& entry) {
     entry.Integer("model", &point.model, 1);
     entry.Integer("percentage", &point.percentage, 0, 100);
-    if (fails) entry.Integer("result", &point.result);
+    if (turn == Turn::kFail) entry.Integer("result", &point.result);
+    if (turn == Turn::kSteps) {
+      ReadStepsKey(entry, "steps", &point.steps);
+      entry.Require("steps");
+    }
   });
-  if (present) *out = point;
+  if (present) script->points[turn] = std::move(point);
 }
 
 void ReadWork(ObjectReader& object, MethodScript* script) {
@@ -248,16 +239,26 @@ void ReadWork(ObjectReader& object, MethodScript* script) {
                            {"last", Reported::kLast},
                            {"no-last", Reported::kNoLast},
                            {"swapped", Reported::kSwapped}});
-  ReadWorkPoint(object, "failAt", true, &script->fail_at);
-  ReadWorkPoint(object, "stopAt", false, &script->stop_at);
+  ReadWorkPoint(object, "failAt", Turn::kFail, script);
+  ReadWorkPoint(object, "stopAt", Turn::kStop, script);
+  ReadWorkPoint(object, "crashAt", Turn::kCrash, script);
+  ReadWorkPoint(object, "dropAt", Turn::kDrop, script);
+  ReadWorkPoint(object, "stepsAt", Turn::kSteps, script);
 }
 
-void ReadMethod(ObjectReader& object, const MethodInfo& method, MethodScript* script) {
+void ReadDrip(ObjectReader& object, MethodScript* script) {
+  Drip drip;
+  const bool present = object.Object("drip", [&](ObjectReader& entry) {
+    entry.Integer("bytes", &drip.bytes, 1);
+    entry.Integer("pause", &drip.pause, 0, kLongestDelay);
+  });
+  if (present) script->drip = drip;
+}
+
+/** The keys that a single call may have, too, but for its result. */
+void ReadAnswer(ObjectReader& object, const MethodInfo& method, MethodScript* script) {
   const bool lists = method.answered_by == AnsweredBy::kModels;
   const bool works = method.answered_by == AnsweredBy::kProgress;
-  if (method.has_result) {
-    if (const auto results = object.Take("result")) ReadResults(*results, &script->results);
-  }
   object.Integer("delay", &script->delay, 0, kLongestDelay);
   object.Choice("fault", &script->fault, kFaults);
   if (object.Integer("cutAt", &script->cut_at, 0) && script->fault != Fault::kCut &&
@@ -265,12 +266,39 @@ void ReadMethod(ObjectReader& object, const MethodInfo& method, MethodScript* sc
     object.value().Refuse("\"cutAt\" needs the fault \"cut\" or \"truncated\"");
   }
   object.Integer("stray", &script->stray, 0, kMostRepeats);
+  ReadDrip(object, script);
+  ReadStepsKey(object, "steps", &script->steps);
   if (lists || works) object.Integer("repeat", &script->repeat, 1, kMostRepeats);
   if (lists) {
     object.Integer("count", &script->count);
     object.Integer("arrayCount", &script->array_count);
   }
   if (works) ReadWork(object, script);
+}
+
+/** Each call is what the method is, but for what it says itself. */
+void ReadCalls(ObjectReader& object, const MethodInfo& method, MethodScript* script) {
+  const MethodScript usual = *script;
+  const bool present = object.Objects("calls", [&](ObjectReader& entry) {
+    MethodScript call = usual;
+    std::int32_t result = 0;
+    if (method.has_result && entry.Integer("result", &result)) call.results = {result};
+    ReadAnswer(entry, method, &call);
+    if (script->calls.size() < kMostCalls) script->calls.push_back(std::move(call));
+  });
+  if (!present) return;
+  const std::size_t count = object.At("calls").node().elements.size();
+  if (count == 0 || count > kMostCalls) {
+    object.At("calls").Refuse("must name 1 to " + std::to_string(kMostCalls) + " calls");
+  }
+}
+
+void ReadMethod(ObjectReader& object, const MethodInfo& method, MethodScript* script) {
+  if (method.has_result) {
+    if (const auto results = object.Take("result")) ReadResults(*results, &script->results);
+  }
+  ReadAnswer(object, method, script);
+  ReadCalls(object, method, script);
 }
 
 void ReadMethods(ObjectReader& root, Scenario* scenario) {

@@ -174,7 +174,7 @@ void ReadModelStatus(ObjectReader& object, Steps* steps) {
 void ReadSelfUpdate(ObjectReader& object, Steps* steps) {
   Step install = StepOf(Step::Action::kInstall);
   const bool present = object.Object("selfUpdate", [&](ObjectReader& update) {
-    update.Text("version", &install.version, PackageVersion);
+    update.Text("version", &install.package.version, PackageVersion);
   });
   if (present) {
     steps->push_back(TextEvent(kAgentStatus, "Update"));
@@ -184,14 +184,60 @@ void ReadSelfUpdate(ObjectReader& object, Steps* steps) {
   }
 }
 
+/** An own package of another version, or any package. */
 void ReadInstall(ObjectReader& object, Steps* steps) {
+  const auto value = object.Take("install");
+  if (!value) return;
   Step step = StepOf(Step::Action::kInstall);
-  if (object.Text("install", &step.version, PackageVersion)) steps->push_back(std::move(step));
+  if (value->node().kind == JsonNode::Kind::kObject) {
+    ObjectReader package(*value);
+    ReadPackageKeys(package, &step.package);
+    package.Finish();
+  } else if (ReadText(*value, &step.package.version)) {
+    if (const auto reason = PackageVersion(step.package.version)) value->Refuse(*reason);
+  }
+  steps->push_back(std::move(step));
+}
+
+void ReadRemove(ObjectReader& object, Steps* steps) {
+  const auto value = object.Take("remove");
+  if (!value) return;
+  Step step = StepOf(Step::Action::kRemove);
+  if (value->node().kind == JsonNode::Kind::kFlag) {
+    if (!value->node().flag) return;
+  } else if (ReadText(*value, &step.package.id)) {
+    if (const auto reason = ApplicationId(step.package.id)) value->Refuse(*reason);
+  }
+  steps->push_back(std::move(step));
+}
+
+void ReadPermit(ObjectReader& object, Steps* steps) {
+  Step step = StepOf(Step::Action::kPermit);
+  if (object.Texts("clients", &step.clients, Pattern)) steps->push_back(std::move(step));
+}
+
+void ReadAdmit(ObjectReader& object, Steps* steps) {
+  Step step = StepOf(Step::Action::kAdmit);
+  const bool present = ReadChoiceOfClients(object, "refuse", &step.admission.refused);
+  if (const auto admit = TakeBeside(object, "admit", present, "\"refuse\" beside it")) {
+    ReadTexts(*admit, &step.admission.admitted, Pattern);
+  }
+  if (present) steps->push_back(std::move(step));
+}
+
+void ReadDrop(ObjectReader& object, Steps* steps) {
+  Step step = StepOf(Step::Action::kDrop);
+  if (ReadChoiceOfClients(object, "drop", &step.clients)) steps->push_back(std::move(step));
+}
+
+void ReadLevel(ObjectReader& object, Steps* steps) {
+  Step step = StepOf(Step::Action::kLevel);
+  if (object.Integer("apiLevel", &step.number)) steps->push_back(std::move(step));
 }
 
 void ReadWait(ObjectReader& object, Steps* steps) {
   Step step = StepOf(Step::Action::kWait);
-  if (object.Integer("wait", &step.wait, 0, kLongestDelay)) steps->push_back(std::move(step));
+  if (object.Integer("wait", &step.number, 0, kLongestDelay)) steps->push_back(std::move(step));
 }
 
 void ReadDeed(ObjectReader& object, const char* key, Step::Action action, Steps* steps) {
@@ -199,8 +245,10 @@ void ReadDeed(ObjectReader& object, const char* key, Step::Action action, Steps*
   if (object.Flag(key, &wanted) && wanted) steps->push_back(StepOf(action));
 }
 
-constexpr std::array kActionKeys = {"event",  "selfUpdate",  "install",   "restart", "wait",
-                                    "result", "modelStatus", "broadcast", "kill",    "update"};
+constexpr std::array kActionKeys = {"event",   "selfUpdate", "install", "remove",      "clients",
+                                    "refuse",  "drop",       "close",   "killBus",     "apiLevel",
+                                    "restart", "wait",       "result",  "modelStatus", "broadcast",
+                                    "kill",    "update"};
 
 void RefuseUnlessOneAction(ObjectReader& object) {
   const auto& members = object.value().node().members;
@@ -218,6 +266,13 @@ void ReadStep(ObjectReader& object, StepsFrom from, Steps* steps) {
   ReadEvent(object, &read);
   ReadSelfUpdate(object, &read);
   ReadInstall(object, &read);
+  ReadRemove(object, &read);
+  ReadPermit(object, &read);
+  ReadAdmit(object, &read);
+  ReadDrop(object, &read);
+  ReadDeed(object, "close", Step::Action::kClose, &read);
+  ReadDeed(object, "killBus", Step::Action::kKillBus, &read);
+  ReadLevel(object, &read);
   ReadDeed(object, "restart", Step::Action::kRestart, &read);
   ReadWait(object, &read);
   ReadResult(object, &read);

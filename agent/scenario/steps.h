@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "scenario/object_reader.h"
+#include "scenario/package.h"
 
 namespace sim {
 
@@ -26,16 +27,25 @@ struct Step {
   enum class Action {
     kBroadcast,
     kWait,
-    kInstall,  // puts a package of another version in place of its own
+    kInstall,  // installs a package, or replaces it
     kRestart,  // ends, and is replaced by a new process
     kKill,     // dies without a word
     kUpdate,   // goes through the scenario's update
+    kRemove,   // removes a package
+    kPermit,   // changes which clients its own package admits
+    kAdmit,    // changes which clients it accepts
+    kDrop,     // ends connections
+    kClose,    // ends all connections, and serves nobody until its next process does
+    kKillBus,  // kills the session bus
+    kLevel,    // changes its API level
   };
 
   Action action = Action::kBroadcast;
   Broadcast broadcast;
-  std::int32_t wait = 0;  // milliseconds of the scenario
-  std::string version;    // to install; empty: the next one
+  std::int32_t number = 0;  // kWait: milliseconds of the scenario; kLevel
+  Package package;          // kInstall, kRemove; no ID: its own; no version: the next one
+  Admission admission;      // kAdmit
+  Patterns clients;         // kPermit, kDrop
 };
 
 using Steps = std::vector<Step>;

@@ -10,10 +10,11 @@
 #include <algorithm>
 #include <cstddef>
 #include <exception>
+#include <iterator>
 #include <optional>
+#include <utility>
 
 #include "owned.h"
-#include "scenario/text_rules.h"
 #include "service/control.h"
 #include "service/events.h"
 #include "service/log_tag.h"
@@ -29,8 +30,27 @@ constexpr std::int32_t kKyrDisabledCode = -1073741826;  // 0xBFFFFFFE
 constexpr std::int32_t kKyrDisabledResult = 8;
 
 bool Admits(const Model& model, const std::string& app_id) {
-  return !model.apps || std::any_of(model.apps->begin(), model.apps->end(),
-                                    [&](const auto& app) { return Matches(app, app_id); });
+  return !model.apps || Includes(*model.apps, app_id);
+}
+
+std::vector<TimedParcel> AnswerProgress(const Request& request, const MethodScript& script,
+                                        std::int32_t result) {
+  std::vector<ProgressStep> steps;
+  if (script.progress) {
+    steps = *script.progress;
+  } else {
+    ProgressStep& refusal = steps.emplace_back();
+    refusal.state = kStateFailed;
+    refusal.count = static_cast<std::int32_t>(request.models.models.size());
+  }
+  std::vector<TimedParcel> messages;
+  for (std::int32_t i = 0; i < script.repeat; ++i) {
+    for (const ProgressStep& step : steps) {
+      const std::int32_t step_result = step.result.value_or(result);
+      messages.push_back({step.delay, AnswerWith(request.delegate, step_result, step)});
+    }
+  }
+  return messages;
 }
 
 std::string StoreFolder() {
@@ -40,21 +60,44 @@ std::string StoreFolder() {
 
 }  // namespace
 
-AgentService::AgentService(const Scenario& scenario, UpdateRunner& updates)
-    : scenario_(scenario), updates_(updates), store_(scenario, StoreFolder()) {
+AgentService::AgentService(const Scenario& scenario, UpdateRunner& updates,
+                           const std::string& call_file)
+    : scenario_(scenario),
+      updates_(updates),
+      calls_(scenario, call_file),
+      store_(scenario, StoreFolder()) {
   Check(rpc_port_stub_create(&stub_, kPortName), "cannot make the port");
   rpc_port_desktop_stub_set_admission_cb(stub_, OnAdmission, this);
   rpc_port_stub_add_connected_event_cb(stub_, OnConnected, this);
   rpc_port_stub_add_disconnected_event_cb(stub_, OnDisconnected, this);
   rpc_port_stub_add_received_event_cb(stub_, OnReceived, this);
   deliveries_ = std::make_unique<DeliveryQueue>(stub_, scenario_);
-  work_ = std::make_unique<ModelWork>(scenario_, store_, *deliveries_);
+  work_ = std::make_unique<ModelWork>(scenario_, store_, *deliveries_, updates_);
 }
 
-AgentService::~AgentService() {
+AgentService::~AgentService() { Close(); }
+
+void AgentService::Close() {
   work_.reset();
   deliveries_.reset();
-  rpc_port_stub_destroy(stub_);
+  if (stub_ != nullptr) rpc_port_stub_destroy(std::exchange(stub_, nullptr));
+}
+
+void AgentService::Take(const Step& step) {
+  if (step.action == Step::Action::kClose) {
+    Close();
+    return;
+  }
+  for (auto guest = guests_.begin(); guest != guests_.end();) {
+    const bool meant = Includes(step.clients, guest->second);
+    if (meant && deliveries_) deliveries_->Drop(guest->first);
+    guest = meant ? guests_.erase(guest) : std::next(guest);
+  }
+}
+
+bool AgentService::Refuses(const std::string& application) const {
+  const Admission& admission = updates_.changes().admission.value_or(scenario_.agent.admission);
+  return Includes(admission.refused, application) && !Includes(admission.admitted, application);
 }
 
 void AgentService::Listen() {
@@ -65,17 +108,19 @@ void AgentService::Listen() {
 }
 
 bool AgentService::OnAdmission(const char* sender, const char*, void* data) {
-  const bool refused = static_cast<AgentService*>(data)->scenario_.agent.refuse;
+  const bool refused = static_cast<AgentService*>(data)->Refuses(sender);
   dlog_print(DLOG_INFO, kLogTag, "%s asks to connect: %s", sender,
              refused ? "refused" : "admitted");
   return !refused;
 }
 
-void AgentService::OnConnected(const char* sender, const char* instance, void*) {
+void AgentService::OnConnected(const char* sender, const char* instance, void* data) {
+  static_cast<AgentService*>(data)->guests_[instance] = sender;
   dlog_print(DLOG_INFO, kLogTag, "%s is connected as %s", sender, instance);
 }
 
-void AgentService::OnDisconnected(const char* sender, const char* instance, void*) {
+void AgentService::OnDisconnected(const char* sender, const char* instance, void* data) {
+  static_cast<AgentService*>(data)->guests_.erase(instance);
   dlog_print(DLOG_INFO, kLogTag, "%s is gone, which was %s", sender, instance);
 }
 
@@ -93,41 +138,43 @@ void AgentService::Serve(const char* instance, rpc_port_h port) {
   Parcel parcel = Parcel::From(port);
   const Request request = ReadRequest(parcel);
   dlog_print(DLOG_DEBUG, kLogTag, "%s calls %s", instance, InfoOf(request.method).name);
-  const std::int32_t result = NextResult(request.method);
+  const std::size_t call = calls_.Next(request.method);
+  const std::int32_t result = ResultOf(request.method, call);
   const MethodInfo& method = InfoOf(request.method);
-  const MethodScript& script = scenario_.Script(request.method);
+  const MethodScript& script = scenario_.Script(request.method, call);
   if (method.answered_by == AnsweredBy::kProgress && !script.progress && result == 0) {
-    work_->Begin(instance, request);
+    work_->Begin(instance, request, call);
     return;
   }
   const bool delegated = method.answered_by != AnsweredBy::kReply;
   deliveries_->Deliver(instance, delegated ? RPC_PORT_PORT_CALLBACK : RPC_PORT_PORT_MAIN, script,
-                       Answer(request, result));
+                       Answer(request, script, result),
+                       [this, &script, method = request.method, call] {
+                         if (!script.steps.empty()) updates_.RunSteps(method, call, false, nullptr);
+                       });
   if (method.updates_agents && result == 0) updates_.StartUpdate(request.agents, script.delay);
 }
 
 std::int32_t AgentService::UsualResult(Method method) const {
   const bool disabled = scenario_.agent.kyr_disabled;
   if (method == Method::kGetAgentApiLevel) {
-    return disabled ? kKyrDisabledCode : scenario_.agent.api_level;
+    return disabled ? kKyrDisabledCode
+                    : updates_.changes().api_level.value_or(scenario_.agent.api_level);
   }
   if (!disabled) return 0;
   return InfoOf(method).answered_by == AnsweredBy::kReply ? kKyrDisabledCode : kKyrDisabledResult;
 }
 
-std::int32_t AgentService::NextResult(Method method) {
-  const auto& results = scenario_.Script(method).results;
-  std::size_t& call = calls_[IndexOf(method)];
-  if (results.empty()) return UsualResult(method);
-  const std::int32_t result = results[std::min(call, results.size() - 1)];
-  ++call;
-  return result;
+std::int32_t AgentService::ResultOf(Method method, std::size_t call) const {
+  const auto& results = scenario_.Script(method, call).results;
+  return results.empty() ? UsualResult(method) : results[std::min(call, results.size() - 1)];
 }
 
-std::vector<TimedParcel> AgentService::Answer(const Request& request, std::int32_t result) {
+std::vector<TimedParcel> AgentService::Answer(const Request& request, const MethodScript& script,
+                                              std::int32_t result) const {
   const AnsweredBy answered_by = InfoOf(request.method).answered_by;
-  if (answered_by == AnsweredBy::kModels) return AnswerList(request, result);
-  if (answered_by == AnsweredBy::kProgress) return AnswerProgress(request, result);
+  if (answered_by == AnsweredBy::kModels) return AnswerList(request, script, result);
+  if (answered_by == AnsweredBy::kProgress) return AnswerProgress(request, script, result);
   std::vector<TimedParcel> messages;
   if (request.method == Method::kGetLicense) {
     const Agent& agent = scenario_.agent;
@@ -139,8 +186,8 @@ std::vector<TimedParcel> AgentService::Answer(const Request& request, std::int32
 }
 
 std::vector<TimedParcel> AgentService::AnswerList(const Request& request,
+                                                  const MethodScript& script,
                                                   std::int32_t result) const {
-  const MethodScript& script = scenario_.Script(request.method);
   std::vector<ModelView> models;
   if (!scenario_.agent.kyr_disabled) {
     models = request.method == Method::kGetModelVersionList ? Versions(request) : Models(request);
@@ -150,27 +197,6 @@ std::vector<TimedParcel> AgentService::AnswerList(const Request& request,
   for (std::int32_t i = 0; i < script.repeat; ++i) {
     messages.push_back(
         {0, AnswerWith(request.delegate, result, models, {script.array_count, script.count})});
-  }
-  return messages;
-}
-
-std::vector<TimedParcel> AgentService::AnswerProgress(const Request& request,
-                                                      std::int32_t result) const {
-  const MethodScript& script = scenario_.Script(request.method);
-  std::vector<ProgressStep> steps;
-  if (script.progress) {
-    steps = *script.progress;
-  } else {
-    ProgressStep& refusal = steps.emplace_back();
-    refusal.state = kStateFailed;
-    refusal.count = static_cast<std::int32_t>(request.models.models.size());
-  }
-  std::vector<TimedParcel> messages;
-  for (std::int32_t i = 0; i < script.repeat; ++i) {
-    for (const ProgressStep& step : steps) {
-      const std::int32_t step_result = step.result.value_or(result);
-      messages.push_back({step.delay, AnswerWith(request.delegate, step_result, step)});
-    }
   }
   return messages;
 }
@@ -229,7 +255,9 @@ int RunAgent(const Scenario& scenario, const AgentOptions& options) {
     status = kReplaceMe;
     g_main_loop_quit(loop.get());
   });
-  AgentService service(scenario, updates);
+  AgentService service(scenario, updates,
+                       options.journal.empty() ? "" : options.journal + ".calls");
+  updates.SetPort([&](const Step& step) { service.Take(step); });
   if (scenario.bus) {
     // Before there can be a client that would hear somebody else.
     OwnName(scenario.agent.package.id);

@@ -2,15 +2,16 @@
 #ifndef AGENT_SERVICE_AGENT_SERVICE_H_
 #define AGENT_SERVICE_AGENT_SERVICE_H_
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "protocol/messages.h"
 #include "scenario/scenario.h"
+#include "service/call_counter.h"
 #include "service/delivery.h"
 #include "service/model_store.h"
 #include "service/model_work.h"
@@ -28,14 +29,17 @@ struct AgentOptions {
 /** The agent: serves its port as a scenario says, on the default main context. */
 class AgentService {
  public:
-  /** `scenario` and `updates` must outlive the service. */
-  AgentService(const Scenario& scenario, UpdateRunner& updates);
+  /** `scenario` and `updates` must outlive the service. For `call_file`, see CallCounter. */
+  AgentService(const Scenario& scenario, UpdateRunner& updates, const std::string& call_file = "");
   ~AgentService();
   AgentService(const AgentService&) = delete;
   AgentService& operator=(const AgentService&) = delete;
 
   /** Starts to accept clients. Throws PlatformError. */
   void Listen();
+
+  /** Takes a step that concerns the port. From the main loop, not inside an event of the port. */
+  void Take(const Step& step);
 
  private:
   static bool OnAdmission(const char* sender, const char* instance, void* data);
@@ -44,19 +48,22 @@ class AgentService {
   static int OnReceived(const char* sender, const char* instance, rpc_port_h port, void* data);
 
   void Serve(const char* instance, rpc_port_h port);
-  std::vector<TimedParcel> Answer(const Request& request, std::int32_t result);
-  std::vector<TimedParcel> AnswerList(const Request& request, std::int32_t result) const;
-  std::vector<TimedParcel> AnswerProgress(const Request& request, std::int32_t result) const;
+  std::vector<TimedParcel> Answer(const Request& request, const MethodScript& script,
+                                  std::int32_t result) const;
+  std::vector<TimedParcel> AnswerList(const Request& request, const MethodScript& script,
+                                      std::int32_t result) const;
   std::vector<ModelView> Models(const Request& request) const;
   std::vector<ModelView> Versions(const Request& request) const;
 
-  /** The result of this call of a method, and moves on to the next. */
-  std::int32_t NextResult(Method method);
+  bool Refuses(const std::string& application) const;
+  std::int32_t ResultOf(Method method, std::size_t call) const;
   std::int32_t UsualResult(Method method) const;
+  void Close();
 
   const Scenario& scenario_;
   UpdateRunner& updates_;
-  std::array<std::size_t, kMethodCount> calls_{};
+  CallCounter calls_;
+  std::map<std::string, std::string> guests_;  // applications by their instances
   rpc_port_stub_h stub_ = nullptr;
   std::unique_ptr<DeliveryQueue> deliveries_;
   ModelStore store_;

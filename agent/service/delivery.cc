@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "protocol/messages.h"
@@ -78,7 +79,18 @@ void DeliveryQueue::AddFaulty(Fault fault, const MethodScript& script, Parcel pa
       step.raw = RawMessage(0xffffffffu, content);
       break;
   }
+  if (script.drip) PrepareDrip(*script.drip, &step);
   steps->push_back(std::move(step));
+}
+
+void DeliveryQueue::PrepareDrip(const Drip& drip, Step* step) {
+  if (step->action == Action::kSend) {
+    const std::string_view content = step->parcel->Bytes();
+    step->raw = RawMessage(static_cast<std::uint32_t>(content.size()), content);
+    step->action = Action::kSendRaw;
+    step->parcel.reset();
+  }
+  step->drip = drip;
 }
 
 std::deque<DeliveryQueue::Step> DeliveryQueue::Plan(rpc_port_port_type_e port,
@@ -101,54 +113,92 @@ std::deque<DeliveryQueue::Step> DeliveryQueue::Plan(rpc_port_port_type_e port,
   if (script.fault == Fault::kDropAfter || script.fault == Fault::kTruncated) {
     steps.emplace_back().action = Action::kDrop;
   }
+  if (steps.empty() && script.delay > 0) steps.emplace_back().action = Action::kNothing;
   if (!steps.empty()) steps.front().delay += script.delay;
   return steps;
 }
 
 void DeliveryQueue::Deliver(const std::string& instance, rpc_port_port_type_e port,
-                            const MethodScript& script, std::vector<TimedParcel> messages) {
+                            const MethodScript& script, std::vector<TimedParcel> messages,
+                            std::function<void()> done) {
   const auto self = deliveries_.emplace(deliveries_.end());
   self->instance = instance;
   self->port = port;
   self->steps = Plan(port, script, std::move(messages));
-  if (!Advance(self, false)) deliveries_.erase(self);
+  self->done = std::move(done);
+  GoOn(self, false);
 }
 
-bool DeliveryQueue::Advance(std::list<Delivery>::iterator delivery, bool from_loop) {
-  while (!delivery->steps.empty()) {
-    Step& step = delivery->steps.front();
-    // The platform is still inside the connection's own event: ending it there waits for the loop.
-    const bool unsafe = step.action == Action::kDrop && !from_loop;
-    if (step.delay > 0 || unsafe) {
-      delivery->timer.After(scenario_.Scaled(std::exchange(step.delay, 0)), [this, delivery] {
-        if (!Advance(delivery, true)) deliveries_.erase(delivery);
-      });
+void DeliveryQueue::GoOn(Position delivery, bool from_loop) {
+  if (Advance(delivery, from_loop)) return;
+  const std::function<void()> done = std::move(delivery->done);
+  deliveries_.erase(delivery);
+  if (done) done();
+}
+
+/** Behind a message that is sent in pieces, answers keep their order. */
+bool DeliveryQueue::HasToWait(const Delivery& delivery) const {
+  bool earlier = true;
+  for (const Delivery& other : deliveries_) {
+    if (&other == &delivery) {
+      earlier = false;
+    } else if (other.port == delivery.port && (other.in_message || (earlier && other.waiting)) &&
+               other.instance == delivery.instance) {
       return true;
     }
-    if (!Take(*delivery, step)) return false;
-    delivery->steps.pop_front();
   }
   return false;
 }
 
-bool DeliveryQueue::Take(const Delivery& delivery, const Step& step) {
+bool DeliveryQueue::Advance(Position delivery, bool from_loop) {
+  while (!delivery->steps.empty()) {
+    Step& step = delivery->steps.front();
+    // The platform is still inside the connection's own event: ending it there waits for the loop.
+    const bool unsafe = step.action == Action::kDrop && !from_loop;
+    delivery->waiting = step.delay == 0 && HasToWait(*delivery);
+    if (step.delay > 0 || unsafe || delivery->waiting) {
+      const unsigned pause = delivery->waiting ? 1 : scenario_.Scaled(std::exchange(step.delay, 0));
+      delivery->timer.After(pause, [this, delivery] { GoOn(delivery, true); });
+      return true;
+    }
+    if (!Take(*delivery, step)) return false;
+    if (!delivery->in_message) delivery->steps.pop_front();
+  }
+  return false;
+}
+
+bool DeliveryQueue::Take(Delivery& delivery, Step& step) {
   rpc_port_h port = nullptr;
   if (rpc_port_stub_get_port(stub_, delivery.port, delivery.instance.c_str(), &port) != 0) {
     return false;
   }
   switch (step.action) {
+    case Action::kNothing:
+      return true;
     case Action::kSend:
       return step.parcel->Send(port);
-    case Action::kSendRaw:
-      return rpc_port_desktop_send_bytes(port, step.raw.data(), step.raw.size()) == 0;
+    case Action::kSendRaw: {
+      const std::size_t rest = step.raw.size() - step.sent;
+      const std::size_t size =
+          step.drip ? std::min(rest, static_cast<std::size_t>(step.drip->bytes)) : rest;
+      const char* const bytes = step.raw.data() + step.sent;
+      step.sent += size;
+      delivery.in_message = step.sent < step.raw.size();
+      if (delivery.in_message) step.delay = step.drip->pause;
+      return rpc_port_desktop_send_bytes(port, bytes, size) == 0;
+    }
     case Action::kDrop:
-      rpc_port_desktop_stub_disconnect(stub_, delivery.instance.c_str());
+      Drop(delivery.instance);
       return false;
     case Action::kCrash:
       raise(SIGKILL);
       return false;
   }
   return false;
+}
+
+void DeliveryQueue::Drop(const std::string& instance) {
+  rpc_port_desktop_stub_disconnect(stub_, instance.c_str());
 }
 
 }  // namespace sim

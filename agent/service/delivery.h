@@ -4,8 +4,10 @@
 
 #include <rpc-port.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <list>
 #include <optional>
 #include <string>
@@ -35,32 +37,47 @@ class DeliveryQueue {
   DeliveryQueue(const DeliveryQueue&) = delete;
   DeliveryQueue& operator=(const DeliveryQueue&) = delete;
 
-  /** Sends the messages one after the other: before it returns, if there are no delays and faults. */
+  /**
+   * Sends the messages one after the other: before it returns, if there are no delays and faults.
+   * `done` is called when that is over, however it went.
+   */
   void Deliver(const std::string& instance, rpc_port_port_type_e port, const MethodScript& script,
-               std::vector<TimedParcel> messages);
+               std::vector<TimedParcel> messages, std::function<void()> done = nullptr);
+
+  /** Ends a connection. From the main loop, not inside an event of the port. */
+  void Drop(const std::string& instance);
 
  private:
-  enum class Action { kSend, kSendRaw, kDrop, kCrash };
+  enum class Action { kNothing, kSend, kSendRaw, kDrop, kCrash };
   struct Step {
     std::int32_t delay = 0;
     Action action = Action::kSend;
     std::optional<Parcel> parcel;  // kSend
     std::string raw;               // kSendRaw
+    std::optional<Drip> drip;      // kSendRaw
+    std::size_t sent = 0;          // of it
   };
   struct Delivery {
     std::string instance;
     rpc_port_port_type_e port = RPC_PORT_PORT_MAIN;
     std::deque<Step> steps;
+    std::function<void()> done;
+    bool in_message = false;  // which others on the same port must not interrupt
+    bool waiting = false;     // for such a message to end
     EventSource timer;
   };
+  using Position = std::list<Delivery>::iterator;
 
   static std::deque<Step> Plan(rpc_port_port_type_e port, const MethodScript& script,
                                std::vector<TimedParcel> messages);
   static void AddFaulty(Fault fault, const MethodScript& script, Parcel parcel,
                         std::deque<Step>* steps);
+  static void PrepareDrip(const Drip& drip, Step* step);
   /** Takes steps until one has to wait; false when the delivery is over. */
-  bool Advance(std::list<Delivery>::iterator delivery, bool from_loop);
-  bool Take(const Delivery& delivery, const Step& step);
+  bool Advance(Position delivery, bool from_loop);
+  void GoOn(Position delivery, bool from_loop);
+  bool Take(Delivery& delivery, Step& step);
+  bool HasToWait(const Delivery& delivery) const;
 
   rpc_port_stub_h stub_;
   const Scenario& scenario_;

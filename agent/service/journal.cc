@@ -13,10 +13,32 @@ JournalEntry EntryOf(const nlohmann::json& tree) {
   JournalEntry entry;
   entry.id = tree.at("id").get<std::string>();
   entry.document = tree.at("document").get<std::string>();
+  entry.method = tree.at("method").get<std::string>();
+  entry.call = tree.at("call").get<std::size_t>();
+  entry.at_point = tree.at("atPoint").get<bool>();
   entry.recovery = tree.at("recovery").get<bool>();
   entry.agents = tree.at("agents").get<std::vector<std::string>>();
   entry.next = tree.at("next").get<std::size_t>();
   return entry;
+}
+
+AgentChanges ChangesOf(const nlohmann::json& tree) {
+  AgentChanges changes;
+  if (tree.contains("apiLevel")) changes.api_level = tree["apiLevel"].get<std::int32_t>();
+  if (tree.contains("refuse")) {
+    changes.admission = {tree["refuse"].get<Patterns>(), tree.at("admit").get<Patterns>()};
+  }
+  return changes;
+}
+
+nlohmann::json TreeOf(const AgentChanges& changes) {
+  nlohmann::json tree = nlohmann::json::object();
+  if (changes.api_level) tree["apiLevel"] = *changes.api_level;
+  if (changes.admission) {
+    tree["refuse"] = changes.admission->refused;
+    tree["admit"] = changes.admission->admitted;
+  }
+  return tree;
 }
 
 }  // namespace
@@ -31,6 +53,7 @@ Journal ReadJournal(const std::string& file) {
       journal.entries.push_back(EntryOf(entry));
     }
     journal.ended = tree.at("ended").get<std::map<std::string, std::string>>();
+    journal.changes = ChangesOf(tree.at("changes"));
     journal.found = true;
   } catch (const nlohmann::json::exception&) {
     return {};
@@ -41,10 +64,14 @@ Journal ReadJournal(const std::string& file) {
 void WriteJournal(const std::string& file, const Journal& journal) {
   nlohmann::json tree = {{"replaced", journal.replaced},
                          {"entries", nlohmann::json::array()},
-                         {"ended", journal.ended}};
+                         {"ended", journal.ended},
+                         {"changes", TreeOf(journal.changes)}};
   for (const JournalEntry& entry : journal.entries) {
     tree["entries"].push_back({{"id", entry.id},
                                {"document", entry.document},
+                               {"method", entry.method},
+                               {"call", entry.call},
+                               {"atPoint", entry.at_point},
                                {"recovery", entry.recovery},
                                {"agents", entry.agents},
                                {"next", entry.next}});

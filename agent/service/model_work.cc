@@ -2,11 +2,14 @@
 #include "service/model_work.h"
 
 #include <dlog.h>
+#include <signal.h>
 
 #include <exception>
+#include <map>
 #include <utility>
 #include <vector>
 
+#include "service/bus_barrier.h"
 #include "service/events.h"
 #include "service/log_tag.h"
 
@@ -15,20 +18,29 @@ namespace {
 
 constexpr std::int32_t kWhole = 100;
 
-bool IsAt(const std::optional<WorkPoint>& point, std::int32_t model, std::int32_t percentage) {
-  return point && point->model == model && percentage >= point->percentage;
+/** The first point that the work has reached and not yet dealt with. */
+std::optional<Turn> NextTurn(const std::map<Turn, WorkPoint>& points, const std::set<Turn>& taken,
+                             std::int32_t model, std::int32_t percentage) {
+  std::optional<Turn> next;
+  for (const auto& [turn, point] : points) {
+    if (point.model != model || point.percentage > percentage || taken.count(turn) > 0) continue;
+    if (!next || point.percentage < points.at(*next).percentage) next = turn;
+  }
+  return next;
 }
 
 }  // namespace
 
-ModelWork::ModelWork(const Scenario& scenario, ModelStore& store, DeliveryQueue& deliveries)
-    : scenario_(scenario), store_(store), deliveries_(deliveries) {}
+ModelWork::ModelWork(const Scenario& scenario, ModelStore& store, DeliveryQueue& deliveries,
+                     UpdateRunner& steps)
+    : scenario_(scenario), store_(store), deliveries_(deliveries), steps_(steps) {}
 
-void ModelWork::Begin(const std::string& instance, const Request& request) {
+void ModelWork::Begin(const std::string& instance, const Request& request, std::size_t call) {
   const auto self = operations_.emplace(operations_.end());
   self->instance = instance;
   self->request = request;
-  self->script = &scenario_.Script(request.method);
+  self->call = call;
+  self->script = &scenario_.Script(request.method, call);
   Schedule(self, self->script->delay);
 }
 
@@ -37,20 +49,31 @@ void ModelWork::Schedule(Position operation, std::int32_t delay) {
 }
 
 void ModelWork::GoOn(Position operation) {
-  bool goes_on = false;
+  Next next = Next::kEnd;
   try {
-    goes_on = Advance(*operation);
+    next = Advance(*operation);
   } catch (const std::exception& error) {
     dlog_print(DLOG_ERROR, kLogTag, "model work ends: %s", error.what());
   }
-  if (goes_on) {
-    Schedule(operation, operation->script->pace);
-  } else {
-    operations_.erase(operation);
+  const Method method = operation->request.method;
+  switch (next) {
+    case Next::kPart:
+      Schedule(operation, operation->script->pace);
+      break;
+    case Next::kSteps:
+      steps_.RunSteps(method, operation->call, true,
+                      [this, operation](const std::string&) { Schedule(operation, 0); });
+      break;
+    case Next::kEnd:
+      if (!operation->script->steps.empty()) {
+        steps_.RunSteps(method, operation->call, false, nullptr);
+      }
+      operations_.erase(operation);
+      break;
   }
 }
 
-bool ModelWork::Advance(Operation& operation) {
+ModelWork::Next ModelWork::Advance(Operation& operation) {
   if (operation.index == 0) {
     Announce("START");
     operation.index = 1;
@@ -58,47 +81,83 @@ bool ModelWork::Advance(Operation& operation) {
   if (operation.count() > 0) return AdvanceModel(operation);
   ProgressStep done;
   done.state = kStateDone;
-  Report(operation, done);
+  Report(operation, done, true);
   Announce("COMPLETED");
-  return false;
+  return Next::kEnd;
 }
 
-bool ModelWork::AdvanceModel(Operation& operation) {
-  const std::int32_t percentage = kWhole * operation.part / operation.script->parts;
-  if (IsAt(operation.script->stop_at, operation.index, percentage)) return false;
-  if (IsAt(operation.script->fail_at, operation.index, percentage)) {
-    return Fail(operation, operation.script->fail_at->result);
-  }
+ModelWork::Next ModelWork::AdvanceModel(Operation& operation) {
+  const MethodScript& script = *operation.script;
+  const std::int32_t percentage = kWhole * operation.part / script.parts;
+  const auto turn = NextTurn(script.points, operation.turns, operation.index, percentage);
+  if (turn) return Take(operation, *turn);
   const std::int32_t result = DoPart(operation);
-  if (result != kWorkDone) return Fail(operation, result);
-  const bool model_done = operation.part == operation.script->parts;
+  if (result != kWorkDone) return Fail(operation, percentage, result);
+  const bool model_done = operation.part == script.parts;
   const bool all_done = model_done && operation.index == operation.count();
-  ProgressStep progress;
-  progress.state = all_done ? kStateDone : kStateWorking;
-  progress.index = operation.index;
-  progress.count = operation.count();
-  progress.percentage = percentage;
-  Report(operation, progress);
+  const bool is_reported = std::exchange(operation.ahead, std::nullopt) == percentage && !all_done;
+  if (!is_reported) {
+    ProgressStep progress;
+    progress.state = all_done ? kStateDone : kStateWorking;
+    progress.index = operation.index;
+    progress.count = operation.count();
+    progress.percentage = percentage;
+    Report(operation, progress, all_done);
+  }
   if (all_done) {
     Announce("COMPLETED");
-    return false;
+    return Next::kEnd;
   }
   operation.index += model_done ? 1 : 0;
   operation.part = model_done ? 0 : operation.part + 1;
-  return true;
+  return Next::kPart;
 }
 
-bool ModelWork::Fail(Operation& operation, std::int32_t result) {
+ModelWork::Next ModelWork::Take(Operation& operation, Turn turn) {
+  const WorkPoint& point = operation.script->points.at(turn);
+  operation.turns.insert(turn);
+  if (turn == Turn::kFail) return Fail(operation, point.percentage, point.result);
+  ReportPoint(operation, turn);
+  switch (turn) {
+    case Turn::kSteps:
+      return Next::kSteps;
+    case Turn::kDrop:
+      deliveries_.Drop(operation.instance);
+      return AdvanceModel(operation);
+    case Turn::kCrash:
+      AwaitBusPeers(scenario_.agent.package.id);
+      raise(SIGKILL);
+      break;
+    case Turn::kFail:
+    case Turn::kStop:
+      break;
+  }
+  return Next::kEnd;
+}
+
+void ModelWork::ReportPoint(Operation& operation, Turn turn) {
+  const std::int32_t percentage = operation.script->points.at(turn).percentage;
+  if (std::exchange(operation.ahead, percentage) == percentage) return;
+  ProgressStep progress;
+  progress.state = kStateWorking;
+  progress.index = operation.index;
+  progress.count = operation.count();
+  progress.percentage = percentage;
+  Report(operation, progress, turn != Turn::kSteps);
+}
+
+ModelWork::Next ModelWork::Fail(Operation& operation, std::int32_t percentage,
+                                std::int32_t result) {
   operation.copy.reset();
   ProgressStep failed;
   failed.state = kStateFailed;
   failed.index = operation.index;
   failed.count = operation.count();
-  failed.percentage = kWhole * operation.part / operation.script->parts;
+  failed.percentage = percentage;
   failed.result = result;
-  Report(operation, failed);
+  Report(operation, failed, true);
   Announce("FAILED");
-  return false;
+  return Next::kEnd;
 }
 
 std::int32_t ModelWork::BeginModel(Operation& operation) {
@@ -128,26 +187,26 @@ std::int32_t ModelWork::DoPart(Operation& operation) {
   return result;
 }
 
-void ModelWork::Report(Operation& operation, const ProgressStep& progress) {
-  const bool final = progress.state != kStateWorking;
+void ModelWork::Report(Operation& operation, const ProgressStep& progress, bool last) {
+  const bool ends = progress.state != kStateWorking;
   switch (operation.script->report) {
     case Reported::kAll:
       break;
     case Reported::kEnds:
-      if (!final && progress.percentage != 0 && progress.percentage != kWhole) return;
+      if (!last && progress.percentage != 0 && progress.percentage != kWhole) return;
       break;
     case Reported::kLast:
-      if (!final) return;
+      if (!ends) return;
       break;
     case Reported::kNoLast:
-      if (final) return;
+      if (ends) return;
       break;
     case Reported::kSwapped:
-      if (!final && !operation.held) {
+      if (!last && !operation.held) {
         operation.held = progress;
         return;
       }
-      if (final && operation.held) Send(operation, *std::exchange(operation.held, std::nullopt));
+      if (last && operation.held) Send(operation, *std::exchange(operation.held, std::nullopt));
       break;
   }
   Send(operation, progress);

@@ -2,9 +2,11 @@
 #ifndef AGENT_SERVICE_MODEL_WORK_H_
 #define AGENT_SERVICE_MODEL_WORK_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "protocol/messages.h"
@@ -12,6 +14,7 @@
 #include "service/delivery.h"
 #include "service/event_source.h"
 #include "service/model_store.h"
+#include "service/update_runner.h"
 
 namespace sim {
 
@@ -24,23 +27,27 @@ constexpr std::int32_t kStateFailed = 3;  // the last message: the work has ende
 class ModelWork {
  public:
   /** All must outlive the work. */
-  ModelWork(const Scenario& scenario, ModelStore& store, DeliveryQueue& deliveries);
+  ModelWork(const Scenario& scenario, ModelStore& store, DeliveryQueue& deliveries,
+            UpdateRunner& steps);
   ModelWork(const ModelWork&) = delete;
   ModelWork& operator=(const ModelWork&) = delete;
 
-  /** Begins what a client has asked for. The work goes on when the client is gone. */
-  void Begin(const std::string& instance, const Request& request);
+  /** Begins what a client has asked for, by this call of the method. The work goes on when the client is gone. */
+  void Begin(const std::string& instance, const Request& request, std::size_t call);
 
  private:
   struct Operation {
     std::string instance;
     Request request;
+    std::size_t call = 0;
     const MethodScript* script = nullptr;
     std::int32_t index = 0;  // of the model, from 1; 0 before the first
     std::int32_t part = 0;
     std::optional<ModelCopy> copy;
     std::optional<ProgressStep> held;  // where messages change places
     bool reported = false;
+    std::set<Turn> turns;               // that the work has taken
+    std::optional<std::int32_t> ahead;  // percentage that a turn has reported before its part
     EventSource timer;
 
     std::int32_t count() const { return static_cast<std::int32_t>(request.models.models.size()); }
@@ -49,22 +56,31 @@ class ModelWork {
 
   using Position = std::list<Operation>::iterator;
 
+  /** What comes behind a part of the work. */
+  enum class Next {
+    kPart,   // another one
+    kSteps,  // steps of the agent, then another one
+    kEnd,
+  };
+
   void Schedule(Position operation, std::int32_t delay);
   void GoOn(Position operation);
-
-  /** Does the next part; false when the work is over. */
-  bool Advance(Operation& operation);
-  bool AdvanceModel(Operation& operation);
-  bool Fail(Operation& operation, std::int32_t result);
+  Next Advance(Operation& operation);
+  Next AdvanceModel(Operation& operation);
+  Next Take(Operation& operation, Turn turn);
+  Next Fail(Operation& operation, std::int32_t percentage, std::int32_t result);
   std::int32_t DoPart(Operation& operation);
   std::int32_t BeginModel(Operation& operation);
-  void Report(Operation& operation, const ProgressStep& progress);
+  void ReportPoint(Operation& operation, Turn turn);
+  /** `last`: nothing may come behind it. */
+  void Report(Operation& operation, const ProgressStep& progress, bool last);
   void Send(Operation& operation, const ProgressStep& progress);
   void Announce(const char* status) const;
 
   const Scenario& scenario_;
   ModelStore& store_;
   DeliveryQueue& deliveries_;
+  UpdateRunner& steps_;
   std::list<Operation> operations_;
 };
 

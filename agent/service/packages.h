@@ -2,6 +2,7 @@
 #ifndef AGENT_SERVICE_PACKAGES_H_
 #define AGENT_SERVICE_PACKAGES_H_
 
+#include <optional>
 #include <string>
 
 #include "scenario/scenario.h"
@@ -11,8 +12,11 @@ namespace sim {
 /** Installs a package into a folder, in place of another version; the platform's code. */
 int InstallPackage(const char* folder, const Package& package);
 
-/** The version of an installed package. Throws PlatformError. */
-std::string InstalledVersion(const std::string& id);
+/** Removes a package from a folder; the platform's code. */
+int RemovePackage(const char* folder, const std::string& id);
+
+/** A package that InstallPackage has installed there; nothing if there is none. */
+std::optional<Package> InstalledPackage(const char* folder, const std::string& id);
 
 }  // namespace sim
 

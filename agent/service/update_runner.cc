@@ -8,6 +8,9 @@
 
 #include <algorithm>
 #include <exception>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
 #include <utility>
 
 #include "common/platform_error.h"
@@ -28,12 +31,25 @@ std::string NextVersion(const std::string& version) {
   return version.substr(0, begin) + std::to_string(std::stoi(number) + 1);
 }
 
+const char* PackageFolder() { return getenv("VELMORA_PACKAGE_DIR"); }
+
 /** Tells whether steps are, or hold, the scenario's update. */
 bool IsUpdate(const JournalEntry& entry) {
+  if (!entry.method.empty()) return false;
   if (entry.document.empty()) return true;
   const Steps steps = ReadStepsDocument(entry.document, "steps");
   return std::any_of(steps.begin(), steps.end(),
                      [](const Step& step) { return step.action == Step::Action::kUpdate; });
+}
+
+Steps StepsOfMethod(const Scenario& scenario, const JournalEntry& entry) {
+  const auto found = std::find_if(Methods().begin(), Methods().end(),
+                                  [&](const auto& each) { return entry.method == each.name; });
+  if (found == Methods().end()) return {};
+  const MethodScript& script = scenario.Script(found->method, entry.call);
+  if (!entry.at_point) return script.steps;
+  const auto point = script.points.find(Turn::kSteps);
+  return point == script.points.end() ? Steps() : point->second.steps;
 }
 
 }  // namespace
@@ -49,6 +65,7 @@ void UpdateRunner::Close() {
 
 Steps UpdateRunner::StepsOf(const JournalEntry& entry) const {
   const Update& update = scenario_.update;
+  if (!entry.method.empty()) return StepsOfMethod(scenario_, entry);
   if (entry.document.empty()) return entry.recovery ? update.recovery : update.steps;
   Steps steps;
   for (Step& step : ReadStepsDocument(entry.document, "steps")) {
@@ -73,6 +90,7 @@ UpdateRunner::Position UpdateRunner::Add(JournalEntry entry, Done done) {
 void UpdateRunner::Resume() {
   const Journal journal = ReadJournal(journal_file_);
   ended_ = journal.ended;
+  changes_ = journal.changes;
   if (!journal.found && scenario_.bus) {
     // It follows nobody who could have said so: whoever listens already hears that an agent runs.
     Publish(scenario_.agent.package.id, LaunchStep().broadcast);
@@ -107,6 +125,14 @@ void UpdateRunner::StartUpdate(const std::vector<std::string>& agents, std::int3
   JournalEntry entry;
   entry.agents = agents;
   Schedule(Add(std::move(entry), nullptr), delay);
+}
+
+void UpdateRunner::RunSteps(Method method, std::size_t call, bool at_point, Done done) {
+  JournalEntry entry;
+  entry.method = InfoOf(method).name;
+  entry.call = call;
+  entry.at_point = at_point;
+  Schedule(Add(std::move(entry), std::move(done)), 0);
 }
 
 void UpdateRunner::Run(const std::string& id, const std::string& document, Done done) {
@@ -157,10 +183,32 @@ bool UpdateRunner::Take(Position sequence, const Step& step) {
       Publish(id, step.broadcast, sequence->entry.agents);
       return true;
     case Step::Action::kWait:
-      Schedule(sequence, step.wait);
+      Schedule(sequence, step.number);
       return false;
     case Step::Action::kInstall:
-      Install(step.version);
+      Install(step.package);
+      return true;
+    case Step::Action::kRemove:
+      Check(RemovePackage(PackageFolder(), step.package.id.empty() ? id : step.package.id),
+            "cannot remove the package");
+      return true;
+    case Step::Action::kPermit:
+      Permit(step.clients);
+      return true;
+    case Step::Action::kAdmit:
+      changes_.admission = step.admission;
+      return true;
+    case Step::Action::kLevel:
+      changes_.api_level = step.number;
+      return true;
+    case Step::Action::kDrop:
+    case Step::Action::kClose:
+      AwaitBusPeers(id);
+      port_(step);
+      return true;
+    case Step::Action::kKillBus:
+      AwaitBusPeers(id);
+      KillBus();
       return true;
     case Step::Action::kUpdate:
       return true;  // its steps stand in its place
@@ -179,11 +227,34 @@ bool UpdateRunner::Take(Position sequence, const Step& step) {
   return false;
 }
 
-void UpdateRunner::Install(const std::string& version) const {
-  Package package = scenario_.agent.package;
-  package.version = version.empty() ? NextVersion(InstalledVersion(package.id)) : version;
-  Check(InstallPackage(getenv("VELMORA_PACKAGE_DIR"), package),
-        "cannot install the agent's package");
+void UpdateRunner::Install(Package package) const {
+  const Package& own = scenario_.agent.package;
+  if (package.id.empty() || package.id == own.id) {
+    const auto installed = InstalledPackage(PackageFolder(), own.id);
+    const Package& former = installed ? *installed : own;
+    package.id = own.id;
+    if (package.version.empty()) {
+      package.version = installed ? NextVersion(former.version) : own.version;
+    }
+    if (!package.clients) package.clients = former.clients;
+    if (package.metadata.empty()) package.metadata = former.metadata;
+  }
+  if (package.version.empty()) package.version = kUsualVersion;
+  Check(InstallPackage(PackageFolder(), package), "cannot install the package");
+}
+
+void UpdateRunner::Permit(const Patterns& clients) const {
+  auto package = InstalledPackage(PackageFolder(), scenario_.agent.package.id);
+  if (!package) throw std::runtime_error("the agent's package is not installed");
+  package->clients = clients;
+  Check(InstallPackage(PackageFolder(), *package), "cannot change the agent's package");
+}
+
+/** A second time there is none to kill. */
+void UpdateRunner::KillBus() const {
+  const std::string file = std::filesystem::path(journal_file_).replace_filename("bus.pid");
+  pid_t bus = 0;
+  if (std::ifstream(file) >> bus && bus > 0 && unlink(file.c_str()) == 0) kill(bus, SIGKILL);
 }
 
 void UpdateRunner::Finish(Position sequence, const std::string& problem) {
@@ -199,6 +270,7 @@ void UpdateRunner::Note(bool replaced) const {
   Journal journal;
   journal.replaced = replaced;
   journal.ended = ended_;
+  journal.changes = changes_;
   for (const Sequence& sequence : sequences_) journal.entries.push_back(sequence.entry);
   try {
     WriteJournal(journal_file_, journal);

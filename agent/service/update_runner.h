@@ -7,8 +7,8 @@
 #include <functional>
 #include <list>
 #include <map>
-#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "scenario/scenario.h"
@@ -37,6 +37,15 @@ class UpdateRunner {
 
   /** Continues where the previous process stopped. Clients must be able to connect. */
   void Resume();
+
+  /** Who takes the steps that concern the port: `Step::Action` says which. Before any is taken. */
+  void SetPort(std::function<void(const Step&)> port) { port_ = std::move(port); }
+
+  /** Takes the steps of a call of a method: after its answer, or at a point of its work. */
+  void RunSteps(Method method, std::size_t call, bool at_point, Done done);
+
+  /** What steps have changed so far. */
+  const AgentChanges& changes() const { return changes_; }
 
   /** Begins the scenario's update after a while, unless it is under way. */
   void StartUpdate(const std::vector<std::string>& agents, std::int32_t delay);
@@ -69,13 +78,17 @@ class UpdateRunner {
 
   /** Takes a step; false if the sequence goes on later, or not in this process. */
   bool Take(Position sequence, const Step& step);
-  void Install(const std::string& version) const;
+  void Install(Package package) const;
+  void Permit(const Patterns& clients) const;
+  void KillBus() const;
   void Finish(Position sequence, const std::string& problem);
   void Note(bool replaced) const;
 
   const Scenario& scenario_;
   const std::string journal_file_;
   const std::function<void()> replace_;
+  std::function<void(const Step&)> port_;
+  AgentChanges changes_;
   bool stopped_ = false;
   std::list<Sequence> sequences_;
   // How steps from outside ended when nobody was there to be told: whoever waits for them has lost

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 
 #include "common/report.h"
 #include "scenario/json_tree.h"
@@ -59,6 +60,11 @@ Json SelfUpdate(const std::string& version) {
   return Json{{"selfUpdate", update}};
 }
 
+/** A choice of clients: what stands for no list, or the list. */
+Json Choice(const char* key, const std::string& clients, Json all) {
+  return Json{{key, clients.empty() ? std::move(all) : Json(Parts(clients, ','))}};
+}
+
 enum class Argument { kNone, kPossible, kNeeded };
 
 struct Word {
@@ -85,6 +91,22 @@ const Word kWords[] = {
     {"self-update", Argument::kPossible, "=VERSION: the agent updates itself", SelfUpdate},
     {"install", Argument::kNeeded, "=VERSION: the agent's package becomes that version",
      [](const std::string& version) { return Json{{"install", version}}; }},
+    {"remove", Argument::kPossible, "=PACKAGE: it, or the agent's own package, is removed",
+     [](const std::string& id) { return Json{{"remove", id.empty() ? Json(true) : Json(id)}}; }},
+    {"clients", Argument::kPossible, "=APPLICATION,...: only these, or none, have the permission",
+     [](const std::string& clients) { return Choice("clients", clients, Json::array()); }},
+    {"refuse", Argument::kPossible, "=APPLICATION,...: these, or all, are refused from now on",
+     [](const std::string& clients) { return Choice("refuse", clients, true); }},
+    {"admit", Argument::kNone, "nobody is refused any more",
+     [](const std::string&) { return Json{{"refuse", false}}; }},
+    {"drop", Argument::kPossible, "=APPLICATION,...: connections of these, or all, end",
+     [](const std::string& clients) { return Choice("drop", clients, true); }},
+    {"close", Argument::kNone, "the agent serves nobody until it is replaced",
+     [](const std::string&) { return Json{{"close", true}}; }},
+    {"kill-bus", Argument::kNone, "the session bus dies",
+     [](const std::string&) { return Json{{"killBus", true}}; }},
+    {"api-level", Argument::kNeeded, "=LEVEL: the agent's API level from now on",
+     [](const std::string& level) { return Json{{"apiLevel", Number(level)}}; }},
     {"restart", Argument::kNone, "the agent is replaced by a new process",
      [](const std::string&) { return Json{{"restart", true}}; }},
     {"kill", Argument::kNone, "the agent dies",

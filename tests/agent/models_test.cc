@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <deque>
@@ -226,17 +227,85 @@ TEST_F(AStore, RunsOutOfSpaceInTheMiddle) {
 TEST_F(AStore, FailsAtAChosenModelAndPercentage) {
   Begin(R"("parts": 10, "failAt": {"model": 2, "percentage": 33, "result": 6})");
   const auto messages = Follow(kUpdate, {{"a/b", ""}, {"new", ""}, {"c", ""}});
-  EXPECT_THAT(messages.back(), ElementsAre(6, 3, 2, 3, 40));
+  EXPECT_THAT(messages.back(), ElementsAre(6, 3, 2, 3, 33));
   EXPECT_THAT(messages[messages.size() - 2], ElementsAre(0, 1, 2, 3, 30));
   EXPECT_EQ(Usable(), (Request{{"a/b", "3"}, {"c", "7"}}));
 }
 
 TEST_F(AStore, NeverEndsWhereToldSo) {
-  Begin(R"("stopAt": {"percentage": 50})");
+  Begin(R"("stopAt": {"percentage": 40})");
   Ask(kUpdate, 1, {{"a/b", ""}});
   EXPECT_EQ(Next(), (Progress{0, 1, 1, 1, 0}));
+  EXPECT_EQ(Next(), (Progress{0, 1, 1, 1, 40}));
   EXPECT_EQ(Usable(), (Request{{"a/b", "2"}, {"c", "7"}})) << "the next message is the list";
   EXPECT_THAT(StoreFiles(), IsEmpty());
+}
+
+TEST_F(AStore, ReportsAPointAtTheEndOfAPartOnce) {
+  Begin(R"("calls": [{"stopAt": {"percentage": 50}}, {"stopAt": {"percentage": 100}}])");
+  Ask(kUpdate, 1, {{"a/b", ""}});
+  for (const int percentage : {0, 50}) EXPECT_EQ(Next(), (Progress{0, 1, 1, 1, percentage}));
+  Ask(kUpdate, 2, {{"a/b", ""}});
+  for (const int percentage : {0, 50, 100}) EXPECT_EQ(Next(), (Progress{0, 1, 1, 1, percentage}));
+  EXPECT_EQ(Usable(), (Request{{"a/b", "2"}, {"c", "7"}})) << "the next message is the list";
+}
+
+TEST_F(AStore, DiesWhereToldSo) {
+  Begin(R"("crashAt": {"percentage": 40})");
+  Ask(kUpdate, 1, {{"a/b", ""}});
+  EXPECT_EQ(Next()[4], 0);
+  EXPECT_EQ(Next(), (Progress{0, 1, 1, 1, 40}));
+  EXPECT_TRUE(RawClient::Await([&] { return client_->disconnected() == 1; }));
+  const int status = world_->AwaitEnd();
+  EXPECT_TRUE(WIFSIGNALED(status));
+}
+
+TEST_F(AStore, LosesItsClientWhereToldSoAndWorksOn) {
+  Begin(R"("parts": 4, "dropAt": {"model": 1, "percentage": 50})");
+  Ask(kUpdate, 1, {{"new", ""}});
+  for (const int percentage : {0, 25, 50}) EXPECT_EQ(Next()[4], percentage);
+  EXPECT_TRUE(RawClient::Await([&] { return client_->disconnected() == 1; }));
+  client_.emplace();
+  client_->Connect();
+  while (Usable().size() != 3) {
+  }
+}
+
+TEST_F(AStore, TakesStepsWhereToldSoAndGoesOnAfterThem) {
+  Begin(R"("parts": 1, "stepsAt": {"percentage": 30, "steps": [{"apiLevel": 30}]},
+           "failAt": {"percentage": 60})");
+  Ask(kUpdate, 1, {{"new", ""}});
+  EXPECT_EQ(Next()[4], 0);
+  EXPECT_EQ(Next(), (Progress{0, 1, 1, 1, 30}));
+  EXPECT_EQ(Next(), (Progress{1, 3, 1, 1, 60}));
+  Parcel question;
+  client_->Send(question.Int(2));
+  Parcel reply = client_->Reply();
+  reply.Int();
+  EXPECT_EQ(reply.Int(), 30);
+}
+
+TEST_F(AStore, ReportsAPointAsTheLastOfWhatItReports) {
+  Begin(R"("parts": 3, "stopAt": {"percentage": 40},
+           "calls": [{"report": "ends"}, {"report": "swapped"}, {"report": "no-last"}])");
+  for (const auto& expected :
+       {std::vector<int>{0, 40}, std::vector<int>{33, 0, 40}, std::vector<int>{0, 33, 40}}) {
+    Ask(kUpdate, 1, {{"a/b", ""}});
+    for (const int percentage : expected) EXPECT_EQ(Next()[4], percentage);
+  }
+  EXPECT_EQ(Usable(), (Request{{"a/b", "2"}, {"c", "7"}})) << "the next message is the list";
+}
+
+TEST_F(AStore, WorksDifferentlyFromCallToCall) {
+  Begin(R"("parts": 1, "calls": [{"failAt": {"percentage": 70}}, {"result": 7},
+                                  {"progress": [{"state": 9}]}, {}])");
+  EXPECT_EQ(Follow(kUpdate, {{"a/b", ""}}).back(), (Progress{1, 3, 1, 1, 70}));
+  EXPECT_EQ(Follow(kUpdate, {{"a/b", ""}}).back(), (Progress{7, 3, 0, 1, 0}));
+  EXPECT_EQ(Follow(kUpdate, {{"a/b", ""}}).back(), (Progress{0, 9, 0, 0, 0}));
+  for (int further = 0; further < 3; ++further) {
+    EXPECT_EQ(Follow(kUpdate, {{"a/b", ""}}).back(), (Progress{0, 2, 1, 1, 100}));
+  }
+  EXPECT_EQ(Follow(kUninstall, {{"a/b", ""}}).back()[4], 70) << "each method has its own calls";
 }
 
 struct Reporting {

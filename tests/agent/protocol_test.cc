@@ -545,6 +545,71 @@ TEST_F(AnAgent, TurnsClientsAwayWhenTold) {
   EXPECT_FALSE(client.connected());
 }
 
+struct Door {
+  const char* name;
+  const char* agent;
+  bool admitted;
+};
+
+void PrintTo(const Door& door, std::ostream* out) { *out << door.name; }
+
+class AnAgentThatChooses : public AnAgent, public testing::WithParamInterface<Door> {};
+
+TEST_P(AnAgentThatChooses, TurnsAwayTheClientsThatAreNamed) {
+  world_.emplace(std::string("{\"agent\": {") + GetParam().agent + "}}");
+  RawClient client;
+  ASSERT_EQ(client.StartConnecting(), 0);
+  EXPECT_TRUE(RawClient::Await([&] { return client.rejected() == 1 || client.connected(); }));
+  EXPECT_EQ(client.connected(), GetParam().admitted);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Each, AnAgentThatChooses,
+    testing::Values(Door{"ByAPattern", R"("refuse": ["com.other", "com.ex*"])", false},
+                    Door{"AnotherOne", R"("refuse": ["com.other"])", true},
+                    Door{"AllButThis", R"("refuse": true, "admit": ["com.example.client"])", true},
+                    Door{"AllButAnotherOne", R"("refuse": ["com.*"], "admit": ["com.other"])",
+                         false},
+                    Door{"Nobody", R"("refuse": [])", true}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(AnAgent, AnswersDifferentlyFromCallToCall) {
+  Begin(WithMethod("get_agent_api_level",
+                   R"("result": [1, 2, 3, 4], "delay": 600000,
+                      "calls": [{}, {"result": 9}, {"stray": 2}, {"fault": "drop"}])"));
+  EXPECT_EQ(Level(), 1);
+  EXPECT_EQ(Level(), 9);
+  client_->Send(Call(2));
+  EXPECT_EQ(client_->Reply().Int(), 1) << "a stray one";
+  EXPECT_EQ(client_->Reply().Int(), 7) << "another one";
+  Parcel reply = client_->Reply();
+  EXPECT_EQ(reply.Int(), 0);
+  EXPECT_EQ(reply.Int(), 3);
+  client_->Send(Call(2));
+  EXPECT_TRUE(RawClient::Await([&] { return client_->disconnected() == 1; }));
+}
+
+TEST_F(AnAgent, SendsAnAnswerInDripsAndTheOthersBehindIt) {
+  Begin(WithModels(R"("methods": {"GetUsableModelList": {
+      "drip": {"bytes": 3, "pause": 1}, "calls": [{}, {"fault": "truncated"}]}})"));
+  client_->Send(AskModels(5, 1));
+  client_->Send(AskVersions(2, "b"));
+  Parcel expected = AnswerHead(1, 1, 0);
+  expected.Count(1).Text("a").Text("2").Text("A").Text("").Int(1);
+  ExpectAnswer(expected);
+  ExpectEmptyList(3, 2, 0);
+  client_->Send(AskModels(5, 3));
+  EXPECT_TRUE(RawClient::Await([&] { return client_->disconnected() == 1; }));
+}
+
+TEST_F(AnAgent, TakesStepsOnceItHasAnswered) {
+  Begin(WithMethod("get_license", R"("delay": 5, "steps": [{"drop": ["com.example.*"]}])"));
+  client_->Send(Call(3));
+  Parcel reply = client_->Reply();
+  EXPECT_EQ(reply.Int(), 0);
+  EXPECT_TRUE(RawClient::Await([&] { return client_->disconnected() == 1; }));
+}
+
 TEST_F(AnAgent, IsNotToBeReachedByClientsThatItDoesNotAdmit) {
   world_.emplace(R"({"agent": {"clients": ["com.velmora.*"]}})");
   RawClient client;

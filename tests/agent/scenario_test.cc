@@ -140,7 +140,7 @@ TEST(AnEmptyScenario, HasAnAgentThatWorks) {
   EXPECT_FALSE(scenario.agent.licence.empty());
   EXPECT_TRUE(scenario.agent.installed);
   EXPECT_TRUE(scenario.agent.running);
-  EXPECT_FALSE(scenario.agent.refuse);
+  EXPECT_THAT(scenario.agent.admission.refused, IsEmpty());
   EXPECT_FALSE(scenario.agent.kyr_disabled);
   EXPECT_EQ(scenario.agent.package.clients, std::nullopt);
   EXPECT_EQ(scenario.client.id, "com.example.client");
@@ -162,7 +162,7 @@ TEST(AScenario, SaysEverythingAboutTheAgent) {
   EXPECT_EQ(scenario.agent.licence, "free");
   EXPECT_FALSE(scenario.agent.installed);
   EXPECT_FALSE(scenario.agent.running);
-  EXPECT_TRUE(scenario.agent.refuse);
+  EXPECT_THAT(scenario.agent.admission.refused, ElementsAre("*"));
   EXPECT_TRUE(scenario.agent.kyr_disabled);
   EXPECT_THAT(scenario.agent.package.clients, Optional(ElementsAre("com.*", "?")));
   EXPECT_THAT(scenario.agent.package.metadata, ElementsAre(testing::Pair("a-key", "a value")));
@@ -179,6 +179,17 @@ TEST(AScenario, MayHaveComments) {
 TEST(AScenario, MayNameItsSchemaAndAdviseTheApplication) {
   const Scenario scenario = Read(R"({"$schema": "../x.json", "advice": "Ask again later."})");
   EXPECT_EQ(scenario.advice, "Ask again later.");
+}
+
+TEST(AScenario, FillsLongTexts) {
+  const Scenario scenario = Read(R"({"agent": {"licence": {"fill": "aé", "bytes": 7}}, "models": [
+      {"id": {"fill": "ab", "bytes": 5}, "title": {"fill": "x", "bytes": 2049},
+       "description": {"fill": "x", "bytes": 0}, "versions": [{"fill": "1", "bytes": 2048}, "1"]}]})");
+  EXPECT_EQ(scenario.agent.licence, "aéaéa");
+  EXPECT_EQ(scenario.models[0].id, "ababa");
+  EXPECT_EQ(scenario.models[0].title, std::string(2049, 'x'));
+  EXPECT_EQ(scenario.models[0].description, "");
+  EXPECT_THAT(scenario.models[0].versions, ElementsAre(std::string(2048, '1'), "1"));
 }
 
 TEST(AScenario, TakesALicenceAsLines) {
@@ -377,7 +388,7 @@ const Refusal kRefusals[] = {
      "methods"},
     {"UnknownAgentKey", "{\"agent\": {\"name\": 1}}",
      "file.json:1:12: /agent/name: unknown key \"name\"; allowed here: id, version, clients, "
-     "metadata, apiLevel, licence, licenceFile, installed, running, refuse, kyr, restart"},
+     "metadata, apiLevel, licence, licenceFile, installed, running, refuse, admit, kyr, restart"},
     {"UnknownMethod", "{\"methods\": {\"getLicense\": {}}}",
      "file.json:1:14: /methods/getLicense: unknown key \"getLicense\"; allowed here: "
      "get_agent_api_level, get_license, request_update, GetUsableModelList, "
@@ -385,10 +396,10 @@ const Refusal kRefusals[] = {
      "request_update_with_list"},
     {"KeyOfAnotherMethod", "{\"methods\": {\"request_update\": {\"repeat\": 2}}}",
      "file.json:1:33: /methods/request_update/repeat: unknown key \"repeat\"; allowed here: "
-     "result, delay, fault, cutAt, stray"},
+     "result, delay, fault, cutAt, stray, drip, steps, calls"},
     {"ResultOfALicence", "{\"methods\": {\"get_license\": {\"result\": 2}}}",
      "file.json:1:30: /methods/get_license/result: unknown key \"result\"; allowed here: delay, "
-     "fault, cutAt, stray"},
+     "fault, cutAt, stray, drip, steps, calls"},
     {"OddKey", "{\"a/b~c\\u001b\": 1}",
      "file.json:1:2: /a~1b~0c\\x1B: unknown key \"a/b~c\\x1B\"; allowed here: ..."},
     {"ModelWithoutId", "{\"models\": [{\"versions\": [\"1\"]}]}",
@@ -428,7 +439,56 @@ const Refusal kRefusals[] = {
      "{\"methods\": {\"RequestToUpdate\": {\"progress\": [{\"percent\": 1}]}}}",
      "file.json:1:48: /methods/RequestToUpdate/progress/0/percent: unknown key \"percent\"; "
      "allowed here: state, index, count, percentage, result, delay"},
+    {"NoCalls", R"({"methods": {"get_license": {"calls": []}}})",
+     "file.json:1:39: /methods/get_license/calls: must name 1 to 100 calls"},
+    {"CallOfCalls", R"({"methods": {"get_license": {"calls": [{"calls": [{}]}]}}})",
+     "file.json:1:41: /methods/get_license/calls/0/calls: unknown key \"calls\"; allowed here: "
+     "delay, fault, cutAt, stray, drip, steps"},
+    {"CallWithResults", R"({"methods": {"request_update": {"calls": [{"result": [1]}]}}})",
+     "file.json:1:54: /methods/request_update/calls/0/result: must be a whole number, not a list"},
+    {"CutOfACallWithoutFault", R"({"methods": {"get_license": {"calls": [{"cutAt": 1}]}}})",
+     "file.json:1:40: /methods/get_license/calls/0: \"cutAt\" needs the fault \"cut\" or "
+     "\"truncated\""},
+    {"DripOfNothing", R"({"methods": {"get_license": {"drip": {"bytes": 0}}}})",
+     "file.json:1:48: /methods/get_license/drip/bytes: must be from 1 to 2147483647"},
+    {"PointWithoutSteps", R"({"methods": {"RequestToUpdate": {"stepsAt": {}}}})",
+     "file.json:1:45: /methods/RequestToUpdate/stepsAt: the key \"steps\" is missing"},
+    {"PointBeyondTheEnd", R"({"methods": {"RequestToUpdate": {"crashAt": {"percentage": 101}}}})",
+     "file.json:1:60: /methods/RequestToUpdate/crashAt/percentage: must be from 0 to 100"},
+    {"ResultOfAPointThatFailsNothing",
+     R"({"methods": {"RequestToUpdate": {"dropAt": {"result": 1}}}})",
+     "file.json:1:45: /methods/RequestToUpdate/dropAt/result: unknown key \"result\"; allowed "
+     "here: "
+     "model, percentage"},
+    {"RefusesAWord", R"({"agent": {"refuse": "all"}})",
+     "file.json:1:22: /agent/refuse: must be true or false or a list of texts, not a text"},
+    {"RefusesAnOddPattern", R"({"agent": {"refuse": ["a;b"]}})",
+     "file.json:1:23: /agent/refuse/0: \"a;b\" must be 1 to 200 of letters, digits, '.', '_', '-', "
+     "'*', '?'"},
+    {"AdmitsWithoutRefusing", R"({"update": {"steps": [{"drop": true, "admit": ["a"]}]}})",
+     "file.json:1:47: /update/steps/0/admit: needs \"refuse\" beside it"},
+    {"InstallsABrokenVersion", R"({"update": {"steps": [{"install": "2 3"}]}})",
+     "file.json:1:35: /update/steps/0/install: \"2 3\" must be 1 to 200 of letters, digits, '.', "
+     "'+', '~', '_', '-'"},
+    {"InstallsANumber", R"({"update": {"steps": [{"install": 2}]}})",
+     "file.json:1:35: /update/steps/0/install: must be a text, not a whole number"},
+    {"InstallsAnUnknownKey", R"({"update": {"steps": [{"install": {"name": 2}}]}})",
+     "file.json:1:36: /update/steps/0/install/name: unknown key \"name\"; allowed here: id, "
+     "version, "
+     "clients, metadata"},
+    {"RemovesAPath", R"({"update": {"steps": [{"remove": "../x"}]}})",
+     "file.json:1:34: /update/steps/0/remove: \"../x\" must be 1 to 200 of letters, digits, '.', "
+     "'_', '-'"},
     // Texts.
+    {"FillOfNothing", R"({"models": [{"id": "m", "versions": ["1"], "title": {"bytes": 3}}]})",
+     "file.json:1:53: /models/0/title: the key \"fill\" is missing"},
+    {"FillTooLong", R"({"models": [{"id": "m", "versions": [{"fill": "x", "bytes": 65537}]}]})",
+     "file.json:1:61: /models/0/versions/0/bytes: must be from 0 to 65536"},
+    {"FillLongerThanAName",
+     R"({"models": [{"id": {"fill": "x", "bytes": 2049}, "versions": ["1"]}]})",
+     "file.json:1:20: /models/0/id: must not be longer than 2048 bytes: no client can name it"},
+    {"FillThatEndsInACharacter", R"({"agent": {"licence": {"fill": "aé", "bytes": 5}}})",
+     "file.json:1:23: /agent/licence: would end inside a character"},
     {"EmptyId", "{\"agent\": {\"id\": \"\"}}",
      "file.json:1:18: /agent/id: \"\" must be 1 to 200 of letters, digits, '.', '_', '-'"},
     {"IdWithSlash", "{\"packages\": [{\"id\": \"../x\"}]}",
@@ -497,10 +557,11 @@ TEST(ALicenceFile, IsRefusedWhenItHoldsANul) {
 }
 
 TEST(AScenariosPlaces, AreRightAfterEveryKindOfValue) {
-  EXPECT_EQ(Complaint("{\"agent\": {\"apiLevel\" : 12 ,\n\"running\":true\t,\n\n"
-                      "  \"licence\":\"\\u00e4\\\\\" , \"clients\":[ \"a\" ,\"b\"] , \"x\" : {}}}"),
-            "file.json:4:50: /agent/x: unknown key \"x\"; allowed here: id, version, clients, "
-            "metadata, apiLevel, licence, licenceFile, installed, running, refuse, kyr, restart");
+  EXPECT_EQ(
+      Complaint("{\"agent\": {\"apiLevel\" : 12 ,\n\"running\":true\t,\n\n"
+                "  \"licence\":\"\\u00e4\\\\\" , \"clients\":[ \"a\" ,\"b\"] , \"x\" : {}}}"),
+      "file.json:4:50: /agent/x: unknown key \"x\"; allowed here: id, version, clients, "
+      "metadata, apiLevel, licence, licenceFile, installed, running, refuse, admit, kyr, restart");
 }
 
 /** The words that a complaint lists after a text. */
@@ -539,6 +600,9 @@ TEST(TheGuideToScenarios, NamesEveryKeyAndWord) {
   add(allowed, R"({"methods": {"RequestToUpdate": {"?": 1}}})");
   add(allowed, R"({"methods": {"RequestToUpdate": {"progress": [{"?": 1}]}}})");
   add(allowed, R"({"methods": {"RequestToUpdate": {"failAt": {"?": 1}}}})");
+  add(allowed, R"({"methods": {"RequestToUpdate": {"stepsAt": {"steps": [], "?": 1}}}})");
+  add(allowed, R"({"methods": {"get_license": {"drip": {"?": 1}}}})");
+  add(allowed, R"({"models": [{"id": {"fill": "a", "bytes": 1, "?": 1}, "versions": ["1"]}]})");
   add(allowed, R"({"update": {"?": 1}})");
   add(allowed, R"({"update": {"steps": [{"restart": true, "?": 1}]}})");
   add("is not one of: ", R"({"methods": {"RequestToUpdate": {"report": "?"}}})");

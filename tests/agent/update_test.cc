@@ -26,6 +26,7 @@ class AnUpdate : public testing::Test {
   void SetUp() override {
     setenv("TMPDIR", worlds_.path().c_str(), 1);
     setenv("SIM", SVCMGR_SIM, 1);
+    setenv("CTL", SVCMGRCTL, 1);
   }
   void TearDown() override {
     EXPECT_TRUE(std::filesystem::is_empty(worlds_.path())) << "a world was left behind";
@@ -205,6 +206,92 @@ TEST_F(AnUpdate, SurvivesABusThatIsKilled) {
   EXPECT_THAT(Lines(run.errors), ElementsAre(testing::HasSubstr("The session bus is gone")));
 }
 
+/** Commands of a test in a world: `level` and `models` connect anew and print what comes of it. */
+constexpr char kTools[] = R"(
+  send() { "$SIM" send "$@" || echo "not sent: $*"; }
+  level() { "$CTL" api-level 2>/dev/null; echo "status $?"; }
+  as() { VELMORA_APP_ID=$1; export VELMORA_APP_ID; shift; "$@"; VELMORA_APP_ID=com.example.client; }
+)";
+
+TEST_F(AnUpdate, CanWithdrawPermissionsAndGiveThemBack) {
+  const Finished run = Run("{}", 0, kTools + std::string(R"(
+      level; send '{"clients": ["com.other", "x?"]}'; level; as com.other level
+      send install=9 restart; level; send '{"clients": ["*"]}'; level)"));
+  EXPECT_EQ(run.errors, "");
+  EXPECT_THAT(Lines(run.output), ElementsAre("11", "status 0", "status 3", "11", "status 0",
+                                             "status 3", "11", "status 0", "status 0"))
+      << "a new version and a new process change nothing";
+}
+
+TEST_F(AnUpdate, CanRefuseClientsAndAdmitThemAgain) {
+  const Finished run = Run("{}", 0, kTools + std::string(R"(
+      send refuse; level; send restart; level; send '{"refuse": true, "admit": ["com.other"]}'
+      level; as com.other level; send admit; level)"));
+  EXPECT_EQ(run.errors, "");
+  EXPECT_THAT(Lines(run.output), ElementsAre("status 3", "status 3", "status 3", "11", "status 0",
+                                             "11", "status 0", "status 0"));
+}
+
+TEST_F(AnUpdate, CanRemoveAndInstallPackages) {
+  const Finished run = Run(R"({"agent": {"clients": ["com.*"]},
+                               "packages": [{"id": "com.velmora.a"}]})",
+                           0, kTools + std::string(R"(
+      send remove=com.velmora.a; ls packages; send remove; level; send '{"install": {}}'
+      grep -h = packages/*; level; send remove
+      send '{"install": {"version": "9.1", "clients": ["com.other"]}}'; grep -h = packages/*; level
+      send '{"install": {"id": "com.velmora.b", "metadata": {"a": "b"}}}'
+      cat packages/com.velmora.b.package | tr '\n' ' ')"));
+  EXPECT_EQ(run.errors, "");
+  EXPECT_THAT(
+      Lines(run.output),
+      ElementsAre(AGENT_PACKAGE_ID ".package", "status 5", "Version=2.3.182", "Clients=com.*;",
+                  "11", "status 0", "Version=9.1", "Clients=com.other;", "status 3",
+                  "[Package] Version=1.0.0  [Application com.velmora.b] a=b status 0"));
+}
+
+TEST_F(AnUpdate, CanChangeTheApiLevelForGood) {
+  const Finished run = Run("{}", 0, kTools + std::string(R"(
+      send api-level=12; level; send restart; level; send api-level=-3 restart; level)"));
+  EXPECT_EQ(run.errors, "");
+  EXPECT_THAT(Lines(run.output),
+              ElementsAre("12", "status 0", "12", "status 0", "-3", "status 0", "status 0"));
+}
+
+TEST_F(AnUpdate, CanCloseThePortWithTheAgentStillOnTheBus) {
+  const Finished run = Run("{}", 1, kTools + std::string(R"(
+      send close; level; send close agent-launch; send restart; level)"));
+  EXPECT_EQ(run.errors, "");
+  EXPECT_THAT(Lines(run.output), testing::UnorderedElementsAre("status 6", "agent_status Launch",
+                                                               "11", "status 0", "status 0"));
+}
+
+TEST_F(AnUpdate, CanEndTheBus) {
+  const Finished run = Run("{}", 0, kTools + std::string(R"(
+      pid=$(cat bus.pid); send kill-bus; while kill -0 $pid 2>/dev/null; do :; done
+      send kill-bus agent-launch; level)"));
+  EXPECT_THAT(Lines(run.output), ElementsAre("11", "status 0", "status 0"));
+}
+
+TEST_F(AnUpdate, FollowsAMethodThroughTheAgentsRestart) {
+  const Finished run = Run(R"({"methods": {"get_agent_api_level": {
+      "calls": [{"steps": [{"restart": true}, {"modelStatus": "START"}]}, {}]}}})",
+                           1, kTools + std::string("level"));
+  EXPECT_EQ(run.errors, "");
+  EXPECT_THAT(Lines(run.output),
+              testing::UnorderedElementsAre("11", "model_status START", "status 0", "status 0"));
+}
+
+TEST_F(AnUpdate, LeavesACountOfCallsToTheNextProcess) {
+  const Finished run = Run(R"({"agent": {"restart": "always"}, "methods": {
+      "get_agent_api_level": {"result": [1, 2, 3, 4], "calls": [{}, {"fault": "crash"}, {}]}}})",
+                           1, kTools + std::string(R"(
+      level; level; send wait=0; level; send restart; level)"));
+  EXPECT_EQ(run.errors, "");
+  EXPECT_THAT(Lines(run.output),
+              testing::UnorderedElementsAre("1", "status 0", "status 6", "agent_status Launch", "3",
+                                            "status 0", "4", "status 0", "status 0"));
+}
+
 TEST_F(AnUpdate, CannotBePromptedWhereNoAgentRuns) {
   const Finished run = RunSim({"run", "agent-not-running", "--", SVCMGR_SIM, "send", "update"});
   EXPECT_EQ(run.status, 1);
@@ -234,6 +321,12 @@ TEST(Words, StandForSteps) {
       {{"self-update"}, R"([{"selfUpdate":{}}])"},
       {{"self-update=2.4.0"}, R"([{"selfUpdate":{"version":"2.4.0"}}])"},
       {{"install=3", "restart", "kill"}, R"([{"install":"3"},{"restart":true},{"kill":true}])"},
+      {{"refuse", "admit"}, R"([{"refuse":true},{"refuse":false}])"},
+      {{"refuse=a,b*", "drop=a", "drop"},
+       R"([{"refuse":["a","b*"]},{"drop":["a"]},{"drop":true}])"},
+      {{"remove", "remove=a.b"}, R"([{"remove":true},{"remove":"a.b"}])"},
+      {{"clients", "clients=a,b"}, R"([{"clients":[]},{"clients":["a","b"]}])"},
+      {{"close", "kill-bus", "api-level=3"}, R"([{"close":true},{"killBus":true},{"apiLevel":3}])"},
       {{"model-start", "model-failed"}, R"([{"modelStatus":"START"},{"modelStatus":"FAILED"}])"},
       {{R"({"wait": 1})", R"( [{"kill": true}] )", "update"},
        R"([{"wait": 1},{"kill": true},{"update":true}])"},
