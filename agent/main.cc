@@ -19,7 +19,10 @@
 #include "scenario/scenario_files.h"
 #include "scenario/scenario_reader.h"
 #include "service/agent_service.h"
+#include "trace/condition.h"
+#include "trace/trace.h"
 #include "world/child.h"
+#include "world/expect.h"
 #include "world/run.h"
 #include "world/send.h"
 
@@ -27,6 +30,7 @@ namespace {
 
 constexpr int kUsageError = 2;
 constexpr double kLargestTimeScale = 1000;
+constexpr double kLongestTimeout = 86400;
 constexpr char kMoreHelp[] =
     "A SCENARIO is the name of one that ships (see \"svcmgr-sim list\") or a JSON file, whose "
     "name\n"
@@ -48,6 +52,9 @@ struct Options {
   bool prompted = false;
   sim::AgentOptions agent;
   std::vector<std::string> steps;
+  std::vector<std::string> conditions;
+  double timeout = 10;
+  std::vector<std::string> trace_formats;  // of the descriptors that an agent is given
   sim::RunOptions run;
 };
 
@@ -88,6 +95,14 @@ std::string CheckTimeScale(const std::string& text) {
   return "\"" + text + "\" is no number from 0 to 1000";
 }
 
+std::string CheckTimeout(const std::string& text) {
+  double seconds = 0;
+  if (CLI::detail::lexical_cast(text, seconds) && seconds >= 0 && seconds <= kLongestTimeout) {
+    return {};
+  }
+  return "\"" + text + "\" is no number of seconds from 0 to 86400";
+}
+
 sim::Scenario Read(const sim::ScenarioSource& source) {
   return sim::ReadScenario(source.document, source.name, source.folder);
 }
@@ -109,6 +124,12 @@ int RunAgent(const Options& options) {
   sim::AgentOptions agent = options.agent;
   agent.ready_fd = sim::kFirstPassedFd;
   agent.control_fd = options.prompted ? sim::kFirstPassedFd + 1 : -1;
+  std::vector<sim::TraceSink> traces;
+  for (const std::string& format : options.trace_formats) {
+    const int passed = static_cast<int>(traces.size()) + (options.prompted ? 2 : 1);
+    traces.push_back({sim::kFirstPassedFd + passed, sim::TraceFormatOf(format)});
+  }
+  sim::OpenTrace(std::move(traces));
   return sim::RunAgent(scenario, agent);
 }
 
@@ -146,6 +167,11 @@ void AddRun(CLI::App& app, Options& options) {
   run->add_option("SCENARIO", options.scenario, "What the agent does")->required();
   run->add_flag("--keep", options.run.keep, "Keep the world's folder and print its name");
   run->add_flag("--verbose", options.run.verbose, "Show what the agent does on standard error");
+  run->add_option("--trace", options.run.traces,
+                  "Write what happens to a file, as JSON Lines, or with \"-\" in words to standard "
+                  "error")
+      ->type_name("FILE")
+      ->allow_extra_args(false);
   run->add_option("--time-scale", options.run.time_scale,
                   "Multiply the scenario's delays; 0 removes them")
       ->check(CheckTimeScale);
@@ -161,9 +187,26 @@ void AddSend(CLI::App& app, Options& options) {
   send->add_option("STEP", options.steps, "What the agent does")->required();
 }
 
-int Send(const std::vector<std::string>& words) {
+void AddExpect(CLI::App& app, Options& options) {
+  CLI::App* expect =
+      app.add_subcommand("expect", "From inside a world: wait until its trace shows something");
+  expect->footer(
+      "A CONDITION is a JSON object that a record of the trace has to have, or one of:\n" +
+      sim::HelpForConditions() +
+      "With \"no \" before it, there must be no such record; with \" N times\" behind it, N of "
+      "them.\n"
+      "Each condition is one argument; each counts what comes after the one before it came true.");
+  expect->add_option("CONDITION", options.conditions, "What the trace has to show")->required();
+  expect->add_option("--timeout", options.timeout, "Give up after so many seconds")
+      ->capture_default_str()
+      ->check(CheckTimeout);
+}
+
+/** What is done inside a world: a failure is a wrong usage. */
+template <typename Deed>
+int InsideAWorld(const Deed& deed) {
   try {
-    return sim::Send(words);
+    return deed();
   } catch (const std::exception& error) {
     sim::Report(error.what());
     return kUsageError;
@@ -174,7 +217,12 @@ int Execute(CLI::App& app, const Options& options) {
   try {
     if (app.got_subcommand("run")) return Run(options);
     if (app.got_subcommand("agent")) return RunAgent(options);
-    if (app.got_subcommand("send")) return Send(options.steps);
+    if (app.got_subcommand("send")) {
+      return InsideAWorld([&] { return sim::Send(options.steps); });
+    }
+    if (app.got_subcommand("expect")) {
+      return InsideAWorld([&] { return sim::Expect(options.conditions, options.timeout); });
+    }
     return app.got_subcommand("check") ? CheckAll(options.scenarios) : List();
   } catch (const sim::ScenarioError& error) {
     sim::ReportLines(error.what());
@@ -201,11 +249,14 @@ int main(int argc, char** argv) {
       ->required();
   app.add_subcommand("list", "List the scenarios that ship with the program");
   AddSend(app, options);
+  AddExpect(app, options);
   CLI::App* agent = app.add_subcommand("agent", "Be the agent of a world")->group("");
   agent->add_option("SCENARIO", options.scenario)->required();
   agent->add_option("--folder", options.folder);
   agent->add_option("--journal", options.agent.journal);
   agent->add_flag("--control", options.prompted);
+  agent->add_option("--trace", options.trace_formats)->allow_extra_args(false);
+  agent->add_option("--last-client", options.agent.last_client);
   agent->add_option("--time-scale", options.run.time_scale);
   try {
     app.parse(argc, argv);

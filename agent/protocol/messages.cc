@@ -1,16 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "protocol/messages.h"
 
+#include <algorithm>
+
 namespace sim {
 namespace {
-
-Delegate ReadDelegate(Parcel& parcel) {
-  Delegate delegate;
-  delegate.id = parcel.Int();
-  delegate.seq = parcel.Int();
-  delegate.once = parcel.Flag();
-  return delegate;
-}
 
 ModelInfo ReadModelInfo(Parcel& parcel) {
   ModelInfo model;
@@ -26,23 +20,6 @@ void WriteModel(Parcel& parcel, const ModelView& model) {
   parcel.Text(model.version);
   parcel.Text(model.title);
   parcel.Text(model.description);
-}
-
-// Nothing is reserved by a count that comes from outside: a lie ends where the parcel ends.
-ModelList ReadModelList(Parcel& parcel) {
-  ModelList list;
-  for (std::int32_t left = parcel.Count(); left > 0; --left) {
-    list.models.push_back(ReadModelInfo(parcel));
-  }
-  list.count = parcel.Int();
-  return list;
-}
-
-std::vector<std::string> ReadAgents(Parcel& parcel) {
-  std::vector<std::string> agents;
-  for (std::int32_t left = parcel.Count(); left > 0; --left) agents.push_back(parcel.Text());
-  parcel.Int();  // the count beside the list says nothing more
-  return agents;
 }
 
 void ReadCaller(Parcel& parcel, Request* request) {
@@ -66,7 +43,12 @@ void ReadModelWork(Parcel& parcel, Request* request) {
   request->models = ReadModelList(parcel);
 }
 
-void ReadAgentList(Parcel& parcel, Request* request) { request->agents = ReadAgents(parcel); }
+void ReadAgentList(Parcel& parcel, Request* request) {
+  for (std::int32_t left = parcel.Count(); left > 0; --left) {
+    request->agents.push_back(parcel.Text());
+  }
+  request->agent_count = parcel.Int();
+}
 
 constexpr std::array<MethodInfo, kMethodCount> kMethods = {{
     {.method = Method::kGetAgentApiLevel, .name = "get_agent_api_level"},
@@ -75,22 +57,27 @@ constexpr std::array<MethodInfo, kMethodCount> kMethods = {{
     {.method = Method::kGetUsableModelList,
      .name = "GetUsableModelList",
      .answered_by = AnsweredBy::kModels,
+     .delegate = 1,
      .read_arguments = ReadListQuery},
     {.method = Method::kGetUsableModelListWithDesc,
      .name = "GetUsableModelListWithDesc",
      .answered_by = AnsweredBy::kModels,
+     .delegate = 2,
      .read_arguments = ReadListQuery},
     {.method = Method::kGetModelVersionList,
      .name = "GetModelVersionList",
      .answered_by = AnsweredBy::kModels,
+     .delegate = 3,
      .read_arguments = ReadVersionQuery},
     {.method = Method::kRequestToUpdate,
      .name = "RequestToUpdate",
      .answered_by = AnsweredBy::kProgress,
+     .delegate = 4,
      .read_arguments = ReadModelWork},
     {.method = Method::kRequestToUninstall,
      .name = "RequestToUninstall",
      .answered_by = AnsweredBy::kProgress,
+     .delegate = 5,
      .read_arguments = ReadModelWork},
     {.method = Method::kRequestUpdateWithList,
      .name = "request_update_with_list",
@@ -137,6 +124,31 @@ const MethodInfo& InfoOf(Method method) { return kMethods[IndexOf(method)]; }
 const char* MethodName(int number) {
   const MethodInfo* info = FindMethod(number);
   return info == nullptr ? nullptr : info->name;
+}
+
+const MethodInfo* MethodOfDelegate(std::int32_t id) {
+  const auto* const found = std::find_if(kMethods.begin(), kMethods.end(), [id](const auto& info) {
+    return info.delegate != 0 && info.delegate == id;
+  });
+  return found == kMethods.end() ? nullptr : found;
+}
+
+Delegate ReadDelegate(Parcel& parcel) {
+  Delegate delegate;
+  delegate.id = parcel.Int();
+  delegate.seq = parcel.Int();
+  delegate.once = parcel.Flag();
+  return delegate;
+}
+
+// Nothing is reserved by a count that comes from outside: a lie ends where the parcel ends.
+ModelList ReadModelList(Parcel& parcel) {
+  ModelList list;
+  for (std::int32_t left = parcel.Count(); left > 0; --left) {
+    list.models.push_back(ReadModelInfo(parcel));
+  }
+  list.count = parcel.Int();
+  return list;
 }
 
 Request ReadRequest(Parcel& parcel) {

@@ -75,6 +75,7 @@ struct Request {
   ModelInfo model;
   ModelList models;
   std::vector<std::string> agents;
+  std::int32_t agent_count = 0;  // carried beside the list of agents
   std::string app_id;
   std::string app_version;
 };
@@ -91,6 +92,7 @@ struct MethodInfo {
   Method method = Method::kGetAgentApiLevel;
   const char* name = nullptr;  // as scenarios write it
   AnsweredBy answered_by = AnsweredBy::kReply;
+  std::int32_t delegate = 0;    // the ID of the delegates that are answered; 0: there are none
   bool has_result = true;       // the answer is, or holds, a number that tells how it went
   bool updates_agents = false;  // an update begins when the result is 0
   void (*read_arguments)(Parcel& parcel, Request* request) = nullptr;  // null: there are none
@@ -109,8 +111,15 @@ const MethodInfo& InfoOf(Method method);
 /** A method's name as scenarios write it; null for a number that is no method. */
 const char* MethodName(int number);
 
+/** The method that delegates with this ID are for; null if there is none. */
+const MethodInfo* MethodOfDelegate(std::int32_t id);
+
 /** Reads a request. Throws PlatformError where it ends early, std::runtime_error for no method. */
 Request ReadRequest(Parcel& parcel);
+
+/** Read what stands next in a message. Throw PlatformError where it ends early. */
+Delegate ReadDelegate(Parcel& parcel);
+ModelList ReadModelList(Parcel& parcel);
 
 Parcel ReplyWith(std::int32_t value);
 Parcel ReplyWith(const std::string& value);

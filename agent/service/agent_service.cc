@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/signalfd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -61,17 +62,18 @@ std::string StoreFolder() {
 }  // namespace
 
 AgentService::AgentService(const Scenario& scenario, UpdateRunner& updates,
-                           const std::string& call_file)
+                           const std::string& call_file, int last_client)
     : scenario_(scenario),
       updates_(updates),
       calls_(scenario, call_file),
+      trace_(last_client),
       store_(scenario, StoreFolder()) {
   Check(rpc_port_stub_create(&stub_, kPortName), "cannot make the port");
   rpc_port_desktop_stub_set_admission_cb(stub_, OnAdmission, this);
   rpc_port_stub_add_connected_event_cb(stub_, OnConnected, this);
   rpc_port_stub_add_disconnected_event_cb(stub_, OnDisconnected, this);
   rpc_port_stub_add_received_event_cb(stub_, OnReceived, this);
-  deliveries_ = std::make_unique<DeliveryQueue>(stub_, scenario_);
+  deliveries_ = std::make_unique<DeliveryQueue>(stub_, scenario_, trace_);
   work_ = std::make_unique<ModelWork>(scenario_, store_, *deliveries_, updates_);
 }
 
@@ -101,43 +103,56 @@ bool AgentService::Refuses(const std::string& application) const {
 }
 
 void AgentService::Listen() {
-  Check(rpc_port_stub_listen(stub_), "cannot listen on the port");
   const Package& package = scenario_.agent.package;
+  // Before any client can be there.
+  Trace("start", {{"process", "agent"}, {"pid", getpid()}, {"app", package.id}});
+  Check(rpc_port_stub_listen(stub_), "cannot listen on the port");
   dlog_print(DLOG_INFO, kLogTag, "%s %s serves %s", package.id.c_str(), package.version.c_str(),
              kPortName);
 }
 
 bool AgentService::OnAdmission(const char* sender, const char*, void* data) {
-  const bool refused = static_cast<AgentService*>(data)->Refuses(sender);
+  auto* self = static_cast<AgentService*>(data);
+  const bool refused = self->Refuses(sender);
+  if (refused) self->trace_.Refused(sender);
   dlog_print(DLOG_INFO, kLogTag, "%s asks to connect: %s", sender,
              refused ? "refused" : "admitted");
   return !refused;
 }
 
 void AgentService::OnConnected(const char* sender, const char* instance, void* data) {
-  static_cast<AgentService*>(data)->guests_[instance] = sender;
+  auto* self = static_cast<AgentService*>(data);
+  self->guests_[instance] = sender;
+  self->trace_.Connected(sender, instance);
   dlog_print(DLOG_INFO, kLogTag, "%s is connected as %s", sender, instance);
 }
 
 void AgentService::OnDisconnected(const char* sender, const char* instance, void* data) {
-  static_cast<AgentService*>(data)->guests_.erase(instance);
+  auto* self = static_cast<AgentService*>(data);
+  self->guests_.erase(instance);
+  self->trace_.Disconnected(instance, "client");
   dlog_print(DLOG_INFO, kLogTag, "%s is gone, which was %s", sender, instance);
 }
 
 int AgentService::OnReceived(const char*, const char* instance, rpc_port_h port, void* data) {
+  auto* self = static_cast<AgentService*>(data);
+  std::optional<Parcel> parcel;
   try {
-    static_cast<AgentService*>(data)->Serve(instance, port);
+    parcel.emplace(Parcel::From(port));
+    self->Serve(instance, *parcel);
     return 0;
   } catch (const std::exception& error) {
     dlog_print(DLOG_WARN, kLogTag, "%s is cut off: %s", instance, error.what());
+    self->trace_.Unreadable(instance, parcel ? parcel->Bytes() : "", error.what());
+    self->trace_.Disconnected(instance, "agent");
     return -1;
   }
 }
 
-void AgentService::Serve(const char* instance, rpc_port_h port) {
-  Parcel parcel = Parcel::From(port);
+void AgentService::Serve(const char* instance, Parcel& parcel) {
   const Request request = ReadRequest(parcel);
   dlog_print(DLOG_DEBUG, kLogTag, "%s calls %s", instance, InfoOf(request.method).name);
+  trace_.Asked(instance, request);
   const std::size_t call = calls_.Next(request.method);
   const std::int32_t result = ResultOf(request.method, call);
   const MethodInfo& method = InfoOf(request.method);
@@ -255,8 +270,8 @@ int RunAgent(const Scenario& scenario, const AgentOptions& options) {
     status = kReplaceMe;
     g_main_loop_quit(loop.get());
   });
-  AgentService service(scenario, updates,
-                       options.journal.empty() ? "" : options.journal + ".calls");
+  AgentService service(scenario, updates, options.journal.empty() ? "" : options.journal + ".calls",
+                       options.last_client);
   updates.SetPort([&](const Step& step) { service.Take(step); });
   if (scenario.bus) {
     // Before there can be a client that would hear somebody else.

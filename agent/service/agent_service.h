@@ -16,6 +16,7 @@
 #include "service/model_store.h"
 #include "service/model_work.h"
 #include "service/update_runner.h"
+#include "trace/port_trace.h"
 
 namespace sim {
 
@@ -24,13 +25,18 @@ struct AgentOptions {
   int ready_fd = -1;    // a byte is written there, and it is closed, when clients can connect
   int control_fd = -1;  // listens for steps from outside, unless -1; borrowed
   std::string journal;  // file for the process that follows this one; may be empty
+  int last_client = 0;  // the number of the last client of the processes before
 };
 
 /** The agent: serves its port as a scenario says, on the default main context. */
 class AgentService {
  public:
-  /** `scenario` and `updates` must outlive the service. For `call_file`, see CallCounter. */
-  AgentService(const Scenario& scenario, UpdateRunner& updates, const std::string& call_file = "");
+  /**
+   * `scenario` and `updates` must outlive the service. For `call_file`, see CallCounter; `last_client`
+   * as in AgentOptions.
+   */
+  AgentService(const Scenario& scenario, UpdateRunner& updates, const std::string& call_file,
+               int last_client);
   ~AgentService();
   AgentService(const AgentService&) = delete;
   AgentService& operator=(const AgentService&) = delete;
@@ -47,7 +53,7 @@ class AgentService {
   static void OnDisconnected(const char* sender, const char* instance, void* data);
   static int OnReceived(const char* sender, const char* instance, rpc_port_h port, void* data);
 
-  void Serve(const char* instance, rpc_port_h port);
+  void Serve(const char* instance, Parcel& parcel);
   std::vector<TimedParcel> Answer(const Request& request, const MethodScript& script,
                                   std::int32_t result) const;
   std::vector<TimedParcel> AnswerList(const Request& request, const MethodScript& script,
@@ -63,6 +69,7 @@ class AgentService {
   const Scenario& scenario_;
   UpdateRunner& updates_;
   CallCounter calls_;
+  PortTrace trace_;
   std::map<std::string, std::string> guests_;  // applications by their instances
   rpc_port_stub_h stub_ = nullptr;
   std::unique_ptr<DeliveryQueue> deliveries_;

@@ -40,6 +40,31 @@ Parcel StrayMessage(rpc_port_port_type_e port, std::int32_t number) {
   return parcel;
 }
 
+/** A fault as scenarios write it. */
+const char* WordFor(Fault fault) {
+  switch (fault) {
+    case Fault::kNone:
+      return "none";
+    case Fault::kNever:
+      return "never";
+    case Fault::kDrop:
+      return "drop";
+    case Fault::kDropAfter:
+      return "drop-after";
+    case Fault::kCrash:
+      return "crash";
+    case Fault::kCut:
+      return "cut";
+    case Fault::kTruncated:
+      return "truncated";
+    case Fault::kOversized:
+      return "oversized";
+    case Fault::kNegative:
+      return "negative";
+  }
+  return "";
+}
+
 std::string_view Shortened(const MethodScript& script, std::string_view content) {
   const auto half = static_cast<std::int32_t>(content.size() / 2);
   return content.substr(0, static_cast<std::size_t>(script.cut_at.value_or(half)));
@@ -126,6 +151,7 @@ void DeliveryQueue::Deliver(const std::string& instance, rpc_port_port_type_e po
   self->port = port;
   self->steps = Plan(port, script, std::move(messages));
   self->done = std::move(done);
+  if (script.fault != Fault::kNone) trace_.Spoilt(instance, WordFor(script.fault));
   GoOn(self, false);
 }
 
@@ -169,36 +195,49 @@ bool DeliveryQueue::Advance(Position delivery, bool from_loop) {
 
 bool DeliveryQueue::Take(Delivery& delivery, Step& step) {
   rpc_port_h port = nullptr;
-  if (rpc_port_stub_get_port(stub_, delivery.port, delivery.instance.c_str(), &port) != 0) {
-    return false;
-  }
+  const bool there =
+      rpc_port_stub_get_port(stub_, delivery.port, delivery.instance.c_str(), &port) == 0;
   switch (step.action) {
     case Action::kNothing:
-      return true;
+      return there;
     case Action::kSend:
-      return step.parcel->Send(port);
-    case Action::kSendRaw: {
-      const std::size_t rest = step.raw.size() - step.sent;
-      const std::size_t size =
-          step.drip ? std::min(rest, static_cast<std::size_t>(step.drip->bytes)) : rest;
-      const char* const bytes = step.raw.data() + step.sent;
-      step.sent += size;
-      delivery.in_message = step.sent < step.raw.size();
-      if (delivery.in_message) step.delay = step.drip->pause;
-      return rpc_port_desktop_send_bytes(port, bytes, size) == 0;
-    }
+    case Action::kSendRaw:
+      return Send(delivery, step, there ? port : nullptr);
     case Action::kDrop:
-      Drop(delivery.instance);
+      if (there) Drop(delivery.instance);
       return false;
     case Action::kCrash:
-      raise(SIGKILL);
+      if (there) raise(SIGKILL);
       return false;
   }
   return false;
 }
 
 void DeliveryQueue::Drop(const std::string& instance) {
+  trace_.Disconnected(instance, "agent");
   rpc_port_desktop_stub_disconnect(stub_, instance.c_str());
+}
+
+// Traced first: the client may act on a message before this process runs again.
+bool DeliveryQueue::Send(Delivery& delivery, Step& step, rpc_port_h port) {
+  const bool there = port != nullptr;
+  if (step.action == Action::kSend) {
+    trace_.Sent(delivery.instance, delivery.port, step.parcel->Bytes(), there);
+    return there && step.parcel->Send(port);
+  }
+  if (step.sent == 0) trace_.SentRaw(delivery.instance, delivery.port, step.raw, there);
+  return there && SendNextBytes(delivery, step, port);
+}
+
+bool DeliveryQueue::SendNextBytes(Delivery& delivery, Step& step, rpc_port_h port) {
+  const std::size_t rest = step.raw.size() - step.sent;
+  const std::size_t size =
+      step.drip ? std::min(rest, static_cast<std::size_t>(step.drip->bytes)) : rest;
+  const char* const bytes = step.raw.data() + step.sent;
+  step.sent += size;
+  delivery.in_message = step.sent < step.raw.size();
+  if (delivery.in_message) step.delay = step.drip->pause;
+  return rpc_port_desktop_send_bytes(port, bytes, size) == 0;
 }
 
 }  // namespace sim

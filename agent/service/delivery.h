@@ -16,6 +16,7 @@
 #include "protocol/parcel.h"
 #include "scenario/scenario.h"
 #include "service/event_source.h"
+#include "trace/port_trace.h"
 
 namespace sim {
 
@@ -31,9 +32,9 @@ struct TimedParcel {
  */
 class DeliveryQueue {
  public:
-  /** Both must outlive the queue. */
-  DeliveryQueue(rpc_port_stub_h stub, const Scenario& scenario)
-      : stub_(stub), scenario_(scenario) {}
+  /** All must outlive the queue. */
+  DeliveryQueue(rpc_port_stub_h stub, const Scenario& scenario, PortTrace& trace)
+      : stub_(stub), scenario_(scenario), trace_(trace) {}
   DeliveryQueue(const DeliveryQueue&) = delete;
   DeliveryQueue& operator=(const DeliveryQueue&) = delete;
 
@@ -77,10 +78,13 @@ class DeliveryQueue {
   bool Advance(Position delivery, bool from_loop);
   void GoOn(Position delivery, bool from_loop);
   bool Take(Delivery& delivery, Step& step);
+  bool Send(Delivery& delivery, Step& step, rpc_port_h port);
+  static bool SendNextBytes(Delivery& delivery, Step& step, rpc_port_h port);
   bool HasToWait(const Delivery& delivery) const;
 
   rpc_port_stub_h stub_;
   const Scenario& scenario_;
+  PortTrace& trace_;
   std::list<Delivery> deliveries_;
 };
 

@@ -12,6 +12,7 @@
 #include "common/platform_error.h"
 #include "owned.h"
 #include "service/log_tag.h"
+#include "trace/trace.h"
 
 namespace sim {
 namespace {
@@ -43,6 +44,15 @@ Bundle BundleOf(const Broadcast& broadcast) {
   return data;
 }
 
+/** What an event carries, by its keys, whatever the kinds of their values. */
+Fields FieldsOf(const Broadcast& broadcast) {
+  Fields data = Fields::object();
+  for (const auto& [key, text] : broadcast.texts) data[key] = text;
+  for (const auto& [key, texts] : broadcast.lists) data[key] = texts;
+  for (const auto& [key, number] : broadcast.numbers) data[key] = number;
+  return data;
+}
+
 }  // namespace
 
 void OwnName(const std::string& id) {
@@ -57,15 +67,18 @@ void OwnName(const std::string& id) {
 void Publish(const std::string& id, const Broadcast& broadcast,
              const std::vector<std::string>& agents) {
   const std::string name = "event." + id + "." + broadcast.event;
+  Broadcast event = broadcast;
+  if (event.names_agents) {
+    event.lists["Start"] = agents.empty() ? std::vector<std::string>{id} : agents;
+  }
+  // First: whoever hears it may end this process.
+  Trace("event", {{"event", event.event}, {"data", FieldsOf(event)}});
   try {
-    const Bundle data = BundleOf(broadcast);
-    if (broadcast.names_agents) {
-      AddList(data.get(), "Start", agents.empty() ? std::vector<std::string>{id} : agents);
-    }
-    const int result = event_publish_app_event(name.c_str(), data.get());
+    const int result = event_publish_app_event(name.c_str(), BundleOf(event).get());
     Check(result, result == -EACCES ? kSquatted : "cannot publish");
     dlog_print(DLOG_DEBUG, kLogTag, "published %s", name.c_str());
   } catch (const PlatformError& error) {
+    Trace("lost", {{"event", event.event}, {"problem", error.what()}});
     dlog_print(DLOG_WARN, kLogTag, "%s is lost: %s", name.c_str(), error.what());
   }
 }

@@ -18,6 +18,7 @@
 #include "service/events.h"
 #include "service/log_tag.h"
 #include "service/packages.h"
+#include "trace/trace.h"
 
 namespace sim {
 namespace {
@@ -50,6 +51,50 @@ Steps StepsOfMethod(const Scenario& scenario, const JournalEntry& entry) {
   if (!entry.at_point) return script.steps;
   const auto point = script.points.find(Turn::kSteps);
   return point == script.points.end() ? Steps() : point->second.steps;
+}
+
+/** As a document names it, with what it says; empty for a step that has other records. */
+nlohmann::ordered_json FieldsOf(const Step& step) {
+  switch (step.action) {
+    case Step::Action::kBroadcast:
+    case Step::Action::kUpdate:
+      return {};
+    case Step::Action::kWait:
+      return {{"step", "wait"}, {"milliseconds", step.number}};
+    case Step::Action::kInstall:
+      return {{"step", "install"}, {"package", step.package.id}, {"version", step.package.version}};
+    case Step::Action::kRemove:
+      return {{"step", "remove"}, {"package", step.package.id}};
+    case Step::Action::kPermit:
+      return {{"step", "clients"}, {"clients", step.clients}};
+    case Step::Action::kAdmit:
+      return {{"step", "refuse"},
+              {"clients", step.admission.refused},
+              {"admitted", step.admission.admitted}};
+    case Step::Action::kDrop:
+      return {{"step", "drop"}, {"clients", step.clients}};
+    case Step::Action::kClose:
+      return {{"step", "close"}};
+    case Step::Action::kKillBus:
+      return {{"step", "killBus"}};
+    case Step::Action::kLevel:
+      return {{"step", "apiLevel"}, {"level", step.number}};
+    case Step::Action::kRestart:
+      return {{"step", "restart"}};
+    case Step::Action::kKill:
+      return {{"step", "kill"}};
+  }
+  return {};
+}
+
+/** What a step does not say is left out. */
+void TraceStep(const Step& step) {
+  nlohmann::ordered_json fields = FieldsOf(step);
+  if (fields.empty()) return;
+  for (const char* key : {"package", "version"}) {
+    if (fields.contains(key) && fields[key] == "") fields.erase(key);
+  }
+  Trace("step", std::move(fields));
 }
 
 }  // namespace
@@ -178,6 +223,7 @@ void UpdateRunner::Advance(Position sequence) {
 
 bool UpdateRunner::Take(Position sequence, const Step& step) {
   const std::string& id = scenario_.agent.package.id;
+  TraceStep(step);
   switch (step.action) {
     case Step::Action::kBroadcast:
       Publish(id, step.broadcast, sequence->entry.agents);

@@ -25,6 +25,7 @@
 #include "common/report.h"
 #include "service/agent_service.h"
 #include "service/control.h"
+#include "trace/trace.h"
 #include "unique_fd.h"
 #include "world/child.h"
 #include "world/guardian.h"
@@ -34,6 +35,8 @@ namespace sim {
 namespace {
 
 constexpr std::chrono::seconds kAgentPatience(10);
+// Appends, because several processes write.
+constexpr int kTraceFlags = O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC;
 
 /** Something went wrong that is not the command's doing. */
 class RunError : public std::runtime_error {
@@ -41,16 +44,24 @@ class RunError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+constexpr char kAgent[] = "agent";
+
 /** A child and, once it has ended, its status. */
 struct Process {
+  const char* name = "";  // in the trace
   pid_t pid = -1;
   std::optional<int> status;  // as waitpid has it
 
   bool running() const { return pid > 0 && !status; }
 
-  void Reap() {
+  void Reap(int options = WNOHANG) {
     int raw = 0;
-    if (running() && waitpid(pid, &raw, WNOHANG) == pid) status = raw;
+    if (!running() || waitpid(pid, &raw, options) != pid) return;
+    status = raw;
+    Fields fields = {{"process", name}, {"pid", pid}};
+    fields[WIFSIGNALED(raw) ? "signal" : "status"] =
+        WIFSIGNALED(raw) ? WTERMSIG(raw) : WEXITSTATUS(raw);
+    Trace("end", fields);
   }
 };
 
@@ -138,6 +149,13 @@ struct Pipe {
   }
 };
 
+base::UniqueFd OpenTraceFile(const std::string& path) {
+  base::UniqueFd fd(path == "-" ? fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)
+                                : open(path.c_str(), kTraceFlags, 0666));
+  if (!fd) throw RunError("cannot write the trace \"" + Quotable(path) + "\": " + strerror(errno));
+  return fd;
+}
+
 base::UniqueFd OpenLog(const std::string& path) {
   return base::UniqueFd(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
 }
@@ -200,6 +218,7 @@ class Run {
     End(command_);
     End(agent_);
     End(bus_);
+    OpenTrace({});
   }
   Run(const Run&) = delete;
   Run& operator=(const Run&) = delete;
@@ -207,6 +226,7 @@ class Run {
   int Execute();
 
  private:
+  void OpenTraces();
   static void End(Process& process);
   ChildSetup Setup() const;
   pid_t Start(const ChildSetup& setup, const std::string& what);
@@ -233,20 +253,32 @@ class Run {
   const std::unique_ptr<Guardian> guardian_;  // none where the world is kept
   World world_;
   base::UniqueFd control_;  // the agents' one after the other, so that none who knocks is lost
-  Process bus_;
-  Process agent_;
+  std::vector<base::UniqueFd> trace_files_;
+  std::vector<TraceSink> traces_;
+  Process bus_{"bus", -1, {}};
+  Process agent_{kAgent, -1, {}};
   bool agent_failed_ = false;
-  Process command_;
+  Process command_{"command", -1, {}};
   int interrupted_by_ = 0;  // a signal that came while there was no command to pass it on to
 };
 
 void Run::End(Process& process) {
   if (process.running()) {
-    int raw = 0;
     kill(process.pid, SIGKILL);
-    waitpid(process.pid, &raw, 0);
-    process.status = raw;
+    process.Reap(0);
   }
+}
+
+void Run::OpenTraces() {
+  const auto add = [this](const std::string& path, TraceFormat format) {
+    trace_files_.push_back(OpenTraceFile(path));
+    traces_.push_back({trace_files_.back().get(), format});
+  };
+  add(world_.trace_file(), TraceFormat::kWorld);
+  for (const std::string& path : options_.traces) {
+    add(path, path == "-" ? TraceFormat::kWords : TraceFormat::kLines);
+  }
+  OpenTrace(traces_);
 }
 
 ChildSetup Run::Setup() const {
@@ -310,6 +342,7 @@ void Run::StartBus() {
                    "the session bus (dbus-daemon, of the Debian package of that name; a "
                    "scenario with \"bus\": false needs none)");
   WriteFile(world_.folder() + "/bus.pid", std::to_string(bus_.pid) + "\n");
+  Trace("start", {{"process", bus_.name}, {"pid", bus_.pid}});
   ready.write_end.Reset();
   Await(ready.read_end.get(), "the session bus", log_file);
 }
@@ -335,6 +368,11 @@ void Run::StartAgentProcess(int ready) {
                      "--control",
                      "--journal",
                      world_.journal_file()};
+  for (const TraceSink& trace : traces_) {
+    setup.arguments.insert(setup.arguments.end(), {"--trace", NameOf(trace.format)});
+  }
+  setup.arguments.insert(setup.arguments.end(),
+                         {"--last-client", std::to_string(LastClientIn(world_.trace_file()))});
   if (options_.time_scale) {
     setup.arguments.insert(setup.arguments.end(),
                            {"--time-scale", std::to_string(*options_.time_scale)});
@@ -342,13 +380,14 @@ void Run::StartAgentProcess(int ready) {
   setup.environment = world_.AgentEnvironment(scenario_.agent);
   setup.detached = true;
   setup.passed = {ready, control_.get()};
+  for (const TraceSink& trace : traces_) setup.passed.push_back(trace.fd);
   if (options_.verbose) {
     setup.environment.set.emplace_back("VELMORA_LOG_LEVEL", "debug");
   } else {
     log = OpenLog(world_.log_file());
     setup.output = log.get();
   }
-  agent_ = Process();
+  agent_.status.reset();
   agent_.pid = Start(setup, "the agent");
   WriteFile(world_.pid_file(), std::to_string(agent_.pid) + "\n");
 }
@@ -390,6 +429,7 @@ int Run::StartCommand() {
   ChildSetup setup = Setup();
   setup.arguments = options_.command;
   setup.environment = world_.ClientEnvironment(scenario_.client);
+  Trace("start", {{"process", command_.name}, {"command", options_.command}});
   try {
     command_.pid = StartChild(setup);
   } catch (const StartError& error) {
@@ -443,6 +483,7 @@ void Run::ReportAgent(const std::string& what) {
 }
 
 int Run::Execute() {
+  OpenTraces();
   if (scenario_.bus) StartBus();
   if (scenario_.agent.running && interrupted_by_ == 0) StartAgent();
   TakeSignals();

@@ -15,6 +15,7 @@
 #include "common/report.h"
 #include "service/control.h"
 #include "service/packages.h"
+#include "world/expect.h"
 
 namespace sim {
 namespace {
@@ -125,6 +126,7 @@ EnvironmentChanges World::ClientEnvironment(const Client& client) const {
       {"VELMORA_APP_ROOT", client.root.empty() ? folder_ + "/app" : client.root},
       {"DBUS_SESSION_BUS_ADDRESS", bus_address()},
       {kControlVariable, control_file()},
+      {kTraceVariable, trace_file()},
   };
   return changes;
 }

@@ -22,6 +22,7 @@ namespace sim {
  *   bus          the session bus, with bus.conf, bus.log and bus.pid
  *   control      where the agent takes steps from outside
  *   journal      what the agent leaves for the process that follows it
+ *   trace.jsonl  what has happened
  */
 class World {
  public:
@@ -40,6 +41,7 @@ class World {
   std::string pid_file() const { return folder_ + "/agent.pid"; }
   std::string control_file() const { return folder_ + "/control"; }
   std::string journal_file() const { return folder_ + "/journal"; }
+  std::string trace_file() const { return folder_ + "/trace.jsonl"; }
 
   /** Where the session bus is, whether there is one or not. */
   std::string bus_address() const;

@@ -126,7 +126,7 @@ TEST_F(ARun, AddsItsOwnToTheEnvironmentAndNothingElse) {
   setenv("XDG_RUNTIME_DIR", "/from/outside", 1);
   const auto is_own = [](const std::string& entry) {
     return entry.rfind("VELMORA_", 0) == 0 || entry.rfind("DBUS_SESSION_BUS_ADDRESS=", 0) == 0 ||
-           entry.rfind("SVCMGR_SIM_CONTROL=", 0) == 0;
+           entry.rfind("SVCMGR_SIM_", 0) == 0;
   };
   std::set<std::string> difference;  // to be emptied by what the command sees
   for (char** entry = environ; *entry != nullptr; ++entry) {
@@ -145,8 +145,9 @@ TEST_F(ARun, AddsItsOwnToTheEnvironmentAndNothingElse) {
   }
   EXPECT_THAT(difference, IsEmpty());
   EXPECT_THAT(own, testing::ElementsAre("DBUS_SESSION_BUS_ADDRESS", "SVCMGR_SIM_CONTROL",
-                                        "VELMORA_APP_ID", "VELMORA_APP_ROOT", "VELMORA_APP_VERSION",
-                                        "VELMORA_PACKAGE_DIR", "VELMORA_RUNTIME_DIR"));
+                                        "SVCMGR_SIM_TRACE", "VELMORA_APP_ID", "VELMORA_APP_ROOT",
+                                        "VELMORA_APP_VERSION", "VELMORA_PACKAGE_DIR",
+                                        "VELMORA_RUNTIME_DIR"));
 }
 
 TEST_F(ARun, GivesTheCommandTheScenariosIdentity) {
@@ -620,13 +621,13 @@ TEST_F(ACall, ForHelpNamesNothingThatTheManPageDoesNotHave) {
   const std::string page = ManPage();
   const std::string help = RunSim({"--help"}).output;
   const auto commands = AllMatches(help.substr(help.find("Subcommands:")), "\n  ([a-z]+)  ");
-  ASSERT_EQ(commands, (std::set<std::string>{"check", "list", "run", "send"}));
+  ASSERT_EQ(commands, (std::set<std::string>{"check", "expect", "list", "run", "send"}));
   std::set<std::string> options = AllMatches(help, "(--[a-z][a-z-]*)");
   for (const std::string& command : commands) {
     EXPECT_THAT(page, HasSubstr("\n.SS " + command + "\n"));
     options.merge(AllMatches(RunSim({command, "--help"}).output, "(--[a-z][a-z-]*)"));
   }
-  EXPECT_EQ(options.size(), 8u);
+  EXPECT_EQ(options.size(), 10u);
   for (const std::string& option : options) {
     EXPECT_TRUE(Explains(page, option)) << option;
   }

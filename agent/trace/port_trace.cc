@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "trace/port_trace.h"
+
+#include "trace/messages.h"
+
+namespace sim {
+namespace {
+
+const char* NameOf(rpc_port_port_type_e port) {
+  return port == RPC_PORT_PORT_MAIN ? "main" : "callback";
+}
+
+}  // namespace
+
+Fields PortTrace::About(const std::string& instance) const {
+  const auto found = clients_.find(instance);
+  if (found == clients_.end()) return Fields::object();
+  return {{"client", found->second.number}, {"app", found->second.app}};
+}
+
+void PortTrace::Refused(const std::string& app) { Trace("refuse", {{"app", app}}); }
+
+void PortTrace::Connected(const std::string& app, const std::string& instance) {
+  Client& client = clients_[instance];
+  client.number = ++last_client_;
+  client.app = app;
+  Trace("connect", About(instance));
+}
+
+void PortTrace::Disconnected(const std::string& instance, const char* by) {
+  Fields fields = About(instance);
+  if (clients_.erase(instance) == 0) return;
+  fields["by"] = by;
+  Trace("disconnect", fields);
+}
+
+void PortTrace::Asked(const std::string& instance, const Request& request) {
+  const MethodInfo& method = InfoOf(request.method);
+  if (method.answered_by == AnsweredBy::kReply) clients_[instance].asked = request.method;
+  if (!Tracing()) return;
+  Fields fields = About(instance);
+  fields["method"] = method.name;
+  fields["arguments"] = ArgumentsOf(request);
+  Trace("request", fields);
+}
+
+void PortTrace::Unreadable(const std::string& instance, std::string_view content,
+                           const char* problem) {
+  Fields fields = About(instance);
+  fields["problem"] = problem;
+  fields.update(BytesIn(content));
+  Trace("unreadable", fields);
+}
+
+void PortTrace::Sent(const std::string& instance, rpc_port_port_type_e port,
+                     std::string_view content, bool delivered) {
+  if (!Tracing()) return;
+  const auto client = clients_.find(instance);
+  const bool main = port == RPC_PORT_PORT_MAIN;
+  const auto message =
+      main ? ReplyIn(content, client == clients_.end() ? std::nullopt : client->second.asked)
+           : AnswerIn(content);
+  Fields fields = About(instance);
+  if (message) {
+    fields.update(*message);
+  } else {
+    fields["port"] = NameOf(port);
+    fields.update(BytesIn(content));
+  }
+  if (!delivered) fields["lost"] = true;
+  Trace(!message ? "message" : main ? "reply" : "answer", fields);
+}
+
+void PortTrace::SentRaw(const std::string& instance, rpc_port_port_type_e port,
+                        std::string_view bytes, bool delivered) {
+  Fields fields = About(instance);
+  fields["port"] = NameOf(port);
+  fields.update(BytesIn(bytes));
+  if (!delivered) fields["lost"] = true;
+  Trace("raw", fields);
+}
+
+void PortTrace::Spoilt(const std::string& instance, const char* fault) {
+  Fields fields = About(instance);
+  fields["fault"] = fault;
+  Trace("fault", fields);
+}
+
+}  // namespace sim

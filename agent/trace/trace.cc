@@ -1,0 +1,150 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "trace/trace.h"
+
+#include <fcntl.h>
+#include <sys/types.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <fstream>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+
+#include "trace/words.h"
+
+namespace sim {
+namespace {
+
+constexpr char kFull[] = "full";
+constexpr std::array<std::string_view, 3> kFormatNames = {"world", "lines", "words"};
+
+std::vector<TraceSink>& Sinks() {
+  static std::vector<TraceSink> sinks;
+  return sinks;
+}
+
+/** Keeps the records of all processes apart, and their times in order. */
+class Turn {
+ public:
+  explicit Turn(int fd) : fd_(fd) {
+    // A process that is killed gives it back, other than one that holds a lock in memory.
+    while (!Set(F_WRLCK) && errno == EINTR) {
+    }
+  }
+  ~Turn() { Set(F_UNLCK); }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+
+ private:
+  bool Set(int type) const {
+    struct flock lock = {};
+    lock.l_type = static_cast<short>(type);
+    lock.l_whence = SEEK_SET;
+    return fcntl(fd_, F_SETLKW, &lock) == 0;
+  }
+
+  int fd_;
+};
+
+struct Stamp {
+  char wall[64];       // as RFC 3339 has it
+  char monotonic[32];  // seconds
+
+  Stamp() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    std::snprintf(monotonic, sizeof monotonic, "%lld.%06ld", static_cast<long long>(now.tv_sec),
+                  now.tv_nsec / 1000);
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm parts = {};
+    gmtime_r(&now.tv_sec, &parts);
+    const std::size_t length = strftime(wall, sizeof wall, "%Y-%m-%dT%H:%M:%S", &parts);
+    std::snprintf(wall + length, sizeof wall - length, ".%06ldZ", now.tv_nsec / 1000);
+  }
+};
+
+/** In one piece, unless the disk is full or a signal comes in the middle. */
+void WriteLine(int fd, std::string_view line) {
+  while (!line.empty()) {
+    const ssize_t written = write(fd, line.data(), line.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return;
+    line.remove_prefix(static_cast<std::size_t>(written));
+  }
+}
+
+std::string Line(const Stamp& stamp, const char* what, const std::string& fields) {
+  std::string line = R"({"time":")";
+  line += stamp.wall;
+  line += R"(","monotonic":)";
+  line += stamp.monotonic;
+  line += R"(,"what":")";
+  line += what;
+  line += fields == "{}" ? "\"" : "\",";
+  return line.append(fields, 1) + "\n";
+}
+
+void WriteBounded(int fd, const Stamp& stamp, const std::string& line) {
+  if (lseek(fd, 0, SEEK_END) >= kMostTraceBytes) return;
+  WriteLine(fd, line);
+  if (lseek(fd, 0, SEEK_END) >= kMostTraceBytes) WriteLine(fd, Line(stamp, kFull, "{}"));
+}
+
+}  // namespace
+
+const char* NameOf(TraceFormat format) {
+  return kFormatNames[static_cast<std::size_t>(format)].data();
+}
+
+TraceFormat TraceFormatOf(const std::string& name) {
+  const auto* const found = std::find(kFormatNames.begin(), kFormatNames.end(), name);
+  if (found == kFormatNames.end()) throw std::runtime_error("there is no trace of " + name);
+  return static_cast<TraceFormat>(found - kFormatNames.begin());
+}
+
+void OpenTrace(std::vector<TraceSink> sinks) { Sinks() = std::move(sinks); }
+
+bool Tracing() { return !Sinks().empty(); }
+
+void Trace(const char* what, const Fields& fields) {
+  if (!Tracing()) return;
+  const std::string text = fields.dump(-1, ' ', false, Fields::error_handler_t::replace);
+  const bool speaks = std::any_of(Sinks().begin(), Sinks().end(), [](const TraceSink& sink) {
+    return sink.format == TraceFormat::kWords;
+  });
+  const std::string words = speaks ? InWords(what, fields) : "";
+  const Turn turn(Sinks().front().fd);
+  const Stamp stamp;
+  const std::string line = Line(stamp, what, text);
+  for (const TraceSink& sink : Sinks()) {
+    switch (sink.format) {
+      case TraceFormat::kWorld:
+        WriteBounded(sink.fd, stamp, line);
+        break;
+      case TraceFormat::kLines:
+        WriteLine(sink.fd, line);
+        break;
+      case TraceFormat::kWords:
+        WriteLine(sink.fd, ClockOf(stamp.wall) + "  " + words + "\n");
+        break;
+    }
+  }
+}
+
+int LastClientIn(const std::string& trace_file) {
+  int last = 0;
+  std::ifstream stream(trace_file, std::ios::binary);
+  for (std::string line; std::getline(stream, line);) {
+    if (line.find(R"("what":"connect")") == std::string::npos) continue;
+    const auto record = nlohmann::json::parse(line, nullptr, false);
+    if (record.is_object() && record.value("what", "") == "connect") last = record["client"];
+  }
+  return last;
+}
+
+}  // namespace sim
