@@ -146,6 +146,7 @@ int CheckAll(const std::vector<std::string>& scenarios) {
   return status;
 }
 
+/** A line for each, and below it, indented, another one for what an application should do. */
 int List() {
   std::size_t width = 0;
   for (const sim::ShippedScenario& shipped : sim::ShippedScenarios()) {
@@ -153,9 +154,11 @@ int List() {
   }
   std::string lines;
   for (const sim::ShippedScenario& shipped : sim::ShippedScenarios()) {
+    const sim::Scenario scenario = sim::ReadScenario(shipped.document, shipped.name, "");
     std::string name = shipped.name;
     name.resize(width, ' ');
-    lines += name + "  " + sim::ReadScenario(shipped.document, name, "").description + "\n";
+    lines += name + "  " + scenario.description + "\n";
+    lines += std::string(width + 2, ' ') + scenario.advice + "\n";
   }
   return Print(lines);
 }

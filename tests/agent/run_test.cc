@@ -657,12 +657,16 @@ TEST_F(ACall, ForTheVersionPrintsIt) {
   EXPECT_EQ(call.output, "svcmgr-sim " SVCMGR_SIM_VERSION "\n");
 }
 
-TEST_F(ACall, ForTheListNamesEachScenarioWithALine) {
+TEST_F(ACall, ForTheListNamesEachScenarioWithALineAndItsAdviceWithTheNext) {
   const Finished call = RunSim({"list"});
   EXPECT_EQ(call.status, 0);
-  EXPECT_THAT(call.output, HasSubstr("\ndemo                  a well-behaved agent"));
-  for (const std::string& line : Lines(call.output)) {
-    EXPECT_THAT(line, ContainsRegex("^[a-z-]+  +[a-z]"));
+  EXPECT_THAT(call.output,
+              ContainsRegex("\ndemo  +a well-behaved agent.*\n +Show the models.*\\.\n"));
+  const auto lines = Lines(call.output);
+  EXPECT_GE(lines.size(), 100u);
+  for (std::size_t line = 0; line < lines.size(); ++line) {
+    EXPECT_THAT(lines[line],
+                ContainsRegex(line % 2 == 0 ? "^[a-z0-9-]+  +[a-z]" : "^ +[A-Z].*\\.$"));
   }
 }
 

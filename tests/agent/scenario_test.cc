@@ -736,11 +736,13 @@ TEST(FindScenario, SaysWhyAFileCannotBeRead) {
 }
 
 TEST(TheScenariosThatShip, AreRightAndSayWhatTheyAre) {
-  ASSERT_GE(sim::ShippedScenarios().size(), 12u);
+  ASSERT_GE(sim::ShippedScenarios().size(), 50u);
   for (const sim::ShippedScenario& shipped : sim::ShippedScenarios()) {
     const Scenario scenario = sim::ReadScenario(shipped.document, shipped.name, "");
     EXPECT_THAT(scenario.description, testing::Not(IsEmpty())) << shipped.name;
     EXPECT_LT(scenario.description.size(), 80u) << shipped.name;
+    EXPECT_THAT(scenario.advice, testing::EndsWith(".")) << shipped.name;
+    EXPECT_LT(scenario.advice.size(), 110u) << shipped.name;
   }
 }
 

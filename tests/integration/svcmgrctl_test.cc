@@ -202,11 +202,11 @@ TEST(WorkOnModels, WhoseAgentIsKilledHasNoConnection) {
   const Finished run = RunSim({"run", "models-stall", "--", "sh", "-c", R"(
       out=$(dirname "$SVCMGR_SIM_CONTROL")/out
       "$0" --timeout 0 models update vision.segment >"$out" &
-      until grep -q ' 40 %' "$out"; do sleep 0.1; done
+      until grep -q ' 50 %' "$out"; do sleep 0.1; done
       "$1" send kill; wait $!)",
                                SVCMGRCTL, SVCMGR_SIM});
   EXPECT_EQ(run.status, 6) << run.errors;
-  EXPECT_THAT(run.errors, HasSubstr("how the update of vision.segment (1 of 1, 40 %) ends"));
+  EXPECT_THAT(run.errors, HasSubstr("how the update of vision.segment (1 of 1, 50 %) ends"));
 }
 
 /** A file with up to three markers that differ little: equal ones are what is difficult. */
