@@ -240,7 +240,7 @@ std::string Quote(const char* text) {
   return '"' + std::string(text) + '"';
 }
 
-// UndefinedBehaviorSanitizer is told that the forced unwind of a thread has no object.
+// The forced unwind of a thread has no object, which UndefinedBehaviorSanitizer would report.
 __attribute__((no_sanitize("null"))) void Shielded(const char* what,
                                                    const std::function<void()>& callback) {
   try {

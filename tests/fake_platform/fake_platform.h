@@ -174,7 +174,7 @@ MATCHER_P3(IsError, file, function, message, "") {
   return arg.priority == DLOG_ERROR && arg.tag == "SERVICE_MANAGER_CLIENT" && arg.file == file &&
          arg.function == function && arg.message == message;
 }
-/** A record of the proxy layer, which logs errors alone. */
+/** A record of the proxy layer, which logs only errors. */
 MATCHER_P2(IsProxyError, function, message, "") {
   return arg.priority == DLOG_ERROR && arg.tag == "RPC_PORT_PROXY" &&
          arg.file == "SvcMgrAppProxy.cc" && arg.function == function && arg.message == message;
@@ -287,7 +287,8 @@ ProxyControl Proxy(int n);
 int ProxyCount();
 
 /**
- * Queues (int32 1, id, seq, bool once, payload) on the callback port and runs the received callback.
+ * Queues (int32 1, id, seq, bool once, payload) on the callback port and runs the received
+ * callback.
  */
 void DeliverDelegateMessage(int id, int seq, const Items& payload, bool once = false);
 /** Queues any message on the callback port and runs the received callback. */
@@ -366,7 +367,7 @@ enum class Kind { kParcel, kPackageInfo, kAppInfo, kProxy, kEventHandler, kBundl
 int LiveObjects(Kind kind);
 /** Lets up to `n` objects of a kind live at the end of the test. */
 void AllowHeld(Kind kind, int n);
-/** Lets a proxy and the watch's subscription live at the end: a test that ends connected. */
+/** Lets a proxy and the watch's subscription live at the end, for a test that ends connected. */
 void AllowHeldConnection();
 
 /** A live block of malloc, calloc, realloc, strdup, strndup or, in a NewTracking, operator new. */
@@ -383,7 +384,10 @@ struct Block {
 std::vector<Block> LiveBlocks();
 /** Announces how many blocks, no more and no fewer, are left at the end; Verify releases them. */
 void ExpectKept(std::size_t n);
-/** Announces one block more that is left on purpose, by its content; told apart in the verdict. */
+/**
+ * Announces, by its content, one more block that is left on purpose; the verdict names a missing
+ * one.
+ */
 void ExpectKeptText(const std::string& text);
 
 /**

@@ -52,7 +52,7 @@ class Outside {
   int depth_;
 };
 
-/** Whether this thread is at work for the fake itself. */
+/** Whether this thread is working for the fake itself. */
 bool InsideFake();
 
 /** Runs a hook, if there is one. */
@@ -155,7 +155,7 @@ const char* KindName(Kind kind);
 
 /** Records a call and says what it has to do. */
 Step Begin(const char* function, const std::string& arguments);
-/** As Begin, for functions that the record leaves out. */
+/** Like Begin, for functions that the record leaves out. */
 Step BeginUnrecorded(const char* function);
 
 /** Puts an object under the care of the state and numbers it. */
@@ -212,7 +212,7 @@ void PutText(const char* function, const std::string&, T*) {
   Fault(std::string(function) + " has no text output to script");
 }
 
-/** Carries one step out; `work` does what the function is for and returns its result. */
+/** Carries out one step; `work` does what the function is for and returns its result. */
 template <typename Out, typename Work>
 int Perform(const char* function, const Step& step, Out* out, Work work) {
   RunHook(step.entering);

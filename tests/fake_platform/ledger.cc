@@ -27,7 +27,7 @@
 #define SVCMGR_FAKE_SANITIZED 1
 #endif
 
-// ThreadSanitizer of clang brings an operator new that cannot be replaced.
+// Clang's ThreadSanitizer brings an operator new that cannot be replaced.
 #ifndef SVCMGR_FAKE_KEEPS_NEW
 #define SVCMGR_FAKE_REPLACES_NEW 1
 #endif
@@ -120,7 +120,7 @@ bool Leave(void* block) {
   return false;
 }
 
-/** Gives a released block back, or keeps it, filled with a pattern, where no sanitizer watches. */
+/** Frees a released block or, where no sanitizer watches, keeps it, filled with a pattern. */
 void Discard(void* block, std::size_t size) {
 #ifdef SVCMGR_FAKE_SANITIZED
   static_cast<void>(size);
@@ -285,13 +285,14 @@ void __wrap_free(void* block) {
 
 #ifdef SVCMGR_FAKE_REPLACES_NEW
 /*
- * The global operator new and delete. They hand on to the next definition, so that a sanitizer
- * still sees blocks of new and blocks of malloc apart.
+ * The global operator new and delete. They call the next definition, so that a sanitizer still
+ * tells blocks of new from blocks of malloc.
  */
 
 namespace {
 
-// A symbol's name spells its parameters' types out, and std::size_t is not the same type everywhere.
+// A symbol's name spells out its parameters' types, and std::size_t is not the same type
+// everywhere.
 constexpr const char* kNewSymbol = std::is_same_v<std::size_t, unsigned long> ? "_Znwm" : "_Znwj";
 
 template <typename Function>
