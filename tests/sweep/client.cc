@@ -25,13 +25,13 @@ namespace sweep {
 namespace {
 
 constexpr int kTickMilliseconds = 10;
-/** So often, while nothing comes, the agent is asked whether it still answers. */
+/** While nothing comes, the agent is asked this often whether it still answers. */
 constexpr int kTicksPerProbe = 5;
-/** What has not come after so many answers of the agent, and nothing else, does not come. */
+/** What has not come after this many answers of the agent, and nothing else, will not come. */
 constexpr int kProbes = 20;
-/** What has not come after so many ticks in which nothing at all happened does not come. */
+/** What has not come after this many ticks in which nothing at all happened will not come. */
 constexpr int kQuietTicks = 1000;
-/** So many dispatches that nobody heard of are a loop that spins. */
+/** This many dispatches of which nobody hears mean that the loop spins. */
 constexpr int kIdleDispatches = 100000;
 
 constexpr char kLicence[] = "Licence of the sweep";
@@ -181,7 +181,7 @@ bool Succeeded(int code, const char* call, std::initializer_list<int> failures) 
   Progress();
   if (code == SVCMGR_ERROR_NONE) return true;
   if (phase == Phase::kSound) Fail("%s: %s answers %d", Doing(), call, code);
-  // Of every function; see the conventions of the public header.
+  // Any function may return it; see the conventions of the public header.
   if (code == SVCMGR_ERROR_INVALID_OPERATION) return false;
   if (code == SVCMGR_ERROR_NOT_CONNECTED && !Standing()) return false;
   for (const int failure : failures) {
@@ -273,7 +273,7 @@ bool AgentAnswers() {
   return velmora_svcmgr_get_agent_api_level(&level) == SVCMGR_ERROR_NONE && level == kLevel;
 }
 
-/** Runs the main loop until `done`; false if it is known that this does not come any more. */
+/** Runs the main loop until `done`; false once it is known not to come any more. */
 template <typename Done>
 bool Await(Done done) {
   int quiet = 0;
@@ -298,14 +298,14 @@ bool Await(Done done) {
 
 bool ConnectionIsOver() { return heard.lost > 0 || heard.refused > 0; }
 
-/** Ends a run whose application was told of a loss that the library names no way out of. */
+/** Ends a run whose application was told of a loss that has no way out. */
 [[noreturn]] void EndStranded() {
   record->stranded = true;
   record->ending = Ending::kPassed;
   _exit(EXIT_SUCCESS);
 }
 
-/** After a loss the application knows of, the agent's next announcement leads out. */
+/** After a loss that the application knows of, the agent's next announcement leads out. */
 void LeadOut() {
   if (heard.refused > 0) Fail("%s: the agent is said to refuse the client", Doing());
   if (Standing()) Fail("%s: a loss was told, but the connection stands", Doing());
@@ -575,7 +575,7 @@ void AskEverything() {
   if (phase == Phase::kFailing) AskForLists();
   UpdateAgents();
   WorkOnModels();
-  // What a work that failed has left installed is gone now: each list is as long as in other runs.
+  // What failed work had left installed is gone now: each list is as long as in other runs.
   if (phase == Phase::kSound) AskForLists();
   ForgetEvents();
 }
@@ -586,7 +586,7 @@ void OnDeath(int signal) {
   record->death_signal = signal;
   Disarm();
   record->death.Capture();
-  // As the kernel would: who started the process sees which signal it was.
+  // As a shell does: the exit status says which signal it was.
   ::signal(signal, SIG_DFL);
   _exit(128 + signal);
 }
@@ -617,7 +617,7 @@ void BecomeSound() {
   phase = Phase::kSound;
 }
 
-/** Connects where that failed; leads out of a loss. Returns when the connection stands. */
+/** Connects again if that failed, or leads out of a loss. Returns when the connection stands. */
 void StandAgain() {
   if (ConnectionIsOver()) LeadOut();
   if (!Standing()) Connect();

@@ -159,7 +159,7 @@ void Release(void* block) {
 }  // namespace
 
 void Stack::Capture() {
-  // Without this function.
+  // Leaves out this function.
   void* all[kMost + 1];
   depth = std::max(0, backtrace(all, kMost + 1) - 1);
   std::copy(all + 1, all + 1 + depth, frames);

@@ -6,9 +6,9 @@
 #include <cstddef>
 
 /*
- * The allocation functions of the whole process: malloc, calloc, realloc, strdup, strndup, the aligned
- * forms and each operator new, defined by the program that links this, so that every shared library
- * calls them. They count allocations, and let some fail.
+ * The allocation functions of the whole process: malloc, calloc, realloc, strdup, strndup, the
+ * aligned forms and each operator new, defined by the program that links this, so that every shared
+ * library calls them. They count allocations, and let some fail.
  */
 namespace sweep {
 
@@ -22,7 +22,7 @@ struct Stack {
   void Capture();
 };
 
-/** What is told of the allocations that failed; may stand in shared memory. */
+/** What is known of the allocations that failed; may be in shared memory. */
 struct Failures {
   static constexpr int kMostCallers = 64;
   std::atomic<long> counted{0};
@@ -32,16 +32,16 @@ struct Failures {
   const char* first_doing = "";
   Stack first;
   Stack last;
-  /** Who called the allocation functions that failed: the first of them. */
+  /** The callers of the first allocations that failed. */
   void* callers[kMostCallers] = {};
 };
 
 /**
- * From now on allocations count, those of callers that `counts` is true of; number `first` (from 1) and
+ * From now on allocations count, if `counts` is true of their callers; number `first` (from 1) and
  * the next ones, `burst` in all, fail.
  */
 void Arm(long first, long burst, Failures* failures, bool (*counts)(void* caller) = nullptr);
-/** Nothing fails any more. What is armed again goes on to count where it was. */
+/** Nothing fails any more; Rearm continues the count where it was. */
 void Disarm();
 void Rearm();
 
@@ -54,10 +54,10 @@ class Uncounted {
   Uncounted& operator=(const Uncounted&) = delete;
 };
 
-/** From now on it is known which blocks live. */
+/** From now on the living blocks are tracked. */
 void TrackBlocks();
 
-/** How many blocks that one place has asked for live. */
+/** How many living blocks one place has asked for. */
 struct LiveBlocks {
   void* caller;
   long blocks;

@@ -37,7 +37,7 @@ std::string Shortened(const std::string& function) {
   return text.empty() ? function : text;
 }
 
-/** The functions at an offset of a file, those that are inlined there first; empty if unknown. */
+/** The functions at an offset of a file, those inlined there first; empty if unknown. */
 std::vector<std::string> Lookup(const std::string& file, std::uintptr_t offset) {
   char arguments[64];
   snprintf(arguments, sizeof arguments, "' 0x%zx 2>/dev/null", static_cast<std::size_t>(offset));
@@ -69,7 +69,7 @@ const std::vector<std::string>& FunctionsAt(const void* address) {
     entry->second = {"?"};
     return entry->second;
   }
-  // A return address may belong to the next line; the call is in front of it.
+  // A return address may belong to the next line; the call is before it.
   const auto offset =
       reinterpret_cast<std::uintptr_t>(address) - reinterpret_cast<std::uintptr_t>(info.dli_fbase);
   entry->second = Lookup(info.dli_fname, offset - 1);

@@ -25,7 +25,7 @@ enum class Ending {
   kFailed,  // `why` says what was not
 };
 
-/** What a client tells the process that started it. Stands in memory that both share. */
+/** What a client tells the process that started it, in memory that both share. */
 struct RunRecord {
   static constexpr int kMostPlaces = 2048;
 
@@ -35,7 +35,7 @@ struct RunRecord {
 
   Ending ending = Ending::kNone;
   char why[512] = "";
-  /** Told that the connection was lost, and whether that had to end the run. */
+  /** Whether the application was told of a loss, and whether that had to end the run. */
   bool lost = false;
   bool stranded = false;
 

@@ -22,10 +22,10 @@
 namespace sweep {
 namespace {
 
-/** A client that has done nothing for so long will do nothing more. */
+/** A client that has done nothing for this long will do nothing more. */
 constexpr int kHangSeconds = 60;
 
-/** In place of a status that waitpid tells. */
+/** In place of a status from waitpid. */
 constexpr int kHung = -1;
 
 void RestoreSignals() {
@@ -57,7 +57,7 @@ bool AwaitEnd(pid_t client, const RunRecord& record) {
   return hung;
 }
 
-/** Where a signal came from: past its handler, the call of that by the kernel, raise and abort. */
+/** Where a signal came from: past its handler, the kernel's call of that, raise and abort. */
 const void* Interrupted(const Stack& stack) {
   int frame = 2;
   // With 32 bits a system call returns through the kernel's own library.
@@ -167,9 +167,8 @@ Outcome Runs::Tell(Judgement judgement) const {
 }
 
 /**
- * A place that asked for more of the blocks that are left than in the reference; null if there is
- * none. What other libraries keep for themselves may be asked for at one of their places instead of
- * another: there the sum counts.
+ * A place that has more living blocks than in the reference; null if there is none. Other libraries
+ * may ask for what they keep at one place instead of another: for them the sum counts.
  */
 void* Runs::PlaceWithMoreBlocks() const {
   struct Change {

@@ -21,7 +21,7 @@ enum class Verdict {
 struct Judgement {
   Verdict verdict = Verdict::kPassed;
   std::string why;
-  std::vector<std::string> stack;  // of what `why` tells of, if it is not the failing allocation
+  std::vector<std::string> stack;  // where `why` happened, if not at the failing allocation
 };
 
 /** A run, and what is known of it. */
@@ -36,7 +36,7 @@ struct Outcome {
   std::string errors;  // the last that the client wrote to standard error
 };
 
-/** What holds after a run in which nothing failed; others are measured by it. */
+/** What a run in which nothing fails leaves; others are measured by it. */
 struct Reference {
   int descriptors = 0;
   std::vector<LiveBlocks> places;

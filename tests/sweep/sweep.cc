@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// The whole sweep: a client that does everything, once for each of its allocations, which fails.
+// The whole sweep: a client that does everything, once for each of its allocations, which then
+// fails.
 //
-// Started by hand it makes worlds, each with an agent and a worker that runs clients there one after
-// the other, and prints what the workers found.
+// Started by hand, it makes worlds, each with an agent and a worker that runs clients there one
+// after the other, and prints what the workers found.
 #include <stdio.h>
 #include <unistd.h>
 

@@ -36,7 +36,7 @@ bool IsBlock(void* block) {
 
 template <typename T>
 bool IsNew(T* made) {
-  // Kept from the optimiser, which may leave out what nobody looks at.
+  // The optimiser may leave out what nobody looks at.
   T* volatile seen = made;
   delete seen;
   return seen != nullptr;
@@ -199,7 +199,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST_P(APlantedFault, IsFound) {
-  // The first that fails without ending the process: some are GLib's.
+  // Some of these fail without ending the process; others are GLib's.
   const Swept swept =
       Sweep("--from connection --burst 1 --first 55 --last 65 --workers 1 --plant " +
             std::string(GetParam().name));
