@@ -13,10 +13,10 @@
 #include <optional>
 #include <string>
 
-// Where the kernel says that the executable is; empty without a /proc, absent for the truth.
+// Where the kernel says that the executable is: empty for no /proc, absent for the truth.
 std::optional<std::string> executable;
 
-// The program's own definition comes before that of the C library.
+// The program's own definition takes precedence over that of the C library.
 extern "C" __attribute__((visibility("default"))) ssize_t readlink(const char* path, char* buffer,
                                                                    size_t size) {
   if (!executable || strcmp(path, "/proc/self/exe") != 0) {
@@ -62,7 +62,7 @@ class AnApplication : public testing::Test {
   }
 };
 
-// A program that says who it is, under a path and name of the test's choice.
+// A program that says who it is, under a path and a name that the test chooses.
 class AnExecutable : public AnApplication {
  protected:
   AnExecutable() {

@@ -170,7 +170,7 @@ TEST_F(ABundle, RefusesNullArguments) {
   EXPECT_EQ(bundle_get_str_array(nullptr, "texts", &count), nullptr);
   EXPECT_EQ(bundle_get_str_array(b_, nullptr, &count), nullptr);
   EXPECT_EQ(bundle_get_str_array(b_, "texts", nullptr), nullptr);
-  // None of the refused values has come in.
+  // None of the refused values was added.
   EXPECT_EQ(bundle_get_str(b_, "k", &text), -126);
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Bundles as bytes, which come from anybody.
+// Bundles as bytes, which may come from anybody.
 
 #include <bundle.h>
 #include <bundle_desktop.h>
@@ -102,7 +102,7 @@ TEST(AnEncodedBundle, IsRefusedWhenItIsCutAnywhere) {
   EXPECT_EQ(Decoded(bytes + '\0'), nullptr);
 }
 
-// One entry with a text, up to seven characters of key; and the framing of two such entries.
+// One entry with a text and a key of at most seven characters; and the framing of two of them.
 std::string Entry(const std::string& key) {
   std::string entry = key + '\0';
   entry.resize(8);

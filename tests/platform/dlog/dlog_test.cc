@@ -59,7 +59,7 @@ class Log : public testing::Test {
     return lines;
   }
 
-  // The messages alone, behind "TIME PRIORITY TAG PID: ".
+  // The messages alone, without "TIME PRIORITY TAG PID: ".
   std::vector<std::string> Messages() const {
     std::vector<std::string> messages;
     for (const std::string& line : Lines()) messages.push_back(line.substr(line.find(": ") + 2));
@@ -77,7 +77,7 @@ class ALogFile : public Log {};
 class AStandardErrorLog : public Log {};
 class ARecord : public Log {};
 
-// Status of a child that does `work` and exits, by exit or not at all the normal way.
+// Status of a child that does `work` and ends, by exit or, `at_once`, by _exit.
 int InChild(const std::function<void()>& work, bool at_once) {
   const pid_t child = fork();
   if (child == 0) {
@@ -187,7 +187,7 @@ TEST_F(ARecord, MakesEveryControlCharacterVisibleWhereverItStands) {
       dlog_print(DLOG_INFO, "TAG", "%s", text.c_str());
       char escaped[8];
       snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned>(c));
-      // A byte of its own above ASCII is no character.
+      // A single byte above ASCII is no character.
       if ((c < ' ' && c != '\t') || c >= 0x7f) text.replace(place, 1, escaped);
       expected.push_back(text);
     }
@@ -219,7 +219,7 @@ TEST_F(ARecord, ShowsTheCharactersThatSteerATerminalReorderItsLineOrHideInIt) {
       {"\xe2\x81\xa9", "\\xe2\\x81\\xa9"},  // U+2069
       {"\xef\xbb\xbf", "\\xef\\xbb\\xbf"},  // U+FEFF
       {"\xef\xbf\xb9", "\\xef\\xbf\\xb9"},  // U+FFF9
-      {"\xc2\xad", "\\xc2\\xad"},           // U+00AD: this and the next ones have no picture
+      {"\xc2\xad", "\\xc2\\xad"},           // U+00AD: this and the next ones are not visible
       {"\xcd\x8f", "\\xcd\\x8f"},           // U+034F
       {"\xe1\x85\x9f", "\\xe1\\x85\\x9f"},  // U+115F
       {"\xe1\xa0\x8e", "\\xe1\\xa0\\x8e"},  // U+180E
@@ -234,7 +234,7 @@ TEST_F(ARecord, ShowsTheCharactersThatSteerATerminalReorderItsLineOrHideInIt) {
       {"\xc0\xaf", "\\xc0\\xaf"},                    // longer than it may be
       {"\xe0\x80\xaf", "\\xe0\\x80\\xaf"},
       {"\xf0\x80\x80\xaf", "\\xf0\\x80\\x80\\xaf"},
-      {"\xed\xa0\x80", "\\xed\\xa0\\x80"},           // half of a pair
+      {"\xed\xa0\x80", "\\xed\\xa0\\x80"},           // lone surrogate
       {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},  // beyond the last character
       {"\xe2\x82", "\\xe2\\x82"},                    // ends early
   };
@@ -383,7 +383,7 @@ TEST_F(ALogFile, KeepsTheRecordsOfManyThreadsWholeAndInTheirOrder) {
   for (const int count : next) EXPECT_EQ(count, kRecords);
 }
 
-// The locks of AddressSanitizer's allocator are not given back to a forked child.
+// The locks of AddressSanitizer's allocator may stay locked in a forked child.
 #ifndef ADDRESS_SANITIZED
 TEST_F(ALogFile, MayBeWrittenWhileOtherThreadsFork) {
   ToFile("info");
@@ -392,7 +392,7 @@ TEST_F(ALogFile, MayBeWrittenWhileOtherThreadsFork) {
   });
   const auto log_and_die = [] {
     dlog_print(DLOG_ERROR, "TAG", "child");
-    // Nothing that belongs to the other thread is missed at an exit.
+    // Killed, so that no check at exit misses the other thread.
     kill(getpid(), SIGKILL);
   };
   for (int i = 0; i < 20; ++i) EXPECT_EQ(InChild(log_and_die, true), SIGKILL);
@@ -587,7 +587,7 @@ class AStandardErrorThatNobodyReads : public Log {
     }
     return text;
   }
-  // Logs until a record is lost. Number of records that were written.
+  // Logs until a record is lost; returns how many were written.
   static int FillWithRecords() {
     int written = 0;
     while (dlog_print(DLOG_ERROR, "TAG", "record %d", written) >= 0) ++written;
@@ -677,7 +677,7 @@ TEST_F(AStandardErrorLog, FailsTheRecordWhenItIsClosed) {
 // Sanitizers make system calls of their own.
 #ifndef SANITIZED
 
-// What becomes of one system call of the calling process, and of all others, from here on.
+// Decides what becomes of one system call of the calling process, and of all others, from here on.
 void Filter(unsigned system_call, unsigned if_so, unsigned if_not) {
   sock_filter filter[] = {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
@@ -695,7 +695,7 @@ void Filter(unsigned system_call, unsigned if_so, unsigned if_not) {
 // The process is killed at any system call but its exit.
 void ForbidSystemCalls() { Filter(SYS_exit_group, SECCOMP_RET_ALLOW, SECCOMP_RET_KILL_PROCESS); }
 
-// As where another user has made the pipe.
+// As if another user had made the pipe.
 void ForbidOpening() { Filter(SYS_openat, SECCOMP_RET_ERRNO | EACCES, SECCOMP_RET_ALLOW); }
 
 TEST_F(ALogFile, MakesNoSystemCallForARecordThatIsFilteredOrGathered) {
@@ -707,7 +707,7 @@ TEST_F(ALogFile, MakesNoSystemCallForARecordThatIsFilteredOrGathered) {
     for (int i = 0; i < 100; ++i) dlog_print(DLOG_INFO, "TAG", "gathered %d", i);
     _exit(0);
   };
-  // A child that a busy machine holds up for 200 ms writes what is old; not all of them are.
+  // A child that a busy machine delays for 200 ms writes what is old; not every child is.
   int status = -1;
   for (int attempt = 0; attempt < 10 && status != 0; ++attempt) {
     status = InChild(log_quietly, true);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a forked child has of its parent's subscriptions: nothing.
+// A forked child has none of its parent's subscriptions.
 
 #include <app_event.h>
 #include <glib.h>

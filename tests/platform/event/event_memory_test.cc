@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Subscribers whose memory runs out for a while. A program of its own, because it stands in front of
-// the allocators.
+// Subscribers whose memory runs out for a while. A program of its own, because it replaces the
+// allocators.
 
 #include <app_event.h>
 #include <app_event_desktop.h>
@@ -25,11 +25,10 @@ constexpr char kStatus[] = "event.com.example.agent.status";
 constexpr char kOther[] = "event.com.example.agent.other";
 
 constexpr long kAll = 1000000;
-// More places than there are.
+// More allocations than there are.
 constexpr long kMost = 500;
 
-// GLib ends the process when it gets no memory, and the test's own allocations are none of the
-// platform's.
+// Not GLib, which ends the process when it gets no memory, nor the test itself.
 bool IsOfThePlatform(void* caller) {
   for (const char* library : {"libcapi-appfw-event.", "libbundle.", "libsystemd.", "libstdc++."}) {
     if (sweep::IsIn(caller, library)) return true;
@@ -37,7 +36,7 @@ bool IsOfThePlatform(void* caller) {
   return false;
 }
 
-// While it exists allocations fail.
+// While it exists, allocations fail.
 class Shortage {
  public:
   static Shortage Nth(long n) { return {n, 1}; }
@@ -55,7 +54,7 @@ class Shortage {
 
 class ASubscriberShortOfMemory : public testing::Test {
  protected:
-  // What a first stack and a first main loop need is there from now on.
+  // Allocates what the first stack and the first main loop need.
   ASubscriberShortOfMemory() {
     sweep::Stack().Capture();
     PolledDescriptors();
@@ -88,14 +87,14 @@ class ASubscriberShortOfMemory : public testing::Test {
     const Uncounted own;
     publisher_.reset();
   }
-  // Whether so many come.
+  // Whether this many come, and no more.
   bool Hears(size_t count) {
     RunUntil([&] { return texts_.size() >= count; });
     return texts_.size() == count;
   }
 
   // Runs `work` with the first, second, third ... allocation failing, until none is left to fail;
-  // `judge` runs behind it, when all succeed again. Returns how many failed.
+  // `judge` runs after it, when all succeed again. Returns how many failed.
   template <typename Work, typename Judge>
   static long ForEachFailure(Work work, Judge judge) {
     for (long n = 1; n < kMost; ++n) {

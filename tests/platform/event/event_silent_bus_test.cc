@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A bus that is there and does not answer, which nobody may have to wait for.
+// A bus that exists but does not answer: nobody may have to wait for it.
 
 #include <app_event.h>
 #include <app_event_desktop.h>
@@ -46,7 +46,7 @@ constexpr char kStatus[] = "event.com.example.agent.status";
 constexpr char kOther[] = "event.com.example.agent.other";
 constexpr char kElsewhere[] = "event.com.example.other.status";
 
-// Far more than anything here takes, and far less than a bus is waited for that has no limit.
+// Far longer than anything here takes, and far shorter than a wait without a limit.
 constexpr std::chrono::seconds kSoon(60);
 
 using Texts = std::vector<std::string>;
@@ -74,7 +74,7 @@ class ASilentBus : public testing::Test {
     RunUntil([&] { return texts_.size() >= count; });
   }
   std::string Log() const {
-    // An error takes what was logged before it to the file.
+    // An error record takes what was logged before it to the file.
     dlog_print(DLOG_ERROR, "TEST", "so far");
     std::ifstream file(log_);
     return {std::istreambuf_iterator<char>(file), {}};
@@ -87,7 +87,7 @@ class ASilentBus : public testing::Test {
 
 class AStoppedBus : public ASilentBus {
  protected:
-  // While it answers.
+  // Subscribes while the bus still answers.
   void SubscribeBefore(const char* name) {
     Subscribe(name);
     EXPECT_EQ(event_desktop_await_subscriptions(), 0);
@@ -143,7 +143,7 @@ TEST_F(AStoppedBus, SendsTheEventsOfASubscriptionOnceItGoesOn) {
   bus_.Stop();
   Subscribe(kStatus);
   bus_.Continue();
-  // Behind the subscription, on the same connection.
+  // After the subscription, on the same connection.
   ASSERT_EQ(PublishHere(kStatus, "one"), 0);
   WaitForEvents(1);
   EXPECT_THAT(texts_, ElementsAre("one"));
@@ -221,7 +221,7 @@ TEST_F(ABusThatNeverGreets, KeepsNobodyWaitingAndNothingOpen) {
   EXPECT_EQ(PublishHere(kStatus, "one"), 0);
 }
 
-// So many wait to be taken that a further one is turned away.
+// So many wait to be accepted that one more is turned away.
 TEST(ABusThatTakesNobody, IsAskedAgain) {
   std::string path;
   {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Whose events are taken, on a bus that says what the test wants about its clients.
+// Whose events are accepted, on a bus that says what the test wants about its clients.
 
 #include <app_event.h>
 #include <gmock/gmock.h>
@@ -59,7 +59,7 @@ void SendOwnerChange(sd_bus* client, const char* owner) {
   sd_bus_message_unref(message);
 }
 
-// What a bus does, but for what the test says about the owners of the package's name.
+// Acts as a bus does, except for what the test says about the owners of the package's name.
 class ABusOfManyUsers : public testing::Test {
  protected:
   void Begin(const char* first_owner) {

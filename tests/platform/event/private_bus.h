@@ -13,16 +13,16 @@
 
 #include "support/open_descriptors.h"
 
-// A bus daemon of the test's own, which the process under test takes for the session's.
+// A private bus daemon, which the process under test takes for the session's.
 class PrivateBus {
  public:
   PrivateBus();
   ~PrivateBus();
 
-  // Kills the daemon; Start brings another one up under the same address.
+  // Kills the daemon; Start brings another one up at the same address.
   void Kill();
   void Start();
-  // Keeps the daemon from doing anything, and lets it go on.
+  // Suspends the daemon, and resumes it.
   void Stop() { Signal(SIGSTOP); }
   void Continue() { Signal(SIGCONT); }
 
@@ -54,7 +54,7 @@ class RawClient {
   const char* unique_name() const;
   // The unique name that owns a name; empty if there is none.
   std::string OwnerOf(const char* name);
-  // Every unique name on the bus but this one's own.
+  // The one unique name on the bus besides this client's own.
   std::string OnlyOtherClient();
 
   sd_bus* get() { return bus_; }
@@ -71,9 +71,10 @@ class Publisher {
   Publisher();
   ~Publisher();
   void End();
-  // The result of event_publish_app_event there.
+  // Returns the result of event_publish_app_event there.
   int Publish(const std::string& name, const std::string& key, const std::string& value);
-  // Publishes again and again, and runs the main context of this process, until the condition holds.
+  // Publishes again and again, and runs the main context of this process, until the condition
+  // holds.
   void PublishUntil(const std::string& name, const std::function<bool()>& condition);
 
  private:
@@ -82,7 +83,7 @@ class Publisher {
   pid_t process_ = -1;
 };
 
-// Publishes from this process, with a text under the key "key"; the result.
+// Publishes from this process, with a text under the key "key"; returns the result.
 int PublishHere(const char* name, const char* value);
 
 // Runs the default main context until the condition holds; fails the test after a generous time.

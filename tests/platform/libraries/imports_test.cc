@@ -34,7 +34,7 @@ std::set<std::string> ImportsOf(const std::string& file) {
   return imports;
 }
 
-// That of the library's file, as far as a test's name may hold it.
+// The name of the library's file, as far as a test's name may hold it.
 std::string NameOf(const testing::TestParamInfo<std::string>& library) {
   std::string name = library.param.substr(library.param.rfind("/lib") + 4);
   name.resize(name.find('.'));
@@ -53,8 +53,8 @@ class APlatformLibrary : public testing::TestWithParam<std::string> {
 };
 INSTANTIATE_TEST_SUITE_P(Of, APlatformLibrary, testing::ValuesIn(Libraries()), NameOf);
 
-// secure_getenv does: in a program that runs with more rights than its user has, the environment is
-// that user's and says nothing. GLib's folders come from the environment, too.
+// But by secure_getenv: in a program that runs with more rights than its user has, that user
+// controls the environment. GLib's folders come from the environment, too.
 TEST_P(APlatformLibrary, ReadsTheEnvironmentByNothingThatTrustsItInASetUserIdProgram) {
   ExpectNone({"getenv", "environ", "_environ", "__environ", "g_getenv", "g_environ_getenv",
               "g_get_environ", "g_get_home_dir", "g_get_tmp_dir", "g_get_user_cache_dir",
@@ -62,7 +62,7 @@ TEST_P(APlatformLibrary, ReadsTheEnvironmentByNothingThatTrustsItInASetUserIdPro
               "g_get_user_state_dir"});
 }
 
-// To register a destructor takes memory, and so do thread-local objects of a library that is loaded
+// Registering a destructor takes memory, and so do thread-local objects of a library that is loaded
 // late; without it the C library aborts the process.
 TEST_P(APlatformLibrary, HasNoThreadLocalObjectThatTakesMemoryInANewThread) {
   ExpectNone(

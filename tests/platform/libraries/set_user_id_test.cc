@@ -48,7 +48,7 @@ class AProgram : public testing::Test {
     if (geteuid() != 0) GTEST_SKIP() << "only root can make a program that runs as another user";
   }
 
-  // What the environment names belongs to whom the program runs as, who alone may use it.
+  // What the environment names belongs to the user that the program runs as, who alone may use it.
   void Prepare(uid_t owner, int mode) {
     const fs::path program = top_ / "probe";
     fs::copy_file(ENVIRONMENT_PROBE, program);
@@ -69,7 +69,7 @@ class AProgram : public testing::Test {
 
   // Output and errors of the program, run by kUser in this environment.
   std::string Run(std::vector<std::string> environment) {
-    // A leak check would trace the program, which may not be done with such a one.
+    // A leak check would trace the program, which is not allowed for a set-user-ID one.
     environment.push_back("ASAN_OPTIONS=detect_leaks=0");
     std::vector<char*> variables;
     for (std::string& variable : environment) variables.push_back(variable.data());

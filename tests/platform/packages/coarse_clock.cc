@@ -12,7 +12,7 @@ std::atomic<long> passed_ms{0};
 
 }  // namespace
 
-// Asked by the platform instead of the C library's.
+// The platform calls this instead of the C library's.
 extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t clock,
                                                                     timespec* now) {
   if (clock != CLOCK_MONOTONIC_COARSE) {

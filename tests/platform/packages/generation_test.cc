@@ -11,13 +11,13 @@
 
 namespace {
 
-// What writing to a place in a file does: as many bytes as there is room for, or this errno.
+// How many bytes a write may take: with none, it fails with ENOSPC.
 constexpr size_t kUnlimited = SIZE_MAX;
 size_t room = kUnlimited;
 
 }  // namespace
 
-// Asked by the platform instead of the C library's.
+// The platform calls this instead of the C library's.
 extern "C" __attribute__((visibility("default"))) ssize_t pwrite(int fd, const void* data,
                                                                  size_t size, off_t offset) {
   using Function = ssize_t(int, const void*, size_t, off_t);
@@ -79,7 +79,7 @@ TEST_F(AGeneration, GoesWhereItCannotBeWrittenAnyMore) {
   EXPECT_FALSE(std::filesystem::exists(Path()));
 }
 
-// A file system in memory for the folder, as small as there is one.
+// A file system in memory for the folder, as small as they come.
 class AFullFileSystem : public AGeneration {
  protected:
   void SetUp() override {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Whether look-ups are never stale, and cheap.
+// Whether look-ups are cheap and never stale.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -39,7 +39,8 @@ constexpr Way kOnce = {"Once", 1, kNone};
 constexpr Way kOften = {"Often", 200, kNone};
 constexpr Way kOnceWithoutWatch = {"OnceWithoutWatch", 1, SYS_inotify_init1};
 
-// What becomes of one system call of this process and its children, from here on. True on success.
+// Decides what becomes of one system call of this process and its children, from here on. True on
+// success.
 bool Filter(long system_call, unsigned if_so, unsigned if_not) {
   sock_filter filter[] = {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
@@ -52,9 +53,9 @@ bool Filter(long system_call, unsigned if_so, unsigned if_not) {
          prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
 }
 
-// Whoever writes the folder, and however often it has been asked before: each look-up that follows a
-// change must see it, but for changes by hand in a folder that the desktop's tools write, too: these may
-// take 10 ms.
+// Whoever writes the folder, and however often it was asked for before, each look-up that follows a
+// change must see it. Only changes by hand in a folder that the desktop's tools also write may take
+// 10 ms.
 class ALookUp : public PackageWorld, public testing::WithParamInterface<Way> {
  protected:
   ALookUp() {
@@ -130,7 +131,7 @@ TEST_P(ALookUp, SeesWhatIsWrittenThroughAnotherLinkOfAKeyFile) {
     std::ofstream(elsewhere) << KeyFile(std::to_string(i));
     ASSERT_EQ(VersionOf("a"), std::to_string(i));
   }
-  // A broken one is as good as any.
+  // A broken file is seen, too.
   std::ofstream(elsewhere) << "broken";
   ASSERT_EQ(VersionOf("a"), "");
   Ask("a");
@@ -316,7 +317,7 @@ TEST_P(ALookUp, IsFreshOnBothSidesOfAFork) {
   Ask("a");
   const pid_t child = fork();
   if (child == 0) {
-    // The child's look-ups must not eat what the parent has yet to hear of.
+    // The child's look-ups must not take news that the parent has yet to read.
     bool fresh = VersionOf("a") == "1";
     for (int i = 0; i < 100; ++i) {
       WriteByHand("a", KeyFile(std::to_string(i)));
@@ -334,7 +335,7 @@ TEST_P(ALookUp, IsFreshOnBothSidesOfAFork) {
 
 TEST_P(ALookUp, LeavesNoDescriptorBehindAndHandsNoneToOtherPrograms) {
   ASSERT_EQ(Install("a", "1"), 0);
-  // The last descriptor is opened by a process that asks often.
+  // A process opens its last descriptor only after many look-ups.
   for (int i = 0; i < 200; ++i) ASSERT_EQ(VersionOf("a"), "1");
   const int before = OpenDescriptors();
   for (int i = 0; i < 50; ++i) {
@@ -389,7 +390,7 @@ TEST_P(LookUps, AreRightInAllThreadsWhileAToolChangesTheFolder) {
 TEST_P(LookUps, AreRightInAllThreadsWhileSomebodyChangesAFolderWithoutAGeneration) {
   WriteByHand("a", KeyFile("0"));
   ExpectRightAnswersDuring([this](int i) {
-    // In one step: a half-written file would be none for a moment.
+    // In one step: a half-written file would count as none for a moment.
     std::ofstream(folder_ / "new") << KeyFile(std::to_string(i));
     std::filesystem::rename(folder_ / "new", PathOf("a"));
   });
@@ -448,7 +449,7 @@ TEST_F(ManyLookUps, MakeNoSystemCallWhileNothingChangesInAFolderOfThePlatform) {
       for (int i = 0; i < 200; ++i) {
         if (package_info_create("a", &info) == 0) package_info_destroy(info);
       }
-      // What happens further up is not heard of.
+      // What happens further up is ignored.
       std::ofstream(top_.parent_path() / (top_.filename().string() + "-noise")) << "noise";
       std::filesystem::remove(top_.string() + "-noise");
       if (forbidden) ForbidSystemCalls();

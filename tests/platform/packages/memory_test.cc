@@ -29,7 +29,7 @@ void* Refused() {
 
 }  // namespace
 
-// The C library's allocations, which everybody in the process makes.
+// In place of the C library's, for everybody in the process.
 #pragma GCC visibility push(default)
 extern "C" {
 void* __libc_malloc(size_t size);
@@ -87,7 +87,7 @@ TEST_F(AThreadWithoutMemory, LooksUpWhatIsInstalledByHand) {
   ExpectRightAnswers();
 }
 
-// Of a look-up that is the first one after a change.
+// In the first look-up after a change.
 class AFailedAllocation : public PackageWorld {
  protected:
   // Looks "a" up with the `nth` allocation failing, and again with memory.
@@ -112,7 +112,7 @@ class AFailedAllocation : public PackageWorld {
     int status = -1;
     EXPECT_EQ(waitpid(child, &status, 0), child);
     if (!WIFSIGNALED(status)) return WEXITSTATUS(status);
-    // GLib ends a process that it has no memory for, by one signal or the other, and says so.
+    // GLib ends a process that it has no memory for, by one signal or another, and says so.
     const bool deliberate = WTERMSIG(status) == SIGTRAP || WTERMSIG(status) == SIGABRT;
     return deliberate && Said().find(": failed to allocate ") != std::string::npos ? kFailed
                                                                                    : kWrong;

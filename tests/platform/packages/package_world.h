@@ -18,7 +18,7 @@
 
 inline constexpr int kNoSuchPackage = static_cast<int>(0xFEEB0071);
 
-// A package folder of the test's own, which the process under test is pointed to.
+// A private package folder, which the process under test uses.
 class PackageWorld : public testing::Test {
  protected:
   PackageWorld() {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Counts the calls of the kernel that a message costs, by standing in front of the C library. A
-// program of its own, because sanitizers stand there too.
+// Counts the system calls that a message costs, by replacing functions of the C library. A program
+// of its own, because sanitizers replace them, too.
 #include <dlfcn.h>
 #include <glib.h>
 #include <poll.h>
@@ -20,7 +20,7 @@ thread_local int waits = 0;
 
 void Reset() { sends = receives = waits = 0; }
 
-// Counts a wait and hands it on to the C library's function of that name.
+// Counts a wait and passes it on to the C library's function of that name.
 template <typename... Arguments>
 int Wait(const char* name, Arguments... arguments) {
   ++waits;
@@ -40,8 +40,8 @@ ssize_t recv(int fd, void* bytes, size_t size, int flags) {
   ++receives;
   return syscall(SYS_recvfrom, fd, bytes, size, flags, nullptr, nullptr);
 }
-// Which of its names a wait has depends on how the caller, GLib among them, was compiled: with limits
-// finer than a millisecond, with checks of its bounds, with 64 bits of time on 32 bits.
+// By which name a caller such as GLib waits depends on how it was compiled: with limits finer than
+// a millisecond, with bounds checks, with 64-bit times on 32 bits.
 int poll(pollfd* fds, nfds_t count, int timeout) { return Wait("poll", fds, count, timeout); }
 int ppoll(pollfd* fds, nfds_t count, const timespec* timeout, const sigset_t* mask) {
   return Wait("ppoll", fds, count, timeout, mask);

@@ -49,7 +49,7 @@ FailingAllocations::~FailingAllocations() { armed = false; }
 
 int FailingAllocations::count() const { return failed; }
 
-// The program's own definitions come before those of the C and C++ libraries.
+// The program's own definitions take precedence over those of the C and C++ libraries.
 
 #pragma GCC visibility push(default)
 

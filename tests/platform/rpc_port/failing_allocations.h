@@ -5,7 +5,7 @@
 #include <cstddef>
 
 // While it exists, allocations of the ports fail: those that they ask for themselves, or through
-// the C++ library. GLib's do not, because it ends the process then; nor do the test's own, as long
+// the C++ library. GLib's do not, because it would end the process; nor do the test's own, as long
 // as its strings are short.
 class FailingAllocations {
  public:

@@ -18,8 +18,8 @@ using testing::SizeIs;
 
 namespace {
 
-// The sockets that were opened since then, lowest first: of a connection the main stream, then the
-// other.
+// The sockets that were opened since then, lowest first: for a connection the main stream, then the
+// callback stream.
 std::vector<int> SocketsSince(const std::map<int, std::string>& before) {
   std::vector<int> opened;
   for (const auto& [fd, target] : OpenDescriptors()) {

@@ -18,7 +18,7 @@ class AStubAmongBadClients : public PortTest {
  protected:
   AStubAmongBadClients() { EXPECT_EQ(server.Listen(), 0); }
 
-  // Whatever has happened: a good client is served.
+  // Whatever has happened, a good client is served.
   ~AStubAmongBadClients() override {
     Client good;
     EXPECT_TRUE(good.ConnectNow());
@@ -264,7 +264,7 @@ TEST_F(AStubAmongBadClients, LosesPatienceWithTheHalfOpen) {
 TEST_F(AStubAmongBadClients, AcceptsAgainOnceDescriptorsAreFree) {
   const RawStream waiting;
   accept_failure = EMFILE;
-  // Comes to an end: the loop is not kept busy by a stream that cannot be accepted.
+  // This returns: a stream that cannot be accepted does not keep the loop busy.
   RunAllReady();
   accept_failure = 0;
   Client good;

@@ -60,7 +60,7 @@ TEST_F(AProxyOfAnInstalledServer, FailsDependingOnWhatIsInstalled) {
   EXPECT_EQ(Connect(), -22);
 }
 
-// UndefinedBehaviorSanitizer looks at pointers through a pipe of its own.
+// UndefinedBehaviorSanitizer checks pointers through a pipe of its own.
 #if !defined(IS_SANITIZED)
 TEST_F(AProxyOfAnInstalledServer, FailsWithAnIoErrorWithoutDescriptors) {
   Install("");

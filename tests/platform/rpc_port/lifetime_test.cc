@@ -70,7 +70,7 @@ class WatchedProxy {
   bool destroyed_ = false;
 };
 
-// A main loop inside a callback, until the condition holds.
+// Runs a main loop inside a callback, until the condition holds.
 void RunNested(const std::function<bool()>& condition) { EXPECT_TRUE(RunUntil(condition)); }
 
 }  // namespace
@@ -253,7 +253,7 @@ TEST_F(AConnectionsEnd, ReleasesAThreadThatWaitsForAReply) {
   ASSERT_TRUE(RunUntil([&] { return called.load(); }));
   EXPECT_EQ(client.Destroy(), 0);
   caller.join();
-  // The second where the thread has not come to wait yet.
+  // -22 if the thread had not begun to wait yet.
   EXPECT_THAT(reply, testing::AnyOf("!-5", "!-22"));
   RunAllReady();
   EXPECT_THAT(client.events, ElementsAre("connected"));
@@ -386,8 +386,8 @@ TEST_F(AConnectionsEnd, ClosesTheServersDescriptors) {
 
 using AProxysEnd = PortTest;
 
-// The server has a process of its own, so that only the thread that destroys the proxy changes the main
-// context's sources: the locks inside GLib are invisible to the thread sanitizer.
+// The server has a process of its own, so that only the thread that destroys the proxy changes the
+// main context's sources: the locks inside GLib are invisible to the thread sanitizer.
 TEST_F(AProxysEnd, MayComeFromAnyThreadAtAnyTime) {
   Peer server({"serve-pushing"});
   ASSERT_EQ(server.Line(), "ready");

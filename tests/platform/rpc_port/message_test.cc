@@ -50,7 +50,7 @@ class ADyingServerProcess : public AServerProcess {
 
 std::atomic<int> signals_seen{0};
 
-// Signals interrupt every call of the kernel.
+// Lets signals interrupt every system call.
 void CountSignals(int number) {
   struct sigaction action = {};
   action.sa_handler = [](int) { ++signals_seen; };
@@ -397,7 +397,7 @@ TEST_F(AConnection, NeverMakesTheServerWaitForItsClient) {
   ASSERT_TRUE(RunUntil([&] { return client.Saw("last"); }));
   ASSERT_THAT(client.events, SizeIs(kCount + 2));
   for (size_t i = 1; i <= kCount; ++i) ASSERT_TRUE(client.events[i] == text);
-  // With the queue gone everything is as before.
+  // With the queue gone, everything is as before.
   EXPECT_EQ(server.Push("more"), 0);
   EXPECT_TRUE(RunUntil([&] { return client.Saw("more"); }));
 }

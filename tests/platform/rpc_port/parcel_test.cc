@@ -10,7 +10,7 @@ namespace {
 
 constexpr size_t kMaxContent = size_t{16} << 20;
 
-// Reading fails and leaves both the output and the place of reading alone.
+// Reading fails and leaves both the output and the read position alone.
 void ExpectNoString(const std::string& bytes) {
   const Message message = Message::OfBytes(bytes);
   char untouched;

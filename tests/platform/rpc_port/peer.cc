@@ -65,14 +65,14 @@ void LeaveChild() {
   for (;;) pause();
 }
 
-// Serves; a child that it had did what it could against the port.
+// Serves, after a forked child has done its worst to the port.
 int ServeForking() {
   Server server;
   if (server.Listen() != 0) return 1;
   const pid_t child = fork();
   if (child == 0) {
     RunAllReady();
-    // An end as any: with what runs at exit.
+    // A normal end, with what runs at exit.
     std::exit(server.Destroy() == -22 ? 0 : 1);
   }
   int status = -1;
@@ -104,7 +104,7 @@ int Listen() {
   return server.Listen() == 0 ? 0 : 1;
 }
 
-// Connects, calls so many times, and ends as a good client does.
+// Connects, calls this many times, and ends as a good client does.
 int Call(const std::string& count) {
   Client client;
   if (!client.ConnectNow()) return 1;

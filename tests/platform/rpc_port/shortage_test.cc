@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A client whose memory or descriptors run out for a while. A program of its own, because it stands
-// in front of the allocators.
+// A client whose memory or descriptors run out for a while. A program of its own, because it
+// replaces the allocators.
 #include <glib.h>
 
 #include <cstring>
@@ -16,11 +16,11 @@ using testing::ElementsAre;
 
 namespace {
 
-// More places than there are.
+// More allocations than there are.
 constexpr int kMost = 500;
 
 // Runs `work` with the first, second, third ... allocation failing, until none is left to fail;
-// `judge` runs behind it, when all succeed again. Returns how many failed.
+// `judge` runs after it, when all succeed again. Returns how many failed.
 int ForEachFailure(const std::function<void()>& work, const std::function<void()>& judge) {
   for (int n = 1; n < kMost; ++n) {
     SCOPED_TRACE("allocation " + std::to_string(n));
@@ -46,7 +46,7 @@ class AClientInNeed : public PortTest {
   }
   void ExpectServed() { EXPECT_EQ(Call(client->main(), "next"), "next"); }
 
-  // A received message only if there is memory for it.
+  // Takes a received message only if there is memory for it.
   void TakeIfPossible() {
     client->on_received = [this] {
       rpc_port_parcel_h parcel = nullptr;
@@ -173,7 +173,7 @@ TEST_P(AClientShortOfMemoryForPushes, LooksAgainNowAndThenOnly) {
   TakeIfPossible();
   taken = 0;
   {
-    // Whether the messages wait in the kernel or here.
+    // Allocations fail whether the messages wait in the kernel or here.
     const auto failing = FailingAllocations::AtLeast(GetParam() > 4000 ? 1000 : 200);
     const gint64 begin = g_get_monotonic_time();
     EXPECT_TRUE(RunUntil([&] { return failing.count() >= 4; }));

@@ -40,7 +40,7 @@ auto RunBeside(Work work) {
   return result.get();
 }
 
-// A parcel that goes away by itself.
+// A parcel that releases itself.
 class Message {
  public:
   Message() { EXPECT_EQ(rpc_port_parcel_create(&h), 0); }
@@ -88,7 +88,7 @@ class Client {
 
   rpc_port_proxy_h h = nullptr;
   std::vector<std::string> events;
-  // Called behind the record; `on_received` instead of taking a message and recording its text.
+  // Called after recording; `on_received` instead of taking a message and recording its text.
   std::function<void()> on_connected, on_disconnected, on_rejected, on_received;
 };
 
@@ -165,7 +165,7 @@ std::string HelloBytes(int32_t kind, char token, int32_t version = 1,
 extern const std::string kAcceptedBytes;
 extern const std::string kRejectedBytes;
 
-// The open descriptors of this process, with what they stand for.
+// The open descriptors of this process, with what they refer to.
 std::map<int, std::string> OpenDescriptors();
 
 std::string SocketPath();  // of the test's own server

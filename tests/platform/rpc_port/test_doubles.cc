@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
-// The program's own definitions come before those of the platform's libraries.
+// The program's own definitions take precedence over those of the platform's libraries.
 
 int check_client_result = 0;
 std::string checked_server;

@@ -7,7 +7,7 @@
 // What this process is when nothing else is said.
 constexpr char kOwnAppId[] = "org.example.self";
 
-// What the installed packages say about the next client, and about whom they have been asked last.
+// What the installed packages say about the next client, and whom they were last asked about.
 extern int check_client_result;
 extern std::string checked_server;
 extern std::string checked_client;
