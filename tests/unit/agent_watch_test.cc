@@ -91,7 +91,7 @@ TEST_P(ARefusal, OfTheSubscriptionIsLoggedAndTheConnectionStaysWanted) {
   EXPECT_EQ(fake::CountCalls(kRemove), 0U);
   Watch().KeepConnection();  // tries again
   EXPECT_EQ(fake::CountCalls(kAdd), 2U);
-  fake::AllowHeld(fake::Kind::kEventHandler, 2);  // what the platform made in spite of its refusal
+  fake::AllowHeld(fake::Kind::kEventHandler, 2);  // what the platform made despite its refusal
 }
 
 TEST_P(ARefusal, OfTheSubscriptionShowsAnUpdateOfTheAgentAsAPlainLoss) {
@@ -157,7 +157,7 @@ TEST_F(TheWatch, ThatCannotBeBuiltMakesTheAttemptFailAndIsBuiltByTheNext) {
   fake::AllowHeldConnection();
 }
 
-// Who has been promised a connection hears of it, however little memory there is.
+// Whoever was promised a connection hears of it, however little memory there is.
 TEST_F(TheWatch, AllocatesNothingWhenTheConnectionStandsOrEnds) {
   if (!fake::SeesOperatorNew()) GTEST_SKIP() << "operator new cannot be made to fail here";
   ASSERT_EQ(connection.Connect(), 0);

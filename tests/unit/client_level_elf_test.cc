@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The search for markers in real files, held against what readelf says about them.
+// The search for markers in real files, compared with what readelf says about them.
 
 #include <algorithm>
 #include <map>
@@ -45,7 +45,7 @@ Found ToFound(const Bytes& record) {
   return {number(8), number(10), number(12), number(14)};
 }
 
-/** The record of a file, by readelf's word about its sections. */
+/** The record of a file, by what readelf says about its sections. */
 Found RecordOf(const std::string& file, const std::vector<binutils::Section>& sections) {
   for (const binutils::Section& section : sections) {
     if (section.size != 16) continue;
@@ -82,7 +82,7 @@ Found NewestBelow(const fs::path& folder, const Records& records) {
 using Sections = std::vector<std::pair<std::string, Bytes>>;
 
 struct RealFiles : AnApplicationFolder {
-  /** Holds each file against readelf, whose word is returned. */
+  /** Compares each file with what readelf says, and returns that. */
   Records Check(const std::vector<std::string>& files) {
     Bytes list;
     for (const std::string& file : files) list += file + '\0';
@@ -103,7 +103,7 @@ struct RealFiles : AnApplicationFolder {
     return records;
   }
 
-  /** Puts sections into a copy of a file when RunPlans is called; the copy's path. */
+  /** Puts sections into a copy of a file when RunPlans is called; returns the copy's path. */
   std::string Plan(const std::string& source, const fs::path& name, const Sections& sections) {
     const fs::path target = Root() / name;
     fs::create_directories(target.parent_path());
@@ -129,7 +129,7 @@ struct RealFiles : AnApplicationFolder {
     return target;
   }
 
-  /** A file outside of the application's folder. */
+  /** A file outside the application's folder. */
   std::string FileOf(const Bytes& bytes) {
     std::string& file = contents_[bytes];
     if (file.empty()) {
@@ -160,7 +160,7 @@ TEST_F(RealFiles, OfTheSystemHoldWhatIsPlantedIntoThem) {
   std::vector<std::string> planted;
   Records expected;
   for (std::size_t i = 0; i < count; ++i) {
-    // What objcopy does not know how to copy is left out.
+    // What objcopy cannot copy is left out.
     const std::string target =
         Plan(Quote(files[i * files.size() / count]), std::to_string(i),
              {{".kyr", Marker{20, 1, 1, static_cast<unsigned>(i)}.ToBytes()}});
@@ -174,7 +174,7 @@ TEST_F(RealFiles, OfTheSystemHoldWhatIsPlantedIntoThem) {
   for (const auto& [file, record] : Check(planted)) EXPECT_EQ(record, expected[file]) << file;
 }
 
-/** Where among others a section is added. */
+/** Where a section is added among others. */
 struct Place {
   const char* name;
   Sections before;

@@ -27,7 +27,7 @@ inline constexpr char kWalk[] = "kyr_section_get_latest";
 inline constexpr char kReader[] = "kyr_section_read_file";
 inline constexpr char kNoMarker[] = "There is no file having .kyr section";
 
-/** A folder of its own below the temporary one, removed with all that is in it. */
+/** A private folder below the temporary one, removed with all that is in it. */
 class TemporaryFolder {
  public:
   TemporaryFolder() {

@@ -22,7 +22,7 @@
 
 namespace {
 
-/** Bytes of a file, from the first up to the end. */
+/** Bytes of a file, from `first` up to but not including `end`. */
 struct Span {
   std::size_t first;
   std::size_t end;
@@ -36,7 +36,7 @@ struct Files {
   int reads = 0;
   std::size_t bytes_read = 0;
   std::function<int(const std::string&)> on_open;  // before a file is opened; an errno, or 0
-  std::function<int(struct stat64&)> on_stat;      // behind the call; an errno, or 0
+  std::function<int(struct stat64&)> on_stat;      // after the call; an errno, or 0
   std::function<void()> on_read;                   // before a read
   std::vector<Span> unreadable;                    // what no read gets
   bool walk_fails = false;
@@ -270,7 +270,7 @@ TEST_F(TheClientLevel, IsSearchedForAnewEachTime) {
 }
 
 TEST_F(TheClientLevel, IsThatOfTheNewestMarkerOrAnErrorWhateverMemoryIsMissing) {
-  // The tables lie where one read of a file's front does not bring them.
+  // The tables lie beyond what the first read of a file brings.
   for (const unsigned level : {7U, 12U, 9U}) {
     Builder builder(Kind::k64);
     for (int i = 0; i < 1000; ++i) builder.Section("text");
@@ -339,7 +339,7 @@ TEST_P(TheNewerOfTwo, IsTakenWhereverTheyStand) {
 }
 
 TEST_F(AnApplicationFolder, OfEqualMarkersHasTheFirstThatIsMet) {
-  // They differ in the format, which orders nothing; who is met first is up to the file system.
+  // They differ in the format, which orders nothing; which is met first is up to the file system.
   const std::string names[] = {"a", "b", "c/d", "c/e"};
   for (unsigned turn = 0; turn < 4; ++turn) {
     for (unsigned i = 0; i < 4; ++i) Write(names[i], Marker{11, 2, 3, 182, (i + turn) % 4});
@@ -829,7 +829,7 @@ TEST_F(AFileThatGrows, HasNothingBehindItsNewEnd) {
 }
 
 TEST_F(AFileThatGrows, HasNothingWhenItTurnsOutToBeNoFileOrItsSizeIsUnknown) {
-  // No real device gives both the front of a file and a size, so what fstat says is made up.
+  // No real device has both the front of a file and a size, so what fstat says is made up.
   const Bytes large = Builder(Kind::k64).GapBeforeContents(9000).Section(Marker{}).Build();
   const std::pair<mode_t, int> answers[] = {
       {S_IFREG, 0}, {S_IFBLK, 0}, {S_IFCHR, 0}, {S_IFREG, EIO}, {S_IFBLK, EIO}};
@@ -862,7 +862,7 @@ TEST_F(AFileThatChanges, TimeAfterTimeIsReadWithoutInterruption) {
 struct ATable : AnElfFile {
   static constexpr std::size_t kCount = 1500;
 
-  /** A table whose headers, from one on, are all of markers, each of the level of its number. */
+  /** A table whose headers, from `first` on, are all of markers, each with its number as level. */
   static Bytes WithMarkersFrom(std::size_t first) {
     Builder builder = New();
     for (std::size_t i = 0; i < kCount; ++i) {
@@ -877,7 +877,7 @@ struct ATable : AnElfFile {
 
   static std::size_t EntrySize() { return New().EntrySize(); }
 
-  /** Where a header stands in such a file. */
+  /** The place of a header in such a file. */
   static std::size_t Place(const path& file, std::size_t entry) {
     return static_cast<std::size_t>(fs::file_size(file)) - (kCount - entry) * EntrySize();
   }
@@ -941,7 +941,7 @@ TEST_P(ATable, HasTheMarkerBehindOneThatCannotBeRead) {
   EXPECT_EQ(SearchIn(builder.Section(Marker{})), kOwn);
 }
 
-/** Runs work in a process without root's rights; its result is the process's. */
+/** Runs `work` in a process without root's rights; returns its result. */
 int WithoutRights(const std::function<int()>& work) {
   const pid_t child = fork();
   if (child == 0) {
@@ -983,7 +983,7 @@ std::ptrdiff_t OpenDescriptors() {
   return std::distance(fs::directory_iterator("/proc/self/fd"), {});
 }
 
-// A table is read in pieces of 256 headers; what is in front of it takes one read more.
+// A table is read in pieces of 256 headers; what comes before it takes one more read.
 constexpr int kReadsOfTheMostSections = 1 + 65536 / 256;
 
 using ASearch = AnApplicationFolder;
@@ -1104,7 +1104,7 @@ TEST_F(ASearch, NeedsFewDescriptorsHoweverDeepTheFolders) {
   EXPECT_LE(most, before + 3);
 }
 
-/** 40 folders of 500 entries each, in which there is all that a search has to get around. */
+/** 40 folders of 500 entries each, with everything that a search has to get around. */
 struct AManifoldFolder : ASearch {
   static constexpr int kFolders = 40;
 
@@ -1114,7 +1114,7 @@ struct AManifoldFolder : ASearch {
     const path text = Write("text", Bytes(52, 'x'));
     const path vanishing = Write("elsewhere/vanishing", Marker{98});
     for (int folder = 0; folder < kFolders; ++folder) {
-      // First or last: whichever way a file system lists them, some stand behind what vanishes.
+      // First or last: whichever way a file system lists them, some come after what vanishes.
       if (folder % 2 == 0) WriteNewest(folder);
       fs::create_directories(Folder(folder));
       fs::permissions(Folder(folder), fs::perms::all);

@@ -26,7 +26,7 @@ inline void Stand() {
   fake::ClearRecord();
 }
 
-/** Connected, but no proxy: the event comes inside an attempt that fails all the same. */
+/** Connected, but without a proxy: the event comes inside an attempt that fails all the same. */
 inline void StandWithoutProxy() {
   fake::AllowHeldConnection();
   fake::Next("rpc_port_proxy_connect",

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The client context, as far as the walks do not tell: failures, and what happens inside an attempt.
+// The client context beyond what the walks cover: failures, and what happens inside an attempt.
 
 #include <SvcMgrAppProxyHandler.h>
 

@@ -58,9 +58,9 @@ class Builder {
   /** Unused bytes between the header and the contents, and between those and the table. */
   Builder& GapBeforeContents(std::size_t size) { return Set(gap_before_contents_, size); }
   Builder& GapBeforeTable(std::size_t size) { return Set(gap_before_table_, size); }
-  /** The table stands directly behind the header, and the contents behind it. */
+  /** The table comes directly after the header, and the contents after it. */
   Builder& TableFirst() { return Set(table_first_, true); }
-  /** Fills of a section's header what nobody looks at: name, type, flags, address, ... */
+  /** Fills what nobody looks at in a section's header: name, type, flags, address, ... */
   Builder& FillHeaders(char byte) { return Set(filler_, byte); }
   /** Fills the file's own header the same way. */
   Builder& FillFileHeader(char byte) { return Set(file_filler_, byte); }
@@ -73,7 +73,7 @@ class Builder {
     return *this;
   }
   Builder& Section(const Marker& marker) { return Section(marker.ToBytes()); }
-  /** A section of which the header claims another size. */
+  /** A section whose header claims another size. */
   Builder& SectionClaiming(std::uint64_t size, const Bytes& content) {
     sections_.push_back({content, std::nullopt, size});
     return *this;

@@ -28,7 +28,7 @@ inline std::string RefusalOf(int code, const std::string& event) {
   return "err: [" + std::to_string(code) + " (" + fake::ErrorText(code) + ")] - [" + event + "]";
 }
 
-/** The records but for those of entering an exported function. */
+/** The records except those of entering an exported function. */
 inline std::vector<fake::LogRecord> Errors() {
   std::vector<fake::LogRecord> errors;
   for (const fake::LogRecord& record : fake::Logs()) {
@@ -117,7 +117,7 @@ inline int AnnounceFailure(int code) {
   return fake::FireEvent(kUpdateStatus, fake::BundleBuilder().Int("Fail", code));
 }
 
-/** Puts the update state at a value by its own transitions. */
+/** Brings the update state to a value by its own transitions. */
 inline void Enter(int state) {
   svcmgr::AgentUpdateState& updates = svcmgr::agent_update_state;
   updates.End();

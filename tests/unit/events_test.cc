@@ -93,7 +93,7 @@ struct Subscriber {
   std::function<int(int*)> set;  // with a callback that counts
   std::function<int()> set_null;
   std::function<int()> unset;
-  std::function<bool()> fire;  // an event of which the callback hears
+  std::function<bool()> fire;  // an event that the callback hears of
 };
 
 void CountStatus(int, void* count) { ++*static_cast<int*>(count); }
@@ -210,10 +210,10 @@ TEST_P(EachSubscriber, SucceedsWhenTheSubscriptionIsRefusedAndTriesAgain) {
   EXPECT_EQ(It().set(&count), 0);
   EXPECT_EQ(It().unset(), 0);
   EXPECT_EQ(fake::CountCalls(kRemove), 1U);
-  fake::AllowHeld(fake::Kind::kEventHandler, 1);  // what the platform made in spite of its refusal
+  fake::AllowHeld(fake::Kind::kEventHandler, 1);  // what the platform made despite its refusal
 }
 
-// Seen through an event that was under way: the platform has a subscription of an earlier set.
+// Seen by an event that was under way: the platform has a subscription of an earlier set.
 TEST_P(EachSubscriber, KeepsTheCallbackWhenTheSubscriptionIsRefused) {
   fake::Next(kAdd, fake::FailAfterWork(-5));
   EXPECT_EQ(It().set(&count), 0);
@@ -243,7 +243,7 @@ TEST_P(EachSubscriber, IsUnsubscribedAlsoWhenTheRemovalIsRefused) {
     EXPECT_EQ(fake::CountCalls(kAdd), 1U);
     EXPECT_EQ(It().unset(), 0);
   }
-  fake::AllowHeld(fake::Kind::kEventHandler, 1);  // that of which the removal was refused
+  fake::AllowHeld(fake::Kind::kEventHandler, 1);  // the one whose removal was refused
 }
 
 TEST_P(EachSubscriber, CallsNobodyWhenTheRemovalIsRefused) {

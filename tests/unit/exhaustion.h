@@ -13,9 +13,9 @@
 namespace exhaustion {
 
 /**
- * Runs `work` with its first, second, third ... allocation failing, until a run reaches its end with
- * all of them; `prepare` runs before each, `judge` after each, and is told whether one failed.
- * Returns how many could fail.
+ * Runs `work` with its first, second, third ... allocation failing, until a run gets all that it
+ * asks for; `prepare` runs before each, `judge` after each, and is told whether one failed. Returns
+ * how many could fail.
  */
 inline int ForEachFailingAllocation(const std::function<void()>& prepare,
                                     const std::function<void()>& work,

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A program that defines functions of the platform itself and links the shared library: it is asked
-// before the platform is.
+// A program that links the shared library and defines functions of the platform itself: they are
+// called instead of the platform's.
 
 #include <dlog.h>
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The shared library as the loader sees it, held against its header and its list of exports.
+// The shared library as the loader sees it, compared with its header and its list of exports.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -120,7 +120,7 @@ TEST(TheListOfExports, HidesAllElse) {
 TEST(TheSharedLibrary, ExportsWhatTheHeaderDeclaresAndNothingElse) {
   Names exported;
   for (const auto& [name, type] : DynamicSymbols()) {
-    // Asked of others.
+    // Needed, not defined.
     if (type == "U" || type == "w" || type == "v") continue;
     EXPECT_EQ(type, "T") << name;
     exported.insert(name);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a forked child has of its parent's connection, subscriptions and update: nothing.
+// A forked child inherits no connection, no subscriptions and no update.
 
 #include <sys/wait.h>
 #include <unistd.h>

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the checks of the exported functions have in common: their records, the agent's level, and the
-// guard around their work.
+// What the exported functions' checks share: records, the agent's level, the guard around the work.
 
 #include <stdexcept>
 #include <string>
@@ -41,7 +40,7 @@ struct Level {
 
 void PrintTo(const Level& level, std::ostream* out) { *out << level.level; }
 
-/** The level as two functions with a null callback show it: only enough of it shows the null. */
+/** The level as two functions show it: only if it is high enough do they see a null callback. */
 int ObservedLevel() {
   const int models = velmora_svcmgr_ai_request_usable_model_list(nullptr, nullptr);
   const int categories =
@@ -73,11 +72,11 @@ INSTANTIATE_TEST_SUITE_P(
                     Level{-1, {"0.10006"}},
                     Level{8, {"0.10007", "0.20002", "1.10002", "2.-1", "3.-9998"}},
                     Level{11, {"0.20003", "1.10003", "-1.40000"}},
-                    // What else stands in the text.
+                    // What else the text may hold.
                     Level{-1, {"", "abc", "v2.3", ".3", "0x2.3", "-2.3"}},
                     Level{8, {"2,3", "2.x.3", "2 .3", "2..3"}},
                     Level{11, {"2.3beta", "  2.3", "2. 3", "+2.+3"}},
-                    // Numbers beyond int, and beyond all.
+                    // Numbers beyond int, and beyond every type.
                     Level{-1,
                           {"-2147483649.0", "-99999999999999999999.0", "2.-4294967296",
                            "2.-99999999999999999999"}},

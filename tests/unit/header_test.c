@@ -1,6 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The public header, included first and alone. Compiled as C99, and by header_test_cxx98.cc as
- * C++98. */
+/* The public header, included first and alone: as C99, and by header_test_cxx98.cc as C++98. */
 
 #include <velmora_svcmgr.h>
 
@@ -50,7 +49,7 @@ int PROBE(error_count)(void) { return (int)(sizeof errors / sizeof errors[0]); }
 const char* PROBE(error_name)(int row) { return errors[row].name; }
 int PROBE(error_value)(int row) { return errors[row].value; }
 
-/* Calls every function that takes arguments with null for all that are pointers. */
+/* Calls every function that takes arguments, with null for each pointer. */
 int PROBE(null_calls)(int* refused) {
   velmora_svcmgr_connection_cb on_connection = 0;
   velmora_svcmgr_ai_model_list_cb on_models = 0;

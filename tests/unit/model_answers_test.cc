@@ -95,8 +95,8 @@ struct AnAnswer : fake::PlatformTest {
     fake::Proxy().FireReceived();
   }
 
-  // What the conversion of this many models leaves on purpose, once the list is destroyed: the
-  // storage, for each model the temporary record with its four texts, and what leads to the records.
+  // What the conversion of this many models leaves on purpose, once the list is destroyed: storage,
+  // for each model the temporary record with its four texts, and the links to the records.
   void KeptByConversion(std::size_t models) {
     const std::size_t storage_and_link = models > 0 && fake::SeesOperatorNew() ? 2 : 0;
     kept += storage_and_link + 5 * models;
@@ -386,7 +386,7 @@ TEST_F(AnAnswer, DoesNoHarmWhereverMemoryRunsOut) {
         ReleaseAnswers();
       });
   EXPECT_GE(failures, 10);
-  // How much is left depends on how far each conversion came; nothing but that kind is left.
+  // How much is left depends on how far each conversion came, but it is only of these kinds.
   for (const fake::Block& block : fake::LiveBlocks()) {
     EXPECT_THAT(block.origin, ::testing::AnyOf("calloc", "strndup", "new"));
   }

@@ -32,7 +32,7 @@ constexpr ModelNotice kFailed{0, 24};
 
 class AModelStatus : public events::AReceived<events::ModelStatuses> {
  protected:
-  /** Nothing is received, of which this is the record. */
+  /** Nothing is received, and this record says so. */
   void ExpectDropped(const testing::Matcher<const fake::LogRecord&>& record) const {
     EXPECT_THAT(statuses.received, IsEmpty());
     EXPECT_THAT(fake::Logs(), ElementsAre(record));

@@ -239,7 +239,7 @@ struct ATextOfLength : ModelHandles, ::testing::WithParamInterface<std::tuple<Fi
   static const Field& TheField() { return std::get<0>(GetParam()); }
   static std::size_t Length() { return std::get<1>(GetParam()); }
 
-  // No two of its bytes that lie near each other are the same.
+  // Bytes that lie near each other differ.
   static std::string Text() {
     std::string text;
     for (std::size_t i = 0; i < Length(); ++i) text.push_back(static_cast<char>('!' + i % 90));
@@ -247,7 +247,7 @@ struct ATextOfLength : ModelHandles, ::testing::WithParamInterface<std::tuple<Fi
   }
   static std::string Bounded() { return Text().substr(0, kBound); }
 
-  // A record may hold a longer text than the setters let in.
+  // A record may hold a longer text than the setters accept.
   static void Plant(Info info) { info->*TheField().member = strdup(Text().c_str()); }
 };
 
@@ -294,7 +294,7 @@ struct ModelLists : ModelHandles {
   static Texts Second() { return {"model-2", "2.0", "Second", "of three"}; }
   static Texts Third() { return {"model-3", "3.0", "Third", "of three"}; }
 
-  // The blocks that no record and no text lies in.
+  // The blocks that hold neither a record nor a text.
   static std::vector<std::size_t> StorageSizes() {
     std::vector<std::size_t> sizes;
     for (const fake::Block& block : fake::LiveBlocks()) {
@@ -407,7 +407,7 @@ TEST_F(ModelLists, DestroyTheirModelsThroughThePublicFunction) {
   EXPECT_EQ(Steps(), expected);
 }
 
-// Destroying a list of three models while the agent vanishes behind some of them.
+// Destroying a list of three models while the agent vanishes after some of them.
 struct AListDestroyThatStops : ModelLists, ::testing::WithParamInterface<int> {
   void SetUp() override {
     ModelLists::SetUp();

@@ -35,7 +35,7 @@ struct Listener : SvcMgrAppPort::IEventListener {
   }
 };
 
-/** Counts its life and its messages; reads nothing of a payload. */
+/** Counts those alive, and their messages; reads nothing of a payload. */
 class Delegate : public SvcMgrAppPort::CallbackBase {
   struct Data {
     int alive = 0;
@@ -75,7 +75,7 @@ inline std::shared_ptr<SvcMgrAppPort> MakePort(Listener* listener) {
   return std::make_shared<SvcMgrAppPort>(listener, kTarget);
 }
 
-/** A port behind its connected event, and a clear record. */
+/** A port after its connected event, and a clear record. */
 class ConnectedPort : public fake::PlatformTest {
  protected:
   void SetUp() override {

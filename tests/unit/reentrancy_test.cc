@@ -157,8 +157,8 @@ const std::vector<Event> kEvents = {
 class AnAction : public client::ConnectedTest,
                  public testing::WithParamInterface<std::tuple<Event, Action>> {};
 
-// Whatever is done wherever: nothing crashes, leaks or is used after its end, which the fake and the
-// sanitizers watch, and a fresh connection works afterwards.
+// Whatever is done wherever, nothing crashes, leaks or is used after its end, which the fake and
+// the sanitizers watch, and a fresh connection works afterwards.
 TEST_P(AnAction, IsSurvivedInsideAnyCallback) {
   World world;
   if (velmora_svcmgr_disconnect() != 0 || world.connection.Connect() != 0) FAIL();

@@ -209,7 +209,7 @@ TEST_F(AThrowingCallback, IsNotNeededForAThrowingConnectedEvent) {
 
 /* Threads that end. */
 
-/** Runs `work` on a thread; returns whether it came back from it. */
+/** Runs `work` on a thread; returns whether it returned. */
 bool ComesBack(const std::function<void()>& work) {
   bool back = false;
   std::thread([&] {

@@ -26,7 +26,7 @@ void Release(Handle handle, int (*destroy)(Handle)) {
   EXPECT_EQ(destroy(handle), SVCMGR_ERROR_NONE);
 }
 
-// The storage of a list that held something would stay behind.
+// The storage of a list that held something would be left.
 void ReleaseContents(velmora_svcmgr_agent_list_h agents) {
   for (char* agent : agents->agents) std::free(agent);
   decltype(agents->agents)().swap(agents->agents);
@@ -135,7 +135,7 @@ void Register(Stage& stage) {
 }
 void RemoveMarkers(Stage&) { fake::SetApplication({}); }
 
-// As in a model of which the text was never set.
+// As in a model whose text was never set.
 template <char* velmora_svcmgr_ai_model_info_s::* field>
 void Unset(Stage& stage) {
   std::free(stage.info->*field);
@@ -290,7 +290,7 @@ Rows RequestFunctions() {
           .NeedsLevel(11)
           .NeedsProxy()
           .Returns(SVCMGR_ERROR_INVALID_PARAMETER, AskForACategoryOfNobody)
-          // What leads to the app info that is kept can be done without.
+          // The link to the app info that is kept is dispensable.
           .WithoutMemory({SVCMGR_ERROR_NONE, SVCMGR_ERROR_INVALID_OPERATION}),
       // The usable list's entry record; log readers know this request by it.
       Function(NAMED(ai_request_model_version_list), Needed(&Stage::info),

@@ -25,9 +25,9 @@ extern char untouched[];
 inline constexpr int kUntouched = -4321;
 
 /**
- * What exported functions are called with: a handle of each kind that is filled, one of each kind to
- * be destroyed, callbacks, and outputs. The installed packages hold one that declares the category,
- * and the application's folder a marker. Releases all of it, and leaves a clear record.
+ * What exported functions are called with: a handle of each kind that is filled, one of each kind
+ * to be destroyed, callbacks, and outputs. The installed packages hold one that declares the
+ * category, and the application's folder a marker. Releases all of it, and leaves a clear record.
  */
 struct Stage {
   Stage();
@@ -109,7 +109,7 @@ Argument<Role::kGiven, T> Given(T Stage::* member) {
   return {member};
 }
 
-/** Passes arguments to a function, null for those of a set of needed ones. */
+/** Passes arguments to a function, with null for a set of the needed ones. */
 class Caller {
  public:
   Caller(Stage& stage, unsigned nulls) : stage_(stage), nulls_(nulls) {}
@@ -142,7 +142,7 @@ class Caller {
   std::function<void()> on_success_;
 };
 
-/** What a function wants of the connection. */
+/** What a function needs of the connection. */
 enum class Wants {
   kNothing,
   kConnection,  // one that stands
@@ -152,7 +152,7 @@ enum class Wants {
 /** A row: the rules of a function, in the order in which they apply. */
 class Function {
  public:
-  /** Brings about that the next call of a function returns a certain code. */
+  /** Makes the next call of a function return a certain code. */
   using Occasion = std::function<void(Stage&)>;
 
   template <typename... Parameters, typename... Arguments>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The rules of the interface: each row of their table held against its function, and the table
+// The rules of the interface: each row of their table checked against its function, and the table
 // against the public header.
 
 #include <ModelUpdateEventHandler.h>
@@ -67,7 +67,7 @@ class AFunction : public fake::PlatformTest, public testing::WithParamInterface<
  protected:
   void TearDown() override { Restart(); }
 
-  /** Accounts for what was done, and lets all be as in a new process. */
+  /** Accounts for what was done, and makes everything as in a new process. */
   static void Restart() {
     SvcMgrAppProxyHandler::GetInstance().Disconnect();
     UpdateStatusEventHandler::GetInstance().UnsetEventCallback();
@@ -82,7 +82,7 @@ class AFunction : public fake::PlatformTest, public testing::WithParamInterface<
   static const Function& It() { return GetParam(); }
   static unsigned AllSets() { return 1U << It().needed; }  // of needed arguments
 
-  /** Goes where a call with all that it needs succeeds. */
+  /** Enters a state in which a call with all that it needs succeeds. */
   static void Prepare() {
     if (It().wants != Wants::kNothing) connection::Stand();
     fake::ForgetMessages();
@@ -135,7 +135,7 @@ TEST_P(AFunction, SucceedsAfterTheLookUpsAndWritesItsEntryRecordAlone) {
                            It().unit != "service_status_cb.cc";
   if (!of_a_handle) calls.resize(expected.size());
   EXPECT_EQ(calls, expected);
-  if (It().name == "velmora_svcmgr_connect") return;  // tells more
+  if (It().name == "velmora_svcmgr_connect") return;  // writes more
   ExpectRecords();
 }
 

@@ -33,7 +33,7 @@ class AnUpdateStatus : public events::AReceived<events::Statuses> {
     return fake::FireEvent(kUpdateStatus, BundleBuilder().Int(kAppId, result));
   }
 
-  /** The calls but for the bundle's name: "bundle_get_str Complete". */
+  /** The calls without the bundle's name: "bundle_get_str Complete". */
   static std::vector<std::string> Lookups() {
     std::vector<std::string> lookups;
     for (const fake::Call& call : fake::Calls()) {

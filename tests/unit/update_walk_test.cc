@@ -3,20 +3,20 @@
 //
 // A walk is an order of the steps in kSteps. The library takes it on the fake platform, and the
 // model below says what must be seen: return codes, application callbacks, platform calls and log
-// records, in one order, and what velmora_svcmgr_is_being_updated tells behind each step.
+// records, in one order, and what velmora_svcmgr_is_being_updated says after each step.
 //
 // What is walked: a step that cannot happen (a port event without a proxy, an event without a
 // subscription) is left out, after checking that the platform has indeed nobody to tell: without
 // it the walk is a shorter one, which is walked too. Then
 //   - every order up to kForked steps, each in a process of its own;
-//   - every order up to kExhaustive steps, and every order up to kConnected steps behind
+//   - every order up to kExhaustive steps, and every order up to kConnected steps after
 //     "connect connected", in one process, which starts each walk from an idle context: all that
-//     differs from a new process then is that the singletons stand;
+//     differs from a new process then is that the singletons exist;
 //   - the orders up to kPruned steps, but a walk goes on only if no other walk of its length or
 //     shorter has led to the same state of the model by the same two last steps.
 //
 // SVCMGR_WALK_LENGTH=7 walks every order up to that length, in a process for each processor: some
-// minutes. A walk that fails prints itself; SVCMGR_WALK="connect connected ..." walks that one alone.
+// minutes. A walk that fails prints itself; SVCMGR_WALK="connect connected ..." walks it alone.
 
 #include <SvcMgrAppProxyHandler.h>
 #include <agent_update_state.h>
@@ -39,7 +39,7 @@
 
 namespace {
 
-// Sanitizers take ten times as long for a walk, and what they look for does not take longer ones.
+// Sanitizers take ten times as long for a walk, and what they look for needs no longer ones.
 #ifdef SANITIZED
 constexpr std::size_t kFewerSteps = 1;
 #else
@@ -173,7 +173,7 @@ class Model {
   bool HasProxy() const { return proxy_; }
   bool IsWatching() const { return watch_ != 0; }
 
-  /** All that the model's future depends on, but for the numbers that name things. */
+  /** All that the model's future depends on, except the numbers that name things. */
   using State = std::tuple<bool, bool, bool, int>;
   State state() const { return {connected_, proxy_, watch_ != 0, update_}; }
 
@@ -475,7 +475,7 @@ class Generator {
 
   explicit Generator(Check check, Share share = {}) : check_(check), share_(share) {}
 
-  /** Checks each order of up to `length` steps behind `start`, as far as it is in the share; false
+  /** Checks each order of up to `length` steps after `start`, as far as it is in the share; false
    *  if one fails. Orders that are not short are checked as beginnings of the longest. */
   bool WalkAll(const Walk& start, std::size_t length) {
     Model model;
@@ -513,7 +513,7 @@ class Generator {
   std::size_t walks() const { return walks_; }
 
  private:
-  // How deep the walks are divided into shares: there are enough for equal ones.
+  // The depth at which walks are divided into shares: there are enough for equal ones.
   static constexpr std::size_t kShared = 3;
 
   bool Extend(const Walk& walk, const Model& model, std::size_t more) {
