@@ -9,7 +9,7 @@ namespace events {
 // Calls a function on the default main context when its time has come. Setting it takes no memory.
 class Alarm {
  public:
-  // `ring` is called again and again until the alarm is stopped or set anew, even inside itself by
+  // `ring` is called again and again until the alarm is stopped or set again, even inside itself by
   // a nested main loop; it may destroy the alarm.
   Alarm(gint priority, const char* name, void (*ring)());
   ~Alarm();

@@ -54,7 +54,7 @@ class BusConnection {
   BusConnection(const BusConnection&) = delete;
   BusConnection& operator=(const BusConnection&) = delete;
 
-  // Whether the connection still stands, or is being opened, as far as is known.
+  // Whether the connection is open or being opened, as far as is known.
   bool IsOpen() const;
   // Whether this process owns a package's name or has asked for it; that ends with the connection.
   bool IsPublisher() const;
@@ -75,7 +75,7 @@ class BusConnection {
   // Makes this process the owner of the package's name, without ever queueing for it: -EACCES if it
   // is another's, -ETIMEDOUT while the bus has not answered.
   int Claim(const std::string& package, uint64_t deadline);
-  // Claims the package's name and sends an event. What the bus does not take in time goes out with
+  // Claims the package's name and sends an event. What the bus does not take in time is sent by
   // Process.
   int Publish(const EventName& name, const unsigned char* payload, size_t size, uint64_t deadline);
 
@@ -137,7 +137,7 @@ class BusConnection {
   // What the bus has said and nobody has looked at yet.
   struct InHand {
     Message message;
-    Package* package = nullptr;  // if it tells this one's owner
+    Package* package = nullptr;  // if it names this one's owner
   };
 
   // A name that this process owns or has asked for.

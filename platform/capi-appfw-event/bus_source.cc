@@ -75,7 +75,7 @@ GSource* AttachBusSource(int fd, Wish (*ask)(), void (*dispatch)()) {
   source->poll_events = G_IO_IN;
   source->due_time = 0;
   g_source_set_name(base, "application events");
-  // A handler may run a main loop of its own.
+  // A handler may run its own main loop.
   g_source_set_can_recurse(base, TRUE);
   g_source_attach(base, nullptr);
   return base;

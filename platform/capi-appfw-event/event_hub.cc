@@ -272,7 +272,7 @@ std::vector<EventHub::Handler> EventHub::HandlersOf(const std::string& name) {
 
 Wish EventHub::Ask() {
   const std::lock_guard<OwnedMutex> lock(mutex_);
-  // Due at once, for the dispatch to let it go.
+  // Due at once, so that the dispatch drops it.
   if (inherited_) return {-1, 0, 0};
   if (!connection_ || pause_.IsSet()) return {-1, 0, UINT64_MAX};
   const int events = connection_->PollEvents();

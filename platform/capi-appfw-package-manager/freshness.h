@@ -13,12 +13,12 @@
 
 namespace packages {
 
-// Whether what was read of a package folder is still the latest, told without asking the kernel.
+// Whether what was read of a package folder is still the latest, known without asking the kernel.
 //
 // It is while the folder's generation word, which the functions of package_desktop.h change before
 // they return, is what it was before the reading, and the folder's watch, which notices all other
-// changes, had no news less than 10 ms ago. In a folder without a generation word, it cannot be
-// told.
+// changes, had no news less than 10 ms ago. In a folder without a generation word, this is never
+// known.
 //
 // A generation file that somebody truncates ends the process that next looks at its word. The watch
 // tells of it, so that only those 10 ms are dangerous; without them, every look-up would have to
@@ -47,7 +47,7 @@ class Freshness {
     if (generation_) until_.store(watch_read_at + kTrust, std::memory_order_release);
   }
 
-  // There is something newer: it holds in no thread any more.
+  // There is something newer: it no longer holds in any thread.
   void End() { until_.store(0, std::memory_order_release); }
 
   const std::shared_ptr<const Generation>& generation() const { return generation_; }

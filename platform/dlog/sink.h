@@ -27,7 +27,7 @@ void OpenSink();
 bool SinkKeepsColour();
 pid_t ProcessId();
 
-// Writes a record, a line with its newline: at once or, to a file, when enough has gathered.
+// Writes a record, a line with its newline: at once or, to a file, when enough has accumulated.
 // Returns 0 or a negative code.
 int WriteToSink(log_priority prio, std::string_view line);
 

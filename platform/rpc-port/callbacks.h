@@ -45,7 +45,7 @@ class CallbackList {
 // child none begins.
 class CallbackGate {
  public:
-  // Held while a callback runs; false if none may run any more.
+  // Held while a callback runs; false if none may begin.
   class Pass {
    public:
     explicit Pass(CallbackGate* gate) : gate_(gate->Enter() ? gate : nullptr) {}

@@ -13,9 +13,8 @@
 namespace rpc_port_desktop {
 
 // A source of the default main context that watches several descriptors. It may be dispatched
-// inside its own dispatch, by a nested main loop: that spares the main loop the re-arming of its
-// poll set around each dispatch, and leaves it to the handler to decide what a nested loop
-// delivers.
+// inside its own dispatch, by a nested main loop: the main loop then need not re-arm its poll set
+// around each dispatch, and the handler decides what a nested loop delivers.
 //
 // Thread-safe; the handler is called on the thread that runs the context.
 class LoopSource {

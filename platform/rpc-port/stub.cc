@@ -88,7 +88,7 @@ void Stub::Dispatch() {
   }
 }
 
-// False if nobody waits any more, or nobody can be accepted now.
+// False if no more are waiting, or none can be accepted now.
 bool Stub::Accept() {
   base::UniqueFd socket(accept4(socket_->fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
   if (!socket) {

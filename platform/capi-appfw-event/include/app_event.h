@@ -18,12 +18,12 @@
  * one has waited in vain, none waits at all until the bus shows that it is alive. The main loop is
  * never kept waiting.
  *
- * Where memory is short for a while, no event of a subscription that stands is lost: what cannot be
+ * Where memory is short for a while, no event of an active subscription is lost: what cannot be
  * read or delivered is kept, and the main loop tries again ten times a second. Only a shortage
  * inside GLib ends the process, as everywhere.
  *
  * A child made by fork() has none of its parent's subscriptions: they are invalid in it, and
- * nothing is delivered to them. It subscribes and publishes over a connection of its own.
+ * nothing is delivered to them. It subscribes and publishes over its own connection.
  */
 
 #include <bundle.h>
@@ -72,9 +72,8 @@ int event_remove_event_handler(event_handler_h event_handler);
  * owns the package's name on the bus from then on, without ever queueing for it; -13 if another
  * process does.
  *
- * What a bus does not take within two seconds is kept, up to 64 MiB, and goes out with the main
- * loop; -5 beyond that. If the bus says only then that another process owns the name, that is
- * logged.
+ * What a bus does not take within two seconds is kept, up to 64 MiB, and sent by the main loop; -5
+ * beyond that. If the bus says only then that another process owns the name, that is logged.
  */
 int event_publish_app_event(const char* event_name, bundle* event_data);
 

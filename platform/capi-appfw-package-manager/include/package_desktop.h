@@ -7,7 +7,7 @@
  * package admits. Applications never need it; a device has its package manager instead.
  *
  * The folder is $VELMORA_PACKAGE_DIR, else velmora/packages below the user's data folder
- * ($XDG_DATA_HOME, else ~/.local/share); a process settles it at its first look-up. It need not
+ * ($XDG_DATA_HOME, else ~/.local/share); a process chooses it at its first look-up. It need not
  * exist: there are no packages then. It holds one key file for each package, PACKAGE_ID.package:
  *
  *     [Package]

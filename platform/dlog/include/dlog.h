@@ -7,10 +7,10 @@
  *
  * On the desktop records go to standard error, each with one write, or to the end of the file that
  * VELMORA_LOG_FILE names: a regular file or a character device; for anything else, such as a pipe,
- * which could block the process, standard error is used. Records for a file are gathered: they are
- * written when a record of error priority or above comes, when 64 KiB have gathered, at the next
+ * which could block the process, standard error is used. Records for a file are buffered: they are
+ * written when a record of error priority or above comes, when 64 KiB have accumulated, at the next
  * record after 200 ms, and when the process exits; a forked child never writes those of its parent.
- * What has gathered is lost when the process replaces itself by exec or is killed.
+ * What is still buffered is lost when the process replaces itself by exec or is killed.
  *
  * No record blocks the process for long. What a sink, such as a pipe that nobody reads, does not
  * take is given up after 100 ms, and then every record at once until the sink takes one again.
@@ -54,10 +54,10 @@ typedef enum {
 /**
  * Writes one record, formatted as by printf. The texts are copied before the call returns.
  *
- * Returns 0 or more on success, also when the record's priority is filtered out, else a negative
- * error code: -22 for a null argument, a priority that no record has, or a conversion that fails,
- * -5 if the sink refuses or does not take it in time, -12 when memory is exhausted. errno stays as
- * it was. Callable from any thread.
+ * Returns 0 or more on success, even when the record's priority is filtered out, otherwise a
+ * negative error code: -22 for a null argument, a priority that no record has, or a conversion that
+ * fails, -5 if the sink refuses or does not take it in time, -12 when memory is exhausted. errno
+ * stays as it was. Callable from any thread.
  */
 int dlog_print(log_priority prio, const char* tag, const char* fmt, ...)
     __attribute__((format(printf, 3, 4)));

@@ -24,7 +24,7 @@
  * tried again ten times a second.
  * 7. A child made by fork() has none of its parent's proxies, stubs and ports: their descriptors
  * are closed in it, their handles are invalid and their callbacks never come, even when it runs the
- * main loop. It can make its own. Whatever it does, and however it ends, the parent's go on.
+ * main loop. It can make its own. Whatever it does, and however it ends, the parent's keep working.
  */
 
 #include <stdbool.h>
@@ -173,8 +173,8 @@ typedef int (*rpc_port_stub_received_event_cb)(const char* sender, const char* i
 int rpc_port_stub_create(rpc_port_stub_h* h, const char* port_name);
 
 /**
- * Ends all connections of the stub and releases it; legal inside any of its own callbacks, of which
- * none is called any more.
+ * Ends all connections of the stub and releases it; legal inside any of its own callbacks, none of
+ * which is called again.
  */
 int rpc_port_stub_destroy(rpc_port_stub_h h);
 
