@@ -33,7 +33,7 @@ void OnConnection(int, int, void* connected) { *static_cast<bool*>(connected) = 
   if (velmora_svcmgr_connect(OnConnection, &connected) != 0) _exit(1);
   while (!connected) g_main_context_iteration(nullptr, TRUE);
   int level = 0;
-  // What the first calls settle for all others is not counted.
+  // What only the first calls do is not counted.
   for (int i = 0; i < 100; ++i) velmora_svcmgr_get_agent_api_level(&level);
   syscall(kMark, 0, 0);
   for (int i = 0; i < kCalls; ++i) velmora_svcmgr_get_agent_api_level(&level);
