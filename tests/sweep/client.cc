@@ -19,7 +19,7 @@
 #include "service/control.h"
 #include "support/open_descriptors.h"
 
-// All that this client keeps is static: an allocation of its own would be among those that fail.
+// All that this client keeps is static: its own allocations would be among those that fail.
 
 namespace sweep {
 namespace {
@@ -273,7 +273,7 @@ bool AgentAnswers() {
   return velmora_svcmgr_get_agent_api_level(&level) == SVCMGR_ERROR_NONE && level == kLevel;
 }
 
-/** Runs the main loop until `done`; false once it is known not to come any more. */
+/** Runs the main loop until `done`; false once it is known that this will not come. */
 template <typename Done>
 bool Await(Done done) {
   int quiet = 0;
@@ -305,7 +305,7 @@ bool ConnectionIsOver() { return heard.lost > 0 || heard.refused > 0; }
   _exit(EXIT_SUCCESS);
 }
 
-/** After a loss that the application knows of, the agent's next announcement leads out. */
+/** After a loss that the application knows of, the agent's next announcement reconnects. */
 void LeadOut() {
   if (heard.refused > 0) Fail("%s: the agent is said to refuse the client", Doing());
   if (Standing()) Fail("%s: a loss was told, but the connection stands", Doing());
@@ -319,13 +319,13 @@ void LeadOut() {
   if (!Await(Standing)) Fail("%s: does not lead out", Doing());
 }
 
-/** Returns whether the connection stands. */
+/** Returns whether it is connected. */
 bool Connect() {
   heard = {};
   platform = {};
   const int code = velmora_svcmgr_connect(OnConnection, nullptr);
   if (!Succeeded(code, "connect", {SVCMGR_ERROR_CONNECTION_FAILED})) {
-    // The connection may have been reported first; then this leads out.
+    // The connection may have been reported first; this ends it.
     const Uncounted own;
     if (velmora_svcmgr_disconnect() != SVCMGR_ERROR_NONE) Fail("%s: no way out", Doing());
     return false;
@@ -567,7 +567,7 @@ void WorkOnModels() {
   }
 }
 
-/** Everything that can be asked, on a connection that stands or has just been lost. */
+/** Everything that can be asked, on a connection that is up or has just been lost. */
 void AskEverything() {
   FollowEvents();
   AskForLevels();
@@ -617,7 +617,7 @@ void BecomeSound() {
   phase = Phase::kSound;
 }
 
-/** Connects again if that failed, or leads out of a loss. Returns when the connection stands. */
+/** Connects again if that failed, or recovers from a loss. Returns once connected. */
 void StandAgain() {
   if (ConnectionIsOver()) LeadOut();
   if (!Standing()) Connect();

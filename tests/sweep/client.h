@@ -12,8 +12,8 @@ enum class Plant { kNone, kBlock, kDescriptor, kCrash, kRequest };
 /**
  * A client's whole life in a process that has not called the library yet: it connects, asks
  * everything, follows updates and disconnects, while allocations fail; then, while none fails, does
- * all that again, on the connection that stands and on a new one. Tells in the record how that
- * went, and returns the process's exit status. `kept_caller` is handed to KeepStacksOf.
+ * all that again, on the existing connection and on a new one. Tells in the record how that went,
+ * and returns the process's exit status. `kept_caller` is handed to KeepStacksOf.
  */
 int RunClient(const Injection& injection, Plant plant, void* kept_caller, RunRecord* record);
 

@@ -21,7 +21,7 @@ struct Injection {
 /** How a client's run ended, as it says itself. */
 enum class Ending {
   kNone,    // it has not come to an end
-  kPassed,  // all was as it has to be
+  kPassed,  // all was as it should be
   kFailed,  // `why` says what was not
 };
 

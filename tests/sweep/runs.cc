@@ -34,7 +34,7 @@ void RestoreSignals() {
   sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
-/** Waits for a client's end; true if it had to be ended because it did nothing any more. */
+/** Waits for a client's end; true if it had to be ended because it hung. */
 bool AwaitEnd(pid_t client, const RunRecord& record) {
   const auto process = static_cast<int>(syscall(SYS_pidfd_open, client, 0));
   if (process < 0) throw std::runtime_error("no descriptor for a process");

@@ -76,7 +76,7 @@ class Worker {
   }
 
  private:
-  /** False if the world is of no use any more. */
+  /** False if the world is no longer usable. */
   bool Sweep(const std::string& from, long burst) {
     if (!IsSound(from, "a client in which nothing fails")) return false;
     const long step = options_.stride * options_.workers;
