@@ -674,7 +674,7 @@ TEST_F(AStandardErrorLog, FailsTheRecordWhenItIsClosed) {
   EXPECT_EQ(InChild(log_closed, true), 0);
 }
 
-// Sanitizers make system calls of their own.
+// Sanitizers make their own system calls.
 #ifndef SANITIZED
 
 // Decides what becomes of one system call of the calling process, and of all others, from here on.

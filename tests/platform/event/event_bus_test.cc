@@ -100,7 +100,7 @@ class ADyingBus : public testing::Test {
 };
 
 TEST_F(ADyingBus, LeavesItsSubscribersQuietAndNothingOpen) {
-  // The main context opens a descriptor of its own at its first use.
+  // The main context opens its own descriptor at its first use.
   const int polled = PolledDescriptors();
   const int before = OpenDescriptors();
   event_handler_h handler = nullptr;
@@ -158,7 +158,7 @@ TEST_F(ADyingBus, IsLookedForUntilItReturns) {
   bus_.Kill();
   RunUntil([&] { return PolledDescriptors() < with_bus; });
   bus_.Start();
-  // What is sent before the subscriptions are there again is not heard.
+  // What is sent before the subscriptions are renewed is not heard.
   Publisher publisher;
   publisher.PublishUntil(kStatus, [&] { return calls_ > 0; });
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Publishes "NAME KEY VALUE" for each line of its input, and says how it went for each.
+// Publishes "NAME KEY VALUE" for each line of its input, and says for each whether it succeeded.
 
 #include <app_event.h>
 #include <bundle.h>

@@ -231,7 +231,7 @@ TEST_F(ASubscriber, MayRemoveItselfInsideItsHandlerAndIsNotCalledAgain) {
 
 TEST_F(ASubscriber, MayRemoveItselfInsideItsHandlerWhenItIsTheLast) {
   Publisher publisher;
-  // The main context opens a descriptor of its own at its first use.
+  // The main context opens its own descriptor at its first use.
   PolledDescriptors();
   const int before = OpenDescriptors();
   Self self = {};

@@ -430,7 +430,7 @@ TEST_F(ManyLookUps, OfAllThreadsHearOfAChangeByHandTogether) {
   EXPECT_EQ(VersionOf("a"), "2");
 }
 
-// Sanitizers make system calls of their own.
+// Sanitizers make their own system calls.
 #ifndef SANITIZED
 
 // From here on the calling process is killed at any system call but its exit.

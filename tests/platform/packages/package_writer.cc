@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Writes a package folder from a process of its own: "install DIR ID TEXT" or "remove DIR ID".
+// Writes a package folder from another process: "install DIR ID TEXT" or "remove DIR ID".
 
 #include <package_desktop.h>
 

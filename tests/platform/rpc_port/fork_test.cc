@@ -123,7 +123,7 @@ TEST_F(AForkedChild, ConnectsAnew) {
     Client another;
     ASSERT_TRUE(another.ConnectNow());
     EXPECT_EQ(Call(another.main(), "from the child"), "from the child");
-    // And so does a child of its own.
+    // And so does the child's own child.
     const rpc_port_h inherited = another.main();
     EXPECT_TRUE(HoldsInAChild([&] {
       EXPECT_EQ(Message("text").Send(inherited), -22);

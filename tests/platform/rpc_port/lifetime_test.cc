@@ -340,7 +340,7 @@ TEST_F(AConnectionsEnd, MayComeFromTheServerInsideItsCallbacks) {
 }
 
 TEST_F(AConnectionsEnd, LeavesNoDescriptorOpen) {
-  // The main context has a descriptor of its own as soon as it has run.
+  // The main context has its own descriptor as soon as it has run.
   RunAllReady();
   const auto before = OpenDescriptors();
   for (int i = 0; i < 5; ++i) {
@@ -386,7 +386,7 @@ TEST_F(AConnectionsEnd, ClosesTheServersDescriptors) {
 
 using AProxysEnd = PortTest;
 
-// The server has a process of its own, so that only the thread that destroys the proxy changes the
+// The server is a separate process, so that only the thread that destroys the proxy changes the
 // main context's sources: the locks inside GLib are invisible to the thread sanitizer.
 TEST_F(AProxysEnd, MayComeFromAnyThreadAtAnyTime) {
   Peer server({"serve-pushing"});

@@ -31,7 +31,7 @@ class AConnection : public PortTest {
   Client client;
 };
 
-// A server in a process of its own and a client that is connected to it.
+// A server in another process and a client that is connected to it.
 class AServerProcess : public PortTest {
  protected:
   explicit AServerProcess(const char* what = "serve") : peer({what}) {

@@ -78,7 +78,7 @@ class Client {
   int Connect(const char* server = kOwnAppId, const char* port_name = kPortName) {
     return rpc_port_proxy_connect(h, server, port_name);
   }
-  // Starts to connect and waits until the connection stands.
+  // Starts to connect and waits until it is connected.
   bool ConnectNow(const char* server = kOwnAppId);
   int Destroy();
   rpc_port_h Port(rpc_port_port_type_e type) const;
@@ -170,7 +170,7 @@ std::map<int, std::string> OpenDescriptors();
 
 std::string SocketPath();  // of the test's own server
 
-// Each test has a runtime folder of its own, which does not exist yet.
+// Each test has its own runtime folder, which does not exist yet.
 class PortTest : public testing::Test {
  protected:
   PortTest();
