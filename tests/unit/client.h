@@ -107,7 +107,7 @@ struct Models {
 /** An answer's payload: the agent's result and a list of no models. */
 inline fake::Items EmptyList(int result) { return {result, fake::Count(0), 0}; }
 
-/** Starts with a connection that stands, and a clear record. */
+/** Starts connected, with a clear record. */
 class ConnectedTest : public fake::PlatformTest {
  protected:
   void SetUp() override {

@@ -75,7 +75,7 @@ Names DeclaredFunctions() {
       AllMatches(WithoutComments(ReadFile(SVCMGR_HEADER)), "(velmora_svcmgr_\\w+)\\s*\\("));
 }
 
-/** What stands between two words of the list of exports. */
+/** The text between two words of the list of exports. */
 std::string ExportsBetween(const std::string& begin, const std::string& end) {
   const std::string list = ReadFile(SVCMGR_EXPORTS);
   const std::size_t from = list.find(begin);

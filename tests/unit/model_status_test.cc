@@ -158,7 +158,7 @@ INSTANTIATE_TEST_SUITE_P(Each, AForeignName,
                                          "event." AGENT_PACKAGE_ID ".MODEL_STATUS",
                                          "event." AGENT_PACKAGE_ID ".update_status"));
 
-/** A subscription that the platform did not end, and no callback any more. */
+/** A subscription that the platform did not end, and no callback left. */
 class WithoutACallback : public AModelStatus {
  protected:
   void SetUp() override {

@@ -92,7 +92,7 @@ class ConnectedPort : public fake::PlatformTest {
     PlatformTest::TearDown();
   }
 
-  /** Sends a request with a delegate of its own; returns the delegate's sequence number. */
+  /** Sends a request with a new delegate; returns the delegate's sequence number. */
   int Post(Delegate::Record* its_record, bool once = false) {
     auto delegate = MakeDelegate(its_record, once);
     const int seq = delegate->seq();

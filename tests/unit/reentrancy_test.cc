@@ -30,7 +30,7 @@ using testing::IsEmpty;
 
 /* Every action inside every callback. */
 
-/** The world of one test: a connection that stands and a request whose answer is awaited. */
+/** The world of one test: a connection, and a request whose answer is awaited. */
 struct World {
   Connection connection;
   Connection second;  // for connections made inside a callback
@@ -112,7 +112,7 @@ Fire<World> Inside(const char* function, void (*run)(World&),
   };
 }
 
-/** Acts inside the callback of a connection that stands before the attempt has its result. */
+/** Acts inside the callback of a connection that is made before the attempt has its result. */
 Fire<World> InsideAConnect(const fake::Step& result) {
   return [=](World& world, const Act& act) {
     Disconnect(world);

@@ -145,7 +145,7 @@ class Caller {
 /** What a function needs of the connection. */
 enum class Wants {
   kNothing,
-  kConnection,  // one that stands
+  kConnection,  // an established one
   kProxy,       // one that was started and not ended
 };
 

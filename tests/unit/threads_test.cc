@@ -131,7 +131,7 @@ TEST_F(Threads, AskWhileTheMainLoopDispatches) {
   EXPECT_EQ(static_cast<int>(models.answers.size()), delivered);
 }
 
-/** Two threads that send model requests, each for a receiver of its own. */
+/** Two threads that send model requests, each for its own receiver. */
 class RequestingThreads : public Threads {
  protected:
   template <typename Meanwhile>
