@@ -104,6 +104,62 @@ output=$("$prefix/bin/svcmgr-sim" run demo -- "$work/cmake-app/build/app")
 [ "$output" = installed ] || die "the CMake application printed '$output'"
 has_marker "$work/cmake-app/build/app"
 
+step "an application in C++, with and without exceptions"
+cat >"$work/face.cc" <<'C'
+#include <iostream>
+#include <velmora_svcmgr_glib.hpp>
+
+namespace vs = velmora::svcmgr;
+
+int main() {
+  GMainLoop* main = g_main_loop_new(nullptr, FALSE);
+  vs::GlibLoop loop;
+  vs::Session session(loop);
+  vs::ModelWork work;
+  const vs::Token listing = session.Models(
+      [&](vs::Outcome<vs::ModelList> models) {
+        if (!models) std::cout << models.error() << std::endl;
+        if (!models) return g_main_loop_quit(main);
+        std::cout << models->size() << " models" << std::endl;
+        work = session.Update(
+            {(*models)[0]}, [](const vs::Progress&) {},
+            [&](vs::Outcome<void> end) {
+              std::cout << (end ? "done" : end.error().remedy()) << std::endl;
+              g_main_loop_quit(main);
+            });
+      },
+      std::chrono::seconds(60));
+  g_main_loop_run(main);
+  g_main_loop_unref(main);
+}
+C
+expect_face() {  # APPLICATION
+  output=$(LD_LIBRARY_PATH=$prefix/$LIBDIR "$prefix/bin/svcmgr-sim" run demo -- "$1")
+  [ "$output" = $'4 models\ndone' ] || die "the application $1 printed '$output'"
+}
+for options in "-std=c++17" "-std=c++20" "-std=c++17 -fno-exceptions -fno-rtti"; do
+  # shellcheck disable=SC2046,SC2086
+  quiet "$CXX" $options -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror "$work/face.cc" \
+    -o "$work/face" $(pkg-config --cflags --libs velmora-svcmgr glib-2.0) -pthread \
+    -Wl,-rpath-link,"$prefix/$LIBDIR"
+  expect_face "$work/face"
+done
+mkdir "$work/face-app"
+cat >"$work/face-app/CMakeLists.txt" <<'C'
+cmake_minimum_required(VERSION 3.25)
+project(face CXX)
+find_package(velmora-svcmgr 2.3 REQUIRED)
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+pkg_check_modules(GLIB REQUIRED IMPORTED_TARGET glib-2.0)
+add_executable(face ../face.cc)
+target_compile_features(face PRIVATE cxx_std_17)
+target_link_libraries(face velmora-svcmgr::velmora-svcmgr PkgConfig::GLIB Threads::Threads)
+C
+quiet "$CMAKE" -S "$work/face-app" -B "$work/face-app/build" -DCMAKE_PREFIX_PATH="$prefix"
+quiet "$CMAKE" --build "$work/face-app/build"
+expect_face "$work/face-app/build/face"
+
 step "the client API level of applications"
 cat >"$work/level.c" <<'C'
 #include <stdio.h>
