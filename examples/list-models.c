@@ -9,7 +9,7 @@ enum { WAITING = 1 };
 
 static void on_models(int error, velmora_svcmgr_ai_model_list_h list, void* result) {
   int size = 0;
-  velmora_svcmgr_ai_model_list_get_size(list, &size);
+  if (list != NULL) velmora_svcmgr_ai_model_list_get_size(list, &size);
   for (int i = 0; i < size; i++) {
     velmora_svcmgr_ai_model_info_h model;
     char* id = NULL;
@@ -18,7 +18,7 @@ static void on_models(int error, velmora_svcmgr_ai_model_list_h list, void* resu
     free(id);
     velmora_svcmgr_ai_model_info_destroy(model);
   }
-  velmora_svcmgr_ai_model_list_destroy(list);
+  if (list != NULL) velmora_svcmgr_ai_model_list_destroy(list);
   *(int*)result = error;
 }
 
