@@ -1,49 +1,70 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
-# What a client can ask an agent, and have it do, shown with the command line:
-# examples/demo.sh SVCMGRCTL
+# What the library does for an application, shown with the command line:
+# svcmgr-sim run demo -- examples/demo.sh [SVCMGRCTL [SVCMGR_SIM]]
 set -eu
 ctl=${1:-svcmgrctl}
+sim=${2:-svcmgr-sim}
+notes=$(mktemp -d)
+watcher=
+trap 'rm -rf "$notes"; [ -z "$watcher" ] || kill "$watcher" 2>/dev/null' EXIT
 
 say() { printf '\n# %s\n' "$*"; }
-show() {
+run() {
   printf '\n$ svcmgrctl %s\n' "$*"
   "$ctl" "$@"
 }
-# Below svcmgr-sim the agent is a process that can be looked at.
-agent() {
-  [ -n "${SVCMGR_SIM_CONTROL:-}" ] || return 0
-  printf '%s%s, version %s\n' "$1" "$(cat "$(dirname "$SVCMGR_SIM_CONTROL")/agent.pid")" \
-    "$(sed -n 's/^Version *= *//p' "$VELMORA_PACKAGE_DIR"/com.velmora.svcmgr.package)"
+# A client that listens in the background to what is told of a connection, or of work on models.
+listen() {  # WHAT
+  "$ctl" watch "$1" >"$notes/heard" 2>/dev/null &
+  watcher=$!
+}
+await() {  # PATTERN: until that client has heard it
+  until grep -q "$1" "$notes/heard"; do
+    kill -0 "$watcher"
+    sleep 0.05
+  done
+}
+stop_listening() {
+  kill "$watcher"
+  wait "$watcher" || true
+  watcher=
 }
 
-say "Ask the agent"
-show status
-show api-level
-show license
-show models list --descriptions
-models=$("$ctl" --json models list | sed -n 's/.*"id": *"\([^"]*\)".*/\1/p')
-model=$(echo "$models" | sed -n 1p)
-other=$(echo "$models" | sed -n 3p)
-show models versions "$model"
+say "The agent replaces itself by a new version, under a client that stays connected"
+printf '\n$ svcmgrctl watch connection >heard &\n'
+listen connection
+await CONNECTED
+run update
+printf '\n$ cat heard\n'
+cat "$notes/heard"
+stop_listening
 
-say "Have the agents updated; this agent updates itself, and the client stays connected"
-agent "the agent is process "
-show update
-agent "the agent is process "
+say "Not a word of a loss. The new agent answers"
+run status
 
-say "Have two models updated, and one of them removed"
-show models update "$model" "$other"
-show models list
-show models uninstall "$model"
-show models list
+say "Two models are updated"
+run models update vision.segment speech.wake-word
+run models list
 
-say "Ask which client API level an application was built against: one that ships the library"
-app=$(mktemp -d)
-trap 'rm -rf "$app"' EXIT
-mkdir "$app/lib"
-cp "$(ldd "$(command -v "$ctl")" | sed -n 's/.*libvelmora-svcmgr[^ ]* => \([^ ]*\).*/\1/p')" "$app/lib/"
-show client-level "$app"
-VELMORA_LOG_LEVEL=silent
-export VELMORA_LOG_LEVEL
-show --verbose client-level "$app"
+say "The agent dies in the middle of the work: the client knows what it does not know"
+listen model
+{
+  await STARTED
+  sleep 0.5
+  "$sim" send kill
+} &
+killer=$!
+status=0
+run models update vision.segment@1.1.0 2>&1 || status=$?
+printf '\n$ echo $?\n%s\n' "$status"
+wait "$killer"
+stop_listening
+
+say "Your turn"
+cat <<END
+
+What the command line can do:    $sim run demo -- $ctl --help
+Agents that are old, silent, or broken:    $sim list
+Your first application, in C and in C++:    $(dirname "$0")/../docs/guide/first-application.md
+END
