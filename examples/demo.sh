@@ -9,7 +9,12 @@ notes=$(mktemp -d)
 watcher=
 trap 'rm -rf "$notes"; [ -z "$watcher" ] || kill "$watcher" 2>/dev/null' EXIT
 
-say() { printf '\n# %s\n' "$*"; }
+bold= plain=
+if [ -t 1 ] && [ -z "${NO_COLOR:-}" ] && [ "${TERM:-dumb}" != dumb ]; then
+  bold=$(printf '\033[1m')
+  plain=$(printf '\033[0m')
+fi
+say() { printf '\n%s# %s%s\n' "$bold" "$*" "$plain"; }
 run() {
   printf '\n$ svcmgrctl %s\n' "$*"
   "$ctl" "$@"
@@ -64,7 +69,7 @@ stop_listening
 say "Your turn"
 cat <<END
 
-What the command line can do:    $sim run demo -- $ctl --help
-Agents that are old, silent, or broken:    $sim list
-Your first application, in C and in C++:    $(dirname "$0")/../docs/guide/first-application.md
+What the command line can do              $ $sim run demo -- $ctl --help
+Other agents: old, silent, broken ones    $ $sim list
+Your first application                    $(dirname "$(dirname "$0")")/docs/guide/first-application.md
 END

@@ -29,12 +29,17 @@ static void end(int new_status) {
   running = false;
 }
 
-static void on_models(int error, velmora_svcmgr_ai_model_list_h list, void* number) {
+/* The list belongs to the application, whatever comes with it. */
+static int take_size(velmora_svcmgr_ai_model_list_h list) {
   int size = 0;
-  if (list != NULL) {
-    velmora_svcmgr_ai_model_list_get_size(list, &size);
-    velmora_svcmgr_ai_model_list_destroy(list);
-  }
+  if (list == NULL) return 0;
+  velmora_svcmgr_ai_model_list_get_size(list, &size);
+  velmora_svcmgr_ai_model_list_destroy(list);
+  return size;
+}
+
+static void on_models(int error, velmora_svcmgr_ai_model_list_h list, void* number) {
+  const int size = take_size(list);
   /* An answer may come twice, or after it was given up. */
   if (!waiting || GPOINTER_TO_INT(number) != asked) return;
   waiting = false;
@@ -42,7 +47,7 @@ static void on_models(int error, velmora_svcmgr_ai_model_list_h list, void* numb
   if (error == SVCMGR_ERROR_NONE)
     printf("%d models\n", size);
   else
-    printf("no models: error %d\n", error);
+    printf("error %d instead of models\n", error);
   fflush(stdout);
 }
 
