@@ -17,6 +17,15 @@ double Median(std::vector<double> values) {
   return *middle;
 }
 
+// Null if there was none. Newer versions of the library have another name for it.
+template <typename Run>
+const std::string* ErrorOf(const Run& run) {
+  if constexpr (requires { run.error_occurred; })
+    return run.error_occurred ? &run.error_message : nullptr;
+  else
+    return run.skipped != 0 ? &run.skip_message : nullptr;
+}
+
 // Gathers the rounds of each benchmark instead of printing them.
 class Gatherer : public benchmark::BenchmarkReporter {
  public:
@@ -24,8 +33,8 @@ class Gatherer : public benchmark::BenchmarkReporter {
 
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs) {
-      if (run.error_occurred) {
-        std::printf("%s: %s\n", run.benchmark_name().c_str(), run.error_message.c_str());
+      if (const std::string* const error = ErrorOf(run)) {
+        std::printf("%s: %s\n", run.benchmark_name().c_str(), error->c_str());
       } else if (run.run_type == Run::RT_Iteration) {
         rounds_[NameOf(run)].push_back(run.real_accumulated_time * 1e9 /
                                        static_cast<double>(run.iterations));

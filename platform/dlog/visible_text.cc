@@ -83,7 +83,7 @@ size_t PlainLength(std::string_view text) {
 void AppendVisible(std::string* out, std::string_view text) {
   while (!text.empty()) {
     size_t length = PlainLength(text);
-    out->append(text.data(), length);
+    out->append(text.substr(0, length));
     if (length == 0) {
       AppendEscaped(out, text[0]);
       length = 1;

@@ -41,7 +41,7 @@ class MessagePump {
     while (alive()) {
       const auto front = stream_->Front();
       if (!front) return !stream_->ended();
-      offered_ = *front;
+      offered_ = front;
       offer(*front);
       if (!stream_->Discard(*front)) {
         offered_.reset();

@@ -111,7 +111,7 @@ void Stub::Dismiss(const StubGuest& guest) {
   const auto found = std::find_if(guests_.begin(), guests_.end(),
                                   [&](const auto& other) { return other.get() == &guest; });
   if (found == guests_.end()) return;
-  const auto leaving = *found;
+  const auto leaving = std::move(*found);
   guests_.erase(found);
   leaving->Leave()->Close();
 }

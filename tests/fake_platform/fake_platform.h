@@ -105,7 +105,7 @@ Step Hook(std::function<void()> hook);
 
 /** Throws `exception` out of the call. */
 template <typename T>
-Step Throw(T exception) {
+Step Throw(const T& exception) {
   Step step;
   step.entering = [exception] { throw exception; };
   return step;

@@ -90,7 +90,9 @@ bool ShouldFail(Allocator which) {
   if (internal::InsideFake()) return false;
   if (armed.which != Allocator::kAny && armed.which != which) return false;
   if (armed.happened) return armed.fail_all;
-  if (armed.left == 0 || --armed.left > 0) return false;
+  if (armed.left == 0) return false;
+  --armed.left;
+  if (armed.left > 0) return false;
   armed.happened = true;
   return true;
 }

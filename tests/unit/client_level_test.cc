@@ -833,12 +833,12 @@ TEST_F(AFileThatGrows, HasNothingWhenItTurnsOutToBeNoFileOrItsSizeIsUnknown) {
   const Bytes large = Builder(Kind::k64).GapBeforeContents(9000).Section(Marker{}).Build();
   const std::pair<mode_t, int> answers[] = {
       {S_IFREG, 0}, {S_IFBLK, 0}, {S_IFCHR, 0}, {S_IFREG, EIO}, {S_IFBLK, EIO}};
-  for (const auto& [type, error] : answers) {
+  for (const auto& answer : answers) {
     Write("app/file", large.substr(0, 100));
     BeforeOpening("file", [&](const path&) { Write("app/file", large); });
-    files().on_stat = [type = type, error = error](struct stat64& status) {
-      status.st_mode = type;
-      return error;
+    files().on_stat = [answer](struct stat64& status) {
+      status.st_mode = answer.first;
+      return answer.second;
     };
     EXPECT_EQ(Search(), type == S_IFREG && error == 0 ? kOwn : kNothing) << type << ' ' << error;
   }
