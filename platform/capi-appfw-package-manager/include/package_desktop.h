@@ -12,7 +12,7 @@
  *
  *     [Package]
  *     Version=2.3.182
- *     # Application IDs, with * and ?, that may connect to the package's ports; without the key: all.
+ *     # Applications, by ID with * and ?, that may connect to the package's ports; by default all.
  *     Clients=com.example.*;org.example.notes
  *
  *     [Application com.velmora.notes]
