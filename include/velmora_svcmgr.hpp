@@ -1820,6 +1820,7 @@ inline void Core::LookAtEntries() noexcept {
 inline void Core::Add(const std::shared_ptr<Entry>& entry, Milliseconds limit) {
   entry->id = ++TheRegistry().last_id;
   entries_.emplace(entry->id, entry);
+  const Inside inside(*this);
   if (limit != kNoLimit && state_ != State::kRefused) {
     entry->limit = StartTimer(limit, [id = entry->id](Core& core) {
       Entry* const late = core.Find(id);
@@ -1828,8 +1829,9 @@ inline void Core::Add(const std::shared_ptr<Entry>& entry, Milliseconds limit) {
       const auto keep = core.entries_[id];
       keep->TimeIsUp(core);
     });
+    // A limit that cannot be kept must not be taken for one.
+    if (entry->limit == 0) return EndLater(entry->id, Error(SVCMGR_ERROR_OUT_OF_MEMORY));
   }
-  const Inside inside(*this);
   Submit(entry);
 }
 

@@ -39,14 +39,22 @@ class ManualLoop final : public vs::Loop {
   bool Post(vs::Task task) noexcept override {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (refuses) return false;
-    tasks_.push_back(std::move(task));
+    try {
+      tasks_.push_back(std::move(task));
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
     posted_.notify_all();
     return true;
   }
 
   TimerId StartTimer(vs::Milliseconds delay, vs::Task task) noexcept override {
     if (refuses) return 0;
-    timers_.emplace(++last_timer_, Timer{now_ + delay, std::move(task)});
+    try {
+      timers_.emplace(++last_timer_, Timer{now_ + delay, std::move(task)});
+    } catch (const std::bad_alloc&) {
+      return 0;
+    }
     return last_timer_;
   }
 

@@ -244,9 +244,11 @@ TEST_F(ASession, GoesOnWithALoopThatTakesNothing) {
   Open();
   fake::Proxy().FireConnected();
   EXPECT_EQ(session->state(), State::kConnected);
-  const vs::Token token = Ask(1s);
+  const vs::Token token = Ask();
   Answer(0, {"a"});
   EXPECT_THAT(answers, ElementsAre(ElementsAre("a")));
+  const vs::Token limited = Ask(1s);
+  EXPECT_THAT(answers.back(), ElementsAre("SVCMGR_ERROR_OUT_OF_MEMORY"));
   fake::Proxy().FireDisconnected();
   EXPECT_EQ(session->state(), State::kLost);
 }

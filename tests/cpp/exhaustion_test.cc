@@ -1,0 +1,110 @@
+// SPDX-License-Identifier: Apache-2.0
+// What becomes of a session when memory runs out, at each allocation once.
+#include <new>
+
+#include "face_support.h"
+
+namespace {
+
+using face::ASession;
+using face::ReportOf;
+using testing::SizeIs;
+using velmora::svcmgr::State;
+namespace vs = velmora::svcmgr;
+using namespace std::chrono_literals;
+
+class AShortage : public ASession {
+ protected:
+  void SetUp() override {
+    if (!fake::SeesOperatorNew()) GTEST_SKIP() << "operator new is a sanitizer's here";
+    ASession::SetUp();
+    Connect();
+  }
+  void TearDown() override {
+    if (fake::SeesOperatorNew()) ASession::TearDown();
+  }
+
+  // What the library keeps depends on where an allocation failed; unit tests account for it.
+  void CountWhatIsKept() {
+    session.reset();
+    kept = fake::LiveBlocks().size();
+  }
+};
+
+TEST_F(AShortage, WhileARequestIsMadeThrowsAndAsksNothing) {
+  for (int n = 1;; ++n) {
+    const std::size_t before = answers.size();
+    vs::Token token;
+    bool thrown = false;
+    bool happened = false;
+    {
+      const fake::FailingAllocation failing(fake::Allocator::kNew, n);
+      try {
+        token = Ask();
+      } catch (const std::bad_alloc&) {
+        thrown = true;
+      }
+      happened = failing.Happened();
+    }
+    if (!happened) break;
+    ASSERT_LT(n, 1000);
+    loop.Turn();
+    // Either nothing was asked, or the request ends with an error, or it goes on.
+    if (thrown) {
+      EXPECT_FALSE(token.pending());
+      EXPECT_THAT(answers, SizeIs(before));
+    } else {
+      EXPECT_EQ(answers.size() == before, token.pending());
+    }
+  }
+  CountWhatIsKept();
+}
+
+TEST_F(AShortage, InsideACallbackOfTheCInterfaceIsSurvived) {
+  int reached = 0;
+  for (int n = 1; n < 100; ++n) {
+    vs::ModelWork work = session->Update({"a"}, nullptr, nullptr);
+    const vs::Token token = session->Models(nullptr);
+    const fake::Items report = ReportOf(1, 1, 50);
+    const fake::Items answer = face::AnswerOf({"a"});
+    fake::BundleBuilder event;
+    event.Str("START", "");
+    const std::string name = events::kModelStatus;
+    {
+      const fake::FailingAllocation failing(fake::Allocator::kNew, n);
+      fake::DeliverDelegateMessage(face::kUpdate, 2 * (n - 1), report);
+      fake::DeliverDelegateMessage(face::kModels, 2 * n - 1, answer);
+      fake::FireEvent(name, event.get());
+      reached += failing.Happened() ? 1 : 0;
+    }
+    loop.Turn();
+  }
+  EXPECT_GT(reached, 0);
+  const vs::Token token = Ask();
+  fake::DeliverDelegateMessage(face::kModels, 198, face::AnswerOf({"a"}));
+  EXPECT_THAT(answers, testing::ElementsAre(testing::ElementsAre("a")));
+  CountWhatIsKept();
+}
+
+TEST_F(AShortage, DuringALossStillEndsWhatIsLost) {
+  for (int n = 1; n < 20; ++n) {
+    // The callables themselves need no memory.
+    int ended = 0;
+    session->OnState(nullptr);
+    const auto count = [&ended](const vs::Outcome<vs::ModelList>&) { ++ended; };
+    const vs::Token first = session->Models(count);
+    const vs::Token second = session->Models(count);
+    {
+      const fake::FailingAllocation failing(fake::Allocator::kNew, n);
+      fake::Proxy().FireDisconnected();
+    }
+    loop.Turn();
+    EXPECT_EQ(ended, 2) << n;
+    ReturnFromUpdate();
+    loop.Pass(1s);
+    ASSERT_EQ(session->state(), State::kConnected) << n;
+  }
+  CountWhatIsKept();
+}
+
+}  // namespace
