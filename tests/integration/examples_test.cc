@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -9,86 +10,122 @@
 
 namespace {
 
-using testing::AllOf;
 using testing::HasSubstr;
+using testing::Not;
 
-std::string Example(const std::string& name) { return EXAMPLES "/" + name; }
+/** The same program in C, and in C++ with the ending -cc, says codes by number or by name. */
+class Program : public testing::TestWithParam<const char*> {
+ protected:
+  std::string name() const {
+    const std::string suite = testing::UnitTest::GetInstance()->current_test_suite()->name();
+    return kNames.at(suite.substr(suite.find('/') + 1)) + GetParam();
+  }
+  std::string path() const { return EXAMPLES "/" + name(); }
 
-Finished RunExample(const std::string& scenario, const std::string& name,
-                    const std::vector<std::string>& arguments = {}) {
-  std::vector<std::string> all = {"run", scenario, "--", Example(name)};
-  all.insert(all.end(), arguments.begin(), arguments.end());
-  return RunSim(all);
+  Finished Run(const std::string& scenario, const std::vector<std::string>& arguments = {}) const {
+    std::vector<std::string> all = {"run", scenario, "--", path()};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return RunSim(all);
+  }
+
+  /** Runs a script with the program as $0 and svcmgr-sim as $1; $out is a file for its output. */
+  Finished RunScript(const std::string& scenario, const std::string& script) const {
+    const std::string preamble =
+        "out=$(mktemp); trap 'rm -f \"$out\"' EXIT\n"
+        "printed() { until grep -q \"$1\" \"$out\"; do kill -0 $! || exit 98; sleep 0.05; done; "
+        "}\n";
+    return RunSim({"run", scenario, "--", "sh", "-c", preamble + script, path(), SVCMGR_SIM});
+  }
+
+  bool IsCxx() const { return *GetParam() != '\0'; }
+  /** How the program reports an error. */
+  std::string Says(int code, const std::string& error_name) const {
+    return name() + ": " + (IsCxx() ? error_name : "error " + std::to_string(code) + "\n");
+  }
+
+ private:
+  static inline const std::map<std::string, std::string> kNames = {
+      {"ListModels", "list-models"},     {"FollowUpdate", "follow-update"},
+      {"ProgressBar", "progress-bar"},   {"SurviveRestart", "survive-restart"},
+      {"StatusEvents", "status-events"}, {"WorkerThread", "worker-thread"},
+      {"EpollLoop", "epoll-loop"}};
+};
+
+std::string LanguageOf(const testing::TestParamInfo<const char*>& info) {
+  return *info.param == '\0' ? "C" : "Cxx";
 }
 
-/** Runs a script with an example as $0 and svcmgr-sim as $1; $out is a file for its output. */
-Finished RunScript(const std::string& scenario, const std::string& name,
-                   const std::string& script) {
-  const std::string preamble =
-      "out=$(mktemp); trap 'rm -f \"$out\"' EXIT\n"
-      "printed() { until grep -q \"$1\" \"$out\"; do kill -0 $! || exit 98; sleep 0.05; done; }\n";
-  return RunSim({"run", scenario, "--", "sh", "-c", preamble + script, Example(name), SVCMGR_SIM});
-}
+#define IN_C_AND_CXX(name)        \
+  class name : public Program {}; \
+  INSTANTIATE_TEST_SUITE_P(In, name, testing::Values("", "-cc"), LanguageOf)
+
+IN_C_AND_CXX(FollowUpdate);
+IN_C_AND_CXX(ProgressBar);
+IN_C_AND_CXX(SurviveRestart);
+IN_C_AND_CXX(WorkerThread);
+IN_C_AND_CXX(EpollLoop);
+class StatusEvents : public Program {};
+INSTANTIATE_TEST_SUITE_P(In, StatusEvents, testing::Values(""), LanguageOf);
 
 std::string ScenarioOf(const TempFolder& folder, const std::string& content) {
   return folder.Write("scenario.json", content);
 }
 
-TEST(FollowUpdate, FollowsAnUpdateThroughTheRestartOfTheAgentWithoutALossOfTheConnection) {
-  const Finished run = RunExample("update-self", "follow-update");
+TEST_P(FollowUpdate, FollowsAnUpdateThroughTheRestartOfTheAgentWithoutALossOfTheConnection) {
+  const Finished run = Run("update-self");
   EXPECT_EQ(run.status, 0) << run.errors;
   EXPECT_EQ(run.output, "the update has begun\nthe update has ended well\n");
   EXPECT_EQ(run.errors, "");
 }
 
-TEST(FollowUpdate, FailsWithTheStatusOfAnUpdateThatFails) {
-  const Finished run = RunExample("update-fails", "follow-update");
+TEST_P(FollowUpdate, FailsWithTheStatusOfAnUpdateThatFails) {
+  const Finished run = Run("update-fails");
   EXPECT_EQ(run.status, 1);
   EXPECT_THAT(run.errors, HasSubstr("the update has failed with the status 3\n"));
 }
 
-TEST(FollowUpdate, GivesUpWhenNothingIsHeard) {
-  const Finished run = RunExample("update-silent", "follow-update", {"1"});
+TEST_P(FollowUpdate, GivesUpWhenNothingIsHeard) {
+  const Finished run = Run("update-silent", {"1"});
   EXPECT_EQ(run.status, 1);
-  EXPECT_THAT(run.errors, HasSubstr("nothing was heard for 1 s\n"));
+  EXPECT_THAT(run.errors, HasSubstr(IsCxx() ? "TIMEOUT" : "nothing was heard for 1 s\n"));
 }
 
-TEST(FollowUpdate, SaysWhyItIsNotConnected) {
-  EXPECT_THAT(RunExample("refused", "follow-update").errors,
-              AllOf(HasSubstr("refused the connection\n"), HasSubstr("error -13\n")));
-  EXPECT_THAT(RunExample("agent-missing", "follow-update").errors, HasSubstr("error -1073741822"));
-  EXPECT_THAT(RunExample("kyr-disabled", "follow-update").errors, HasSubstr("error -1073741826"));
+TEST_P(FollowUpdate, SaysWhyItIsNotConnected) {
+  EXPECT_THAT(Run("refused").errors, HasSubstr(Says(-13, "SVCMGR_ERROR_PERMISSION_DENIED")));
+  EXPECT_THAT(Run("agent-missing").errors,
+              HasSubstr(Says(-1073741822, "SVCMGR_ERROR_NOT_SUPPORTED")));
+  EXPECT_THAT(Run("kyr-disabled").errors,
+              HasSubstr(Says(-1073741826, "SVCMGR_ERROR_KYR_DISABLED")));
 }
 
-TEST(ProgressBar, PrintsEachTenthOfTheWholeUntilTheWorkIsDone) {
-  const Finished run =
-      RunExample("demo", "progress-bar", {"vision.segment@2.1.0", "speech.wake-word"});
+TEST_P(ProgressBar, PrintsEachTenthOfTheWholeUntilTheWorkIsDone) {
+  const Finished run = Run("demo", {"vision.segment@2.1.0", "speech.wake-word"});
   EXPECT_EQ(run.status, 0) << run.errors;
   EXPECT_THAT(run.output, testing::EndsWith("90 %\n100 %\n"));
   EXPECT_THAT(run.output, HasSubstr("40 %\n50 %\n60 %\n"));
   EXPECT_EQ(run.errors, "");
 }
 
-TEST(ProgressBar, FailsWhereTheWorkDoes) {
-  EXPECT_EQ(RunExample("models-fail", "progress-bar", {"vision.segment"}).status, 1);
-  EXPECT_THAT(RunExample("models-no-space", "progress-bar", {"vision.segment"}).errors,
-              HasSubstr("error -28\n"));
-  EXPECT_THAT(RunExample("old-agent", "progress-bar", {"vision.segment"}).errors,
-              HasSubstr("error -1073741827\n"));
-  EXPECT_EQ(RunExample("demo", "progress-bar").status, 2);
+TEST_P(ProgressBar, FailsWhereTheWorkDoes) {
+  EXPECT_EQ(Run("models-fail", {"vision.segment"}).status, 1);
+  EXPECT_THAT(Run("models-no-space", {"vision.segment"}).errors,
+              HasSubstr(Says(-28, "SVCMGR_ERROR_NO_SPACE")));
+  EXPECT_THAT(Run("old-agent", {"vision.segment"}).errors,
+              HasSubstr(Says(-1073741827, "SVCMGR_ERROR_UNSUPPORTED_AGENT_VERSION")));
+  EXPECT_EQ(Run("demo").status, 2);
 }
 
-TEST(ProgressBar, IsFullWhereTheEventsAloneTellOfTheEnd) {
+TEST_P(ProgressBar, IsFullWhereTheEventsAloneTellOfTheEnd) {
   const TempFolder folder;
   const std::string scenario =
       ScenarioOf(folder, R"({"models": [{"id": "a", "versions": ["1"], "available": ["2"]}],
-                             "methods": {"RequestToUpdate": {"report": "no-last", "parts": 4}}})");
-  const Finished run = RunExample(scenario, "progress-bar", {"a"});
+                             "methods": {"RequestToUpdate": {"report": "no-last", "parts": 4, "pace": 200}}})");
+  const Finished run = Run(scenario, {"a"});
   EXPECT_EQ(run.status, 0) << run.errors;
   EXPECT_THAT(run.output, testing::EndsWith("\n100 %\n"));
 }
 
-TEST(ProgressBar, NeverGoesBackwards) {
+TEST_P(ProgressBar, NeverGoesBackwards) {
   const TempFolder folder;
   const std::string scenario = ScenarioOf(folder, R"({"methods": {"RequestToUpdate": {"progress": [
       {"state": 1, "index": 1, "count": 2, "percentage": 60},
@@ -96,22 +133,22 @@ TEST(ProgressBar, NeverGoesBackwards) {
       {"state": 1, "index": 2, "count": 2, "percentage": 100},
       {"state": 1, "index": 1, "count": 2, "percentage": 90},
       {"state": 2, "index": 2, "count": 2, "percentage": 100}]}}})");
-  const Finished run = RunExample(scenario, "progress-bar", {"a", "b"});
+  const Finished run = Run(scenario, {"a", "b"});
   EXPECT_EQ(run.status, 0) << run.errors;
   EXPECT_EQ(run.output, "30 %\n99 %\n100 %\n");
 }
 
-TEST(ProgressBar, SaysSoWhenTheAgentIsKilledInTheMiddle) {
-  const Finished run = RunScript("models-stall", "progress-bar", R"(
+TEST_P(ProgressBar, SaysSoWhenTheAgentIsKilledInTheMiddle) {
+  const Finished run = RunScript("models-stall", R"(
       "$0" vision.segment >"$out" &
       printed '40 %'
       "$1" send kill; wait $!)");
   EXPECT_EQ(run.status, 1);
-  EXPECT_THAT(run.errors, HasSubstr("progress-bar: error -107\n"));
+  EXPECT_THAT(run.errors, HasSubstr(Says(-107, "CONNECTION_LOST")));
 }
 
-TEST(SurviveRestart, AsksAnAgentThatHasReplacedItself) {
-  const Finished run = RunScript("demo", "survive-restart", R"(
+TEST_P(SurviveRestart, AsksAnAgentThatHasReplacedItself) {
+  const Finished run = RunScript("demo", R"(
       "$0" >>"$out" & program=$!
       printed '4 models'
       "$1" send self-update=2.9.9; echo "--" >>"$out"
@@ -119,35 +156,36 @@ TEST(SurviveRestart, AsksAnAgentThatHasReplacedItself) {
       kill -TERM $program; wait $program; status=$?
       cat "$out"; exit $status)");
   EXPECT_EQ(run.status, 0) << run.output << run.errors;
-  EXPECT_EQ(run.output.find("lost"), std::string::npos) << run.output;
+  EXPECT_THAT(run.output, Not(HasSubstr(IsCxx() ? "Lost" : "lost")));
 }
 
-TEST(SurviveRestart, AsksAgainWhenAnAgentThatDiedIsLaunchedAgain) {
+TEST_P(SurviveRestart, AsksAgainWhenAnAgentThatDiedIsLaunchedAgain) {
   const TempFolder folder;
   const std::string scenario =
       ScenarioOf(folder, R"({"agent": {"restart": "always"}, "generate": 7})");
-  const Finished run = RunScript(scenario, "survive-restart", R"(
+  const Finished run = RunScript(scenario, R"(
       "$0" >>"$out" & program=$!
       printed '7 models'
       "$1" send kill
-      printed lost
-      until sed '1,/lost/d' "$out" | grep -q '7 models'; do kill -0 $program || exit 97; sleep 0.05; done
+      printed ost
+      until sed '1,/ost/d' "$out" | grep -q '7 models'; do kill -0 $program || exit 97; sleep 0.05; done
       kill -TERM $program; wait $program; status=$?
       uniq "$out"; exit $status)");
   EXPECT_EQ(run.status, 0) << run.output << run.errors;
-  EXPECT_EQ(run.output, "connected\n7 models\nlost\nconnected\n7 models\n");
+  EXPECT_EQ(run.output, IsCxx() ? "Connected\n7 models\nLost\nConnected\n7 models\n"
+                                : "connected\n7 models\nlost\nconnected\n7 models\n");
 }
 
-TEST(SurviveRestart, EndsWhereOnlyANewProcessHelps) {
-  const Finished refused = RunExample("refused", "survive-restart");
+TEST_P(SurviveRestart, EndsWhereOnlyANewProcessHelps) {
+  const Finished refused = Run("refused");
   EXPECT_EQ(refused.status, 75);
-  EXPECT_EQ(refused.output, "refused\n");
-  EXPECT_EQ(RunExample("agent-missing", "survive-restart").status, 1);
-  EXPECT_EQ(RunExample("permission-denied", "survive-restart").status, 1);
+  EXPECT_EQ(refused.output, IsCxx() ? "Rejected\n" : "refused\n");
+  EXPECT_EQ(Run("agent-missing").status, 1);
+  EXPECT_EQ(Run("permission-denied").status, 1);
 }
 
-TEST(StatusEvents, PrintsWhatHappensToAgentsAndModels) {
-  const Finished run = RunScript("demo", "status-events", R"(
+TEST_P(StatusEvents, PrintsWhatHappensToAgentsAndModels) {
+  const Finished run = RunScript("demo", R"(
       "$0" 5 >"$out" &
       printed listening
       "$1" send update-start update-fail=3 model-start model-completed model-failed
@@ -163,35 +201,36 @@ TEST(StatusEvents, PrintsWhatHappensToAgentsAndModels) {
             "work on models has failed (24)\n");
 }
 
-TEST(WorkerThread, PrintsTheLicence) {
-  const Finished run = RunExample("demo", "worker-thread");
+TEST_P(WorkerThread, PrintsTheLicence) {
+  const Finished run = Run("demo");
   EXPECT_EQ(run.status, 0) << run.errors;
   EXPECT_THAT(run.output, HasSubstr("Velmora Service Agent 2.3\n"));
   EXPECT_EQ(run.errors, "");
 }
 
-TEST(WorkerThread, GivesUpOnAnAgentThatDoesNotAnswer) {
-  const Finished run = RunExample("never-answers", "worker-thread");
+TEST_P(WorkerThread, GivesUpOnAnAgentThatDoesNotAnswer) {
+  const Finished run = Run("never-answers");
   EXPECT_EQ(run.status, 1);
-  EXPECT_THAT(run.errors, HasSubstr("did not answer in time\n"));
+  EXPECT_THAT(run.errors, HasSubstr("did not answer in time"));
 }
 
-TEST(WorkerThread, TellsAMissingTextFromAFailure) {
-  EXPECT_THAT(RunExample("empty", "worker-thread").errors, HasSubstr("no licence text"));
-  EXPECT_THAT(RunExample("kyr-disabled", "worker-thread").errors, HasSubstr("error -1073741826\n"));
+TEST_P(WorkerThread, TellsAMissingTextFromAFailure) {
+  EXPECT_THAT(Run("empty").errors, HasSubstr(IsCxx() ? "NO_LICENSE" : "no licence text"));
+  EXPECT_THAT(Run("kyr-disabled").errors,
+              HasSubstr(Says(-1073741826, "SVCMGR_ERROR_KYR_DISABLED")));
 }
 
-TEST(EpollLoop, ListsTheModels) {
-  const Finished run = RunExample("demo", "epoll-loop");
+TEST_P(EpollLoop, ListsTheModels) {
+  const Finished run = Run("demo");
   EXPECT_EQ(run.status, 0) << run.errors;
   EXPECT_EQ(run.output, "vision.segment\nvision.upscale\nspeech.wake-word\ntext.summary.small\n");
   EXPECT_EQ(run.errors, "");
 }
 
-TEST(EpollLoop, ServesTheDescriptorsOfTheApplicationToo) {
-  const Finished run = RunExample("never-answers", "epoll-loop");
+TEST_P(EpollLoop, ServesTheDescriptorsOfTheApplicationToo) {
+  const Finished run = Run("never-answers");
   EXPECT_EQ(run.status, 1);
-  EXPECT_THAT(run.errors, HasSubstr("error 2\n"));
+  EXPECT_THAT(run.errors, HasSubstr(IsCxx() ? "TIMEOUT" : "error 2\n"));
 }
 
 }  // namespace
