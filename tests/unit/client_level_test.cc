@@ -840,7 +840,8 @@ TEST_F(AFileThatGrows, HasNothingWhenItTurnsOutToBeNoFileOrItsSizeIsUnknown) {
       status.st_mode = answer.first;
       return answer.second;
     };
-    EXPECT_EQ(Search(), type == S_IFREG && error == 0 ? kOwn : kNothing) << type << ' ' << error;
+    EXPECT_EQ(Search(), answer.first == S_IFREG && answer.second == 0 ? kOwn : kNothing)
+        << answer.first << ' ' << answer.second;
   }
 }
 
