@@ -2,6 +2,8 @@
 #include "scenario/object_reader.h"
 
 #include <algorithm>
+#include <cmath>
+#include <cstddef>
 #include <set>
 #include <sstream>
 #include <utility>
@@ -41,9 +43,22 @@ Value Value::Inside(const JsonNode& node, std::size_t index) const {
   return Value(node, pointer_.Of(index), *problems_);
 }
 
+namespace {
+
+/** A whole number may be written with a point or an exponent, as far as every number has a neighbour. */
+bool IsWhole(const JsonNode& node) {
+  constexpr double kExact = 9007199254740992;  // 2 to the power of 53
+  return node.kind == JsonNode::Kind::kNumber && std::fabs(node.number) <= kExact &&
+         std::trunc(node.number) == node.number;
+}
+
+}  // namespace
+
 bool ReadInteger(const Value& value, std::int32_t* out, std::int32_t least, std::int32_t most) {
-  if (!value.Is(JsonNode::Kind::kInteger)) return false;
-  const std::int64_t number = value.node().integer;
+  const JsonNode& node = value.node();
+  const bool whole = IsWhole(node);
+  if (!whole && !value.Is(JsonNode::Kind::kInteger)) return false;
+  const std::int64_t number = whole ? static_cast<std::int64_t>(node.number) : node.integer;
   if (number < least || number > most) {
     value.Refuse("must be from " + std::to_string(least) + " to " + std::to_string(most));
     return false;

@@ -224,6 +224,13 @@ step "the manual pages"
 for page in svcmgrctl svcmgr-sim; do
   [ -f "$prefix/share/man/man1/$page.1" ] || die "$page.1 is not installed"
 done
+[ -f "$prefix/share/man/man5/svcmgr-scenario.5" ] || die "svcmgr-scenario.5 is not installed"
+
+step "the scenarios and their schema"
+cmp "$prefix/share/velmora-svcmgr/scenario.schema.json" \
+  "$SOURCE_DIR/agent/scenario/scenario.schema.json" || die "the schema is not installed"
+"$prefix/bin/svcmgr-sim" check "$prefix"/share/velmora-svcmgr/scenarios/*.json ||
+  die "the installed scenarios are wrong"
 
 step "the installed command line"
 "$prefix/bin/svcmgr-sim" run demo -- "$prefix/bin/svcmgrctl" models list | grep -q . ||
