@@ -61,8 +61,11 @@ void ModelWork::GoOn(Position operation) {
       Schedule(operation, operation->script->pace);
       break;
     case Next::kSteps:
+      // The steps may close the port, and end all work with it.
       steps_.RunSteps(method, operation->call, true,
-                      [this, operation](const std::string&) { Schedule(operation, 0); });
+                      [this, operation, alive = std::weak_ptr<void>(alive_)](const std::string&) {
+                        if (!alive.expired()) Schedule(operation, 0);
+                      });
       break;
     case Next::kEnd:
       if (!operation->script->steps.empty()) {
@@ -221,6 +224,7 @@ void ModelWork::Send(Operation& operation, const ProgressStep& progress) {
     script.delay = 0;  // the work itself has begun after it
   }
   std::vector<TimedParcel> messages;
+  messages.reserve(static_cast<std::size_t>(operation.script->repeat));
   for (std::int32_t i = 0; i < operation.script->repeat; ++i) {
     messages.push_back(
         {0, AnswerWith(operation.request.delegate, progress.result.value_or(kWorkDone), progress)});

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <list>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -82,6 +83,7 @@ class ModelWork {
   DeliveryQueue& deliveries_;
   UpdateRunner& steps_;
   std::list<Operation> operations_;
+  const std::shared_ptr<void> alive_ = std::make_shared<char>();
 };
 
 }  // namespace sim

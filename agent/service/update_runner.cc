@@ -298,6 +298,7 @@ void UpdateRunner::Permit(const Patterns& clients) const {
 
 /** A second time there is none to kill. */
 void UpdateRunner::KillBus() const {
+  if (journal_file_.empty()) return;  // no world, or none that has a bus of its own
   const std::string file = std::filesystem::path(journal_file_).replace_filename("bus.pid");
   pid_t bus = 0;
   if (std::ifstream(file) >> bus && bus > 0 && unlink(file.c_str()) == 0) kill(bus, SIGKILL);

@@ -265,6 +265,18 @@ TEST_F(AnUpdate, CanCloseThePortWithTheAgentStillOnTheBus) {
                                                                "11", "status 0", "status 0"));
 }
 
+TEST_F(AnUpdate, CanCloseThePortInTheMiddleOfWorkOnModels) {
+  const Finished run = Run(R"({"models": [{"id": "m", "versions": ["1"]}],
+      "methods": {"RequestToUpdate": {"stepsAt": {"percentage": 40, "steps": [
+          {"close": true}, {"wait": 20}, {"modelStatus": "FAILED"}, {"apiLevel": 3}]}}}})",
+                           2, kTools + std::string(R"(
+      "$CTL" models update m >/dev/null 2>&1; echo "status $?"; send wait=100 restart; level)"));
+  EXPECT_EQ(run.errors, "");
+  EXPECT_THAT(Lines(run.output),
+              testing::UnorderedElementsAre("model_status START", "status 6", "model_status FAILED",
+                                            "3", "status 0", "status 0"));
+}
+
 TEST_F(AnUpdate, CanEndTheBus) {
   const Finished run = Run("{}", 0, kTools + std::string(R"(
       pid=$(cat bus.pid); send kill-bus; while kill -0 $pid 2>/dev/null; do :; done
