@@ -227,8 +227,8 @@ const Outcome kOutcomes[] = {
      {"STATUS_STARTED", "STATE_REJECTED"}},
     {"result-codes",
      "for method in 'models list' 'models list --descriptions' 'models update vision.segment' "
-     "'models uninstall vision.segment' api-level update; do each $method; done; each --timeout "
-     "0.2 update a",
+     "'models uninstall vision.segment' api-level update; do each $method; done; ctl update a; "
+     "for call in 2 3 4 5 6 7 8 9 10 11 12 13; do ctl --timeout 0.2 update a; done",
      "0 1 0 1 1 8 1 1 9 3 0 1 1 0 1 0 1 1 8 1 1 9 3 0 1 1 0 1 1 1 1 8 1 1 9 3 1 1 1 0 1 1 1 1 8 1 "
      "1 9 3 1 1 1 0 0 0 0 0 0 0 0 0 0 0 0 1 0 1 1 1 1 1 1 1 1 1 1 1 1 0 7 7 7 7 7 7 7 7 7 7 7 7",
      {"AGENT_CODE_3", "NO_SPACE", "AGENT_CODE_6", "KYR_DISABLED", "PERMISSION_DENIED"}},
