@@ -43,6 +43,11 @@ class TheErrorsGuide(unittest.TestCase):
         listed = rows(guide("errors.md"), r"`(SVCMGR_ERROR_\w+)` \| (-?\d+) \| (\S[^|]+) \| (\S[^|]+) \|$")
         self.assertEqual({name: int(number) for name, number, _, _ in listed}, enumerators("SVCMGR_ERROR_"))
 
+    def test_lists_what_the_cxx_face_has_codes_for(self):
+        text = re.search(r"enum OwnError : int \{(.*?)\};", (ROOT / "include/velmora_svcmgr.hpp").read_text(), re.S)[1]
+        wanted = re.findall(r"^  (k\w+) = (\d+),", text, re.M)
+        self.assertEqual(rows(guide("errors.md"), r"`(k\w+)` \| (\d+) \|"), wanted)
+
     def test_translates_the_results_of_the_agent_as_the_library_does(self):
         table = re.search(r"kErrorOfAgentResult\[\] = \{(.*?)\};", source("SvcMgrAppProxyCallback.cc"), re.S)[1]
         wanted = re.findall(r"/\* +(\d+) \*/ (\w+)", table)
@@ -82,7 +87,8 @@ class TheGuides(unittest.TestCase):
     def test_link_to_what_is_there(self):
         places = [ROOT / "README.md", ROOT / "examples/README.md", *(ROOT / "docs").rglob("*.md")]
         for place in places:
-            for target in re.findall(r"\]\(([^)#]+)(?:#[^)]*)?\)", place.read_text()):
+            prose = re.sub(r"^ *```.*?^ *```$", "", place.read_text(), flags=re.M | re.S)
+            for target in re.findall(r"\]\(([^)#]+)(?:#[^)]*)?\)", prose):
                 if not re.match(r"[a-z]+:", target):
                     self.assertTrue((place.parent / target).exists(), f"{place}: {target}")
 
