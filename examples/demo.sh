@@ -69,7 +69,12 @@ stop_listening
 say "Your turn"
 cat <<END
 
-What the command line can do              $ $sim run demo -- $ctl --help
-Other agents: old, silent, broken ones    $ $sim list
-Your first application                    $(dirname "$(dirname "$0")")/docs/guide/first-application.md
+What the command line can do:
+$ $sim run demo -- $ctl --help
+
+Agents that are old, silent or broken, to try it with:
+$ $sim list
+
+Your first application, in C and in C++:
+$ less $(dirname "$(dirname "$0")")/docs/guide/first-application.md
 END

@@ -25,6 +25,14 @@ TEST_P(AnExample, ListsTheModels) {
   EXPECT_EQ(run.status, 0) << run.errors;
   EXPECT_THAT(run.output, HasSubstr("vision.segment"));
   EXPECT_THAT(run.output, HasSubstr("speech.wake-word"));
+  EXPECT_EQ(run.errors, "") << "the library's log has an error";
+}
+
+TEST_P(AnExample, SaysWhatTheAgentAnswersInsteadOfModels) {
+  const Finished run = RunProgram("kyr-disabled", GetParam());
+  EXPECT_EQ(run.status, 1);
+  EXPECT_THAT(run.output, IsEmpty());
+  EXPECT_THAT(run.errors, testing::ContainsRegex("-1073741826|SVCMGR_ERROR_KYR_DISABLED"));
 }
 
 TEST_P(AnExample, FailsWhereThereIsNoAgent) {
