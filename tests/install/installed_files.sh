@@ -220,6 +220,27 @@ strip "$work/marked-app/build/level"
 has_marker "$work/marked-app/build/level"
 expect_level "$work/marked-app/build/level" "level 11"
 
+step "tests of an application by CTest"
+mkdir "$work/tested-app"
+cat >"$work/tested-app/CMakeLists.txt" <<'C'
+cmake_minimum_required(VERSION 3.25)
+project(tested C)
+find_package(velmora-svcmgr 2.3 REQUIRED)
+enable_testing()
+add_executable(app ../app.c)
+target_link_libraries(app velmora-svcmgr::velmora-svcmgr)
+svcmgr_sim_test(NAME asks-nothing SCENARIO ./mine.json COMMAND app EXPECT "agent started" "no client connected")
+svcmgr_sim_test(NAME asks-nothing-as-expected SCENARIO empty COMMAND app EXPECT "no agent started")
+C
+echo '{"description": "Mine."}' >"$work/tested-app/mine.json"
+quiet "$CMAKE" -S "$work/tested-app" -B "$work/tested-app/build" -DCMAKE_PREFIX_PATH="$prefix"
+quiet "$CMAKE" --build "$work/tested-app/build"
+if (cd "$work/tested-app/build" && ctest --output-on-failure) >"$work/log"; then
+  die "a test whose expectation is wrong has passed"
+fi
+grep -q 'asks-nothing [ .]*Passed' "$work/log" || { cat "$work/log"; die "a right test has failed"; }
+grep -q 'this was not to be: no agent started' "$work/log" || { cat "$work/log"; die "no reason"; }
+
 step "the manual pages"
 for page in svcmgrctl svcmgr-sim; do
   [ -f "$prefix/share/man/man1/$page.1" ] || die "$page.1 is not installed"
