@@ -1190,6 +1190,14 @@ enum class ModelStatus : int {
   kFailed = SVCMGR_AI_STATUS_FAILED,
 };
 
+/** A change of the connection as the C interface reports it; see velmora_svcmgr_connection_cb. */
+struct ConnectionReport {
+  /** SVCMGR_ERROR_NONE, or why the agent refused. */
+  int result = SVCMGR_ERROR_NONE;
+  /** One of velmora_svcmgr_connection_state_e. */
+  int state = SVCMGR_CONNECTION_STATE_CONNECTED;
+};
+
 class Session;
 
 namespace detail {
@@ -1220,6 +1228,8 @@ class Entry {
   virtual void End(Core& core, Error error) noexcept = 0;
   // The time limit is over.
   virtual void TimeIsUp(Core& core) noexcept { End(core, Error(kTimedOut)); }
+  // Nothing more is to be begun; called on the main-loop thread.
+  virtual void Cancel() noexcept {}
   // It was released: nothing of it is called any more.
   virtual void Release(Core&) noexcept {}
   // Looks at what only time can tell.
@@ -1247,11 +1257,8 @@ class Worker : public std::enable_shared_from_this<Worker> {
  public:
   // False if there can be no thread.
   bool Run(Task task);
-  // Whether a call is under way, or will be.
-  bool IsBusy() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return running_;
-  }
+  // Calls of the C interface that are under way.
+  std::atomic<int> calls{0};
 
  private:
   static void* Main(void* self) noexcept;
@@ -1333,7 +1340,16 @@ class Core : public std::enable_shared_from_this<Core> {
   void Disconnect();
   void Add(const std::shared_ptr<Entry>& entry, Milliseconds limit);
   void Remove(Id id) noexcept;
-  bool Has(Id id) const noexcept { return entries_.count(id) != 0; }
+  bool Has(Id id) const noexcept {
+    return entries_.count(id) + connections.hearers.count(id) + updates.hearers.count(id) +
+               models.hearers.count(id) !=
+           0;
+  }
+  // Whether the agent was asked, and an answer may come.
+  bool IsSent(Id id) const noexcept {
+    const auto found = entries_.find(id);
+    return found != entries_.end() && found->second->stage == Entry::Stage::kSent;
+  }
   void HearStates(Callable<void(State)> heard);
 
   template <typename Status>
@@ -1388,6 +1404,7 @@ class Core : public std::enable_shared_from_this<Core> {
     int (*subscribe)();
     int (*unsubscribe)();
   };
+  Audience<ConnectionReport> connections{{}, [] { return 0; }, [] { return 0; }};
   Audience<UpdateStatus> updates{{}, SubscribeToUpdates, velmora_svcmgr_unset_update_status_cb};
   Audience<ModelStatus> models{{}, SubscribeToModels, velmora_svcmgr_ai_deregister_status_cb};
 
@@ -1405,6 +1422,7 @@ class Core : public std::enable_shared_from_this<Core> {
 
   template <typename Status>
   void Tell(Audience<Status>& audience, Status status) noexcept;
+  void Follow(int result, int state) noexcept;
   void LoseEntry(const std::shared_ptr<Entry>& entry, bool returns) noexcept;
   // In a forked child, the session is its parent's.
   bool IsParents() const noexcept { return pid_ != getpid(); }
@@ -1556,7 +1574,10 @@ inline void Core::Open() {
 inline void Core::Close() noexcept {
   const auto self = shared_from_this();
   const bool ours = state_ != State::kRefused && TheCore().get() == this;
-  for (auto& [id, entry] : entries_) StopTimer(entry->limit);
+  for (auto& [id, entry] : entries_) {
+    StopTimer(entry->limit);
+    entry->Cancel();
+  }
   StopTimer(connect_timer_);
   StopTimer(look_timer_);
   closed_ = true;
@@ -1568,12 +1589,13 @@ inline void Core::Close() noexcept {
     if (!updates.hearers.empty()) static_cast<void>(updates.unsubscribe());
     if (!models.hearers.empty()) static_cast<void>(models.unsubscribe());
     // With a call under way on another thread the connection has to stay; the next session takes it.
-    if (!TheRegistry().worker->IsBusy()) static_cast<void>(velmora_svcmgr_disconnect());
+    if (TheRegistry().worker->calls == 0) static_cast<void>(velmora_svcmgr_disconnect());
     const std::lock_guard<std::mutex> lock(TheRegistry().mutex);
     TheRegistry().core.reset();
   }
   // Freed last: what the callables hold may come back here.
   const auto entries = std::exchange(entries_, {});
+  const auto connection_hearers = std::exchange(connections.hearers, {});
   const auto update_hearers = std::exchange(updates.hearers, {});
   const auto model_hearers = std::exchange(models.hearers, {});
   const auto heard = std::exchange(heard_state_, nullptr);
@@ -1628,7 +1650,7 @@ inline void Core::FinishConnecting(int code) noexcept {
     });
   }
   KeepLooking();
-  if (reported) HearConnection(reported->first, reported->second);
+  if (reported) Follow(reported->first, reported->second);
 }
 
 inline void Core::Disconnect() {
@@ -1651,10 +1673,17 @@ inline void Core::Disconnect() {
 inline void Core::HearConnection(int result, int state) noexcept {
   const auto self = shared_from_this();
   if (closed_) return;
+  const ConnectionReport report = {result, state};
   if (in_connect_) {
     reported_ = {result, state};
+    static_cast<void>(Post([report](Core& core) { core.Tell(core.connections, report); }));
     return;
   }
+  Follow(result, state);
+  if (!closed_) Tell(connections, report);
+}
+
+inline void Core::Follow(int result, int state) noexcept {
   switch (state) {
     case SVCMGR_CONNECTION_STATE_CONNECTED:
       // Requests that went over the connection before this one are lost, if there was one.
@@ -1933,6 +1962,7 @@ inline void Core::Remove(Id id) noexcept {
     audience.hearers.erase(found);
     if (audience.hearers.empty() && !closed_) static_cast<void>(audience.unsubscribe());
   };
+  forget(connections);
   forget(updates);
   forget(models);
 }
@@ -2078,18 +2108,19 @@ struct Job final : Entry {
 
   Job(JobKind k, Call call, Done d)
       : kind(k), shared(std::make_shared<Shared>(std::move(call))), done(std::move(d)) {}
-  ~Job() override { shared->released = true; }
 
   int Send(Core& core) noexcept override;
   void End(Core& core, Error error) noexcept override { Finish(core, error); }
   bool IsQuery() const noexcept override { return kind.is_query; }
   bool NeedsConnection() const noexcept override { return kind.needs_connection; }
   bool IsAnsweredByCallback() const noexcept override { return false; }
+  void Cancel() noexcept override { shared->released = true; }
+  void Release(Core&) noexcept override { Cancel(); }
 
   void Finish(Core& core, Outcome<T> outcome) noexcept {
     const auto self = core.Take(id);
     if (self == nullptr) return;
-    shared->released = true;
+    Cancel();
     Done last = std::move(done);
     if (last) core.Call(last, std::move(outcome));
   }
@@ -2113,8 +2144,15 @@ template <typename T>
 int Job<T>::Send(Core& core) noexcept {
   if (!shared->call) return SVCMGR_ERROR_INVALID_PARAMETER;
   auto task = Task::TryMake([weak = core.weak_from_this(), keep = shared, key = id] {
-    if (keep->released) return;
+    // In this order, so that either this thread sees the release, or who releases sees the call.
+    std::atomic<int>& calls = TheRegistry().worker->calls;
+    ++calls;
+    if (keep->released) {
+      --calls;
+      return;
+    }
     Outcome<T> outcome = keep->call();
+    --calls;
     const auto session = weak.lock();
     if (session == nullptr) return;
     static_cast<void>(session->Post([key, result = std::move(outcome)](Core& later) mutable {
@@ -2269,6 +2307,13 @@ class [[nodiscard]] Token {
     id_ = 0;
   }
 
+  /** Whether it is a request that was handed to the agent, over a connection that stands as far as is
+   *  known, and that is not over. */
+  bool sent() const noexcept {
+    const auto core = core_.lock();
+    return core != nullptr && core->IsSent(id_);
+  }
+
   /** Whether the callable may still be called. */
   bool pending() const noexcept {
     const auto core = core_.lock();
@@ -2303,11 +2348,20 @@ class [[nodiscard]] ModelWork {
   /** How far it has come; all is 0 for an object that stands for no work. Stays readable when the
    *  work is over: 100 percent if it is done. */
   Progress progress() const noexcept { return tracker_ ? tracker_->progress() : Progress(); }
+  /** Whether the agent has been asked for it, over a connection that stands as far as is known, and it
+   *  is not over. */
+  bool asked() const noexcept { return token_.sent(); }
+  /**
+   * Ends it now, because the application has waited long enough by a measure of its own: the end rule
+   * is asked for the last time, as if WorkOptions::limit were over. Nothing of it runs any more; the
+   * final word is what is returned here, kGoesOn where the end is not known.
+   */
+  Verdict TimeIsUp() noexcept;
   /** Whether events decided how it ended, rather than a message. */
   bool ended_by_events() const noexcept { return tracker_ && tracker_->ended_by_events(); }
   /** What the end rule sees, for pictures of the progress; null for an object that stands for no
    *  work. Shared, and not to be changed. */
-  const std::shared_ptr<const WorkTracker>& tracker() const noexcept { return tracker_; }
+  std::shared_ptr<const WorkTracker> tracker() const noexcept { return tracker_; }
 
   /** As for Token. */
   void Release() noexcept { token_.Release(); }
@@ -2316,12 +2370,20 @@ class [[nodiscard]] ModelWork {
 
  private:
   friend class Session;
-  ModelWork(Token token, std::shared_ptr<const WorkTracker> tracker) noexcept
+  ModelWork(Token token, std::shared_ptr<WorkTracker> tracker) noexcept
       : token_(std::move(token)), tracker_(std::move(tracker)) {}
 
   Token token_;
-  std::shared_ptr<const WorkTracker> tracker_;
+  std::shared_ptr<WorkTracker> tracker_;
 };
+
+inline Verdict ModelWork::TimeIsUp() noexcept {
+  if (tracker_ == nullptr) return Verdict::kGoesOn;
+  const auto core = token_.core_.lock();
+  if (core != nullptr && token_.pending()) tracker_->Judge(core->Now(), true);
+  Release();
+  return tracker_->verdict();
+}
 
 // ---- The session --------------------------------------------------------------------------------
 
@@ -2456,6 +2518,15 @@ class Session {
   }
 
   // Subscriptions. Any number at a time; they need no connection.
+
+  /** Hears what the C interface reports of the connection, in its own words. OnState knows more: not
+   *  every loss and every return is reported (traps 7 to 10). */
+  [[nodiscard]] Outcome<Token> OnConnection(Callable<void(ConnectionReport)> heard) {
+    const auto core = core_;
+    return core->Subscribe(core->connections, std::move(heard)).transform([&core](detail::Id id) {
+      return Token(core, id);
+    });
+  }
 
   /** Hears how updates of the agents go, whoever asked for them. */
   [[nodiscard]] Outcome<Token> OnUpdateStatus(Callable<void(UpdateStatus)> heard) {

@@ -200,6 +200,30 @@ TEST_F(AWork, BelievesEventsWhenItsTimeIsUp) {
   EXPECT_THAT(ends, ElementsAre("WORK_FAILED"));
 }
 
+TEST_F(AWork, EndsWhenTheApplicationSaysThatItsTimeIsUp) {
+  Update({"a"});
+  EXPECT_TRUE(work.asked());
+  EXPECT_EQ(work.TimeIsUp(), vs::Verdict::kGoesOn);
+  EXPECT_FALSE(work.pending());
+  Update({"a"});
+  Event("START");
+  Event("COMPLETED");
+  EXPECT_EQ(work.TimeIsUp(), vs::Verdict::kDone);
+  EXPECT_TRUE(work.ended_by_events());
+  loop.Pass(1h);
+  EXPECT_THAT(ends, IsEmpty());
+  EXPECT_EQ(vs::ModelWork().TimeIsUp(), vs::Verdict::kGoesOn);
+}
+
+TEST_F(AWork, IsNotAskedForWhileItWaits) {
+  Open();
+  Update({"a"});
+  EXPECT_FALSE(work.asked());
+  EXPECT_TRUE(work.pending());
+  Connect();
+  EXPECT_TRUE(work.asked());
+}
+
 TEST_F(AWork, EndsByTheRuleOfTheApplication) {
   vs::WorkOptions options;
   options.rule = [](const vs::WorkSight& sight) {

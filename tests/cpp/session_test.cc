@@ -239,6 +239,30 @@ TEST_F(ASession, TellsOfALossThatComesWhileItConnects) {
   EXPECT_THAT(states, ElementsAre(State::kLost));
 }
 
+TEST_F(ASession, PassesOnWhatTheCInterfaceReports) {
+  std::vector<std::pair<int, int>> reports;
+  const auto hearing = session->OnConnection(
+      [&](vs::ConnectionReport report) { reports.emplace_back(report.result, report.state); });
+  ASSERT_TRUE(hearing.has_value());
+  EXPECT_TRUE(hearing->pending());
+  Connect();
+  fake::Proxy().FireDisconnected();
+  ReturnFromUpdate();
+  fake::Proxy().FireRejected();
+  EXPECT_THAT(reports,
+              ElementsAre(std::pair(0, 0), std::pair(0, 1), std::pair(0, 0), std::pair(-13, 2)));
+}
+
+TEST_F(ASession, PassesOnWhatIsReportedInsideConnecting) {
+  int reports = 0;
+  const auto hearing = session->OnConnection([&](vs::ConnectionReport) { ++reports; });
+  fake::Next("rpc_port_proxy_connect",
+             fake::Succeed().Leaving([] { fake::Proxy().FireConnected(); }));
+  loop.Turn();
+  EXPECT_EQ(session->state(), State::kConnected);
+  EXPECT_EQ(reports, 1);
+}
+
 TEST_F(ASession, GoesOnWithALoopThatTakesNothing) {
   loop.refuses = true;
   Open();
