@@ -372,7 +372,7 @@ inline const Error::Row& Error::Find() const noexcept {
        "Try again later; the agent may be busy with another update."},
   };
 #undef VELMORA_SVCMGR_ROW_
-  static constexpr Row kUnknown = {0, "UNKNOWN", "the library reports an unknown code",
+  static constexpr Row kUnknown = {0, "UNKNOWN", "the library reports the unknown code",
                                    "Look up the code in the header of the installed library."};
   const auto* row = std::find_if(std::begin(kRows), std::end(kRows),
                                  [this](const Row& each) { return each.code == code_; });

@@ -515,6 +515,11 @@ int velmora_svcmgr_agent_list_add(velmora_svcmgr_agent_list_h list, const char* 
   return SVCMGR_ERROR_NONE;
 }
 
+int velmora_svcmgr_agent_list_get_size(velmora_svcmgr_agent_list_h list, int* size) {
+  *size = static_cast<int>(list->agents.size());
+  return SVCMGR_ERROR_NONE;
+}
+
 int velmora_svcmgr_request_update(void) { return RequestUpdate(json()); }
 
 int velmora_svcmgr_request_update_with_list(velmora_svcmgr_agent_list_h list) {

@@ -5,6 +5,11 @@
 
 #include <gmock/gmock.h>
 
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <memory>
+
 #include "bars.h"
 #include "velmora_svcmgr.h"
 
@@ -15,88 +20,125 @@ using testing::DoubleNear;
 using testing::ElementsAre;
 using testing::Optional;
 
-using End = WorkProgress::End;
+using End = vs::Verdict;
 
-ProgressNumbers Working(int index, int count, int percentage) {
-  return {SVCMGR_ERROR_NONE, 1, index, count, percentage};
+constexpr int kStateDone = static_cast<int>(vs::WorkState::kDone);
+constexpr int kStateFailed = static_cast<int>(vs::WorkState::kFailed);
+
+/** Progress that a test feeds itself. */
+class FedProgress {
+ public:
+  FedProgress(std::size_t models, double now)
+      : tracker_(std::make_shared<vs::WorkTracker>(models, At(now))), progress_(tracker_, now) {}
+
+  void Take(const vs::WorkReport& report, double now) {
+    tracker_->Take(report, At(now));
+    progress_.Note(now);
+  }
+  void TakeStatus(int status, double now) {
+    tracker_->TakeStatus(status, At(now));
+    progress_.Note(now);
+  }
+  End EndAt(double now) { return tracker_->Judge(At(now)); }
+  End EndWhenTimeIsUp(double now) { return tracker_->Judge(At(now), true); }
+  bool EndedByEvents() const { return tracker_->ended_by_events(); }
+  int error() const { return tracker_->failure().code(); }
+
+  operator const WorkProgress&() const { return progress_; }  // NOLINT(google-explicit-constructor)
+  const WorkProgress* operator->() const { return &progress_; }
+
+ private:
+  static vs::TimePoint At(double seconds) {
+    return vs::TimePoint(
+        std::chrono::milliseconds(static_cast<std::int64_t>(std::round(seconds * 1000))));
+  }
+
+  std::shared_ptr<vs::WorkTracker> tracker_;
+  WorkProgress progress_;
+};
+
+vs::WorkReport Working(int index, int count, int percentage) {
+  return {SVCMGR_ERROR_NONE, vs::WorkState::kWorking, index, count, percentage};
 }
-ProgressNumbers Message(int error, int state) { return {error, state, 1, 1, 50}; }
+vs::WorkReport Message(int error, int state) {
+  return {error, static_cast<vs::WorkState>(state), 1, 1, 50};
+}
 
 TEST(Progress, OfAModelIsWhatTheAgentSays) {
-  WorkProgress progress(2, 0);
-  EXPECT_EQ(progress.PercentOf(0), 0);
-  EXPECT_EQ(progress.Total(), 0);
+  FedProgress progress(2, 0);
+  EXPECT_EQ(progress->PercentOf(0), 0);
+  EXPECT_EQ(progress->Total(), 0);
   progress.Take(Working(1, 2, 40), 1);
-  EXPECT_EQ(progress.PercentOf(0), 40);
-  EXPECT_EQ(progress.PercentOf(1), 0);
-  EXPECT_EQ(progress.Total(), 20);
+  EXPECT_EQ(progress->PercentOf(0), 40);
+  EXPECT_EQ(progress->PercentOf(1), 0);
+  EXPECT_EQ(progress->Total(), 20);
 }
 
 TEST(Progress, OfAModelIsWholeOnceTheNextHasBegun) {
-  WorkProgress progress(3, 0);
+  FedProgress progress(3, 0);
   progress.Take(Working(1, 3, 100), 1);
-  EXPECT_EQ(progress.PercentOf(0), 99);
+  EXPECT_EQ(progress->PercentOf(0), 99);
   progress.Take(Working(3, 3, 0), 2);
-  EXPECT_EQ(progress.PercentOf(0), 100);
-  EXPECT_EQ(progress.PercentOf(1), 100);
-  EXPECT_EQ(progress.PercentOf(2), 0);
-  EXPECT_EQ(progress.Current(), 2u);
+  EXPECT_EQ(progress->PercentOf(0), 100);
+  EXPECT_EQ(progress->PercentOf(1), 100);
+  EXPECT_EQ(progress->PercentOf(2), 0);
+  EXPECT_EQ(progress->Current(), 2u);
 }
 
 TEST(Progress, NeverGoesBackwards) {
-  WorkProgress progress(2, 0);
+  FedProgress progress(2, 0);
   progress.Take(Working(1, 2, 60), 1);
   progress.Take(Working(1, 2, 20), 2);
-  EXPECT_EQ(progress.PercentOf(0), 60);
+  EXPECT_EQ(progress->PercentOf(0), 60);
   progress.Take(Working(2, 2, 10), 3);
   progress.Take(Working(1, 2, 70), 4);
-  EXPECT_EQ(progress.PercentOf(0), 100);
-  EXPECT_EQ(progress.PercentOf(1), 10);
-  EXPECT_EQ(progress.Current(), 1u);
-  EXPECT_EQ(progress.Total(), 55);
+  EXPECT_EQ(progress->PercentOf(0), 100);
+  EXPECT_EQ(progress->PercentOf(1), 10);
+  EXPECT_EQ(progress->Current(), 1u);
+  EXPECT_EQ(progress->Total(), 55);
 }
 
 TEST(Progress, IsNeverWholeBeforeTheEnd) {
-  WorkProgress progress(1, 0);
+  FedProgress progress(1, 0);
   for (const int percentage : {100, 101, 2147483647}) {
     progress.Take(Working(1, 1, percentage), 1);
-    EXPECT_EQ(progress.PercentOf(0), 99);
-    EXPECT_EQ(progress.Total(), 99);
+    EXPECT_EQ(progress->PercentOf(0), 99);
+    EXPECT_EQ(progress->Total(), 99);
   }
-  progress.Take({SVCMGR_ERROR_NONE, kStateDone, 1, 1, 100}, 2);
-  EXPECT_EQ(progress.PercentOf(0), 100);
-  EXPECT_EQ(progress.Total(), 100);
+  progress.Take({SVCMGR_ERROR_NONE, vs::WorkState::kDone, 1, 1, 100}, 2);
+  EXPECT_EQ(progress->PercentOf(0), 100);
+  EXPECT_EQ(progress->Total(), 100);
 }
 
 TEST(Progress, IsNotMovedByNumbersThatCannotBe) {
-  WorkProgress progress(2, 0);
+  FedProgress progress(2, 0);
   progress.Take(Working(1, 2, 30), 1);
-  for (const ProgressNumbers& wrong :
+  for (const vs::WorkReport& wrong :
        {Working(0, 2, 90), Working(-1, 2, 90), Working(3, 2, 90), Working(2147483647, 2, 90),
         Working(-2147483647 - 1, 2, 90), Working(1, 2, -5), Working(1, -7, 10)}) {
     progress.Take(wrong, 2);
-    EXPECT_EQ(progress.Current(), 0u);
-    EXPECT_EQ(progress.PercentOf(0), 30);
-    EXPECT_EQ(progress.EndAt(2), End::kNone);
+    EXPECT_EQ(progress->Current(), 0u);
+    EXPECT_EQ(progress->PercentOf(0), 30);
+    EXPECT_EQ(progress.EndAt(2), End::kGoesOn);
   }
 }
 
 TEST(TheEnd, IsTheFirstMessageOfItsState) {
-  WorkProgress done(1, 0);
+  FedProgress done(1, 0);
   done.Take(Message(SVCMGR_ERROR_NONE, kStateDone), 1);
   EXPECT_EQ(done.EndAt(1), End::kDone);
   done.Take(Message(SVCMGR_ERROR_NO_SPACE, kStateFailed), 2);
   EXPECT_EQ(done.EndAt(2), End::kDone) << "what follows changes nothing";
 
-  WorkProgress failed(1, 0);
+  FedProgress failed(1, 0);
   failed.Take(Message(SVCMGR_ERROR_NONE, kStateFailed), 1);
   EXPECT_EQ(failed.EndAt(1), End::kFailed);
-  EXPECT_EQ(failed.PercentOf(0), 50);
+  EXPECT_EQ(failed->PercentOf(0), 50);
 }
 
 TEST(TheEnd, IsAnErrorWhateverTheState) {
   for (const int state : {0, 1, kStateDone, kStateFailed, -1, 77}) {
-    WorkProgress progress(1, 0);
+    FedProgress progress(1, 0);
     progress.Take(Message(SVCMGR_ERROR_NO_SPACE, state), 1);
     EXPECT_EQ(progress.EndAt(1), End::kFailed) << state;
     EXPECT_EQ(progress.error(), SVCMGR_ERROR_NO_SPACE);
@@ -105,29 +147,29 @@ TEST(TheEnd, IsAnErrorWhateverTheState) {
 }
 
 TEST(TheEnd, IsNotAStateThatNobodyKnows) {
-  WorkProgress progress(1, 0);
+  FedProgress progress(1, 0);
   for (const int state : {0, 1, 4, -2, 77}) {
     progress.Take(Message(SVCMGR_ERROR_NONE, state), 1);
-    EXPECT_EQ(progress.EndAt(1000), End::kNone) << state;
+    EXPECT_EQ(progress.EndAt(1000), End::kGoesOn) << state;
   }
 }
 
 TEST(TheEnd, IsBelievedOfAnEventOnceNothingMoreIsHeard) {
-  WorkProgress progress(1, 0);
+  FedProgress progress(1, 0);
   progress.TakeStatus(SVCMGR_AI_STATUS_STARTED, 0);
   progress.Take(Working(1, 1, 98), 1);
   progress.TakeStatus(SVCMGR_AI_STATUS_COMPLETED, 2);
-  EXPECT_EQ(progress.EndAt(3.9), End::kNone);
-  EXPECT_EQ(progress.Total(), 98);
+  EXPECT_EQ(progress.EndAt(3.9), End::kGoesOn);
+  EXPECT_EQ(progress->Total(), 98);
   EXPECT_EQ(progress.EndAt(4), End::kDone);
-  EXPECT_EQ(progress.Total(), 100);
+  EXPECT_EQ(progress->Total(), 100);
   EXPECT_TRUE(progress.EndedByEvents());
 }
 
 TEST(TheEnd, MayComeFromEventsAlone) {
   for (const auto& [status, end] : {std::pair(SVCMGR_AI_STATUS_COMPLETED, End::kDone),
                                     {SVCMGR_AI_STATUS_FAILED, End::kFailed}}) {
-    WorkProgress progress(3, 0);
+    FedProgress progress(3, 0);
     progress.TakeStatus(SVCMGR_AI_STATUS_STARTED, 0);
     progress.TakeStatus(status, 1);
     EXPECT_EQ(progress.EndAt(3), end);
@@ -135,82 +177,82 @@ TEST(TheEnd, MayComeFromEventsAlone) {
 }
 
 TEST(TheEnd, IsNotAnEventAfterWhichTheWorkGoesOn) {
-  WorkProgress progress(1, 0);
+  FedProgress progress(1, 0);
   progress.TakeStatus(SVCMGR_AI_STATUS_STARTED, 0);
   progress.TakeStatus(SVCMGR_AI_STATUS_FAILED, 1);
   progress.Take(Working(1, 1, 10), 2);
-  EXPECT_EQ(progress.EndAt(100), End::kNone);
+  EXPECT_EQ(progress.EndAt(100), End::kGoesOn);
 }
 
 TEST(TheEnd, IsNotAnEventOfWorkThatWasBegunByOthers) {
-  WorkProgress others_before(1, 0);
+  FedProgress others_before(1, 0);
   others_before.TakeStatus(SVCMGR_AI_STATUS_COMPLETED, 1);
-  EXPECT_EQ(others_before.EndAt(100), End::kNone);
+  EXPECT_EQ(others_before.EndAt(100), End::kGoesOn);
 
-  WorkProgress others_beside(1, 0);
+  FedProgress others_beside(1, 0);
   others_beside.TakeStatus(SVCMGR_AI_STATUS_STARTED, 0);
   others_beside.TakeStatus(SVCMGR_AI_STATUS_STARTED, 1);
   others_beside.TakeStatus(SVCMGR_AI_STATUS_COMPLETED, 2);
-  EXPECT_EQ(others_beside.EndAt(100), End::kNone) << "it may be the other's";
+  EXPECT_EQ(others_beside.EndAt(100), End::kGoesOn) << "it may be the other's";
   others_beside.TakeStatus(SVCMGR_AI_STATUS_COMPLETED, 101);
   EXPECT_EQ(others_beside.EndAt(103), End::kDone);
 }
 
 TEST(TheEnd, IsNotAnEventAboutSuccessWhenTheLastModelWasNotReached) {
-  WorkProgress progress(2, 0);
+  FedProgress progress(2, 0);
   progress.TakeStatus(SVCMGR_AI_STATUS_STARTED, 0);
   progress.Take(Working(1, 2, 98), 1);
   progress.TakeStatus(SVCMGR_AI_STATUS_COMPLETED, 2);
-  EXPECT_EQ(progress.EndAt(100), End::kNone);
+  EXPECT_EQ(progress.EndAt(100), End::kGoesOn);
 }
 
 TEST(TheEnd, MayBeBelievedBeforehandWhenEventsHaveToldOfIt) {
-  WorkProgress progress(1, 0);
-  EXPECT_FALSE(progress.BelieveEvents());
+  FedProgress progress(1, 0);
+  EXPECT_EQ(progress.EndWhenTimeIsUp(0), End::kGoesOn);
   progress.TakeStatus(SVCMGR_AI_STATUS_STARTED, 0);
   progress.TakeStatus(SVCMGR_AI_STATUS_COMPLETED, 0);
-  EXPECT_TRUE(progress.BelieveEvents());
+  EXPECT_EQ(progress.EndWhenTimeIsUp(0), End::kDone);
   EXPECT_EQ(progress.EndAt(0), End::kDone);
 }
 
 TEST(ThePace, IsTheGainOfTheLastTenSeconds) {
-  WorkProgress progress(1, 0);
+  FedProgress progress(1, 0);
   progress.Take(Working(1, 1, 1), 20);
   progress.Take(Working(1, 1, 21), 30);
   progress.Take(Working(1, 1, 41), 35);
   progress.Take(Working(1, 1, 61), 40);
-  EXPECT_THAT(progress.RateAt(40), Optional(DoubleNear(4, 0.2)));
-  EXPECT_THAT(progress.RemainingAt(40), Optional(DoubleNear(39 / 4.0, 1)));
+  EXPECT_THAT(progress->RateAt(40), Optional(DoubleNear(4, 0.2)));
+  EXPECT_THAT(progress->RemainingAt(40), Optional(DoubleNear(39 / 4.0, 1)));
 }
 
 TEST(ThePace, IsNotToldTooEarly) {
-  WorkProgress progress(1, 0);
-  EXPECT_EQ(progress.RateAt(2), std::nullopt);
+  FedProgress progress(1, 0);
+  EXPECT_EQ(progress->RateAt(2), std::nullopt);
   progress.Take(Working(1, 1, 0), 0.1);
-  EXPECT_EQ(progress.RateAt(2), std::nullopt);
+  EXPECT_EQ(progress->RateAt(2), std::nullopt);
   progress.Take(Working(1, 1, 10), 0.2);
-  EXPECT_EQ(progress.RateAt(0.2), std::nullopt);
-  EXPECT_THAT(progress.RateAt(1), Optional(DoubleNear(10, 0.01)));
+  EXPECT_EQ(progress->RateAt(0.2), std::nullopt);
+  EXPECT_THAT(progress->RateAt(1), Optional(DoubleNear(10, 0.01)));
   EXPECT_EQ(Pace(progress, 1), "10.0 %/s, 9 s left");
 }
 
 TEST(ThePace, IsAStallAfterASilence) {
-  WorkProgress progress(1, 0);
+  FedProgress progress(1, 0);
   progress.Take(Working(1, 1, 10), 1);
-  EXPECT_EQ(progress.StallAt(3.9), std::nullopt);
-  EXPECT_THAT(progress.StallAt(8.5), Optional(DoubleNear(7.5, 0.01)));
-  EXPECT_EQ(progress.RateAt(8.5), std::nullopt);
+  EXPECT_EQ(progress->StallAt(3.9), std::nullopt);
+  EXPECT_THAT(progress->StallAt(8.5), Optional(DoubleNear(7.5, 0.01)));
+  EXPECT_EQ(progress->RateAt(8.5), std::nullopt);
   EXPECT_EQ(Pace(progress, 8.5), "stalled for 7 s");
   progress.Take(Working(1, 1, 10), 9);
-  EXPECT_EQ(progress.StallAt(9), std::nullopt) << "it was heard of";
+  EXPECT_EQ(progress->StallAt(9), std::nullopt) << "it was heard of";
 }
 
 TEST(ThePace, HasNoRemainingTimeAtTheEnd) {
-  WorkProgress progress(1, 0);
+  FedProgress progress(1, 0);
   progress.Take(Working(1, 1, 50), 1);
-  progress.Take({SVCMGR_ERROR_NONE, kStateDone, 1, 1, 100}, 2);
-  EXPECT_EQ(progress.RemainingAt(2), std::nullopt);
-  EXPECT_EQ(progress.StallAt(100), std::nullopt);
+  progress.Take({SVCMGR_ERROR_NONE, vs::WorkState::kDone, 1, 1, 100}, 2);
+  EXPECT_EQ(progress->RemainingAt(2), std::nullopt);
+  EXPECT_EQ(progress->StallAt(100), std::nullopt);
 }
 
 TEST(ADuration, IsShownInTheUnitsThatFit) {
@@ -223,7 +265,7 @@ TEST(ADuration, IsShownInTheUnitsThatFit) {
 }
 
 TEST(TheBars, AreOneForEachModelAndOneForTheWhole) {
-  WorkProgress progress(2, 0);
+  FedProgress progress(2, 0);
   progress.Take(Working(2, 2, 50), 0);
   EXPECT_THAT(Bars({"a", "model-b"}, progress, 0, {24, 55}),
               ElementsAre("a        [##########] 100 %", "model-b  [#####-----]  50 %",
@@ -231,7 +273,7 @@ TEST(TheBars, AreOneForEachModelAndOneForTheWhole) {
 }
 
 TEST(TheBars, AreAlignedByCellsAndCutNamesThatAreTooLong) {
-  WorkProgress progress(2, 0);
+  FedProgress progress(2, 0);
   const std::string longest(100, 'x');
   const auto lines = Bars({"\xe4\xb8\xad\xe6\x96\x87", longest}, progress, 0, {24, 60});
   EXPECT_EQ(lines[0], "\xe4\xb8\xad\xe6\x96\x87" + std::string(36, ' ') + "  [-----]   0 %");
@@ -239,7 +281,7 @@ TEST(TheBars, AreAlignedByCellsAndCutNamesThatAreTooLong) {
 }
 
 TEST(TheBars, AreThoseAroundTheCurrentModelWhereThereIsNotSpaceForAll) {
-  WorkProgress progress(9, 0);
+  FedProgress progress(9, 0);
   std::vector<std::string> names;
   for (char c = 'a'; c < 'j'; ++c) names.emplace_back(1, c);
   const auto shown = [&] {
@@ -255,7 +297,7 @@ TEST(TheBars, AreThoseAroundTheCurrentModelWhereThereIsNotSpaceForAll) {
 }
 
 TEST(TheBars, FitIntoTheSmallestTerminal) {
-  WorkProgress progress(1, 0);
+  FedProgress progress(1, 0);
   EXPECT_EQ(Bars({"a"}, progress, 0, {1, 1}).size(), 2u);
 }
 

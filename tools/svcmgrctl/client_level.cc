@@ -63,10 +63,14 @@ std::string FolderFrom(const std::string& given) {
 // Reading many files takes its time: a signal must be able to end it.
 std::shared_ptr<Level> FindLevel(Session& session, const std::string& folder) {
   auto found = std::make_shared<Level>();
-  session.Block([found, folder] {
-    found->code = velmora_svcmgr_get_client_api_level(&found->level);
-    found->files = FindMarkers(folder);
-    return found->code;
+  session.AwaitCall<void>([&](vs::Session::Done done) {
+    return session.face().RunBlocking<void>(
+        [found, folder] {
+          found->code = velmora_svcmgr_get_client_api_level(&found->level);
+          found->files = FindMarkers(folder);
+          return vs::Outcome<void>();
+        },
+        std::move(done));
   });
   const MarkedFile* newest = Newest(found->files);
   if (newest != nullptr && found->code == SVCMGR_ERROR_NONE &&

@@ -4,8 +4,7 @@
 #include <algorithm>
 #include <iterator>
 #include <utility>
-
-#include "velmora_svcmgr.h"
+#include <velmora_svcmgr.hpp>
 
 namespace svcmgrctl {
 namespace {
@@ -32,35 +31,21 @@ constexpr ExitCodeRow kExitCodes[] = {
 
 struct ErrorRow {
   int code;
-  const char* name;
   ExitCode exit;
-  const char* message;
 };
 
-#define ERROR_ROW(code, exit, message) {code, #code, exit, message}
-
+// The others are plain failures.
 constexpr ErrorRow kErrors[] = {
-    ERROR_ROW(SVCMGR_ERROR_CONNECTION_FAILED, kExitNoConnection, "the agent is not running"),
-    ERROR_ROW(SVCMGR_ERROR_IO_ERROR, kExitFailed, "input or output failed"),
-    ERROR_ROW(SVCMGR_ERROR_OUT_OF_MEMORY, kExitFailed, "memory is exhausted"),
-    ERROR_ROW(SVCMGR_ERROR_PERMISSION_DENIED, kExitPermission, "permission denied"),
-    ERROR_ROW(SVCMGR_ERROR_INVALID_PARAMETER, kExitFailed, "an argument is not valid"),
-    ERROR_ROW(SVCMGR_ERROR_NO_SPACE, kExitNoSpace, "the device has no storage left"),
-    ERROR_ROW(SVCMGR_ERROR_INVALID_OPERATION, kExitFailed,
-              "the operation could not be carried out"),
-    ERROR_ROW(SVCMGR_ERROR_ALREADY_CONNECTED, kExitFailed, "connected already"),
-    ERROR_ROW(SVCMGR_ERROR_NOT_CONNECTED, kExitNoConnection, "not connected to the agent"),
-    ERROR_ROW(SVCMGR_ERROR_NOT_SUPPORTED, kExitAgentMissing, "the agent is not installed"),
-    ERROR_ROW(SVCMGR_ERROR_INVALID_API_LEVEL, kExitFailed, "the agent did not tell its API level"),
-    ERROR_ROW(SVCMGR_ERROR_KYR_DISABLED, kExitKyrDisabled, "the KYR feature is disabled"),
-    ERROR_ROW(SVCMGR_ERROR_UNSUPPORTED_AGENT_VERSION, kExitAgentMissing,
-              "the installed agent is too old for this"),
-    ERROR_ROW(SVCMGR_ERROR_AGENT_CODE_6, kExitFailed, "the agent reports its result 6"),
-    ERROR_ROW(SVCMGR_ERROR_OUT_OF_INDEX, kExitFailed, "a list ended too early"),
-    ERROR_ROW(SVCMGR_ERROR_AGENT_CODE_3, kExitFailed, "the agent reports its result 3"),
+    {SVCMGR_ERROR_CONNECTION_FAILED, kExitNoConnection},
+    {SVCMGR_ERROR_PERMISSION_DENIED, kExitPermission},
+    {SVCMGR_ERROR_NO_SPACE, kExitNoSpace},
+    {SVCMGR_ERROR_NOT_CONNECTED, kExitNoConnection},
+    {SVCMGR_ERROR_NOT_SUPPORTED, kExitAgentMissing},
+    {SVCMGR_ERROR_KYR_DISABLED, kExitKyrDisabled},
+    {SVCMGR_ERROR_UNSUPPORTED_AGENT_VERSION, kExitAgentMissing},
+    {vs::kConnectionLost, kExitNoConnection},
+    {vs::kTimedOut, kExitTimeout},
 };
-
-#undef ERROR_ROW
 
 }  // namespace
 
@@ -73,14 +58,21 @@ std::string ExitCodeTable() {
   return table;
 }
 
-Failure FailureOf(int code) {
+Failure FailureOf(vs::Error error) {
+  const int code = error.code();
   const auto* row = std::find_if(std::begin(kErrors), std::end(kErrors),
                                  [code](const ErrorRow& r) { return r.code == code; });
-  if (row == std::end(kErrors))
-    return {code, "UNKNOWN", "the library reports the unknown code " + std::to_string(code),
-            kExitFailed};
-  return {code, row->name, row->message, row->exit};
+  Failure failure;
+  // What the library has no code for is known by its name alone.
+  if (code <= 0) failure.code = code;
+  failure.name = error.name();
+  failure.message = error.meaning();
+  if (failure.name == "UNKNOWN") failure.message += " " + std::to_string(code);
+  if (row != std::end(kErrors)) failure.exit = row->exit;
+  return failure;
 }
+
+Failure FailureOf(int code) { return FailureOf(vs::Error(code)); }
 
 Failure FailureOf(int code, std::string message) {
   Failure failure = FailureOf(code);

@@ -4,8 +4,11 @@
 
 #include <optional>
 #include <string>
+#include <velmora_svcmgr.hpp>
 
 namespace svcmgrctl {
+
+namespace vs = velmora::svcmgr;
 
 /** What the process ends with. Scripts rely on the numbers: none of them ever changes its meaning.
  */
@@ -38,8 +41,11 @@ struct Failure {
   ExitCode exit = kExitFailed;
 };
 
-/** The failure that a code of velmora_svcmgr_error_e stands for. Codes that are not in the header,
- *  which a newer library may return, make a plain failure. */
+/** The failure that an error stands for. Codes that are not in the header, which a newer library may
+ *  return, make a plain failure. */
+Failure FailureOf(vs::Error error);
+
+/** The same for a code of velmora_svcmgr_error_e. */
 Failure FailureOf(int code);
 
 /** The same, with a message that knows more than the code does. */

@@ -15,7 +15,6 @@
 #include "statuses.h"
 #include "subscriptions.h"
 #include "terminal_text.h"
-#include "velmora_svcmgr.h"
 #include "work_progress.h"
 #include "work_report.h"
 
@@ -25,15 +24,14 @@ namespace {
 using terminal_text::ForTerminal;
 
 struct Kind {
-  decltype(velmora_svcmgr_ai_request_to_update)* request;
+  decltype(&vs::Session::Update) request;
   bool takes_versions;
   const char* doing;
   const char* done;
 };
 
-constexpr Kind kUpdate = {velmora_svcmgr_ai_request_to_update, true, "update", "updated"};
-constexpr Kind kUninstall = {velmora_svcmgr_ai_request_to_uninstall, false, "uninstallation",
-                             "uninstalled"};
+constexpr Kind kUpdate = {&vs::Session::Update, true, "update", "updated"};
+constexpr Kind kUninstall = {&vs::Session::Uninstall, false, "uninstallation", "uninstalled"};
 
 std::string NameOf(const Model& model) {
   return *model.id + (model.version->empty() ? "" : "@" + *model.version);
@@ -41,27 +39,6 @@ std::string NameOf(const Model& model) {
 
 std::string Counted(std::size_t models) {
   return std::to_string(models) + (models == 1 ? " model is " : " models are ");
-}
-
-ModelList MakeModelList(const std::vector<Model>& models) {
-  velmora_svcmgr_ai_model_list_h raw = nullptr;
-  int code = velmora_svcmgr_ai_model_list_create(&raw);
-  ModelList list(raw);
-  for (auto model = models.begin(); code == SVCMGR_ERROR_NONE && model != models.end(); ++model)
-    code = velmora_svcmgr_ai_model_list_add(list.get(), MakeCompleteInfo(*model).get());
-  if (code != SVCMGR_ERROR_NONE) throw FailureOf(code);
-  return list;
-}
-
-ProgressNumbers ReadProgress(int error, const Progress& progress) {
-  ProgressNumbers numbers;
-  numbers.error = error;
-  if (!progress) return numbers;
-  velmora_svcmgr_ai_progress_get_state(progress.get(), &numbers.state);
-  velmora_svcmgr_ai_progress_get_index(progress.get(), &numbers.index);
-  velmora_svcmgr_ai_progress_get_count(progress.get(), &numbers.count);
-  velmora_svcmgr_ai_progress_get_percentage(progress.get(), &numbers.percentage);
-  return numbers;
 }
 
 /** One update or uninstallation of models, from the request to its end. */
@@ -78,14 +55,16 @@ class ModelWork {
 
   void Run() {
     session_.Connect();
-    const ModelSubscription subscription(
-        [this](int, int status) { news_.emplace_back(ModelStatus(status)); });
+    const vs::Token subscription =
+        Subscribed(session_.face().OnModelStatus([this](vs::ModelStatus status) {
+          news_.emplace_back(ModelStatus(static_cast<int>(status)));
+        }));
     Request();
     session_.Every(kPictureSeconds, [this] { time_for_picture_ = true; });
     try {
       Follow();
     } catch (Failure& failure) {
-      if (failure.exit != kExitTimeout || !progress_->BelieveEvents()) {
+      if (failure.exit != kExitTimeout || work_.TimeIsUp() == vs::Verdict::kGoesOn) {
         LeavePicture();
         Explain(&failure);
         throw;
@@ -95,21 +74,19 @@ class ModelWork {
   }
 
  private:
-  static void OnProgress(int error, velmora_svcmgr_ai_progress_h raw, void* self) {
-    const Progress progress(raw);
-    static_cast<ModelWork*>(self)->news_.emplace_back(ReadProgress(error, progress));
-  }
-
   void Request() {
-    const ModelList list = MakeModelList(models_);
+    std::vector<vs::ModelName> names;
+    for (const Model& model : models_) names.push_back(NameFrom(model));
     session_.Settle();
     news_.clear();
     report_.Begin();
-    progress_.emplace(models_.size(), Now());
-    const int code = kind_.request(list.get(), OnProgress, this);
-    if (code != SVCMGR_ERROR_NONE) {
-      session_.Settle();
-      throw FailureOf(code);
+    work_ = (session_.face().*kind_.request)(
+        std::move(names), [this](const vs::Progress& progress) { news_.emplace_back(progress); },
+        [this](vs::Outcome<void> end) { end_ = end; }, {});
+    progress_.emplace(work_.tracker(), Now());
+    if (!work_.asked()) {
+      session_.WaitUntil([this] { return end_.has_value(); });
+      throw FailureOf(end_->error());
     }
     Json ids = Json::array();
     for (const Model& model : models_)
@@ -120,33 +97,35 @@ class ModelWork {
   }
 
   void Follow() {
-    while (progress_->EndAt(Now()) == WorkProgress::End::kNone) {
-      session_.WaitUntil([this] { return time_for_picture_ || !news_.empty(); });
+    while (!end_) {
+      session_.WaitUntil([this] { return time_for_picture_ || !news_.empty() || end_; });
       time_for_picture_ = false;
       for (; !news_.empty(); news_.pop_front()) Take(news_.front());
       TellOfStall();
       ShowPicture();
     }
+    if (!*end_ && end_->error() == vs::Error(vs::kConnectionLost)) throw FailureOf(end_->error());
   }
 
-  using News = std::variant<ProgressNumbers, Status>;
+  using News = std::variant<vs::Progress, Status>;
 
   void Take(const News& news) {
     session_.Heard();
     stall_told_ = false;
     if (const auto* status = std::get_if<Status>(&news)) {
-      progress_->TakeStatus(status->number, Now());
+      progress_->Note(Now());
       report_.Print("model", {{"status", status->number}, {"name", status->name}}, "");
     } else {
-      TakeProgress(std::get<ProgressNumbers>(news));
+      TakeProgress(std::get<vs::Progress>(news));
     }
   }
 
-  void TakeProgress(const ProgressNumbers& numbers) {
+  void TakeProgress(const vs::Progress& progress) {
     const double now = Now();
-    progress_->Take(numbers, now);
-    const std::size_t model = progress_->Current();
-    const int percent = progress_->PercentOf(model);
+    progress_->Note(now);
+    const vs::WorkReport& numbers = progress.report;
+    const std::size_t model = progress.model;
+    const int percent = progress.percent;
     const auto rate = progress_->RateAt(now);
     const auto remaining = progress_->RemainingAt(now);
     // Enough for a log; a terminal shows every change.
@@ -158,17 +137,17 @@ class ModelWork {
     }
     report_.Print("progress",
                   {{"error", numbers.error},
-                   {"state", numbers.state},
+                   {"state", static_cast<int>(numbers.state)},
                    {"index", numbers.index},
                    {"count", numbers.count},
                    {"percentage", numbers.percentage},
                    {"id", *models_[model].id},
                    {"model_percent", percent},
-                   {"total_percent", progress_->Total()},
+                   {"total_percent", progress.total},
                    {"rate", rate ? Json(Rounded(*rate)) : Json()},
                    {"remaining", remaining ? Json(Rounded(*remaining)) : Json()}},
                   worth_a_line ? names_[model] + ": " + std::to_string(percent) + " % (total " +
-                                     std::to_string(progress_->Total()) + " %)"
+                                     std::to_string(progress.total) + " %)"
                                : "");
   }
 
@@ -191,24 +170,23 @@ class ModelWork {
 
   void Finish() {
     LeavePicture();
-    const bool succeeded = progress_->EndAt(Now()) == WorkProgress::End::kDone;
+    const vs::Error failure = work_.tracker()->failure();
+    const bool succeeded = work_.tracker()->verdict() == vs::Verdict::kDone;
+    const bool has_code = !succeeded && failure != vs::Error(vs::kWorkFailed);
     report_.Print(
         "end",
         {{"succeeded", succeeded},
-         {"error", progress_->error()},
-         {"decided_by", progress_->EndedByEvents() ? "event" : "progress"}},
+         {"error", has_code ? failure.code() : SVCMGR_ERROR_NONE},
+         {"decided_by", work_.ended_by_events() ? "event" : "progress"}},
         succeeded ? Counted(models_.size()) + kind_.done : std::string(kind_.doing) + " failed");
-    if (!succeeded) throw Reason();
+    if (!succeeded) throw Reason(failure);
   }
 
   /** Why the work has failed: what the agent says, or that it does not know what was asked for. */
-  Failure Reason() {
+  Failure Reason(vs::Error error) {
     const std::string name = NameOf(models_[progress_->Current()]);
-    if (progress_->error() == SVCMGR_ERROR_NONE)
-      return {std::nullopt, "WORK_FAILED", name + ": the agent reports that the work has failed",
-              kExitFailed};
-    Failure failure = FailureOf(progress_->error());
-    if (progress_->error() == SVCMGR_ERROR_INVALID_OPERATION) {
+    Failure failure = FailureOf(error);
+    if (error.code() == SVCMGR_ERROR_INVALID_OPERATION) {
       if (const auto unknown = FindUnknown()) return *unknown;
     }
     failure.message = name + ": " + failure.message;
@@ -271,6 +249,8 @@ class ModelWork {
   const std::vector<Model> models_;
   std::vector<std::string> names_;
   std::deque<News> news_;
+  vs::ModelWork work_;
+  std::optional<vs::Outcome<void>> end_;
   std::optional<WorkProgress> progress_;
   bool time_for_picture_ = false;
   bool stall_told_ = false;

@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "queries.h"
 
-#include <iterator>
-#include <memory>
+#include <utility>
 
-#include "handles.h"
 #include "terminal_text.h"
 
 namespace svcmgrctl {
@@ -12,110 +10,82 @@ namespace {
 
 using terminal_text::SimilarTo;
 
-struct Field {
+struct TextOf {
   std::optional<std::string> Model::* text;
-  int (*get)(velmora_svcmgr_ai_model_info_h, char**);
-  int (*set)(velmora_svcmgr_ai_model_info_h, const char*);
+  vs::Field field;
 };
 
-constexpr Field kFields[] = {
-    {&Model::id, velmora_svcmgr_ai_model_info_get_id, velmora_svcmgr_ai_model_info_set_id},
-    {&Model::version, velmora_svcmgr_ai_model_info_get_version,
-     velmora_svcmgr_ai_model_info_set_version},
-    {&Model::title, velmora_svcmgr_ai_model_info_get_title, velmora_svcmgr_ai_model_info_set_title},
-    {&Model::description, velmora_svcmgr_ai_model_info_get_description,
-     velmora_svcmgr_ai_model_info_set_description},
+constexpr TextOf kTexts[] = {
+    {&Model::id, vs::Field::kId},
+    {&Model::version, vs::Field::kVersion},
+    {&Model::title, vs::Field::kTitle},
+    {&Model::description, vs::Field::kDescription},
 };
 
-void Check(int code) {
-  if (code != SVCMGR_ERROR_NONE) throw FailureOf(code);
+template <typename T>
+T Checked(vs::Outcome<T> outcome) {
+  if (!outcome) throw FailureOf(outcome.error());
+  return *std::move(outcome);
 }
 
-Model ReadModel(velmora_svcmgr_ai_model_info_h info) {
+Model ReadModel(const vs::Model& info) {
   Model model;
-  for (const Field& field : kFields) {
-    char* raw = nullptr;
-    const int code = field.get(info, &raw);
-    const Text text(raw);
-    // The code for a text that is not set.
-    if (code == SVCMGR_ERROR_INVALID_OPERATION) continue;
-    Check(code);
-    if (text) model.*field.text = text.get();
+  for (const TextOf& each : kTexts) {
+    const vs::Text text = Checked(info.TryRead(each.field));
+    if (text) model.*each.text = text.str();
   }
   return model;
 }
 
-std::vector<Model> ReadList(const ModelList& list) {
-  int size = 0;
-  Check(velmora_svcmgr_ai_model_list_get_size(list.get(), &size));
+std::vector<Model> ReadList(const vs::ModelList& list) {
   std::vector<Model> models;
-  for (int i = 0; i < size; ++i) {
-    velmora_svcmgr_ai_model_info_h info = nullptr;
-    Check(velmora_svcmgr_ai_model_list_get(list.get(), i, &info));
-    models.push_back(ReadModel(ModelInfo(info).get()));
-  }
+  for (std::size_t i = 0; i < list.size(); ++i) models.push_back(ReadModel(Checked(list.At(i))));
   return models;
 }
 
+using ModelsDone = vs::Session::ModelsDone;
+
 }  // namespace
 
-ModelInfo MakeCompleteInfo(const Model& model) {
-  velmora_svcmgr_ai_model_info_h raw = nullptr;
-  Check(velmora_svcmgr_ai_model_info_create(&raw));
-  ModelInfo info(raw);
-  for (const Field& field : kFields)
-    Check(field.set(info.get(), (model.*field.text).value_or("").c_str()));
-  return info;
+vs::ModelName NameFrom(const Model& model) {
+  vs::ModelName name(model.id.value_or(""), model.version.value_or(""));
+  name.title = model.title.value_or("");
+  name.description = model.description.value_or("");
+  return name;
 }
 
 int AskApiLevel(Session& session) {
-  auto level = std::make_shared<int>(0);
-  const int code =
-      session.Block([level] { return velmora_svcmgr_get_agent_api_level(level.get()); });
-  if (code == SVCMGR_ERROR_NONE) return *level;
-  session.Settle();
-  throw FailureOf(code);
+  return session.AwaitCall<int>(
+      [&](vs::Session::LevelDone done) { return session.face().AgentApiLevel(std::move(done)); });
 }
 
 std::string AskLicense(Session& session) {
-  auto license = std::make_shared<Text>();
-  const int code = session.Block([license] {
-    char* text = nullptr;
-    const int result = velmora_svcmgr_get_license_fulltext(&text);
-    license->reset(text);
-    return result;
-  });
-  if (code == SVCMGR_ERROR_NONE && *license) return license->get();
-  session.Settle();
-  if (code != SVCMGR_ERROR_NONE) throw FailureOf(code);
-  throw Failure{std::nullopt, "NO_LICENSE", "the agent has no licence text, or could not be asked",
-                kExitFailed};
+  return session.AwaitCall<std::string>(
+      [&](vs::Session::TextDone done) { return session.face().License(std::move(done)); });
 }
 
 std::vector<Model> AskUsableModels(Session& session) {
-  return ReadList(session.Request(velmora_svcmgr_ai_request_usable_model_list));
+  return ReadList(session.Await<vs::ModelList>(
+      [&](ModelsDone done) { return session.face().Models(std::move(done)); }));
 }
 
 std::vector<Model> AskUsableModelsWithDescriptions(Session& session) {
-  return ReadList(session.Request(velmora_svcmgr_ai_request_usable_model_list_with_description));
+  return ReadList(session.Await<vs::ModelList>(
+      [&](ModelsDone done) { return session.face().ModelsWithDescriptions(std::move(done)); }));
 }
 
-std::vector<Model> AskModelsOfCategory(Session& session, const std::string& category) {
-  return ReadList(session.Request([&](velmora_svcmgr_ai_model_list_cb callback, void* data) {
-    const int code =
-        velmora_svcmgr_ai_request_usable_model_list_with_category(callback, category.c_str(), data);
-    if (code == SVCMGR_ERROR_INVALID_PARAMETER)
-      throw FailureOf(code, "no application declares the category '" + category + "'",
-                      kExitNotFound);
-    return code;
-  }));
+std::vector<Model> AskModelsOfCategory(Session& session, const std::string& category) try {
+  return ReadList(session.Await<vs::ModelList>(
+      [&](ModelsDone done) { return session.face().ModelsOfCategory(category, std::move(done)); }));
+} catch (const Failure& failure) {
+  if (failure.code != SVCMGR_ERROR_INVALID_PARAMETER) throw;
+  throw FailureOf(SVCMGR_ERROR_INVALID_PARAMETER,
+                  "no application declares the category '" + category + "'", kExitNotFound);
 }
 
 std::vector<Model> AskVersions(Session& session, const Model& model) {
-  const ModelInfo info = MakeCompleteInfo(model);
-  return ReadList(session.Request([&](velmora_svcmgr_ai_model_list_cb callback, void* data) {
-    return velmora_svcmgr_ai_request_model_version_list(info.get(), callback, data);
-  }));
+  return ReadList(session.Await<vs::ModelList>(
+      [&](ModelsDone done) { return session.face().Versions(NameFrom(model), std::move(done)); }));
 }
 
 Failure NoSuchModel(const std::string& id, const std::vector<Model>& models) {

@@ -28,8 +28,8 @@ std::vector<Model> AskUsableModelsWithDescriptions(Session& session);
 std::vector<Model> AskModelsOfCategory(Session& session, const std::string& category);
 std::vector<Model> AskVersions(Session& session, const Model& model);
 
-/** A model with all four texts set, as the library wants it in a request. */
-ModelInfo MakeCompleteInfo(const Model& model);
+/** What a model is called in a request; texts that are absent are empty there. */
+vs::ModelName NameFrom(const Model& model);
 
 /** That there is no such model among these, and which may have been meant. */
 Failure NoSuchModel(const std::string& id, const std::vector<Model>& models);

@@ -4,12 +4,8 @@
 #include <glib-unix.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cmath>
 #include <csignal>
-#include <exception>
-#include <memory>
-#include <thread>
 #include <utility>
 
 namespace svcmgrctl {
@@ -48,14 +44,22 @@ Failure ConnectFailure(int code) {
   return FailureOf(code);
 }
 
-}  // namespace
-
-Failure LostConnection() {
-  return {std::nullopt, "CONNECTION_LOST", "the connection to the agent was lost",
-          kExitNoConnection};
+// Nothing is sent again, and nothing waits: whoever asked decides. Time limits are the session's own.
+vs::Options FaceOptions() {
+  vs::Options options;
+  options.connect = false;
+  options.connect_limit = vs::kNoLimit;
+  options.resend = vs::Resend::kNever;
+  options.restart_patience = vs::Milliseconds(0);
+  return options;
 }
 
+}  // namespace
+
 Session::Session(double timeout) : timeout_(timeout) {
+  face_.emplace(loop_, FaceOptions());
+  reports_ = face_->OnConnection([this](vs::ConnectionReport report) { OnConnection(report); })
+                 .value_or(vs::Token());
   LimitTime("the agent did not answer within");
   sources_.push_back(AddSignal(
       SIGINT, [this] { End({std::nullopt, "INTERRUPTED", "interrupted", kExitInterrupted}); }));
@@ -66,7 +70,6 @@ Session::Session(double timeout) : timeout_(timeout) {
 Session::~Session() {
   EndTimeLimit();
   for (guint source : sources_) g_source_remove(source);
-  if (!has_stuck_call_) velmora_svcmgr_disconnect();
 }
 
 void Session::LimitTime(const char* what_happened) {
@@ -94,24 +97,28 @@ void Session::End(Failure reason) {
   if (!end_) end_ = std::move(reason);
 }
 
-void Session::OnConnection(int result, int state, void* session) {
-  auto* self = static_cast<Session*>(session);
-  const bool goes_on = self->connection_changed_ && self->connection_changed_(result, state);
-  switch (state) {
+void Session::OnConnection(vs::ConnectionReport report) {
+  const bool goes_on = connection_changed_ && connection_changed_(report.result, report.state);
+  switch (report.state) {
     case SVCMGR_CONNECTION_STATE_CONNECTED:
-      self->connected_ = true;
+      connected_ = true;
       break;
     case SVCMGR_CONNECTION_STATE_REJECTED:
-      self->End(FailureOf(result, "the agent refused the connection", kExitPermission));
+      End(FailureOf(report.result, "the agent refused the connection", kExitPermission));
       break;
     default:
-      if (!goes_on) self->End(LostConnection());
+      if (!goes_on) End(FailureOf(vs::Error(vs::kConnectionLost)));
   }
 }
 
 void Session::Connect() {
-  const int code = velmora_svcmgr_connect(OnConnection, this);
-  if (code != SVCMGR_ERROR_NONE) throw ConnectFailure(code);
+  const vs::Outcome<void> started = face_->Connect();
+  if (!started) {
+    // What was reported all the same is told before.
+    while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
+    }
+    throw ConnectFailure(started.error().code());
+  }
   WaitUntil([this] { return connected_; });
 }
 
@@ -120,48 +127,6 @@ void Session::WaitUntil(const std::function<bool()>& ready) {
     if (end_) throw *end_;
     g_main_context_iteration(nullptr, TRUE);
   }
-}
-
-int Session::Block(std::function<int()> call) {
-  struct State {
-    std::atomic<bool> done{false};
-    int result = SVCMGR_ERROR_INVALID_OPERATION;
-  };
-  auto state = std::make_shared<State>();
-  std::thread thread([state, call = std::move(call)] {
-    state->result = call();
-    state->done = true;
-    g_main_context_wakeup(nullptr);
-  });
-  try {
-    WaitUntil([&state] { return state->done.load(); });
-  } catch (...) {
-    has_stuck_call_ = true;
-    thread.detach();
-    throw;
-  }
-  thread.join();
-  return state->result;
-}
-
-void Session::OnAnswer(int error, velmora_svcmgr_ai_model_list_h list, void* user_data) {
-  ModelList owned(list);
-  auto* answer = static_cast<Answer*>(user_data);
-  if (answer->arrived) return;
-  *answer = {true, error, std::move(owned)};
-}
-
-ModelList Session::Request(const StartRequest& start) {
-  Answer& answer = answers_.emplace_back();
-  const int code = start(OnAnswer, &answer);
-  if (code != SVCMGR_ERROR_NONE) {
-    Settle();
-    throw FailureOf(code);
-  }
-  WaitUntil([&answer] { return answer.arrived; });
-  if (answer.error != SVCMGR_ERROR_NONE) throw FailureOf(answer.error);
-  if (!answer.list) throw FailureOf(SVCMGR_ERROR_OUT_OF_MEMORY);
-  return std::move(answer.list);
 }
 
 void Session::Settle() {

@@ -4,17 +4,16 @@
 
 #include <glib.h>
 
-#include <deque>
 #include <functional>
+#include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
+#include <velmora_svcmgr_glib.hpp>
 
 #include "failure.h"
-#include "handles.h"
 
 namespace svcmgrctl {
-
-Failure LostConnection();
 
 /**
  * One stay with the agent: a connection, a time limit, and the signals that end it early.
@@ -36,16 +35,42 @@ class Session {
   /** Connects, and waits until the connection stands. */
   void Connect();
 
-  /**
-   * Runs `call`, which may block, on a thread of its own, and waits until it has returned; returns
-   * what it returned. `call` must own what it works on: when the wait fails it keeps running.
-   */
-  int Block(std::function<int()> call);
+  /** What the agent can be asked, without a time limit or a signal. */
+  vs::Session& face() { return *face_; }
 
-  /** Starts a request and waits for its answer, which must be free of errors. `start` passes on the
-   *  callback and the user data, and returns the library's code. */
-  using StartRequest = std::function<int(velmora_svcmgr_ai_model_list_cb, void*)>;
-  ModelList Request(const StartRequest& start);
+  /** Starts a request, which passes on the callable, and waits for its answer. An error is thrown. */
+  template <typename T>
+  T Await(const std::function<vs::Token(vs::Callable<void(vs::Outcome<T>)>)>& start) {
+    auto answer = std::make_shared<std::optional<vs::Outcome<T>>>();
+    const vs::Token token =
+        start([answer](vs::Outcome<T> outcome) { answer->emplace(std::move(outcome)); });
+    WaitUntil([&answer] { return answer->has_value(); });
+    if constexpr (std::is_void_v<T>) {
+      if (!**answer) throw FailureOf((*answer)->error());
+    } else {
+      if (!**answer) throw FailureOf((*answer)->error());
+      return std::move(***answer);
+    }
+  }
+
+  /** The same for a request that blocks on another thread: when the wait fails it keeps running. */
+  template <typename T>
+  T AwaitCall(const std::function<vs::Token(vs::Callable<void(vs::Outcome<T>)>)>& start) {
+    has_stuck_call_ = true;
+    struct Returned {
+      ~Returned() { *stuck = *waiting; }
+      bool* stuck;
+      const bool* waiting;
+    };
+    bool waiting = true;
+    const Returned returned = {&has_stuck_call_, &waiting};
+    return Await<T>([&](vs::Callable<void(vs::Outcome<T>)> done) {
+      return start([&waiting, done = std::move(done)](vs::Outcome<T> outcome) mutable {
+        waiting = false;
+        done(std::move(outcome));
+      });
+    });
+  }
 
   /** Runs the main loop until `ready`, or until a reason to end; the reason is thrown. */
   void WaitUntil(const std::function<bool()>& ready);
@@ -73,17 +98,10 @@ class Session {
   bool HasStuckCall() const { return has_stuck_call_; }
 
  private:
-  struct Answer {
-    bool arrived = false;
-    int error = 0;
-    ModelList list;
-  };
-
   void End(Failure reason);
   void LimitTime(const char* what_happened);
 
-  static void OnConnection(int result, int state, void* session);
-  static void OnAnswer(int error, velmora_svcmgr_ai_model_list_h list, void* answer);
+  void OnConnection(vs::ConnectionReport report);
 
   const double timeout_;
   // Sources of the main loop; 0 where there is none.
@@ -94,8 +112,9 @@ class Session {
   bool has_stuck_call_ = false;
   // Why no wait can succeed any more; the first reason stays.
   std::optional<Failure> end_;
-  // Answers may come again until the connection ends: their places stay until then.
-  std::deque<Answer> answers_;
+  vs::GlibLoop loop_;
+  std::optional<vs::Session> face_;
+  vs::Token reports_;
 };
 
 }  // namespace svcmgrctl

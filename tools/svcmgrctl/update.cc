@@ -7,11 +7,9 @@
 
 #include "clock.h"
 #include "commands.h"
-#include "handles.h"
 #include "statuses.h"
 #include "subscriptions.h"
 #include "terminal_text.h"
-#include "velmora_svcmgr.h"
 #include "work_report.h"
 
 namespace svcmgrctl {
@@ -21,20 +19,7 @@ using terminal_text::ForTerminal;
 
 std::string Shown(const Status& status) { return status.meaning + " (" + status.name + ")"; }
 
-bool IsBeingUpdated() {
-  bool updating = false;
-  return velmora_svcmgr_is_being_updated(&updating) == SVCMGR_ERROR_NONE && updating;
-}
-
-AgentList MakeAgentList(const std::vector<std::string>& agents) {
-  velmora_svcmgr_agent_list_h raw = nullptr;
-  int code = velmora_svcmgr_agent_list_create(&raw);
-  AgentList list(raw);
-  for (auto agent = agents.begin(); code == SVCMGR_ERROR_NONE && agent != agents.end(); ++agent)
-    code = velmora_svcmgr_agent_list_add(list.get(), agent->c_str());
-  if (code != SVCMGR_ERROR_NONE) throw FailureOf(code);
-  return list;
-}
+bool IsBeingUpdated(const vs::Session& face) { return face.IsBeingUpdated().value_or(false); }
 
 /** One update of the agents, from the request to its end. */
 class Update {
@@ -44,8 +29,10 @@ class Update {
 
   void Run() {
     session_.Connect();
-    const UpdateSubscription subscription(
-        [this](int status) { news_.push_back({News::kUpdate, status, 0}); });
+    const vs::Token subscription =
+        Subscribed(session_.face().OnUpdateStatus([this](vs::UpdateStatus status) {
+          news_.push_back({News::kUpdate, static_cast<int>(status), 0});
+        }));
     session_.TellOfConnection([this](int result, int state) {
       news_.push_back({News::kConnection, state, result});
       return true;
@@ -72,14 +59,16 @@ class Update {
     // What the agent says while it is asked belongs to this update; what it said before does not.
     session_.Settle();
     news_.clear();
-    auto list = std::make_shared<AgentList>();
-    if (!agents_.empty()) *list = MakeAgentList(agents_);
     report_.Begin();
-    const int code = session_.Block([list] {
-      return *list ? velmora_svcmgr_request_update_with_list(list->get())
-                   : velmora_svcmgr_request_update();
-    });
-    if (code != SVCMGR_ERROR_NONE) ThrowRefusal(code);
+    try {
+      session_.AwaitCall<void>([this](vs::Session::Done done) {
+        return agents_.empty() ? session_.face().RequestUpdate(std::move(done))
+                               : session_.face().RequestUpdate(agents_, std::move(done));
+      });
+    } catch (const Failure& failure) {
+      if (!session_.HasStuckCall()) ThrowRefusal(failure);
+      throw;
+    }
     taken_ = true;
     session_.Heard();
     std::vector<std::string> names;
@@ -89,14 +78,14 @@ class Update {
         "the agent was asked to update " + (names.empty() ? "all agents" : Listed(names)));
   }
 
-  [[noreturn]] void ThrowRefusal(int code) {
+  [[noreturn]] void ThrowRefusal(const Failure& failure) {
     session_.Settle();
     for (const News& news : news_)
-      if (news.kind == News::kConnection) throw LostConnection();
-    // The code for every failure but two; the connection stands.
-    if (code == SVCMGR_ERROR_NOT_CONNECTED)
-      throw FailureOf(code, "the agent did not take the request", kExitFailed);
-    throw FailureOf(code);
+      if (news.kind == News::kConnection) throw FailureOf(vs::Error(vs::kConnectionLost));
+    // The library's code for every failure but two; the connection stands.
+    if (failure.name == vs::Error(vs::kNotTaken).name())
+      throw FailureOf(SVCMGR_ERROR_NOT_CONNECTED, failure.message, kExitFailed);
+    throw failure;
   }
 
   void Follow() {
@@ -142,7 +131,8 @@ class Update {
   const char* Doing() const {
     if (lost_) return "waiting for the agent to come back";
     if (begun_) return "the update is under way";
-    return IsBeingUpdated() ? "the agent updates itself" : "waiting for the update to begin";
+    return IsBeingUpdated(session_.face()) ? "the agent updates itself"
+                                           : "waiting for the update to begin";
   }
 
   void ShowPicture() {
@@ -182,17 +172,17 @@ class Update {
 
 void ShowUpdating(Session& session, Console& console, double listen) {
   session.Connect();
-  const UpdateSubscription subscription([](int) {});
+  const vs::Token subscription = Subscribed(session.face().OnUpdateStatus(nullptr));
   if (listen > 0) {
     const double end = Now() + listen;
     session.EndTimeLimit();
     session.Every(listen, [] {});
-    session.WaitUntil([end] { return IsBeingUpdated() || Now() >= end; });
+    session.WaitUntil([&] { return IsBeingUpdated(session.face()) || Now() >= end; });
   }
   session.Settle();
-  bool updating = false;
-  const int code = velmora_svcmgr_is_being_updated(&updating);
-  if (code != SVCMGR_ERROR_NONE) throw FailureOf(code);
+  const vs::Outcome<bool> answer = session.face().IsBeingUpdated();
+  if (!answer) throw FailureOf(answer.error());
+  const bool updating = *answer;
   console.Data({{"updating", updating}}, updating ? "yes\n" : "no\n");
 }
 

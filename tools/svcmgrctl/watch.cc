@@ -23,15 +23,18 @@ class Watch {
       : session_(session), console_(console), what_(std::move(what)) {}
 
   void Run() {
-    std::optional<UpdateSubscription> updates;
-    std::optional<ModelSubscription> models;
+    vs::Token updates;
+    vs::Token models;
     if (Wants("update"))
-      updates.emplace(
-          [this](int status) { Note("update", UpdateStatus(status), {{"status", status}}); });
+      updates = Subscribed(session_.face().OnUpdateStatus([this](vs::UpdateStatus status) {
+        const int number = static_cast<int>(status);
+        Note("update", UpdateStatus(number), {{"status", number}});
+      }));
     if (Wants("model"))
-      models.emplace([this](int error, int status) {
-        Note("model", ModelStatus(status), {{"status", status}, {"error", error}});
-      });
+      models = Subscribed(session_.face().OnModelStatus([this](vs::ModelStatus status) {
+        const int number = static_cast<int>(status);
+        Note("model", ModelStatus(number), {{"status", number}, {"error", SVCMGR_ERROR_NONE}});
+      }));
     if (Wants("connection")) {
       session_.TellOfConnection([this](int result, int state) {
         Note("connection", ConnectionState(state), {{"state", state}, {"result", result}});
