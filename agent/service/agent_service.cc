@@ -65,8 +65,8 @@ AgentService::AgentService(const Scenario& scenario, UpdateRunner& updates,
                            const std::string& call_file, int last_client)
     : scenario_(scenario),
       updates_(updates),
-      calls_(scenario, call_file),
       trace_(last_client),
+      calls_(scenario, call_file),
       store_(scenario, StoreFolder()) {
   Check(rpc_port_stub_create(&stub_, kPortName), "cannot make the port");
   rpc_port_desktop_stub_set_admission_cb(stub_, OnAdmission, this);
@@ -87,6 +87,7 @@ void AgentService::Close() {
 
 void AgentService::Take(const Step& step) {
   if (step.action == Step::Action::kClose) {
+    trace_.Closed();
     Close();
     return;
   }
@@ -122,15 +123,15 @@ bool AgentService::OnAdmission(const char* sender, const char*, void* data) {
 
 void AgentService::OnConnected(const char* sender, const char* instance, void* data) {
   auto* self = static_cast<AgentService*>(data);
-  self->guests_[instance] = sender;
   self->trace_.Connected(sender, instance);
+  self->guests_[instance] = sender;
   dlog_print(DLOG_INFO, kLogTag, "%s is connected as %s", sender, instance);
 }
 
 void AgentService::OnDisconnected(const char* sender, const char* instance, void* data) {
   auto* self = static_cast<AgentService*>(data);
-  self->guests_.erase(instance);
   self->trace_.Disconnected(instance, "client");
+  self->guests_.erase(instance);
   dlog_print(DLOG_INFO, kLogTag, "%s is gone, which was %s", sender, instance);
 }
 

@@ -33,7 +33,7 @@ class AgentService {
  public:
   /**
    * `scenario` and `updates` must outlive the service. For `call_file`, see CallCounter; `last_client`
-   * as in AgentOptions.
+   * is as in AgentOptions.
    */
   AgentService(const Scenario& scenario, UpdateRunner& updates, const std::string& call_file,
                int last_client);
@@ -68,8 +68,8 @@ class AgentService {
 
   const Scenario& scenario_;
   UpdateRunner& updates_;
-  CallCounter calls_;
   PortTrace trace_;
+  CallCounter calls_;
   std::map<std::string, std::string> guests_;  // applications by their instances
   rpc_port_stub_h stub_ = nullptr;
   std::unique_ptr<DeliveryQueue> deliveries_;

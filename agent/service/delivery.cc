@@ -150,8 +150,8 @@ void DeliveryQueue::Deliver(const std::string& instance, rpc_port_port_type_e po
   self->instance = instance;
   self->port = port;
   self->steps = Plan(port, script, std::move(messages));
-  self->done = std::move(done);
   if (script.fault != Fault::kNone) trace_.Spoilt(instance, WordFor(script.fault));
+  self->done = std::move(done);
   GoOn(self, false);
 }
 
@@ -199,10 +199,14 @@ bool DeliveryQueue::Take(Delivery& delivery, Step& step) {
       rpc_port_stub_get_port(stub_, delivery.port, delivery.instance.c_str(), &port) == 0;
   switch (step.action) {
     case Action::kNothing:
-      return there;
+      return true;
     case Action::kSend:
+      // Traced first: the client may act on a message before this process runs again.
+      trace_.Sent(delivery.instance, delivery.port, step.parcel->Bytes(), there);
+      return there && step.parcel->Send(port);
     case Action::kSendRaw:
-      return Send(delivery, step, there ? port : nullptr);
+      if (step.sent == 0) trace_.SentRaw(delivery.instance, delivery.port, step.raw, there);
+      return there && SendPiece(delivery, step, port);
     case Action::kDrop:
       if (there) Drop(delivery.instance);
       return false;
@@ -213,23 +217,7 @@ bool DeliveryQueue::Take(Delivery& delivery, Step& step) {
   return false;
 }
 
-void DeliveryQueue::Drop(const std::string& instance) {
-  trace_.Disconnected(instance, "agent");
-  rpc_port_desktop_stub_disconnect(stub_, instance.c_str());
-}
-
-// Traced first: the client may act on a message before this process runs again.
-bool DeliveryQueue::Send(Delivery& delivery, Step& step, rpc_port_h port) {
-  const bool there = port != nullptr;
-  if (step.action == Action::kSend) {
-    trace_.Sent(delivery.instance, delivery.port, step.parcel->Bytes(), there);
-    return there && step.parcel->Send(port);
-  }
-  if (step.sent == 0) trace_.SentRaw(delivery.instance, delivery.port, step.raw, there);
-  return there && SendNextBytes(delivery, step, port);
-}
-
-bool DeliveryQueue::SendNextBytes(Delivery& delivery, Step& step, rpc_port_h port) {
+bool DeliveryQueue::SendPiece(Delivery& delivery, Step& step, rpc_port_h port) {
   const std::size_t rest = step.raw.size() - step.sent;
   const std::size_t size =
       step.drip ? std::min(rest, static_cast<std::size_t>(step.drip->bytes)) : rest;
@@ -238,6 +226,11 @@ bool DeliveryQueue::SendNextBytes(Delivery& delivery, Step& step, rpc_port_h por
   delivery.in_message = step.sent < step.raw.size();
   if (delivery.in_message) step.delay = step.drip->pause;
   return rpc_port_desktop_send_bytes(port, bytes, size) == 0;
+}
+
+void DeliveryQueue::Drop(const std::string& instance) {
+  trace_.Disconnected(instance, "agent");
+  rpc_port_desktop_stub_disconnect(stub_, instance.c_str());
 }
 
 }  // namespace sim

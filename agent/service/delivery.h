@@ -78,8 +78,7 @@ class DeliveryQueue {
   bool Advance(Position delivery, bool from_loop);
   void GoOn(Position delivery, bool from_loop);
   bool Take(Delivery& delivery, Step& step);
-  bool Send(Delivery& delivery, Step& step, rpc_port_h port);
-  static bool SendNextBytes(Delivery& delivery, Step& step, rpc_port_h port);
+  bool SendPiece(Delivery& delivery, Step& step, rpc_port_h port);
   bool HasToWait(const Delivery& delivery) const;
 
   rpc_port_stub_h stub_;

@@ -53,48 +53,47 @@ Steps StepsOfMethod(const Scenario& scenario, const JournalEntry& entry) {
   return point == script.points.end() ? Steps() : point->second.steps;
 }
 
-/** As a document names it, with what it says; empty for a step that has other records. */
-nlohmann::ordered_json FieldsOf(const Step& step) {
-  switch (step.action) {
+/** The word of a step, as `svcmgr-sim send` has it; null for an event, which has a record of its own. */
+const char* WordOf(Step::Action action) {
+  switch (action) {
     case Step::Action::kBroadcast:
     case Step::Action::kUpdate:
-      return {};
+      break;
     case Step::Action::kWait:
-      return {{"step", "wait"}, {"milliseconds", step.number}};
+      return "wait";
     case Step::Action::kInstall:
-      return {{"step", "install"}, {"package", step.package.id}, {"version", step.package.version}};
-    case Step::Action::kRemove:
-      return {{"step", "remove"}, {"package", step.package.id}};
-    case Step::Action::kPermit:
-      return {{"step", "clients"}, {"clients", step.clients}};
-    case Step::Action::kAdmit:
-      return {{"step", "refuse"},
-              {"clients", step.admission.refused},
-              {"admitted", step.admission.admitted}};
-    case Step::Action::kDrop:
-      return {{"step", "drop"}, {"clients", step.clients}};
-    case Step::Action::kClose:
-      return {{"step", "close"}};
-    case Step::Action::kKillBus:
-      return {{"step", "killBus"}};
-    case Step::Action::kLevel:
-      return {{"step", "apiLevel"}, {"level", step.number}};
+      return "install";
     case Step::Action::kRestart:
-      return {{"step", "restart"}};
+      return "restart";
     case Step::Action::kKill:
-      return {{"step", "kill"}};
+      return "kill";
+    case Step::Action::kRemove:
+      return "remove";
+    case Step::Action::kPermit:
+      return "clients";
+    case Step::Action::kAdmit:
+      return "refuse";
+    case Step::Action::kDrop:
+      return "drop";
+    case Step::Action::kClose:
+      return "close";
+    case Step::Action::kKillBus:
+      return "kill-bus";
+    case Step::Action::kLevel:
+      return "api-level";
   }
-  return {};
+  return nullptr;
 }
 
-/** What a step does not say is left out. */
 void TraceStep(const Step& step) {
-  nlohmann::ordered_json fields = FieldsOf(step);
-  if (fields.empty()) return;
-  for (const char* key : {"package", "version"}) {
-    if (fields.contains(key) && fields[key] == "") fields.erase(key);
-  }
-  Trace("step", std::move(fields));
+  const char* const word = WordOf(step.action);
+  if (word == nullptr) return;
+  Fields fields = {{"step", word}};
+  if (!step.package.id.empty()) fields["package"] = step.package.id;
+  if (!step.package.version.empty()) fields["version"] = step.package.version;
+  if (step.action == Step::Action::kWait) fields["milliseconds"] = step.number;
+  if (step.action == Step::Action::kLevel) fields["level"] = step.number;
+  Trace("step", fields);
 }
 
 }  // namespace

@@ -10,6 +10,18 @@ const char* NameOf(rpc_port_port_type_e port) {
   return port == RPC_PORT_PORT_MAIN ? "main" : "callback";
 }
 
+constexpr std::size_t kLengthSize = 4;
+
+/** Whether bytes are a message: its content's length, then the content. */
+bool IsWhole(std::string_view bytes) {
+  if (bytes.size() < kLengthSize) return false;
+  std::size_t length = 0;
+  for (std::size_t i = kLengthSize; i-- > 0;) {
+    length = length << 8 | static_cast<unsigned char>(bytes[i]);
+  }
+  return length == bytes.size() - kLengthSize;
+}
+
 }  // namespace
 
 Fields PortTrace::About(const std::string& instance) const {
@@ -32,6 +44,10 @@ void PortTrace::Disconnected(const std::string& instance, const char* by) {
   if (clients_.erase(instance) == 0) return;
   fields["by"] = by;
   Trace("disconnect", fields);
+}
+
+void PortTrace::Closed() {
+  while (!clients_.empty()) Disconnected(std::string(clients_.begin()->first), "agent");
 }
 
 void PortTrace::Asked(const std::string& instance, const Request& request) {
@@ -73,6 +89,7 @@ void PortTrace::Sent(const std::string& instance, rpc_port_port_type_e port,
 
 void PortTrace::SentRaw(const std::string& instance, rpc_port_port_type_e port,
                         std::string_view bytes, bool delivered) {
+  if (IsWhole(bytes)) return Sent(instance, port, bytes.substr(kLengthSize), delivered);
   Fields fields = About(instance);
   fields["port"] = NameOf(port);
   fields.update(BytesIn(bytes));

@@ -24,6 +24,8 @@ class PortTrace {
   void Connected(const std::string& app, const std::string& instance);
   /** `by` is "client" or "agent". A client that is not known is ignored. */
   void Disconnected(const std::string& instance, const char* by);
+  /** The agent has ended all connections. */
+  void Closed();
 
   void Asked(const std::string& instance, const Request& request);
   /** A message of a client that is no request. */
@@ -32,7 +34,7 @@ class PortTrace {
   /** A message that was sent, or could not be, because the client is gone. */
   void Sent(const std::string& instance, rpc_port_port_type_e port, std::string_view content,
             bool delivered);
-  /** Bytes that are no whole message. */
+  /** Bytes that may be no whole message, or are about to be sent in pieces. */
   void SentRaw(const std::string& instance, rpc_port_port_type_e port, std::string_view bytes,
                bool delivered);
   /** Something that is done to an answer on purpose. */
