@@ -21,7 +21,7 @@ import time
 
 import pyte
 
-COLUMNS, ROWS = 108, 60
+COLUMNS, ROWS = 112, 80
 CELL, LINE, EDGE = 8.4, 18, 16  # pixels
 LATEST = 120  # seconds: the demo takes a few
 COLORS = {"green": "#7ec98f", "red": "#f0857d", "brown": "#e5c07b", "blue": "#7fb4e6",
@@ -82,6 +82,8 @@ def record(command):
         stream.feed(data)
         # Ten pictures a second are enough for an eye.
         look(round(time.monotonic() - begin, 1))
+    if screen.cursor.y == ROWS - 1:
+        sys.exit(f"demo_picture: the command prints more than {ROWS} rows")
     _, status = os.waitpid(pid, 0)
     if status != 0:
         sys.exit("demo_picture: the command failed:\n" + "\n".join(screen.display))

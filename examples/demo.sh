@@ -21,6 +21,7 @@ run() {
 }
 # A client that listens in the background to what is told of a connection, or of work on models.
 listen() {  # WHAT
+  : >"$notes/heard"
   "$ctl" watch "$1" >"$notes/heard" 2>/dev/null &
   watcher=$!
 }
