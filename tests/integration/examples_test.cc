@@ -55,15 +55,21 @@ std::string LanguageOf(const testing::TestParamInfo<const char*>& info) {
   return *info.param == '\0' ? "C" : "Cxx";
 }
 
-#define IN_C_AND_CXX(name)        \
-  class name : public Program {}; \
-  INSTANTIATE_TEST_SUITE_P(In, name, testing::Values("", "-cc"), LanguageOf)
+class FollowUpdate : public Program {};
+INSTANTIATE_TEST_SUITE_P(In, FollowUpdate, testing::Values("", "-cc"), LanguageOf);
 
-IN_C_AND_CXX(FollowUpdate);
-IN_C_AND_CXX(ProgressBar);
-IN_C_AND_CXX(SurviveRestart);
-IN_C_AND_CXX(WorkerThread);
-IN_C_AND_CXX(EpollLoop);
+class ProgressBar : public Program {};
+INSTANTIATE_TEST_SUITE_P(In, ProgressBar, testing::Values("", "-cc"), LanguageOf);
+
+class SurviveRestart : public Program {};
+INSTANTIATE_TEST_SUITE_P(In, SurviveRestart, testing::Values("", "-cc"), LanguageOf);
+
+class WorkerThread : public Program {};
+INSTANTIATE_TEST_SUITE_P(In, WorkerThread, testing::Values("", "-cc"), LanguageOf);
+
+class EpollLoop : public Program {};
+INSTANTIATE_TEST_SUITE_P(In, EpollLoop, testing::Values("", "-cc"), LanguageOf);
+
 class StatusEvents : public Program {};
 INSTANTIATE_TEST_SUITE_P(In, StatusEvents, testing::Values(""), LanguageOf);
 
