@@ -11,11 +11,13 @@ the files that it comes from. No block of code goes unchecked:
                               anything may be printed. Each command must succeed
     ```console fails          the same; its last command must fail
     ```console tested-by=X    run by that test instead
+    ```console needs=X        run where there is a command X; ./dev test --extra brings it along
     ```text                   neither code nor command
 """
 import os
 import pathlib
 import re
+import shutil
 import subprocess
 import sys
 import textwrap
@@ -68,7 +70,10 @@ def kind_of(block):
         if re.search(r"^\$ ", block.text, re.M):
             raise Wrong(f"line {block.line}: commands are for a console")
         return "text"
-    if block.language == "console" and options <= {"fails", "tested-by"}:
+    if block.language == "console" and options <= {"fails", "needs", "tested-by"}:
+        if "needs" in options and shutil.which(block.options["needs"]) is None:
+            print(f"line {block.line} is not run: there is no {block.options['needs']}")
+            return "not run"
         return "elsewhere" if "tested-by" in options else "commands"
     if block.language and options in ({"from"}, {"file"}):
         return options.pop()
