@@ -27,7 +27,7 @@ class Bar {
       std::cout << '\r' << std::string(full, '#') << std::string(50 - full, '.') << ' ' << percent
                 << " %" << (percent == 100 ? "\n" : "") << std::flush;
     } else if (percent / 10 != shown_ / 10) {
-      std::cout << percent << " %" << std::endl;
+      std::cout << percent << " %" << '\n' << std::flush;
     }
     shown_ = percent;
   }

@@ -45,16 +45,16 @@ class Client {
     query_ = session_.Models(
         [this](const vs::Outcome<vs::ModelList>& models) {
           if (models)
-            std::cout << models->size() << " models" << std::endl;
+            std::cout << models->size() << " models" << '\n' << std::flush;
           else
-            std::cout << models.error() << std::endl;
+            std::cout << models.error() << '\n' << std::flush;
           loop_.StartTimer(500ms, [this] { Ask(); });
         },
         70s);
   }
 
   void Changed(vs::State state) {
-    std::cout << vs::NameOf(state) << std::endl;
+    std::cout << vs::NameOf(state) << '\n' << std::flush;
     if (state == vs::State::kRejected) End(kStartMeAnew);
     if (state != vs::State::kFailed) return;
     const int code = session_.error() ? session_.error()->code() : 0;
