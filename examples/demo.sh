@@ -19,32 +19,22 @@ run() {
   printf '\n$ svcmgrctl %s\n' "$*"
   "$ctl" "$@"
 }
-# A client that listens in the background to what is told of a connection, or of work on models.
-listen() {  # WHAT
-  : >"$notes/heard"
-  "$ctl" watch "$1" >"$notes/heard" 2>/dev/null &
-  watcher=$!
-}
-await() {  # PATTERN: until that client has heard it
-  until grep -q "$1" "$notes/heard"; do
-    kill -0 "$watcher"
-    sleep 0.05
-  done
-}
-stop_listening() {
-  kill "$watcher"
-  wait "$watcher" || true
-  watcher=
-}
 
 say "The agent replaces itself by a new version, under a client that stays connected"
 printf '\n$ svcmgrctl watch connection >heard &\n'
-listen connection
-await CONNECTED
+: >"$notes/heard"
+"$ctl" watch connection >"$notes/heard" 2>/dev/null &
+watcher=$!
+until grep -q CONNECTED "$notes/heard"; do
+  kill -0 "$watcher"
+  sleep 0.05
+done
 run update
 printf '\n$ cat heard\n'
 cat "$notes/heard"
-stop_listening
+kill "$watcher"
+wait "$watcher" || true
+watcher=
 
 say "Not a word of a loss. The new agent answers"
 run status
@@ -54,18 +44,13 @@ run models update vision.segment speech.wake-word
 run models list
 
 say "The agent dies in the middle of the work: the client knows what it does not know"
-listen model
-{
-  await STARTED
-  sleep 0.5
-  "$sim" send kill
-} &
+"$sim" expect --timeout 60 "RequestToUpdate asked 2 times" "RequestToUpdate at 40 percent" &&
+  "$sim" send kill &
 killer=$!
 status=0
 run models update vision.segment@1.1.0 2>&1 || status=$?
 printf '\n$ echo $?\n%s\n' "$status"
 wait "$killer"
-stop_listening
 
 say "Your turn"
 cat <<END
