@@ -175,6 +175,10 @@ void AddRun(CLI::App& app, Options& options) {
                   "error")
       ->type_name("FILE")
       ->allow_extra_args(false);
+  run->add_option("--capture", options.run.captures,
+                  "Write what goes over the sockets to a file, as pcapng")
+      ->type_name("FILE")
+      ->allow_extra_args(false);
   run->add_option("--time-scale", options.run.time_scale,
                   "Multiply the scenario's delays; 0 removes them")
       ->check(CheckTimeScale);

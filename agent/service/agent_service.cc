@@ -140,6 +140,7 @@ int AgentService::OnReceived(const char*, const char* instance, rpc_port_h port,
   std::optional<Parcel> parcel;
   try {
     parcel.emplace(Parcel::From(port));
+    self->trace_.Received(instance, parcel->Bytes());
     self->Serve(instance, *parcel);
     return 0;
   } catch (const std::exception& error) {

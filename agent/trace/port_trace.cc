@@ -22,6 +22,13 @@ bool IsWhole(std::string_view bytes) {
   return length == bytes.size() - kLengthSize;
 }
 
+void CaptureSent(Packet packet, rpc_port_port_type_e port, std::string_view content,
+                 bool delivered) {
+  packet.to_client = true;
+  packet.stream = port;
+  if (delivered) Capture(packet, content);
+}
+
 }  // namespace
 
 Fields PortTrace::About(const std::string& instance) const {
@@ -30,20 +37,39 @@ Fields PortTrace::About(const std::string& instance) const {
   return {{"client", found->second.number}, {"app", found->second.app}};
 }
 
-void PortTrace::Refused(const std::string& app) { Trace("refuse", {{"app", app}}); }
+Packet PortTrace::PacketOf(const std::string& instance, Packet::Kind kind) const {
+  Packet packet;
+  packet.kind = kind;
+  const auto found = clients_.find(instance);
+  if (found != clients_.end()) packet.client = found->second.number;
+  return packet;
+}
+
+void PortTrace::Refused(const std::string& app) {
+  Trace("refuse", {{"app", app}});
+  Capture(PacketOf("", Packet::Kind::kRefuse), app);
+}
 
 void PortTrace::Connected(const std::string& app, const std::string& instance) {
   Client& client = clients_[instance];
   client.number = ++last_client_;
   client.app = app;
   Trace("connect", About(instance));
+  Capture(PacketOf(instance, Packet::Kind::kConnect), app);
 }
 
 void PortTrace::Disconnected(const std::string& instance, const char* by) {
   Fields fields = About(instance);
+  Packet packet = PacketOf(instance, Packet::Kind::kDisconnect);
+  packet.to_client = by == std::string_view("agent");
   if (clients_.erase(instance) == 0) return;
   fields["by"] = by;
   Trace("disconnect", fields);
+  Capture(packet, "");
+}
+
+void PortTrace::Received(const std::string& instance, std::string_view content) {
+  Capture(PacketOf(instance, Packet::Kind::kMessage), content);
 }
 
 void PortTrace::Closed() {
@@ -71,6 +97,7 @@ void PortTrace::Unreadable(const std::string& instance, std::string_view content
 void PortTrace::Sent(const std::string& instance, rpc_port_port_type_e port,
                      std::string_view content, bool delivered) {
   if (!Tracing()) return;
+  CaptureSent(PacketOf(instance, Packet::Kind::kMessage), port, content, delivered);
   const auto client = clients_.find(instance);
   const bool main = port == RPC_PORT_PORT_MAIN;
   const auto message =
@@ -90,6 +117,7 @@ void PortTrace::Sent(const std::string& instance, rpc_port_port_type_e port,
 void PortTrace::SentRaw(const std::string& instance, rpc_port_port_type_e port,
                         std::string_view bytes, bool delivered) {
   if (IsWhole(bytes)) return Sent(instance, port, bytes.substr(kLengthSize), delivered);
+  CaptureSent(PacketOf(instance, Packet::Kind::kBytes), port, bytes, delivered);
   Fields fields = About(instance);
   fields["port"] = NameOf(port);
   fields.update(BytesIn(bytes));

@@ -27,8 +27,10 @@ class PortTrace {
   /** The agent has ended all connections. */
   void Closed();
 
+  /** A message of a client, before it is read. */
+  void Received(const std::string& instance, std::string_view content);
   void Asked(const std::string& instance, const Request& request);
-  /** A message of a client that is no request. */
+  /** It was no request. */
   void Unreadable(const std::string& instance, std::string_view content, const char* problem);
 
   /** A message that was sent, or could not be, because the client is gone. */
@@ -46,6 +48,9 @@ class PortTrace {
     std::string app;
     std::optional<Method> asked;  // on the main port, where a client waits for each reply
   };
+
+  /** A packet between a client and the agent. */
+  Packet PacketOf(const std::string& instance, Packet::Kind kind) const;
 
   /** The fields of a record about a client, to be added to. */
   Fields About(const std::string& instance) const;

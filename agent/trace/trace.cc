@@ -21,11 +21,17 @@ namespace sim {
 namespace {
 
 constexpr char kFull[] = "full";
-constexpr std::array<std::string_view, 3> kFormatNames = {"world", "lines", "words"};
+constexpr std::array<std::string_view, 4> kFormatNames = {"world", "lines", "words", "capture"};
 
 std::vector<TraceSink>& Sinks() {
   static std::vector<TraceSink> sinks;
   return sinks;
+}
+
+/** Whether some of it is written in a format. */
+bool Wanted(TraceFormat format) {
+  return std::any_of(Sinks().begin(), Sinks().end(),
+                     [format](const TraceSink& sink) { return sink.format == format; });
 }
 
 /** Keeps the records of all processes apart, and their times in order. */
@@ -69,12 +75,12 @@ struct Stamp {
 };
 
 /** In one piece, unless the disk is full or a signal comes in the middle. */
-void WriteLine(int fd, std::string_view line) {
-  while (!line.empty()) {
-    const ssize_t written = write(fd, line.data(), line.size());
+void WriteWhole(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = write(fd, bytes.data(), bytes.size());
     if (written < 0 && errno == EINTR) continue;
     if (written <= 0) return;
-    line.remove_prefix(static_cast<std::size_t>(written));
+    bytes.remove_prefix(static_cast<std::size_t>(written));
   }
 }
 
@@ -91,8 +97,8 @@ std::string Line(const Stamp& stamp, const char* what, const std::string& fields
 
 void WriteBounded(int fd, const Stamp& stamp, const std::string& line) {
   if (lseek(fd, 0, SEEK_END) >= kMostTraceBytes) return;
-  WriteLine(fd, line);
-  if (lseek(fd, 0, SEEK_END) >= kMostTraceBytes) WriteLine(fd, Line(stamp, kFull, "{}"));
+  WriteWhole(fd, line);
+  if (lseek(fd, 0, SEEK_END) >= kMostTraceBytes) WriteWhole(fd, Line(stamp, kFull, "{}"));
 }
 
 }  // namespace
@@ -114,10 +120,7 @@ bool Tracing() { return !Sinks().empty(); }
 void Trace(const char* what, const Fields& fields) {
   if (!Tracing()) return;
   const std::string text = fields.dump(-1, ' ', false, Fields::error_handler_t::replace);
-  const bool speaks = std::any_of(Sinks().begin(), Sinks().end(), [](const TraceSink& sink) {
-    return sink.format == TraceFormat::kWords;
-  });
-  const std::string words = speaks ? InWords(what, fields) : "";
+  const std::string words = Wanted(TraceFormat::kWords) ? InWords(what, fields) : "";
   const Turn turn(Sinks().front().fd);
   const Stamp stamp;
   const std::string line = Line(stamp, what, text);
@@ -127,12 +130,23 @@ void Trace(const char* what, const Fields& fields) {
         WriteBounded(sink.fd, stamp, line);
         break;
       case TraceFormat::kLines:
-        WriteLine(sink.fd, line);
+        WriteWhole(sink.fd, line);
         break;
       case TraceFormat::kWords:
-        WriteLine(sink.fd, ClockOf(stamp.wall) + "  " + words + "\n");
+        WriteWhole(sink.fd, ClockOf(stamp.wall) + "  " + words + "\n");
+        break;
+      case TraceFormat::kCapture:
         break;
     }
+  }
+}
+
+void Capture(const Packet& packet, std::string_view content) {
+  if (!Wanted(TraceFormat::kCapture)) return;
+  const Turn turn(Sinks().front().fd);
+  const std::string block = CaptureBlock(packet, content);
+  for (const TraceSink& sink : Sinks()) {
+    if (sink.format == TraceFormat::kCapture) WriteWhole(sink.fd, block);
   }
 }
 

@@ -5,7 +5,10 @@
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include "trace/capture.h"
 
 /*
  * The trace of a world: one record for each thing that happens there, in the order in which it
@@ -19,9 +22,10 @@ namespace sim {
 using Fields = nlohmann::ordered_json;
 
 enum class TraceFormat {
-  kWorld,  // JSON Lines, for the world itself: ends with a record "full" beyond kMostTraceBytes
-  kLines,  // JSON Lines
-  kWords,  // a line of words for people
+  kWorld,    // JSON Lines, for the world itself: ends with a record "full" beyond kMostTraceBytes
+  kLines,    // JSON Lines
+  kWords,    // a line of words for people
+  kCapture,  // packets; see capture.h
 };
 
 /** A format as a word, and back. Throws std::runtime_error for another word. */
@@ -43,11 +47,14 @@ struct TraceSink {
  */
 void OpenTrace(std::vector<TraceSink> sinks);
 
-/** Whether records go anywhere. */
+/** Whether records or packets go anywhere. */
 bool Tracing();
 
 /** Writes a record: when, what, and the fields. Texts need not be UTF-8. On any thread. */
 void Trace(const char* what, const Fields& fields = Fields::object());
+
+/** Writes what went over a socket to the captures. On any thread. */
+void Capture(const Packet& packet, std::string_view content);
 
 /** The last number of a client in a world's trace; 0 if there is none. */
 int LastClientIn(const std::string& trace_file);

@@ -152,7 +152,7 @@ struct Pipe {
 base::UniqueFd OpenTraceFile(const std::string& path) {
   base::UniqueFd fd(path == "-" ? fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)
                                 : open(path.c_str(), kTraceFlags, 0666));
-  if (!fd) throw RunError("cannot write the trace \"" + Quotable(path) + "\": " + strerror(errno));
+  if (!fd) throw RunError("cannot write \"" + Quotable(path) + "\": " + strerror(errno));
   return fd;
 }
 
@@ -277,6 +277,14 @@ void Run::OpenTraces() {
   add(world_.trace_file(), TraceFormat::kWorld);
   for (const std::string& path : options_.traces) {
     add(path, path == "-" ? TraceFormat::kWords : TraceFormat::kLines);
+  }
+  for (const std::string& path : options_.captures) {
+    add(path, TraceFormat::kCapture);
+    const std::string header = CaptureHeader();
+    if (write(traces_.back().fd, header.data(), header.size()) !=
+        static_cast<ssize_t>(header.size())) {
+      throw RunError("cannot write \"" + Quotable(path) + "\": " + strerror(errno));
+    }
   }
   OpenTrace(traces_);
 }

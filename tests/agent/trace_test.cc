@@ -11,9 +11,11 @@
 #include <fstream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "temp_folder.h"
+#include "trace/capture.h"
 #include "trace/condition.h"
 #include "trace/messages.h"
 #include "trace/words.h"
@@ -143,6 +145,60 @@ TEST_F(ATrace, KnowsTheLastNumberOfAClient) {
   sim::Trace("connect", {{"client", 2}});
   sim::Trace("disconnect", {{"client", 1}});
   EXPECT_EQ(sim::LastClientIn(file_), 2);
+}
+
+std::uint32_t Little(const std::string& bytes, std::size_t at) {
+  std::uint32_t value = 0;
+  for (std::size_t i = 4; i-- > 0;)
+    value = value << 8 | static_cast<unsigned char>(bytes.at(at + i));
+  return value;
+}
+
+/** The blocks of a file, without their lengths in front and behind, which must agree. */
+std::vector<std::pair<std::uint32_t, std::string>> BlocksOf(const std::string& file) {
+  std::vector<std::pair<std::uint32_t, std::string>> blocks;
+  for (std::size_t at = 0; at < file.size();) {
+    const std::uint32_t length = Little(file, at + 4);
+    EXPECT_EQ(length % 4, 0u);
+    EXPECT_EQ(Little(file, at + length - 4), length);
+    blocks.emplace_back(Little(file, at), file.substr(at + 8, length - 12));
+    at += length;
+  }
+  return blocks;
+}
+
+constexpr char kTags[] = "\0\x0c\0\x10velmora_svcmgr\0\0\0\0\0\0";
+const std::string kFront(kTags, sizeof kTags - 1);
+
+TEST(ACapture, IsAFileWithOneInterfaceOfUpperPdus) {
+  const auto blocks = BlocksOf(sim::CaptureHeader());
+  ASSERT_EQ(blocks.size(), 2u);
+  EXPECT_EQ(blocks[0].first, 0x0a0d0d0au);
+  EXPECT_EQ(Little(blocks[0].second, 0), 0x1a2b3c4du);
+  EXPECT_EQ(blocks[1].first, 1u);
+  EXPECT_EQ(Little(blocks[1].second, 0), 252u);
+}
+
+TEST(ACapture, HoldsAMessageAsItWasOnTheSocket) {
+  sim::Packet packet;
+  packet.to_client = true;
+  packet.stream = RPC_PORT_PORT_CALLBACK;
+  packet.client = 0x01020304;
+  const auto blocks = BlocksOf(sim::CaptureBlock(packet, "abcde"));
+  ASSERT_EQ(blocks.size(), 1u);
+  EXPECT_EQ(blocks[0].first, 6u);
+  const std::string& body = blocks[0].second;
+  const std::string expected = kFront + std::string("\1\1\1\0\4\3\2\1\5\0\0\0abcde", 17);
+  EXPECT_EQ(Little(body, 12), expected.size()) << "captured";
+  EXPECT_EQ(Little(body, 16), expected.size()) << "on the wire";
+  EXPECT_EQ(body.substr(20, expected.size()), expected);
+}
+
+TEST(ACapture, HoldsTheBeginningOfWhatIsLongerThanReadersTake) {
+  const auto blocks = BlocksOf(sim::CaptureBlock({}, std::string(1 << 20, 'x')));
+  ASSERT_EQ(blocks.size(), 1u);
+  EXPECT_LE(Little(blocks[0].second, 12), 262144u);
+  EXPECT_EQ(Little(blocks[0].second, 16), kFront.size() + 12 + (1 << 20));
 }
 
 sim::Parcel Delegated(sim::Method method, int id) {

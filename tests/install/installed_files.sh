@@ -241,6 +241,11 @@ fi
 grep -q 'asks-nothing [ .]*Passed' "$work/log" || { cat "$work/log"; die "a right test has failed"; }
 grep -q 'this was not to be: no agent started' "$work/log" || { cat "$work/log"; die "no reason"; }
 
+step "the dissector and the fixtures"
+for file in wireshark/velmora_svcmgr.lua pytest/svcmgr_sim.py; do
+  [ -f "$prefix/share/velmora-svcmgr/$file" ] || die "$file is not installed"
+done
+
 step "the manual pages"
 for page in svcmgrctl svcmgr-sim; do
   [ -f "$prefix/share/man/man1/$page.1" ] || die "$page.1 is not installed"

@@ -202,6 +202,17 @@ TEST_F(ATracedWorld, SpeaksToStandardErrorInWords) {
   EXPECT_FALSE(Records().empty()) << "a file has it as well";
 }
 
+TEST_F(ATracedWorld, CapturesMessagesOfAllItsAgents) {
+  const std::string capture = files_.path() + "/c.pcapng";
+  Run("empty", "\"$CTL\" license; \"$SIM\" send restart; \"$CTL\" license", {"--capture", capture});
+  std::ifstream stream(capture, std::ios::binary);
+  const std::string content((std::istreambuf_iterator<char>(stream)), {});
+  const std::string text = Records("reply").at(0)["text"];
+  const auto first = content.find(text);
+  ASSERT_NE(first, std::string::npos);
+  EXPECT_NE(content.find(text, first + 1), std::string::npos);
+}
+
 TEST_F(ATracedWorld, ReplacesAnOldTrace) {
   files_.Write("trace.jsonl", "old\n");
   Run("empty", "true");
@@ -212,7 +223,8 @@ TEST_F(ATracedWorld, IsNotMadeWhereTheTraceCannotBeWritten) {
   const Finished run = RunSim({"run", "empty", "--trace", "/nowhere/t", "--", "echo", "ran"});
   EXPECT_EQ(run.status, 125);
   EXPECT_EQ(run.output, "");
-  EXPECT_THAT(run.errors, HasSubstr("cannot write the trace \"/nowhere/t\": No such file"));
+  EXPECT_THAT(run.errors, HasSubstr("cannot write \"/nowhere/t\": No such file"));
+  EXPECT_EQ(RunSim({"run", "empty", "--capture", "/nowhere/c", "--", "true"}).status, 125);
 }
 
 TEST_F(AnExpectingCommand, EndsWhenTheTraceShowsWhatIsExpected) {
