@@ -23,6 +23,7 @@
 #include "trace/trace.h"
 #include "world/child.h"
 #include "world/expect.h"
+#include "world/record.h"
 #include "world/run.h"
 #include "world/send.h"
 
@@ -51,6 +52,7 @@ struct Options {
   std::optional<std::string> app_root;
   bool prompted = false;
   sim::AgentOptions agent;
+  std::string file;
   std::vector<std::string> steps;
   std::vector<std::string> conditions;
   double timeout = 10;
@@ -187,6 +189,14 @@ void AddRun(CLI::App& app, Options& options) {
   run->add_option("--app-root", options.app_root, "The command's application folder");
 }
 
+void AddRecord(CLI::App& app, Options& options) {
+  CLI::App* record = app.add_subcommand(
+      "record",
+      "Run a command beside the agent that runs here, and make a scenario of its answers");
+  record->footer("The command comes last: svcmgr-sim record FILE -- COMMAND [ARGUMENT...]");
+  record->add_option("FILE", options.file, "The scenario to write")->required();
+}
+
 void AddSend(CLI::App& app, Options& options) {
   CLI::App* send = app.add_subcommand(
       "send", "From inside a world: make its agent take steps, and wait until they are done");
@@ -223,6 +233,7 @@ int InsideAWorld(const Deed& deed) {
 int Execute(CLI::App& app, const Options& options) {
   try {
     if (app.got_subcommand("run")) return Run(options);
+    if (app.got_subcommand("record")) return sim::Record(options.file, options.run.command);
     if (app.got_subcommand("agent")) return RunAgent(options);
     if (app.got_subcommand("send")) {
       return InsideAWorld([&] { return sim::Send(options.steps); });
@@ -255,6 +266,7 @@ int main(int argc, char** argv) {
       ->add_option("SCENARIO", options.scenarios, "Scenarios to check")
       ->required();
   app.add_subcommand("list", "List the scenarios that ship with the program");
+  AddRecord(app, options);
   AddSend(app, options);
   AddExpect(app, options);
   CLI::App* agent = app.add_subcommand("agent", "Be the agent of a world")->group("");
@@ -267,10 +279,9 @@ int main(int argc, char** argv) {
   agent->add_option("--time-scale", options.run.time_scale);
   try {
     app.parse(argc, argv);
-    if (app.got_subcommand("run") && options.run.command.empty()) {
-      throw CLI::RequiredError("-- COMMAND");
-    }
-    if (!app.got_subcommand("run") && !options.run.command.empty()) {
+    const bool runs = app.got_subcommand("run") || app.got_subcommand("record");
+    if (runs && options.run.command.empty()) throw CLI::RequiredError("-- COMMAND");
+    if (!runs && !options.run.command.empty()) {
       throw CLI::ExtrasError({options.run.command.front()});
     }
   } catch (const CLI::ParseError& error) {

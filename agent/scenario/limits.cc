@@ -56,6 +56,15 @@ std::optional<std::string> TooLargeAsList(const std::vector<Model>& models) {
   return reason ? reason : TooLarge("the list of all models with their descriptions", described);
 }
 
+std::optional<std::string> TooLargeAsAnswer(const std::vector<ModelInfo>& models) {
+  std::size_t size = EmptyAnswerSize();
+  for (const ModelInfo& model : models) {
+    size += EncodedSize(model.id) + EncodedSize(model.version) + EncodedSize(model.title) +
+            EncodedSize(model.description);
+  }
+  return TooLarge("the list of these models", size);
+}
+
 std::optional<std::string> TooLargeAsVersions(const Model& model) {
   std::size_t size = EmptyAnswerSize();
   for (const auto* versions : {&model.versions, &model.available}) {

@@ -25,6 +25,7 @@ constexpr std::int32_t kLongestFill = 1 << 16;
 
 std::optional<std::string> TooLargeAsLicence(const std::string& licence);
 std::optional<std::string> TooLargeAsList(const std::vector<Model>& models);
+std::optional<std::string> TooLargeAsAnswer(const std::vector<ModelInfo>& models);
 std::optional<std::string> TooLargeAsVersions(const Model& model);
 
 }  // namespace sim

@@ -77,8 +77,10 @@ struct MethodScript {
   std::int32_t pace = 0;   // milliseconds between them
   Reported report = Reported::kAll;
   std::map<Turn, WorkPoint> points;
-  std::optional<Drip> drip;         // absent: whole
-  Steps steps;                      // that the agent takes once it has answered
+  std::optional<std::string> text;               // of get_license, in place of the agent's
+  std::optional<std::vector<ModelInfo>> models;  // of a list, in place of the agent's
+  std::optional<Drip> drip;                      // absent: whole
+  Steps steps;                                   // that the agent takes once it has answered
   std::vector<MethodScript> calls;  // one per call in place of this, the last for all further calls
 
   std::size_t distinct_calls() const { return std::max(results.size(), calls.size()); }

@@ -255,6 +255,22 @@ void ReadDrip(ObjectReader& object, MethodScript* script) {
   if (present) script->drip = drip;
 }
 
+/** What a list holds, whatever models the agent has. */
+void ReadListed(ObjectReader& object, MethodScript* script) {
+  std::vector<ModelInfo> models;
+  const bool present = object.Objects("models", [&](ObjectReader& entry) {
+    ModelInfo& model = models.emplace_back();
+    entry.Text("id", &model.id);
+    entry.Text("version", &model.version);
+    entry.Text("title", &model.title);
+    entry.Text("description", &model.description);
+    entry.Require("id");
+  });
+  if (!present) return;
+  if (const auto reason = TooLargeAsAnswer(models)) object.At("models").Refuse(*reason);
+  script->models = std::move(models);
+}
+
 /** The keys that a single call may have, too, but for its result. */
 void ReadAnswer(ObjectReader& object, const MethodInfo& method, MethodScript* script) {
   const bool lists = method.answered_by == AnsweredBy::kModels;
@@ -269,7 +285,12 @@ void ReadAnswer(ObjectReader& object, const MethodInfo& method, MethodScript* sc
   ReadDrip(object, script);
   ReadStepsKey(object, "steps", &script->steps);
   if (lists || works) object.Integer("repeat", &script->repeat, 1, kMostRepeats);
+  if (!method.has_result) {
+    std::string text;
+    if (object.Text("text", &text, TooLargeAsLicence)) script->text = std::move(text);
+  }
   if (lists) {
+    ReadListed(object, script);
     object.Integer("count", &script->count);
     object.Integer("arrayCount", &script->array_count);
   }

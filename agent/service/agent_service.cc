@@ -54,6 +54,16 @@ std::vector<TimedParcel> AnswerProgress(const Request& request, const MethodScri
   return messages;
 }
 
+std::vector<ModelView> Views(const std::vector<ModelInfo>& models) {
+  std::vector<ModelView> views;
+  views.reserve(models.size());
+  for (const ModelInfo& model : models) {
+    views.push_back(
+        {model.id.c_str(), model.version.c_str(), model.title.c_str(), model.description.c_str()});
+  }
+  return views;
+}
+
 std::string StoreFolder() {
   const char* home = getenv("XDG_DATA_HOME");
   return home == nullptr ? "" : std::string(home) + "/models";
@@ -195,7 +205,8 @@ std::vector<TimedParcel> AgentService::Answer(const Request& request, const Meth
   std::vector<TimedParcel> messages;
   if (request.method == Method::kGetLicense) {
     const Agent& agent = scenario_.agent;
-    messages.push_back({0, ReplyWith(agent.kyr_disabled ? kKyrDisabledText : agent.licence)});
+    const std::string usual = agent.kyr_disabled ? kKyrDisabledText : agent.licence;
+    messages.push_back({0, ReplyWith(script.text.value_or(usual))});
   } else {
     messages.push_back({0, ReplyWith(result)});
   }
@@ -206,7 +217,9 @@ std::vector<TimedParcel> AgentService::AnswerList(const Request& request,
                                                   const MethodScript& script,
                                                   std::int32_t result) const {
   std::vector<ModelView> models;
-  if (!scenario_.agent.kyr_disabled) {
+  if (script.models) {
+    models = Views(*script.models);
+  } else if (!scenario_.agent.kyr_disabled) {
     models = request.method == Method::kGetModelVersionList ? Versions(request) : Models(request);
   }
   std::vector<TimedParcel> messages;

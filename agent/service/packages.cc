@@ -3,6 +3,7 @@
 
 #include <glib.h>
 #include <package_desktop.h>
+#include <package_info.h>
 
 #include <fstream>
 #include <vector>
@@ -88,6 +89,16 @@ std::optional<Package> InstalledPackage(const char* folder, const std::string& i
     package.metadata[*key] = TextIn(file.get(), group.c_str(), *key);
   }
   return package;
+}
+
+std::string InstalledVersion(const std::string& id) {
+  package_info_h opened = nullptr;
+  if (package_info_create(id.c_str(), &opened) != 0) return "";
+  const base::Owned<package_info_s, package_info_destroy> info(opened);
+  char* version = nullptr;
+  if (package_info_get_version(opened, &version) != 0) return "";
+  const base::Malloced<char> owner(version);
+  return version;
 }
 
 }  // namespace sim

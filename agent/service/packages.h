@@ -18,6 +18,9 @@ int RemovePackage(const char* folder, const std::string& id);
 /** A package that InstallPackage has installed there; nothing if there is none. */
 std::optional<Package> InstalledPackage(const char* folder, const std::string& id);
 
+/** The version of a package that is installed where the platform looks; empty if there is none. */
+std::string InstalledVersion(const std::string& id);
+
 }  // namespace sim
 
 #endif  // AGENT_SERVICE_PACKAGES_H_

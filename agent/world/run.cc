@@ -6,7 +6,6 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/signalfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -28,6 +27,7 @@
 #include "trace/trace.h"
 #include "unique_fd.h"
 #include "world/child.h"
+#include "world/command.h"
 #include "world/guardian.h"
 #include "world/world.h"
 
@@ -64,41 +64,6 @@ struct Process {
     Trace("end", fields);
   }
 };
-
-/** The signals that this process takes one by one; their previous actions are kept for its children.
- */
-class Signals {
- public:
-  Signals() {
-    struct sigaction usual = {};
-    usual.sa_handler = SIG_DFL;
-    sigaction(SIGCHLD, &usual, &child_action_);  // an ignored one would take our children's status
-    sigset_t taken;
-    sigemptyset(&taken);
-    for (const int signal : {SIGCHLD, SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaddset(&taken, signal);
-    sigprocmask(SIG_BLOCK, &taken, &mask_);
-    fd_.Reset(signalfd(-1, &taken, SFD_CLOEXEC | SFD_NONBLOCK));
-    if (!fd_) throw RunError(std::string("cannot take signals: ") + strerror(errno));
-  }
-
-  int fd() const { return fd_.get(); }
-  const sigset_t& mask() const { return mask_; }
-  const struct sigaction& child_action() const { return child_action_; }
-
-  /** The next one that has arrived. */
-  std::optional<signalfd_siginfo> Next() const {
-    signalfd_siginfo info;
-    if (read(fd_.get(), &info, sizeof info) != sizeof info) return std::nullopt;
-    return info;
-  }
-
- private:
-  sigset_t mask_;
-  struct sigaction child_action_;
-  base::UniqueFd fd_;
-};
-
-int ExitStatus(int raw) { return WIFSIGNALED(raw) ? kKilledBy + WTERMSIG(raw) : WEXITSTATUS(raw); }
 
 /** The agent ends by itself only by a fault of its own; by SIGKILL where somebody wanted it so. */
 bool EndedAsWanted(int raw) {
@@ -187,17 +152,6 @@ std::string BusConfiguration(const std::string& address) {
          "<limit name=\"max_connections_per_user\">10000</limit>\n"
          "<limit name=\"max_match_rules_per_connection\">10000</limit>\n"
          "</busconfig>\n";
-}
-
-/** A folder of PATH that may not be entered must not pass for a command that may not be executed. */
-int ReasonFor(const std::string& command, int reason) {
-  if (reason != EACCES || command.find('/') != std::string::npos) return reason;
-  const char* path = getenv("PATH");
-  std::istringstream folders(path != nullptr ? path : "");
-  for (std::string folder; std::getline(folders, folder, ':');) {
-    if (access(((folder.empty() ? "." : folder) + "/" + command).c_str(), F_OK) == 0) return EACCES;
-  }
-  return ENOENT;
 }
 
 class Run {
@@ -441,10 +395,7 @@ int Run::StartCommand() {
   try {
     command_.pid = StartChild(setup);
   } catch (const StartError& error) {
-    const std::string& name = options_.command.front();
-    const int reason = ReasonFor(name, error.reason);
-    Report(Quotable(name) + ": " + strerror(reason));
-    return reason == ENOENT ? kNotFound : kNotExecutable;
+    return ReportStartError(options_.command.front(), error);
   }
   if (guardian_) guardian_->Watch(command_.pid);
   return 0;

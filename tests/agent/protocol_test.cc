@@ -126,6 +126,31 @@ TEST_F(AnAgent, TellsItsLicence) {
   ExpectReply(expected);
 }
 
+TEST_F(AnAgent, AnswersWithTheTextOfACall) {
+  Begin(WithMethod("get_license", R"("calls": [{"text": "one"}, {}])"));
+  for (const char* text : {"one", "First line\nsecond line\n"}) {
+    client_->Send(Call(3));
+    Parcel expected;
+    expected.Int(0).Text(text);
+    ExpectReply(expected);
+  }
+}
+
+TEST_F(AnAgent, ListsTheModelsOfACall) {
+  Begin(WithMethod("GetModelVersionList", R"("calls": [
+      {"models": [{"id": "x", "version": "9", "title": "X"}, {"id": "y", "description": "d"}]},
+      {"models": [], "result": 7}])"));
+  Parcel expected = AnswerHead(3, 1, 0);
+  expected.Count(2).Text("x").Text("9").Text("X").Text("").Text("y").Text("").Text("").Text("d");
+  expected.Int(2);
+  client_->Send(AskVersions(1, "a"));
+  ExpectAnswer(expected);
+  client_->Send(AskVersions(2, "a"));
+  Parcel none = AnswerHead(3, 2, 7);
+  none.Count(0).Int(0);
+  ExpectAnswer(none);
+}
+
 TEST_F(AnAgent, AnswersARequestForItsUpdate) {
   Begin(WithMethod("request_update", "\"result\": -5"));
   client_->Send(Call(4));

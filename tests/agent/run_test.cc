@@ -621,7 +621,7 @@ TEST_F(ACall, ForHelpNamesNothingThatTheManPageDoesNotHave) {
   const std::string page = ManPage();
   const std::string help = RunSim({"--help"}).output;
   const auto commands = AllMatches(help.substr(help.find("Subcommands:")), "\n  ([a-z]+)  ");
-  ASSERT_EQ(commands, (std::set<std::string>{"check", "expect", "list", "run", "send"}));
+  ASSERT_EQ(commands, (std::set<std::string>{"check", "expect", "list", "record", "run", "send"}));
   std::set<std::string> options = AllMatches(help, "(--[a-z][a-z-]*)");
   for (const std::string& command : commands) {
     EXPECT_THAT(page, HasSubstr("\n.SS " + command + "\n"));

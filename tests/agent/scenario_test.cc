@@ -407,7 +407,12 @@ const Refusal kRefusals[] = {
      "result, delay, fault, cutAt, stray, drip, steps, calls"},
     {"ResultOfALicence", "{\"methods\": {\"get_license\": {\"result\": 2}}}",
      "file.json:1:30: /methods/get_license/result: unknown key \"result\"; allowed here: delay, "
-     "fault, cutAt, stray, drip, steps, calls"},
+     "fault, cutAt, stray, drip, steps, text, calls"},
+    {"ListedWithoutId",
+     "{\"methods\": {\"GetModelVersionList\": {\"models\": [{\"title\": \"t\"}]}}}",
+     "file.json:1:50: /methods/GetModelVersionList/models/0: the key \"id\" is missing"},
+    {"ListedBySomethingElse", "{\"methods\": {\"RequestToUpdate\": {\"models\": []}}}",
+     "file.json:1:34: /methods/RequestToUpdate/models: unknown key \"models\"; allowed here: ..."},
     {"OddKey", "{\"a/b~c\\u001b\": 1}",
      "file.json:1:2: /a~1b~0c\\x1B: unknown key \"a/b~c\\x1B\"; allowed here: ..."},
     {"ModelWithoutId", "{\"models\": [{\"versions\": [\"1\"]}]}",

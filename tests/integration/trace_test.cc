@@ -185,6 +185,26 @@ TEST_F(ATracedWorld, TellsMessagesThatMeanNothingByTheirBytes) {
       Contains(testing::ResultOf([](const json& record) { return record["by"]; }, "agent")));
 }
 
+TEST_F(ATracedWorld, TellsAMessageThatComesInPiecesOnceAndWhole) {
+  const std::string scenario = files_.Write("drips.json", R"({"bus": false, "methods": {
+      "get_agent_api_level": {"drip": {"bytes": 3}}}})");
+  EXPECT_EQ(Run(scenario, "\"$CTL\" api-level").output, "11\n");
+  ASSERT_EQ(Records("reply").size(), 1u);
+  EXPECT_EQ(Records("reply")[0]["result"], 11);
+  EXPECT_THAT(Records("raw"), testing::IsEmpty());
+}
+
+TEST_F(ATracedWorld, TellsWhomTheAgentCutsOff) {
+  Run("empty",
+      "\"$CTL\" watch connection >/dev/null & \"$SIM\" expect --timeout 60 'client connected' && "
+      "\"$SIM\" send drop api-level=3 && \"$SIM\" expect 'step drop' 'client disconnected' "
+      "'step api-level'; kill $!");
+  EXPECT_THAT(
+      Records("disconnect"),
+      Contains(testing::ResultOf([](const json& record) { return record["by"]; }, "agent")));
+  EXPECT_EQ(Records("step").back()["level"], 3);
+}
+
 TEST_F(ATracedWorld, TellsWhoIsRefused) {
   Run("refused", "\"$CTL\" license");
   EXPECT_THAT(Records("refuse"),
