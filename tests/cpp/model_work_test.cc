@@ -12,7 +12,6 @@ using face::Word;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
-using velmora::svcmgr::State;
 namespace vs = velmora::svcmgr;
 using namespace std::chrono_literals;
 

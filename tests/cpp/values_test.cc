@@ -12,7 +12,6 @@ namespace {
 using face::Word;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 using testing::SizeIs;
 namespace vs = velmora::svcmgr;

@@ -39,6 +39,7 @@ Model ReadModel(const vs::Model& info) {
 
 std::vector<Model> ReadList(const vs::ModelList& list) {
   std::vector<Model> models;
+  models.reserve(list.size());
   for (std::size_t i = 0; i < list.size(); ++i) models.push_back(ReadModel(Checked(list.At(i))));
   return models;
 }
