@@ -93,6 +93,7 @@
  */
 
 #include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 #include <velmora_svcmgr.h>
 
@@ -168,6 +169,7 @@ class Callable<Result(Arguments...)> {
     return made;
   }
 
+  /** Whether there is something to call. */
   explicit operator bool() const noexcept { return body_ != nullptr; }
 
   Result operator()(Arguments... arguments) {
@@ -389,13 +391,17 @@ class [[nodiscard]] Outcome {
   using value_type = T;
   using error_type = Error;
 
+  /** A success. */
   Outcome(T value) noexcept(std::is_nothrow_move_constructible_v<T>)  // NOLINT(google-explicit-*)
       : content_(std::in_place_index<0>, std::move(value)) {}
+  /** A failure. */
   Outcome(Error error) noexcept : content_(std::in_place_index<1>, error) {}  // NOLINT
 
+  /** Whether it is a success. */
   bool has_value() const noexcept { return content_.index() == 0; }
   explicit operator bool() const noexcept { return has_value(); }
 
+  // The value; there must be one.
   T& value() & { return *Value(); }
   const T& value() const& { return *Value(); }
   T&& value() && { return std::move(*Value()); }
@@ -405,8 +411,10 @@ class [[nodiscard]] Outcome {
   T* operator->() { return Value(); }
   const T* operator->() const { return Value(); }
 
+  /** The error; there must be one. */
   Error error() const;
 
+  /** The value, or `other` where there is none. */
   template <typename U>
   T value_or(U&& other) && {
     return has_value() ? std::move(*Value()) : static_cast<T>(std::forward<U>(other));
@@ -448,11 +456,15 @@ class [[nodiscard]] Outcome<void> {
   using value_type = void;
   using error_type = Error;
 
+  /** A success. */
   Outcome() noexcept = default;
+  /** A failure. */
   Outcome(Error error) noexcept : error_(error) {}  // NOLINT(google-explicit-constructor)
 
+  /** Whether it is a success. */
   bool has_value() const noexcept { return !error_.has_value(); }
   explicit operator bool() const noexcept { return has_value(); }
+  /** The error; there must be one. */
   Error error() const;
 
 #if defined(__cpp_exceptions)
@@ -540,11 +552,13 @@ class Text {
   /** Takes over a text that free() releases; may be null. */
   explicit Text(char* text) noexcept : text_(text) {}
 
+  /** Whether there is a text. */
   explicit operator bool() const noexcept { return text_ != nullptr; }
   /** NUL-terminated; "" where there is none. Valid as long as this object. */
   const char* c_str() const noexcept { return text_ == nullptr ? "" : text_.get(); }
   /** Valid as long as this object. */
   std::string_view view() const noexcept { return c_str(); }
+  /** A copy. */
   std::string str() const { return c_str(); }
 
  private:
@@ -812,8 +826,10 @@ class AgentList {
   AgentList& operator=(const AgentList&) = delete;
   ~AgentList() = default;
 
+  /** A list for a request. */
   static Outcome<AgentList> Make(const std::vector<std::string>& names) noexcept;
 
+  /** The size that the list had when it was taken over. */
   std::size_t size() const noexcept { return size_; }
   bool empty() const noexcept { return size_ == 0; }
   /** A copy of a name; empty if it cannot be read. */
@@ -981,12 +997,14 @@ class WorkTracker {
     begun_ = ended_ = 0;
     by_events_ = Verdict::kGoesOn;
   }
+  /** A message of the agent; the rule is asked. */
   void Take(const WorkReport& report, TimePoint now);
   /** An event of work on models. @param status  One of velmora_svcmgr_ai_status_e. */
   void TakeStatus(int status, TimePoint now);
 
   /** What the rule says; once it has said that the work is over, that stays. */
   Verdict Judge(TimePoint now, bool time_is_up = false);
+  /** What the rule has said last. */
   Verdict verdict() const noexcept { return verdict_; }
   /** Whether events have decided, not a message. */
   bool ended_by_events() const noexcept { return ended_by_events_; }
@@ -996,6 +1014,7 @@ class WorkTracker {
     return Error(told ? report_.error : static_cast<int>(kWorkFailed));
   }
 
+  /** How far it has come. */
   Progress progress() const noexcept;
   /** Hundredths of one model. @param model  From 0, below the number of models. */
   int PercentOf(std::size_t model) const noexcept {
@@ -1205,6 +1224,11 @@ namespace detail {
 // What the C interface gets as user data. Never used twice, never 0.
 using Id = std::uintptr_t;
 
+// Whether a time is over; a limit may be too long to be counted in what clocks count.
+inline bool IsOver(TimePoint::duration passed, Milliseconds limit) noexcept {
+  return std::chrono::duration_cast<Milliseconds>(passed) >= limit;
+}
+
 inline void* ToUserData(Id id) noexcept {
   return reinterpret_cast<void*>(id);  // NOLINT(performance-no-int-to-ptr)
 }
@@ -1273,12 +1297,18 @@ inline bool Worker::Run(Task task) {
   tasks_.push_back(std::move(task));
   if (running_) return true;
   auto self = std::make_unique<std::shared_ptr<Worker>>(shared_from_this());
+  // Signals are for the application's own threads.
+  sigset_t all;
+  sigset_t own;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &own);
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
   pthread_t thread{};
   running_ = pthread_create(&thread, &attributes, Main, self.get()) == 0;
   pthread_attr_destroy(&attributes);
+  pthread_sigmask(SIG_SETMASK, &own, nullptr);
   if (running_)
     static_cast<void>(self.release());  // the thread's
   else
@@ -1473,8 +1503,9 @@ class Core : public std::enable_shared_from_this<Core> {
   unsigned connection_ = 1;
   // Whether this session has asked for an update of the agents, or heard of one, that has not ended.
   bool update_known_ = false;
-  // Since when the C interface says that an update is under way.
+  // Since when the C interface says that an update is under way, of which no restart was seen yet.
   std::optional<TimePoint> updating_since_;
+  bool restart_seen_ = false;
   TimePoint away_since_{};
   TimePoint nudged_{};
   Loop::TimerId connect_timer_ = 0;
@@ -1731,6 +1762,7 @@ inline void Core::Lose(bool returns) noexcept {
   ++connection_;
   away_since_ = nudged_ = Now();
   updating_since_.reset();
+  restart_seen_ = true;
   error_ = Error(kConnectionLost);
   StopTimer(connect_timer_);
   ForEach([this, returns](const std::shared_ptr<Entry>& entry) { LoseEntry(entry, returns); });
@@ -1781,7 +1813,7 @@ inline void Core::EndAll(Error error, bool held_too) noexcept {
 inline bool Core::MustLook() const noexcept {
   if (state_ == State::kConnecting || state_ == State::kRestarting) return true;
   // Left while a connection was coming up.
-  if (state_ == State::kIdle) return Now() - away_since_ < options_.restart_patience;
+  if (state_ == State::kIdle) return !IsOver(Now() - away_since_, options_.restart_patience);
   return std::any_of(entries_.begin(), entries_.end(),
                      [](const auto& each) { return each.second->stage == Entry::Stage::kSent; });
 }
@@ -1808,7 +1840,8 @@ inline void Core::Look() noexcept {
   const int code = velmora_svcmgr_is_being_updated(&updating);
   const auto now = Now();
   if (code == SVCMGR_ERROR_NONE) {
-    if (!updating)
+    if (!updating) restart_seen_ = false;
+    if (!updating || restart_seen_)
       updating_since_.reset();
     else if (!updating_since_)
       updating_since_ = now;
@@ -1820,7 +1853,7 @@ inline void Core::Look() noexcept {
 }
 
 inline void Core::LookAtRestart(TimePoint now) noexcept {
-  if (now - away_since_ >= options_.restart_patience) return Lose(false);
+  if (IsOver(now - away_since_, options_.restart_patience)) return Lose(false);
   // Helps where the library could not start its own reconnection, and does nothing elsewhere.
   if (now - nudged_ < kNudgeEvery) return;
   nudged_ = now;
@@ -1838,8 +1871,11 @@ inline void Core::LookAtEntries() noexcept {
     const auto silence = now - std::max(entry->heard, *updating_since_);
     if (entry->IsQuery() && options_.resend != Resend::kNever) {
       if (silence >= kAskAgainAfter * entry->times_sent) SendNow(entry);
-    } else if (silence >= options_.restart_patience) {
-      EndLater(entry->id, Error(kConnectionLost));
+    } else if (IsOver(silence, options_.restart_patience)) {
+      if (entry->MayBeResent())
+        SendNow(entry);
+      else
+        EndLater(entry->id, Error(kConnectionLost));
     }
   });
 }
@@ -2198,7 +2234,7 @@ struct Work final : Entry {
   }
   void Look(Core& core, TimePoint now) noexcept override {
     if (Judge(core, now, false)) return;
-    if (silence_limit != kNoLimit && tracker->Silence(now) >= silence_limit) TimeIsUp(core);
+    if (IsOver(tracker->Silence(now), silence_limit)) TimeIsUp(core);
   }
   void Release(Core& core) noexcept override {
     core.Remove(events);
@@ -2417,6 +2453,7 @@ class Session {
 
   // The connection.
 
+  /** What has become of it, as far as is known; a callable of OnState may be a change behind. */
   State state() const noexcept { return core_->state(); }
   /** Why the connection does not stand; absent where it stands, or nothing has failed. */
   std::optional<Error> error() const noexcept { return core_->error(); }
@@ -2601,8 +2638,10 @@ inline ModelWork Session::Follow(detail::Work::Request request, std::vector<Mode
       core->models, [key, weak = std::weak_ptr<detail::Core>(core)](ModelStatus status) {
         if (const auto session = weak.lock()) detail::Work::Event(*session, *key, status);
       });
-  if (events) work->events = *events;
+  Token hearing(core, events.value_or(0));
+  work->events = hearing.id_;
   core->Add(work, options.limit);
+  hearing.Detach();
   *key = work->id;
   return {Token(core, work->id), tracker};
 }

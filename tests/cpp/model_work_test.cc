@@ -149,6 +149,17 @@ TEST_F(AWork, ThatSaysNothingAfterARestartBetweenTwoLooksIsLost) {
   EXPECT_THAT(ends, ElementsAre("CONNECTION_LOST"));
 }
 
+TEST_F(AWork, IsAskedForAgainAfterARestartBetweenTwoLooksWhereItIsToldTo) {
+  vs::WorkOptions options;
+  options.resend = true;
+  Update({"a"}, std::move(options));
+  LoseInUpdate();
+  ReturnFromUpdate();
+  loop.Pass(61s);
+  Report(ReportOf(1, 1, 100, kDone), 1);
+  EXPECT_THAT(ends, ElementsAre("ok"));
+}
+
 TEST_F(AWork, IsAskedForAgainAfterARestartWhereItIsToldTo) {
   vs::WorkOptions options;
   options.resend = true;

@@ -135,6 +135,17 @@ TEST_F(ARequest, MayBeReleasedInItsOwnCallable) {
   EXPECT_TRUE(freed);
 }
 
+TEST_F(ARequest, MayHoldTheTokenOfAnother) {
+  auto other = std::make_unique<vs::Token>(Ask());
+  vs::Token token =
+      session->Models([held = std::move(other)](const vs::Outcome<vs::ModelList>&) { FAIL(); });
+  vs::Token subscription =
+      session->OnModelStatus([held = std::move(token)](vs::ModelStatus) {}).value();
+  subscription.Release();
+  Answer(0, {"a"});
+  EXPECT_THAT(answers, IsEmpty());
+}
+
 TEST_F(ARequest, MayDestroyTheSessionInItsCallable) {
   const vs::Token other = Ask();
   const vs::Token token = session->Models([this](const vs::Outcome<vs::ModelList>& models) {
@@ -248,6 +259,15 @@ TEST_F(ARequest, ThatIsSentAgainIsSentEverMoreSeldom) {
   events::AnnounceUpdate();
   loop.Pass(60s);
   EXPECT_LE(fake::SentParcels().size(), 9U);
+}
+
+TEST_F(ARequest, MadeAfterARestartThatWasSeenIsNotSentTwice) {
+  const vs::Token token = Ask();
+  LoseInUpdate();
+  loop.Pass(1s);
+  ReturnFromUpdate();
+  loop.Pass(1min);
+  EXPECT_THAT(fake::SentParcels(), SizeIs(2));
 }
 
 TEST_F(ARequest, IsNotSentAgainWhereOptionsForbidIt) {

@@ -125,6 +125,18 @@ TEST_F(ASession, CountsTheConnectionAsLostWhenTheAgentStaysAway) {
   EXPECT_THAT(answers, ElementsAre(ElementsAre("CONNECTION_LOST")));
 }
 
+TEST_F(ASession, WaitsForTheAgentWithoutALimitWhereItIsToldTo) {
+  vs::Options options;
+  options.restart_patience = vs::kNoLimit;
+  options.connect_limit = vs::kNoLimit;
+  Open(std::move(options));
+  Connect();
+  const vs::Token token = Ask();
+  LoseInUpdate();
+  loop.Pass(10min);
+  EXPECT_THAT(states, ElementsAre(State::kRestarting));
+}
+
 TEST_F(ASession, ConnectsAgainWhereTheLibraryCouldNotReconnect) {
   Connect();
   const vs::Token token = Ask();
