@@ -105,7 +105,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <deque>
 #include <exception>
 #include <iterator>
 #include <map>
@@ -1276,27 +1275,40 @@ class Entry {
   Loop::TimerId limit = 0;
 };
 
-// One thread for all calls that block; it ends when nothing is left to do.
-class Worker : public std::enable_shared_from_this<Worker> {
+// One thread for all calls that block; it ends when nothing is left to do. Never destroyed.
+class Worker {
  public:
-  // False if there can be no thread.
-  bool Run(Task task);
+  // False if there can be no thread, or no memory.
+  bool Run(Task task) noexcept;
   // Calls of the C interface that are under way.
   std::atomic<int> calls{0};
 
  private:
+  struct Node {
+    Task task;
+    Node* next;
+  };
+
   static void* Main(void* self) noexcept;
+  bool Start() noexcept;
 
   std::mutex mutex_;
-  std::deque<Task> tasks_;
+  Node* first_ = nullptr;
+  Node** end_ = &first_;
   bool running_ = false;
 };
 
-inline bool Worker::Run(Task task) {
+inline bool Worker::Run(Task task) noexcept {
+  auto node = std::unique_ptr<Node>(new (std::nothrow) Node{std::move(task), nullptr});
   const std::lock_guard<std::mutex> lock(mutex_);
-  tasks_.push_back(std::move(task));
-  if (running_) return true;
-  auto self = std::make_unique<std::shared_ptr<Worker>>(shared_from_this());
+  if (node == nullptr || (!running_ && !Start())) return false;
+  running_ = true;
+  *end_ = node.release();
+  end_ = &(*end_)->next;
+  return true;
+}
+
+inline bool Worker::Start() noexcept {
   // Signals are for the application's own threads.
   sigset_t all;
   sigset_t own;
@@ -1306,26 +1318,22 @@ inline bool Worker::Run(Task task) {
   pthread_attr_init(&attributes);
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
   pthread_t thread{};
-  running_ = pthread_create(&thread, &attributes, Main, self.get()) == 0;
+  const bool started = pthread_create(&thread, &attributes, Main, this) == 0;
   pthread_attr_destroy(&attributes);
   pthread_sigmask(SIG_SETMASK, &own, nullptr);
-  if (running_)
-    static_cast<void>(self.release());  // the thread's
-  else
-    tasks_.pop_back();
-  return running_;
+  return started;
 }
 
 inline void* Worker::Main(void* self) noexcept {
-  const std::unique_ptr<std::shared_ptr<Worker>> owner(static_cast<std::shared_ptr<Worker>*>(self));
-  Worker& worker = **owner;
+  Worker& worker = *static_cast<Worker*>(self);
   std::unique_lock<std::mutex> lock(worker.mutex_);
-  while (!worker.tasks_.empty()) {
-    Task task = std::move(worker.tasks_.front());
-    worker.tasks_.pop_front();
+  while (worker.first_ != nullptr) {
+    const std::unique_ptr<Node> node(worker.first_);
+    worker.first_ = node->next;
+    if (worker.first_ == nullptr) worker.end_ = &worker.first_;
     lock.unlock();
-    task();
-    task = nullptr;
+    node->task();
+    node->task = nullptr;
     lock.lock();
   }
   worker.running_ = false;
@@ -1338,7 +1346,7 @@ struct VELMORA_SVCMGR_SHARED_ Registry {
   std::weak_ptr<Core> core;
   pid_t pid = 0;
   std::atomic<Id> last_id{0};
-  std::shared_ptr<Worker> worker = std::make_shared<Worker>();
+  Worker worker;
 };
 
 VELMORA_SVCMGR_SHARED_ inline Registry& TheRegistry() {
@@ -1620,7 +1628,7 @@ inline void Core::Close() noexcept {
     if (!updates.hearers.empty()) static_cast<void>(updates.unsubscribe());
     if (!models.hearers.empty()) static_cast<void>(models.unsubscribe());
     // With a call under way on another thread the connection has to stay; the next session takes it.
-    if (TheRegistry().worker->calls == 0) static_cast<void>(velmora_svcmgr_disconnect());
+    if (TheRegistry().worker.calls == 0) static_cast<void>(velmora_svcmgr_disconnect());
     const std::lock_guard<std::mutex> lock(TheRegistry().mutex);
     TheRegistry().core.reset();
   }
@@ -2181,7 +2189,7 @@ int Job<T>::Send(Core& core) noexcept {
   if (!shared->call) return SVCMGR_ERROR_INVALID_PARAMETER;
   auto task = Task::TryMake([weak = core.weak_from_this(), keep = shared, key = id] {
     // In this order, so that either this thread sees the release, or who releases sees the call.
-    std::atomic<int>& calls = TheRegistry().worker->calls;
+    std::atomic<int>& calls = TheRegistry().worker.calls;
     ++calls;
     if (keep->released) {
       --calls;
@@ -2197,7 +2205,7 @@ int Job<T>::Send(Core& core) noexcept {
   });
   if (!task) return SVCMGR_ERROR_OUT_OF_MEMORY;
   auto start = [key = id, held = std::move(task)](Core& later) mutable {
-    if (!TheRegistry().worker->Run(std::move(held)))
+    if (!TheRegistry().worker.Run(std::move(held)))
       later.EndLater(key, Error(SVCMGR_ERROR_OUT_OF_MEMORY));
   };
   if (core.IsTellingUpdates() && kind.asks_for_update)

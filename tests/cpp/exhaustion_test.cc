@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What becomes of a session when memory runs out, at each allocation once.
 #include <new>
+#include <set>
 
 #include "face_support.h"
 
@@ -83,6 +84,36 @@ TEST_F(AShortage, InsideACallbackOfTheCInterfaceIsSurvived) {
   const vs::Token token = Ask();
   fake::DeliverDelegateMessage(face::kModels, 198, face::AnswerOf({"a"}));
   EXPECT_THAT(answers, testing::ElementsAre(testing::ElementsAre("a")));
+  CountWhatIsKept();
+}
+
+TEST_F(AShortage, WhenABlockingCallIsBegunIsAnError) {
+  std::set<std::string> words;
+  for (int n = 1; n < 12; ++n) {
+    session->Disconnect();
+    loop.Turn();
+    fake::ForgetScripts("rpc_port_proxy_connect");
+    ASSERT_TRUE(session->Connect().has_value());
+    int ended = 0;
+    std::string word;
+    word.reserve(64);
+    const vs::Token token = session->AgentApiLevel([&](const vs::Outcome<int>& level) {
+      ++ended;
+      word = level ? "ok" : level.error().name();
+    });
+    fake::OnSend([](const fake::Sent&) { fake::QueueReply({11}); });
+    session->OnState(nullptr);
+    {
+      const fake::FailingAllocation failing(fake::Allocator::kNew, n);
+      fake::Proxy().FireConnected();
+    }
+    loop.Turn();
+    while (ended == 0) loop.Await();
+    words.insert(word);
+    EXPECT_EQ(ended, 1) << n;
+  }
+  EXPECT_THAT(words, testing::Contains("ok"));
+  EXPECT_THAT(words, testing::Contains("SVCMGR_ERROR_OUT_OF_MEMORY"));
   CountWhatIsKept();
 }
 
