@@ -719,48 +719,37 @@ class ListIterator {
 
 }  // namespace detail
 
-/** Models, in the agent's order; owns a handle, which is null in an empty list that was never made. */
-class ModelList {
- public:
-  using Handle = velmora_svcmgr_ai_model_list_h;
-  using value_type = Model;
-  using iterator = detail::ListIterator<ModelList>;
-  using const_iterator = iterator;
+namespace detail {
 
-  ModelList() noexcept = default;
+/** What is common to the owners of lists. */
+template <typename T, auto destroy, auto get_size>
+class ListOwner {
+ public:
+  using Handle = T*;
+
+  /** An empty list, without a handle. */
+  ListOwner() noexcept = default;
   /** Takes over a handle; may be null. */
-  explicit ModelList(Handle handle) noexcept : handle_(handle) {
+  explicit ListOwner(Handle handle) noexcept : handle_(handle) {
     int size = 0;
-    if (handle != nullptr &&
-        velmora_svcmgr_ai_model_list_get_size(handle, &size) == SVCMGR_ERROR_NONE && size > 0)
+    if (handle != nullptr && get_size(handle, &size) == SVCMGR_ERROR_NONE && size > 0)
       size_ = static_cast<std::size_t>(size);
   }
-  ModelList(ModelList&& other) noexcept
+  ListOwner(ListOwner&& other) noexcept
       : handle_(std::move(other.handle_)), size_(std::exchange(other.size_, 0)) {}
-  ModelList& operator=(ModelList&& other) noexcept {
+  ListOwner& operator=(ListOwner&& other) noexcept {
     handle_ = std::move(other.handle_);
     size_ = std::exchange(other.size_, 0);
     return *this;
   }
-  ModelList(const ModelList&) = delete;
-  ModelList& operator=(const ModelList&) = delete;
-  ~ModelList() = default;
-
-  /** A list for a request. */
-  static Outcome<ModelList> Make(const std::vector<ModelName>& models) noexcept;
+  ListOwner(const ListOwner&) = delete;
+  ListOwner& operator=(const ListOwner&) = delete;
+  ~ListOwner() = default;
 
   /** The size that the list had when it was taken over. */
   std::size_t size() const noexcept { return size_; }
+  /** Whether there is nothing in it. */
   bool empty() const noexcept { return size_ == 0; }
-
-  /** A copy of a model; one without a handle if it cannot be read. An index that is not below the
-   *  size is never passed on. */
-  Model operator[](std::size_t index) const noexcept { return At(index).value_or(Model()); }
-  /** The same, and says why it cannot be read. */
-  Outcome<Model> At(std::size_t index) const noexcept;
-
-  iterator begin() const noexcept { return {this, 0}; }
-  iterator end() const noexcept { return {this, static_cast<std::ptrdiff_t>(size_)}; }
 
   /** For the C interface; stays this object's. Whoever adds to it there, takes it over anew. */
   Handle handle() const noexcept { return handle_.get(); }
@@ -770,15 +759,43 @@ class ModelList {
     return handle_.release();
   }
 
+ protected:
+  void Grow() noexcept { ++size_; }
+
  private:
-  detail::Owner<velmora_svcmgr_ai_model_list_s, velmora_svcmgr_ai_model_list_destroy> handle_;
+  Owner<T, destroy> handle_;
   std::size_t size_ = 0;
 };
 
+}  // namespace detail
+
+/** Models, in the agent's order; owns a handle, which may be null. Moved, never copied. */
+class ModelList
+    : public detail::ListOwner<velmora_svcmgr_ai_model_list_s, velmora_svcmgr_ai_model_list_destroy,
+                               velmora_svcmgr_ai_model_list_get_size> {
+ public:
+  using ListOwner::ListOwner;
+  using value_type = Model;
+  using iterator = detail::ListIterator<ModelList>;
+  using const_iterator = iterator;
+
+  /** A list for a request. */
+  static Outcome<ModelList> Make(const std::vector<ModelName>& models) noexcept;
+
+  /** A copy of a model; one without a handle if it cannot be read. An index that is not below the
+   *  size is never passed on. */
+  Model operator[](std::size_t index) const noexcept { return At(index).value_or(Model()); }
+  /** The same, and says why it cannot be read. */
+  Outcome<Model> At(std::size_t index) const noexcept;
+
+  iterator begin() const noexcept { return {this, 0}; }
+  iterator end() const noexcept { return {this, static_cast<std::ptrdiff_t>(size())}; }
+};
+
 inline Outcome<Model> ModelList::At(std::size_t index) const noexcept {
-  if (index >= size_) return Error(SVCMGR_ERROR_OUT_OF_INDEX);
+  if (index >= size()) return Error(SVCMGR_ERROR_OUT_OF_INDEX);
   Model::Handle model = nullptr;
-  const int code = velmora_svcmgr_ai_model_list_get(handle_.get(), static_cast<int>(index), &model);
+  const int code = velmora_svcmgr_ai_model_list_get(handle(), static_cast<int>(index), &model);
   if (code != SVCMGR_ERROR_NONE) return Error(code);
   return Model(model);
 }
@@ -793,44 +810,24 @@ inline Outcome<ModelList> ModelList::Make(const std::vector<ModelName>& models) 
     if (!model) return model.error();
     code = velmora_svcmgr_ai_model_list_add(raw, model->handle());
     if (code != SVCMGR_ERROR_NONE) return Error(code);
-    ++list.size_;
+    list.Grow();
   }
   return list;
 }
 
-/** Names of agents; owns a handle, which may be null. */
-class AgentList {
+/** Names of agents; owns a handle, which may be null. Moved, never copied. */
+class AgentList
+    : public detail::ListOwner<velmora_svcmgr_agent_list_s, velmora_svcmgr_agent_list_destroy,
+                               velmora_svcmgr_agent_list_get_size> {
  public:
-  using Handle = velmora_svcmgr_agent_list_h;
+  using ListOwner::ListOwner;
   using value_type = std::string;
   using iterator = detail::ListIterator<AgentList>;
   using const_iterator = iterator;
 
-  AgentList() noexcept = default;
-  /** Takes over a handle; may be null. */
-  explicit AgentList(Handle handle) noexcept : handle_(handle) {
-    int size = 0;
-    if (handle != nullptr &&
-        velmora_svcmgr_agent_list_get_size(handle, &size) == SVCMGR_ERROR_NONE && size > 0)
-      size_ = static_cast<std::size_t>(size);
-  }
-  AgentList(AgentList&& other) noexcept
-      : handle_(std::move(other.handle_)), size_(std::exchange(other.size_, 0)) {}
-  AgentList& operator=(AgentList&& other) noexcept {
-    handle_ = std::move(other.handle_);
-    size_ = std::exchange(other.size_, 0);
-    return *this;
-  }
-  AgentList(const AgentList&) = delete;
-  AgentList& operator=(const AgentList&) = delete;
-  ~AgentList() = default;
-
   /** A list for a request. */
   static Outcome<AgentList> Make(const std::vector<std::string>& names) noexcept;
 
-  /** The size that the list had when it was taken over. */
-  std::size_t size() const noexcept { return size_; }
-  bool empty() const noexcept { return size_ == 0; }
   /** A copy of a name; empty if it cannot be read. */
   std::string operator[](std::size_t index) const {
     const Outcome<Text> text = At(index);
@@ -840,25 +837,13 @@ class AgentList {
   Outcome<Text> At(std::size_t index) const noexcept;
 
   iterator begin() const noexcept { return {this, 0}; }
-  iterator end() const noexcept { return {this, static_cast<std::ptrdiff_t>(size_)}; }
-
-  /** For the C interface; stays this object's. */
-  Handle handle() const noexcept { return handle_.get(); }
-  /** For the C interface; the caller releases it. */
-  Handle release() noexcept {
-    size_ = 0;
-    return handle_.release();
-  }
-
- private:
-  detail::Owner<velmora_svcmgr_agent_list_s, velmora_svcmgr_agent_list_destroy> handle_;
-  std::size_t size_ = 0;
+  iterator end() const noexcept { return {this, static_cast<std::ptrdiff_t>(size())}; }
 };
 
 inline Outcome<Text> AgentList::At(std::size_t index) const noexcept {
-  if (index >= size_) return Error(SVCMGR_ERROR_OUT_OF_INDEX);
+  if (index >= size()) return Error(SVCMGR_ERROR_OUT_OF_INDEX);
   char* name = nullptr;
-  const int code = velmora_svcmgr_agent_list_get(handle_.get(), static_cast<int>(index), &name);
+  const int code = velmora_svcmgr_agent_list_get(handle(), static_cast<int>(index), &name);
   if (code != SVCMGR_ERROR_NONE) return Error(code);
   return Text(name);
 }
@@ -871,7 +856,7 @@ inline Outcome<AgentList> AgentList::Make(const std::vector<std::string>& names)
   for (const std::string& name : names) {
     code = velmora_svcmgr_agent_list_add(raw, name.c_str());
     if (code != SVCMGR_ERROR_NONE) return Error(code);
-    ++list.size_;
+    list.Grow();
   }
   return list;
 }
