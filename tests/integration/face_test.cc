@@ -68,12 +68,13 @@ TEST(TheFace, LosesWorkWhenTheAgentIsKilled) {
 }
 
 TEST(TheFace, TimesOutWhenWorkStalls) {
-  EXPECT_THAT(RunFace("models-stall", {"update", "vision.segment", "1500"}),
-              MatchesRegex("state: Connected\ntotal: [45]0\nend: TIMEOUT\n"));
+  EXPECT_THAT(RunFace("models-stall", {"update", "vision.segment", "3000"}),
+              MatchesRegex("(state: Connected\n)?total: [0-5]?0\nend: TIMEOUT\n"));
 }
 
 TEST(TheFace, TimesOutWhenTheAgentNeverAnswers) {
-  EXPECT_EQ(RunFace("never-answers", {"list", "1000"}), "state: Connected\nend: TIMEOUT\n");
+  EXPECT_THAT(RunFace("never-answers", {"list", "1000"}),
+              MatchesRegex("(state: Connected\n)?end: TIMEOUT\n"));
 }
 
 TEST(TheFace, SaysThatTheAgentDoesNotRun) {
