@@ -91,6 +91,7 @@ std::vector<Model> AskVersions(Session& session, const Model& model) {
 
 Failure NoSuchModel(const std::string& id, const std::vector<Model>& models) {
   std::vector<std::string> ids;
+  ids.reserve(models.size());
   for (const Model& model : models) ids.push_back(model.id.value_or(""));
   std::string message = "there is no usable model '" + id + "'";
   const char* separator = "; did you mean ";
