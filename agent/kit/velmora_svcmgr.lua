@@ -156,10 +156,11 @@ local function names_of(names)
   return #names > most and text .. " and " .. (#names - most) .. " more" or text
 end
 
-function Reader:models()
+-- Elements behind their number, and the count beside them.
+function Reader:list(read)
   local names = {}
   for _ = 1, self:int(f.array_count) or 0 do
-    local name = self:model()
+    local name = read()
     if not self.whole then break end
     names[#names + 1] = name
   end
@@ -167,15 +168,12 @@ function Reader:models()
   return names_of(names)
 end
 
+function Reader:models()
+  return self:list(function() return self:model() end)
+end
+
 function Reader:agents()
-  local names = {}
-  for _ = 1, self:int(f.array_count) or 0 do
-    local name = self:string(f.agent)
-    if not self.whole then break end
-    names[#names + 1] = name
-  end
-  self:int(f.count)
-  return names_of(names)
+  return self:list(function() return self:string(f.agent) end)
 end
 
 local function list_query(message)

@@ -410,7 +410,7 @@ const Refusal kRefusals[] = {
      "fault, cutAt, stray, drip, steps, text, calls"},
     {"ListedWithoutId",
      "{\"methods\": {\"GetModelVersionList\": {\"models\": [{\"title\": \"t\"}]}}}",
-     "file.json:1:50: /methods/GetModelVersionList/models/0: the key \"id\" is missing"},
+     "file.json:1:49: /methods/GetModelVersionList/models/0: the key \"id\" is missing"},
     {"ListedBySomethingElse", "{\"methods\": {\"RequestToUpdate\": {\"models\": []}}}",
      "file.json:1:34: /methods/RequestToUpdate/models: unknown key \"models\"; allowed here: ..."},
     {"OddKey", "{\"a/b~c\\u001b\": 1}",
@@ -458,7 +458,7 @@ const Refusal kRefusals[] = {
      "file.json:1:39: /methods/get_license/calls: must name 1 to 100 calls"},
     {"CallOfCalls", R"({"methods": {"get_license": {"calls": [{"calls": [{}]}]}}})",
      "file.json:1:41: /methods/get_license/calls/0/calls: unknown key \"calls\"; allowed here: "
-     "delay, fault, cutAt, stray, drip, steps"},
+     "delay, fault, cutAt, stray, drip, steps, text"},
     {"CallWithResults", R"({"methods": {"request_update": {"calls": [{"result": [1]}]}}})",
      "file.json:1:54: /methods/request_update/calls/0/result: must be a whole number, not a list"},
     {"CutOfACallWithoutFault", R"({"methods": {"get_license": {"calls": [{"cutAt": 1}]}}})",

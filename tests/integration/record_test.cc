@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Scenarios that are made of what an agent answered.
 #include <gmock/gmock.h>
-#include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
@@ -9,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "own_worlds.h"
 #include "sim_process.h"
 #include "temp_folder.h"
 
@@ -27,18 +27,9 @@ constexpr char kSession[] =
     "no.such; "
     "\"$CTL\" update; \"$CTL\" api-level";
 
-/** Sessions of a shell that finds svcmgrctl as $CTL, recorded in one world and replayed in another. */
-class ARecording : public testing::Test {
+/** Sessions of a shell, recorded in one world and replayed in another. */
+class ARecording : public OwnWorlds {
  protected:
-  void SetUp() override {
-    setenv("TMPDIR", worlds_.path().c_str(), 1);
-    setenv("SIM", SVCMGR_SIM, 1);
-    setenv("CTL", SVCMGRCTL, 1);
-  }
-  void TearDown() override {
-    EXPECT_TRUE(std::filesystem::is_empty(worlds_.path())) << "a folder was left behind";
-  }
-
   /** Runs a command in a world; its trace is in `trace_`. */
   Finished Run(const std::string& scenario, const std::vector<std::string>& command) const {
     std::vector<std::string> arguments = {"run",          scenario, "--trace", trace_,
@@ -75,7 +66,6 @@ class ARecording : public testing::Test {
     return json::parse(stream, nullptr, false);
   }
 
-  const TempFolder worlds_;
   const TempFolder files_;
   const std::string trace_ = files_.path() + "/trace.jsonl";
   const std::string file_ = files_.path() + "/recorded.json";

@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // What a world's trace shows of clients and their agent, and what can be expected of it.
 #include <gmock/gmock.h>
-#include <stdlib.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
+#include "own_worlds.h"
 #include "sim_process.h"
 #include "temp_folder.h"
 
@@ -23,18 +22,9 @@ using testing::HasSubstr;
 using testing::IsSupersetOf;
 using testing::StartsWith;
 
-/** Runs of shell scripts that find svcmgrctl as $CTL and svcmgr-sim as $SIM. */
-class AWorld : public testing::Test {
+/** Runs of shell scripts in traced worlds. */
+class AWorld : public OwnWorlds {
  protected:
-  void SetUp() override {
-    setenv("TMPDIR", worlds_.path().c_str(), 1);
-    setenv("SIM", SVCMGR_SIM, 1);
-    setenv("CTL", SVCMGRCTL, 1);
-  }
-  void TearDown() override {
-    EXPECT_TRUE(std::filesystem::is_empty(worlds_.path())) << "a world was left behind";
-  }
-
   Finished Run(const std::string& scenario, const std::string& script,
                const std::vector<std::string>& options = {}) const {
     std::vector<std::string> arguments = {"run", scenario, "--trace", trace_, "--time-scale", "0"};
@@ -66,7 +56,6 @@ class AWorld : public testing::Test {
     return records;
   }
 
-  const TempFolder worlds_;
   const TempFolder files_;
   const std::string trace_ = files_.path() + "/trace.jsonl";
 };
