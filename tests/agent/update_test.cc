@@ -299,8 +299,10 @@ TEST_F(AnUpdate, LeavesACountOfCallsToTheNextProcess) {
                            1, kTools + std::string(R"(
       level; level; send wait=0; level; send restart; level)"));
   EXPECT_EQ(run.errors, "");
+  // The agent may be back before the command looks whether the connection still stands.
+  const auto crashed = testing::AnyOf("status 6", "status 1");
   EXPECT_THAT(Lines(run.output),
-              testing::UnorderedElementsAre("1", "status 0", "status 6", "agent_status Launch", "3",
+              testing::UnorderedElementsAre("1", "status 0", crashed, "agent_status Launch", "3",
                                             "status 0", "4", "status 0", "status 0"));
 }
 
