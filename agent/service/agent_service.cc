@@ -84,7 +84,7 @@ AgentService::AgentService(const Scenario& scenario, UpdateRunner& updates,
   rpc_port_stub_add_disconnected_event_cb(stub_, OnDisconnected, this);
   rpc_port_stub_add_received_event_cb(stub_, OnReceived, this);
   deliveries_ = std::make_unique<DeliveryQueue>(stub_, scenario_, trace_);
-  work_ = std::make_unique<ModelWork>(scenario_, store_, *deliveries_, updates_);
+  work_ = std::make_unique<ModelRunner>(scenario_, store_, *deliveries_, updates_);
 }
 
 AgentService::~AgentService() { Close(); }

@@ -13,8 +13,8 @@
 #include "scenario/scenario.h"
 #include "service/call_counter.h"
 #include "service/delivery.h"
+#include "service/model_runner.h"
 #include "service/model_store.h"
-#include "service/model_work.h"
 #include "service/update_runner.h"
 #include "trace/port_trace.h"
 
@@ -74,7 +74,7 @@ class AgentService {
   rpc_port_stub_h stub_ = nullptr;
   std::unique_ptr<DeliveryQueue> deliveries_;
   ModelStore store_;
-  std::unique_ptr<ModelWork> work_;
+  std::unique_ptr<ModelRunner> work_;
 };
 
 /** The exit status of an agent that wants a new process in its place. */

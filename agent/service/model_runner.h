@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef AGENT_SERVICE_MODEL_WORK_H_
-#define AGENT_SERVICE_MODEL_WORK_H_
+#ifndef AGENT_SERVICE_MODEL_RUNNER_H_
+#define AGENT_SERVICE_MODEL_RUNNER_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -25,13 +25,13 @@ constexpr std::int32_t kStateDone = 2;    // the last message: all models are do
 constexpr std::int32_t kStateFailed = 3;  // the last message: the work has ended early
 
 /** Updates and uninstalls models, any number of times side by side, on the default main context. */
-class ModelWork {
+class ModelRunner {
  public:
   /** All must outlive the work. */
-  ModelWork(const Scenario& scenario, ModelStore& store, DeliveryQueue& deliveries,
-            UpdateRunner& steps);
-  ModelWork(const ModelWork&) = delete;
-  ModelWork& operator=(const ModelWork&) = delete;
+  ModelRunner(const Scenario& scenario, ModelStore& store, DeliveryQueue& deliveries,
+              UpdateRunner& steps);
+  ModelRunner(const ModelRunner&) = delete;
+  ModelRunner& operator=(const ModelRunner&) = delete;
 
   /** Begins what a client has asked for, by this call of the method. The work goes on when the client is gone. */
   void Begin(const std::string& instance, const Request& request, std::size_t call);
@@ -88,4 +88,4 @@ class ModelWork {
 
 }  // namespace sim
 
-#endif  // AGENT_SERVICE_MODEL_WORK_H_
+#endif  // AGENT_SERVICE_MODEL_RUNNER_H_

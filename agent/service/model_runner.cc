@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "service/model_work.h"
+#include "service/model_runner.h"
 
 #include <dlog.h>
 #include <signal.h>
@@ -31,11 +31,11 @@ std::optional<Turn> NextTurn(const std::map<Turn, WorkPoint>& points, const std:
 
 }  // namespace
 
-ModelWork::ModelWork(const Scenario& scenario, ModelStore& store, DeliveryQueue& deliveries,
-                     UpdateRunner& steps)
+ModelRunner::ModelRunner(const Scenario& scenario, ModelStore& store, DeliveryQueue& deliveries,
+                         UpdateRunner& steps)
     : scenario_(scenario), store_(store), deliveries_(deliveries), steps_(steps) {}
 
-void ModelWork::Begin(const std::string& instance, const Request& request, std::size_t call) {
+void ModelRunner::Begin(const std::string& instance, const Request& request, std::size_t call) {
   const auto self = operations_.emplace(operations_.end());
   self->instance = instance;
   self->request = request;
@@ -44,11 +44,11 @@ void ModelWork::Begin(const std::string& instance, const Request& request, std::
   Schedule(self, self->script->delay);
 }
 
-void ModelWork::Schedule(Position operation, std::int32_t delay) {
+void ModelRunner::Schedule(Position operation, std::int32_t delay) {
   operation->timer.After(scenario_.Scaled(delay), [this, operation] { GoOn(operation); });
 }
 
-void ModelWork::GoOn(Position operation) {
+void ModelRunner::GoOn(Position operation) {
   Next next = Next::kEnd;
   try {
     next = Advance(*operation);
@@ -76,7 +76,7 @@ void ModelWork::GoOn(Position operation) {
   }
 }
 
-ModelWork::Next ModelWork::Advance(Operation& operation) {
+ModelRunner::Next ModelRunner::Advance(Operation& operation) {
   if (operation.index == 0) {
     Announce("START");
     operation.index = 1;
@@ -89,7 +89,7 @@ ModelWork::Next ModelWork::Advance(Operation& operation) {
   return Next::kEnd;
 }
 
-ModelWork::Next ModelWork::AdvanceModel(Operation& operation) {
+ModelRunner::Next ModelRunner::AdvanceModel(Operation& operation) {
   const MethodScript& script = *operation.script;
   const std::int32_t percentage = kWhole * operation.part / script.parts;
   const auto turn = NextTurn(script.points, operation.turns, operation.index, percentage);
@@ -116,7 +116,7 @@ ModelWork::Next ModelWork::AdvanceModel(Operation& operation) {
   return Next::kPart;
 }
 
-ModelWork::Next ModelWork::Take(Operation& operation, Turn turn) {
+ModelRunner::Next ModelRunner::Take(Operation& operation, Turn turn) {
   const WorkPoint& point = operation.script->points.at(turn);
   operation.turns.insert(turn);
   if (turn == Turn::kFail) return Fail(operation, point.percentage, point.result);
@@ -138,7 +138,7 @@ ModelWork::Next ModelWork::Take(Operation& operation, Turn turn) {
   return Next::kEnd;
 }
 
-void ModelWork::ReportPoint(Operation& operation, Turn turn) {
+void ModelRunner::ReportPoint(Operation& operation, Turn turn) {
   const std::int32_t percentage = operation.script->points.at(turn).percentage;
   if (std::exchange(operation.ahead, percentage) == percentage) return;
   ProgressStep progress;
@@ -149,8 +149,8 @@ void ModelWork::ReportPoint(Operation& operation, Turn turn) {
   Report(operation, progress, turn != Turn::kSteps);
 }
 
-ModelWork::Next ModelWork::Fail(Operation& operation, std::int32_t percentage,
-                                std::int32_t result) {
+ModelRunner::Next ModelRunner::Fail(Operation& operation, std::int32_t percentage,
+                                    std::int32_t result) {
   operation.copy.reset();
   ProgressStep failed;
   failed.state = kStateFailed;
@@ -163,7 +163,7 @@ ModelWork::Next ModelWork::Fail(Operation& operation, std::int32_t percentage,
   return Next::kEnd;
 }
 
-std::int32_t ModelWork::BeginModel(Operation& operation) {
+std::int32_t ModelRunner::BeginModel(Operation& operation) {
   const ModelInfo& wanted =
       operation.request.models.models[static_cast<std::size_t>(operation.index - 1)];
   if (!operation.updates()) return store_.IsInstalled(wanted.id) ? kWorkDone : kNoSuchModel;
@@ -173,7 +173,7 @@ std::int32_t ModelWork::BeginModel(Operation& operation) {
   return kWorkDone;
 }
 
-std::int32_t ModelWork::DoPart(Operation& operation) {
+std::int32_t ModelRunner::DoPart(Operation& operation) {
   const std::int32_t parts = operation.script->parts;
   if (operation.part == 0) return BeginModel(operation);
   const bool last = operation.part == parts;
@@ -190,7 +190,7 @@ std::int32_t ModelWork::DoPart(Operation& operation) {
   return result;
 }
 
-void ModelWork::Report(Operation& operation, const ProgressStep& progress, bool last) {
+void ModelRunner::Report(Operation& operation, const ProgressStep& progress, bool last) {
   const bool ends = progress.state != kStateWorking;
   switch (operation.script->report) {
     case Reported::kAll:
@@ -216,7 +216,7 @@ void ModelWork::Report(Operation& operation, const ProgressStep& progress, bool 
   if (operation.held) Send(operation, *std::exchange(operation.held, std::nullopt));
 }
 
-void ModelWork::Send(Operation& operation, const ProgressStep& progress) {
+void ModelRunner::Send(Operation& operation, const ProgressStep& progress) {
   const bool first = !std::exchange(operation.reported, true);
   MethodScript script;
   if (first || operation.script->fault == Fault::kNever) {
@@ -232,7 +232,7 @@ void ModelWork::Send(Operation& operation, const ProgressStep& progress) {
   deliveries_.Deliver(operation.instance, RPC_PORT_PORT_CALLBACK, script, std::move(messages));
 }
 
-void ModelWork::Announce(const char* status) const {
+void ModelRunner::Announce(const char* status) const {
   Publish(scenario_.agent.package.id, ModelStatusStep(status).broadcast);
 }
 
