@@ -25,7 +25,7 @@ std::string Text(const std::string& text) {
   return begin.size() < safe.size() ? begin + "..." : begin;
 }
 
-std::string Value(const Json& value);
+std::string ShownValue(const Json& value);
 
 std::string Joined(const std::vector<std::string>& parts, const char* separator) {
   std::string text;
@@ -39,7 +39,7 @@ std::string List(const Json& list) {
     if (parts.size() == kMostElements) {
       return Joined(parts, ", ") + " and " + std::to_string(list.size() - kMostElements) + " more";
     }
-    parts.push_back(Value(element));
+    parts.push_back(ShownValue(element));
   }
   return parts.empty() ? "none" : Joined(parts, ", ");
 }
@@ -49,18 +49,18 @@ std::string Named(const Json& object) {
   std::vector<std::string> parts;
   for (const auto& [name, value] : object.items()) {
     if (value.is_string() && value.get_ref<const std::string&>().empty()) continue;
-    parts.push_back(Text(name) + " " + Value(value));
+    parts.push_back(Text(name) + " " + ShownValue(value));
   }
   return Joined(parts, ", ");
 }
 
 std::string Model(const Json& model) {
-  std::string text = Value(model["id"]);
-  const std::string version = Value(model.value("version", Json("")));
+  std::string text = ShownValue(model["id"]);
+  const std::string version = ShownValue(model.value("version", Json("")));
   return version.empty() ? text : text + " " + version;
 }
 
-std::string Value(const Json& value) {
+std::string ShownValue(const Json& value) {
   if (value.is_string()) return Text(value.get<std::string>());
   if (value.is_array()) return List(value);
   if (!value.is_object()) return value.dump();
@@ -69,7 +69,7 @@ std::string Value(const Json& value) {
 
 std::string Field(const Json& fields, const char* name) {
   const auto found = fields.find(name);
-  return found == fields.end() ? "" : Value(*found);
+  return found == fields.end() ? "" : ShownValue(*found);
 }
 
 std::string Client(const Json& fields) { return "client " + Field(fields, "client"); }

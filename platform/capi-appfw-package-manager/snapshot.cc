@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <tuple>
 
 namespace packages {
 
@@ -22,8 +23,9 @@ Snapshot::Snapshot(Content content, Freshness freshness)
     }
   }
   // Of two packages that claim the same application, the first by ID has it.
-  std::stable_sort(applications_.begin(), applications_.end(),
-                   [](const auto* a, const auto* b) { return a->id < b->id; });
+  std::sort(applications_.begin(), applications_.end(), [](const auto* a, const auto* b) {
+    return std::tie(a->id, a->package->id) < std::tie(b->id, b->package->id);
+  });
 }
 
 const package_info_s* Snapshot::FindPackage(const char* id) const {
