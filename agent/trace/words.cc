@@ -72,7 +72,7 @@ std::string Field(const Json& fields, const char* name) {
   return found == fields.end() ? "" : ShownValue(*found);
 }
 
-std::string Client(const Json& fields) { return "client " + Field(fields, "client"); }
+std::string ShownClient(const Json& fields) { return "client " + Field(fields, "client"); }
 
 /** All fields but those of the line itself and those that were said already. */
 std::string Others(const Json& fields, std::initializer_list<const char*> said) {
@@ -87,30 +87,31 @@ std::string Sentence(const std::string& what, const Json& fields) {
   if (what == "start") return field("process") + " starts" + Others(fields, {"process"});
   if (what == "end") return field("process") + " ends" + Others(fields, {"process"});
   if (what == "refuse") return field("app") + " is refused";
-  if (what == "connect") return Client(fields) + " connects: " + field("app");
+  if (what == "connect") return ShownClient(fields) + " connects: " + field("app");
   if (what == "disconnect") {
-    return Client(fields) + (field("by") == "agent" ? " is cut off" : " disconnects");
+    return ShownClient(fields) + (field("by") == "agent" ? " is cut off" : " disconnects");
   }
   if (what == "request") {
     const Json arguments = fields.value("arguments", Json::object());
-    return Client(fields) + " asks " + field("method") + Others(arguments, {"delegate", "count"});
+    return ShownClient(fields) + " asks " + field("method") +
+           Others(arguments, {"delegate", "count"});
   }
   if (what == "reply") {
-    return Client(fields) + " gets the reply to " + field("method") +
+    return ShownClient(fields) + " gets the reply to " + field("method") +
            Others(fields, {"client", "app", "method"});
   }
   if (what == "answer") {
-    return Client(fields) + " gets an answer to " + field("method") +
+    return ShownClient(fields) + " gets an answer to " + field("method") +
            Others(fields, {"client", "app", "method", "delegate"});
   }
   if (what == "message" || what == "raw") {
-    return Client(fields) + " gets " + (what == "raw" ? "bytes" : "a message") + " of no meaning" +
-           Others(fields, {"client", "app"});
+    return ShownClient(fields) + " gets " + (what == "raw" ? "bytes" : "a message") +
+           " of no meaning" + Others(fields, {"client", "app"});
   }
   if (what == "unreadable") {
-    return Client(fields) + " sends what is no request" + Others(fields, {"client", "app"});
+    return ShownClient(fields) + " sends what is no request" + Others(fields, {"client", "app"});
   }
-  if (what == "fault") return Client(fields) + " is to meet the fault " + field("fault");
+  if (what == "fault") return ShownClient(fields) + " is to meet the fault " + field("fault");
   if (what == "event") {
     return "event " + field("event") + Others(fields.value("data", Json::object()), {});
   }
