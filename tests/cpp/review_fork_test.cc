@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: Apache-2.0
+// A session in a forked child.
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+
+#include "../support/forked_child.h"
+#include "face_support.h"
+
+namespace {
+
+using face::ASession;
+using face::Word;
+using testing::IsEmpty;
+using testing::SizeIs;
+using velmora::svcmgr::State;
+namespace vs = velmora::svcmgr;
+using namespace std::chrono_literals;
+
+TEST_F(ASession, InAChildCallsNothingOfItsParents) {
+  Connect();
+  const vs::Token token = Ask(1s);
+  EXPECT_TRUE(HoldsInAChild([this] {
+    loop.Pass(2s);
+    EXPECT_THAT(answers, IsEmpty()) << "a time limit of the parent's request";
+  }));
+}
+
+TEST_F(ASession, InAChildDoesNotConnect) {
+  EXPECT_TRUE(HoldsInAChild([this] {
+    loop.Turn();
+    EXPECT_THAT(fake::CallNames("rpc_port_proxy_connect"), IsEmpty());
+  }));
+}
+
+TEST_F(ASession, InAChildLeavesTheSubscriptionsOfTheChildsOwn) {
+  Connect();
+  auto hearing = session->OnUpdateStatus(nullptr);
+  ASSERT_TRUE(hearing.has_value());
+  EXPECT_TRUE(HoldsInAChild([&] {
+    vs::Session own(loop);
+    int heard = 0;
+    const auto mine = own.OnUpdateStatus([&](vs::UpdateStatus) { ++heard; });
+    hearing->Release();
+    events::AnnounceStart();
+    EXPECT_EQ(heard, 1);
+  }));
+}
+
+TEST_F(ASession, InAChildHasAThreadOfItsOwn) {
+  Connect();
+  std::atomic<bool> inside{false};
+  std::atomic<bool> left{false};
+  const vs::Token blocked = session->RunBlocking<int>(
+      [&]() -> vs::Outcome<int> {
+        inside = true;
+        while (!left) std::this_thread::sleep_for(1ms);
+        return 1;
+      },
+      nullptr);
+  while (!inside) std::this_thread::sleep_for(1ms);
+  EXPECT_TRUE(HoldsInAChild([&] {
+    vs::Session own(loop);
+    std::atomic<bool> ran{false};
+    const vs::Token token = own.RunBlocking<int>(
+        [&]() -> vs::Outcome<int> {
+          ran = true;
+          return 1;
+        },
+        nullptr);
+    for (int i = 0; i < 5000 && !ran; ++i) std::this_thread::sleep_for(1ms);
+    EXPECT_TRUE(ran);
+  }));
+  left = true;
+}
+
+}  // namespace

@@ -1,0 +1,129 @@
+// SPDX-License-Identifier: Apache-2.0
+// A call that blocks on the session's thread, and what the main loop does meanwhile.
+#include <signal.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "face_support.h"
+
+namespace {
+
+using face::ASession;
+using face::Word;
+using testing::IsEmpty;
+namespace vs = velmora::svcmgr;
+using namespace std::chrono_literals;
+
+class Gate {
+ public:
+  void Open() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    open_ = true;
+    changed_.notify_all();
+  }
+  void Pass() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [this] { return open_; });
+  }
+  bool PassWithin(std::chrono::seconds limit) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, limit, [this] { return open_; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool open_ = false;
+};
+
+class ABlockingCall : public ASession {
+ protected:
+  void SetUp() override {
+    ASession::SetUp();
+    Connect();
+  }
+
+  /** A call waits for the agent's reply. */
+  vs::Token Block(vs::Milliseconds limit = vs::kNoLimit) {
+    fake::OnSend([this](const fake::Sent&) {
+      fake::OnSend(nullptr);
+      inside.Open();
+      reply.Pass();
+      fake::QueueReply({11});
+    });
+    vs::Token token = session->AgentApiLevel(
+        [this](const vs::Outcome<int>& level) { words.push_back(Word(level)); }, limit);
+    inside.Pass();
+    return token;
+  }
+
+  Gate inside;
+  Gate reply;
+  std::vector<std::string> words;
+};
+
+TEST_F(ABlockingCall, DoesNotStopTheMainLoopInItsNextRequest) {
+  const vs::Token blocked = Block();
+  Gate returned;
+  bool in_time = false;
+  // The agent replies when the request has returned, or, so that this ends, after a while.
+  std::thread agent([&] {
+    in_time = returned.PassWithin(5s);
+    reply.Open();
+  });
+  const vs::Token token = Ask(1s);
+  returned.Open();
+  agent.join();
+  EXPECT_TRUE(in_time) << "functions that make a request return at once";
+  while (words.empty()) loop.Await();
+}
+
+TEST_F(ABlockingCall, KeepsTheConnectionUntilItHasReturned) {
+  const vs::Token blocked = Block();
+  session->Disconnect();
+  const int during = fake::LiveObjects(fake::Kind::kProxy);
+  reply.Open();
+  while (words.empty()) loop.Await();
+  EXPECT_EQ(during, 1) << "no call may be under way when the connection is ended";
+}
+
+TEST_F(ABlockingCall, EndsWhereTheLoopDoesNotTakeItsAnswer) {
+  std::string word;
+  const vs::Token token = session->RunBlocking<int>(
+      [this]() -> vs::Outcome<int> {
+        loop.refuses = true;
+        return 1;
+      },
+      [&](const vs::Outcome<int>& one) { word = Word(one); });
+  // The session's thread is free again when it has run this one; its answer is refused likewise.
+  std::atomic<bool> ran{false};
+  const vs::Token next = session->RunBlocking<int>(
+      [&]() -> vs::Outcome<int> {
+        ran = true;
+        return 1;
+      },
+      nullptr);
+  while (!ran) std::this_thread::yield();
+  std::this_thread::sleep_for(100ms);
+  loop.refuses = false;
+  loop.Pass(1h);
+  EXPECT_NE(word, "") << "still pending: " << token.pending();
+}
+
+TEST_F(ABlockingCall, RunsWhereNoSignalOfTheApplicationComes) {
+  std::atomic<int> blocked{-1};
+  const vs::Token token = session->RunBlocking<int>(
+      [&]() -> vs::Outcome<int> {
+        sigset_t set;
+        pthread_sigmask(SIG_SETMASK, nullptr, &set);
+        blocked = sigismember(&set, SIGTERM);
+        return 1;
+      },
+      [this](const vs::Outcome<int>& one) { words.push_back(Word(one)); });
+  while (words.empty()) loop.Await();
+  EXPECT_EQ(blocked, 1);
+}
+
+}  // namespace
