@@ -109,4 +109,25 @@ TEST_F(AConnection, ThatIsBackIsNotDoubtedForASlowQuery) {
   EXPECT_THAT(fake::SentParcels(), SizeIs(1)) << "asked once, over a connection that stands";
 }
 
+TEST_F(ASession, ThatIsLeftBeforeTheLoopTurnsDoesNotConnect) {
+  session->Disconnect();
+  loop.Turn();
+  EXPECT_EQ(session->state(), State::kIdle);
+  EXPECT_THAT(fake::CallNames("rpc_port_proxy_connect"), IsEmpty());
+}
+
+TEST_F(AConnection, LostBetweenTwoLooksCarriesWorkAgainWhereItIsToldTo) {
+  vs::WorkOptions options;
+  options.resend = true;
+  std::vector<std::string> ends;
+  const vs::ModelWork work = session->Update(
+      {"a"}, nullptr, [&](const vs::Outcome<void>& end) { ends.push_back(Word(end)); },
+      std::move(options));
+  LoseInUpdate();
+  ReturnFromUpdate();
+  loop.Pass(10min);
+  EXPECT_THAT(ends, IsEmpty());
+  EXPECT_THAT(fake::SentParcels(), testing::SizeIs(testing::Ge(2))) << "asked for again";
+}
+
 }  // namespace
