@@ -9,6 +9,7 @@
 #include <fake_platform.h>
 #include <model_support.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -38,7 +39,10 @@ class ManualLoop final : public vs::Loop {
  public:
   bool Post(vs::Task task) noexcept override {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (refuses) return false;
+    if (refuses) {
+      ++refused;
+      return false;
+    }
     try {
       tasks_.push_back(std::move(task));
     } catch (const std::bad_alloc&) {
@@ -104,7 +108,9 @@ class ManualLoop final : public vs::Loop {
   std::size_t tasks() const { return tasks_.size(); }
 
   /** Takes nothing any more. */
-  bool refuses = false;
+  std::atomic<bool> refuses{false};
+  /** How many tasks it did not take. */
+  std::atomic<int> refused{0};
 
  private:
   struct Timer {

@@ -52,13 +52,14 @@ TEST_F(ASession, InAChildHasAThreadOfItsOwn) {
   Connect();
   std::atomic<bool> inside{false};
   std::atomic<bool> left{false};
+  bool over = false;
   const vs::Token blocked = session->RunBlocking<int>(
       [&]() -> vs::Outcome<int> {
         inside = true;
         while (!left) std::this_thread::sleep_for(1ms);
         return 1;
       },
-      nullptr);
+      [&](const vs::Outcome<int>&) { over = true; });
   while (!inside) std::this_thread::sleep_for(1ms);
   EXPECT_TRUE(HoldsInAChild([&] {
     vs::Session own(loop);
@@ -73,6 +74,7 @@ TEST_F(ASession, InAChildHasAThreadOfItsOwn) {
     EXPECT_TRUE(ran);
   }));
   left = true;
+  while (!over) loop.Await();
 }
 
 }  // namespace

@@ -47,20 +47,28 @@ class ABlockingCall : public ASession {
 
   /** A call waits for the agent's reply. */
   vs::Token Block(vs::Milliseconds limit = vs::kNoLimit) {
-    fake::OnSend([this](const fake::Sent&) {
+    fake::OnSend([inside = inside, reply = reply](const fake::Sent&) {
       fake::OnSend(nullptr);
-      inside.Open();
-      reply.Pass();
+      inside->Open();
+      reply->Pass();
       fake::QueueReply({11});
     });
     vs::Token token = session->AgentApiLevel(
         [this](const vs::Outcome<int>& level) { words.push_back(Word(level)); }, limit);
-    inside.Pass();
+    inside->Pass();
     return token;
   }
 
-  Gate inside;
-  Gate reply;
+  /** Waits until the call has returned: the calls are made one after the other. */
+  void Join() {
+    bool joined = false;
+    const vs::Token token = session->RunBlocking<int>(
+        []() -> vs::Outcome<int> { return 1; }, [&](const vs::Outcome<int>&) { joined = true; });
+    while (!joined) loop.Await();
+  }
+
+  const std::shared_ptr<Gate> inside = std::make_shared<Gate>();
+  const std::shared_ptr<Gate> reply = std::make_shared<Gate>();
   std::vector<std::string> words;
 };
 
@@ -71,7 +79,7 @@ TEST_F(ABlockingCall, DoesNotStopTheMainLoopInItsNextRequest) {
   // The agent replies when the request has returned, or, so that this ends, after a while.
   std::thread agent([&] {
     in_time = returned.PassWithin(5s);
-    reply.Open();
+    reply->Open();
   });
   const vs::Token token = Ask(1s);
   returned.Open();
@@ -84,8 +92,8 @@ TEST_F(ABlockingCall, KeepsTheConnectionUntilItHasReturned) {
   const vs::Token blocked = Block();
   session->Disconnect();
   const int during = fake::LiveObjects(fake::Kind::kProxy);
-  reply.Open();
-  while (words.empty()) loop.Await();
+  reply->Open();
+  Join();
   EXPECT_EQ(during, 1) << "no call may be under way when the connection is ended";
 }
 
@@ -97,16 +105,7 @@ TEST_F(ABlockingCall, EndsWhereTheLoopDoesNotTakeItsAnswer) {
         return 1;
       },
       [&](const vs::Outcome<int>& one) { word = Word(one); });
-  // The session's thread is free again when it has run this one; its answer is refused likewise.
-  std::atomic<bool> ran{false};
-  const vs::Token next = session->RunBlocking<int>(
-      [&]() -> vs::Outcome<int> {
-        ran = true;
-        return 1;
-      },
-      nullptr);
-  while (!ran) std::this_thread::yield();
-  std::this_thread::sleep_for(100ms);
+  while (loop.refused == 0) std::this_thread::yield();
   loop.refuses = false;
   loop.Pass(1h);
   EXPECT_NE(word, "") << "still pending: " << token.pending();
