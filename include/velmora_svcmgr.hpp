@@ -70,7 +70,7 @@
  *  8. Losses that are reported all the same: taken for the restart that they are, if this session has
  *     asked for the update or has heard that it began.
  *  9. Losses that are hidden by an old announcement: found by looking; after Options::restart_patience
- *     they are kLost.
+ *     they are kLost, and a return that is not reported is found by looking every two seconds.
  * 10. Connections that are not reported: found by looking.
  * 11. is_being_updated denies an update: as it is; see Session::IsBeingUpdated.
  * 12. Requests without a connection that are never answered: held until the connection stands, or
@@ -1331,7 +1331,8 @@ struct VELMORA_SVCMGR_SHARED_ Registry {
   std::weak_ptr<Core> core;
   pid_t pid = 0;
   std::atomic<Id> last_id{0};
-  Worker worker;
+  // Of this process: a forked child inherits no threads.
+  Worker* worker = nullptr;
 };
 
 VELMORA_SVCMGR_SHARED_ inline Registry& TheRegistry() {
@@ -1433,6 +1434,7 @@ class Core : public std::enable_shared_from_this<Core> {
 
  private:
   static constexpr Milliseconds kLookEvery{250};
+  static constexpr Milliseconds kLookWhileAwayEvery{2000};
   static constexpr Milliseconds kNudgeEvery{1000};
   static constexpr Milliseconds kAskAgainAfter{2000};
 
@@ -1463,7 +1465,10 @@ class Core : public std::enable_shared_from_this<Core> {
   void OnLook() noexcept;
   void LookAtEntries() noexcept;
   void LookAtRestart(TimePoint now) noexcept;
+  void NoteUpdate(bool goes_on) noexcept;
   bool MustLook() const noexcept;
+  template <typename F>
+  Task Here(F function) noexcept;
   template <typename F>
   Loop::TimerId StartTimer(Milliseconds delay, F function) noexcept;
   void StopTimer(Loop::TimerId& timer) noexcept;
@@ -1496,8 +1501,11 @@ class Core : public std::enable_shared_from_this<Core> {
   unsigned connection_ = 1;
   // Whether this session has asked for an update of the agents, or heard of one, that has not ended.
   bool update_known_ = false;
-  // Since when the C interface says that an update is under way, of which no restart was seen yet.
+  // From when to when the latest update is known to have gone on, if its restart was not seen: what
+  // was not heard of since may have been swallowed.
   std::optional<TimePoint> updating_since_;
+  TimePoint updating_until_{};
+  bool update_goes_on_ = false;
   bool restart_seen_ = false;
   TimePoint away_since_{};
   TimePoint nudged_{};
@@ -1535,22 +1543,26 @@ void Core::Call(F& callable, Arguments&&... arguments) noexcept {
 #endif
 }
 
+// Does nothing where the session is closed by then, nor in a child that was forked before.
+template <typename F>
+Task Core::Here(F function) noexcept {
+  return Task::TryMake(
+      [weak = weak_from_this(), process = getpid(), function = std::move(function)]() mutable {
+        const auto core = weak.lock();
+        if (core != nullptr && !core->closed_ && process == getpid()) function(*core);
+      });
+}
+
 template <typename F>
 bool Core::Post(F function) noexcept {
-  auto task = Task::TryMake([weak = weak_from_this(), function = std::move(function)]() mutable {
-    const auto core = weak.lock();
-    if (core != nullptr && !core->closed_) function(*core);
-  });
+  auto task = Here(std::move(function));
   const std::lock_guard<std::mutex> lock(loop_mutex_);
   return task && loop_ != nullptr && loop_->Post(std::move(task));
 }
 
 template <typename F>
 Loop::TimerId Core::StartTimer(Milliseconds delay, F function) noexcept {
-  auto task = Task::TryMake([weak = weak_from_this(), function = std::move(function)]() mutable {
-    const auto core = weak.lock();
-    if (core != nullptr && !core->closed_) function(*core);
-  });
+  auto task = Here(std::move(function));
   if (!task || loop_ == nullptr) return 0;
   return loop_->StartTimer(std::max(delay, Milliseconds(0)), std::move(task));
 }
@@ -1585,6 +1597,7 @@ inline void Core::Open() {
       error_ = Error(kSessionExists);
       return;
     }
+    if (registry.pid != getpid()) registry.worker = new Worker;
     registry.pid = getpid();
     registry.core = weak_from_this();
   }
@@ -1592,7 +1605,10 @@ inline void Core::Open() {
   wanted_ = true;
   state_ = State::kConnecting;
   // Later, so that the application can say first what it wants to hear.
-  if (!Post([](Core& core) { core.StartConnecting(); })) StartConnecting();
+  const auto start = [](Core& core) {
+    if (core.wanted_) core.StartConnecting();
+  };
+  if (!Post(start)) StartConnecting();
 }
 
 inline void Core::Close() noexcept {
@@ -1613,7 +1629,7 @@ inline void Core::Close() noexcept {
     if (!updates.hearers.empty()) static_cast<void>(updates.unsubscribe());
     if (!models.hearers.empty()) static_cast<void>(models.unsubscribe());
     // With a call under way on another thread the connection has to stay; the next session takes it.
-    if (TheRegistry().worker.calls == 0) static_cast<void>(velmora_svcmgr_disconnect());
+    if (TheRegistry().worker->calls == 0) static_cast<void>(velmora_svcmgr_disconnect());
     const std::lock_guard<std::mutex> lock(TheRegistry().mutex);
     TheRegistry().core.reset();
   }
@@ -1748,6 +1764,7 @@ inline void Core::Fail(State state, Error error) noexcept {
   ++connection_;
   SetState(state);
   if (!closed_) EndAll(error, true);
+  if (!closed_) KeepLooking();
 }
 
 // The connection is gone. `returns`: the agent replaces itself, and is expected back.
@@ -1805,6 +1822,8 @@ inline void Core::EndAll(Error error, bool held_too) noexcept {
 
 inline bool Core::MustLook() const noexcept {
   if (state_ == State::kConnecting || state_ == State::kRestarting) return true;
+  // The C interface may connect again by itself, and not say so.
+  if (state_ == State::kLost || state_ == State::kFailed) return wanted_;
   // Left while a connection was coming up.
   if (state_ == State::kIdle) return !IsOver(Now() - away_since_, options_.restart_patience);
   return std::any_of(entries_.begin(), entries_.end(),
@@ -1813,7 +1832,8 @@ inline bool Core::MustLook() const noexcept {
 
 inline void Core::KeepLooking() noexcept {
   if (look_timer_ != 0 || closed_ || !MustLook()) return;
-  look_timer_ = StartTimer(kLookEvery, [](Core& core) {
+  const bool is_away = state_ == State::kLost || state_ == State::kFailed;
+  look_timer_ = StartTimer(is_away ? kLookWhileAwayEvery : kLookEvery, [](Core& core) {
     core.look_timer_ = 0;
     core.OnLook();
   });
@@ -1831,18 +1851,23 @@ inline void Core::Look() noexcept {
   if (in_connect_) return;
   bool updating = false;
   const int code = velmora_svcmgr_is_being_updated(&updating);
-  const auto now = Now();
   if (code == SVCMGR_ERROR_NONE) {
-    if (!updating) restart_seen_ = false;
-    if (!updating || restart_seen_)
-      updating_since_.reset();
-    else if (!updating_since_)
-      updating_since_ = now;
+    NoteUpdate(updating);
     if (state_ != State::kConnected) Return();
-  } else if (code == SVCMGR_ERROR_NOT_CONNECTED) {
-    if (state_ == State::kConnected) Lose(true);
-    if (!closed_ && state_ == State::kRestarting) LookAtRestart(now);
+    return;
   }
+  if (code == SVCMGR_ERROR_NOT_CONNECTED && state_ == State::kConnected) Lose(true);
+  if (!closed_ && state_ == State::kRestarting) LookAtRestart(Now());
+}
+
+// An update has one restart: when that was seen, nothing more is swallowed.
+inline void Core::NoteUpdate(bool goes_on) noexcept {
+  const bool went_on = std::exchange(update_goes_on_, goes_on);
+  if ((goes_on || went_on) && !restart_seen_) {
+    if (!went_on || !updating_since_) updating_since_ = Now();
+    updating_until_ = Now();
+  }
+  if (!goes_on) restart_seen_ = false;
 }
 
 inline void Core::LookAtRestart(TimePoint now) noexcept {
@@ -1860,7 +1885,7 @@ inline void Core::LookAtEntries() noexcept {
     entry->Look(*this, now);
     if (closed_ || entry->stage != Entry::Stage::kSent || !entry->IsAnsweredByCallback()) return;
     // The agent has announced that it replaces itself: what is silent since may be lost already.
-    if (!updating_since_ || state_ != State::kConnected) return;
+    if (!updating_since_ || entry->heard > updating_until_ || state_ != State::kConnected) return;
     const auto silence = now - std::max(entry->heard, *updating_since_);
     if (entry->IsQuery() && options_.resend != Resend::kNever) {
       if (silence >= kAskAgainAfter * entry->times_sent) SendNow(entry);
@@ -1989,7 +2014,7 @@ inline void Core::Remove(Id id) noexcept {
     if (found == audience.hearers.end()) return;
     const auto hearer = std::move(found->second);
     audience.hearers.erase(found);
-    if (audience.hearers.empty() && !closed_) static_cast<void>(audience.unsubscribe());
+    if (audience.hearers.empty() && !closed_ && !IsParents()) static_cast<void>(audience.unsubscribe());
   };
   forget(connections);
   forget(updates);
@@ -2042,6 +2067,9 @@ inline void Core::OnModelStatus(int, int status, void*) noexcept {
 inline void Core::HearUpdate(int status) noexcept {
   const auto self = shared_from_this();
   update_known_ = status == SVCMGR_UPDATE_STATUS_STARTED;
+  // Also its end tells of an update, whose beginning nobody may have seen.
+  NoteUpdate(true);
+  if (!update_known_) NoteUpdate(false);
   ++telling_updates_;
   Tell(updates, static_cast<UpdateStatus>(status));
   --telling_updates_;
@@ -2172,9 +2200,10 @@ struct Job final : Entry {
 template <typename T>
 int Job<T>::Send(Core& core) noexcept {
   if (!shared->call) return SVCMGR_ERROR_INVALID_PARAMETER;
-  auto task = Task::TryMake([weak = core.weak_from_this(), keep = shared, key = id] {
+  Worker& worker = *TheRegistry().worker;
+  auto task = Task::TryMake([weak = core.weak_from_this(), keep = shared, key = id,
+                             &calls = worker.calls] {
     // In this order, so that either this thread sees the release, or who releases sees the call.
-    std::atomic<int>& calls = TheRegistry().worker.calls;
     ++calls;
     if (keep->released) {
       --calls;
@@ -2189,8 +2218,8 @@ int Job<T>::Send(Core& core) noexcept {
     }));
   });
   if (!task) return SVCMGR_ERROR_OUT_OF_MEMORY;
-  auto start = [key = id, held = std::move(task)](Core& later) mutable {
-    if (!TheRegistry().worker.Run(std::move(held)))
+  auto start = [key = id, &worker, held = std::move(task)](Core& later) mutable {
+    if (!worker.Run(std::move(held)))
       later.EndLater(key, Error(SVCMGR_ERROR_OUT_OF_MEMORY));
   };
   if (core.IsTellingUpdates() && kind.asks_for_update)
