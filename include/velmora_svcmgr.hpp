@@ -1247,7 +1247,8 @@ class Entry {
   // Of what is no query: whether it goes to the agent again after a restart.
   virtual bool MayBeResent() const noexcept { return false; }
   virtual bool NeedsConnection() const noexcept { return true; }
-  // Whether the answer comes by a callback, so that a lost connection swallows it.
+  // Whether the answer comes by a callback, so that a lost connection swallows it; otherwise it is
+  // asked by a call that blocks.
   virtual bool IsAnsweredByCallback() const noexcept { return true; }
 
   Id id = 0;
@@ -1395,6 +1396,10 @@ class Core : public std::enable_shared_from_this<Core> {
   // Whether update status callables run, inside which the C interface forgets requests for updates.
   bool IsTellingUpdates() const noexcept { return telling_updates_ > 0; }
   void ExpectUpdate() noexcept { update_known_ = true; }
+  // A call that uses the connection is handed to the worker, and has returned. The C interface serves
+  // one at a time: what else needs the connection waits, in its order, so that the main loop goes on.
+  void BeginBlocking() noexcept { ++blocking_; }
+  void EndBlocking() noexcept;
   // Runs a function with this core in the main loop, if there still is a session.
   template <typename F>
   bool Post(F function) noexcept;
@@ -1410,6 +1415,7 @@ class Core : public std::enable_shared_from_this<Core> {
   const std::optional<Error>& error() const noexcept { return error_; }
   const Options& options() const noexcept { return options_; }
   unsigned connection() const noexcept { return connection_; }
+  bool MaySend() const noexcept { return state_ == State::kConnected && blocking_ == 0; }
 
   // What comes from the C interface, on the main-loop thread.
 
@@ -1460,6 +1466,8 @@ class Core : public std::enable_shared_from_this<Core> {
   void SendNow(const std::shared_ptr<Entry>& entry) noexcept;
   void Lose(bool returns) noexcept;
   void Return() noexcept;
+  void EndConnection() noexcept;
+  void SendHeld() noexcept;
   void EndAll(Error error, bool held_too) noexcept;
   void Look() noexcept;
   void OnLook() noexcept;
@@ -1495,6 +1503,10 @@ class Core : public std::enable_shared_from_this<Core> {
   // Calls of this interface that are under way: callables wait until they have returned.
   int inside_ = 0;
   std::atomic<int> sending_{0};
+  // Calls on the worker that use the connection.
+  int blocking_ = 0;
+  // The connection is to be ended when they have returned.
+  bool leaves_ = false;
   // Calls of the application's callables for updates.
   int telling_updates_ = 0;
   // Grows with each loss.
@@ -1678,7 +1690,7 @@ inline void Core::FinishConnecting(int code) noexcept {
   if (code == SVCMGR_ERROR_ALREADY_CONNECTED) return Return();
   if (code != SVCMGR_ERROR_NONE) {
     const bool stands = reported && reported->second == SVCMGR_CONNECTION_STATE_CONNECTED;
-    if (stands) static_cast<void>(velmora_svcmgr_disconnect());
+    if (stands) EndConnection();
     // The agent may be on its way back.
     if (state_ == State::kRestarting) return;
     return Fail(State::kFailed, Error(code));
@@ -1699,7 +1711,7 @@ inline void Core::Disconnect() {
   wanted_ = false;
   StopTimer(connect_timer_);
   ++connection_;
-  static_cast<void>(velmora_svcmgr_disconnect());
+  EndConnection();
   error_.reset();
   away_since_ = Now();
   const bool may_come_up = state_ == State::kConnecting || state_ == State::kRestarting;
@@ -1798,17 +1810,29 @@ inline void Core::LoseEntry(const std::shared_ptr<Entry>& entry, bool returns) n
 // The connection stands.
 inline void Core::Return() noexcept {
   StopTimer(connect_timer_);
-  if (!wanted_) {
-    static_cast<void>(velmora_svcmgr_disconnect());
-    return;
-  }
+  if (!wanted_) return EndConnection();
   error_.reset();
   update_known_ = false;
   SetState(State::kConnected);
-  if (closed_) return;
+  if (!closed_) SendHeld();
+}
+
+inline void Core::SendHeld() noexcept {
   ForEach([this](const std::shared_ptr<Entry>& entry) {
-    if (entry->stage == Entry::Stage::kHeld && state_ == State::kConnected) SendNow(entry);
+    if (entry->stage == Entry::Stage::kHeld && MaySend()) SendNow(entry);
   });
+}
+
+// Not while a call is under way on another thread, which may fail in ways that are up to the platform.
+inline void Core::EndConnection() noexcept {
+  leaves_ = blocking_ > 0;
+  if (!leaves_) static_cast<void>(velmora_svcmgr_disconnect());
+}
+
+inline void Core::EndBlocking() noexcept {
+  if (--blocking_ > 0) return;
+  if (std::exchange(leaves_, false) && !wanted_) static_cast<void>(velmora_svcmgr_disconnect());
+  SendHeld();
 }
 
 inline void Core::EndAll(Error error, bool held_too) noexcept {
@@ -1873,7 +1897,7 @@ inline void Core::NoteUpdate(bool goes_on) noexcept {
 inline void Core::LookAtRestart(TimePoint now) noexcept {
   if (IsOver(now - away_since_, options_.restart_patience)) return Lose(false);
   // Helps where the library could not start its own reconnection, and does nothing elsewhere.
-  if (now - nudged_ < kNudgeEvery) return;
+  if (now - nudged_ < kNudgeEvery || blocking_ > 0) return;
   nudged_ = now;
   StartConnecting();
 }
@@ -1888,12 +1912,12 @@ inline void Core::LookAtEntries() noexcept {
     if (!updating_since_ || entry->heard > updating_until_ || state_ != State::kConnected) return;
     const auto silence = now - std::max(entry->heard, *updating_since_);
     if (entry->IsQuery() && options_.resend != Resend::kNever) {
-      if (silence >= kAskAgainAfter * entry->times_sent) SendNow(entry);
+      if (silence >= kAskAgainAfter * entry->times_sent && MaySend()) SendNow(entry);
     } else if (IsOver(silence, options_.restart_patience)) {
-      if (entry->MayBeResent())
-        SendNow(entry);
-      else
+      if (!entry->MayBeResent())
         EndLater(entry->id, Error(kConnectionLost));
+      else if (MaySend())
+        SendNow(entry);
     }
   });
 }
@@ -1928,7 +1952,8 @@ inline void Core::Submit(const std::shared_ptr<Entry>& entry) noexcept {
   if (closed_ || entry->stage != Entry::Stage::kHeld) return;
   switch (state_) {
     case State::kConnected:
-      return SendNow(entry);
+      if (MaySend()) SendNow(entry);
+      return;
     case State::kConnecting:
     case State::kRestarting:
       return;
@@ -1964,7 +1989,7 @@ inline void Core::Doubt(Id id, Error error) noexcept {
   entry->stage = Entry::Stage::kDoubtful;
   if (entry->connection != connection_) {
     LoseEntry(entry, state_ == State::kRestarting || state_ == State::kConnected);
-    if (entry->stage == Entry::Stage::kHeld && state_ == State::kConnected) SendNow(entry);
+    if (entry->stage == Entry::Stage::kHeld && MaySend()) SendNow(entry);
     return;
   }
   const auto decide = [id, error](Core& core) {
@@ -2182,8 +2207,13 @@ struct Job final : Entry {
     if (last) core.Call(last, std::move(outcome));
   }
 
-  // On the main-loop thread, when the call has returned.
-  static void Returned(Core& core, Id id, Outcome<T> outcome) noexcept {
+  // On the main-loop thread, when the call has returned, or was not made any more.
+  static void Returned(Core& core, Id id, const JobKind& kind, Outcome<T> outcome) noexcept {
+    if (kind.needs_connection) core.EndBlocking();
+    if (!core.closed()) Answer(core, id, std::move(outcome));
+  }
+
+  static void Answer(Core& core, Id id, Outcome<T> outcome) noexcept {
     Entry* const entry = core.Find(id);
     if (entry == nullptr || entry->stage == Stage::kEnding) return;
     auto* const job = static_cast<Job*>(entry);
@@ -2197,33 +2227,48 @@ struct Job final : Entry {
   Done done;
 };
 
+// A call that memory does not suffice for ends with an error, like others.
+template <typename T>
+Outcome<T> Guarded(Callable<Outcome<T>()>& call) noexcept {
+#if defined(__cpp_exceptions)
+  try {
+    return call();
+  } catch (const std::bad_alloc&) {
+    return Error(SVCMGR_ERROR_OUT_OF_MEMORY);
+  }
+#else
+  return call();
+#endif
+}
+
 template <typename T>
 int Job<T>::Send(Core& core) noexcept {
   if (!shared->call) return SVCMGR_ERROR_INVALID_PARAMETER;
   Worker& worker = *TheRegistry().worker;
-  auto task = Task::TryMake([weak = core.weak_from_this(), keep = shared, key = id,
+  auto task = Task::TryMake([weak = core.weak_from_this(), keep = shared, key = id, what = kind,
                              &calls = worker.calls] {
     // In this order, so that either this thread sees the release, or who releases sees the call.
     ++calls;
-    if (keep->released) {
-      --calls;
-      return;
-    }
-    Outcome<T> outcome = keep->call();
+    Outcome<T> outcome = keep->released ? Error(kTimedOut) : Guarded(keep->call);
     --calls;
     const auto session = weak.lock();
     if (session == nullptr) return;
-    static_cast<void>(session->Post([key, result = std::move(outcome)](Core& later) mutable {
-      Returned(later, key, std::move(result));
+    static_cast<void>(session->Post([key, what, result = std::move(outcome)](Core& later) mutable {
+      Returned(later, key, what, std::move(result));
     }));
   });
   if (!task) return SVCMGR_ERROR_OUT_OF_MEMORY;
-  auto start = [key = id, &worker, held = std::move(task)](Core& later) mutable {
-    if (!worker.Run(std::move(held)))
-      later.EndLater(key, Error(SVCMGR_ERROR_OUT_OF_MEMORY));
+  if (kind.needs_connection) core.BeginBlocking();
+  auto start = [key = id, what = kind, &worker, held = std::move(task)](Core& later) mutable {
+    if (worker.Run(std::move(held))) return;
+    later.EndLater(key, Error(SVCMGR_ERROR_OUT_OF_MEMORY));
+    if (what.needs_connection) later.EndBlocking();
   };
-  if (core.IsTellingUpdates() && kind.asks_for_update)
-    return core.Post(std::move(start)) ? SVCMGR_ERROR_NONE : SVCMGR_ERROR_OUT_OF_MEMORY;
+  if (core.IsTellingUpdates() && kind.asks_for_update) {
+    if (core.Post(std::move(start))) return SVCMGR_ERROR_NONE;
+    if (kind.needs_connection) core.EndBlocking();
+    return SVCMGR_ERROR_OUT_OF_MEMORY;
+  }
   start(core);
   return SVCMGR_ERROR_NONE;
 }
@@ -2494,8 +2539,8 @@ class Session {
     const auto core = core_;
     return core->Connect();
   }
-  /** Disconnects. Requests that are under way end with SVCMGR_ERROR_NOT_CONNECTED; subscriptions
-   *  stay. */
+  /** Disconnects, as soon as no call that blocks uses the connection. Requests that are under way end
+   *  with SVCMGR_ERROR_NOT_CONNECTED; subscriptions stay. */
   void Disconnect() {
     const auto core = core_;
     core->Disconnect();
@@ -2534,8 +2579,9 @@ class Session {
   }
 
   // Queries that block in the C interface: made on a thread of the session's own, one after the
-  // other. One that the agent does not answer keeps those behind it waiting, also after its time
-  // limit. While one is under way the agent should not replace itself: how well such a call fails is
+  // other. Meanwhile every request that needs the connection waits for its turn; time limits go on.
+  // One that the agent does not answer keeps them waiting, also after its own time limit, and so does
+  // a call of RunBlocking that is before it. While one is under way the agent should not replace itself: how well such a call fails is
   // up to the platform.
 
   /** The agent's licence text; kNoLicense if it has none, or could not be asked. */
