@@ -229,7 +229,9 @@ using Task = Callable<void()>;
  * is one for GLib; another is made by deriving from this class.
  *
  * It must outlive the session. A loop that cannot take a task or start a timer (memory is exhausted,
- * or it has ended) says so and keeps nothing.
+ * or it has ended) says so and keeps nothing. The session keeps the task itself then, and offers it
+ * again when a timer of its own runs, or something more is to be run or asked; as long as the loop
+ * takes neither tasks nor timers, nothing of what waits is told.
  */
 class Loop {
  public:
@@ -937,7 +939,7 @@ struct WorkSight {
 };
 
 /** Decides whether work is over. Asked after each message and event, four times a second in between,
- *  and when the time is up. Must not touch the session. */
+ *  and when the time is up. Must not touch the session. One that throws has said nothing. */
 using EndRule = Callable<Verdict(const WorkSight&)>;
 
 /** How long events must stay unopposed by messages until StandardEnd believes them. */
@@ -987,7 +989,7 @@ class WorkTracker {
   void TakeStatus(int status, TimePoint now);
 
   /** What the rule says; once it has said that the work is over, that stays. */
-  Verdict Judge(TimePoint now, bool time_is_up = false);
+  Verdict Judge(TimePoint now, bool time_is_up = false) { return Ask(now, time_is_up, false); }
   /** What the rule has said last. */
   Verdict verdict() const noexcept { return verdict_; }
   /** Whether events have decided, not a message. */
@@ -1013,6 +1015,7 @@ class WorkTracker {
   static constexpr int kWhole = 100;
 
   void Advance(const WorkReport& report);
+  Verdict Ask(TimePoint now, bool time_is_up, bool fresh_report);
 
   std::vector<int> percents_;
   EndRule rule_;
@@ -1024,7 +1027,6 @@ class WorkTracker {
   int ended_ = 0;
   Verdict by_events_ = Verdict::kGoesOn;
   Verdict verdict_ = Verdict::kGoesOn;
-  bool fresh_report_ = false;
   bool ended_by_events_ = false;
 };
 
@@ -1036,9 +1038,7 @@ inline void WorkTracker::Take(const WorkReport& report, TimePoint now) {
   reported_ = true;
   report_ = report;
   Advance(report);
-  fresh_report_ = true;
-  Judge(now);
-  fresh_report_ = false;
+  Ask(now, false, true);
 }
 
 inline void WorkTracker::Advance(const WorkReport& report) {
@@ -1068,7 +1068,7 @@ inline void WorkTracker::TakeStatus(int status, TimePoint now) {
   Judge(now);
 }
 
-inline Verdict WorkTracker::Judge(TimePoint now, bool time_is_up) {
+inline Verdict WorkTracker::Ask(TimePoint now, bool time_is_up, bool fresh_report) {
   if (verdict_ != Verdict::kGoesOn) return verdict_;
   WorkSight sight;
   sight.models = percents_.size();
@@ -1080,7 +1080,7 @@ inline Verdict WorkTracker::Judge(TimePoint now, bool time_is_up) {
   sight.silence = std::chrono::duration_cast<Milliseconds>(now - heard_);
   sight.time_is_up = time_is_up;
   verdict_ = rule_(sight);
-  ended_by_events_ = verdict_ != Verdict::kGoesOn && !fresh_report_;
+  ended_by_events_ = verdict_ != Verdict::kGoesOn && !fresh_report;
   return verdict_;
 }
 
@@ -1259,6 +1259,40 @@ class Entry {
   TimePoint heard{};
   int times_sent = 0;
   Loop::TimerId limit = 0;
+  // What it is to end with.
+  Error last_word{SVCMGR_ERROR_NONE};
+};
+
+// Tasks in their order. Holds them in memory of its own, so that a full queue never refuses one.
+class TaskQueue {
+ public:
+  struct Node {
+    Task task;
+    std::unique_ptr<Node> next;
+  };
+
+  // Null if memory is exhausted, or there is nothing to do.
+  static std::unique_ptr<Node> Make(Task task) noexcept {
+    if (!task) return nullptr;
+    return std::unique_ptr<Node>(new (std::nothrow) Node{std::move(task), nullptr});
+  }
+
+  bool empty() const noexcept { return first_ == nullptr; }
+  void Push(std::unique_ptr<Node> node) noexcept {
+    Node* const last = node.get();
+    (empty() ? first_ : last_->next) = std::move(node);
+    last_ = last;
+  }
+  // Null if it is empty.
+  std::unique_ptr<Node> Pop() noexcept {
+    std::unique_ptr<Node> node = std::move(first_);
+    if (node != nullptr) first_ = std::move(node->next);
+    return node;
+  }
+
+ private:
+  std::unique_ptr<Node> first_;
+  Node* last_ = nullptr;
 };
 
 // One thread for all calls that block; it ends when nothing is left to do. Never destroyed.
@@ -1270,27 +1304,20 @@ class Worker {
   std::atomic<int> calls{0};
 
  private:
-  struct Node {
-    Task task;
-    Node* next;
-  };
-
   static void* Main(void* self) noexcept;
   bool Start() noexcept;
 
   std::mutex mutex_;
-  Node* first_ = nullptr;
-  Node** end_ = &first_;
+  TaskQueue tasks_;
   bool running_ = false;
 };
 
 inline bool Worker::Run(Task task) noexcept {
-  auto node = std::unique_ptr<Node>(new (std::nothrow) Node{std::move(task), nullptr});
+  auto node = TaskQueue::Make(std::move(task));
   const std::lock_guard<std::mutex> lock(mutex_);
   if (node == nullptr || (!running_ && !Start())) return false;
   running_ = true;
-  *end_ = node.release();
-  end_ = &(*end_)->next;
+  tasks_.Push(std::move(node));
   return true;
 }
 
@@ -1313,13 +1340,10 @@ inline bool Worker::Start() noexcept {
 inline void* Worker::Main(void* self) noexcept {
   Worker& worker = *static_cast<Worker*>(self);
   std::unique_lock<std::mutex> lock(worker.mutex_);
-  while (worker.first_ != nullptr) {
-    const std::unique_ptr<Node> node(worker.first_);
-    worker.first_ = node->next;
-    if (worker.first_ == nullptr) worker.end_ = &worker.first_;
+  while (auto node = worker.tasks_.Pop()) {
     lock.unlock();
     node->task();
-    node->task = nullptr;
+    node.reset();
     lock.lock();
   }
   worker.running_ = false;
@@ -1352,7 +1376,10 @@ inline std::shared_ptr<Core> TheCore() noexcept {
 class Core : public std::enable_shared_from_this<Core> {
  public:
   Core(Loop& loop, Options options)
-      : loop_(&loop), thread_(pthread_self()), options_(std::move(options)) {}
+      : loop_(&loop),
+        thread_(pthread_self()),
+        on_exception_(std::make_shared<Task>(std::move(options.on_exception))),
+        options_(std::move(options)) {}
   Core(const Core&) = delete;
   Core& operator=(const Core&) = delete;
   ~Core() = default;
@@ -1386,11 +1413,16 @@ class Core : public std::enable_shared_from_this<Core> {
 
   // Calls a callable of the application, which may destroy everything but this.
   template <typename F, typename... Arguments>
-  void Call(F& callable, Arguments&&... arguments) noexcept;
+  void Call(F&& callable, Arguments&&... arguments) noexcept;
   // Takes an entry out before its last word; null if it is over.
   std::shared_ptr<Entry> Take(Id id) noexcept;
   // Ends it with an error, later: inside no call of the application.
   void EndLater(Id id, Error error) noexcept;
+  // An answer that memory does not suffice for. Nothing can be done on another thread.
+  void Swallow(Id id) noexcept {
+    if (pthread_equal(thread_, pthread_self()) != 0)
+      EndLater(id, Error(SVCMGR_ERROR_OUT_OF_MEMORY));
+  }
   // Ends it with an error unless the connection turns out to have been lost: then it is lost, too.
   void Doubt(Id id, Error error) noexcept;
   // Whether update status callables run, inside which the C interface forgets requests for updates.
@@ -1400,9 +1432,16 @@ class Core : public std::enable_shared_from_this<Core> {
   // one at a time: what else needs the connection waits, in its order, so that the main loop goes on.
   void BeginBlocking() noexcept { ++blocking_; }
   void EndBlocking() noexcept;
-  // Runs a function with this core in the main loop, if there still is a session.
+  // Runs a function with this core in the main loop, if there still is a session; kept here until the
+  // loop takes it. False if memory is exhausted.
   template <typename F>
   bool Post(F function) noexcept;
+  // The same in two steps, of which the second cannot fail. Any thread.
+  template <typename F>
+  std::unique_ptr<TaskQueue::Node> Prepare(F function) noexcept {
+    return TaskQueue::Make(Here(std::move(function)));
+  }
+  void Post(std::unique_ptr<TaskQueue::Node> prepared) noexcept;
   // Any thread. Where a callback must not run at once: on another thread, or inside a request.
   bool MustDefer() const noexcept {
     return pthread_equal(thread_, pthread_self()) == 0 || sending_ > 0;
@@ -1477,17 +1516,24 @@ class Core : public std::enable_shared_from_this<Core> {
   bool MustLook() const noexcept;
   template <typename F>
   Task Here(F function) noexcept;
+  void Announce() noexcept;
+  void AnnounceAgain() noexcept;
   template <typename F>
   Loop::TimerId StartTimer(Milliseconds delay, F function) noexcept;
   void StopTimer(Loop::TimerId& timer) noexcept;
   template <typename F>
   void ForEach(F function) noexcept;
 
-  // Guards loop_ against a worker that has done; only the main-loop thread changes it.
+  // Guards loop_ against a worker that has done; only the main-loop thread changes it. And what is to
+  // run there, of which the loop does not know of so many yet.
   std::mutex loop_mutex_;
   Loop* loop_;
+  TaskQueue posted_;
+  std::atomic<int> unannounced_{0};
   const pthread_t thread_;
   const pid_t pid_ = getpid();
+  // Held by each call of a callable, which may end the session and throw then.
+  std::shared_ptr<Task> on_exception_;
   Options options_;
   bool closed_ = false;
   State state_ = State::kIdle;
@@ -1541,14 +1587,15 @@ struct Inside {
 // ---- Callables and the loop
 
 template <typename F, typename... Arguments>
-void Core::Call(F& callable, Arguments&&... arguments) noexcept {
+void Core::Call(F&& callable, Arguments&&... arguments) noexcept {
   const auto self = shared_from_this();
+  const auto on_exception = on_exception_;
 #if defined(__cpp_exceptions)
   try {
     callable(std::forward<Arguments>(arguments)...);
   } catch (...) {
-    if (!options_.on_exception) std::terminate();
-    options_.on_exception();
+    if (on_exception == nullptr || !*on_exception) std::terminate();
+    (*on_exception)();
   }
 #else
   callable(std::forward<Arguments>(arguments)...);
@@ -1567,9 +1614,39 @@ Task Core::Here(F function) noexcept {
 
 template <typename F>
 bool Core::Post(F function) noexcept {
-  auto task = Here(std::move(function));
+  auto prepared = Prepare(std::move(function));
+  if (prepared == nullptr) return false;
+  Post(std::move(prepared));
+  return true;
+}
+
+inline void Core::Post(std::unique_ptr<TaskQueue::Node> prepared) noexcept {
   const std::lock_guard<std::mutex> lock(loop_mutex_);
-  return task && loop_ != nullptr && loop_->Post(std::move(task));
+  if (loop_ == nullptr) return;
+  posted_.Push(std::move(prepared));
+  ++unannounced_;
+  Announce();
+}
+
+// Under the mutex: one turn of the main loop for each task. What the loop does not take now, is offered
+// with the next look, or call of the application.
+inline void Core::Announce() noexcept {
+  for (; unannounced_ > 0; --unannounced_) {
+    auto turn = Task::TryMake([weak = weak_from_this()] {
+      const auto core = weak.lock();
+      if (core == nullptr) return;
+      std::unique_lock<std::mutex> lock(core->loop_mutex_);
+      const auto next = core->posted_.Pop();
+      lock.unlock();
+      if (next != nullptr) next->task();
+    });
+    if (!turn || !loop_->Post(std::move(turn))) return;
+  }
+}
+
+inline void Core::AnnounceAgain() noexcept {
+  const std::lock_guard<std::mutex> lock(loop_mutex_);
+  if (loop_ != nullptr) Announce();
 }
 
 template <typename F>
@@ -1620,7 +1697,7 @@ inline void Core::Open() {
   const auto start = [](Core& core) {
     if (core.wanted_) core.StartConnecting();
   };
-  if (!Post(start)) StartConnecting();
+  if (!Post(start) || unannounced_ > 0) StartConnecting();
 }
 
 inline void Core::Close() noexcept {
@@ -1646,11 +1723,14 @@ inline void Core::Close() noexcept {
     TheRegistry().core.reset();
   }
   // Freed last: what the callables hold may come back here.
+  while (posted_.Pop() != nullptr) {
+  }
   const auto entries = std::exchange(entries_, {});
   const auto connection_hearers = std::exchange(connections.hearers, {});
   const auto update_hearers = std::exchange(updates.hearers, {});
   const auto model_hearers = std::exchange(models.hearers, {});
   const auto heard = std::exchange(heard_state_, nullptr);
+  const auto on_exception = std::exchange(on_exception_, nullptr);
 }
 
 // ---- The connection
@@ -1669,6 +1749,7 @@ inline Outcome<void> Core::Connect() {
   if (IsParents()) return Error(SVCMGR_ERROR_INVALID_OPERATION);
   if (state_ == State::kConnected || in_connect_) return {};
   const Inside inside(*this);
+  AnnounceAgain();
   StartConnecting();
   if (state_ == State::kConnecting || state_ == State::kConnected || state_ == State::kRestarting)
     return {};
@@ -1845,13 +1926,15 @@ inline void Core::EndAll(Error error, bool held_too) noexcept {
 // ---- Looking: what nobody reports
 
 inline bool Core::MustLook() const noexcept {
-  if (state_ == State::kConnecting || state_ == State::kRestarting) return true;
+  if (state_ == State::kConnecting || state_ == State::kRestarting || unannounced_ > 0) return true;
   // The C interface may connect again by itself, and not say so.
   if (state_ == State::kLost || state_ == State::kFailed) return wanted_;
   // Left while a connection was coming up.
   if (state_ == State::kIdle) return !IsOver(Now() - away_since_, options_.restart_patience);
-  return std::any_of(entries_.begin(), entries_.end(),
-                     [](const auto& each) { return each.second->stage == Entry::Stage::kSent; });
+  return std::any_of(entries_.begin(), entries_.end(), [](const auto& each) {
+    const auto stage = each.second->stage;
+    return stage == Entry::Stage::kSent || stage == Entry::Stage::kEnding;
+  });
 }
 
 inline void Core::KeepLooking() noexcept {
@@ -1865,6 +1948,7 @@ inline void Core::KeepLooking() noexcept {
 
 inline void Core::OnLook() noexcept {
   if (IsParents()) return;
+  AnnounceAgain();
   Look();
   if (closed_) return;
   LookAtEntries();
@@ -1905,6 +1989,7 @@ inline void Core::LookAtRestart(TimePoint now) noexcept {
 inline void Core::LookAtEntries() noexcept {
   const auto now = Now();
   ForEach([this, now](const std::shared_ptr<Entry>& entry) {
+    if (entry->stage == Entry::Stage::kEnding) return entry->End(*this, entry->last_word);
     if (entry->stage != Entry::Stage::kSent) return;
     entry->Look(*this, now);
     if (closed_ || entry->stage != Entry::Stage::kSent || !entry->IsAnsweredByCallback()) return;
@@ -1928,6 +2013,7 @@ inline void Core::Add(const std::shared_ptr<Entry>& entry, Milliseconds limit) {
   entry->id = ++TheRegistry().last_id;
   entries_.emplace(entry->id, entry);
   const Inside inside(*this);
+  AnnounceAgain();
   if (limit != kNoLimit && state_ != State::kRefused) {
     entry->limit = StartTimer(limit, [id = entry->id](Core& core) {
       Entry* const late = core.Find(id);
@@ -2020,14 +2106,18 @@ inline void Core::EndLater(Id id, Error error) noexcept {
   Entry* const entry = Find(id);
   if (entry == nullptr || entry->stage == Entry::Stage::kEnding) return;
   entry->stage = Entry::Stage::kEnding;
-  const auto end = [id, error](Core& core) {
+  entry->last_word = error;
+  entry->Cancel();
+  const auto end = [id](Core& core) {
     // Held here: the last word takes it out of the table.
     const auto found = core.entries_.find(id);
     if (found == core.entries_.end()) return;
     const auto keep = found->second;
-    keep->End(core, error);
+    keep->End(core, keep->last_word);
   };
-  if (!Post(end)) end(*this);
+  if (Post(end) && unannounced_ == 0) return;
+  if (inside_ == 0 && sending_ == 0) return end(*this);
+  KeepLooking();
 }
 
 inline void Core::Remove(Id id) noexcept {
@@ -2061,7 +2151,10 @@ Outcome<Id> Core::Subscribe(Audience<Status>& audience, Callable<void(Status)> h
   auto hearer = std::make_shared<Callable<void(Status)>>(std::move(heard));
   const bool first = audience.hearers.empty();
   audience.hearers.emplace(id, std::move(hearer));
+  // An event that comes inside is told afterwards.
+  ++sending_;
   const int code = first ? audience.subscribe() : SVCMGR_ERROR_NONE;
+  --sending_;
   if (code == SVCMGR_ERROR_NONE) return id;
   audience.hearers.erase(id);
   return Error(code);
@@ -2153,9 +2246,10 @@ inline void Query::OnAnswer(int error, velmora_svcmgr_ai_model_list_h raw,
   const auto core = TheCore();
   if (core == nullptr) return;
   if (!core->MustDefer()) return Answer(*core, id, error, std::move(list));
-  static_cast<void>(core->Post([id, error, held = std::move(list)](Core& later) mutable {
+  const bool posted = core->Post([id, error, held = std::move(list)](Core& later) mutable {
     Answer(later, id, error, std::move(held));
-  }));
+  });
+  if (!posted) core->Swallow(id);
 }
 
 // An answer to a request that is over, because it was answered before or released, finds nothing.
@@ -2186,6 +2280,7 @@ struct Job final : Entry {
     explicit Shared(Call c) : call(std::move(c)) {}
     Call call;
     std::atomic<bool> released{false};
+    Outcome<T> outcome = Error(kTimedOut);
   };
 
   Job(JobKind k, Call call, Done d)
@@ -2245,17 +2340,18 @@ template <typename T>
 int Job<T>::Send(Core& core) noexcept {
   if (!shared->call) return SVCMGR_ERROR_INVALID_PARAMETER;
   Worker& worker = *TheRegistry().worker;
-  auto task = Task::TryMake([weak = core.weak_from_this(), keep = shared, key = id, what = kind,
-                             &calls = worker.calls] {
+  // Before the call: its answer is not to be lost for a lack of memory.
+  auto returned = core.Prepare([key = id, what = kind, keep = shared](Core& later) {
+    Returned(later, key, what, std::move(keep->outcome));
+  });
+  if (returned == nullptr) return SVCMGR_ERROR_OUT_OF_MEMORY;
+  auto task = Task::TryMake([weak = core.weak_from_this(), keep = shared, &calls = worker.calls,
+                             answer = std::move(returned)]() mutable {
     // In this order, so that either this thread sees the release, or who releases sees the call.
     ++calls;
-    Outcome<T> outcome = keep->released ? Error(kTimedOut) : Guarded(keep->call);
+    if (!keep->released) keep->outcome = Guarded(keep->call);
     --calls;
-    const auto session = weak.lock();
-    if (session == nullptr) return;
-    static_cast<void>(session->Post([key, what, result = std::move(outcome)](Core& later) mutable {
-      Returned(later, key, what, std::move(result));
-    }));
+    if (const auto session = weak.lock()) session->Post(std::move(answer));
   });
   if (!task) return SVCMGR_ERROR_OUT_OF_MEMORY;
   if (kind.needs_connection) core.BeginBlocking();
@@ -2311,7 +2407,11 @@ struct Work final : Entry {
 
   // True if the work is over.
   bool Judge(Core& core, TimePoint now, bool time_is_up) noexcept {
-    const Verdict verdict = tracker->Judge(now, time_is_up);
+    const Id key = id;
+    core.Call([&, kept = tracker] { kept->Judge(now, time_is_up); });
+    // Its rule may have thrown, and on_exception have released it.
+    if (core.closed() || core.Find(key) == nullptr) return true;
+    const Verdict verdict = tracker->verdict();
     if (verdict == Verdict::kGoesOn) return false;
     Finish(core, verdict == Verdict::kDone ? Outcome<void>() : tracker->failure());
     return true;
@@ -2357,7 +2457,8 @@ inline void Work::Report(Core& core, Id id, const WorkReport& report) noexcept {
   const auto now = core.Now();
   const auto tracker = work->tracker;
   work->heard = now;
-  tracker->Take(report, now);
+  core.Call([&] { tracker->Take(report, now); });
+  if (core.closed() || core.Find(id) != entry) return;
   const auto on_progress = work->on_progress;
   if (on_progress != nullptr && *on_progress) core.Call(*on_progress, tracker->progress());
   // Released, or ended, inside the callable?
@@ -2370,7 +2471,8 @@ inline void Work::Event(Core& core, Id id, ModelStatus status) noexcept {
   // What happened before the request does not belong to it.
   if (entry == nullptr || entry->stage != Stage::kSent) return;
   auto* const work = static_cast<Work*>(entry);
-  work->tracker->TakeStatus(static_cast<int>(status), core.Now());
+  core.Call([&, kept = work->tracker] { kept->TakeStatus(static_cast<int>(status), core.Now()); });
+  if (core.closed() || core.Find(id) != entry) return;
   work->Judge(core, core.Now(), false);
 }
 
@@ -2483,9 +2585,10 @@ class [[nodiscard]] ModelWork {
 inline Verdict ModelWork::TimeIsUp() noexcept {
   if (tracker_ == nullptr) return Verdict::kGoesOn;
   const auto core = token_.core_.lock();
-  if (core != nullptr && token_.pending()) tracker_->Judge(core->Now(), true);
+  const auto tracker = tracker_;
+  if (core != nullptr && token_.pending()) core->Call([&] { tracker->Judge(core->Now(), true); });
   Release();
-  return tracker_->verdict();
+  return tracker->verdict();
 }
 
 // ---- The session --------------------------------------------------------------------------------
@@ -2595,8 +2698,10 @@ class Session {
   /**
    * Runs any call that blocks on the same thread, when its turn comes, and `done` on the main loop's.
    *
-   * @param call  Runs on another thread, which destroys it last; must not use the session, and must
-   *              not throw. It is not run any more if the token is released before its turn.
+   * @param call  Runs on another thread, and may be destroyed there; must not use the session, and
+   *              must throw nothing but std::bad_alloc, which ends it with SVCMGR_ERROR_OUT_OF_MEMORY.
+   *              Requests of the session do not wait for it, so that it must not ask the agent for
+   *              anything that takes long. It is not run any more if the token is released before its turn.
    */
   template <typename T>
   Token RunBlocking(Callable<Outcome<T>()> call, Callable<void(Outcome<T>)> done,
@@ -2616,6 +2721,7 @@ class Session {
   /** Whether an update is under way, as far as this process has heard; hides one after a request
    *  (trap 11). Needs the connection. */
   Outcome<bool> IsBeingUpdated() const noexcept {
+    if (state() == State::kRefused) return Error(kSessionExists);
     bool updating = false;
     const int code = velmora_svcmgr_is_being_updated(&updating);
     if (code != SVCMGR_ERROR_NONE) return Error(code);

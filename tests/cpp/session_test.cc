@@ -284,9 +284,13 @@ TEST_F(ASession, GoesOnWithALoopThatTakesNothing) {
   Answer(0, {"a"});
   EXPECT_THAT(answers, ElementsAre(ElementsAre("a")));
   const vs::Token limited = Ask(1s);
-  EXPECT_THAT(answers.back(), ElementsAre("SVCMGR_ERROR_OUT_OF_MEMORY"));
   fake::Proxy().FireDisconnected();
   EXPECT_EQ(session->state(), State::kLost);
+  loop.refuses = false;
+  const vs::Token last = Ask();
+  loop.Turn();
+  EXPECT_THAT(answers, ElementsAre(ElementsAre("a"), ElementsAre("SVCMGR_ERROR_OUT_OF_MEMORY"),
+                                   ElementsAre("CONNECTION_LOST")));
 }
 
 }  // namespace
