@@ -44,7 +44,11 @@
  *     leaves a callable is handed to Options::on_exception, which sees it as
  *     std::current_exception(); without one, std::terminate is called. What the agent's messages need
  *     of memory, the C interface allocates, which reports a lack of it as an error.
- *  7. One session in a process, because the C interface has one connection in a process. A second one
+ *  7. One session in a process, because the C interface has one connection in a process. Shared
+ *     objects that use this header see each other's session where the linker makes one of what is
+ *     inline: not where they are loaded with RTLD_LOCAL and compiled by clang++ or with
+ *     -fno-gnu-unique, nor where they were compiled with another layout of this header (the inline
+ *     namespace). There, the application has to see to it. A second one
  *     is refused: its state is State::kRefused and whatever it is asked ends with kSessionExists. Do
  *     not call the functions of the C interface that connect, disconnect, set, unset, register or
  *     deregister beside a session; all others may be mixed with it.
@@ -128,6 +132,8 @@
 #endif
 
 namespace velmora::svcmgr {
+// Changes with the layout of what several shared objects may share.
+inline namespace layout_1 {
 
 using Milliseconds = std::chrono::milliseconds;
 using TimePoint = std::chrono::steady_clock::time_point;
@@ -301,6 +307,8 @@ class Error {
   const char* meaning() const noexcept { return Find().meaning; }
   /** What can be done about it, a sentence. */
   const char* remedy() const noexcept { return Find().remedy; }
+  /** Whether this header knows the code. */
+  bool is_known() const noexcept { return Find().code == code_; }
 
   friend constexpr bool operator==(Error a, Error b) noexcept { return a.code_ == b.code_; }
   friend constexpr bool operator!=(Error a, Error b) noexcept { return a.code_ != b.code_; }
@@ -318,9 +326,10 @@ class Error {
   int code_;
 };
 
-/** "SVCMGR_ERROR_NO_SPACE: the device has no storage left" */
+/** "SVCMGR_ERROR_NO_SPACE: the device has no storage left"; the number of a code that is not known. */
 inline std::ostream& operator<<(std::ostream& out, Error error) {
-  return out << error.name() << ": " << error.meaning();
+  out << error.name() << ": " << error.meaning();
+  return error.is_known() ? out : out << ' ' << error.code();
 }
 
 inline const Error::Row& Error::Find() const noexcept {
@@ -375,7 +384,7 @@ inline const Error::Row& Error::Find() const noexcept {
        "Try again later; the agent may be busy with another update."},
   };
 #undef VELMORA_SVCMGR_ROW_
-  static constexpr Row kUnknown = {0, "UNKNOWN", "the library reports the unknown code",
+  static constexpr Row kUnknown = {INT_MAX, "UNKNOWN", "the library reports the unknown code",
                                    "Look up the code in the header of the installed library."};
   const auto* row = std::find_if(std::begin(kRows), std::end(kRows),
                                  [this](const Row& each) { return each.code == code_; });
@@ -395,12 +404,26 @@ class [[nodiscard]] Outcome {
   /** A success. */
   Outcome(T value) noexcept(std::is_nothrow_move_constructible_v<T>)  // NOLINT(google-explicit-*)
       : content_(std::in_place_index<0>, std::move(value)) {}
+  /** A success, of what makes a value: "text" for a std::string. */
+  template <typename U,
+            typename = std::enable_if_t<
+                std::is_convertible_v<U, T> && !std::is_arithmetic_v<T> &&
+                !std::is_same_v<std::decay_t<U>, T> && !std::is_same_v<std::decay_t<U>, Outcome> &&
+                !std::is_same_v<std::decay_t<U>, Error> && !std::is_enum_v<std::decay_t<U>>>>
+  Outcome(U&& value)  // NOLINT(google-explicit-constructor,bugprone-forwarding-reference-overload)
+      : content_(std::in_place_index<0>, std::forward<U>(value)) {}
   /** A failure. */
   Outcome(Error error) noexcept : content_(std::in_place_index<1>, error) {}  // NOLINT
+  // A code is no number that was asked for: say Error(code).
+  Outcome(OwnError) = delete;
+  Outcome(velmora_svcmgr_error_e) = delete;
 
   /** Whether it is a success. */
   bool has_value() const noexcept { return content_.index() == 0; }
-  explicit operator bool() const noexcept { return has_value(); }
+  explicit operator bool() const& noexcept { return has_value(); }
+  // Of a truth that was just asked for, nobody means whether there is one.
+  template <typename V = T, std::enable_if_t<std::is_same_v<V, bool>, int> = 0>
+  explicit operator bool() && = delete;
 
   // The value; there must be one.
   T& value() & { return *Value(); }
@@ -431,11 +454,21 @@ class [[nodiscard]] Outcome {
     if (!has_value()) return error();
     return std::forward<F>(next)(std::move(*Value()));
   }
+  template <typename F>
+  auto and_then(F&& next) const& -> std::invoke_result_t<F, const T&> {
+    if (!has_value()) return error();
+    return std::forward<F>(next)(*Value());
+  }
   /** What `change` makes of the value; or this error. */
   template <typename F>
   auto transform(F&& change) && -> Outcome<std::invoke_result_t<F, T>> {
     if (!has_value()) return error();
-    return std::forward<F>(change)(std::move(*Value()));
+    return Made(std::forward<F>(change), std::move(*Value()));
+  }
+  template <typename F>
+  auto transform(F&& change) const& -> Outcome<std::invoke_result_t<F, const T&>> {
+    if (!has_value()) return error();
+    return Made(std::forward<F>(change), *Value());
   }
 
 #if defined(__cpp_exceptions)
@@ -444,6 +477,16 @@ class [[nodiscard]] Outcome {
 #endif
 
  private:
+  template <typename F, typename V>
+  static auto Made(F&& change, V&& value) -> Outcome<std::invoke_result_t<F, V>> {
+    if constexpr (std::is_void_v<std::invoke_result_t<F, V>>) {
+      std::forward<F>(change)(std::forward<V>(value));
+      return {};
+    } else {
+      return std::forward<F>(change)(std::forward<V>(value));
+    }
+  }
+
   T* Value();
   const T* Value() const { return const_cast<Outcome*>(this)->Value(); }
 
@@ -556,9 +599,11 @@ class Text {
   /** Whether there is a text. */
   explicit operator bool() const noexcept { return text_ != nullptr; }
   /** NUL-terminated; "" where there is none. Valid as long as this object. */
-  const char* c_str() const noexcept { return text_ == nullptr ? "" : text_.get(); }
+  const char* c_str() const& noexcept { return text_ == nullptr ? "" : text_.get(); }
+  const char* c_str() && = delete;
   /** Valid as long as this object. */
-  std::string_view view() const noexcept { return c_str(); }
+  std::string_view view() const& noexcept { return c_str(); }
+  std::string_view view() && = delete;
   /** A copy. */
   std::string str() const { return c_str(); }
 
@@ -899,8 +944,9 @@ inline WorkReport WorkReport::Take(int error, velmora_svcmgr_ai_progress_h recor
   return report;
 }
 
-/** How far work has come, cleaned up: no number here ever goes backwards, and 100 percent are reached
- *  only when the work is done, whatever the agent sends. */
+/** How far work has come, cleaned up: `model` and `total` never go backwards, nor does `percent` for
+ *  the same model, and a total of 100 percent is reached only when the work is done, whatever the agent
+ *  sends. */
 struct Progress {
   /** The model that is worked on, from 0, as it stands in the request. */
   std::size_t model = 0;
@@ -2708,6 +2754,12 @@ class Session {
                     Milliseconds limit = kNoLimit) {
     return Block<T>({false, false, false}, std::move(call), std::move(done), limit);
   }
+  /** The same; what `call` returns, an Outcome, says for which type. */
+  template <typename F, typename T = typename std::invoke_result_t<std::decay_t<F>&>::value_type>
+  Token RunBlocking(F&& call, Callable<void(std::invoke_result_t<std::decay_t<F>&>)> done,
+                    Milliseconds limit = kNoLimit) {
+    return Block<T>({false, false, false}, std::forward<F>(call), std::move(done), limit);
+  }
 
   // Updates of the agents.
 
@@ -2887,6 +2939,7 @@ inline Token Session::RequestUpdate(const std::vector<std::string>& agents, Done
       std::move(done), limit);
 }
 
+}  // namespace layout_1
 }  // namespace velmora::svcmgr
 
 #undef VELMORA_SVCMGR_SHARED_

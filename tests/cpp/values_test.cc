@@ -4,6 +4,8 @@
 #include <functional>
 #include <set>
 #include <sstream>
+#include <type_traits>
+#include <utility>
 
 #include "face_support.h"
 
@@ -134,7 +136,7 @@ TEST_F(AHandle, OfAModelReadsItsTexts) {
   EXPECT_EQ(model.title(), "A");
   EXPECT_EQ(model.description(), "");
   EXPECT_TRUE(model.Read(vs::Field::kDescription));
-  EXPECT_EQ(model.Read(vs::Field::kTitle).view(), "A");
+  EXPECT_EQ(model.Read(vs::Field::kTitle).str(), "A");
 }
 
 TEST_F(AHandle, TellsAbsentTextsFromEmptyOnes) {
@@ -211,6 +213,48 @@ TEST_F(AHandle, ThatMemoryDoesNotSufficeForIsReleased) {
     if (!failing.Happened()) break;
     EXPECT_FALSE(model);
   }
+}
+
+template <typename T, typename = void>
+struct HasView : std::false_type {};
+template <typename T>
+struct HasView<T, std::void_t<decltype(std::declval<T>().view())>> : std::true_type {};
+
+TEST(AText, GivesAViewOnlyWhereItOutlivesTheExpression) {
+  EXPECT_TRUE(HasView<const vs::Text&>::value);
+  EXPECT_FALSE(HasView<vs::Text>::value) << "model.Read(field).view() dangles";
+}
+
+TEST(AnError, ThatIsUnknownIsPrintedWithItsCode) {
+  std::ostringstream text;
+  text << vs::Error(-999);
+  EXPECT_THAT(text.str(), testing::HasSubstr("-999"));
+}
+
+TEST(AnOutcome, IsMadeOfWhatMakesAValueAndOfNoCode) {
+  const vs::Outcome<std::string> text = "text";
+  EXPECT_EQ(*text, "text");
+  EXPECT_FALSE((std::is_convertible_v<velmora_svcmgr_error_e, vs::Outcome<int>>));
+  EXPECT_FALSE((std::is_convertible_v<vs::OwnError, vs::Outcome<int>>));
+}
+
+TEST(AnOutcome, OfATruthIsNoTruthItself) {
+  EXPECT_FALSE((std::is_constructible_v<bool, vs::Outcome<bool>>));
+  EXPECT_TRUE((std::is_constructible_v<bool, vs::Outcome<bool>&>));
+  EXPECT_TRUE((std::is_constructible_v<bool, vs::Outcome<int>>));
+}
+
+TEST(AnOutcome, GoesOnWithoutBeingMovedFrom) {
+  const vs::Outcome<std::string> text = "text";
+  EXPECT_EQ(*text.transform([](const std::string& t) { return t.size(); }), 4U);
+  int seen = 0;
+  const vs::Outcome<void> none = text.transform([&](const std::string&) { ++seen; });
+  EXPECT_TRUE(none.has_value());
+  EXPECT_EQ(seen, 1);
+  const auto next = text.and_then(
+      [](const std::string&) -> vs::Outcome<int> { return vs::Error(vs::kTimedOut); });
+  EXPECT_EQ(next.error().code(), vs::kTimedOut);
+  EXPECT_EQ(*text, "text");
 }
 
 }  // namespace

@@ -113,7 +113,7 @@ TEST_F(ABlockingCall, EndsWhereTheLoopDoesNotTakeItsAnswer) {
 
 TEST_F(ABlockingCall, RunsWhereNoSignalOfTheApplicationComes) {
   std::atomic<int> blocked{-1};
-  const vs::Token token = session->RunBlocking<int>(
+  const vs::Token token = session->RunBlocking(
       [&]() -> vs::Outcome<int> {
         sigset_t set;
         pthread_sigmask(SIG_SETMASK, nullptr, &set);
