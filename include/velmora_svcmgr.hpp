@@ -52,7 +52,9 @@
  *     is refused: its state is State::kRefused and whatever it is asked ends with kSessionExists. Do
  *     not call the functions of the C interface that connect, disconnect, set, unset, register or
  *     deregister beside a session; all others may be mixed with it.
- *  8. Forks. A session that a forked child inherits does nothing in it; the child may make its own.
+ *  8. Forks. A session that a forked child inherits calls nothing of what the parent has asked for, and
+ *     does not touch the connection; the child may make its own. Do not fork while another thread is
+ *     inside the session (a call that blocks is just ending).
  *
  * What becomes of the traps of velmora_svcmgr.h
  *
@@ -1206,7 +1208,7 @@ struct Options {
   Task on_exception = nullptr;
 };
 
-/** How work on models is followed. */
+/** How work on models is followed; moved, as its rule is. */
 struct WorkOptions {
   /** How long all of it may take, waiting for the connection included. */
   Milliseconds limit = kNoLimit;
