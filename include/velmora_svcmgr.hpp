@@ -1304,7 +1304,7 @@ class Entry {
   // Which connection of the session it was sent over.
   unsigned connection = 0;
   // When it was sent, or last heard of; and how often it was sent.
-  TimePoint heard{};
+  TimePoint heard;
   int times_sent = 0;
   Loop::TimerId limit = 0;
   // What it is to end with.
@@ -1610,11 +1610,11 @@ class Core : public std::enable_shared_from_this<Core> {
   // From when to when the latest update is known to have gone on, if its restart was not seen: what
   // was not heard of since may have been swallowed.
   std::optional<TimePoint> updating_since_;
-  TimePoint updating_until_{};
+  TimePoint updating_until_;
   bool update_goes_on_ = false;
   bool restart_seen_ = false;
-  TimePoint away_since_{};
-  TimePoint nudged_{};
+  TimePoint away_since_;
+  TimePoint nudged_;
   Loop::TimerId connect_timer_ = 0;
   Loop::TimerId look_timer_ = 0;
   std::map<Id, std::shared_ptr<Entry>> entries_;

@@ -54,7 +54,7 @@ std::string Named(const Json& object) {
   return Joined(parts, ", ");
 }
 
-std::string Model(const Json& model) {
+std::string ShownModel(const Json& model) {
   std::string text = ShownValue(model["id"]);
   const std::string version = ShownValue(model.value("version", Json("")));
   return version.empty() ? text : text + " " + version;
@@ -64,7 +64,7 @@ std::string ShownValue(const Json& value) {
   if (value.is_string()) return Text(value.get<std::string>());
   if (value.is_array()) return List(value);
   if (!value.is_object()) return value.dump();
-  return value.contains("id") && value.contains("title") ? Model(value) : Named(value);
+  return value.contains("id") && value.contains("title") ? ShownModel(value) : Named(value);
 }
 
 std::string Field(const Json& fields, const char* name) {
