@@ -35,16 +35,16 @@ bool Wanted(TraceFormat format) {
 }
 
 /** Keeps the records of all processes apart, and their times in order. */
-class Turn {
+class WritersTurn {
  public:
-  explicit Turn(int fd) : fd_(fd) {
+  explicit WritersTurn(int fd) : fd_(fd) {
     // A process that is killed gives it back, other than one that holds a lock in memory.
     while (!Set(F_WRLCK) && errno == EINTR) {
     }
   }
-  ~Turn() { Set(F_UNLCK); }
-  Turn(const Turn&) = delete;
-  Turn& operator=(const Turn&) = delete;
+  ~WritersTurn() { Set(F_UNLCK); }
+  WritersTurn(const WritersTurn&) = delete;
+  WritersTurn& operator=(const WritersTurn&) = delete;
 
  private:
   bool Set(int type) const {
@@ -121,7 +121,7 @@ void Trace(const char* what, const Fields& fields) {
   if (!Tracing()) return;
   const std::string text = fields.dump(-1, ' ', false, Fields::error_handler_t::replace);
   const std::string words = Wanted(TraceFormat::kWords) ? InWords(what, fields) : "";
-  const Turn turn(Sinks().front().fd);
+  const WritersTurn turn(Sinks().front().fd);
   const Stamp stamp;
   const std::string line = Line(stamp, what, text);
   for (const TraceSink& sink : Sinks()) {
@@ -143,7 +143,7 @@ void Trace(const char* what, const Fields& fields) {
 
 void Capture(const Packet& packet, std::string_view content) {
   if (!Wanted(TraceFormat::kCapture)) return;
-  const Turn turn(Sinks().front().fd);
+  const WritersTurn turn(Sinks().front().fd);
   const std::string block = CaptureBlock(packet, content);
   for (const TraceSink& sink : Sinks()) {
     if (sink.format == TraceFormat::kCapture) WriteWhole(sink.fd, block);
