@@ -19,8 +19,7 @@ namespace {
 
 constexpr int kCalls = 200;
 // What may fall into the counting once: a look at the package folder after it has changed, reads that
-// the tracing interrupts, or the
-// agent's return to its poll.
+// the tracing interrupts, or the agent's return to its poll.
 constexpr int kOnce = 16;
 // A system call that neither side makes otherwise: with it, the client marks where counting begins
 // and ends.
