@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "kept_blocks.h"
 
+#include <algorithm>
 #include <atomic>
 #include <new>
 
@@ -23,8 +24,9 @@ void KeepStorage(void* storage) noexcept {
 
 KeptBlocks::KeptBlocks(std::size_t most) noexcept {
   if (most == 0) return;
-  void** const link = new (std::nothrow) void*[most + 1]();
+  auto* const link = static_cast<void**>(operator new((most + 1) * sizeof(void*), std::nothrow));
   if (link == nullptr) return;
+  std::fill_n(link, most + 1, nullptr);
   KeepStorage(link);
   next_ = link + 1;
   end_ = next_ + most;
