@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "kept_blocks.h"
 
-#include <algorithm>
 #include <atomic>
-#include <new>
 
 namespace svcmgr {
 
@@ -20,20 +18,6 @@ void KeepStorage(void* storage) noexcept {
     *static_cast<void**>(storage) = before;
   } while (!newest_link.compare_exchange_weak(before, storage, std::memory_order_release,
                                               std::memory_order_relaxed));
-}
-
-KeptBlocks::KeptBlocks(std::size_t most) noexcept {
-  if (most == 0) return;
-  auto* const link = static_cast<void**>(operator new((most + 1) * sizeof(void*), std::nothrow));
-  if (link == nullptr) return;
-  std::fill_n(link, most + 1, nullptr);
-  KeepStorage(link);
-  next_ = link + 1;
-  end_ = next_ + most;
-}
-
-void KeptBlocks::Add(void* block) noexcept {
-  if (next_ != end_) *next_++ = block;
 }
 
 }  // namespace svcmgr

@@ -2,7 +2,9 @@
 #ifndef SVCMGR_KEPT_BLOCKS_H_
 #define SVCMGR_KEPT_BLOCKS_H_
 
+#include <algorithm>
 #include <cstddef>
+#include <new>
 #include <vector>
 
 // What the library keeps on purpose stays reachable from it, in one chain that is never walked and
@@ -27,8 +29,18 @@ void KeepStorageOf(std::vector<T*>& elements) noexcept {
 // Keeps what is added, up to the number that was announced, in one link.
 class KeptBlocks {
  public:
-  explicit KeptBlocks(std::size_t most) noexcept;
-  void Add(void* block) noexcept;
+  explicit KeptBlocks(std::size_t most) noexcept {
+    if (most == 0) return;
+    auto* const link = static_cast<void**>(operator new((most + 1) * sizeof(void*), std::nothrow));
+    if (link == nullptr) return;
+    std::fill_n(link, most + 1, nullptr);
+    KeepStorage(link);
+    next_ = link + 1;
+    end_ = next_ + most;
+  }
+  void Add(void* block) noexcept {
+    if (next_ != end_) *next_++ = block;
+  }
 
  private:
   void** next_ = nullptr;

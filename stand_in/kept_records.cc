@@ -9,26 +9,31 @@
 
 extern "C" int __real_velmora_svcmgr_ai_model_info_create(velmora_svcmgr_ai_model_info_h* info);
 extern "C" int __wrap_velmora_svcmgr_ai_model_info_create(velmora_svcmgr_ai_model_info_h* info);
+// svcmgr::KeepStorage, by the name that the linker knows.
+extern "C" void __wrap__ZN6svcmgr11KeepStorageEPv(void* storage);
 
 namespace kept_records {
 namespace {
 
 std::vector<velmora_svcmgr_ai_model_info_h> records;
+std::vector<void*> storages;
 
 }  // namespace
 
 void Release() {
   for (const auto info : records) velmora_svcmgr_ai_model_info_destroy(info);
   records.clear();
+  for (void* const storage : storages) ::operator delete(storage);
+  storages.clear();
 }
 
-void Forget() { records.clear(); }
+void Forget() {
+  records.clear();
+  storages.clear();
+}
 
 void DestroyWholly(velmora_svcmgr_ai_model_list_h list) {
-  if (list == nullptr) return;
-  void* const storage = list->models.data();
-  REQUIRE(velmora_svcmgr_ai_model_list_destroy(list) == 0);
-  ::operator delete(storage);
+  if (list != nullptr) REQUIRE(velmora_svcmgr_ai_model_list_destroy(list) == 0);
 }
 
 }  // namespace kept_records
@@ -38,3 +43,5 @@ int __wrap_velmora_svcmgr_ai_model_info_create(velmora_svcmgr_ai_model_info_h* i
   if (result == 0) kept_records::records.push_back(*info);
   return result;
 }
+
+void __wrap__ZN6svcmgr11KeepStorageEPv(void* storage) { kept_records::storages.push_back(storage); }

@@ -9,13 +9,13 @@
 // else is left is a leak, and no loop runs out of memory.
 namespace kept_records {
 
-// Releases the records that were made so far.
+// Releases the records that were made so far, and what lists that were destroyed have left.
 void Release();
 
 // Those that were made so far belong to the caller.
 void Forget();
 
-// Releases a list, which may be null, with all that destroying it leaves behind.
+// Releases a list, which may be null; what that leaves is released with the records.
 void DestroyWholly(velmora_svcmgr_ai_model_list_h list);
 
 }  // namespace kept_records

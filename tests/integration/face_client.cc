@@ -9,6 +9,7 @@
 //     face_client kill MODEL COMMAND              updates a model, and runs the command at 20 percent
 #include <cstdlib>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <vector>
 #include <velmora_svcmgr_glib.hpp>
@@ -81,15 +82,16 @@ class Client {
         std::move(options));
   }
 
-  void Run() { g_main_loop_run(main_); }
+  void Run() { g_main_loop_run(main_.get()); }
 
  private:
   void End(const std::string& word) {
     std::cout << "end: " << word << '\n';
-    g_main_loop_quit(main_);
+    g_main_loop_quit(main_.get());
   }
 
-  GMainLoop* main_ = g_main_loop_new(nullptr, FALSE);
+  std::unique_ptr<GMainLoop, decltype(&g_main_loop_unref)> main_{g_main_loop_new(nullptr, FALSE),
+                                                                 g_main_loop_unref};
   vs::GlibLoop loop_;
   vs::Session session_{loop_};
   vs::Token token_;
