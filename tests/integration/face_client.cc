@@ -26,8 +26,11 @@ void RunLater(const std::string& command) {
 
 class Client {
  public:
+  // Flushed, because a process that is started from here would write again what waits in the buffer.
   Client() {
-    session_.OnState([](vs::State state) { std::cout << "state: " << vs::NameOf(state) << '\n'; });
+    session_.OnState([](vs::State state) {
+      std::cout << "state: " << vs::NameOf(state) << '\n' << std::flush;
+    });
   }
 
   void List(vs::Milliseconds limit) {
@@ -52,7 +55,7 @@ class Client {
     restart_ = std::move(restart);
     List(kLong);
     session_.OnState([this](vs::State state) {
-      std::cout << "state: " << vs::NameOf(state) << '\n';
+      std::cout << "state: " << vs::NameOf(state) << '\n' << std::flush;
       if (state == vs::State::kConnected) std::exchange(restart_, nullptr)();
     });
   }
