@@ -10,41 +10,15 @@
 
 namespace {
 
-using face::ASession;
+using face::AConnectedSession;
+using face::Gate;
 using face::Word;
 using testing::IsEmpty;
 namespace vs = velmora::svcmgr;
 using namespace std::chrono_literals;
 
-class Gate {
- public:
-  void Open() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    open_ = true;
-    changed_.notify_all();
-  }
-  void Pass() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [this] { return open_; });
-  }
-  bool PassWithin(std::chrono::seconds limit) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, limit, [this] { return open_; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool open_ = false;
-};
-
-class ABlockingCall : public ASession {
+class ABlockingCall : public AConnectedSession {
  protected:
-  void SetUp() override {
-    ASession::SetUp();
-    Connect();
-  }
-
   /** A call waits for the agent's reply. */
   vs::Token Block(vs::Milliseconds limit = vs::kNoLimit) {
     fake::OnSend([inside = inside, reply = reply](const fake::Sent&) {

@@ -4,6 +4,7 @@
 
 namespace {
 
+using face::AConnectedSession;
 using face::ASession;
 using face::ReportOf;
 using face::Word;
@@ -14,13 +15,7 @@ using velmora::svcmgr::State;
 namespace vs = velmora::svcmgr;
 using namespace std::chrono_literals;
 
-class AConnection : public ASession {
- protected:
-  void SetUp() override {
-    ASession::SetUp();
-    Connect();
-  }
-};
+class AConnection : public AConnectedSession {};
 
 TEST_F(AConnection, IsExpectedBackForeverWherePatienceHasNoLimit) {
   vs::Options options;

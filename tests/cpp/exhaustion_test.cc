@@ -7,6 +7,7 @@
 
 namespace {
 
+using face::AConnectedSession;
 using face::ASession;
 using face::ReportOf;
 using testing::SizeIs;
@@ -138,13 +139,7 @@ TEST_F(AShortage, DuringALossStillEndsWhatIsLost) {
   CountWhatIsKept();
 }
 
-class AScarcity : public ASession {
- protected:
-  void SetUp() override {
-    ASession::SetUp();
-    Connect();
-  }
-};
+class AScarcity : public AConnectedSession {};
 
 TEST_F(AScarcity, WhileACallThatBlocksIsMadeDoesNotEndTheProcess) {
   if (!fake::SeesOperatorNew()) GTEST_SKIP() << "operator new is a sanitizer's here";

@@ -233,6 +233,37 @@ class ASession : public fake::PlatformTest {
   std::size_t kept = 0;
 };
 
+class AConnectedSession : public ASession {
+ protected:
+  void SetUp() override {
+    ASession::SetUp();
+    Connect();
+  }
+};
+
+/** Threads wait here until it is opened. */
+class Gate {
+ public:
+  void Open() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    open_ = true;
+    changed_.notify_all();
+  }
+  void Pass() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [this] { return open_; });
+  }
+  bool PassWithin(std::chrono::seconds limit) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, limit, [this] { return open_; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool open_ = false;
+};
+
 }  // namespace face
 
 #endif  // SVCMGR_TESTS_CPP_FACE_SUPPORT_H_

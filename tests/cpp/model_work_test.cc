@@ -4,7 +4,7 @@
 
 namespace {
 
-using face::ASession;
+using face::AConnectedSession;
 using face::kUninstall;
 using face::kUpdate;
 using face::ReportOf;
@@ -15,13 +15,8 @@ using testing::SizeIs;
 namespace vs = velmora::svcmgr;
 using namespace std::chrono_literals;
 
-class AWork : public ASession {
+class AWork : public AConnectedSession {
  protected:
-  void SetUp() override {
-    ASession::SetUp();
-    Connect();
-  }
-
   void Update(const std::vector<vs::ModelName>& models = {"a", "b"}, vs::WorkOptions options = {}) {
     work = session->Update(
         models, [this](const vs::Progress& progress) { totals.push_back(progress.total); },

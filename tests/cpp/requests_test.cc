@@ -8,8 +8,9 @@
 
 namespace {
 
+using face::AConnectedSession;
 using face::AnswerOf;
-using face::ASession;
+using face::Gate;
 using face::kDescribed;
 using face::kModels;
 using face::kVersions;
@@ -21,13 +22,7 @@ using velmora::svcmgr::State;
 namespace vs = velmora::svcmgr;
 using namespace std::chrono_literals;
 
-class ARequest : public ASession {
- protected:
-  void SetUp() override {
-    ASession::SetUp();
-    Connect();
-  }
-};
+class ARequest : public AConnectedSession {};
 
 /** Tells when it is freed. */
 struct Held {
@@ -402,25 +397,6 @@ TEST_F(ARequest, ForAnUpdateInsideTheEndOfAnotherIsMadeAfterwards) {
   events::AnnounceFailure(7);
   EXPECT_THAT(heard, ElementsAre(vs::UpdateStatus::kResult7));
 }
-
-/** Lets a thread through when it is told to. */
-class Gate {
- public:
-  void Open() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    open_ = true;
-    changed_.notify_all();
-  }
-  void Pass() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [this] { return open_; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool open_ = false;
-};
 
 TEST_F(ARequest, ThatBlocksMayOutliveTheSession) {
   const auto gate = std::make_shared<Gate>();
