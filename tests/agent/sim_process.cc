@@ -2,12 +2,15 @@
 #include "sim_process.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <stdexcept>
+#include <utility>
 
 namespace {
 
@@ -25,16 +28,14 @@ struct Pipe {
   }
 };
 
-std::string ReadAll(int fd) {
-  std::string text;
+// Appends what is there to read; at the end of the stream, closes it.
+void ReadSome(base::UniqueFd& from, std::string& text) {
   char buffer[4096];
-  for (;;) {
-    const ssize_t size = read(fd, buffer, sizeof buffer);
-    if (size > 0) {
-      text.append(buffer, static_cast<std::size_t>(size));
-    } else if (size == 0 || errno != EINTR) {
-      return text;
-    }
+  const ssize_t size = read(from.get(), buffer, sizeof buffer);
+  if (size > 0) {
+    text.append(buffer, static_cast<std::size_t>(size));
+  } else if (size == 0 || errno != EINTR) {
+    from.Reset();
   }
 }
 
@@ -90,8 +91,32 @@ int SimProcess::Await() {
   return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-std::string SimProcess::Output() { return ReadAll(output_.get()); }
-std::string SimProcess::Errors() { return ReadAll(errors_.get()); }
+std::string SimProcess::Output() {
+  ReadToTheEndOf(output_);
+  return std::exchange(output_text_, {});
+}
+
+std::string SimProcess::Errors() {
+  ReadToTheEndOf(errors_);
+  return std::exchange(errors_text_, {});
+}
+
+// Of one output, and meanwhile all of the other: whoever writes more into it than its pipe holds
+// would wait for ever.
+void SimProcess::ReadToTheEndOf(const base::UniqueFd& output) {
+  while (output) {
+    std::array<pollfd, 2> pipes = {{{output_.get(), POLLIN, 0}, {errors_.get(), POLLIN, 0}}};
+    if (poll(pipes.data(), pipes.size(), -1) < 0) {
+      continue;
+    }
+    if (pipes[0].revents != 0) {
+      ReadSome(output_, output_text_);
+    }
+    if (pipes[1].revents != 0) {
+      ReadSome(errors_, errors_text_);
+    }
+  }
+}
 
 Finished RunSim(const std::vector<std::string>& arguments, const std::function<void()>& prepare) {
   SimProcess process(arguments, prepare);

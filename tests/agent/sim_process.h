@@ -31,14 +31,18 @@ class SimProcess {
   /** Waits for its end; the exit status, or minus the signal that killed it. */
   int Await();
 
-  /** What it has printed since, to the end; after Await, or where others hold the output: blocks. */
+  /** What it has printed since, to the end; where it still runs, or others hold the output: blocks. */
   std::string Output();
   std::string Errors();
 
  private:
+  void ReadToTheEndOf(const base::UniqueFd& output);
+
   pid_t pid_;
   base::UniqueFd output_;
   base::UniqueFd errors_;
+  std::string output_text_;
+  std::string errors_text_;
 };
 
 /** How a finished run went. */
