@@ -42,8 +42,8 @@ std::string Complaint(const std::string& document, const std::string& folder = "
   }
 }
 
-/** So many that reading takes hours where its time grows with their square. */
-constexpr int kMany = 1000000;
+/** So many that reading outlasts the time limit where its time grows with their square. */
+constexpr int kMany = 400000;
 
 /** So many elements or members of a pattern, with their number in the place of each '#'. */
 std::string Numbered(const std::string& pattern, int count) {
@@ -75,11 +75,11 @@ TEST(ALargeScenario, IsReadInATimeThatGrowsWithItsSize) {
 TEST(ALargeScenario, HasAvailableVersionsThatAreComparedAllTheSame) {
   const auto lines = LinesOf(Complaint(R"({"models": [{"id": "m", "versions": [)" +
                                        Numbered(R"("#")", kMany / 2) + R"(], "available": [)" +
-                                       Numbered(R"("a#")", kMany / 2) + R"(, "499999"]}]})"));
-  ASSERT_EQ(lines.size(), 2u);
+                                       Numbered(R"("a#")", kMany / 2) + R"(, "199999"]}]})"));
+  ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0],
             "file.json:1:13: /models/0: \"available\" names the installed version "
-            "\"499999\"");
+            "\"199999\"");
 }
 
 TEST(ALargeScenario, MayHaveALongKeyAboveManyValues) {
@@ -104,14 +104,14 @@ TEST(ManyComplaints, AreAHundredAndTheNumberOfTheOthers) {
   ASSERT_EQ(lines.size(), 101u);
   EXPECT_THAT(lines[0], StartsWith("file.json:1:2: /k0: unknown key \"k0\"; allowed here: "));
   EXPECT_THAT(lines[99], HasSubstr(": /k99: unknown key \"k99\"; allowed here: "));
-  EXPECT_EQ(lines[100], "file.json: 999900 further problems");
+  EXPECT_EQ(lines[100], "file.json: 399900 further problems");
 }
 
 TEST(ManyComplaints, OfADuplicateEachAreAHundredAndTheNumberOfTheOthers) {
   const auto lines = LinesOf(Complaint("{" + Numbered(R"("k":0)", kMany) + "}"));
   ASSERT_EQ(lines.size(), 101u);
   EXPECT_EQ(lines[0], "file.json:1:8: the key \"k\" stands here a second time");
-  EXPECT_EQ(lines[100], "file.json: 999899 further problems");
+  EXPECT_EQ(lines[100], "file.json: 399899 further problems");
 }
 
 TEST(ManyComplaints, AreTheFirstInTheFileInWhateverOrderItIsRead) {
