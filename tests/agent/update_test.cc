@@ -4,10 +4,10 @@
 #include <stdlib.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <string>
 #include <vector>
 
+#include "own_worlds.h"
 #include "sim_process.h"
 #include "support/lines.h"
 #include "temp_folder.h"
@@ -21,17 +21,8 @@ using testing::HasSubstr;
 constexpr char kStart[] = "update_status Start=" AGENT_PACKAGE_ID;
 
 /** A world in which somebody listens to the agent's events. */
-class AnUpdate : public testing::Test {
+class AnUpdate : public OwnWorlds {
  protected:
-  void SetUp() override {
-    setenv("TMPDIR", worlds_.path().c_str(), 1);
-    setenv("SIM", SVCMGR_SIM, 1);
-    setenv("CTL", SVCMGRCTL, 1);
-  }
-  void TearDown() override {
-    EXPECT_TRUE(std::filesystem::is_empty(worlds_.path())) << "a world was left behind";
-  }
-
   /** Listens for `count` events beside a command ("request" asks for an update); all lines. */
   static std::vector<std::string> Hear(const std::string& scenario, int count,
                                        const std::string& command) {
@@ -48,8 +39,6 @@ class AnUpdate : public testing::Test {
     return RunSim({"run", folder.Write("scenario.json", document), "--", SIM_EVENTS,
                    std::to_string(count), "cd \"$VELMORA_RUNTIME_DIR/..\"; " + command});
   }
-
-  const TempFolder worlds_;
 };
 
 TEST_F(AnUpdate, TakesTheAgentThroughItsOwnRestart) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef TESTS_INTEGRATION_OWN_WORLDS_H_
-#define TESTS_INTEGRATION_OWN_WORLDS_H_
+#ifndef TESTS_AGENT_OWN_WORLDS_H_
+#define TESTS_AGENT_OWN_WORLDS_H_
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -24,4 +24,4 @@ class OwnWorlds : public testing::Test {
   const TempFolder worlds_;
 };
 
-#endif  // TESTS_INTEGRATION_OWN_WORLDS_H_
+#endif  // TESTS_AGENT_OWN_WORLDS_H_
