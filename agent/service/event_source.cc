@@ -35,8 +35,9 @@ void EventSource::After(unsigned milliseconds, std::function<void()> action) {
 
 void EventSource::WhenReadable(int fd, std::function<void()> action) {
   Stop();
-  id_ = g_unix_fd_add_full(G_PRIORITY_DEFAULT, fd, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP),
-                           Waiting::Run, new Waiting{this, std::move(action)}, Waiting::Delete);
+  // A hang-up is told unasked.
+  id_ = g_unix_fd_add_full(G_PRIORITY_DEFAULT, fd, G_IO_IN, Waiting::Run,
+                           new Waiting{this, std::move(action)}, Waiting::Delete);
 }
 
 void EventSource::Stop() {
