@@ -42,10 +42,10 @@ int NeedNumber(const std::string& word) {
   return *number;
 }
 
-const std::string& NeedMethod(const std::string& word) {
+void NeedMethod(const std::string& word) {
   std::vector<std::string> names;
   for (const MethodInfo& info : Methods()) names.emplace_back(info.name);
-  if (std::find(names.begin(), names.end(), word) != names.end()) return word;
+  if (std::find(names.begin(), names.end(), word) != names.end()) return;
   std::string message = "\"" + Quotable(word) + "\" is no method";
   const auto similar = terminal_text::SimilarTo(word, names);
   if (!similar.empty()) message += "; is " + similar.front() + " meant?";
