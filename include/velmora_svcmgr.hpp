@@ -513,6 +513,24 @@ class [[nodiscard]] Outcome<void> {
   /** The error; there must be one. */
   Error error() const;
 
+  /** The outcome of `next`, which is called after a success; or this error. */
+  template <typename F>
+  auto and_then(F&& next) const -> std::invoke_result_t<F> {
+    if (error_) return *error_;
+    return std::forward<F>(next)();
+  }
+  /** What `make` returns, which is called after a success; or this error. */
+  template <typename F>
+  auto transform(F&& make) const -> Outcome<std::invoke_result_t<F>> {
+    if (error_) return *error_;
+    if constexpr (std::is_void_v<std::invoke_result_t<F>>) {
+      std::forward<F>(make)();
+      return {};
+    } else {
+      return std::forward<F>(make)();
+    }
+  }
+
 #if defined(__cpp_exceptions)
   /** Throws OutcomeError unless it is a success. */
   void value_or_throw() const;

@@ -58,6 +58,21 @@ TEST(AnOutcome, GoesOnWithItsValue) {
   EXPECT_EQ(*text, "7");
 }
 
+TEST(AnOutcome, OfNothingPassesThroughFunctionsToo) {
+  const vs::Outcome<void> done;
+  const vs::Outcome<void> failed = vs::Error(SVCMGR_ERROR_NO_SPACE);
+  int calls = 0;
+  const auto count = [&calls] { return vs::Outcome<int>(++calls); };
+  EXPECT_EQ(done.and_then(count).value_or(0), 1);
+  EXPECT_EQ(Word(failed.and_then(count)), "SVCMGR_ERROR_NO_SPACE");
+  EXPECT_EQ(*done.transform([] { return std::string("seven"); }), "seven");
+  EXPECT_EQ(Word(failed.transform([&calls] { return ++calls; })), "SVCMGR_ERROR_NO_SPACE");
+  const vs::Outcome<void> still = done.transform([&calls] { ++calls; });
+  EXPECT_TRUE(still.has_value());
+  EXPECT_EQ(Word(failed.transform([&calls] { ++calls; })), "SVCMGR_ERROR_NO_SPACE");
+  EXPECT_EQ(calls, 2) << "of a failure nothing is called";
+}
+
 TEST(AnOutcome, EndsTheProcessWhenWhatIsNotThereIsRead) {
   vs::Outcome<int> bad = vs::Error(vs::kTimedOut);
   EXPECT_DEATH(static_cast<void>(bad.value()), "the value of a failure was asked for: TIMEOUT");
