@@ -71,8 +71,9 @@
  *  6. A refused subscription to the agent's announcements: not survived; a restart shows as a loss.
  *  7. Restarts that are not reported: found by looking, four times a second, as long as a request is
  *     under way or the session connects, and before each request. State::kRestarting tells. A restart
- *     that is over between two looks shows by silence: queries are sent again, work that says
- *     nothing for Options::restart_patience is lost.
+ *     that is over between two looks shows by silence: queries are sent again; work that says
+ *     nothing for Options::restart_patience, or for its own silence limit, is lost, or sent again
+ *     where WorkOptions::resend says so.
  *  8. Losses that are reported all the same: taken for the restart that they are, if this session has
  *     asked for the update or has heard that it began.
  *  9. Losses that are hidden by an old announcement: found by looking; after Options::restart_patience
@@ -1182,7 +1183,8 @@ enum class State {
   /** The agent replaces itself, and is expected back. Requests wait for it. */
   kRestarting,
   /** The connection was lost; it comes back by itself when the agent is launched again. Until then
-   *  requests end with kConnectionLost, unless Options::resend says that they wait. */
+   *  requests end with kConnectionLost, unless Options::resend, or WorkOptions::resend, says that they
+   *  wait. */
   kLost,
   /** The agent refused the application. Requests end with Session::error(). */
   kRejected,
@@ -1200,14 +1202,14 @@ inline const char* NameOf(State state) noexcept {
   return index < std::size(kNames) ? kNames[index] : "Unknown";
 }
 
-/** Which queries that were swallowed by a loss of the connection are sent again when it stands
- *  again. Work on models is sent again only where WorkOptions say so, requests for updates never. */
+/** What is sent again, when the connection stands again, of that which a loss has swallowed: queries as
+ *  Options say, work on models as its WorkOptions say, requests for updates never. */
 enum class Resend {
-  /** None: they end with kConnectionLost. */
+  /** Nothing: it ends with kConnectionLost. */
   kNever,
-  /** Those lost while the agent replaced itself. */
+  /** What was lost while the agent replaced itself. */
   kAfterRestart,
-  /** All; they wait as long as it takes, or until their time limit. */
+  /** All; it waits as long as it takes, or until its time limit. */
   kAfterAnyLoss,
 };
 
@@ -1218,6 +1220,7 @@ struct Options {
   /** How long an attempt to connect may take; kFailed with kTimedOut then. A connection that comes
    *  up later is taken all the same. */
   Milliseconds connect_limit{30'000};
+  /** After which losses queries are asked again. */
   Resend resend = Resend::kAfterRestart;
   /** How long the agent may be away while it replaces itself; kLost then. */
   Milliseconds restart_patience{60'000};
@@ -1230,11 +1233,14 @@ struct Options {
 struct WorkOptions {
   /** How long all of it may take, waiting for the connection included. */
   Milliseconds limit = kNoLimit;
-  /** How long nothing may be heard of it, or of other work on the device, once it was asked for. */
+  /** How long nothing may be heard of it, or of other work on the device, once it was asked for;
+   *  kTimedOut then. Where there are signs that the agent has replaced itself between two looks, and
+   *  `resend` allows it, it is asked for again first. Without a limit, work whose end the agent does
+   *  not tell goes on for ever. */
   Milliseconds silence_limit = kNoLimit;
-  /** Whether it is asked for again when the agent's own restart swallowed it. Models that were done
-   *  by then are asked for a second time. */
-  bool resend = false;
+  /** After which losses of the connection it is asked for again; after others it ends with
+   *  kConnectionLost. Models that were done by then are asked for a second time. */
+  Resend resend = Resend::kNever;
   /** How its end is known; StandardEnd if null. */
   EndRule rule = nullptr;
 };
@@ -1308,10 +1314,12 @@ class Entry {
   virtual void Release(Core&) noexcept {}
   // Looks at what only time can tell.
   virtual void Look(Core&, TimePoint) noexcept {}
-  // Whether it changes nothing, so that it may be asked again as Options::resend says.
+  // Whether it changes nothing, so that it may be asked again where it is only late.
   virtual bool IsQuery() const noexcept { return false; }
-  // Of what is no query: whether it goes to the agent again after a restart.
-  virtual bool MayBeResent() const noexcept { return false; }
+  // After which losses it goes to the agent again.
+  virtual Resend ResendAfter(const Options& options) const noexcept {
+    return IsQuery() ? options.resend : Resend::kNever;
+  }
   virtual bool NeedsConnection() const noexcept { return true; }
   // Whether the answer comes by a callback, so that a lost connection swallows it; otherwise it is
   // asked by a call that blocks.
@@ -1491,6 +1499,9 @@ class Core : public std::enable_shared_from_this<Core> {
   }
   // Ends it with an error unless the connection turns out to have been lost: then it is lost, too.
   void Doubt(Id id, Error error) noexcept;
+  // Sends what may have been swallowed by a restart that nobody saw; false if there is no sign of one,
+  // or it is not to be sent again.
+  bool SendAgain(Id id) noexcept;
   // Whether update status callables run, inside which the C interface forgets requests for updates.
   bool IsTellingUpdates() const noexcept { return telling_updates_ > 0; }
   void ExpectUpdate() noexcept { update_known_ = true; }
@@ -1577,6 +1588,7 @@ class Core : public std::enable_shared_from_this<Core> {
   void Look() noexcept;
   void OnLook() noexcept;
   void LookAtEntries() noexcept;
+  bool MayBeSwallowed(const Entry& entry) const noexcept;
   void LookAtRestart(TimePoint now) noexcept;
   void NoteUpdate(bool goes_on) noexcept;
   bool MustLook() const noexcept;
@@ -1946,9 +1958,9 @@ inline void Core::LoseEntry(const std::shared_ptr<Entry>& entry, bool returns) n
   if (entry->stage == Stage::kSent && !entry->IsAnsweredByCallback()) return;
   const bool was_sent = entry->stage == Stage::kSent || entry->stage == Stage::kDoubtful;
   if (!was_sent && entry->stage != Stage::kHeld) return;
-  const bool again = entry->IsQuery() ? options_.resend != Resend::kNever : entry->MayBeResent();
-  const bool waits_for_any = options_.resend == Resend::kAfterAnyLoss && entry->IsQuery();
-  if ((returns && (!was_sent || again)) || waits_for_any)
+  const Resend resend = entry->ResendAfter(options_);
+  const bool again = resend != Resend::kNever;
+  if ((returns && (!was_sent || again)) || resend == Resend::kAfterAnyLoss)
     entry->stage = Stage::kHeld;
   else
     EndLater(entry->id, Error(kConnectionLost));
@@ -2059,18 +2071,32 @@ inline void Core::LookAtEntries() noexcept {
     if (entry->stage != Entry::Stage::kSent) return;
     entry->Look(*this, now);
     if (closed_ || entry->stage != Entry::Stage::kSent || !entry->IsAnsweredByCallback()) return;
-    // The agent has announced that it replaces itself: what is silent since may be lost already.
-    if (!updating_since_ || entry->heard > updating_until_ || state_ != State::kConnected) return;
+    if (!MayBeSwallowed(*entry)) return;
     const auto silence = now - std::max(entry->heard, *updating_since_);
-    if (entry->IsQuery() && options_.resend != Resend::kNever) {
+    const bool again = entry->ResendAfter(options_) != Resend::kNever;
+    if (entry->IsQuery() && again) {
       if (silence >= kAskAgainAfter * entry->times_sent && MaySend()) SendNow(entry);
     } else if (IsOver(silence, options_.restart_patience)) {
-      if (!entry->MayBeResent())
+      if (!again)
         EndLater(entry->id, Error(kConnectionLost));
       else if (MaySend())
         SendNow(entry);
     }
   });
+}
+
+// The agent has announced that it replaces itself: what is silent since may be lost already.
+inline bool Core::MayBeSwallowed(const Entry& entry) const noexcept {
+  return updating_since_ && entry.heard <= updating_until_ && state_ == State::kConnected;
+}
+
+inline bool Core::SendAgain(Id id) noexcept {
+  const auto found = entries_.find(id);
+  if (found == entries_.end() || !MayBeSwallowed(*found->second) || !MaySend()) return false;
+  const auto entry = found->second;
+  if (entry->ResendAfter(options_) == Resend::kNever) return false;
+  SendNow(entry);
+  return true;
 }
 
 // ---- Entries
@@ -2110,7 +2136,7 @@ inline void Core::Submit(const std::shared_ptr<Entry>& entry) noexcept {
     case State::kRestarting:
       return;
     case State::kLost:
-      if (options_.resend == Resend::kAfterAnyLoss && entry->IsQuery()) return;
+      if (entry->ResendAfter(options_) == Resend::kAfterAnyLoss) return;
       return EndLater(entry->id, Error(kConnectionLost));
     default:
       return EndLater(entry->id, error_.value_or(Error(SVCMGR_ERROR_NOT_CONNECTED)));
@@ -2449,7 +2475,7 @@ struct Work final : Entry {
         on_progress(std::make_shared<OnProgress>(std::move(p))),
         done(std::move(d)),
         silence_limit(options.silence_limit),
-        may_be_resent(options.resend) {}
+        resend(options.resend) {}
 
   int Send(Core& core) noexcept override {
     const Outcome<ModelList> list = ModelList::Make(models);
@@ -2463,13 +2489,17 @@ struct Work final : Entry {
   }
   void Look(Core& core, TimePoint now) noexcept override {
     if (Judge(core, now, false)) return;
-    if (IsOver(tracker->Silence(now), silence_limit)) TimeIsUp(core);
+    if (!IsOver(tracker->Silence(now), silence_limit)) return;
+    if (!asked_again && core.SendAgain(id))
+      asked_again = true;
+    else
+      TimeIsUp(core);
   }
   void Release(Core& core) noexcept override {
     core.Remove(events);
     on_progress = nullptr;
   }
-  bool MayBeResent() const noexcept override { return may_be_resent; }
+  Resend ResendAfter(const Options&) const noexcept override { return resend; }
 
   // True if the work is over.
   bool Judge(Core& core, TimePoint now, bool time_is_up) noexcept {
@@ -2501,7 +2531,9 @@ struct Work final : Entry {
   std::shared_ptr<OnProgress> on_progress;
   Done done;
   const Milliseconds silence_limit;
-  const bool may_be_resent;
+  const Resend resend;
+  // Since it was heard of for the last time.
+  bool asked_again = false;
   // The subscription to events.
   Id events = 0;
 };
@@ -2523,6 +2555,7 @@ inline void Work::Report(Core& core, Id id, const WorkReport& report) noexcept {
   const auto now = core.Now();
   const auto tracker = work->tracker;
   work->heard = now;
+  work->asked_again = false;
   core.Call([&] { tracker->Take(report, now); });
   if (core.closed() || core.Find(id) != entry) return;
   const auto on_progress = work->on_progress;

@@ -113,7 +113,7 @@ TEST_F(ASession, ThatIsLeftBeforeTheLoopTurnsDoesNotConnect) {
 
 TEST_F(AConnection, LostBetweenTwoLooksCarriesWorkAgainWhereItIsToldTo) {
   vs::WorkOptions options;
-  options.resend = true;
+  options.resend = vs::Resend::kAfterRestart;
   std::vector<std::string> ends;
   const vs::ModelWork work = session->Update(
       {"a"}, nullptr, [&](const vs::Outcome<void>& end) { ends.push_back(Word(end)); },

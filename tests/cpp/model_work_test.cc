@@ -146,7 +146,7 @@ TEST_F(AWork, ThatSaysNothingAfterARestartBetweenTwoLooksIsLost) {
 
 TEST_F(AWork, IsAskedForAgainAfterARestartBetweenTwoLooksWhereItIsToldTo) {
   vs::WorkOptions options;
-  options.resend = true;
+  options.resend = vs::Resend::kAfterRestart;
   Update({"a"}, std::move(options));
   LoseInUpdate();
   ReturnFromUpdate();
@@ -157,7 +157,7 @@ TEST_F(AWork, IsAskedForAgainAfterARestartBetweenTwoLooksWhereItIsToldTo) {
 
 TEST_F(AWork, IsAskedForAgainAfterARestartWhereItIsToldTo) {
   vs::WorkOptions options;
-  options.resend = true;
+  options.resend = vs::Resend::kAfterRestart;
   Update({"a", "b"}, std::move(options));
   Report(ReportOf(2, 2, 60));
   LoseInUpdate();
@@ -169,6 +169,75 @@ TEST_F(AWork, IsAskedForAgainAfterARestartWhereItIsToldTo) {
   Report(ReportOf(2, 2, 100, kDone), 1);
   EXPECT_THAT(totals, ElementsAre(80, 80, 100));
   EXPECT_THAT(ends, ElementsAre("ok"));
+}
+
+TEST_F(AWork, IsLostWithTheConnectionWhereOnlyARestartIsToBeLivedThrough) {
+  vs::WorkOptions options;
+  options.resend = vs::Resend::kAfterRestart;
+  Update({"a"}, std::move(options));
+  fake::Proxy().FireDisconnected();
+  loop.Turn();
+  EXPECT_THAT(ends, ElementsAre("CONNECTION_LOST"));
+}
+
+TEST_F(AWork, IsAskedForAgainAfterAnyLossWhereItIsToldTo) {
+  vs::WorkOptions options;
+  options.resend = vs::Resend::kAfterAnyLoss;
+  Update({"a"}, std::move(options));
+  Report(ReportOf(1, 1, 40));
+  fake::Proxy().FireDisconnected();
+  loop.Pass(1h);
+  EXPECT_EQ(session->state(), vs::State::kLost);
+  EXPECT_THAT(ends, IsEmpty());
+  ReturnFromUpdate();
+  loop.Pass(1s);
+  EXPECT_THAT(fake::SentParcels(), SizeIs(2));
+  Report(ReportOf(1, 1, 10), 1);
+  Report(ReportOf(1, 1, 100, kDone), 1);
+  EXPECT_THAT(totals, ElementsAre(40, 40, 100));
+  EXPECT_THAT(ends, ElementsAre("ok"));
+}
+
+TEST_F(AWork, BegunAfterALossWaitsForTheAgentWhereItIsToldTo) {
+  fake::Proxy().FireDisconnected();
+  loop.Turn();
+  vs::WorkOptions options;
+  options.resend = vs::Resend::kAfterAnyLoss;
+  Update({"a"}, std::move(options));
+  loop.Pass(1h);
+  EXPECT_THAT(ends, IsEmpty());
+  ReturnFromUpdate();
+  loop.Pass(1s);
+  EXPECT_THAT(fake::SentParcels(), SizeIs(1));
+}
+
+TEST_F(AWork, ThatIsSilentAfterARestartBetweenTwoLooksIsAskedForAgainBeforeItTimesOut) {
+  vs::WorkOptions options;
+  options.resend = vs::Resend::kAfterRestart;
+  options.silence_limit = 10s;
+  Update({"a"}, std::move(options));
+  LoseInUpdate();
+  ReturnFromUpdate();
+  loop.Pass(11s);
+  EXPECT_THAT(ends, IsEmpty());
+  EXPECT_THAT(fake::SentParcels(), SizeIs(2));
+  Report(ReportOf(1, 1, 10), 1);
+  loop.Pass(9s);
+  EXPECT_THAT(ends, IsEmpty());
+  Report(ReportOf(1, 1, 100, kDone), 1);
+  EXPECT_THAT(ends, ElementsAre("ok"));
+}
+
+TEST_F(AWork, ThatStaysSilentWhenItWasAskedForAgainTimesOut) {
+  vs::WorkOptions options;
+  options.resend = vs::Resend::kAfterRestart;
+  options.silence_limit = 10s;
+  Update({"a"}, std::move(options));
+  LoseInUpdate();
+  ReturnFromUpdate();
+  loop.Pass(22s);
+  EXPECT_THAT(ends, ElementsAre("TIMEOUT"));
+  EXPECT_THAT(fake::SentParcels(), SizeIs(2));
 }
 
 TEST_F(AWork, TimesOut) {
