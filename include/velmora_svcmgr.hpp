@@ -138,7 +138,9 @@ namespace velmora::svcmgr {
 // Changes with the layout of what several shared objects may share.
 inline namespace layout_1 {
 
+/** Delays and time limits. */
 using Milliseconds = std::chrono::milliseconds;
+/** A time on a clock that goes forward only. */
 using TimePoint = std::chrono::steady_clock::time_point;
 
 /** No time limit. */
@@ -153,10 +155,12 @@ inline constexpr Milliseconds kNoLimit = Milliseconds::max();
 template <typename Signature>
 class Callable;
 
+/** Owns what can be called with these arguments; see above. */
 template <typename Result, typename... Arguments>
 class Callable<Result(Arguments...)> {
  public:
   Callable() noexcept = default;
+  /** An empty one. */
   Callable(std::nullptr_t) noexcept {}  // NOLINT(google-explicit-constructor)
 
   /** Throws std::bad_alloc. An empty std::function, or a null pointer, makes an empty one. */
@@ -180,6 +184,7 @@ class Callable<Result(Arguments...)> {
   /** Whether there is something to call. */
   explicit operator bool() const noexcept { return body_ != nullptr; }
 
+  /** Calls it; what it throws is passed on. */
   Result operator()(Arguments... arguments) {
     if (body_ == nullptr) return Nothing();
     return body_->Run(std::forward<Arguments>(arguments)...);
@@ -265,6 +270,7 @@ class Loop {
    * on the main-loop thread.
    *
    * @param delay  0 or more.
+   * @param task   What is run.
    * @return 0 if there will be no timer; the task is destroyed then.
    */
   virtual TimerId StartTimer(Milliseconds delay, Task task) noexcept = 0;
@@ -303,6 +309,7 @@ class Error {
    *               have, are kept as they are. */
   constexpr explicit Error(int code) noexcept : code_(code) {}
 
+  /** As given. */
   constexpr int code() const noexcept { return code_; }
   /** The code's name: as in the C header, such as "SVCMGR_ERROR_NO_SPACE", or "CONNECTION_LOST". */
   const char* name() const noexcept { return Find().name; }
@@ -401,7 +408,9 @@ inline const Error::Row& Error::Find() const noexcept {
 template <typename T>
 class [[nodiscard]] Outcome {
  public:
+  /** What a success holds. */
   using value_type = T;
+  /** What a failure holds. */
   using error_type = Error;
 
   /** A success. */
@@ -423,19 +432,27 @@ class [[nodiscard]] Outcome {
 
   /** Whether it is a success. */
   bool has_value() const noexcept { return content_.index() == 0; }
+  /** The same. */
   explicit operator bool() const& noexcept { return has_value(); }
   // Of a truth that was just asked for, nobody means whether there is one.
   template <typename V = T, std::enable_if_t<std::is_same_v<V, bool>, int> = 0>
   explicit operator bool() && = delete;
 
-  // The value; there must be one.
+  /** The value; there must be one. */
   T& value() & { return *Value(); }
+  /** The value; there must be one. */
   const T& value() const& { return *Value(); }
+  /** The value; there must be one. */
   T&& value() && { return std::move(*Value()); }
+  /** The value; there must be one. */
   T& operator*() & { return *Value(); }
+  /** The value; there must be one. */
   const T& operator*() const& { return *Value(); }
+  /** The value; there must be one. */
   T&& operator*() && { return std::move(*Value()); }
+  /** A member of the value; there must be one. */
   T* operator->() { return Value(); }
+  /** A member of the value; there must be one. */
   const T* operator->() const { return Value(); }
 
   /** The error; there must be one. */
@@ -446,6 +463,7 @@ class [[nodiscard]] Outcome {
   T value_or(U&& other) && {
     return has_value() ? std::move(*Value()) : static_cast<T>(std::forward<U>(other));
   }
+  /** The same, of a copy. */
   template <typename U>
   T value_or(U&& other) const& {
     return has_value() ? *Value() : static_cast<T>(std::forward<U>(other));
@@ -457,6 +475,7 @@ class [[nodiscard]] Outcome {
     if (!has_value()) return error();
     return std::forward<F>(next)(std::move(*Value()));
   }
+  /** The same; the value stays. */
   template <typename F>
   auto and_then(F&& next) const& -> std::invoke_result_t<F, const T&> {
     if (!has_value()) return error();
@@ -468,6 +487,7 @@ class [[nodiscard]] Outcome {
     if (!has_value()) return error();
     return Made(std::forward<F>(change), std::move(*Value()));
   }
+  /** The same; the value stays. */
   template <typename F>
   auto transform(F&& change) const& -> Outcome<std::invoke_result_t<F, const T&>> {
     if (!has_value()) return error();
@@ -500,7 +520,9 @@ class [[nodiscard]] Outcome {
 template <>
 class [[nodiscard]] Outcome<void> {
  public:
+  /** A success holds nothing. */
   using value_type = void;
+  /** What a failure holds. */
   using error_type = Error;
 
   /** A success. */
@@ -510,6 +532,7 @@ class [[nodiscard]] Outcome<void> {
 
   /** Whether it is a success. */
   bool has_value() const noexcept { return !error_.has_value(); }
+  /** The same. */
   explicit operator bool() const noexcept { return has_value(); }
   /** The error; there must be one. */
   Error error() const;
@@ -641,16 +664,20 @@ enum class Field { kId, kVersion, kTitle, kDescription };
  */
 class Model {
  public:
+  /** What the C interface calls it. */
   using Handle = velmora_svcmgr_ai_model_info_h;
 
   Model() noexcept = default;
   /** Takes over a handle; may be null. */
   explicit Model(Handle handle) noexcept : handle_(handle) {}
 
-  // Copies; empty where a text is absent, or cannot be read.
+  /** What identifies it: a copy; empty where it is absent, or cannot be read. */
   std::string id() const { return Read(Field::kId).str(); }
+  /** Its version: a copy; empty where it is absent, or cannot be read. */
   std::string version() const { return Read(Field::kVersion).str(); }
+  /** Its title, for display: a copy; empty where it is absent, or cannot be read. */
   std::string title() const { return Read(Field::kTitle).str(); }
+  /** Its description, for display: a copy; empty where it is absent, or cannot be read. */
   std::string description() const { return Read(Field::kDescription).str(); }
 
   /** A text without a further copy: null where it is absent, or cannot be read. */
@@ -687,8 +714,11 @@ inline Outcome<Text> Model::TryRead(Field field) const noexcept {
 /** What the application calls a model by in a request; a value. Texts that are not given are sent
  *  as "", which the agent takes for "any" where it can: for the version, the newest. */
 struct ModelName {
+  /** The newest version of this model. */
   ModelName(const char* model) : id(model) {}             // NOLINT(google-explicit-constructor)
+  /** The newest version of this model. */
   ModelName(std::string model) : id(std::move(model)) {}  // NOLINT(google-explicit-constructor)
+  /** This version of this model. */
   ModelName(std::string model, std::string model_version)
       : id(std::move(model)), version(std::move(model_version)) {}
   /** The same texts as a model that the agent has described. */
@@ -701,9 +731,13 @@ struct ModelName {
   /** A model for a request, with all its texts set, each once. */
   Outcome<Model> Make() const noexcept;
 
+  /** What identifies it. */
   std::string id;
+  /** Its version; empty for the newest. */
   std::string version;
+  /** Its title, which most agents do not look at. */
   std::string title;
+  /** Its description, which most agents do not look at. */
   std::string description;
 };
 
@@ -843,8 +877,11 @@ class ModelList
                                velmora_svcmgr_ai_model_list_get_size> {
  public:
   using ListOwner::ListOwner;
+  /** A model, copied out of the list. */
   using value_type = Model;
+  /** Reads copies, one after the other. */
   using iterator = detail::ListIterator<ModelList>;
+  /** The same: copies change nothing in the list. */
   using const_iterator = iterator;
 
   /** A list for a request. */
@@ -856,7 +893,9 @@ class ModelList
   /** The same, and says why it cannot be read. */
   Outcome<Model> At(std::size_t index) const noexcept;
 
+  /** The first one. */
   iterator begin() const noexcept { return {this, 0}; }
+  /** Behind the last one. */
   iterator end() const noexcept { return {this, static_cast<std::ptrdiff_t>(size())}; }
 };
 
@@ -889,8 +928,11 @@ class AgentList
                                velmora_svcmgr_agent_list_get_size> {
  public:
   using ListOwner::ListOwner;
+  /** A name, copied out of the list. */
   using value_type = std::string;
+  /** Reads copies, one after the other. */
   using iterator = detail::ListIterator<AgentList>;
+  /** The same: copies change nothing in the list. */
   using const_iterator = iterator;
 
   /** A list for a request. */
@@ -904,7 +946,9 @@ class AgentList
   /** A name without a further copy, or why it cannot be read. */
   Outcome<Text> At(std::size_t index) const noexcept;
 
+  /** The first one. */
   iterator begin() const noexcept { return {this, 0}; }
+  /** Behind the last one. */
   iterator end() const noexcept { return {this, static_cast<std::ptrdiff_t>(size())}; }
 };
 
@@ -941,6 +985,7 @@ struct WorkReport {
 
   /** SVCMGR_ERROR_NONE, or why the work has failed. */
   int error = SVCMGR_ERROR_NONE;
+  /** The state of the work. */
   WorkState state = WorkState::kNone;
   /** The model that is worked on, from 1. */
   int index = 0;
@@ -992,9 +1037,10 @@ struct WorkSight {
   const WorkReport* report = nullptr;
   /** Whether the messages have come to the last model; true before the first one. */
   bool last_reached = true;
-  /** How often the device has reported, since the request, that work on models began and ended;
-   *  it reports the work of others, too. */
+  /** How often the device has reported, since the request, that work on models began; it reports the
+   *  work of others, too. */
   int begun = 0;
+  /** Likewise, that it ended. */
   int ended = 0;
   /** What the events tell since the latest message: kGoesOn unless as many ends as beginnings were
    *  reported, at least one; kDone only if the last model was reached. */
@@ -1038,7 +1084,13 @@ inline Verdict StandardEnd(const WorkSight& sight) noexcept {
  */
 class WorkTracker {
  public:
-  /** Throws std::bad_alloc. @param rule  StandardEnd, unless one is given. */
+  /**
+   * Throws std::bad_alloc.
+   *
+   * @param models  The number of models in the request.
+   * @param now     When the request is made.
+   * @param rule    StandardEnd, unless one is given.
+   */
   WorkTracker(std::size_t models, TimePoint now, EndRule rule = nullptr)
       : percents_(models, 0), rule_(std::move(rule)), heard_(now) {
     if (!rule_) rule_ = EndRule(&StandardEnd);
@@ -1052,7 +1104,12 @@ class WorkTracker {
   }
   /** A message of the agent; the rule is asked. */
   void Take(const WorkReport& report, TimePoint now);
-  /** An event of work on models. @param status  One of velmora_svcmgr_ai_status_e. */
+  /**
+   * An event of work on models.
+   *
+   * @param status  One of velmora_svcmgr_ai_status_e.
+   * @param now     When it is heard.
+   */
   void TakeStatus(int status, TimePoint now);
 
   /** What the rule says; once it has said that the work is over, that stays. */
@@ -2586,7 +2643,9 @@ inline void Work::Event(Core& core, Id id, ModelStatus status) noexcept {
 class [[nodiscard]] Token {
  public:
   Token() noexcept = default;
+  /** Takes over what the other one stands for. */
   Token(Token&& other) noexcept : core_(std::move(other.core_)), id_(std::exchange(other.id_, 0)) {}
+  /** Releases what this one stands for, and takes over the other's. */
   Token& operator=(Token&& other) noexcept {
     if (this == &other) return *this;
     Token former(std::move(*this));
@@ -2669,7 +2728,9 @@ class [[nodiscard]] ModelWork {
 
   /** As for Token. */
   void Release() noexcept { token_.Release(); }
+  /** As for Token. */
   void Detach() noexcept { token_.Detach(); }
+  /** As for Token. */
   bool pending() const noexcept { return token_.pending(); }
 
  private:
@@ -2704,12 +2765,21 @@ inline Verdict ModelWork::TimeIsUp() noexcept {
  */
 class Session {
  public:
+  /** Gets models, or why there are none. */
   using ModelsDone = Callable<void(Outcome<ModelList>)>;
+  /** Gets a text, or why there is none. */
   using TextDone = Callable<void(Outcome<std::string>)>;
+  /** Gets an API level, or why there is none. */
   using LevelDone = Callable<void(Outcome<int>)>;
+  /** Gets success, or why there is none. */
   using Done = Callable<void(Outcome<void>)>;
 
-  /** @param loop  Must outlive the session. */
+  /**
+   * Connects, unless the options say otherwise.
+   *
+   * @param loop     Must outlive the session.
+   * @param options  How it behaves.
+   */
   explicit Session(Loop& loop, Options options = {})
       : core_(std::make_shared<detail::Core>(loop, std::move(options))) {
     core_->Open();
@@ -2801,6 +2871,8 @@ class Session {
    *              must throw nothing but std::bad_alloc, which ends it with SVCMGR_ERROR_OUT_OF_MEMORY.
    *              Requests of the session do not wait for it, so that it must not ask the agent for
    *              anything that takes long. It is not run any more if the token is released before its turn.
+   * @param done  Gets what `call` returned, or why it was not run.
+   * @param limit How long that may take, waiting for its turn included.
    */
   template <typename T>
   Token RunBlocking(Callable<Outcome<T>()> call, Callable<void(Outcome<T>)> done,
@@ -2867,6 +2939,7 @@ class Session {
    * @param models    An empty version stands for the newest.
    * @param progress  Called with each message of the agent, before `end`.
    * @param end       Called once.
+   * @param options   How the work is followed.
    */
   ModelWork Update(std::vector<ModelName> models, Callable<void(const Progress&)> progress,
                    Done end, WorkOptions options = {}) {

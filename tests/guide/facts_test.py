@@ -34,6 +34,12 @@ def section(text, title):
     return found[1]
 
 
+def headings(path):
+    """As links name them."""
+    titles = re.findall(r"^#+ (.*)$", path.read_text(), re.M)
+    return {re.sub(r"[^\w -]", "", title.lower()).replace(" ", "-") for title in titles}
+
+
 def all_guides():
     return {path.name: path.read_text() for path in GUIDES.glob("*.md")}
 
@@ -85,12 +91,16 @@ class TheGuides(unittest.TestCase):
                 self.assertTrue(word in declared or word in programs, f"{name}: {word}")
 
     def test_link_to_what_is_there(self):
-        places = [ROOT / "README.md", ROOT / "examples/README.md", *(ROOT / "docs").rglob("*.md")]
+        places = [*ROOT.glob("*.md"), ROOT / "examples/README.md", ROOT / "tests/README.md", *(ROOT / "docs").rglob("*.md")]
         for place in places:
             prose = re.sub(r"^ *```.*?^ *```$", "", place.read_text(), flags=re.M | re.S)
-            for target in re.findall(r"\]\(([^)#]+)(?:#[^)]*)?\)", prose):
-                if not re.match(r"[a-z]+:", target):
-                    self.assertTrue((place.parent / target).exists(), f"{place}: {target}")
+            for path, fragment in re.findall(r"\]\(([^)#]*)(?:#([^)]*))?\)", prose):
+                if re.match(r"[a-z]+:", path):
+                    continue
+                target = place.parent / path if path else place
+                self.assertTrue(target.exists(), f"{place}: {path}")
+                if fragment:
+                    self.assertIn(fragment, headings(target), f"{place}: {path}#{fragment}")
 
     def test_are_listed_in_their_index(self):
         listed = set(re.findall(r"\]\(([\w-]+\.md)\)", guide("README.md")))
