@@ -99,7 +99,7 @@ TEST_F(ClientLevel, OfAFolderWithoutMarkersIsNotFound) {
       RunScripted(Script(R"("result": -1073741822)"), {"client-level", folder_.path()});
   EXPECT_EQ(ending.status, 4);
   EXPECT_EQ(ending.output, "");
-  EXPECT_THAT(ending.errors, HasSubstr("has a marker (SVCMGR_ERROR_NOT_SUPPORTED)"));
+  EXPECT_THAT(ending.errors, HasSubstr("has a marker; link the marker"));
 }
 
 TEST_F(ClientLevel, IsFailedWithThoseFilesThatSayWhy) {

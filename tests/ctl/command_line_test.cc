@@ -76,11 +76,12 @@ TEST(AWrongCommandLine, IsReportedAsJsonWhereverTheOptionStands) {
     arguments.push_back("--json");
     const Ending ending = RunScripted("{}", arguments);
     EXPECT_EQ(ending.status, 2) << row.message;
-    EXPECT_EQ(
-        nlohmann::json::parse(ending.errors),
-        nlohmann::json(
-            {{"error",
-              {{"code", nullptr}, {"name", "USAGE"}, {"message", row.message}, {"exit", 2}}}}));
+    EXPECT_EQ(nlohmann::json::parse(ending.errors), nlohmann::json({{"error",
+                                                                     {{"code", nullptr},
+                                                                      {"name", "USAGE"},
+                                                                      {"message", row.message},
+                                                                      {"exit", 2},
+                                                                      {"remedy", nullptr}}}}));
   }
 }
 
@@ -134,7 +135,8 @@ Ending RunLogging(const char* level, std::vector<std::string> arguments) {
 
 TEST(TheLog, IsAtTheLevelOfTheEnvironmentUnlessAnOptionChoosesIt) {
   constexpr char kError[] =
-      "svcmgrctl: error: the agent is not running (SVCMGR_ERROR_CONNECTION_FAILED)\n";
+      "svcmgrctl: error: the agent is not running; start it; without a device: "
+      "svcmgr-sim run demo -- \u2026 (SVCMGR_ERROR_CONNECTION_FAILED)\n";
   const struct {
     const char* level;
     std::vector<std::string> arguments;
@@ -160,7 +162,8 @@ TEST(TheLog, IsNotOnATerminalUnlessItIsAskedFor) {
     return RunWith(start, R"({"connect": {"log": true, "result": -1}})").output;
   };
   constexpr char kError[] =
-      "svcmgrctl: error: the agent is not running (SVCMGR_ERROR_CONNECTION_FAILED)\r\n";
+      "svcmgrctl: error: the agent is not running; start it; without a device: "
+      "svcmgr-sim run demo -- \u2026 (SVCMGR_ERROR_CONNECTION_FAILED)\r\n";
   start.environment = {{"VELMORA_LOG_LEVEL", "verbose"}};
   EXPECT_EQ(shown({"api-level"}), kError);
   EXPECT_EQ(shown({"api-level", "-v"}), std::string("a record at info\r\n") + kError);

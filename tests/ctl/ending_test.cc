@@ -109,7 +109,9 @@ TEST(ATimeLimit, EndsEveryCommandThatGetsNoAnswer) {
     for (const char* script : {kSilent, kNeverConnected}) {
       const Ending ending = RunScripted(script, With(command, {"--timeout", "0.02"}));
       EXPECT_EQ(ending.status, 7) << command.back() << script;
-      EXPECT_EQ(ending.errors, "svcmgrctl: error: the agent did not answer within 0.02 s\n");
+      EXPECT_EQ(ending.errors,
+                "svcmgrctl: error: the agent did not answer within 0.02 s; try again, or wait "
+                "longer with --timeout\n");
     }
 }
 
@@ -118,7 +120,8 @@ TEST(ATimeLimit, HoldsForTheSecondQuestionOfACommandToo) {
       RunScripted(kVersionsSilent, {"models", "versions", "vision", "--timeout=0.02", "--json"});
   EXPECT_EQ(ending.status, 7);
   EXPECT_EQ(ending.errors, R"({"error":{"code":null,"name":"TIMEOUT",)"
-                           R"("message":"the agent did not answer within 0.02 s","exit":7}})"
+                           R"("message":"the agent did not answer within 0.02 s","exit":7,)"
+                           R"("remedy":"try again, or wait longer with --timeout"}})"
                            "\n");
 }
 
@@ -138,7 +141,9 @@ TEST(ALostConnection, EndsEveryWaitAtOnce) {
   for (const Arguments& command : kCommands) {
     const Ending ending = RunScripted(kDropped, With(command, {"--timeout", "0"}));
     EXPECT_EQ(ending.status, 6) << command.back();
-    EXPECT_EQ(ending.errors, "svcmgrctl: error: the connection to the agent was lost\n");
+    EXPECT_EQ(ending.errors,
+              "svcmgrctl: error: the connection to the agent was lost; try again; 'svcmgrctl "
+              "doctor' tells whether the agent is back\n");
   }
 }
 
@@ -152,7 +157,9 @@ TEST(ALostConnection, IsTheReasonThatCountsWhenACallFailsBecauseOfIt) {
   for (const FailedCall& row : rows) {
     const Ending ending = RunScripted(row.script, row.command);
     EXPECT_EQ(ending.status, row.status) << row.script;
-    EXPECT_EQ(ending.errors, "svcmgrctl: error: the connection to the agent was lost\n");
+    EXPECT_EQ(ending.errors,
+              "svcmgrctl: error: the connection to the agent was lost; try again; 'svcmgrctl "
+              "doctor' tells whether the agent is back\n");
   }
 }
 
@@ -198,7 +205,8 @@ TEST(AFullDisk, FailsWithAMessage) {
   close(start.standard_output);
   EXPECT_EQ(ending.status, 1);
   EXPECT_EQ(ending.errors,
-            "svcmgrctl: error: cannot write to standard output: No space left on device\n");
+            "svcmgrctl: error: cannot write to standard output: No space left on device; make "
+            "room, or write elsewhere\n");
 }
 
 TEST(AFullDisk, EndsWhatIsFollowed) {

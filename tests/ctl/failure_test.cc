@@ -56,17 +56,30 @@ TEST(AFailure, OfAnUnknownCodeIsAPlainOneThatShowsTheNumber) {
 
 TEST(AFailure, KeepsItsCodeWhenTheMessageAndTheExitCodeAreReplaced) {
   const Failure failure =
-      FailureOf(SVCMGR_ERROR_INVALID_PARAMETER, "no such category", kExitNotFound);
+      FailureOf(SVCMGR_ERROR_INVALID_PARAMETER, "no such category", kExitNotFound, "install it");
   EXPECT_EQ(failure.code, -22);
+  EXPECT_EQ(RemedyFor(failure), "install it");
   EXPECT_EQ(failure.message, "no such category");
   EXPECT_EQ(failure.exit, kExitNotFound);
 }
 
-TEST(AFailure, IsAJsonObjectWithFourKeysInOrder) {
-  EXPECT_EQ(ToJson(FailureOf(-107)).dump(), R"({"code":-107,"name":"SVCMGR_ERROR_NOT_CONNECTED",)"
-                                            R"("message":"not connected to the agent","exit":6})");
-  EXPECT_EQ(ToJson({std::nullopt, "TIMEOUT", "late", kExitTimeout}).dump(),
-            R"({"code":null,"name":"TIMEOUT","message":"late","exit":7})");
+TEST(AFailure, IsAJsonObjectWithFiveKeysInOrder) {
+  EXPECT_EQ(ToJson(FailureOf(-107)).dump(),
+            R"({"code":-107,"name":"SVCMGR_ERROR_NOT_CONNECTED",)"
+            R"("message":"not connected to the agent","exit":6,)"
+            R"("remedy":"try again; 'svcmgrctl doctor' looks for the reason"})");
+  EXPECT_EQ(ToJson({std::nullopt, "USAGE", "wrong", kExitUsage}).dump(),
+            R"({"code":null,"name":"USAGE","message":"wrong","exit":2,"remedy":null})");
+}
+
+TEST(AFailure, HasTheRemedyOfItsNameUnlessItKnowsABetterOne) {
+  EXPECT_EQ(RemedyFor(FailureOf(SVCMGR_ERROR_NOT_SUPPORTED)),
+            "without a device: svcmgr-sim run demo -- \u2026");
+  for (const Row& row : kRows) EXPECT_THAT(RemedyFor(FailureOf(row.code)), Not(testing::IsEmpty()));
+  EXPECT_EQ(RemedyFor({std::nullopt, "TIMEOUT", "late", kExitTimeout}),
+            "try again, or wait longer with --timeout");
+  EXPECT_EQ(RemedyFor({std::nullopt, "TIMEOUT", "late", kExitTimeout, "sleep"}), "sleep");
+  EXPECT_EQ(RemedyFor({std::nullopt, "TIMEOUT", "late", kExitTimeout, ""}), "");
 }
 
 TEST(TheTableOfExitCodes, NamesEveryCodeOnItsOwnLine) {

@@ -118,7 +118,8 @@ TEST(WorkOnModels, ThatFailsEndsWithTheStatusOfWhatTheAgentSays) {
       {Work(Progress(-1073741826, 3, 0, 1, 0)), 9, "a: the KYR feature is disabled"},
       {Work(Progress(-13, 3, 0, 1, 0)), 3, "a: permission denied"},
       {Work(Progress(-1073741829, 1, 1, 1, 0)), 1, "a: the agent reports its result 6"},
-      {Work(Progress(0, 3, 1, 1, 50)), 1, "a: the agent reports that the work has failed\n"},
+      {Work(Progress(0, 3, 1, 1, 50)), 1,
+       "a: the agent reports that the work has failed; try again; the agent says no more"},
       {Work(Progress(-38, 3, 1, 1, 50), R"(, "versions": {"models": [{"id": "a"}]})"), 1,
        "a: the operation could not be carried out"},
       {Work(Progress(-38, 3, 1, 1, 50), R"(, "versions": {"error": -13})"), 1,
@@ -128,7 +129,8 @@ TEST(WorkOnModels, ThatFailsEndsWithTheStatusOfWhatTheAgentSays) {
        4, "there is no usable model 'a'; did you mean 'aa'\n"},
       {R"({"work": {"result": -1073741827}})", 5, "the installed agent is too old for this"},
       {R"({"work": {"result": -38}})", 1, "the operation could not be carried out"},
-      {R"({"work": {"drop": true, "result": -38}})", 6, "the connection to the agent was lost\n"},
+      {R"({"work": {"drop": true, "result": -38}})", 6,
+       "the connection to the agent was lost; try again"},
   };
   for (const Failing& row : rows) {
     const Ending people = RunScripted(row.script, {"models", "update", "a"});
@@ -146,7 +148,9 @@ TEST(WorkOnModels, OfAVersionThatTheAgentDoesNotListIsNotFound) {
       Work(Progress(-38, 3, 1, 1, 0), R"(, "versions": {"models": [{"id": "a", "version": "1"}]})"),
       {"models", "update", "a@2"});
   EXPECT_EQ(ending.status, 4);
-  EXPECT_EQ(ending.errors, "svcmgrctl: error: there is no version '2' of 'a'\n");
+  EXPECT_EQ(ending.errors,
+            "svcmgrctl: error: there is no version '2' of 'a'; 'svcmgrctl models versions a' shows "
+            "those that there are\n");
 }
 
 TEST(WorkOnModels, ThatRemovesWhatIsNotThereIsNotFound) {
@@ -191,7 +195,7 @@ TEST(WorkOnModels, ThatNeverEndsIsEndedByTheTimeLimit) {
   EXPECT_EQ(
       ending.errors,
       "svcmgrctl: error: the agent said nothing for 0.1 s; how the update of a (1 of 2, 40 %) "
-      "ends is not known\n");
+      "ends is not known; 'svcmgrctl watch' tells how it goes on\n");
 }
 
 TEST(WorkOnModels, WhoseAgentIsGoneIsNotFollowedAnyMore) {
@@ -201,7 +205,7 @@ TEST(WorkOnModels, WhoseAgentIsGoneIsNotFollowedAnyMore) {
   EXPECT_EQ(
       ending.errors,
       "svcmgrctl: error: the connection to the agent was lost; how the uninstallation of a (1 "
-      "of 1, 40 %) ends is not known\n");
+      "of 1, 40 %) ends is not known; 'svcmgrctl watch' tells how it goes on\n");
 }
 
 TEST(WorkOnModels, ThatIsInterruptedSaysWhatGoesOn) {

@@ -64,7 +64,8 @@ TEST(Status, ShowsWhatFailedBesideWhatDidNotAndEndsWithTheFirstFailure) {
             "Usable models    the installed agent is too old for this\n"
             "Library          2.3.182, API level 11\n");
   EXPECT_EQ(table.errors,
-            "svcmgrctl: error: the KYR feature is disabled (SVCMGR_ERROR_KYR_DISABLED)\n");
+            "svcmgrctl: error: the KYR feature is disabled; have the feature switched on, then try "
+            "again (SVCMGR_ERROR_KYR_DISABLED)\n");
 
   const Ending in_json = RunScripted(script, {"--json", "status"});
   EXPECT_EQ(in_json.status, 9);
@@ -81,20 +82,23 @@ TEST(Status, ShowsWhatFailedBesideWhatDidNotAndEndsWithTheFirstFailure) {
       "code": -1073741826,
       "name": "SVCMGR_ERROR_KYR_DISABLED",
       "message": "the KYR feature is disabled",
-      "exit": 9
+      "exit": 9,
+      "remedy": "have the feature switched on, then try again"
     },
     {
       "part": "usable_models",
       "code": -1073741827,
       "name": "SVCMGR_ERROR_UNSUPPORTED_AGENT_VERSION",
       "message": "the installed agent is too old for this",
-      "exit": 5
+      "exit": 5,
+      "remedy": "have the agent updated with 'svcmgrctl update'"
     }
   ]
 }
 )");
   EXPECT_EQ(in_json.errors, R"({"error":{"code":-1073741826,"name":"SVCMGR_ERROR_KYR_DISABLED",)"
-                            R"("message":"the KYR feature is disabled","exit":9}})"
+                            R"("message":"the KYR feature is disabled","exit":9,)"
+                            R"("remedy":"have the feature switched on, then try again"}})"
                             "\n");
 }
 
@@ -154,7 +158,9 @@ TEST(License, ThatTheAgentDoesNotHaveIsAFailure) {
   EXPECT_EQ(ending.status, 1);
   EXPECT_EQ(ending.output, "");
   EXPECT_EQ(ending.errors,
-            "svcmgrctl: error: the agent has no licence text, or could not be asked\n");
+            "svcmgrctl: error: the agent has no licence text, or could not be asked; try again; an "
+            "agent that "
+            "answers so again has none\n");
 }
 
 TEST(TheListOfModels, IsAlignedByTheCellsOfItsTexts) {
@@ -218,7 +224,8 @@ TEST(TheListOfModels, OfACategoryThatNobodyDeclaresIsNotFound) {
                                     {"models", "list", "--category", "kitchen"});
   EXPECT_EQ(ending.status, 4);
   EXPECT_EQ(ending.errors,
-            "svcmgrctl: error: no application declares the category 'kitchen' "
+            "svcmgrctl: error: no application declares the category 'kitchen'; install the "
+            "application that does "
             "(SVCMGR_ERROR_INVALID_PARAMETER)\n");
 }
 
@@ -289,7 +296,8 @@ TEST(TheVersionsOfAModel, ThatThereIsNotAreNotFoundAndSimilarNamesSuggested) {
             "'visor'\n");
   EXPECT_EQ(RunScripted(usable, {"models", "versions", "far away", "--json"}).errors,
             R"({"error":{"code":null,"name":"NOT_FOUND",)"
-            R"("message":"there is no usable model 'far away'","exit":4}})"
+            R"("message":"there is no usable model 'far away'","exit":4,)"
+            R"("remedy":"'svcmgrctl models list' shows those that there are"}})"
             "\n");
 }
 

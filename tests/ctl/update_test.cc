@@ -134,7 +134,9 @@ TEST(AnUpdate, ThatIsRefusedEndsWithTheStatusOfTheRefusal) {
 TEST(AnUpdate, ThatIsRefusedBecauseTheAgentIsGoneSaysSo) {
   const Ending ending = RunScripted(R"({"update": {"drop": true, "result": -107}})", {"update"});
   EXPECT_EQ(ending.status, 6);
-  EXPECT_EQ(ending.errors, "svcmgrctl: error: the connection to the agent was lost\n");
+  EXPECT_EQ(ending.errors,
+            "svcmgrctl: error: the connection to the agent was lost; try again; 'svcmgrctl doctor' "
+            "tells whether the agent is back\n");
 }
 
 TEST(AnUpdate, GoesOnThroughALossOfTheConnectionThatIsReported) {
@@ -156,7 +158,7 @@ TEST(AnUpdate, IsEndedByTheTimeLimitWhenTheAgentIsSilent) {
   EXPECT_EQ(ending.status, 7);
   EXPECT_EQ(ending.errors,
             "svcmgrctl: error: the agent said nothing for 0.1 s; how the update ends "
-            "is not known\n");
+            "is not known; 'svcmgrctl watch' tells how it goes on\n");
 }
 
 TEST(AnUpdate, IsNotEndedByTheTimeLimitAsLongAsTheAgentSpeaks) {
@@ -190,7 +192,9 @@ TEST(AnUpdate, ThatIsInterruptedWithoutAConnectionIsNotSaidToGoOn) {
   start.interrupt_when_shown = "SVCMGR_CONNECTION_STATE_DISCONNECTED";
   const Ending ending = RunWith(start, Update(R"({"update": 0}, {"connection": [0, 1]})"));
   EXPECT_EQ(ending.status, 130);
-  EXPECT_EQ(ending.errors, "svcmgrctl: error: interrupted; how the update ends is not known\n");
+  EXPECT_EQ(ending.errors,
+            "svcmgrctl: error: interrupted; how the update ends is not known; 'svcmgrctl watch' "
+            "tells how it goes on\n");
 }
 
 TEST(AnUpdate, ThatWasNotTakenYetIsNotSaidToGoOn) {

@@ -136,11 +136,13 @@ Failure FailureFrom(const Level& found, const std::string& folder) {
     return FailureOf(found.code);
   std::error_code error;
   const bool is_link = fs::is_symlink(folder, error);
-  return FailureOf(found.code,
-                   is_link
-                       ? "'" + folder + "' is a symbolic link, which the library does not follow"
-                       : "no file below '" + folder + "' has a marker",
-                   kExitNotFound);
+  return FailureOf(
+      found.code,
+      is_link ? "'" + folder + "' is a symbolic link, which the library does not follow"
+              : "no file below '" + folder + "' has a marker",
+      kExitNotFound,
+      is_link ? "name the folder that it leads to"
+              : "link the marker into the application, as the manual of the library says");
 }
 
 void ShowLevel(Session& session, Console& console, const std::string& given) {

@@ -26,6 +26,7 @@ constexpr char kExamples[] = R"(Examples:
   svcmgrctl models versions ID           the versions of one of them
   svcmgrctl models update ID[@VERSION]   install or update a model, and follow the work
   svcmgrctl client-level -v DIR          the level of an application, and what makes it
+  svcmgrctl explain -107                 what a number or a name means, and what to do
   svcmgrctl models list --json | jq -r '.models[].id'
 
 Data goes to standard output, messages to standard error. With --json both are JSON documents, one
@@ -195,6 +196,7 @@ void ReadCommandLine(int argc, const char* const* argv, Invocation* invocation) 
   AddUpdateCommands(app, &invocation->command);
   AddModelCommands(app, &invocation->command);
   AddWatchCommand(app, &invocation->command);
+  AddExplainCommand(app, &invocation->command);
   std::string exit_codes = ExitCodeTable();
   exit_codes.pop_back();  // help ends the line itself
   app.footer(kExamples + ("\nExit status:\n" + exit_codes));

@@ -30,6 +30,8 @@ void AddModelCommands(CLI::App& app, Command* chosen);
 void AddModelWorkCommands(CLI::App& models, Command* chosen);
 /** client-level */
 void AddClientLevelCommand(CLI::App& app, Command* chosen);
+/** explain */
+void AddExplainCommand(CLI::App& app, Command* chosen);
 /** watch */
 void AddWatchCommand(CLI::App& app, Command* chosen);
 

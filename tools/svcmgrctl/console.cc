@@ -84,10 +84,12 @@ std::string Dump(const Json& json, int indent) {
 }  // namespace
 
 Json ToJson(const Failure& failure) {
+  const std::string remedy = RemedyFor(failure);
   return {{"code", failure.code ? Json(*failure.code) : Json()},
           {"name", failure.name},
           {"message", Shortened(failure.message)},
-          {"exit", static_cast<int>(failure.exit)}};
+          {"exit", static_cast<int>(failure.exit)},
+          {"remedy", remedy.empty() ? Json() : Json(remedy)}};
 }
 
 Console::Console(const Options& options)
@@ -162,6 +164,7 @@ void Console::Error(const Failure& failure) const {
   }
   std::string line = "svcmgrctl: " + Painted("error:", Tone::kBad, err_color_) + " " +
                      ForTerminal(Shortened(failure.message));
+  if (const std::string remedy = RemedyFor(failure); !remedy.empty()) line += "; " + remedy;
   if (failure.code) line += " (" + failure.name + ")";
   WriteAll(STDERR_FILENO, line + "\n");
 }

@@ -16,7 +16,7 @@ namespace svcmgrctl {
 /** Keys keep the order in which they are written down. */
 using Json = nlohmann::ordered_json;
 
-/** A failure as a JSON object: code, name, message, exit. */
+/** A failure as a JSON object: code, name, message, exit, remedy. */
 Json ToJson(const Failure& failure);
 
 /**

@@ -6,28 +6,10 @@
 #include <utility>
 #include <velmora_svcmgr.hpp>
 
+#include "explanations.h"
+
 namespace svcmgrctl {
 namespace {
-
-struct ExitCodeRow {
-  ExitCode exit;
-  const char* meaning;
-};
-
-constexpr ExitCodeRow kExitCodes[] = {
-    {kExitDone, "done"},
-    {kExitFailed, "failed"},
-    {kExitUsage, "the command line is wrong"},
-    {kExitPermission, "permission denied"},
-    {kExitNotFound, "no such model, category, folder or marker"},
-    {kExitAgentMissing, "the agent is not installed, or too old"},
-    {kExitNoConnection, "no connection to the agent"},
-    {kExitTimeout, "the agent did not answer in time"},
-    {kExitNoSpace, "no storage left on the device"},
-    {kExitKyrDisabled, "the KYR feature is disabled"},
-    {kExitInterrupted, "interrupted (SIGINT)"},
-    {kExitTerminated, "terminated (SIGTERM)"},
-};
 
 struct ErrorRow {
   int code;
@@ -51,11 +33,16 @@ constexpr ErrorRow kErrors[] = {
 
 std::string ExitCodeTable() {
   std::string table;
-  for (const ExitCodeRow& row : kExitCodes) {
-    std::string code = std::to_string(row.exit);
-    table += std::string(5 - code.size(), ' ') + code + "  " + row.meaning + "\n";
+  for (const Explanation& each : Explanations()) {
+    if (each.family != Family::kExitStatus) continue;
+    const std::string code = std::to_string(each.number);
+    table += std::string(5 - code.size(), ' ') + code + "  " + std::string(each.meaning) + "\n";
   }
   return table;
+}
+
+std::string RemedyFor(const Failure& failure) {
+  return failure.remedy ? *failure.remedy : std::string(HintFor(failure.name));
 }
 
 Failure FailureOf(vs::Error error) {
@@ -80,9 +67,10 @@ Failure FailureOf(int code, std::string message) {
   return failure;
 }
 
-Failure FailureOf(int code, std::string message, ExitCode exit) {
+Failure FailureOf(int code, std::string message, ExitCode exit, std::string remedy) {
   Failure failure = FailureOf(code, std::move(message));
   failure.exit = exit;
+  failure.remedy = std::move(remedy);
   return failure;
 }
 

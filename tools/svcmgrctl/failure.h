@@ -39,7 +39,13 @@ struct Failure {
   /** For people, not yet made safe for a terminal. */
   std::string message;
   ExitCode exit = kExitFailed;
+  /** What a person does about it, in a few words; absent where the name says enough for that, empty
+   *  where there is nothing to say. */
+  std::optional<std::string> remedy = std::nullopt;
 };
+
+/** What a person does about a failure, in a few words; empty where there is nothing to say. */
+std::string RemedyFor(const Failure& failure);
 
 /** The failure that an error stands for. Codes that are not in the header, which a newer library may
  *  return, make a plain failure. */
@@ -51,8 +57,9 @@ Failure FailureOf(int code);
 /** The same, with a message that knows more than the code does. */
 Failure FailureOf(int code, std::string message);
 
-/** The same, with another exit code too. */
-Failure FailureOf(int code, std::string message, ExitCode exit);
+/** The same, with another exit code too: another failure than that which the code usually stands for,
+ *  with a remedy of its own. */
+Failure FailureOf(int code, std::string message, ExitCode exit, std::string remedy);
 
 }  // namespace svcmgrctl
 

@@ -227,7 +227,8 @@ class ModelWork {
     if (found) return std::nullopt;
     return Failure{std::nullopt, "NOT_FOUND",
                    "there is no version '" + *wanted.version + "' of '" + *wanted.id + "'",
-                   kExitNotFound};
+                   kExitNotFound,
+                   "'svcmgrctl models versions " + *wanted.id + "' shows those that there are"};
   }
 
   /** The end of waiting is not the end of the work. */
@@ -236,10 +237,12 @@ class ModelWork {
     const std::string where = std::string(kind_.doing) + " of " + NameOf(models_[model]) + " (" +
                               std::to_string(model + 1) + " of " + std::to_string(models_.size()) +
                               ", " + std::to_string(progress_->PercentOf(model)) + " %)";
-    if (failure->exit == kExitTimeout || failure->exit == kExitNoConnection)
+    if (failure->exit == kExitTimeout || failure->exit == kExitNoConnection) {
       failure->message += "; how the " + where + " ends is not known";
-    else if (failure->exit >= kExitInterrupted)
+      failure->remedy = kHowItGoesOn;
+    } else if (failure->exit >= kExitInterrupted) {
       failure->message += "; the agent goes on with the " + where;
+    }
   }
 
   Session& session_;

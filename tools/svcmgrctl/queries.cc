@@ -81,7 +81,8 @@ std::vector<Model> AskModelsOfCategory(Session& session, const std::string& cate
 } catch (const Failure& failure) {
   if (failure.code != SVCMGR_ERROR_INVALID_PARAMETER) throw;
   throw FailureOf(SVCMGR_ERROR_INVALID_PARAMETER,
-                  "no application declares the category '" + category + "'", kExitNotFound);
+                  "no application declares the category '" + category + "'", kExitNotFound,
+                  "install the application that does");
 }
 
 std::vector<Model> AskVersions(Session& session, const Model& model) {
@@ -95,11 +96,14 @@ Failure NoSuchModel(const std::string& id, const std::vector<Model>& models) {
   for (const Model& model : models) ids.push_back(model.id.value_or(""));
   std::string message = "there is no usable model '" + id + "'";
   const char* separator = "; did you mean ";
-  for (const std::string& similar : SimilarTo(id, ids)) {
-    message += separator + ("'" + similar + "'");
+  const std::vector<std::string> similar = SimilarTo(id, ids);
+  for (const std::string& each : similar) {
+    message += separator + ("'" + each + "'");
     separator = " or ";
   }
-  return {std::nullopt, "NOT_FOUND", message, kExitNotFound};
+  Failure failure = {std::nullopt, "NOT_FOUND", message, kExitNotFound};
+  if (similar.empty()) failure.remedy = "'svcmgrctl models list' shows those that there are";
+  return failure;
 }
 
 }  // namespace svcmgrctl

@@ -8,6 +8,8 @@
 #include <csignal>
 #include <utility>
 
+#include "explanations.h"
+
 namespace svcmgrctl {
 namespace {
 
@@ -104,7 +106,8 @@ void Session::OnConnection(vs::ConnectionReport report) {
       connected_ = true;
       break;
     case SVCMGR_CONNECTION_STATE_REJECTED:
-      End(FailureOf(report.result, "the agent refused the connection", kExitPermission));
+      End(FailureOf(report.result, "the agent refused the connection", kExitPermission,
+                    std::string(HintFor(vs::Error(SVCMGR_ERROR_PERMISSION_DENIED).name()))));
       break;
     default:
       if (!goes_on) End(FailureOf(vs::Error(vs::kConnectionLost)));

@@ -7,6 +7,7 @@
 
 #include "clock.h"
 #include "commands.h"
+#include "explanations.h"
 #include "statuses.h"
 #include "subscriptions.h"
 #include "terminal_text.h"
@@ -84,7 +85,8 @@ class Update {
       if (news.kind == News::kConnection) throw FailureOf(vs::Error(vs::kConnectionLost));
     // The library's code for every failure but two; the connection stands.
     if (failure.name == vs::Error(vs::kNotTaken).name())
-      throw FailureOf(SVCMGR_ERROR_NOT_CONNECTED, failure.message, kExitFailed);
+      throw FailureOf(SVCMGR_ERROR_NOT_CONNECTED, failure.message, kExitFailed,
+                      std::string(HintFor(failure.name)));
     throw failure;
   }
 
@@ -147,9 +149,10 @@ class Update {
     if (failure->exit == kExitTimeout && lost_) {
       *failure = {std::nullopt, "CONNECTION_LOST",
                   "the connection to the agent was lost in the update, and " + failure->message,
-                  kExitNoConnection};
+                  kExitNoConnection, kHowItGoesOn};
     } else if (failure->exit == kExitTimeout || lost_) {
       failure->message += "; how the update ends is not known";
+      failure->remedy = kHowItGoesOn;
     } else if (failure->exit >= kExitInterrupted) {
       failure->message += "; the agent goes on with the update";
     }

@@ -12,6 +12,9 @@ namespace svcmgrctl {
 /** Seconds between two pictures of work that goes on. */
 inline constexpr double kPictureSeconds = 0.1;
 
+/** What a person may do who does not wait for the end of work. */
+inline constexpr char kHowItGoesOn[] = "'svcmgrctl watch' tells how it goes on";
+
 /** What is told of one piece of the agent's work, from the request to its end. */
 class WorkReport {
  public:
