@@ -33,7 +33,13 @@ struct Watched {
 
 void CloseAllBut(int kept) {
   const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
-  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) dup2(nothing, fd);
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    if (nothing < 0) {
+      close(fd);
+    } else {
+      dup2(nothing, fd);
+    }
+  }
   if (kept != kLifelineFd) dup2(kept, kLifelineFd);
   const unsigned first = kLifelineFd + 1;
   if (syscall(SYS_close_range, first, ~0u, 0u) != 0) {
