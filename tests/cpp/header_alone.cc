@@ -30,7 +30,9 @@ vs::Token AskAll(vs::Session& session) {
   session.RequestUpdate({"an agent"}, nullptr).Detach();
   session.RunBlocking<int>([]() -> vs::Outcome<int> { return 1; }, nullptr).Detach();
   session.Update({"a model", {"another", "1.0"}}, nullptr, nullptr).Detach();
-  session.Uninstall({"a model"}, nullptr, nullptr, {vs::kNoLimit, vs::kNoLimit, true, nullptr})
+  session
+      .Uninstall({"a model"}, nullptr, nullptr,
+                 {vs::kNoLimit, vs::kNoLimit, vs::Resend::kAfterRestart, nullptr})
       .Detach();
   vs::Outcome<vs::Token> updates = session.OnUpdateStatus([](vs::UpdateStatus) {});
   if (updates) return std::move(*updates);
