@@ -266,6 +266,14 @@ class Loop {
   virtual bool Post(Task task) noexcept = 0;
 
   /**
+   * Runs a task as Post does, but after everything else that is ready, of whatever priority: it looks at
+   * what the others have found out, such as the loss of the connection. A loop that serves the GLib
+   * context once between two of its own tasks needs no other implementation than this one. Called on
+   * the main-loop thread.
+   */
+  virtual bool PostLast(Task task) noexcept { return Post(std::move(task)); }
+
+  /**
    * Runs a task on the main-loop thread, once, when a time has passed; never inside this call. Called
    * on the main-loop thread.
    *
@@ -1576,6 +1584,9 @@ class Core : public std::enable_shared_from_this<Core> {
     return TaskQueue::Make(Here(std::move(function)));
   }
   void Post(std::unique_ptr<TaskQueue::Node> prepared) noexcept;
+  // After everything else that is ready. False if the loop does not take it now.
+  template <typename F>
+  bool PostLast(F function) noexcept;
   // Any thread. Where a callback must not run at once: on another thread, or inside a request.
   bool MustDefer() const noexcept {
     return pthread_equal(thread_, pthread_self()) == 0 || sending_ > 0;
@@ -1777,6 +1788,12 @@ inline void Core::Announce() noexcept {
     });
     if (!turn || !loop_->Post(std::move(turn))) return;
   }
+}
+
+template <typename F>
+bool Core::PostLast(F function) noexcept {
+  auto task = Here(std::move(function));
+  return task && loop_ != nullptr && loop_->PostLast(std::move(task));
 }
 
 inline void Core::AnnounceAgain() noexcept {
@@ -2216,7 +2233,8 @@ inline void Core::SendNow(const std::shared_ptr<Entry>& entry) noexcept {
 }
 
 // A call that fails because the agent died may return before the loss is known. What is ready in the
-// main loop by now has run when the second of two posted tasks runs.
+// main loop by now has run when the second of two tasks runs that were posted one after the other: a
+// platform may hold back the news of a loss until nothing else is ready.
 inline void Core::Doubt(Id id, Error error) noexcept {
   const auto found = entries_.find(id);
   if (found == entries_.end()) return;
@@ -2235,8 +2253,8 @@ inline void Core::Doubt(Id id, Error error) noexcept {
     Entry* const still = core.Find(id);
     if (still != nullptr && still->stage == Entry::Stage::kDoubtful) core.EndLater(id, error);
   };
-  if (!Post([decide](Core& core) {
-        if (!core.Post(decide)) decide(core);
+  if (!PostLast([decide](Core& core) {
+        if (!core.PostLast(decide)) decide(core);
       }))
     EndLater(id, error);
 }

@@ -26,13 +26,20 @@ namespace velmora::svcmgr {
 class GlibLoop final : public Loop {
  public:
   bool Post(Task task) noexcept override {
-    return Attach(g_idle_source_new(), std::move(task)) != 0;
+    return Attach(g_idle_source_new(), G_PRIORITY_DEFAULT, std::move(task)) != 0;
   }
 
-  /** Times above 49 days are cut to that. */
+  bool PostLast(Task task) noexcept override {
+    return Attach(g_idle_source_new(), G_PRIORITY_DEFAULT_IDLE, std::move(task)) != 0;
+  }
+
   TimerId StartTimer(Milliseconds delay, Task task) noexcept override {
-    const auto limited = std::clamp<Milliseconds::rep>(delay.count(), 0, G_MAXUINT);
-    return Attach(g_timeout_source_new(static_cast<guint>(limited)), std::move(task));
+    // What a source takes as an interval ends at 49 days.
+    GSource* const source = g_timeout_source_new(G_MAXUINT);
+    const gint64 now = g_get_monotonic_time();
+    const auto limited = std::clamp<Milliseconds::rep>(delay.count(), 0, (G_MAXINT64 - now) / 1000);
+    g_source_set_ready_time(source, now + limited * 1000);
+    return Attach(source, G_PRIORITY_DEFAULT, std::move(task));
   }
 
   void CancelTimer(TimerId timer) noexcept override {
@@ -41,11 +48,11 @@ class GlibLoop final : public Loop {
   }
 
  private:
-  static guint Attach(GSource* source, Task task) noexcept {
+  static guint Attach(GSource* source, gint priority, Task task) noexcept {
     auto* const kept = new (std::nothrow) Task(std::move(task));
     guint id = 0;
     if (kept != nullptr) {
-      g_source_set_priority(source, G_PRIORITY_DEFAULT);
+      g_source_set_priority(source, priority);
       g_source_set_callback(source, Run, kept, Delete);
       id = g_source_attach(source, nullptr);
     }
