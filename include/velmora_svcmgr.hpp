@@ -1073,7 +1073,10 @@ inline constexpr Milliseconds kEventsBelievedAfter{2000};
  *  - without such a message: when the events tell of an end (WorkSight::by_events), and nothing more
  *    is heard for two seconds, or the time is up.
  *
- * Other states, or a percentage of 100, do not end it.
+ * Other states, or a percentage of 100, do not end it. So an agent that sends no final message leaves the
+ * end unknown where its events are not heard, as without a session bus, or are overtaken by its
+ * messages: an event and a message take different ways. Such work goes on until one of the limits of
+ * WorkOptions is over; give each work one.
  */
 inline Verdict StandardEnd(const WorkSight& sight) noexcept {
   if (sight.report != nullptr) {

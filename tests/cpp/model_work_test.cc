@@ -107,6 +107,29 @@ TEST_F(AWork, EndsByEventsWhereTheFinalMessageIsMissing) {
   EXPECT_TRUE(work.ended_by_events());
 }
 
+TEST_F(AWork, WhoseEndAMessageOvertakesEndsWithTheLimitOfSilence) {
+  vs::WorkOptions options;
+  options.silence_limit = 30s;
+  Update({"a"}, std::move(options));
+  Event("START");
+  Event("COMPLETED");
+  Report(ReportOf(1, 1, 100));
+  loop.Pass(29s);
+  EXPECT_THAT(ends, IsEmpty());
+  loop.Pass(2s);
+  EXPECT_THAT(ends, ElementsAre("TIMEOUT"));
+}
+
+TEST_F(AWork, WhoseBeginningWasNotHeardEndsWithTheLimitOfSilence) {
+  vs::WorkOptions options;
+  options.silence_limit = 30s;
+  Update({"a"}, std::move(options));
+  Report(ReportOf(1, 1, 100));
+  Event("COMPLETED");
+  loop.Pass(31s);
+  EXPECT_THAT(ends, ElementsAre("TIMEOUT"));
+}
+
 TEST_F(AWork, DoesNotBelieveEventsOfWhatWasBeforeTheRequest) {
   vs::Options options;
   Open(std::move(options));
