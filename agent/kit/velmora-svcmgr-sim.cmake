@@ -16,7 +16,8 @@ endif()
 # ends with 0 and the conditions, which are those of `svcmgr-sim expect`, come true one after the other. The trace is
 # shown with the test's output, which CTest prints if it fails. A scenario is the name of one that ships, or a file (with a
 # slash, or ending in .json), relative to the current source folder; the command may be the name of an executable target.
-# Such tests may run side by side (ctest -j).
+# A script that the command runs finds svcmgr-sim at the end of its PATH (CMake 3.22 and later), for `svcmgr-sim send` and
+# `expect`. Such tests may run side by side (ctest -j).
 function(svcmgr_sim_test)
   set(single NAME SCENARIO TIMEOUT TIME_SCALE APP_ID APP_VERSION APP_ROOT WORKING_DIRECTORY)
   set(multiple COMMAND EXPECT ENVIRONMENT LABELS)
@@ -64,5 +65,6 @@ function(svcmgr_sim_test)
     COMMAND ${sim} run ${arg_SCENARIO} ${options} -- ${command}
     ${folder} COMMAND_EXPAND_LISTS)
   set_tests_properties(${arg_NAME} PROPERTIES
-    TIMEOUT ${arg_TIMEOUT} ENVIRONMENT "${arg_ENVIRONMENT}" LABELS "${arg_LABELS}")
+    TIMEOUT ${arg_TIMEOUT} ENVIRONMENT "${arg_ENVIRONMENT}" LABELS "${arg_LABELS}"
+    ENVIRONMENT_MODIFICATION "PATH=path_list_append:$<TARGET_FILE_DIR:velmora-svcmgr::svcmgr-sim>")
 endfunction()
