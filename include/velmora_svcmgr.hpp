@@ -71,9 +71,9 @@
  *  6. A refused subscription to the agent's announcements: not survived; a restart shows as a loss.
  *  7. Restarts that are not reported: found by looking, four times a second, as long as a request is
  *     under way or the session connects, and before each request. State::kRestarting tells. A restart
- *     that is over between two looks shows by silence: queries are sent again; work that says
- *     nothing for Options::restart_patience, or for its own silence limit, is lost, or sent again
- *     where WorkOptions::resend says so.
+ *     that is over between two looks shows by silence: queries are sent again, and so is work, where
+ *     WorkOptions::resend says so, that falls silent with the announcement for five seconds. Other
+ *     work that says nothing for Options::restart_patience is lost, or sent again likewise.
  *  8. Losses that are reported all the same: taken for the restart that they are, if this session has
  *     asked for the update or has heard that it began.
  *  9. Losses that are hidden by an old announcement: found by looking; after Options::restart_patience
@@ -1400,6 +1400,8 @@ class Entry {
   // When it was sent, or last heard of; and how often it was sent.
   TimePoint heard;
   int times_sent = 0;
+  // Work: because it was silent, and nothing was heard of it since.
+  bool asked_again = false;
   Loop::TimerId limit = 0;
   // What it is to end with.
   Error last_word{SVCMGR_ERROR_NONE};
@@ -1630,6 +1632,7 @@ class Core : public std::enable_shared_from_this<Core> {
   static constexpr Milliseconds kLookWhileAwayEvery{2000};
   static constexpr Milliseconds kNudgeEvery{1000};
   static constexpr Milliseconds kAskAgainAfter{2000};
+  static constexpr Milliseconds kAskForWorkAgainAfter{5000};
 
   static int SubscribeToUpdates();
   static int SubscribeToModels();
@@ -1660,6 +1663,7 @@ class Core : public std::enable_shared_from_this<Core> {
   void OnLook() noexcept;
   void LookAtEntries() noexcept;
   bool MayBeSwallowed(const Entry& entry) const noexcept;
+  Milliseconds PatienceWith(const Entry& entry) const noexcept;
   void LookAtRestart(TimePoint now) noexcept;
   void NoteUpdate(bool goes_on) noexcept;
   bool MustLook() const noexcept;
@@ -2153,13 +2157,21 @@ inline void Core::LookAtEntries() noexcept {
     const bool again = entry->ResendAfter(options_) != Resend::kNever;
     if (entry->IsQuery() && again) {
       if (silence >= kAskAgainAfter * entry->times_sent && MaySend()) SendNow(entry);
-    } else if (IsOver(silence, options_.restart_patience)) {
+    } else if (IsOver(silence, again ? PatienceWith(*entry) : options_.restart_patience)) {
       if (!again)
         EndLater(entry->id, Error(kConnectionLost));
-      else if (MaySend())
-        SendNow(entry);
+      else
+        static_cast<void>(SendAgain(entry->id));
     }
   });
+}
+
+// What was heard of until the announcement, and not since, is probably lost. What has begun after it may
+// just take its time, and so may what goes on beside an update.
+inline Milliseconds Core::PatienceWith(const Entry& entry) const noexcept {
+  const bool fell_silent = entry.heard < *updating_since_ && !update_known_;
+  return fell_silent ? std::min(kAskForWorkAgainAfter, options_.restart_patience)
+                     : options_.restart_patience;
 }
 
 // The agent has announced that it replaces itself: what is silent since may be lost already.
@@ -2172,6 +2184,7 @@ inline bool Core::SendAgain(Id id) noexcept {
   if (found == entries_.end() || !MayBeSwallowed(*found->second) || !MaySend()) return false;
   const auto entry = found->second;
   if (entry->ResendAfter(options_) == Resend::kNever) return false;
+  entry->asked_again = true;
   SendNow(entry);
   return true;
 }
@@ -2568,10 +2581,7 @@ struct Work final : Entry {
   void Look(Core& core, TimePoint now) noexcept override {
     if (Judge(core, now, false)) return;
     if (!IsOver(tracker->Silence(now), silence_limit)) return;
-    if (!asked_again && core.SendAgain(id))
-      asked_again = true;
-    else
-      TimeIsUp(core);
+    if (asked_again || !core.SendAgain(id)) TimeIsUp(core);
   }
   void Release(Core& core) noexcept override {
     core.Remove(events);
@@ -2610,8 +2620,6 @@ struct Work final : Entry {
   Done done;
   const Milliseconds silence_limit;
   const Resend resend;
-  // Since it was heard of for the last time.
-  bool asked_again = false;
   // The subscription to events.
   Id events = 0;
 };

@@ -251,6 +251,32 @@ TEST_F(AWork, ThatIsSilentAfterARestartBetweenTwoLooksIsAskedForAgainBeforeItTim
   EXPECT_THAT(ends, ElementsAre("ok"));
 }
 
+TEST_F(AWork, ThatFallsSilentWithTheAnnouncementOfARestartIsAskedForAgainSoon) {
+  vs::WorkOptions options;
+  options.resend = vs::Resend::kAfterRestart;
+  Update({"a"}, std::move(options));
+  loop.Pass(1s);
+  Report(ReportOf(1, 1, 40));
+  LoseInUpdate();
+  ReturnFromUpdate();
+  loop.Pass(4s);
+  EXPECT_THAT(fake::SentParcels(), SizeIs(1));
+  loop.Pass(2s);
+  EXPECT_THAT(fake::SentParcels(), SizeIs(2));
+  loop.Pass(30s);
+  EXPECT_THAT(fake::SentParcels(), SizeIs(2)) << "once, if that is how long the agent takes";
+}
+
+TEST_F(AWork, ThatIsBegunAfterAnAnnouncementMayBeSilent) {
+  LoseInUpdate();
+  ReturnFromUpdate();
+  vs::WorkOptions options;
+  options.resend = vs::Resend::kAfterRestart;
+  Update({"a"}, std::move(options));
+  loop.Pass(30s);
+  EXPECT_THAT(fake::SentParcels(), SizeIs(1));
+}
+
 TEST_F(AWork, ThatStaysSilentWhenItWasAskedForAgainTimesOut) {
   vs::WorkOptions options;
   options.resend = vs::Resend::kAfterRestart;
