@@ -25,7 +25,7 @@ endif()
 add_compile_options(
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wformat=2
   # Log records and binaries must not depend on where the tree lies.
-  -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
+  -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
   -D_FILE_OFFSET_BITS=64)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
   # In optimised C++20 it sees overlaps in std::string where there are none.

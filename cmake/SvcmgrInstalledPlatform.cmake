@@ -7,6 +7,8 @@ pkg_check_modules(SVCMGR_PLATFORM_LIBS REQUIRED IMPORTED_TARGET
   capi-appfw-package-manager)
 
 add_library(svcmgr_platform_headers INTERFACE)
+add_library(velmora-svcmgr::platform_headers ALIAS svcmgr_platform_headers)
 target_include_directories(svcmgr_platform_headers INTERFACE ${SVCMGR_PLATFORM_LIBS_INCLUDE_DIRS})
 add_library(svcmgr_platform INTERFACE)
+add_library(velmora-svcmgr::platform ALIAS svcmgr_platform)
 target_link_libraries(svcmgr_platform INTERFACE PkgConfig::SVCMGR_PLATFORM_LIBS)

@@ -35,8 +35,12 @@ has_marker "$prefix/bin/svcmgrctl"
 quiet "$CMAKE" --install "$BUILD_DIR" --prefix "$work/stripped" --strip
 has_marker "$work/stripped/$LIBDIR/libvelmora-svcmgr.so"
 
+step "each file belongs to a component, by which packages are made"
+quiet "$CMAKE" --install "$BUILD_DIR" --prefix "$work/unspecified" --component Unspecified
+[ ! -e "$work/unspecified" ] || die "these have no component: $(find "$work/unspecified" -type f)"
+
 step "the library against the installed platform"
-quiet "$CMAKE" -S "$SOURCE_DIR" -B "$work/build" -DSVCMGR_PLATFORM=installed -DSVCMGR_WERROR=ON \
+quiet "$CMAKE" -S "$SOURCE_DIR" -B "$work/build" -DSVCMGR_PLATFORM=installed -DSVCMGR_WERROR=ON -DSVCMGR_CTL=OFF \
   -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$device" \
   -DCMAKE_CXX_FLAGS="-ffunction-sections -fdata-sections" \
   -DCMAKE_SHARED_LINKER_FLAGS=-Wl,--gc-sections
@@ -240,6 +244,46 @@ if (cd "$work/tested-app/build" && ctest --output-on-failure) >"$work/log"; then
 fi
 grep -q 'asks-nothing [ .]*Passed' "$work/log" || { cat "$work/log"; die "a right test has failed"; }
 grep -q 'this was not to be: no agent started' "$work/log" || { cat "$work/log"; die "no reason"; }
+
+step "the components of the package"
+mkdir "$work/components"
+expect_package() {  # yes|no|WORDS, ARGUMENT OF find_package...
+  cat >"$work/components/CMakeLists.txt" <<C
+cmake_minimum_required(VERSION 3.16)
+project(components C)
+find_package(velmora-svcmgr ${*:2})
+foreach(target IN ITEMS velmora-svcmgr svcmgr-sim svcmgrctl)
+  if(TARGET velmora-svcmgr::\${target})
+    message(STATUS "there is \${target}")
+  endif()
+endforeach()
+message(STATUS "found: \${velmora-svcmgr_FOUND}")
+C
+  rm -rf "$work/components/build"
+  "$CMAKE" -S "$work/components" -B "$work/components/build" -DCMAKE_PREFIX_PATH="$prefix" \
+    >"$work/log" 2>&1 || true
+  # The words of an error are wrapped.
+  tr -s ' \n' ' ' <"$work/log" | grep -qF -- "$1" || { cat "$work/log"; die "find_package ${*:2}: no '$1'"; }
+}
+expect_package "there is velmora-svcmgr -- there is svcmgr-sim -- there is svcmgrctl -- found: 1" 2.3 REQUIRED
+expect_package "there is velmora-svcmgr -- found: 1" 2.3 REQUIRED COMPONENTS library
+expect_package "there is velmora-svcmgr -- there is svcmgrctl -- found: 1" REQUIRED COMPONENTS ctl
+expect_package "velmora-svcmgr has no component 'simulator'; it has library, sim and ctl." REQUIRED COMPONENTS sim simulator
+expect_package "found: 1" 2.3 COMPONENTS library OPTIONAL_COMPONENTS simulator
+expect_package "version: 2.3.182" 3.0 REQUIRED
+mv "$prefix/$LIBDIR/cmake/velmora-svcmgr/velmora-svcmgr-sim.cmake" "$work/hidden.cmake"
+expect_package "velmora-svcmgr's component 'sim' is not installed." REQUIRED COMPONENTS sim
+mv "$work/hidden.cmake" "$prefix/$LIBDIR/cmake/velmora-svcmgr/velmora-svcmgr-sim.cmake"
+
+step "the licence, the guides and the examples"
+for file in LICENSE docs/guide/README.md docs/scenarios.md examples/list-models.c; do
+  [ -f "$prefix/share/doc/velmora-svcmgr/$file" ] || die "$file is not installed"
+done
+
+step "the list of what is installed"
+for root in "$prefix" "$device"; do
+  python3 -B "$SOURCE_DIR/tests/install/spdx_test.py" "$root" || die "the list of $root is wrong"
+done
 
 step "the dissector and the fixtures"
 for file in wireshark/velmora_svcmgr.lua pytest/svcmgr_sim.py; do

@@ -1,0 +1,38 @@
+# SPDX-License-Identifier: Apache-2.0
+# What the toolchain files for Debian's cross compilers share; they set SVCMGR_TRIPLET.
+#
+# SVCMGR_SYSROOT (CMake or environment) is the root of the machine for which is built: a device's, or one
+# of Debian's packages as ./dev cross makes it. Without it, the compiler's own libraries are used.
+
+set(CMAKE_SYSTEM_NAME Linux)
+foreach(language IN ITEMS C:gcc CXX:g++)
+  string(REPLACE ":" ";" language ${language})
+  list(POP_FRONT language variable)
+  if(NOT DEFINED CMAKE_${variable}_COMPILER)
+    set(CMAKE_${variable}_COMPILER ${SVCMGR_TRIPLET}-${language})
+  endif()
+endforeach()
+
+if(NOT SVCMGR_SYSROOT)
+  set(SVCMGR_SYSROOT "$ENV{SVCMGR_SYSROOT}")
+endif()
+# CMake reads this file again for each of its trials of the compiler.
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES SVCMGR_SYSROOT)
+if(SVCMGR_SYSROOT)
+  set(CMAKE_SYSROOT ${SVCMGR_SYSROOT})
+  set(ENV{PKG_CONFIG_SYSROOT_DIR} ${SVCMGR_SYSROOT})
+  set(ENV{PKG_CONFIG_LIBDIR}
+    ${SVCMGR_SYSROOT}/usr/lib/${SVCMGR_TRIPLET}/pkgconfig:${SVCMGR_SYSROOT}/usr/lib/pkgconfig:${SVCMGR_SYSROOT}/usr/share/pkgconfig)
+  set(ENV{PKG_CONFIG_PATH} "")
+endif()
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+
+# With qemu-user, what was built runs here, too.
+find_program(SVCMGR_QEMU qemu-${SVCMGR_QEMU_NAME})
+mark_as_advanced(SVCMGR_QEMU)
+if(SVCMGR_QEMU AND SVCMGR_SYSROOT)
+  set(CMAKE_CROSSCOMPILING_EMULATOR ${SVCMGR_QEMU} -L ${SVCMGR_SYSROOT})
+endif()
