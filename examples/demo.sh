@@ -20,7 +20,10 @@ run() {
   "$ctl" "$@"
 }
 
-say "The agent replaces itself by a new version, under a client that stays connected"
+say "An agent of some version"
+run status
+
+say "It replaces itself by a new version, under a client that stays connected"
 printf '\n$ svcmgrctl watch connection >heard &\n'
 : >"$notes/heard"
 "$ctl" watch connection >"$notes/heard" 2>/dev/null &

@@ -32,6 +32,7 @@ void ExpectDone(const Ending& ending, const std::string& output) {
 TEST(Status, IsATableOfWhatWasFound) {
   ExpectDone(RunScripted(ModelsAs("models"), {"status"}),
              "Connection       connected\n"
+             "Agent version    2.3.182\n"
              "Agent API level  11\n"
              "KYR              enabled\n"
              "Usable models    3\n"
@@ -42,6 +43,7 @@ TEST(Status, IsAJsonObject) {
   ExpectDone(RunScripted(ModelsAs("models"), {"status", "--json"}),
              R"({
   "connected": true,
+  "agent_version": "2.3.182",
   "agent_api_level": 11,
   "kyr_disabled": false,
   "usable_models": 3,
@@ -59,6 +61,7 @@ TEST(Status, ShowsWhatFailedBesideWhatDidNotAndEndsWithTheFirstFailure) {
   EXPECT_EQ(table.status, 9);
   EXPECT_EQ(table.output,
             "Connection       connected\n"
+            "Agent version    2.3.182\n"
             "Agent API level  the KYR feature is disabled\n"
             "KYR              disabled\n"
             "Usable models    the installed agent is too old for this\n"
@@ -71,6 +74,7 @@ TEST(Status, ShowsWhatFailedBesideWhatDidNotAndEndsWithTheFirstFailure) {
   EXPECT_EQ(in_json.status, 9);
   EXPECT_EQ(in_json.output, R"({
   "connected": true,
+  "agent_version": "2.3.182",
   "agent_api_level": null,
   "kyr_disabled": true,
   "usable_models": null,
@@ -108,6 +112,7 @@ TEST(Status, WithoutAConnectionAsksNothingMore) {
   EXPECT_EQ(ending.status, 6);
   EXPECT_EQ(ending.output,
             "Connection       the agent is not running\n"
+            "Agent version    2.3.182\n"
             "Agent API level  not known\n"
             "KYR              not known\n"
             "Usable models    not known\n"
@@ -119,6 +124,7 @@ TEST(Status, ShowsAConnectionThatWasLostOnTheWay) {
   EXPECT_EQ(ending.status, 6);
   EXPECT_EQ(ending.output,
             "Connection       lost\n"
+            "Agent version    2.3.182\n"
             "Agent API level  11\n"
             "KYR              enabled\n"
             "Usable models    the connection to the agent was lost\n"
@@ -131,6 +137,7 @@ TEST(Status, ShowsWhatItHasWhenTheAgentStopsAnswering) {
   EXPECT_EQ(ending.status, 7);
   EXPECT_EQ(ending.output,
             "Connection       connected\n"
+            "Agent version    2.3.182\n"
             "Agent API level  the agent did not answer within 0.05 s\n"
             "KYR              not known\n"
             "Usable models    not known\n"

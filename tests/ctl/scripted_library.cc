@@ -20,6 +20,8 @@
 //   "client"     {"result": code, "value": number, "root": text}
 //                root: what VELMORA_APP_ROOT must be
 //   "executable" text: where the kernel says that the program is; empty if it does not say
+//   "packages"   {"result": code, "others": number, "agent": code, "version": text}
+//                agent, version: what is said of the agent's; without a version that cannot be read
 //   "disconnect" {"result": code}
 //   "updating"   bool: what is_being_updated says, until a step says otherwise
 //
@@ -41,6 +43,8 @@
 #include <fcntl.h>
 #include <glib-unix.h>
 #include <glib.h>
+#include <package_info.h>
+#include <package_manager.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -356,6 +360,33 @@ int SetText(velmora_svcmgr_ai_model_info_h info, const char* text) {
 }
 
 }  // namespace
+
+int package_info_create(const char*, package_info_h* info) {
+  const int result = Step("packages").value("agent", 0);
+  if (result != 0) return result;
+  ++library.live_handles;
+  *info = reinterpret_cast<package_info_h>(&library);
+  return 0;
+}
+
+int package_info_destroy(package_info_h info) {
+  if (info == nullptr) return -22;
+  --library.live_handles;
+  return 0;
+}
+
+int package_info_get_version(package_info_h, char** version) {
+  const json text = Step("packages").value("version", json("2.3.182"));
+  if (!text.is_string()) return -5;
+  *version = strdup(text.get<std::string>().c_str());
+  return 0;
+}
+
+int package_manager_foreach_package_info(package_manager_package_info_cb callback, void* data) {
+  const json step = Step("packages");
+  for (int i = 0; i < step.value("others", 1); ++i) callback(nullptr, data);
+  return step.value("result", 0);
+}
 
 int velmora_svcmgr_connect(velmora_svcmgr_connection_cb callback, void* user_data) {
   CheckMainThread();

@@ -285,7 +285,7 @@ TEST(ClientLevel, OfAnApplicationThatShipsTheLibraryIsThatOfTheLibrary) {
 }
 
 TEST(TheDemo, ShowsTheAgentsRestartAndWorkOnModelsAndAFailureAndWhatToDoNext) {
-  // Which process the agent is, and of which version, the demo itself does not look at.
+  // Which process the agent is, the demo itself does not look at.
   const Finished run = RunSim({"run", "demo", "--", "sh", "-c", R"sh(
       agent() { cat "$(dirname "$SVCMGR_SIM_CONTROL")/agent.pid"; }
       version() { sed -n 's/^Version *= *//p' "$VELMORA_PACKAGE_DIR"/com.velmora.svcmgr.package; }
@@ -297,10 +297,11 @@ TEST(TheDemo, ShowsTheAgentsRestartAndWorkOnModelsAndAFailureAndWhatToDoNext) {
   EXPECT_EQ(run.errors, "");
   std::size_t place = 0;
   for (const char* part :
-       {"$ svcmgrctl update\n", "SVCMGR_UPDATE_STATUS_COMPLETED",
+       {"Agent version    2.3.182\n", "$ svcmgrctl update\n", "SVCMGR_UPDATE_STATUS_COMPLETED",
         "no loss of the connection was reported\n", "$ cat heard\n",
-        "SVCMGR_CONNECTION_STATE_CONNECTED: the connection stands\n\n", "Agent API level  11\n",
-        "2 models are updated\n", "vision.segment      2.1.0 ", "speech.wake-word    3.2.0 ",
+        "SVCMGR_CONNECTION_STATE_CONNECTED: the connection stands\n\n", "Agent version    2.4.0\n",
+        "Agent API level  11\n", "2 models are updated\n", "vision.segment      2.1.0 ",
+        "speech.wake-word    3.2.0 ",
         "error: the connection to the agent was lost; how the update of vision.segment@1.1.0 (1 of "
         "1",
         "$ echo $?\n6\n", "svcmgr-sim list\n", "/docs/guide/first-application.md\n",

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "velmora_svcmgr.h"
+#include "version.h"
 
 namespace svcmgrctl {
 namespace {
@@ -20,6 +21,7 @@ constexpr double kLongestTimeout = 40.0 * 24 * 60 * 60;
 
 constexpr char kExamples[] = R"(Examples:
   svcmgrctl status                       is there an agent, and what does it say
+  svcmgrctl doctor                       what is wrong, and what to do about it
   svcmgrctl update                       update the agents, and follow it to the end
   svcmgrctl watch                        what happens, as it happens
   svcmgrctl models list --descriptions   the models that may be used
@@ -34,9 +36,7 @@ per line where something is followed.
 )";
 
 std::string VersionText() {
-  return "svcmgrctl " + std::to_string(VELMORA_SVCMGR_VERSION_MAJOR) + "." +
-         std::to_string(VELMORA_SVCMGR_VERSION_MINOR) + "." +
-         std::to_string(VELMORA_SVCMGR_VERSION_PATCH) + " (client API level " +
+  return "svcmgrctl " + LibraryVersion() + " (client API level " +
          std::to_string(VELMORA_SVCMGR_API_LEVEL) + ")\n";
 }
 
@@ -196,6 +196,7 @@ void ReadCommandLine(int argc, const char* const* argv, Invocation* invocation) 
   AddUpdateCommands(app, &invocation->command);
   AddModelCommands(app, &invocation->command);
   AddWatchCommand(app, &invocation->command);
+  AddDoctorCommand(app, &invocation->command);
   AddExplainCommand(app, &invocation->command);
   std::string exit_codes = ExitCodeTable();
   exit_codes.pop_back();  // help ends the line itself

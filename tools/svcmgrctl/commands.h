@@ -4,6 +4,7 @@
 
 #include <CLI/App.hpp>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "console.h"
@@ -30,10 +31,15 @@ void AddModelCommands(CLI::App& app, Command* chosen);
 void AddModelWorkCommands(CLI::App& models, Command* chosen);
 /** client-level */
 void AddClientLevelCommand(CLI::App& app, Command* chosen);
+/** doctor */
+void AddDoctorCommand(CLI::App& app, Command* chosen);
 /** explain */
 void AddExplainCommand(CLI::App& app, Command* chosen);
 /** watch */
 void AddWatchCommand(CLI::App& app, Command* chosen);
+
+/** --listen SECONDS, for a command that listens for updates. */
+void AddListenOption(CLI::App& command, const std::shared_ptr<double>& listen);
 
 /** What is wrong with a number of seconds; empty if nothing is. */
 std::string CheckSeconds(const std::string& text);

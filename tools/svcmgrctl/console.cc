@@ -95,6 +95,7 @@ Json ToJson(const Failure& failure) {
 Console::Console(const Options& options)
     : json_(options.json),
       verbose_(options.verbose),
+      timeout_(options.timeout),
       live_(!options.json && IsCleverTerminal(STDOUT_FILENO)),
       out_color_(UseColor(options.color, STDOUT_FILENO)),
       err_color_(UseColor(options.color, STDERR_FILENO)) {}

@@ -34,6 +34,8 @@ class Console {
 
   bool json() const { return json_; }
   bool verbose() const { return verbose_; }
+  /** Seconds that the whole command may take; 0 for no limit. */
+  double timeout() const { return timeout_; }
 
   /** Whether people see the output where lines can be drawn again. */
   bool live() const { return live_; }
@@ -89,6 +91,7 @@ class Console {
  private:
   const bool json_;
   const bool verbose_;
+  const double timeout_;
   const bool live_;
   const bool out_color_;
   const bool err_color_;

@@ -4,8 +4,10 @@
 #include <vector>
 
 #include "commands.h"
+#include "packages.h"
 #include "queries.h"
 #include "table.h"
+#include "version.h"
 
 namespace svcmgrctl {
 namespace {
@@ -17,6 +19,7 @@ struct Problem {
 
 struct Answers {
   bool connected = false;
+  std::optional<std::string> agent_version;
   std::optional<int> agent_api_level;
   std::optional<bool> kyr_disabled;
   std::optional<std::size_t> usable_models;
@@ -44,6 +47,7 @@ bool Ask(std::string_view part, Answers* status, Question question) {
 
 Answers AskStatus(Session& session) {
   Answers status;
+  status.agent_version = FindAgentPackage().version;
   const bool asked_all =
       Ask(kConnection, &status,
           [&] {
@@ -61,12 +65,6 @@ Answers AskStatus(Session& session) {
   return status;
 }
 
-std::string LibraryVersion() {
-  return std::to_string(VELMORA_SVCMGR_VERSION_MAJOR) + "." +
-         std::to_string(VELMORA_SVCMGR_VERSION_MINOR) + "." +
-         std::to_string(VELMORA_SVCMGR_VERSION_PATCH);
-}
-
 template <class T>
 Json ValueOrNull(const std::optional<T>& value) {
   return value ? Json(*value) : Json();
@@ -80,6 +78,7 @@ Json ToJson(const Answers& status) {
     problems.push_back(entry);
   }
   return {{"connected", status.connected},
+          {"agent_version", ValueOrNull(status.agent_version)},
           {"agent_api_level", ValueOrNull(status.agent_api_level)},
           {"kyr_disabled", ValueOrNull(status.kyr_disabled)},
           {"usable_models", ValueOrNull(status.usable_models)},
@@ -109,6 +108,7 @@ std::string TableOf(const Answers& status, bool color) {
   table.AddRow(
       {{"Connection", Tone::kHeading},
        CellOf(status, kConnection, connection, status.connected ? Tone::kGood : Tone::kBad)});
+  table.AddRow({{"Agent version", Tone::kHeading}, {status.agent_version.value_or("not known")}});
   table.AddRow({{"Agent API level", Tone::kHeading}, CellOf(status, kApiLevel, level)});
   table.AddRow({{"KYR", Tone::kHeading},
                 {!status.kyr_disabled   ? "not known"
@@ -130,7 +130,8 @@ void ShowStatus(Session& session, Console& console) {
 }  // namespace
 
 void AddStatusCommand(CLI::App& app, Command* chosen) {
-  app.add_subcommand("status", "Show the connection, the agent's API level and the usable models")
+  app.add_subcommand(
+         "status", "Show the connection, the agent's version and API level, and the usable models")
       ->callback([chosen] { *chosen = ShowStatus; });
 }
 

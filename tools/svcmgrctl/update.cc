@@ -208,11 +208,7 @@ void AddUpdating(CLI::App& app, Command* chosen) {
   auto listen = std::make_shared<double>(0);
   CLI::App* updating =
       app.add_subcommand("updating", "Tell whether an update of the agents is under way");
-  updating
-      ->add_option("--listen", *listen,
-                   "Listen for this many seconds, or until one is reported (default: 0)")
-      ->type_name("SECONDS")
-      ->check(CLI::Validator(CheckSeconds, ""));
+  AddListenOption(*updating, listen);
   updating->callback([chosen, listen] {
     *chosen = [listen](Session& session, Console& console) {
       ShowUpdating(session, console, *listen);
@@ -221,6 +217,14 @@ void AddUpdating(CLI::App& app, Command* chosen) {
 }
 
 }  // namespace
+
+void AddListenOption(CLI::App& command, const std::shared_ptr<double>& listen) {
+  command
+      .add_option("--listen", *listen,
+                  "Listen for this many seconds, or until an update is reported (default: 0)")
+      ->type_name("SECONDS")
+      ->check(CLI::Validator(CheckSeconds, ""));
+}
 
 void AddUpdateCommands(CLI::App& app, Command* chosen) {
   AddUpdate(app, chosen);
