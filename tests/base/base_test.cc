@@ -36,9 +36,10 @@ TEST(AnOwnerOfADescriptor, HandsItOnWhenItIsMoved) {
   const UniqueFd to(std::move(from));
   EXPECT_EQ(to.get(), fd);
   EXPECT_TRUE(IsOpen(fd));
-  // NOLINTNEXTLINE(bugprone-use-after-move,clang-analyzer-cplusplus.Move): that is what is asked
+  // NOLINTBEGIN(bugprone-use-after-move,clang-analyzer-cplusplus.Move): that is what is asked
   EXPECT_FALSE(from);
   EXPECT_EQ(from.get(), -1);
+  // NOLINTEND(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
 }
 
 TEST(AnOwnerOfADescriptor, ClosesWhatItHadAtOnceWhenItIsGivenAnother) {

@@ -13,7 +13,6 @@ namespace {
 using face::AConnectedSession;
 using face::Gate;
 using face::Word;
-using testing::IsEmpty;
 namespace vs = velmora::svcmgr;
 using namespace std::chrono_literals;
 

@@ -7,7 +7,6 @@ namespace {
 using face::ASession;
 using face::ReportOf;
 using face::Word;
-using testing::ElementsAre;
 namespace vs = velmora::svcmgr;
 using namespace std::chrono_literals;
 

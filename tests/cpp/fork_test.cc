@@ -23,10 +23,7 @@ constexpr bool kThreadSanitized = false;
 #endif
 
 using face::ASession;
-using face::Word;
 using testing::IsEmpty;
-using testing::SizeIs;
-using velmora::svcmgr::State;
 namespace vs = velmora::svcmgr;
 using namespace std::chrono_literals;
 
