@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pwd.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
@@ -20,6 +21,7 @@
 #include <stdexcept>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "common/report.h"
 #include "service/agent_service.h"
@@ -45,6 +47,19 @@ class RunError : public std::runtime_error {
 };
 
 constexpr char kAgent[] = "agent";
+
+/** Containers run commands as users that nobody has entered anywhere; dbus-daemon refuses those. */
+void WarnOfUserWithoutEntry() {
+  passwd user;
+  passwd* found = nullptr;
+  std::vector<char> texts(64 * 1024);
+  getpwuid_r(geteuid(), &user, texts.data(), texts.size(), &found);
+  if (found != nullptr) return;
+  Report("user " + std::to_string(geteuid()) +
+         " has no entry in the password database, so that the session bus admits nobody and events "
+         "are lost: enter the user, or run as another one; a scenario with \"bus\": false needs no "
+         "bus");
+}
 
 /** A child and, once it has ended, its status. */
 struct Process {
@@ -285,6 +300,7 @@ pid_t Run::Start(const ChildSetup& setup, const std::string& what) {
 }
 
 void Run::StartBus() {
+  WarnOfUserWithoutEntry();
   const std::string configuration = world_.folder() + "/bus.conf";
   const std::string log_file = world_.folder() + "/bus.log";
   WriteFile(configuration, BusConfiguration(world_.bus_address()));

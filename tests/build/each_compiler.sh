@@ -1,0 +1,61 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# Builds the library and the unit tests with each compiler that is here, and runs the tests.
+#
+#   each_compiler.sh FOLDER [COMPILER...]
+#
+# A COMPILER is a name such as g++-13 or clang++-16, with /libc++ behind it for LLVM's C++ library, against
+# which GoogleTest is then built, too. Without any: all that this machine has. Warnings are errors.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/../.." && pwd)
+[ $# -gt 0 ] || { sed -n '4,8s/^# \{0,1\}//p' "$0" >&2; exit 2; }
+folder=$1
+shift
+jobs=${JOBS:-$(nproc)}
+
+die() { printf 'each_compiler.sh: %s\n' "$*" >&2; exit 1; }
+
+here() {
+  local name
+  for name in g++-{12,13,14} clang++-{14,15,16,17,18,19}; do
+    ! command -v "$name" >/dev/null || printf '%s\n' "$name"
+  done
+  for name in clang++-{14,15,16,17,18,19}; do
+    if command -v "$name" >/dev/null &&
+      echo '#include <version>' | "$name" -stdlib=libc++ -E -x c++ - >/dev/null 2>&1; then
+      printf '%s/libc++\n' "$name"
+    fi
+  done
+}
+
+quiet() {  # LOG COMMAND...
+  local log=$1
+  shift
+  "$@" >"$log" 2>&1 || { tail -n 60 "$log" >&2; die "failed: $*"; }
+}
+
+try() {  # COMPILER
+  local cxx=${1%/libc++} build=$folder/${1//[\/+]/_} flags=
+  local cc=${cxx/clang++/clang}
+  cc=${cc/g++/gcc}
+  command -v "$cxx" >/dev/null || die "there is no $cxx here"
+  rm -rf "$build"
+  mkdir -p "$build"
+  if [ "$1" != "$cxx" ]; then
+    flags=-stdlib=libc++
+    quiet "$build/gtest.log" cmake -S /usr/src/googletest -B "$build/gtest" -G Ninja -DCMAKE_CXX_COMPILER="$cxx" \
+      -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_INSTALL_PREFIX="$build/prefix"
+    quiet "$build/gtest.log" cmake --build "$build/gtest" -j "$jobs" --target install
+  fi
+  quiet "$build/configure.log" cmake -S "$root" -B "$build/tree" -G Ninja -DCMAKE_BUILD_TYPE=Debug \
+    -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_FLAGS="$flags" -DSVCMGR_WERROR=ON \
+    -DCMAKE_PREFIX_PATH="$build/prefix" "-DSVCMGR_TEST_FOLDERS=fake_platform;unit"
+  quiet "$build/build.log" cmake --build "$build/tree" -j "$jobs" --target velmora-svcmgr tests/unit/all
+  quiet "$build/test.log" ctest --test-dir "$build/tree/tests/unit" -j "$jobs" --no-tests=error
+  printf '%s: %s\n' "$1" "$(sed -n 's/^\([0-9]*% tests passed.*\)/\1/p' "$build/test.log")"
+}
+
+[ $# -gt 0 ] || mapfile -t found < <(here)
+[ $# -eq 0 ] || found=("$@")
+[ ${#found[@]} -gt 0 ] || die "there is no compiler here"
+for compiler in "${found[@]}"; do try "$compiler"; done
