@@ -27,6 +27,16 @@ const Row kWrong[] = {
     {{"models"}, "a command is missing; see 'svcmgrctl models --help'"},
     {{"frobnicate"}, "there is no command 'frobnicate'; see 'svcmgrctl --help'"},
     {{"models", "frobnicate"}, "there is no command 'frobnicate'; see 'svcmgrctl models --help'"},
+    {{"statsu"}, "there is no command 'statsu'; did you mean 'status'; see 'svcmgrctl --help'"},
+    {{"models", "upate"},
+     "there is no command 'upate'; did you mean 'update'; see 'svcmgrctl models --help'"},
+    {{"status", "--tiemout=3"},
+     "there is no option '--tiemout=3'; did you mean '--timeout'; see 'svcmgrctl status --help'"},
+    {{"models", "list", "--descripion"},
+     "there is no option '--descripion'; did you mean '--descriptions'; see 'svcmgrctl models list "
+     "--help'"},
+    {{"help", "statsu"},
+     "there is no command 'statsu'; did you mean 'status'; see 'svcmgrctl --help'"},
     {{"status", "more"}, "there is no use for 'more'; see 'svcmgrctl status --help'"},
     {{"status", "license"}, "there is no use for 'license'; see 'svcmgrctl status --help'"},
     {{"models", "versions", "a", "b"},
@@ -264,6 +274,40 @@ TEST(Help, OfACommandNamesTheWholeCommand) {
   EXPECT_EQ(ending.status, 0);
   EXPECT_THAT(ending.output, HasSubstr("Usage: svcmgrctl models list"));
   EXPECT_THAT(ending.output, HasSubstr("--category NAME"));
+}
+
+TEST(Help, OfACommandIsThatOfItsOption) {
+  for (const std::vector<std::string>& command : std::vector<std::vector<std::string>>{
+           {}, {"status"}, {"models"}, {"models", "list"}, {"models", "update"}, {"help"}}) {
+    std::vector<std::string> by_command = command;
+    by_command.insert(by_command.begin(), "help");
+    std::vector<std::string> by_option = command;
+    by_option.emplace_back("--help");
+    const Ending ending = RunScripted("{}", by_command);
+    EXPECT_EQ(ending.status, 0);
+    EXPECT_THAT(ending.output, HasSubstr("Usage: svcmgrctl"));
+    EXPECT_EQ(ending.output, RunScripted("{}", by_option).output);
+  }
+}
+
+TEST(Quiet, AndVerboseExcludeEachOther) {
+  const Ending ending = RunScripted("{}", {"status", "-q", "-v"});
+  EXPECT_EQ(ending.status, 2);
+  EXPECT_THAT(ending.errors, HasSubstr("--verbose and --quiet exclude each other"));
+}
+
+TEST(Quiet, LeavesDataAndErrorsAlone) {
+  EXPECT_EQ(RunScripted("{}", {"models", "list", "-q"}).errors, "");
+  EXPECT_THAT(RunScripted("{}", {"models", "list"}).errors, HasSubstr("no usable models"));
+  EXPECT_EQ(RunScripted("{}", {"api-level", "--quiet"}).output, "11\n");
+  EXPECT_THAT(RunScripted("{}", {"license", "--quiet"}).errors, HasSubstr("no licence text"));
+  const std::string work = R"({"work": {"then": [{"progress": [0, 2, 1, 1, 100]}]}})";
+  const Ending quiet = RunScripted(work, {"-q", "models", "update", "a"});
+  EXPECT_EQ(quiet.status, 0);
+  EXPECT_EQ(quiet.output + quiet.errors, "");
+  EXPECT_THAT(RunScripted(work, {"models", "update", "a"}).output, HasSubstr("1 model is updated"));
+  EXPECT_THAT(RunScripted(work, {"models", "update", "a", "-q", "--json"}).output,
+              HasSubstr("progress"));
 }
 
 TEST(Help, NeedsNoAgent) {

@@ -335,4 +335,25 @@ TEST(AConnection, MayStandBeforeConnectReturns) {
   ExpectDone(RunScripted(R"({"connect": {"inside": true}})", {"api-level"}), "11\n");
 }
 
+/** What a terminal of 20 columns shows of a list of models. */
+std::string ShownOnATerminal(std::vector<std::string> arguments) {
+  Start start;
+  start.arguments = std::move(arguments);
+  start.terminal = true;
+  start.columns = 20;
+  start.environment = {{"NO_COLOR", "1"}};
+  return RunWith(
+             start,
+             R"({"models": {"models": [{"id": "a", "version": "1", "title": "A long title"}]}})")
+      .output;
+}
+
+TEST(TheListOfModels, FitsATerminalUnlessItIsWantedWhole) {
+  if (!HasTerminals()) GTEST_SKIP() << "there are no pseudo terminals here";
+  EXPECT_EQ(ShownOnATerminal({"models", "list"}),
+            "ID  VERSION  TITLE\r\na   1        A long\u2026\r\n");
+  EXPECT_EQ(ShownOnATerminal({"models", "list", "--no-trunc"}),
+            "ID  VERSION  TITLE\r\na   1        A long title\r\n");
+}
+
 }  // namespace

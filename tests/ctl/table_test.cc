@@ -42,6 +42,20 @@ TEST(ATable, KeepsItsAlignmentInColor) {
             "Agent  \x1b[31mgone\x1b[0m\n");
 }
 
+TEST(ATable, FitsAWidthAtTheCostOfItsLastColumn) {
+  Table table;
+  table.AddHeading({"ID", "TITLE"});
+  table.AddRow({{"a"}, {"a title of some length"}});
+  table.AddRow({{"b"}, {"\xe4\xb8\xad\xe6\x96\x87\xe6\xa8\xa1\xe5\x9e\x8b"}});
+  EXPECT_EQ(table.Render(false, 10),
+            "ID  TITLE\na   a tit\u2026\nb   \xe4\xb8\xad\xe6\x96\x87\u2026\n");
+  EXPECT_EQ(table.Render(false, 26), table.Render(false));
+  EXPECT_EQ(table.Render(true, 10),
+            "\x1b[1mID\x1b[0m  \x1b[1mTITLE\x1b[0m\na   a tit\u2026\nb   "
+            "\xe4\xb8\xad\xe6\x96\x87\u2026\n");
+  EXPECT_EQ(table.Render(false, 1), "ID  \u2026\na   \u2026\nb   \u2026\n");
+}
+
 TEST(ATable, WithoutRowsIsEmpty) { EXPECT_EQ(Table().Render(true), ""); }
 
 }  // namespace

@@ -110,7 +110,7 @@ const char* RemarkOn(const Level& found, const MarkedFile& file, const Marker& m
   return SameAge(marker, found.deciding->markers.front()) ? "the same, but later" : "older";
 }
 
-std::string TableOf(const Level& found, bool color) {
+std::string TableOf(const Level& found, const Console& console) {
   if (found.files.empty()) return {};
   Table table;
   table.AddHeading({"LEVEL", "VERSION", "SECTION", "FILE", "REMARK"});
@@ -126,7 +126,7 @@ std::string TableOf(const Level& found, bool color) {
     if (!file.problem.empty())
       table.AddRow({{""}, {""}, {""}, {file.path}, {file.problem, Tone::kBad}});
   }
-  return table.Render(color);
+  return table.Render(console.color(), console.table_width());
 }
 
 // The library has one code for two things.
@@ -152,7 +152,7 @@ void ShowLevel(Session& session, Console& console, const std::string& given) {
   const bool known = found->code == SVCMGR_ERROR_NONE;
   std::string text = known ? std::to_string(found->level) + "\n" : "";
   if (console.verbose()) {
-    const std::string table = TableOf(*found, console.color());
+    const std::string table = TableOf(*found, console);
     text += (known && !table.empty() ? "\n" : "") + table;
   }
   if (known || console.verbose() || console.json()) console.Data(ToJson(*found, folder), text);

@@ -6,15 +6,20 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "terminal_text.h"
 #include "velmora_svcmgr.h"
 #include "version.h"
 
 namespace svcmgrctl {
 namespace {
+
+using terminal_text::DidYouMean;
+using terminal_text::SimilarTo;
 
 // The timer counts milliseconds in 32 bits; 40 days fit.
 constexpr double kLongestTimeout = 40.0 * 24 * 60 * 60;
@@ -72,6 +77,10 @@ void AddOptions(CLI::App& app, Options* options) {
   app.add_flag(
       "-v,--verbose", options->verbose,
       "Show the log of the client library, and more data where there is more; not with --json");
+  app.add_flag("-q,--quiet", options->quiet,
+               "Nothing but data and errors; no progress, no remarks");
+  app.add_flag("--no-trunc", options->no_trunc,
+               "Tables whole, also where they do not fit the terminal");
   app.set_version_flag("--version", VersionText(), "Print the version and exit");
 }
 
@@ -122,9 +131,24 @@ std::string Mismatch(const CLI::Option& option) {
   return option.get_name() + " needs " + option.get_type_name();
 }
 
+std::vector<std::string> CommandsLike(const std::string& word, const CLI::App& understood) {
+  std::vector<std::string> names;
+  for (const CLI::App* command : understood.get_subcommands({}))
+    names.push_back(command->get_name());
+  return SimilarTo(word, names);
+}
+
+std::vector<std::string> OptionsLike(const std::string& word, const CLI::App& understood) {
+  std::vector<std::string> names;
+  for (const CLI::App* command = &understood; command != nullptr; command = command->get_parent())
+    for (const CLI::Option* option : command->get_options())
+      for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
+  return SimilarTo(word.substr(0, word.find('=')), names);
+}
+
 // What is wrong with arguments that no command has a use for; empty if there are none.
-std::string WhatIsLeftOver(const CLI::App& root, const std::vector<std::string>& arguments,
-                           bool wants_command) {
+std::string WhatIsLeftOver(const CLI::App& root, const CLI::App& understood,
+                           const std::vector<std::string>& arguments, bool wants_command) {
   constexpr std::string_view kMark = "--";
   std::vector<std::string> unknown = root.remaining(true);
   unknown.erase(std::remove(unknown.begin(), unknown.end(), kMark), unknown.end());
@@ -136,8 +160,10 @@ std::string WhatIsLeftOver(const CLI::App& root, const std::vector<std::string>&
   };
   if (!unknown.empty() && !is_behind_mark(unknown.front())) {
     const std::string& first = unknown.front();
-    if (first.size() > 1 && first[0] == '-') return "there is no option '" + first + "'";
-    return (wants_command ? "there is no command '" : "there is no use for '") + first + "'";
+    if (first.size() > 1 && first[0] == '-')
+      return "there is no option '" + first + "'" + DidYouMean(OptionsLike(first, understood));
+    if (!wants_command) return "there is no use for '" + first + "'";
+    return "there is no command '" + first + "'" + DidYouMean(CommandsLike(first, understood));
   }
   // The parser does not tell of a command there.
   if (wants_command)
@@ -151,7 +177,7 @@ std::string WhatIsWrong(const CLI::App& root, const CLI::App& understood,
   if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr)
     if (const CLI::Option* option = OptionOf(&understood, error)) return Mismatch(*option);
   const bool wants_command = !understood.get_subcommands({}).empty();
-  std::string left_over = WhatIsLeftOver(root, arguments, wants_command);
+  std::string left_over = WhatIsLeftOver(root, understood, arguments, wants_command);
   if (!left_over.empty()) return left_over;
   return wants_command ? "a command is missing" : error.what();
 }
@@ -163,6 +189,38 @@ std::string WhatIsWrong(const CLI::App& root, const CLI::App& understood,
                 WhatIsWrong(root, *understood.app, arguments, error) + "; see '" +
                     understood.words + " --help'",
                 kExitUsage};
+}
+
+/** help [COMMAND...]: the command whose help is wanted. */
+void AddHelpCommand(CLI::App& app, std::optional<std::vector<std::string>>* wanted) {
+  CLI::App* help = app.add_subcommand("help", "Print the help of a command and exit");
+  auto words = std::make_shared<std::vector<std::string>>();
+  help->add_option("COMMAND", *words, "The command; without it, the help of all")->type_name("");
+  help->callback([wanted, words] { *wanted = *words; });
+}
+
+// The parser would take unknown words before --help for nothing.
+void CheckCommand(const CLI::App& app, const std::vector<std::string>& words) {
+  const CLI::App* command = &app;
+  std::string understood = app.get_name();
+  for (const std::string& word : words) {
+    const auto inner =
+        command->get_subcommands([&](const CLI::App* each) { return each->get_name() == word; });
+    if (inner.empty())
+      throw Failure{std::nullopt, "USAGE",
+                    "there is no command '" + word + "'" +
+                        DidYouMean(CommandsLike(word, *command)) + "; see '" + understood +
+                        " --help'",
+                    kExitUsage};
+    command = inner.front();
+    understood += " " + word;
+  }
+}
+
+std::vector<std::string> WithHelp(std::vector<std::string> words) {
+  words.insert(words.begin(), "svcmgrctl");
+  words.emplace_back("--help");
+  return words;
 }
 
 // A flag is given or it is not: "--json=no" is a mistake.
@@ -183,6 +241,12 @@ std::string CheckSeconds(const std::string& text) {
   return "'" + text + "' is no number of seconds from 0 to 3456000";
 }
 
+void ReadCommandLine(const std::vector<std::string>& words, Invocation* invocation) {
+  std::vector<const char*> argv;
+  for (const std::string& word : words) argv.push_back(word.c_str());
+  ReadCommandLine(static_cast<int>(argv.size()), argv.data(), invocation);
+}
+
 void ReadCommandLine(int argc, const char* const* argv, Invocation* invocation) {
   invocation->options.json = WantsJson(argc, argv);
   CLI::App app(
@@ -196,6 +260,8 @@ void ReadCommandLine(int argc, const char* const* argv, Invocation* invocation) 
   AddUpdateCommands(app, &invocation->command);
   AddModelCommands(app, &invocation->command);
   AddWatchCommand(app, &invocation->command);
+  std::optional<std::vector<std::string>> help_wanted;
+  AddHelpCommand(app, &help_wanted);
   AddDoctorCommand(app, &invocation->command);
   AddExplainCommand(app, &invocation->command);
   std::string exit_codes = ExitCodeTable();
@@ -213,11 +279,17 @@ void ReadCommandLine(int argc, const char* const* argv, Invocation* invocation) 
     ThrowUsage(app, arguments, error);
   }
   if (!invocation->text.empty()) return;
+  if (help_wanted) {
+    CheckCommand(app, *help_wanted);
+    return ReadCommandLine(WithHelp(*help_wanted), invocation);
+  }
   if (!invocation->command) ThrowUsage(app, arguments, CLI::RequiredError("COMMAND"));
   if (invocation->options.json && invocation->options.verbose)
     ThrowUsage(
         app, arguments,
         CLI::ValidationError("--verbose and --json exclude each other: the log is not JSON"));
+  if (invocation->options.quiet && invocation->options.verbose)
+    ThrowUsage(app, arguments, CLI::ValidationError("--verbose and --quiet exclude each other"));
 }
 
 }  // namespace svcmgrctl

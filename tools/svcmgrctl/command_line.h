@@ -3,6 +3,7 @@
 #define TOOLS_SVCMGRCTL_COMMAND_LINE_H_
 
 #include <string>
+#include <vector>
 
 #include "commands.h"
 #include "options.h"
@@ -23,6 +24,9 @@ struct Invocation {
  * `invocation->options` then still tell the form in which to report it.
  */
 void ReadCommandLine(int argc, const char* const* argv, Invocation* invocation);
+
+/** The same for words, the first of which is the program's name. */
+void ReadCommandLine(const std::vector<std::string>& words, Invocation* invocation);
 
 }  // namespace svcmgrctl
 

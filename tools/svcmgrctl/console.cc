@@ -95,8 +95,10 @@ Json ToJson(const Failure& failure) {
 Console::Console(const Options& options)
     : json_(options.json),
       verbose_(options.verbose),
+      quiet_(options.quiet),
+      cuts_tables_(!options.no_trunc && isatty(STDOUT_FILENO) != 0),
       timeout_(options.timeout),
-      live_(!options.json && IsCleverTerminal(STDOUT_FILENO)),
+      live_(!options.json && !options.quiet && IsCleverTerminal(STDOUT_FILENO)),
       out_color_(UseColor(options.color, STDOUT_FILENO)),
       err_color_(UseColor(options.color, STDERR_FILENO)) {}
 
@@ -132,6 +134,8 @@ void Console::Draw(std::vector<std::string> lines) {
   WriteLeftovers();
 }
 
+std::size_t Console::table_width() const { return cuts_tables_ ? SizeOfTerminal().columns : 0; }
+
 Space Console::TerminalSpace() const { return SizeOfTerminal(); }
 
 void Console::WriteLeftovers() {
@@ -155,7 +159,8 @@ void Console::WriteLeftovers() {
 }
 
 void Console::Note(std::string_view message) const {
-  if (!json_) WriteAll(STDERR_FILENO, "svcmgrctl: " + ForTerminal(Shortened(message)) + "\n");
+  if (!json_ && !quiet_)
+    WriteAll(STDERR_FILENO, "svcmgrctl: " + ForTerminal(Shortened(message)) + "\n");
 }
 
 void Console::Error(const Failure& failure) const {

@@ -32,7 +32,12 @@ class Console {
   /** Whether data is shown in colour; decided for standard output. */
   bool color() const { return out_color_; }
 
+  /** The cells into which the lines of a table have to fit; 0 for no limit. */
+  std::size_t table_width() const;
+
   bool json() const { return json_; }
+  /** Whether a person wants to see nothing but data and errors. */
+  bool quiet() const { return quiet_; }
   bool verbose() const { return verbose_; }
   /** Seconds that the whole command may take; 0 for no limit. */
   double timeout() const { return timeout_; }
@@ -91,6 +96,8 @@ class Console {
  private:
   const bool json_;
   const bool verbose_;
+  const bool quiet_;
+  const bool cuts_tables_;
   const double timeout_;
   const bool live_;
   const bool out_color_;

@@ -341,7 +341,7 @@ Json ToJson(const Finding& finding) {
           {"exit", is_ill ? static_cast<int>(finding.failure->exit) : kExitDone}};
 }
 
-std::string TableOf(const std::vector<Finding>& findings, bool color) {
+std::string TableOf(const std::vector<Finding>& findings, const Console& console) {
   Table table;
   std::string remedies;
   for (const Finding& finding : findings) {
@@ -351,9 +351,9 @@ std::string TableOf(const std::vector<Finding>& findings, bool color) {
     if (!finding.remedy.empty())
       remedies += "  " + std::string(finding.title) + ": " + finding.remedy + "\n";
   }
-  if (remedies.empty()) return table.Render(color);
-  return table.Render(color) + "\n" + Painted("What to do", Tone::kHeading, color) + "\n" +
-         remedies;
+  if (remedies.empty()) return table.Render(console.color(), console.table_width());
+  return table.Render(console.color(), console.table_width()) + "\n" +
+         Painted("What to do", Tone::kHeading, console.color()) + "\n" + remedies;
 }
 
 void ShowHealth(Session& session, Console& console, double listen) {
@@ -363,8 +363,7 @@ void ShowHealth(Session& session, Console& console, double listen) {
                                   [](const Finding& each) { return each.failure.has_value(); });
   Json parts = Json::array();
   for (const Finding& finding : findings) parts.push_back(ToJson(finding));
-  console.Data({{"well", worst == findings.end()}, {"parts", parts}},
-               TableOf(findings, console.color()));
+  console.Data({{"well", worst == findings.end()}, {"parts", parts}}, TableOf(findings, console));
   if (worst != findings.end()) throw *worst->failure;
 }
 

@@ -9,6 +9,7 @@
 #include "commands.h"
 #include "explanations.h"
 #include "table.h"
+#include "terminal_text.h"
 
 namespace svcmgrctl {
 namespace {
@@ -87,12 +88,8 @@ std::string PageOf(const Explanation& each, const Console& console) {
 
 Failure NothingCalled(const std::string& word) {
   std::string message = "there is no explanation of '" + word + "'";
-  const char* separator = "; did you mean ";
   const std::vector<std::string> similar = NamesLike(word);
-  for (const std::string& each : similar) {
-    message += separator + ("'" + each + "'");
-    separator = " or ";
-  }
+  message += terminal_text::DidYouMean(similar);
   Failure failure = {std::nullopt, "NOT_FOUND", message, kExitNotFound};
   if (similar.empty()) failure.remedy = "'svcmgrctl explain' shows all names";
   return failure;
@@ -111,7 +108,7 @@ void ListAll(Console& console) {
                   {std::string(each.name)},
                   {is_code ? vs::Error(each.number).meaning() : std::string(each.meaning)}});
   }
-  console.Data({{"explanations", all}}, table.Render(console.color()));
+  console.Data({{"explanations", all}}, table.Render(console.color(), console.table_width()));
 }
 
 void Explain(Console& console, const std::string& word) {

@@ -22,7 +22,7 @@ constexpr Column kTitle = {"TITLE", &Model::title};
 constexpr Column kDescription = {"DESCRIPTION", &Model::description};
 
 std::string TableOf(const std::vector<Model>& models, const std::vector<Column>& columns,
-                    bool color) {
+                    const Console& console) {
   if (models.empty()) return {};
   Table table;
   std::vector<std::string> titles;
@@ -33,7 +33,7 @@ std::string TableOf(const std::vector<Model>& models, const std::vector<Column>&
     for (const Column& column : columns) row.push_back({(model.*column.text).value_or("")});
     table.AddRow(row);
   }
-  return table.Render(color);
+  return table.Render(console.color(), console.table_width());
 }
 
 Json TextOrNull(const std::optional<std::string>& text) { return text ? Json(*text) : Json(); }
@@ -62,7 +62,7 @@ void ListModels(Session& session, Console& console, const ListOptions& options) 
   std::vector<Column> columns = {kId, kVersion, kTitle};
   if (options.descriptions) columns.push_back(kDescription);
   if (models.empty()) console.Note("there are no usable models");
-  console.Data({{"models", ToJson(models)}}, TableOf(models, columns, console.color()));
+  console.Data({{"models", ToJson(models)}}, TableOf(models, columns, console));
 }
 
 void ListVersions(Session& session, Console& console, const std::string& id) {
@@ -78,7 +78,7 @@ void ListVersions(Session& session, Console& console, const std::string& id) {
   if (versions.empty() && usable == models.end()) throw NoSuchModel(id, models);
   if (versions.empty()) console.Note("there are no versions of '" + id + "'");
   console.Data({{"id", id}, {"versions", ToJson(versions)}},
-               TableOf(versions, {kVersion, kId, kTitle}, console.color()));
+               TableOf(versions, {kVersion, kId, kTitle}, console));
 }
 
 void AddList(CLI::App& models, Command* chosen) {

@@ -13,6 +13,10 @@ struct Options {
   bool json = false;
   /** The library's log records too. */
   bool verbose = false;
+  /** Nothing but data and errors. */
+  bool quiet = false;
+  /** Tables whole, also where they do not fit the terminal. */
+  bool no_trunc = false;
   /** Seconds that the whole command may take; 0 for no limit. */
   double timeout = 30;
   ColorWhen color = ColorWhen::kAuto;

@@ -95,12 +95,8 @@ Failure NoSuchModel(const std::string& id, const std::vector<Model>& models) {
   ids.reserve(models.size());
   for (const Model& model : models) ids.push_back(model.id.value_or(""));
   std::string message = "there is no usable model '" + id + "'";
-  const char* separator = "; did you mean ";
   const std::vector<std::string> similar = SimilarTo(id, ids);
-  for (const std::string& each : similar) {
-    message += separator + ("'" + each + "'");
-    separator = " or ";
-  }
+  message += terminal_text::DidYouMean(similar);
   Failure failure = {std::nullopt, "NOT_FOUND", message, kExitNotFound};
   if (similar.empty()) failure.remedy = "'svcmgrctl models list' shows those that there are";
   return failure;

@@ -100,7 +100,7 @@ std::optional<std::string> Shown(const std::optional<std::size_t>& number) {
   return number ? std::optional(std::to_string(*number)) : std::nullopt;
 }
 
-std::string TableOf(const Answers& status, bool color) {
+std::string TableOf(const Answers& status, const Console& console) {
   const auto level = status.agent_api_level ? std::optional(std::to_string(*status.agent_api_level))
                                             : std::nullopt;
   const std::optional<std::string> connection = status.connected ? "connected" : "lost";
@@ -118,12 +118,12 @@ std::string TableOf(const Answers& status, bool color) {
                 CellOf(status, kUsableModels, Shown(status.usable_models))});
   table.AddRow({{"Library", Tone::kHeading},
                 {LibraryVersion() + ", API level " + std::to_string(VELMORA_SVCMGR_API_LEVEL)}});
-  return table.Render(color);
+  return table.Render(console.color(), console.table_width());
 }
 
 void ShowStatus(Session& session, Console& console) {
   const Answers status = AskStatus(session);
-  console.Data(ToJson(status), TableOf(status, console.color()));
+  console.Data(ToJson(status), TableOf(status, console));
   if (!status.problems.empty()) throw status.problems.front().failure;
 }
 

@@ -11,6 +11,7 @@ namespace svcmgrctl {
 namespace {
 
 using terminal_text::CellWidth;
+using terminal_text::Fitted;
 using terminal_text::ForTerminal;
 
 const char* EscapeOf(Tone tone) {
@@ -46,17 +47,21 @@ void Table::AddHeading(const std::vector<std::string>& titles) {
   AddRow(std::move(row));
 }
 
-std::string Table::Render(bool color) const {
+std::string Table::Render(bool color, std::size_t width) const {
   std::vector<std::size_t> widths;
   for (const auto& row : rows_) {
     widths.resize(std::max(widths.size(), row.size()));
     for (std::size_t i = 0; i < row.size(); ++i)
       widths[i] = std::max(widths[i], CellWidth(row[i].text));
   }
+  std::size_t before_last = 0;
+  for (std::size_t i = 0; i + 1 < widths.size(); ++i) before_last += widths[i] + 2;
+  const std::size_t last = width > before_last ? width - before_last : 1;
   std::string out;
   for (const auto& row : rows_) {
     for (std::size_t i = 0; i < row.size(); ++i) {
-      out += Painted(row[i].text, row[i].tone, color);
+      const bool is_cut = width > 0 && i + 1 == row.size();
+      out += Painted(is_cut ? Fitted(row[i].text, last) : row[i].text, row[i].tone, color);
       // Nothing is aligned to the last column, and spaces at a line's end only wrap it.
       if (i + 1 < row.size()) out.append(widths[i] - CellWidth(row[i].text) + 2, ' ');
     }

@@ -2,6 +2,7 @@
 #ifndef TOOLS_SVCMGRCTL_TABLE_H_
 #define TOOLS_SVCMGRCTL_TABLE_H_
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,7 +28,9 @@ class Table {
   void AddRow(std::vector<Cell> row);
   void AddHeading(const std::vector<std::string>& titles);
 
-  std::string Render(bool color) const;
+  /** @param width  The cells into which each line fits, at the cost of its last column; 0 for no
+   *                limit. */
+  std::string Render(bool color, std::size_t width = 0) const;
 
  private:
   std::vector<std::vector<Cell>> rows_;

@@ -22,7 +22,17 @@ class Watch {
   Watch(Session& session, Console& console, std::string what)
       : session_(session), console_(console), what_(std::move(what)) {}
 
+  /** Whoever interrupts it has seen enough. */
   void Run() {
+    try {
+      Follow();
+    } catch (const Failure& failure) {
+      if (failure.exit != kExitInterrupted) throw;
+    }
+  }
+
+ private:
+  void Follow() {
     vs::Token updates;
     vs::Token models;
     if (Wants("update"))
@@ -55,7 +65,6 @@ class Watch {
           [this] { return !lines_.empty() || std::exchange(time_to_retry_, false); });
   }
 
- private:
   bool Wants(const char* kind) const { return what_.empty() || what_ == kind; }
 
   void Note(const char* event, const Status& status, const Json& more) {

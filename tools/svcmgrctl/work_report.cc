@@ -13,7 +13,7 @@ void WorkReport::Print(const char* event, const Json& more, const std::string& t
   const double elapsed = Elapsed();
   Json json = {{"time", WallTime()}, {"elapsed", Rounded(elapsed)}, {"event", event}};
   json.update(more);
-  console_.Line(json, text.empty() ? text : Stamped(elapsed, text));
+  console_.Line(json, text.empty() || console_.quiet() ? "" : Stamped(elapsed, text));
 }
 
 std::string Listed(const std::vector<std::string>& names) {

@@ -131,4 +131,16 @@ std::vector<std::string> SimilarTo(std::string_view word,
   return similar;
 }
 
+std::string DidYouMean(const std::vector<std::string>& similar) {
+  std::string question;
+  for (const std::string& each : similar)
+    question += (question.empty() ? "; did you mean '" : " or '") + each + "'";
+  return question;
+}
+
+std::string Fitted(std::string_view text, std::size_t cells) {
+  if (CellWidth(text) <= cells) return std::string(text);
+  return cells == 0 ? "" : FirstCells(text, cells - 1) + "\u2026";
+}
+
 }  // namespace terminal_text

@@ -35,6 +35,13 @@ std::string Shortened(std::string_view message);
 std::vector<std::string> SimilarTo(std::string_view word,
                                    const std::vector<std::string>& candidates);
 
+/** "; did you mean 'a' or 'b'" for what SimilarTo has found; empty if that is nothing. */
+std::string DidYouMean(const std::vector<std::string>& similar);
+
+/** A text, which ForTerminal has made safe, in at most so many cells: what does not fit is replaced by
+ *  an ellipsis. */
+std::string Fitted(std::string_view text, std::size_t cells);
+
 }  // namespace terminal_text
 
 #endif  // TOOLS_TERMINAL_TEXT_TERMINAL_TEXT_H_
