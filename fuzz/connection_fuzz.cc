@@ -75,7 +75,10 @@ class PeerStream {
     Close();
     fd_ = fd;
   }
-  void Make() { Adopt(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)); }
+  void Make() {
+    Adopt(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    REQUIRE(open());
+  }
   void Close() {
     if (open()) close(fd_);
     fd_ = -1;
