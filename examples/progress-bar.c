@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /*
- * progress-bar ID[@VERSION]...: has models updated, and shows how far the work has come until its
- * end is known.
+ * progress-bar [--again] ID[@VERSION]...: has models updated, and shows how far the work has come
+ * until its end is known. With --again it asks again for what the agent's restart has swallowed.
  */
 #include <glib.h>
 #include <stdio.h>
@@ -19,11 +19,14 @@ enum { WAITING = 1, FAILED = 2, TIME_IS_UP = 3 };
 /* What is heard by events is believed when nothing has followed for so long. */
 static const gint64 settle_time = 2 * G_USEC_PER_SEC;
 static const gint64 silence_limit = 30 * G_USEC_PER_SEC;
+/* Silence of an agent that has announced its replacement. */
+static const gint64 restart_patience = 5 * G_USEC_PER_SEC;
 
 struct work {
   velmora_svcmgr_ai_model_list_h models;
   int model_count;
   int result;
+  bool again; /* is to be asked for again after a loss */
   gint64 last_heard;
   bool asked;
   /* What the messages say. */
@@ -109,16 +112,40 @@ static void on_event(int error, int status, void* data) {
   }
 }
 
+static void ask(struct work* work) {
+  work->asked = true;
+  work->begun = work->ended = 0;
+  work->result_of_events = WAITING;
+  const int error = velmora_svcmgr_ai_request_to_update(work->models, on_progress, work);
+  /* A request may fail because the connection is just being lost. */
+  if (error == SVCMGR_ERROR_INVALID_OPERATION && work->again)
+    work->asked = false;
+  else if (error != SVCMGR_ERROR_NONE)
+    work->result = error;
+  else
+    work->last_heard = g_get_monotonic_time();
+}
+
 static void on_connection(int error, int state, void* data) {
   struct work* work = data;
-  if (state != SVCMGR_CONNECTION_STATE_CONNECTED) {
+  if (work->result != WAITING) return;
+  if (state == SVCMGR_CONNECTION_STATE_CONNECTED) {
+    if (!work->asked) ask(work);
+  } else if (work->again && state == SVCMGR_CONNECTION_STATE_DISCONNECTED) {
+    work->asked = false; /* asked again when the connection stands */
+  } else {
     /* What becomes of work that has begun is not known any more. */
     work->result = error != SVCMGR_ERROR_NONE ? error : SVCMGR_ERROR_NOT_CONNECTED;
-  } else if (!work->asked) {
-    work->asked = true;
-    error = velmora_svcmgr_ai_request_to_update(work->models, on_progress, work);
-    if (error != SVCMGR_ERROR_NONE) work->result = error;
   }
+}
+
+/* Nobody tells that the agent has replaced itself. A gap shows by looking; one that was too short
+ * for that, by silence after the announcement. */
+static void look(struct work* work, gint64 silence) {
+  bool updating = false;
+  const bool stands = velmora_svcmgr_is_being_updated(&updating) == SVCMGR_ERROR_NONE;
+  if (!stands || (updating && silence >= restart_patience)) work->asked = false;
+  if (stands && !work->asked) ask(work);
 }
 
 static gboolean on_tick(void* data) {
@@ -129,6 +156,8 @@ static gboolean on_tick(void* data) {
     work->result = work->result_of_events;
   else if (silence >= silence_limit)
     work->result = TIME_IS_UP;
+  else if (work->again)
+    look(work, silence);
   show(work);
   return G_SOURCE_CONTINUE;
 }
@@ -176,11 +205,13 @@ static void follow(struct work* work) {
 
 int main(int argc, char** argv) {
   struct work work = {.result = WAITING, .result_of_events = WAITING};
-  if (argc < 2) {
-    fprintf(stderr, "usage: progress-bar ID[@VERSION]...\n");
+  work.again = argc > 1 && strcmp(argv[1], "--again") == 0;
+  const int first = work.again ? 2 : 1;
+  if (argc <= first) {
+    fprintf(stderr, "usage: progress-bar [--again] ID[@VERSION]...\n");
     return 2;
   }
-  const int error = make_list(&work, argc - 1, argv + 1);
+  const int error = make_list(&work, argc - first, argv + first);
   if (error == SVCMGR_ERROR_NONE)
     follow(&work);
   else

@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// progress-bar-cc ID[@VERSION]...: has models updated, and shows how far the work has come until its
-// end is known.
+// progress-bar-cc [--again] ID[@VERSION]...: has models updated, and shows how far the work has come
+// until its end is known. With --again it asks again for what the agent's restart has swallowed.
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <iostream>
 #include <string>
+#include <string_view>
 #include <vector>
 #include <velmora_svcmgr_glib.hpp>
 
@@ -42,7 +43,7 @@ vs::ModelName NameOf(const std::string& argument) {
   return {argument.substr(0, at), argument.substr(at + 1)};
 }
 
-bool Update(std::vector<vs::ModelName> models) {
+bool Update(std::vector<vs::ModelName> models, vs::Resend resend) {
   bool waiting = true;
   bool updated = false;
   Bar bar;
@@ -50,6 +51,7 @@ bool Update(std::vector<vs::ModelName> models) {
   vs::Session session(loop);
   vs::WorkOptions options;
   options.silence_limit = 30s;
+  options.resend = resend;
   const vs::ModelWork work = session.Update(
       std::move(models), [&](const vs::Progress& progress) { bar.Show(progress.total); },
       [&](vs::Outcome<void> end) {
@@ -66,11 +68,14 @@ bool Update(std::vector<vs::ModelName> models) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2) {
-    std::cerr << "usage: progress-bar-cc ID[@VERSION]...\n";
+  const bool again = argc > 1 && std::string_view(argv[1]) == "--again";
+  const int first = again ? 2 : 1;
+  if (argc <= first) {
+    std::cerr << "usage: progress-bar-cc [--again] ID[@VERSION]...\n";
     return 2;
   }
   std::vector<vs::ModelName> models;
-  for (int i = 1; i < argc; ++i) models.push_back(NameOf(argv[i]));
-  return Update(std::move(models)) && std::cout.flush() ? EXIT_SUCCESS : EXIT_FAILURE;
+  for (int i = first; i < argc; ++i) models.push_back(NameOf(argv[i]));
+  const auto resend = again ? vs::Resend::kAfterAnyLoss : vs::Resend::kNever;
+  return Update(std::move(models), resend) && std::cout.flush() ? EXIT_SUCCESS : EXIT_FAILURE;
 }
