@@ -51,6 +51,21 @@ class TheVersionOfTheHeader(unittest.TestCase):
         self.assertEqual(re.search(r"^## (\S+), API level (\d+)", read(SOURCE / "CHANGELOG.md"), re.M).groups(),
                          (VERSION, macro("API_LEVEL")))
 
+    def test_is_in_the_names_and_the_changelog_of_the_debian_packages(self):
+        self.assertEqual(re.match(r"velmora-svcmgr \(([^)]+)\)", read(SOURCE / "debian/changelog"))[1], VERSION)
+        self.assertIn(f"Package: libvelmora-svcmgr{MAJOR}\n", read(SOURCE / "debian/control"))
+
+    def test_is_no_older_than_what_the_debian_symbols_ask_for(self):
+        lines = read(SOURCE / f"debian/libvelmora-svcmgr{MAJOR}.symbols").splitlines()
+        self.assertEqual(lines[0], f"libvelmora-svcmgr.so.{MAJOR} libvelmora-svcmgr{MAJOR} #MINVER#")
+        listed = {}
+        for line in lines[2:]:
+            symbol, version = line.split()
+            listed[symbol] = version
+            self.assertLessEqual([int(part) for part in version.split(".")], [int(MAJOR), int(MINOR), int(PATCH)])
+        exported = set(re.findall(r" T (\S+)@@(\S+)", output("nm", "-D", "--defined-only", LIBRARY)))
+        self.assertEqual({tuple(symbol.split("@")) for symbol in listed if symbol.startswith("velmora_")}, exported)
+
     def test_is_in_the_manual_pages(self):
         for page in sorted((SOURCE / "docs/man").glob("*.[1-9]")):
             title = re.search(r'^\.TH .*"velmora\\-svcmgr ([\d.]+)"', read(page), re.M)
