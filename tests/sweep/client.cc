@@ -27,8 +27,9 @@ namespace {
 constexpr int kTickMilliseconds = 10;
 /** While nothing comes, the agent is asked this often whether it still answers. */
 constexpr int kTicksPerProbe = 5;
-/** What has not come after this many answers of the agent, and nothing else, will not come. */
-constexpr int kProbes = 20;
+/** What has not come after this many answers of the agent, and nothing else, will not come; on a busy
+ *  machine the bus is seconds behind. */
+constexpr int kProbes = 100;
 /** What has not come after this many ticks in which nothing at all happened will not come. */
 constexpr int kQuietTicks = 1000;
 /** This many dispatches of which nobody hears mean that the loop spins. */
