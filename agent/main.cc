@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "command_words.h"
 #include "common/report.h"
 #include "scenario/scenario_files.h"
 #include "scenario/scenario_reader.h"
@@ -230,6 +231,40 @@ int InsideAWorld(const Deed& deed) {
   }
 }
 
+/** What may stand in place of the last of these words, one candidate in each line. */
+int Complete(const CLI::App& app, const std::vector<std::string>& words) {
+  const terminal_text::Place place = terminal_text::PlaceOf(app, words);
+  if (place.option != nullptr || place.is_behind_mark) return 0;
+  if (place.word.starts_with("-")) {
+    return Print(terminal_text::Completions(place.word, terminal_text::OptionsOf(*place.command)));
+  }
+  const std::string& command = place.command->get_name();
+  std::vector<std::string> candidates = terminal_text::CommandsOf(*place.command);
+  if (command == "run" || command == "check") {
+    for (const sim::ShippedScenario& shipped : sim::ShippedScenarios()) {
+      candidates.emplace_back(shipped.name);
+    }
+  }
+  return Print(terminal_text::Completions(place.word, candidates));
+}
+
+/** What is wrong with a command line, and what may have been meant. */
+std::string WhatIsWrong(const CLI::App& app, const CLI::ParseError& error) {
+  const CLI::App* command = &app;
+  while (!command->get_subcommands().empty()) command = command->get_subcommands().front();
+  const bool wants_command = !terminal_text::CommandsOf(*command).empty();
+  const std::vector<std::string> unknown = app.remaining(true);
+  const auto is_option = [](const std::string& word) { return word.size() > 1 && word[0] == '-'; };
+  // An option that is not known leaves its value over, too.
+  auto word = std::find_if(unknown.begin(), unknown.end(), is_option);
+  if (word == unknown.end()) word = unknown.begin();
+  if (word == unknown.end()) return wants_command ? "a command is missing" : error.what();
+  const char* kind = is_option(*word) ? "there is no option \""
+                     : wants_command  ? "there is no command \""
+                                      : "there is no use for \"";
+  return kind + *word + "\"" + terminal_text::DidYouMean(*word, *command);
+}
+
 int Execute(CLI::App& app, const Options& options) {
   try {
     if (app.got_subcommand("run")) return Run(options);
@@ -255,7 +290,9 @@ int Execute(CLI::App& app, const Options& options) {
 int main(int argc, char** argv) {
   if (!ReserveStandardDescriptors()) return sim::kOwnFailure;
   Options options;
-  options.run.command = TakeCommand(&argc, argv);
+  const bool completes =
+      argc > 2 && argv[1] == std::string("complete") && argv[2] == std::string("--");
+  if (!completes) options.run.command = TakeCommand(&argc, argv);
 
   CLI::App app("Runs commands beside a simulated service-manager agent.", "svcmgr-sim");
   app.footer(kMoreHelp);
@@ -277,6 +314,7 @@ int main(int argc, char** argv) {
   agent->add_option("--trace", options.trace_formats)->allow_extra_args(false);
   agent->add_option("--last-client", options.agent.last_client);
   agent->add_option("--time-scale", options.run.time_scale);
+  if (completes) return Complete(app, {argv + 3, argv + argc});
   try {
     app.parse(argc, argv);
     const bool runs = app.got_subcommand("run") || app.got_subcommand("record");
@@ -290,7 +328,7 @@ int main(int argc, char** argv) {
       app.exit(error, text, text);
       return Print(text.str());
     }
-    sim::Report(sim::Quotable(error.what()) + "\nRun svcmgr-sim with --help for more.");
+    sim::Report(sim::Quotable(WhatIsWrong(app, error)) + "\nRun svcmgr-sim with --help for more.");
     return kUsageError;
   }
   return Execute(app, options);

@@ -508,6 +508,23 @@ TEST_F(ATerminalRun, LeavesTheTerminalToTheCommand) {
 
 class ACall : public ARun {};
 
+TEST_F(ACall, ThatIsMistypedIsToldWhatMayHaveBeenMeant) {
+  const std::pair<std::vector<std::string>, const char*> rows[] = {
+      {{}, "svcmgr-sim: a command is missing\n"},
+      {{"rund"}, "svcmgr-sim: there is no command \"rund\"; did you mean 'run'\n"},
+      {{"frobnicate"}, "svcmgr-sim: there is no command \"frobnicate\"\n"},
+      {{"run", "demo", "--trcae", "x", "--", "true"},
+       "svcmgr-sim: there is no option \"--trcae\"; did you mean '--trace'\n"},
+      {{"list", "more"}, "svcmgr-sim: there is no use for \"more\"\n"},
+  };
+  for (const auto& [arguments, message] : rows) {
+    const Finished run = RunSim(arguments);
+    EXPECT_EQ(run.status, 2) << message;
+    EXPECT_EQ(run.output, "") << message;
+    EXPECT_EQ(run.errors, std::string(message) + "Run svcmgr-sim with --help for more.\n");
+  }
+}
+
 TEST_F(ACall, WithoutScenarioOrCommandIsAWrongUsage) {
   for (const std::vector<std::string>& arguments :
        std::vector<std::vector<std::string>>{{},

@@ -375,6 +375,11 @@ int package_info_destroy(package_info_h info) {
   return 0;
 }
 
+int package_info_get_package(package_info_h, char** id) {
+  *id = strdup("org.scripted.app");
+  return 0;
+}
+
 int package_info_get_version(package_info_h, char** version) {
   const json text = Step("packages").value("version", json("2.3.182"));
   if (!text.is_string()) return -5;

@@ -296,6 +296,14 @@ for page in svcmgrctl svcmgr-sim; do
 done
 [ -f "$prefix/share/man/man5/svcmgr-scenario.5" ] || die "svcmgr-scenario.5 is not installed"
 
+step "completion for shells"
+for program in svcmgrctl svcmgr-sim; do
+  for file in bash-completion/completions/$program zsh/site-functions/_$program \
+    fish/vendor_completions.d/$program.fish; do
+    [ -f "$prefix/share/$file" ] || die "$file is not installed"
+  done
+done
+
 step "the scenarios and their schema"
 cmp "$prefix/share/velmora-svcmgr/scenario.schema.json" \
   "$SOURCE_DIR/agent/scenario/scenario.schema.json" || die "the schema is not installed"

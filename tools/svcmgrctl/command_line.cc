@@ -11,7 +11,8 @@
 #include <utility>
 #include <vector>
 
-#include "terminal_text.h"
+#include "command_words.h"
+#include "completion.h"
 #include "velmora_svcmgr.h"
 #include "version.h"
 
@@ -19,7 +20,6 @@ namespace svcmgrctl {
 namespace {
 
 using terminal_text::DidYouMean;
-using terminal_text::SimilarTo;
 
 // The timer counts milliseconds in 32 bits; 40 days fit.
 constexpr double kLongestTimeout = 40.0 * 24 * 60 * 60;
@@ -131,21 +131,6 @@ std::string Mismatch(const CLI::Option& option) {
   return option.get_name() + " needs " + option.get_type_name();
 }
 
-std::vector<std::string> CommandsLike(const std::string& word, const CLI::App& understood) {
-  std::vector<std::string> names;
-  for (const CLI::App* command : understood.get_subcommands({}))
-    names.push_back(command->get_name());
-  return SimilarTo(word, names);
-}
-
-std::vector<std::string> OptionsLike(const std::string& word, const CLI::App& understood) {
-  std::vector<std::string> names;
-  for (const CLI::App* command = &understood; command != nullptr; command = command->get_parent())
-    for (const CLI::Option* option : command->get_options())
-      for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
-  return SimilarTo(word.substr(0, word.find('=')), names);
-}
-
 // What is wrong with arguments that no command has a use for; empty if there are none.
 std::string WhatIsLeftOver(const CLI::App& root, const CLI::App& understood,
                            const std::vector<std::string>& arguments, bool wants_command) {
@@ -161,9 +146,9 @@ std::string WhatIsLeftOver(const CLI::App& root, const CLI::App& understood,
   if (!unknown.empty() && !is_behind_mark(unknown.front())) {
     const std::string& first = unknown.front();
     if (first.size() > 1 && first[0] == '-')
-      return "there is no option '" + first + "'" + DidYouMean(OptionsLike(first, understood));
+      return "there is no option '" + first + "'" + DidYouMean(first, understood);
     if (!wants_command) return "there is no use for '" + first + "'";
-    return "there is no command '" + first + "'" + DidYouMean(CommandsLike(first, understood));
+    return "there is no command '" + first + "'" + DidYouMean(first, understood);
   }
   // The parser does not tell of a command there.
   if (wants_command)
@@ -208,9 +193,8 @@ void CheckCommand(const CLI::App& app, const std::vector<std::string>& words) {
         command->get_subcommands([&](const CLI::App* each) { return each->get_name() == word; });
     if (inner.empty())
       throw Failure{std::nullopt, "USAGE",
-                    "there is no command '" + word + "'" +
-                        DidYouMean(CommandsLike(word, *command)) + "; see '" + understood +
-                        " --help'",
+                    "there is no command '" + word + "'" + DidYouMean(word, *command) + "; see '" +
+                        understood + " --help'",
                     kExitUsage};
     command = inner.front();
     understood += " " + word;
@@ -269,6 +253,9 @@ void ReadCommandLine(int argc, const char* const* argv, Invocation* invocation) 
   app.footer(kExamples + ("\nExit status:\n" + exit_codes));
   RefuseValuesOfFlags(&app);
   const std::vector<std::string> arguments(argv + std::min(argc, 1), argv + argc);
+  // Half a command line is none that could be parsed.
+  if (arguments.size() > 1 && arguments[0] == "complete" && arguments[1] == "--")
+    return Complete(app, {arguments.begin() + 2, arguments.end()}, invocation);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {

@@ -15,7 +15,7 @@ struct Invocation {
   Options options;
   /** Empty if only a text is asked for. */
   Command command;
-  /** Help or version. */
+  /** Help, version or completions. */
   std::string text;
 };
 

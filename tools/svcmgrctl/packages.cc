@@ -21,6 +21,13 @@ bool Count(package_info_h, void* count) {
   return true;
 }
 
+bool TakeId(package_info_h info, void* ids) {
+  char* text = nullptr;
+  if (package_info_get_package(info, &text) == 0 && text != nullptr)
+    static_cast<std::vector<std::string>*>(ids)->emplace_back(base::Malloced<char>(text).get());
+  return true;
+}
+
 // As the library reads it: strtol's idea of a number, within bounds.
 long TakeNumber(const char*& text) {
   char* end = nullptr;
@@ -51,6 +58,12 @@ std::optional<std::size_t> CountPackages() {
   std::size_t count = 0;
   if (package_manager_foreach_package_info(Count, &count) != 0) return std::nullopt;
   return count;
+}
+
+std::vector<std::string> PackageIds() {
+  std::vector<std::string> ids;
+  package_manager_foreach_package_info(TakeId, &ids);
+  return ids;
 }
 
 const char* AgentPackageId() { return AGENT_PACKAGE_ID; }

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace svcmgrctl {
 
@@ -21,6 +22,9 @@ AgentPackage FindAgentPackage();
 
 /** How many packages are installed; absent if they cannot be read. */
 std::optional<std::size_t> CountPackages();
+
+/** The IDs of the installed packages; empty if they cannot be read. */
+std::vector<std::string> PackageIds();
 
 /** The agent's package ID. */
 const char* AgentPackageId();
