@@ -215,7 +215,7 @@ TEST(AModelId, MayLookLikeAnOption) {
       R"({"described": {"models": [{"id": "--json"}]}, "versions": {"echo": true}})";
   const Ending ending = RunScripted(script, {"models", "versions", "--", "--json"});
   EXPECT_EQ(ending.status, 0);
-  EXPECT_EQ(ending.output, "VERSION  ID      TITLE\n-        --json  -\n");
+  EXPECT_EQ(ending.output, "VERSION  REMARK  ID      TITLE\n-        -       --json  -\n");
 }
 
 TEST(Help, IsDataAndHoldsTheTableOfExitCodes) {

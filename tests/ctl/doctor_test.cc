@@ -12,7 +12,7 @@ namespace {
 using nlohmann::json;
 using testing::HasSubstr;
 
-struct Row {
+struct Trouble {
   const char* script;
   const char* part;
   const char* state;
@@ -20,7 +20,7 @@ struct Row {
   const char* remedy;
 };
 
-const Row kRows[] = {
+const Trouble kTroubles[] = {
     {R"({"packages": {"result": -5}})", "packages", "problem", "cannot be read", "who may read"},
     {R"({"packages": {"version": null}})", "agent", "problem",
      "version of the agent cannot be read", "again"},
@@ -49,7 +49,7 @@ Ending RunDoctor(const std::string& script, std::vector<std::string> arguments) 
 }
 
 TEST(TheDoctor, FindsWhatIsWrongAndSaysWhatToDo) {
-  for (const Row& row : kRows) {
+  for (const Trouble& row : kTroubles) {
     const Ending ending = RunDoctor(row.script, {"doctor", "--json", "--timeout", "0.5"});
     EXPECT_NE(ending.status, 0) << "there is no bus";
     const json health = json::parse(ending.output);

@@ -253,9 +253,9 @@ constexpr char kVersions[] = R"({
 
 TEST(TheVersionsOfAModel, AreATable) {
   ExpectDone(RunScripted(kVersions, {"models", "versions", "vision"}),
-             "VERSION  ID      TITLE\n"
-             "2        vision  Vision\n"
-             "1.10     vision  Vision\n");
+             "VERSION  REMARK             ID      TITLE\n"
+             "2        installed, newest  vision  Vision\n"
+             "1.10     -                  vision  Vision\n");
 }
 
 TEST(TheVersionsOfAModel, AreAJsonObject) {
@@ -267,13 +267,17 @@ TEST(TheVersionsOfAModel, AreAJsonObject) {
       "id": "vision",
       "version": "2",
       "title": "Vision",
-      "description": ""
+      "description": "",
+      "installed": true,
+      "newest": true
     },
     {
       "id": "vision",
       "version": "1.10",
       "title": "Vision",
-      "description": ""
+      "description": "",
+      "installed": false,
+      "newest": false
     }
   ]
 }
@@ -287,10 +291,10 @@ TEST(TheVersionsOfAModel, AreAskedForWithAllFourTextsOfTheModel) {
                   {"models", "versions", "a", "--json"})
           .output,
       HasSubstr("\"id\": \"a\",\n      \"version\": \"2\",\n      \"title\": \"T\",\n"
-                "      \"description\": \"D\"\n"));
+                "      \"description\": \"D\",\n"));
   EXPECT_THAT(RunScripted(echo + R"({"id": "a"}]}})", {"models", "versions", "a", "--json"}).output,
               HasSubstr("\"id\": \"a\",\n      \"version\": \"\",\n      \"title\": \"\",\n"
-                        "      \"description\": \"\"\n"));
+                        "      \"description\": \"\",\n"));
 }
 
 TEST(TheVersionsOfAModel, ThatThereIsNotAreNotFoundAndSimilarNamesSuggested) {
@@ -311,8 +315,28 @@ TEST(TheVersionsOfAModel, ThatThereIsNotAreNotFoundAndSimilarNamesSuggested) {
 TEST(TheVersionsOfAModel, ThatIsNotInstalledAreThoseThatCanBe) {
   ExpectDone(RunScripted(R"({"versions": {"models": [{"id": "new", "version": "0.9"}]}})",
                          {"models", "versions", "new"}),
-             "VERSION  ID   TITLE\n"
-             "0.9      new  -\n");
+             "VERSION  REMARK  ID   TITLE\n"
+             "0.9      newest  new  -\n");
+}
+
+TEST(TheVersionsOfAModel, AreMarkedWhereTheyAreInstalledOrNewest) {
+  const auto versions = [](const std::string& installed) {
+    return RunScripted(R"({"described": {"models": [{"id": "b", "version": "2.0"},
+                                                    {"id": "a", "version": ")" +
+                           installed + R"("}]},
+                           "versions": {"models": [{"id": "a", "version": "1.9"},
+                                                   {"id": "a", "version": "2.0-rc1"},
+                                                   {"id": "a", "version": "1.10"},
+                                                   {"id": "a", "version": "2.0"}]}})",
+                       {"models", "versions", "a"});
+  };
+  ExpectDone(versions("1.9"),
+             "VERSION  REMARK     ID  TITLE\n"
+             "1.9      installed  a   -\n"
+             "2.0-rc1  -          a   -\n"
+             "1.10     -          a   -\n"
+             "2.0      newest     a   -\n");
+  EXPECT_THAT(versions("2.0").output, HasSubstr("2.0      installed, newest  a   -\n"));
 }
 
 TEST(TheVersionsOfAModel, WhenThereAreNoneAreNoData) {
@@ -328,7 +352,7 @@ TEST(AnAnswer, CountsOnceHoweverOftenItComes) {
                  R"({"described": {"models": [{"id": "a"}], "times": 3, "again": -38},
                      "versions": {"models": [{"id": "a", "version": "1"}], "times": 2, "again": -38}})",
                  {"models", "versions", "a"}),
-             "VERSION  ID  TITLE\n1        a   -\n");
+             "VERSION  REMARK  ID  TITLE\n1        newest  a   -\n");
 }
 
 TEST(AConnection, MayStandBeforeConnectReturns) {

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "model_versions.h"
 #include "queries.h"
 #include "table.h"
 
@@ -48,6 +49,41 @@ Json ToJson(const std::vector<Model>& models) {
   return list;
 }
 
+// Of a version: "installed", "newest", or both.
+std::string RemarkOn(const Model& version, const std::optional<std::string>& installed,
+                     const std::optional<std::string>& newest) {
+  std::string remark;
+  if (version.version && version.version == installed) remark = "installed";
+  if (version.version && version.version == newest)
+    remark += remark.empty() ? "newest" : ", newest";
+  return remark;
+}
+
+std::string TableOfVersions(const std::vector<Model>& versions,
+                            const std::optional<std::string>& installed, const Console& console) {
+  if (versions.empty()) return {};
+  const auto newest = NewestOf(versions);
+  Table table;
+  table.AddHeading({"VERSION", "REMARK", "ID", "TITLE"});
+  for (const Model& each : versions)
+    table.AddRow({{each.version.value_or("")},
+                  {RemarkOn(each, installed, newest), Tone::kGood},
+                  {each.id.value_or("")},
+                  {each.title.value_or("")}});
+  return table.Render(console.color(), console.table_width());
+}
+
+Json VersionsToJson(const std::vector<Model>& versions,
+                    const std::optional<std::string>& installed) {
+  const auto newest = NewestOf(versions);
+  Json list = ToJson(versions);
+  for (std::size_t i = 0; i < versions.size(); ++i) {
+    list[i]["installed"] = versions[i].version && versions[i].version == installed;
+    list[i]["newest"] = versions[i].version && versions[i].version == newest;
+  }
+  return list;
+}
+
 struct ListOptions {
   bool descriptions = false;
   std::optional<std::string> category;
@@ -77,8 +113,9 @@ void ListVersions(Session& session, Console& console, const std::string& id) {
   // A model that is not installed has versions, too: those that can be installed.
   if (versions.empty() && usable == models.end()) throw NoSuchModel(id, models);
   if (versions.empty()) console.Note("there are no versions of '" + id + "'");
-  console.Data({{"id", id}, {"versions", ToJson(versions)}},
-               TableOf(versions, {kVersion, kId, kTitle}, console));
+  const auto installed = InstalledVersion(models, id);
+  console.Data({{"id", id}, {"versions", VersionsToJson(versions, installed)}},
+               TableOfVersions(versions, installed, console));
 }
 
 void AddList(CLI::App& models, Command* chosen) {
