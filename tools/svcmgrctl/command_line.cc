@@ -184,6 +184,13 @@ void AddHelpCommand(CLI::App& app, std::optional<std::vector<std::string>>* want
   help->callback([wanted, words] { *wanted = *words; });
 }
 
+Failure NoCommand(const std::string& word, const CLI::App& in, const std::string& understood) {
+  return {std::nullopt, "USAGE",
+          "there is no command '" + word + "'" + DidYouMean(word, in) + "; see '" + understood +
+              " --help'",
+          kExitUsage};
+}
+
 // The parser would take unknown words before --help for nothing.
 void CheckCommand(const CLI::App& app, const std::vector<std::string>& words) {
   const CLI::App* command = &app;
@@ -191,13 +198,9 @@ void CheckCommand(const CLI::App& app, const std::vector<std::string>& words) {
   for (const std::string& word : words) {
     const auto inner =
         command->get_subcommands([&](const CLI::App* each) { return each->get_name() == word; });
-    if (inner.empty())
-      throw Failure{std::nullopt, "USAGE",
-                    "there is no command '" + word + "'" + DidYouMean(word, *command) + "; see '" +
-                        understood + " --help'",
-                    kExitUsage};
+    if (inner.empty()) throw NoCommand(word, *command, understood);
     command = inner.front();
-    understood += " " + word;
+    understood.append(" ").append(word);
   }
 }
 
