@@ -153,6 +153,14 @@ TEST_P(ProgressBar, SaysSoWhenTheAgentIsKilledInTheMiddle) {
   EXPECT_THAT(run.errors, HasSubstr(Says(-107, "CONNECTION_LOST")));
 }
 
+TEST_P(ProgressBar, GoesOnThroughTheAgentsDeathWhereItIsToldTo) {
+  const Finished run = Run("dies-and-recovers", {"--again", "vision.segment"});
+  EXPECT_EQ(run.status, 0) << run.errors;
+  EXPECT_EQ(run.output, "10 %\n20 %\n30 %\n40 %\n50 %\n60 %\n70 %\n80 %\n90 %\n100 %\n");
+  EXPECT_EQ(Run("dies-and-recovers", {"vision.segment"}).status, 1);
+  EXPECT_EQ(Run("demo", {"--again"}).status, 2);
+}
+
 TEST_P(SurviveRestart, AsksAnAgentThatHasReplacedItself) {
   const Finished run = RunScript("demo", R"(
       "$0" >>"$out" & program=$!
