@@ -4,8 +4,8 @@
 #
 #   each_compiler.sh FOLDER [COMPILER...]
 #
-# A COMPILER is a name such as g++-13 or clang++-16, with /libc++ behind it for LLVM's C++ library, against
-# which GoogleTest is then built, too. Without any: all that this machine has. Warnings are errors.
+# A COMPILER is a name such as g++-13 or clang++-16, with /libc++ behind it for LLVM's C++ library.
+# GoogleTest is built with it, too. Without any: all that this machine has. Warnings are errors.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/../.." && pwd)
 [ $# -gt 0 ] || { sed -n '4,8s/^# \{0,1\}//p' "$0" >&2; exit 2; }
@@ -43,10 +43,11 @@ try() {  # COMPILER
   mkdir -p "$build"
   if [ "$1" != "$cxx" ]; then
     flags=-stdlib=libc++
-    quiet "$build/gtest.log" cmake -S /usr/src/googletest -B "$build/gtest" -G Ninja -DCMAKE_CXX_COMPILER="$cxx" \
-      -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_INSTALL_PREFIX="$build/prefix"
-    quiet "$build/gtest.log" cmake --build "$build/gtest" -j "$jobs" --target install
   fi
+  # Debian's was made by its newest compiler, with what older ones do not have.
+  quiet "$build/gtest.log" cmake -S /usr/src/googletest -B "$build/gtest" -G Ninja -DCMAKE_CXX_COMPILER="$cxx" \
+    -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_INSTALL_PREFIX="$build/prefix"
+  quiet "$build/gtest.log" cmake --build "$build/gtest" -j "$jobs" --target install
   quiet "$build/configure.log" cmake -S "$root" -B "$build/tree" -G Ninja -DCMAKE_BUILD_TYPE=Debug \
     -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_FLAGS="$flags" -DSVCMGR_WERROR=ON \
     -DCMAKE_PREFIX_PATH="$build/prefix" "-DSVCMGR_TEST_FOLDERS=fake_platform;unit"
