@@ -16,7 +16,6 @@ namespace {
 
 using nlohmann::json;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 
 constexpr char kSession[] =
