@@ -110,7 +110,10 @@ const std::vector<char>& Exchange(Content content, std::size_t request_size) {
 }
 
 void Int32Limit(benchmark::State& state) {
-  for (auto _ : state) benchmark::DoNotOptimize(Exchange(Content::kInt32, 8)[8]);
+  for (auto _ : state) {
+    char first = Exchange(Content::kInt32, 8)[8];
+    benchmark::DoNotOptimize(first);
+  }
 }
 
 void LicenceLimit(benchmark::State& state) {
