@@ -23,6 +23,12 @@ class AWork : public AConnectedSession {
         [this](const vs::Outcome<void>& end) { ends.push_back(Word(end)); }, std::move(options));
   }
 
+  static vs::WorkOptions AskedAgain(vs::Resend when) {
+    vs::WorkOptions options;
+    options.resend = when;
+    return options;
+  }
+
   static void Report(const fake::Items& report, int request = 0) {
     fake::DeliverDelegateMessage(kUpdate, request, report);
   }
@@ -168,9 +174,7 @@ TEST_F(AWork, ThatSaysNothingAfterARestartBetweenTwoLooksIsLost) {
 }
 
 TEST_F(AWork, IsAskedForAgainAfterARestartBetweenTwoLooksWhereItIsToldTo) {
-  vs::WorkOptions options;
-  options.resend = vs::Resend::kAfterRestart;
-  Update({"a"}, std::move(options));
+  Update({"a"}, AskedAgain(vs::Resend::kAfterRestart));
   LoseInUpdate();
   ReturnFromUpdate();
   loop.Pass(61s);
@@ -179,8 +183,7 @@ TEST_F(AWork, IsAskedForAgainAfterARestartBetweenTwoLooksWhereItIsToldTo) {
 }
 
 TEST_F(AWork, IsAskedForAgainAfterARestartWhereItIsToldTo) {
-  vs::WorkOptions options;
-  options.resend = vs::Resend::kAfterRestart;
+  vs::WorkOptions options = AskedAgain(vs::Resend::kAfterRestart);
   Update({"a", "b"}, std::move(options));
   Report(ReportOf(2, 2, 60));
   LoseInUpdate();
@@ -195,18 +198,14 @@ TEST_F(AWork, IsAskedForAgainAfterARestartWhereItIsToldTo) {
 }
 
 TEST_F(AWork, IsLostWithTheConnectionWhereOnlyARestartIsToBeLivedThrough) {
-  vs::WorkOptions options;
-  options.resend = vs::Resend::kAfterRestart;
-  Update({"a"}, std::move(options));
+  Update({"a"}, AskedAgain(vs::Resend::kAfterRestart));
   fake::Proxy().FireDisconnected();
   loop.Turn();
   EXPECT_THAT(ends, ElementsAre("CONNECTION_LOST"));
 }
 
 TEST_F(AWork, IsAskedForAgainAfterAnyLossWhereItIsToldTo) {
-  vs::WorkOptions options;
-  options.resend = vs::Resend::kAfterAnyLoss;
-  Update({"a"}, std::move(options));
+  Update({"a"}, AskedAgain(vs::Resend::kAfterAnyLoss));
   Report(ReportOf(1, 1, 40));
   fake::Proxy().FireDisconnected();
   loop.Pass(1h);
@@ -224,9 +223,7 @@ TEST_F(AWork, IsAskedForAgainAfterAnyLossWhereItIsToldTo) {
 TEST_F(AWork, BegunAfterALossWaitsForTheAgentWhereItIsToldTo) {
   fake::Proxy().FireDisconnected();
   loop.Turn();
-  vs::WorkOptions options;
-  options.resend = vs::Resend::kAfterAnyLoss;
-  Update({"a"}, std::move(options));
+  Update({"a"}, AskedAgain(vs::Resend::kAfterAnyLoss));
   loop.Pass(1h);
   EXPECT_THAT(ends, IsEmpty());
   ReturnFromUpdate();
@@ -235,8 +232,7 @@ TEST_F(AWork, BegunAfterALossWaitsForTheAgentWhereItIsToldTo) {
 }
 
 TEST_F(AWork, ThatIsSilentAfterARestartBetweenTwoLooksIsAskedForAgainBeforeItTimesOut) {
-  vs::WorkOptions options;
-  options.resend = vs::Resend::kAfterRestart;
+  vs::WorkOptions options = AskedAgain(vs::Resend::kAfterRestart);
   options.silence_limit = 10s;
   Update({"a"}, std::move(options));
   LoseInUpdate();
@@ -252,9 +248,7 @@ TEST_F(AWork, ThatIsSilentAfterARestartBetweenTwoLooksIsAskedForAgainBeforeItTim
 }
 
 TEST_F(AWork, ThatFallsSilentWithTheAnnouncementOfARestartIsAskedForAgainSoon) {
-  vs::WorkOptions options;
-  options.resend = vs::Resend::kAfterRestart;
-  Update({"a"}, std::move(options));
+  Update({"a"}, AskedAgain(vs::Resend::kAfterRestart));
   loop.Pass(1s);
   Report(ReportOf(1, 1, 40));
   LoseInUpdate();
@@ -270,16 +264,13 @@ TEST_F(AWork, ThatFallsSilentWithTheAnnouncementOfARestartIsAskedForAgainSoon) {
 TEST_F(AWork, ThatIsBegunAfterAnAnnouncementMayBeSilent) {
   LoseInUpdate();
   ReturnFromUpdate();
-  vs::WorkOptions options;
-  options.resend = vs::Resend::kAfterRestart;
-  Update({"a"}, std::move(options));
+  Update({"a"}, AskedAgain(vs::Resend::kAfterRestart));
   loop.Pass(30s);
   EXPECT_THAT(fake::SentParcels(), SizeIs(1));
 }
 
 TEST_F(AWork, ThatStaysSilentWhenItWasAskedForAgainTimesOut) {
-  vs::WorkOptions options;
-  options.resend = vs::Resend::kAfterRestart;
+  vs::WorkOptions options = AskedAgain(vs::Resend::kAfterRestart);
   options.silence_limit = 10s;
   Update({"a"}, std::move(options));
   LoseInUpdate();
