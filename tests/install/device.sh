@@ -4,13 +4,11 @@
 # of the desktop.
 set -euo pipefail
 
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+# shellcheck source=tests/support/script.sh
+. "$(dirname "$(readlink -f "$0")")/../support/script.sh"
 prefix=$work/prefix
 device=$work/device
 export PKG_CONFIG_PATH=$prefix/$LIBDIR/pkgconfig
-die() { printf 'FAILED: %s\n' "$*" >&2; exit 1; }
-quiet() { "$@" >"$work/log" 2>&1 || { cat "$work/log"; die "$*"; }; }
 
 quiet "$CMAKE" --install "$BUILD_DIR" --prefix "$prefix"
 quiet "$CMAKE" -S "$SOURCE_DIR" -B "$work/build" -DSVCMGR_PLATFORM=installed -DSVCMGR_WERROR=KNOWN \

@@ -4,15 +4,12 @@
 # time with the platform found by pkg-config, an application by pkg-config, another by CMake.
 set -euo pipefail
 
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+# shellcheck source=tests/support/script.sh
+. "$(dirname "$(readlink -f "$0")")/../support/script.sh"
 prefix=$work/prefix
 device=$work/device
 export PKG_CONFIG_PATH=$prefix/$LIBDIR/pkgconfig
 
-step() { printf -- '-- %s\n' "$*"; }
-die() { printf 'FAILED: %s\n' "$*" >&2; exit 1; }
-quiet() { "$@" >"$work/log" 2>&1 || { cat "$work/log"; die "$*"; }; }
 # Exactly one section of 16 bytes, never loaded: level 11, version 2.3.182.
 has_marker() {  # FILE
   local rows offset bytes

@@ -7,17 +7,14 @@
 # This changes the machine that it runs on: run it as root in a container, or another root that is bare.
 set -euo pipefail
 
+# shellcheck source=tests/support/script.sh
+. "$(dirname "$(readlink -f "$0")")/../support/script.sh"
 tree=$(cd "$(dirname "$0")/../.." && pwd)
 folder=$(cd "${1:-$tree/build/package}" && pwd)
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
 export DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8
 names=(libvelmora-svcmgr2 libvelmora-svcmgr-platform1 libvelmora-svcmgr-dev libvelmora-svcmgr-platform-dev
   velmora-svcmgr-desktop svcmgrctl libvelmora-svcmgr-doc)
 
-step() { printf -- '-- %s\n' "$*"; }
-die() { printf 'FAILED: %s\n' "$*" >&2; exit 1; }
-quiet() { "$@" >"$work/log" 2>&1 || { cat "$work/log"; die "$*"; }; }
 files() {  # FOLDER NAME...: the packages' files
   local name
   for name in "${@:2}"; do

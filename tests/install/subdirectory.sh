@@ -4,10 +4,8 @@
 # that it has not asked for.
 set -euo pipefail
 
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-die() { printf 'FAILED: %s\n' "$*" >&2; exit 1; }
-quiet() { "$@" >"$work/log" 2>&1 || { cat "$work/log"; die "$*"; }; }
+# shellcheck source=tests/support/script.sh
+. "$(dirname "$(readlink -f "$0")")/../support/script.sh"
 here=$(dirname "$(readlink -f "$0")")
 configure() {  # FOLDER [OPTION...]
   quiet "$CMAKE" -S "$here/subdirectory" -B "$work/$1" -DSVCMGR_SOURCE_DIR="$SOURCE_DIR" \

@@ -4,14 +4,13 @@
 # noticed: interface_test.sh TEST OBJECT...
 set -euo pipefail
 
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+# shellcheck source=tests/support/script.sh
+. "$(dirname "$(readlink -f "$0")")/../support/script.sh"
 test=$1
 objects=("${@:2}")
 description=$SOURCE_DIR/src/libvelmora-svcmgr.abi
 map=$SOURCE_DIR/src/libvelmora-svcmgr.map
 
-die() { printf 'FAILED: %s\n' "$*" >&2; exit 1; }
 difference() {  # LIBRARY, its headers
   "$ABIDIFF" --no-architecture --drop-private-types --headers-dir2 "$2" "$description" "$1"
 }
