@@ -56,14 +56,16 @@ TEST_F(AGlibLoop, KeepsTimersOfMoreThan49Days) {
   loop.CancelTimer(longest);
 }
 
-TEST_F(AGlibLoop, RunsTimersInTheirOrder) {
+TEST_F(AGlibLoop, RunsATimerWhenItsTimeHasComeAndNotBefore) {
   std::vector<int> order;
   const auto note = [&order](int which) { return [&order, which] { order.push_back(which); }; };
-  loop.StartTimer(20ms, note(3));
+  // Two that are both due run in the order in which they were started, which is no promise.
+  loop.StartTimer(1h, note(3));
   loop.StartTimer(0ms, note(1));
+  while (order.empty()) g_main_context_iteration(nullptr, TRUE);
   loop.StartTimer(1ms, note(2));
-  while (order.size() < 3) g_main_context_iteration(nullptr, TRUE);
-  EXPECT_THAT(order, ElementsAre(1, 2, 3));
+  while (order.size() < 2) g_main_context_iteration(nullptr, TRUE);
+  EXPECT_THAT(order, ElementsAre(1, 2));
 }
 
 TEST_F(AGlibLoop, NoticesALossThatStandsBackBeforeARequestIsBlamed) {
