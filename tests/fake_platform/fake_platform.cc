@@ -246,8 +246,10 @@ __attribute__((no_sanitize("null"))) void Shielded(const char* what,
   try {
     const Outside outside;
     callback();
+#if defined(__GLIBCXX__)  // LLVM's C++ library has no name for it.
   } catch (abi::__forced_unwind&) {
     throw;
+#endif
   } catch (...) {
     Fault(std::string("an exception escaped from the ") + what);
   }
