@@ -1,4 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
+set(SVCMGR_ZSH_COMPLETION_DIR ${CMAKE_INSTALL_DATADIR}/zsh/site-functions CACHE STRING
+    "Folder of zsh's completion, below the prefix: some systems have one of their own for packages")
 
 # svcmgr_install_completion(PROGRAM [FILES])
 #
@@ -21,7 +23,7 @@ function(svcmgr_install_completion PROGRAM)
   set(made ${PROJECT_BINARY_DIR}/completion)
   svcmgr_install(FILES ${made}/bash/${PROGRAM}
                  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
-  svcmgr_install(FILES ${made}/zsh/${PROGRAM} DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions
+  svcmgr_install(FILES ${made}/zsh/${PROGRAM} DESTINATION ${SVCMGR_ZSH_COMPLETION_DIR}
                  RENAME _${PROGRAM})
   svcmgr_install(FILES ${made}/fish/${PROGRAM} DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d
                  RENAME ${PROGRAM}.fish)

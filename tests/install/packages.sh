@@ -5,11 +5,13 @@
 #     tests/install/packages.sh [FOLDER]      build/package, if no folder is given
 #
 # This changes the machine that it runs on: run it as root in a container, or another root that is bare.
+# Of the tree it needs tests/ alone.
 set -euo pipefail
 
 # shellcheck source=tests/support/script.sh
-. "$(dirname "$(readlink -f "$0")")/../support/script.sh"
-tree=$(cd "$(dirname "$0")/../.." && pwd)
+tests=$(dirname "$(dirname "$(readlink -f "$0")")")
+. "$tests/support/script.sh"
+tree=$(dirname "$tests")
 folder=$(cd "${1:-$tree/build/package}" && pwd)
 export DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8
 names=(libvelmora-svcmgr2 libvelmora-svcmgr-platform1 libvelmora-svcmgr-dev libvelmora-svcmgr-platform-dev
@@ -42,20 +44,56 @@ version=$(version_of svcmgrctl)
 status=0
 svcmgrctl models list >"$work/log" 2>&1 || status=$?
 [ "$status" = 5 ] || { cat "$work/log"; die "without an agent svcmgrctl returns $status"; }
+status=0
+svcmgrctl doctor >"$work/log" 2>&1 || status=$?
+if [ "$status" != 5 ] || ! grep -q 'svcmgr-sim run' "$work/log"; then
+  cat "$work/log"
+  die "without an agent svcmgrctl doctor returns $status"
+fi
 
 step "what a developer installs"
 mapfile -t all < <(files "$folder" "${names[@]}")
-install "${all[@]}" g++ cmake make pkg-config libglib2.0-dev man-db
+install "${all[@]}" g++ cmake make pkg-config libglib2.0-dev man-db python3 dpkg-dev bash-completion zsh fish
 quiet dpkg --verify "${names[@]}"
 [ ! -s "$work/log" ] || { cat "$work/log"; die "files are not as in their packages"; }
 for library in /usr/lib/*/libvelmora-svcmgr.so.2 /usr/lib/*/librpc-port.so.1; do
   ! ldd "$library" | grep -q 'not found' || die "$library misses: $(ldd "$library")"
 done
-for page in 1/svcmgrctl 1/svcmgr-sim 5/svcmgr-scenario; do
+for page in 1/svcmgrctl 1/svcmgr-sim 3/velmora_svcmgr_connect 5/svcmgr-scenario 7/velmora_svcmgr; do
   man -w "${page%/*}" "${page#*/}" >/dev/null || die "there is no manual page ${page#*/}(${page%/*})"
 done
-mkdir "$work/tests"
-AUTOPKGTEST_TMP=$work/tests quiet sh "$tree/debian/tests/examples"
+[[ $(man velmora_svcmgr | head -n 1) == 'VELMORA_SVCMGR(7)'* ]] || die "man velmora_svcmgr shows something else"
+[ -f /usr/share/doc/velmora-svcmgr/html/index.html ] || die "there is no HTML manual"
+quiet svcmgr-sim run demo -- svcmgrctl doctor
+
+step "completion"
+completed() { [ "$2" = "uninstall update" ] || die "$1 completes 'models u' to '$2'"; }
+completed bash "$(bash --norc -c '
+  source /usr/share/bash-completion/bash_completion
+  _completion_loader svcmgrctl
+  COMP_WORDS=(svcmgrctl models u) COMP_CWORD=2
+  function=$(complete -p svcmgrctl | sed "s/.*-F \([^ ]*\) .*/\1/")
+  "$function" && echo $(printf "%s\n" "${COMPREPLY[@]}" | sort)')"
+completed zsh "$(zsh -f -c '
+  autoload -Uz compinit && compinit -u -D
+  compadd() { shift; print -r -- ${(o)@} }
+  words=(svcmgrctl models u) CURRENT=3
+  $_comps[svcmgrctl]')"
+completed fish "$(fish -c "complete -C 'svcmgrctl models u'" | sort | xargs)"
+
+step "the guide's first application, in C and C++"
+# What was installed in a home folder there has the same layout as the system's.
+mkdir "$work/home"
+ln -s /usr "$work/home/.local"
+SOURCE_DIR=/usr/share/doc/velmora-svcmgr BUILD_DIR=/nonexistent PROGRAMS=/usr/bin WORK_DIR=$work/guide HOME=$work/home \
+  quiet python3 -B "$tests/guide/guide_test.py" /usr/share/doc/velmora-svcmgr/docs/guide/first-application.md
+
+step "the packages' own tests"
+quiet dpkg-source -x "$folder"/velmora-svcmgr_*.dsc "$work/source"
+for name in $(sed -n 's/^Tests: //p' "$work/source/debian/tests/control"); do
+  mkdir -p "$work/tests/$name"
+  AUTOPKGTEST_TMP=$work/tests/$name quiet sh "$work/source/debian/tests/$name"
+done
 cat >"$work/app.c" <<'C'
 #include <stdio.h>
 #include <velmora_svcmgr.h>

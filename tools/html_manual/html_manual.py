@@ -282,7 +282,7 @@ class Manual:
         pictures = [path for path in sorted((self.root / "docs").rglob("*.svg"))]
         quoted = " ".join(f'"{path}"' for path in inputs)
         settings = [(HERE / "Doxyfile").read_text(), f'INPUT = {quoted}', f'OUTPUT_DIRECTORY = "{self.folder}"',
-                    f"PROJECT_NUMBER = {self.header.version}", f'STRIP_FROM_PATH = "{self.stage}/include"',
+                    f"PROJECT_NUMBER = {self.header.version}", f'STRIP_FROM_PATH = "{self.stage}/include" "{self.stage}"',
                     f'STRIP_FROM_INC_PATH = "{self.stage}/include"', f'EXAMPLE_PATH = "{self.stage}/man"',
                     f'LAYOUT_FILE = "{self.write("layout.xml", self.menu())}"', f'HTML_EXTRA_STYLESHEET = "{HERE}/style.css"',
                     f'HTML_FOOTER = "{HERE}/footer.html"',
