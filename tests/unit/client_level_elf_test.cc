@@ -146,14 +146,14 @@ struct RealFiles : AnApplicationFolder {
 };
 
 TEST_F(RealFiles, OfTheSystemHoldWhatReadelfSays) {
-  const auto files = ElfFilesBelow("/usr/lib");
+  const auto files = ElfFilesBelow(SVCMGR_SYSTEM_LIBRARIES);
   EXPECT_THAT(files, Not(IsEmpty()));
   Check(files);
 }
 
 TEST_F(RealFiles, OfTheSystemHoldWhatIsPlantedIntoThem) {
   constexpr std::size_t kMost = 100;
-  auto files = ElfFilesBelow("/usr/lib");
+  auto files = ElfFilesBelow(SVCMGR_SYSTEM_LIBRARIES);
   const auto is_large = [](const std::string& file) { return fs::file_size(file) > 200'000; };
   files.erase(std::remove_if(files.begin(), files.end(), is_large), files.end());
   const std::size_t count = std::min(files.size(), kMost);

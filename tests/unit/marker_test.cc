@@ -90,9 +90,10 @@ const Linking kLinkings[] = {
 struct AMarkedFile : Workshop, ::testing::WithParamInterface<std::tuple<const char*, Linking>> {
   void SetUp() override {
     Workshop::SetUp();
-    const std::string linker = std::string("ld.") + std::get<0>(GetParam());
-    if (std::system(("command -v " + linker + " >/dev/null").c_str()) != 0) {
-      GTEST_SKIP() << linker << " is not installed";
+    const std::string linker = std::get<0>(GetParam());
+    const std::string trial = SVCMGR_CC " -shared -x c /dev/null -fuse-ld=" + linker + " -o ";
+    if (std::system((trial + Quote(folder / "trial") + " 2>/dev/null").c_str()) != 0) {
+      GTEST_SKIP() << "the compiler finds no ld." << linker;
     }
   }
 

@@ -39,8 +39,8 @@
 
 namespace {
 
-// Sanitizers take ten times as long for a walk, and what they look for needs no longer ones.
-#ifdef SANITIZED
+// Sanitizers and emulators take ten times as long for a walk, and what they find needs no longer ones.
+#ifdef SLOW
 constexpr std::size_t kFewerSteps = 1;
 #else
 constexpr std::size_t kFewerSteps = 0;
