@@ -259,7 +259,7 @@ TEST_F(AnUpdate, CanCloseThePortInTheMiddleOfWorkOnModels) {
       "methods": {"RequestToUpdate": {"stepsAt": {"percentage": 40, "steps": [
           {"close": true}, {"wait": 20}, {"modelStatus": "FAILED"}, {"apiLevel": 3}]}}}})",
                            2, kTools + std::string(R"(
-      "$CTL" models update m >/dev/null 2>&1; echo "status $?"; send wait=100 restart; level)"));
+      "$CTL" models update --force m >/dev/null 2>&1; echo "status $?"; send wait=100 restart; level)"));
   EXPECT_EQ(run.errors, "");
   EXPECT_THAT(Lines(run.output),
               testing::UnorderedElementsAre("model_status START", "status 6", "model_status FAILED",

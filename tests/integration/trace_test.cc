@@ -66,11 +66,13 @@ using AnExpectingCommand = AWorld;
 TEST_F(ATracedWorld, TellsARequestWithItsArgumentsAndEachOfItsAnswers) {
   const Finished run = Run("demo", "\"$CTL\" models update speech.wake-word@3.2.0 >/dev/null");
   const auto requests = Records("request");
-  ASSERT_EQ(requests.size(), 1u) << run.errors;
-  const json delegate = {{"id", 4}, {"seq", 0}, {"once", false}};
+  // The first one asks for the models that are installed.
+  ASSERT_EQ(requests.size(), 2u) << run.errors;
+  EXPECT_EQ(requests[0]["method"], "GetUsableModelList");
+  const json delegate = {{"id", 4}, {"seq", 1}, {"once", false}};
   const json model = {
       {"id", "speech.wake-word"}, {"version", "3.2.0"}, {"title", ""}, {"description", ""}};
-  EXPECT_EQ(requests[0],
+  EXPECT_EQ(requests[1],
             json({{"what", "request"},
                   {"client", 1},
                   {"app", "com.example.client"},

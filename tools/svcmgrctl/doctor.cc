@@ -98,7 +98,7 @@ class Examination {
   }
 
   void LookAtAgent() {
-    const AgentPackage package = FindAgentPackage();
+    const Package package = FindAgentPackage();
     is_missing_ = package.is_installed == false;
     if (is_missing_)
       return Ill("agent", "Agent", FailureOf(SVCMGR_ERROR_NOT_SUPPORTED),

@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -11,9 +12,11 @@
 #include "bars.h"
 #include "clock.h"
 #include "commands.h"
+#include "model_plan.h"
 #include "queries.h"
 #include "statuses.h"
 #include "subscriptions.h"
+#include "table.h"
 #include "terminal_text.h"
 #include "work_progress.h"
 #include "work_report.h"
@@ -49,12 +52,15 @@ class ModelWork {
         console_(console),
         report_(console),
         kind_(kind),
-        models_(std::move(models)) {
-    for (const Model& model : models_) names_.push_back(ForTerminal(NameOf(model)));
-  }
+        models_(std::move(models)) {}
 
-  void Run() {
+  /** @param asks_first  What is up to date already is left out. */
+  void Run(bool asks_first) {
     session_.Connect();
+    report_.Begin();
+    if (asks_first) LeaveOutWhatIsUpToDate();
+    for (const Model& model : models_) names_.push_back(ForTerminal(NameOf(model)));
+    if (models_.empty()) return EndWithoutWork();
     const vs::Token subscription =
         Subscribed(session_.face().OnModelStatus([this](vs::ModelStatus status) {
           news_.emplace_back(ModelStatus(static_cast<int>(status)));
@@ -74,6 +80,19 @@ class ModelWork {
   }
 
  private:
+  void LeaveOutWhatIsUpToDate() {
+    for (const Model& model : TakeUpToDate(session_, &models_))
+      report_.Print(
+          "skipped", {{"id", *model.id}, {"version", *model.version}},
+          ForTerminal(*model.id) + ": " + ForTerminal(*model.version) + " is installed already");
+  }
+
+  void EndWithoutWork() {
+    report_.Print("end",
+                  {{"succeeded", true}, {"error", SVCMGR_ERROR_NONE}, {"decided_by", "versions"}},
+                  "nothing to do");
+  }
+
   void Request() {
     std::vector<vs::ModelName> names;
     for (const Model& model : models_) names.push_back(NameFrom(model));
@@ -199,7 +218,7 @@ class ModelWork {
     try {
       for (std::size_t i = progress_->Current(); i < models_.size(); ++i) {
         if (auto failure =
-                kind_.takes_versions ? IfNotOffered(models_[i]) : IfNotUsable(models_[i]))
+                kind_.takes_versions ? IfNotOffered(session_, models_[i]) : IfNotUsable(models_[i]))
           return failure;
       }
     } catch (const Failure&) {
@@ -213,22 +232,6 @@ class ModelWork {
                                    [&](const Model& each) { return each.id == wanted.id; });
     if (found) return std::nullopt;
     return NoSuchModel(*wanted.id, usable);
-  }
-
-  std::optional<Failure> IfNotOffered(const Model& wanted) {
-    Model model;
-    model.id = wanted.id;
-    const std::vector<Model> versions = AskVersions(session_, model);
-    if (versions.empty()) return NoSuchModel(*wanted.id, AskUsableModels(session_));
-    const bool found = wanted.version->empty() ||
-                       std::any_of(versions.begin(), versions.end(), [&](const Model& each) {
-                         return each.version == wanted.version;
-                       });
-    if (found) return std::nullopt;
-    return Failure{std::nullopt, "NOT_FOUND",
-                   "there is no version '" + *wanted.version + "' of '" + *wanted.id + "'",
-                   kExitNotFound,
-                   "'svcmgrctl models versions " + *wanted.id + "' shows those that there are"};
   }
 
   /** The end of waiting is not the end of the work. */
@@ -249,7 +252,7 @@ class ModelWork {
   Console& console_;
   WorkReport report_;
   const Kind& kind_;
-  const std::vector<Model> models_;
+  std::vector<Model> models_;
   std::vector<std::string> names_;
   std::deque<News> news_;
   vs::ModelWork work_;
@@ -275,29 +278,78 @@ std::string CheckModel(const std::string& text) {
   return text.empty() || text[0] == '@' ? "'" + text + "' names no model" : std::string();
 }
 
-void AddWork(CLI::App& models, Command* chosen, const Kind& kind, const char* name,
-             const char* description, const char* placeholder) {
-  auto wanted = std::make_shared<std::vector<std::string>>();
+Json ToJson(const std::vector<PlannedModel>& plan) {
+  const auto or_null = [](const std::optional<std::string>& text) {
+    return text ? Json(*text) : Json();
+  };
+  Json list = Json::array();
+  for (const PlannedModel& each : plan)
+    list.push_back({{"action", each.action},
+                    {"id", each.id},
+                    {"installed", or_null(each.installed)},
+                    {"version", or_null(each.version)}});
+  return list;
+}
+
+std::string TableOf(const std::vector<PlannedModel>& plan, const Console& console) {
+  Table table;
+  table.AddHeading({"ACTION", "ID", "INSTALLED", "VERSION"});
+  for (const PlannedModel& each : plan)
+    table.AddRow(
+        {{each.action}, {each.id}, {each.installed.value_or("")}, {each.version.value_or("")}});
+  return table.Render(console.color(), console.table_width());
+}
+
+struct WorkOptions {
+  std::vector<std::string> models;
+  bool force = false;
+  bool dry_run = false;
+};
+
+void ShowPlan(Session& session, Console& console, const Kind& kind,
+              const std::vector<Model>& models, bool force) {
+  session.Connect();
+  const auto plan = kind.takes_versions ? PlanUpdate(session, models, force)
+                                        : PlanUninstallation(session, models);
+  if (std::all_of(plan.begin(), plan.end(), [](const PlannedModel& each) {
+        return std::string_view(each.action) == "nothing";
+      }))
+    console.Note("nothing to do");
+  console.Data({{"work", kind.doing}, {"models", ToJson(plan)}}, TableOf(plan, console));
+}
+
+CLI::App* AddWork(CLI::App& models, Command* chosen, const Kind& kind, const char* name,
+                  const char* description, const char* placeholder,
+                  const std::shared_ptr<WorkOptions>& options) {
   CLI::App* work = models.add_subcommand(name, description);
-  work->add_option(placeholder, *wanted, "The models, as 'models list' shows them")
+  work->add_option(placeholder, options->models, "The models, as 'models list' shows them")
       ->type_name("")
       ->required()
       ->check(CLI::Validator(CheckModel, ""));
-  work->callback([chosen, wanted, &kind] {
-    *chosen = [wanted, &kind](Session& session, Console& console) {
+  work->add_flag("--dry-run", options->dry_run, "Print what would be done, and do nothing");
+  work->callback([chosen, options, &kind] {
+    *chosen = [options, &kind](Session& session, Console& console) {
       std::vector<Model> list;
-      for (const std::string& text : *wanted) list.push_back(ModelFrom(text, kind.takes_versions));
-      ModelWork(session, console, kind, list).Run();
+      for (const std::string& text : options->models)
+        list.push_back(ModelFrom(text, kind.takes_versions));
+      if (options->dry_run) return ShowPlan(session, console, kind, list, options->force);
+      ModelWork(session, console, kind, list).Run(kind.takes_versions && !options->force);
     };
   });
+  return work;
 }
 
 }  // namespace
 
 void AddModelWorkCommands(CLI::App& models, Command* chosen) {
-  AddWork(models, chosen, kUpdate, "update", "Install or update models, and follow the work",
-          "ID[@VERSION]");
-  AddWork(models, chosen, kUninstall, "uninstall", "Remove models, and follow the work", "ID");
+  const auto options = std::make_shared<WorkOptions>();
+  CLI::App* update =
+      AddWork(models, chosen, kUpdate, "update", "Install or update models, and follow the work",
+              "ID[@VERSION]", options);
+  update->add_flag("--force", options->force,
+                   "Have the agent do it also where nothing newer is wanted than is installed");
+  AddWork(models, chosen, kUninstall, "uninstall", "Remove models, and follow the work", "ID",
+          std::make_shared<WorkOptions>());
 }
 
 }  // namespace svcmgrctl

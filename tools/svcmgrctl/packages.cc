@@ -39,11 +39,13 @@ long TakeNumber(const char*& text) {
 
 }  // namespace
 
-AgentPackage FindAgentPackage() {
+Package FindAgentPackage() { return FindPackage(AGENT_PACKAGE_ID); }
+
+Package FindPackage(const std::string& id) {
   constexpr std::uint32_t kNoSuchPackage = 0xFEEB0071;
-  AgentPackage package;
+  Package package;
   package_info_h info = nullptr;
-  const int result = package_info_create(AGENT_PACKAGE_ID, &info);
+  const int result = package_info_create(id.c_str(), &info);
   const PackageInfo owner(info);
   if (static_cast<std::uint32_t>(result) == kNoSuchPackage) package.is_installed = false;
   if (result != 0 || owner == nullptr) return package;

@@ -9,8 +9,8 @@
 
 namespace svcmgrctl {
 
-/** What the platform says of the agent's package. */
-struct AgentPackage {
+/** What the platform says of a package. */
+struct Package {
   /** Absent if the platform cannot tell. */
   std::optional<bool> is_installed;
   /** Absent if it is not installed, or its version cannot be read. */
@@ -18,7 +18,10 @@ struct AgentPackage {
 };
 
 /** Looks the agent's package up; needs no agent that runs. */
-AgentPackage FindAgentPackage();
+Package FindAgentPackage();
+
+/** The same for the package with this ID. */
+Package FindPackage(const std::string& id);
 
 /** How many packages are installed; absent if they cannot be read. */
 std::optional<std::size_t> CountPackages();

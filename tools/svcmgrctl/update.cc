@@ -8,8 +8,10 @@
 #include "clock.h"
 #include "commands.h"
 #include "explanations.h"
+#include "packages.h"
 #include "statuses.h"
 #include "subscriptions.h"
+#include "table.h"
 #include "terminal_text.h"
 #include "work_report.h"
 
@@ -189,6 +191,22 @@ void ShowUpdating(Session& session, Console& console, double listen) {
   console.Data({{"updating", updating}}, updating ? "yes\n" : "no\n");
 }
 
+// Which of them have something newer only the agent knows, and it cannot be asked.
+void ShowPlan(Session& session, Console& console, const std::vector<std::string>& agents) {
+  session.Connect();
+  Json list = Json::array();
+  Table table;
+  table.AddHeading({"AGENT", "INSTALLED"});
+  for (const std::string& agent : agents) {
+    const auto version = FindPackage(agent).version;
+    list.push_back({{"agent", agent}, {"installed", version ? Json(*version) : Json()}});
+    table.AddRow({{agent}, {version.value_or("")}});
+  }
+  console.Data({{"all", agents.empty()}, {"agents", list}},
+               agents.empty() ? "all agents for which the agent has something newer\n"
+                              : table.Render(console.color(), console.table_width()));
+}
+
 std::string CheckAgent(const std::string& text) { return text.empty() ? "'' names no agent" : ""; }
 
 void AddUpdate(CLI::App& app, Command* chosen) {
@@ -197,8 +215,11 @@ void AddUpdate(CLI::App& app, Command* chosen) {
   update->add_option("AGENT", *agents, "The agents to update; without any, all of them")
       ->type_name("")
       ->check(CLI::Validator(CheckAgent, ""));
-  update->callback([chosen, agents] {
-    *chosen = [agents](Session& session, Console& console) {
+  auto dry_run = std::make_shared<bool>(false);
+  update->add_flag("--dry-run", *dry_run, "Print which would be updated, and do nothing");
+  update->callback([chosen, agents, dry_run] {
+    *chosen = [agents, dry_run](Session& session, Console& console) {
+      if (*dry_run) return ShowPlan(session, console, *agents);
       Update(session, console, *agents).Run();
     };
   });
