@@ -270,6 +270,12 @@ std::string Paused(const std::vector<std::string>& messages) {
   return steps.substr(0, steps.size() - 2);
 }
 
+/** How many characters of UTF-8 a line has, each of which takes one cell here. */
+std::size_t CellsOf(const std::string& line) {
+  return static_cast<std::size_t>(
+      std::count_if(line.begin(), line.end(), [](char byte) { return (byte & '\xc0') != '\x80'; }));
+}
+
 /** The percentages of one bar in all pictures. */
 std::vector<int> Percentages(const Screen& screen, const std::string& name) {
   std::vector<int> percentages;
@@ -294,6 +300,34 @@ TEST_F(WorkOnATerminal, HasABarForEachModelAndOneForTheWhole) {
   EXPECT_THAT(screen.lines()[2], MatchesRegex("two    \\[#+\\] 100 %"));
   EXPECT_THAT(screen.lines()[3], MatchesRegex("total  \\[#+\\] 100 %.*"));
   EXPECT_THAT(screen.lines()[4], Says("2 models are updated"));
+}
+
+TEST_F(WorkOnATerminal, HasBarsThatFitItHoweverWideItIs) {
+  const std::string script =
+      Work(Paused({Progress(0, 1, 1, 2, 50)}) + "," + Progress(0, 2, 2, 2, 100));
+  for (const unsigned columns : {7u, 20u, 33u, 80u, 200u}) {
+    Start start = OnTerminal({"models", "update", "a-model-with-a-name-that-is-long", "two"});
+    start.columns = static_cast<unsigned short>(columns);
+    const Screen screen(RunWith(start, script).output);
+    EXPECT_THAT(screen.unknown(), IsEmpty()) << columns;
+    std::size_t bars = 0;
+    for (const std::string& picture : screen.pictures())
+      for (const std::string& line : Lines(picture)) {
+        if (line.find(" s  ") != std::string::npos) continue;
+        EXPECT_LT(CellsOf(line), columns) << line;
+        bars += line.find("#] ") != std::string::npos || line.find("-] ") != std::string::npos;
+      }
+    EXPECT_TRUE(bars >= 3 || columns < 20) << columns;
+  }
+}
+
+TEST_F(WorkOnATerminal, HasBarsInColourWhereThereIsColour) {
+  const std::string script =
+      Work(Paused({Progress(0, 1, 1, 1, 50)}) + "," + Progress(0, 2, 1, 1, 100));
+  Start start = OnTerminal({"models", "update", "one"});
+  EXPECT_THAT(RunWith(start, script).output, HasSubstr("[\x1b[32m####"));
+  start.environment = {{"NO_COLOR", "1"}};
+  EXPECT_THAT(RunWith(start, script).output, AllOf(HasSubstr("[####"), Not(HasSubstr("[32m"))));
 }
 
 TEST_F(WorkOnATerminal, HasNoBarsWhereThereIsOneColumn) {

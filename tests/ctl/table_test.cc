@@ -58,5 +58,13 @@ TEST(ATable, FitsAWidthAtTheCostOfItsLastColumn) {
 
 TEST(ATable, WithoutRowsIsEmpty) { EXPECT_EQ(Table().Render(true), ""); }
 
+TEST(APaintedText, IsCutByWhatItShowsAndKeepsItsColours) {
+  const std::string painted = "a" + Painted("bc", Tone::kGood, true) + "de";
+  EXPECT_EQ(FirstPaintedCells(painted, 9), painted);
+  EXPECT_EQ(FirstPaintedCells(painted, 2), "a\x1b[32mb\x1b[0m");
+  EXPECT_EQ(FirstPaintedCells(painted, 0), "\x1b[32m\x1b[0m");
+  EXPECT_EQ(FirstPaintedCells("plain", 3), "pla");
+}
+
 }  // namespace
 }  // namespace svcmgrctl

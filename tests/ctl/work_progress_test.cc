@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "bars.h"
+#include "terminal_text.h"
 #include "velmora_svcmgr.h"
 
 namespace svcmgrctl {
@@ -277,7 +278,7 @@ TEST(TheBars, AreAlignedByCellsAndCutNamesThatAreTooLong) {
   const std::string longest(100, 'x');
   const auto lines = Bars({"\xe4\xb8\xad\xe6\x96\x87", longest}, progress, 0, {24, 60});
   EXPECT_EQ(lines[0], "\xe4\xb8\xad\xe6\x96\x87" + std::string(36, ' ') + "  [-----]   0 %");
-  EXPECT_EQ(lines[1], std::string(40, 'x') + "  [-----]   0 %");
+  EXPECT_EQ(lines[1], std::string(39, 'x') + "\u2026  [-----]   0 %");
 }
 
 TEST(TheBars, AreThoseAroundTheCurrentModelWhereThereIsNotSpaceForAll) {
@@ -294,6 +295,25 @@ TEST(TheBars, AreThoseAroundTheCurrentModelWhereThereIsNotSpaceForAll) {
   EXPECT_EQ(shown(), "deft");
   progress.Take(Working(9, 9, 0), 0);
   EXPECT_EQ(shown(), "ghit");
+}
+
+TEST(TheBars, FitIntoEveryWidthFromTwentyColumnsOn) {
+  FedProgress progress(2, 0);
+  progress.Take(Working(2, 2, 50), 1);
+  for (std::size_t columns = 20; columns <= 200; ++columns) {
+    for (const std::string& line :
+         Bars({"a-model-with-a-long-name", "b"}, progress, 1, {24, columns}))
+      EXPECT_LT(terminal_text::CellWidth(line), columns) << line;
+  }
+  EXPECT_THAT(
+      Bars({"model-a", "b"}, progress, 9, {24, 20}),
+      ElementsAre("mode\u2026  [####] 100 %", "b      [##--]  50 %", "total  [###-]  75 %"));
+}
+
+TEST(TheBars, AreColoredWhereThereIsColor) {
+  FedProgress progress(1, 0);
+  progress.Take(Working(1, 1, 40), 0);
+  EXPECT_EQ(Bars({"a"}, progress, 0, {24, 20}, true).front(), "a      [\x1b[32m#\x1b[0m---]  40 %");
 }
 
 TEST(TheBars, FitIntoTheSmallestTerminal) {

@@ -18,9 +18,10 @@ std::string Duration(double seconds);
 std::string Pace(const WorkProgress& progress, double now);
 
 /** A bar for each model and one for the whole. Where there is not space for all, those around the
- *  current model are shown. `names` must be safe for a terminal, one for each model. */
+ *  current model are shown. The lines fit from 20 columns on. `names` must be safe for a terminal,
+ *  one for each model. */
 std::vector<std::string> Bars(const std::vector<std::string>& names, const WorkProgress& progress,
-                              double now, Space space);
+                              double now, Space space, bool color = false);
 
 }  // namespace svcmgrctl
 

@@ -19,7 +19,6 @@
 namespace svcmgrctl {
 namespace {
 
-using terminal_text::FirstCells;
 using terminal_text::ForTerminal;
 using terminal_text::Shortened;
 
@@ -129,7 +128,7 @@ void Console::Draw(std::vector<std::string> lines) {
   // A terminal that lags behind gets fewer pictures, not a queue of them.
   if (!kept_.empty() && !lines.empty()) return;
   kept_ += Erase(drawn_.size());
-  for (const std::string& line : lines) kept_ += FirstCells(line, width) + "\n";
+  for (const std::string& line : lines) kept_ += FirstPaintedCells(line, width) + "\n";
   drawn_ = std::move(lines);
   WriteLeftovers();
 }

@@ -179,7 +179,8 @@ class ModelWork {
   }
 
   void ShowPicture() {
-    if (console_.live()) console_.Draw(Bars(names_, *progress_, Now(), console_.TerminalSpace()));
+    if (console_.live())
+      console_.Draw(Bars(names_, *progress_, Now(), console_.TerminalSpace(), console_.color()));
   }
 
   void LeavePicture() {

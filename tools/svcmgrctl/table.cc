@@ -11,6 +11,7 @@ namespace svcmgrctl {
 namespace {
 
 using terminal_text::CellWidth;
+using terminal_text::FirstCells;
 using terminal_text::Fitted;
 using terminal_text::ForTerminal;
 
@@ -34,6 +35,21 @@ std::string Painted(std::string_view text, Tone tone, bool color) {
   std::string painted(text);
   if (!color || tone == Tone::kPlain) return painted;
   return EscapeOf(tone) + painted + "\x1b[0m";
+}
+
+std::string FirstPaintedCells(std::string_view text, std::size_t cells) {
+  std::string out;
+  while (!text.empty()) {
+    const std::size_t plain = std::min(text.find('\x1b'), text.size());
+    const std::string shown = FirstCells(text.substr(0, plain), cells);
+    out += shown;
+    cells -= CellWidth(shown);
+    // What has begun to be coloured must end.
+    const std::size_t end = std::min(text.find('m', plain), text.size() - 1) + 1;
+    out += text.substr(plain, end - plain);
+    text.remove_prefix(end);
+  }
+  return out;
 }
 
 void Table::AddRow(std::vector<Cell> row) {

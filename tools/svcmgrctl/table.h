@@ -15,6 +15,9 @@ enum class Tone { kPlain, kHeading, kGood, kBad };
 /** A text in the colour of its tone. The text itself must be safe for a terminal already. */
 std::string Painted(std::string_view text, Tone tone, bool color);
 
+/** As much of a text, parts of which are painted, as fits into so many cells; colours take none. */
+std::string FirstPaintedCells(std::string_view text, std::size_t cells);
+
 /** A table for people: columns as wide as their widest cell on the terminal, two spaces between. */
 class Table {
  public:
