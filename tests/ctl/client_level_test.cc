@@ -43,6 +43,17 @@ TEST_F(ClientLevel, IsTheNumberAlone) {
   EXPECT_EQ(ending.errors, "");
 }
 
+TEST_F(ClientLevel, IsExplainedByTheFieldsThatAreWanted) {
+  folder_.Write("new", FileWith(9, 183));
+  folder_.Write("bad", FileWith(11).substr(0, 70));
+  const Ending ending = RunScripted(
+      Script(R"("value": 9)"),
+      {"client-level", "-v", "--format", "{file} {api_level} {remark}", folder_.path()});
+  EXPECT_EQ(ending.status, 0);
+  EXPECT_THAT(ending.output, HasSubstr("new 9 decides\n"));
+  EXPECT_THAT(ending.output, HasSubstr("bad  damaged: "));
+}
+
 TEST_F(ClientLevel, IsExplainedFileByFileOnRequest) {
   folder_.Write("new", FileWith(9, 183));
   folder_.Write("old", FileWith(9));

@@ -49,6 +49,9 @@ check svcmgrctl 'svcmgrctl models u' 'uninstall update'
 check svcmgrctl 'svcmgrctl status --ti' --timeout
 check svcmgrctl 'svcmgrctl --color a' 'always auto'
 check svcmgrctl 'svcmgrctl --timeout 3 mod' models
+check svcmgrctl 'svcmgrctl models list --fields ver' version
+check svcmgrctl 'svcmgrctl models list --fields id,ti' id,title
+check svcmgrctl 'svcmgrctl updating --format ' 'json updating'
 check svcmgrctl 'svcmgrctl watch m' model
 check svcmgrctl 'svcmgrctl help models ver' versions
 check svcmgrctl 'svcmgrctl explain SVCMGR_ERROR_NO_' SVCMGR_ERROR_NO_SPACE

@@ -155,6 +155,18 @@ class PagesOfPrograms(unittest.TestCase):
             self.assertGreaterEqual(commands, 7, page)
             self.assertGreaterEqual(options, 10, page)
 
+    def test_name_the_fields_of_each_command(self):
+        section = re.search(r"^\.SH FIELDS\n(.*?)^\.SH ", pages()["svcmgrctl.1"], re.M | re.S)[1]
+        documented = {}
+        for command, names in re.findall(r"^\.TP\n\.B (.*)\n((?:[^.].*\n)+)", section, re.M):
+            documented[command.replace("\\-", "-")] = re.findall(r"\w+", names)
+        told = {}
+        for words, text in self.helps(os.environ["SVCMGRCTL"]):
+            for option, names in re.findall(r"^Fields(?: with (--[\w-]+))?: ((?:.*\n)+?)\n", text, re.M):
+                told[" ".join([*words, option]).strip()] = re.findall(r"\w+", names)
+        self.assertGreaterEqual(len(told), 17)
+        self.assertEqual(documented, told)
+
     def test_have_all_that_a_reader_looks_for(self):
         for page in "svcmgrctl.1", "svcmgr-sim.1":
             for wanted in ("NAME", "SYNOPSIS", "DESCRIPTION", "COMMANDS", "OPTIONS", "EXIT STATUS", "ENVIRONMENT",

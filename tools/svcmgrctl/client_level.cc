@@ -129,6 +129,21 @@ std::string TableOf(const Level& found, const Console& console) {
   return table.Render(console.color(), console.table_width());
 }
 
+/** What the table shows, as records. */
+Json RecordsOf(const Level& found) {
+  Json records = Json::array();
+  for (const MarkedFile& file : found.files) {
+    for (const Marker& marker : file.markers)
+      records.push_back({{"api_level", marker.api_level},
+                         {"version", VersionOf(marker)},
+                         {"section", marker.section},
+                         {"file", file.path},
+                         {"remark", RemarkOn(found, file, marker)}});
+    if (!file.problem.empty()) records.push_back({{"file", file.path}, {"remark", file.problem}});
+  }
+  return records;
+}
+
 // The library has one code for two things.
 Failure FailureFrom(const Level& found, const std::string& folder) {
   if (found.code != SVCMGR_ERROR_NOT_SUPPORTED ||
@@ -155,7 +170,10 @@ void ShowLevel(Session& session, Console& console, const std::string& given) {
     const std::string table = TableOf(*found, console);
     text += (known && !table.empty() ? "\n" : "") + table;
   }
-  if (known || console.verbose() || console.json()) console.Data(ToJson(*found, folder), text);
+  if (known || console.verbose() || console.json()) {
+    const Json json = ToJson(*found, folder);
+    console.Data(json, text, console.verbose() ? RecordsOf(*found) : Json::array({json}));
+  }
   if (!known) throw FailureFrom(*found, folder);
   if (found->deciding == nullptr)
     console.Note("no file explains the level; the library reads damaged ones in a way of its own");

@@ -7,12 +7,14 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 #include "command_words.h"
 #include "completion.h"
+#include "fields.h"
 #include "velmora_svcmgr.h"
 #include "version.h"
 
@@ -34,6 +36,7 @@ constexpr char kExamples[] = R"(Examples:
   svcmgrctl models update ID[@VERSION]   install or update a model, and follow the work
   svcmgrctl client-level -v DIR          the level of an application, and what makes it
   svcmgrctl explain -107                 what a number or a name means, and what to do
+  svcmgrctl models list --format '{id}@{version}'
   svcmgrctl models list --json | jq -r '.models[].id'
 
 Data goes to standard output, messages to standard error. With --json both are JSON documents, one
@@ -65,6 +68,13 @@ class PlainFormatter : public CLI::Formatter {
 
 void AddOptions(CLI::App& app, Options* options) {
   app.add_flag("--json", options->json, "Data and errors as JSON documents");
+  app.add_option("--format", options->format,
+                 "Data in this form: a template such as '{id}\\t{version}', or fields such as "
+                 "id,version, with tabs between; json is --json")
+      ->type_name("FORMAT");
+  app.add_option("--fields", options->fields,
+                 "A table of these fields, such as id,version; the help of each command names them")
+      ->type_name("FIELDS");
   app.add_option("--timeout", options->timeout,
                  "Give up after this many seconds, of silence where something is followed; 0 waits "
                  "forever (default: 30)")
@@ -95,8 +105,11 @@ void SetUp(CLI::App& app, Options* options) {
 }
 
 bool WantsJson(int argc, const char* const* argv) {
-  for (int i = 1; i < argc && std::string_view(argv[i]) != "--"; ++i)
-    if (std::string_view(argv[i]) == "--json") return true;
+  for (int i = 1; i < argc && std::string_view(argv[i]) != "--"; ++i) {
+    const std::string_view word = argv[i];
+    if (word == "--json" || word == "--format=json") return true;
+    if (word == "--format" && i + 1 < argc && std::string_view(argv[i + 1]) == "json") return true;
+  }
   return false;
 }
 
@@ -204,6 +217,44 @@ void CheckCommand(const CLI::App& app, const std::vector<std::string>& words) {
   }
 }
 
+void RefuseBoth(bool one, const char* name, bool other, const char* other_name,
+                const char* why = "") {
+  if (one && other)
+    throw CLI::ValidationError(std::string(name) + " and " + other_name + " exclude each other" +
+                               why);
+}
+
+// What a command line says that is wrong only as a whole.
+void CheckForms(const Options& options) {
+  const bool format = options.format && *options.format != "json";
+  RefuseBoth(options.verbose, "--verbose", options.json, "--json", ": the log is not JSON");
+  RefuseBoth(options.verbose, "--verbose", options.quiet, "--quiet");
+  RefuseBoth(options.json, "--json", format, "--format");
+  RefuseBoth(options.json, "--json", options.fields.has_value(), "--fields");
+  RefuseBoth(format, "--format", options.fields.has_value(), "--fields");
+}
+
+/** The form in which the data of this command is wanted. */
+std::optional<Selection> SelectionFrom(const Options& options, const CLI::App& command) {
+  const char* option = options.fields ? "--fields" : "--format";
+  try {
+    if (options.fields) return Selection::OfFields(*options.fields, FieldsOf(command));
+    if (options.format && *options.format != "json")
+      return Selection::OfFormat(*options.format, FieldsOf(command));
+  } catch (const std::invalid_argument& wrong) {
+    throw CLI::ValidationError(option, wrong.what());
+  }
+  return std::nullopt;
+}
+
+// Says in the help of each command what fields it has.
+void AddFieldsToHelp(CLI::App* command) {
+  const std::string fields = FieldsForHelp(*command);
+  if (!fields.empty()) command->footer(fields + "\n" + command->get_footer());
+  for (CLI::App* inner : command->get_subcommands([](CLI::App*) { return true; }))
+    AddFieldsToHelp(inner);
+}
+
 std::vector<std::string> WithHelp(std::vector<std::string> words) {
   words.insert(words.begin(), "svcmgrctl");
   words.emplace_back("--help");
@@ -255,6 +306,7 @@ void ReadCommandLine(int argc, const char* const* argv, Invocation* invocation) 
   exit_codes.pop_back();  // help ends the line itself
   app.footer(kExamples + ("\nExit status:\n" + exit_codes));
   RefuseValuesOfFlags(&app);
+  AddFieldsToHelp(&app);
   const std::vector<std::string> arguments(argv + std::min(argc, 1), argv + argc);
   // Half a command line is none that could be parsed.
   if (arguments.size() > 1 && arguments[0] == "complete" && arguments[1] == "--")
@@ -274,12 +326,13 @@ void ReadCommandLine(int argc, const char* const* argv, Invocation* invocation) 
     return ReadCommandLine(WithHelp(*help_wanted), invocation);
   }
   if (!invocation->command) ThrowUsage(app, arguments, CLI::RequiredError("COMMAND"));
-  if (invocation->options.json && invocation->options.verbose)
-    ThrowUsage(
-        app, arguments,
-        CLI::ValidationError("--verbose and --json exclude each other: the log is not JSON"));
-  if (invocation->options.quiet && invocation->options.verbose)
-    ThrowUsage(app, arguments, CLI::ValidationError("--verbose and --quiet exclude each other"));
+  try {
+    if (invocation->options.format == "json") invocation->options.json = true;
+    CheckForms(invocation->options);
+    invocation->options.selection = SelectionFrom(invocation->options, *WhatWasUnderstood(app).app);
+  } catch (const CLI::ParseError& error) {
+    ThrowUsage(app, arguments, error);
+  }
 }
 
 }  // namespace svcmgrctl

@@ -5,6 +5,7 @@
 
 #include "command_words.h"
 #include "explanations.h"
+#include "fields.h"
 #include "packages.h"
 #include "queries.h"
 
@@ -41,9 +42,21 @@ std::vector<std::string> Names() {
   return names;
 }
 
-std::vector<std::string> ValuesOf(const CLI::Option& option) {
-  if (option.check_lname("color")) return {"always", "auto", "never"};
-  return {};
+// What is typed of a list of fields stands in front of each field that may follow.
+std::vector<std::string> ListsOfFields(const Place& place) {
+  const std::string before = place.word.substr(0, place.word.rfind(',') + 1);
+  std::vector<std::string> lists;
+  for (const std::string& field : AllFieldsOf(*place.command)) lists.push_back(before + field);
+  return lists;
+}
+
+std::vector<std::string> ValuesFor(const Place& place) {
+  if (place.option->check_lname("color")) return {"always", "auto", "never"};
+  std::vector<std::string> lists;
+  if (place.option->check_lname("fields") || place.option->check_lname("format"))
+    lists = ListsOfFields(place);
+  if (place.option->check_lname("format")) lists.emplace_back("json");
+  return lists;
 }
 
 std::vector<std::string> ArgumentsOf(const std::string& command) {
@@ -76,7 +89,7 @@ void Complete(const CLI::App& app, const std::vector<std::string>& words, Invoca
   const std::string command = place.command->get_name();
   invocation->options.timeout = kCompletionSeconds;
   if (place.option != nullptr)
-    invocation->text = Completions(place.word, ValuesOf(*place.option));
+    invocation->text = Completions(place.word, ValuesFor(place));
   else if (!place.is_behind_mark && place.word.starts_with("-"))
     invocation->text = Completions(place.word, terminal_text::OptionsOf(*place.command));
   else if (TakesModels(*place.command))

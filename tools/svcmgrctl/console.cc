@@ -97,13 +97,16 @@ Console::Console(const Options& options)
       quiet_(options.quiet),
       cuts_tables_(!options.no_trunc && isatty(STDOUT_FILENO) != 0),
       timeout_(options.timeout),
-      live_(!options.json && !options.quiet && IsCleverTerminal(STDOUT_FILENO)),
+      selection_(options.selection),
+      live_(!options.json && !options.quiet && !selection_ && IsCleverTerminal(STDOUT_FILENO)),
       out_color_(UseColor(options.color, STDOUT_FILENO)),
       err_color_(UseColor(options.color, STDERR_FILENO)) {}
 
-void Console::Data(const Json& json, std::string_view text) {
+void Console::Data(const Json& json, std::string_view text, const Json& records) {
   if (json_)
     kept_ += Dump(json, 2);
+  else if (selection_)
+    kept_ += selection_->Print(records, out_color_, table_width());
   else
     kept_ += text;
 }
@@ -111,6 +114,8 @@ void Console::Data(const Json& json, std::string_view text) {
 void Console::Line(const Json& json, std::string_view text) {
   if (json_) {
     kept_ += Dump(json, -1);
+  } else if (selection_) {
+    kept_ += selection_->Line(json);
   } else if (!text.empty()) {
     Draw({});
     kept_ += std::string(text) + "\n";

@@ -2,7 +2,7 @@
 #ifndef TOOLS_SVCMGRCTL_CONSOLE_H_
 #define TOOLS_SVCMGRCTL_CONSOLE_H_
 
-#include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,9 +12,6 @@
 #include "space.h"
 
 namespace svcmgrctl {
-
-/** Keys keep the order in which they are written down. */
-using Json = nlohmann::ordered_json;
 
 /** A failure as a JSON object: code, name, message, exit, remedy. */
 Json ToJson(const Failure& failure);
@@ -45,9 +42,15 @@ class Console {
   /** Whether people see the output where lines can be drawn again. */
   bool live() const { return live_; }
 
-  /** Takes the data of a command in both its forms and keeps the one that was asked for until
-   *  Flush. `text` must be safe for a terminal. */
-  void Data(const Json& json, std::string_view text);
+  /** Whether somebody has chosen to see this field. */
+  bool Shows(const std::string& field) const { return selection_ && selection_->Uses(field); }
+
+  /** Takes the data of a command in all its forms and keeps the one that was asked for until Flush.
+   *  `text` must be safe for a terminal. `records` is what fields are chosen of. */
+  void Data(const Json& json, std::string_view text, const Json& records);
+
+  /** The same for data that is one record. */
+  void Data(const Json& json, std::string_view text) { Data(json, text, Json::array({json})); }
 
   /**
    * Takes one line of data about something that goes on, in both its forms, and writes it at once,
@@ -99,6 +102,7 @@ class Console {
   const bool quiet_;
   const bool cuts_tables_;
   const double timeout_;
+  const std::optional<Selection> selection_;
   const bool live_;
   const bool out_color_;
   const bool err_color_;

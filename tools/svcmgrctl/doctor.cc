@@ -363,7 +363,8 @@ void ShowHealth(Session& session, Console& console, double listen) {
                                   [](const Finding& each) { return each.failure.has_value(); });
   Json parts = Json::array();
   for (const Finding& finding : findings) parts.push_back(ToJson(finding));
-  console.Data({{"well", worst == findings.end()}, {"parts", parts}}, TableOf(findings, console));
+  console.Data({{"well", worst == findings.end()}, {"parts", parts}}, TableOf(findings, console),
+               parts);
   if (worst != findings.end()) throw *worst->failure;
 }
 

@@ -108,7 +108,7 @@ void ListAll(Console& console) {
                   {std::string(each.name)},
                   {is_code ? vs::Error(each.number).meaning() : std::string(each.meaning)}});
   }
-  console.Data({{"explanations", all}}, table.Render(console.color(), console.table_width()));
+  console.Data({{"explanations", all}}, table.Render(console.color(), console.table_width()), all);
 }
 
 void Explain(Console& console, const std::string& word) {
@@ -120,7 +120,7 @@ void Explain(Console& console, const std::string& word) {
     all.push_back(ToJson(*each));
     text += (text.empty() ? "" : "\n") + PageOf(*each, console);
   }
-  console.Data({{"explanations", all}}, text);
+  console.Data({{"explanations", all}}, text, all);
 }
 
 }  // namespace

@@ -316,7 +316,8 @@ void ShowPlan(Session& session, Console& console, const Kind& kind,
         return std::string_view(each.action) == "nothing";
       }))
     console.Note("nothing to do");
-  console.Data({{"work", kind.doing}, {"models", ToJson(plan)}}, TableOf(plan, console));
+  const Json records = ToJson(plan);
+  console.Data({{"work", kind.doing}, {"models", records}}, TableOf(plan, console), records);
 }
 
 CLI::App* AddWork(CLI::App& models, Command* chosen, const Kind& kind, const char* name,

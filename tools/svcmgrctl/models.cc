@@ -91,14 +91,16 @@ struct ListOptions {
 
 void ListModels(Session& session, Console& console, const ListOptions& options) {
   session.Connect();
-  const std::vector<Model> models =
-      options.category       ? AskModelsOfCategory(session, *options.category)
-      : options.descriptions ? AskUsableModelsWithDescriptions(session)
-                             : AskUsableModels(session);
+  const std::vector<Model> models = options.category
+                                        ? AskModelsOfCategory(session, *options.category)
+                                    : options.descriptions || console.Shows("description")
+                                        ? AskUsableModelsWithDescriptions(session)
+                                        : AskUsableModels(session);
   std::vector<Column> columns = {kId, kVersion, kTitle};
   if (options.descriptions) columns.push_back(kDescription);
   if (models.empty()) console.Note("there are no usable models");
-  console.Data({{"models", ToJson(models)}}, TableOf(models, columns, console));
+  const Json records = ToJson(models);
+  console.Data({{"models", records}}, TableOf(models, columns, console), records);
 }
 
 void ListVersions(Session& session, Console& console, const std::string& id) {
@@ -114,8 +116,9 @@ void ListVersions(Session& session, Console& console, const std::string& id) {
   if (versions.empty() && usable == models.end()) throw NoSuchModel(id, models);
   if (versions.empty()) console.Note("there are no versions of '" + id + "'");
   const auto installed = InstalledVersion(models, id);
-  console.Data({{"id", id}, {"versions", VersionsToJson(versions, installed)}},
-               TableOfVersions(versions, installed, console));
+  const Json records = VersionsToJson(versions, installed);
+  console.Data({{"id", id}, {"versions", records}}, TableOfVersions(versions, installed, console),
+               records);
 }
 
 void AddList(CLI::App& models, Command* chosen) {

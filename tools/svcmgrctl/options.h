@@ -2,6 +2,11 @@
 #ifndef TOOLS_SVCMGRCTL_OPTIONS_H_
 #define TOOLS_SVCMGRCTL_OPTIONS_H_
 
+#include <optional>
+#include <string>
+
+#include "selection.h"
+
 namespace svcmgrctl {
 
 /** When to use colours. */
@@ -20,6 +25,11 @@ struct Options {
   /** Seconds that the whole command may take; 0 for no limit. */
   double timeout = 30;
   ColorWhen color = ColorWhen::kAuto;
+  /** The form of the data, as it was given. */
+  std::optional<std::string> format;
+  std::optional<std::string> fields;
+  /** The same, understood; absent where the form is the usual one. */
+  std::optional<Selection> selection;
 };
 
 }  // namespace svcmgrctl

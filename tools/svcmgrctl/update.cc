@@ -204,7 +204,8 @@ void ShowPlan(Session& session, Console& console, const std::vector<std::string>
   }
   console.Data({{"all", agents.empty()}, {"agents", list}},
                agents.empty() ? "all agents for which the agent has something newer\n"
-                              : table.Render(console.color(), console.table_width()));
+                              : table.Render(console.color(), console.table_width()),
+               list);
 }
 
 std::string CheckAgent(const std::string& text) { return text.empty() ? "'' names no agent" : ""; }

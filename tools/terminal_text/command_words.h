@@ -88,7 +88,7 @@ inline Place PlaceOf(const CLI::App& app, std::vector<std::string> words) {
 inline std::string Completions(const std::string& word,
                                const std::vector<std::string>& candidates) {
   constexpr std::string_view kPlain =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._+-";
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._+-,";
   std::string lines;
   for (const std::string& candidate : candidates)
     if (!candidate.empty() && candidate.starts_with(word) &&
