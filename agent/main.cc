@@ -178,6 +178,8 @@ void AddRun(CLI::App& app, Options& options) {
                   "error")
       ->type_name("FILE")
       ->allow_extra_args(false);
+  run->add_flag("--no-trace", options.run.untraced,
+                "Keep no trace of the world's own: the agent answers sooner, expect sees nothing");
   run->add_option("--capture", options.run.captures,
                   "Write what goes over the sockets to a file, as pcapng")
       ->type_name("FILE")

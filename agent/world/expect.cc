@@ -3,6 +3,7 @@
 
 #include <stdlib.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <fstream>
@@ -21,6 +22,9 @@ constexpr std::chrono::milliseconds kPause(5);  // between looks at the trace
 class TraceReader {
  public:
   explicit TraceReader(const std::string& path) : stream_(path, std::ios::binary) {
+    if (!stream_ && errno == ENOENT) {
+      throw std::runtime_error("this world keeps no trace: it runs with --no-trace");
+    }
     if (!stream_) throw std::runtime_error("the world's trace cannot be read: " + Quotable(path));
   }
 

@@ -243,7 +243,7 @@ void Run::OpenTraces() {
     trace_files_.push_back(OpenTraceFile(path));
     traces_.push_back({trace_files_.back().get(), format});
   };
-  add(world_.trace_file(), TraceFormat::kWorld);
+  if (!options_.untraced) add(world_.trace_file(), TraceFormat::kWorld);
   for (const std::string& path : options_.traces) {
     add(path, path == "-" ? TraceFormat::kWords : TraceFormat::kLines);
   }

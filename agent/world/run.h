@@ -21,6 +21,7 @@ struct RunOptions {
   bool keep = false;     // leave the world's folder behind
   bool verbose = false;  // the agent prints to standard error, and more
   std::optional<double> time_scale;
+  bool untraced = false;              // the world keeps no trace of its own
   std::vector<std::string> traces;    // files for the trace; "-": standard error, in words
   std::vector<std::string> captures;  // files for what goes over the sockets, as pcapng
   std::vector<std::string> command;

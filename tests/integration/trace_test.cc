@@ -289,6 +289,14 @@ TEST_F(AnExpectingCommand, SaysHowManyClientsThereAreInstead) {
   EXPECT_THAT(run.errors, HasSubstr("2 clients connected; there are 0\n"));
 }
 
+TEST_F(AnExpectingCommand, IsToldOfAWorldWithoutATrace) {
+  const Finished run = RunSim({"run", "demo", "--no-trace", "--", "sh", "-c",
+                               "\"$CTL\" license >/dev/null && ! ls \"$SVCMGR_SIM_TRACE\" &&"
+                               " \"$SIM\" expect 'client connected'"});
+  EXPECT_EQ(run.status, 2);
+  EXPECT_THAT(run.errors, HasSubstr("this world keeps no trace: it runs with --no-trace\n"));
+}
+
 TEST_F(AnExpectingCommand, RefusesWhatItDoesNotUnderstand) {
   for (const std::string& condition : {std::string("all is well"), std::string("{")}) {
     const Finished run = RunSim({"run", "empty", "--", SVCMGR_SIM, "expect", condition});
