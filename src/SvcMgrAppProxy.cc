@@ -3,7 +3,10 @@
 
 #include <velmora_svcmgr.h>
 
+#include <array>
+#include <memory_resource>
 #include <new>
+#include <type_traits>
 #include <utility>
 
 #include "marshalling.h"
@@ -280,6 +283,27 @@ void SvcMgrAppPort::Dispatch(const Parcel& message) {
 
 namespace {
 
+// Holds what is read of an answer, its records and its texts, in one piece: as thousands of small
+// ones, it would leave its holes between what the application and the library keep. A usual answer
+// needs no allocation.
+class AnswerMemory {
+ public:
+  std::pmr::memory_resource* get() { return &memory_; }
+
+ private:
+  std::array<char, 4096> first_;
+  std::pmr::monotonic_buffer_resource memory_{first_.data(), first_.size()};
+};
+
+template <typename Payload>
+Payload EmptyPayload(AnswerMemory& memory) {
+  if constexpr (std::is_constructible_v<Payload, std::pmr::memory_resource*>) {
+    return Payload(memory.get());
+  } else {
+    return {};
+  }
+}
+
 // False if the payload cannot be read to its end, also for lack of memory.
 template <typename Payload>
 bool TryRead(ParcelReader& in, Payload& payload) {
@@ -297,7 +321,8 @@ template <DelegateId delegate_id, typename Payload>
 void PayloadCallback<delegate_id, Payload>::OnReceivedEvent(rpc_port_parcel_h parcel) {
   ParcelReader in(parcel);
   const int result = in.Int32();
-  Payload payload;
+  AnswerMemory memory;
+  auto payload = EmptyPayload<Payload>(memory);
   if (TryRead(in, payload)) {
     OnReceived(result, std::move(payload));
   } else {

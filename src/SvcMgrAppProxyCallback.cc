@@ -54,22 +54,20 @@ velmora_svcmgr_ai_model_list_h Convert(rpc::AIModelList list) {
   velmora_svcmgr_ai_model_list_h handle = nullptr;
   if (velmora_svcmgr_ai_model_list_create(&handle) == SVCMGR_ERROR_NONE && list.count > 0) {
     KeptBlocks kept(list.models.size());
-    // Each model is let go once it is converted: the next ones take its memory.
-    for (; !list.models.empty(); list.models.pop_front()) {
-      const rpc::AIModelInfo& model = list.models.front();
+    for (const rpc::AIModelInfo& model : list.models) {
       velmora_svcmgr_ai_model_info_h info = nullptr;
       const int result = velmora_svcmgr_ai_model_info_create(&info);
-      CLIENT_INFO_F("model [%s - %s - %s - %s]", model.id.get(), model.version.get(),
-                    model.title.get(), model.description.get());
+      CLIENT_INFO_F("model [%s - %s - %s - %s]", model.id, model.version, model.title,
+                    model.description);
       if (result != SVCMGR_ERROR_NONE) continue;
       // The temporary record is kept on purpose: what a conversion calls and logs is fixed, and
       // destroying the record would look the agent's package up and log once more for each model.
       kept.Add(info);
       // Results are ignored on purpose: the answer is delivered with what there is memory for.
-      velmora_svcmgr_ai_model_info_set_id(info, model.id.get());
-      velmora_svcmgr_ai_model_info_set_version(info, model.version.get());
-      velmora_svcmgr_ai_model_info_set_title(info, model.title.get());
-      velmora_svcmgr_ai_model_info_set_description(info, model.description.get());
+      velmora_svcmgr_ai_model_info_set_id(info, model.id);
+      velmora_svcmgr_ai_model_info_set_version(info, model.version);
+      velmora_svcmgr_ai_model_info_set_title(info, model.title);
+      velmora_svcmgr_ai_model_info_set_description(info, model.description);
       velmora_svcmgr_ai_model_list_add(handle, info);
     }
   }

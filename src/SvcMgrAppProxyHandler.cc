@@ -20,7 +20,6 @@
 
 using svcmgr::AppIdentity;
 using svcmgr::CallSite;
-using svcmgr::CopyText;
 using svcmgr::ModelListReceiver;
 using svcmgr::ProgressReceiver;
 using svcmgr::Text;
@@ -28,16 +27,21 @@ using svcmgr::Text;
 namespace {
 
 // Throws std::logic_error if a text is not set.
-rpc::AIModelInfo CopyToWire(const velmora_svcmgr_ai_model_info_s& info) {
-  return {CopyText(info.id), CopyText(info.version), CopyText(info.title),
-          CopyText(info.description)};
+const char* RequireText(const char* text) {
+  if (text == nullptr) throw std::logic_error("null text");
+  return text;
 }
 
-rpc::AIModelList CopyToWire(const velmora_svcmgr_ai_model_list_s& list) {
+rpc::AIModelInfo ToWire(const velmora_svcmgr_ai_model_info_s& info) {
+  return {RequireText(info.id), RequireText(info.version), RequireText(info.title),
+          RequireText(info.description)};
+}
+
+rpc::AIModelList ToWire(const velmora_svcmgr_ai_model_list_s& list) {
   rpc::AIModelList models;
   for (const velmora_svcmgr_ai_model_info_h info : list.models) {
     if (info == nullptr) throw std::logic_error("null model");
-    models.models.push_back(CopyToWire(*info));
+    models.models.push_back(ToWire(*info));
   }
   models.count = static_cast<int>(list.models.size());
   return models;
@@ -194,7 +198,7 @@ int SvcMgrAppProxyHandler::request_update_with_list(const velmora_svcmgr_agent_l
   return SendRequest(SVCMGR_HERE, [&](SvcMgrAppPort& proxy) {
     svcmgr::agent_update_state.Request();
     rpc::AgentUpdateRequest request;
-    for (const char* agent : list.agents) request.agents.push_back(CopyText(agent));
+    for (const char* agent : list.agents) request.agents.push_back(RequireText(agent));
     request.count = static_cast<int>(list.agents.size());
     // The agent's result is ignored on purpose: the events tell how the update goes.
     proxy.request_update_with_list(request);
@@ -233,7 +237,7 @@ int SvcMgrAppProxyHandler::GetModelVersionList(velmora_svcmgr_ai_model_info_h in
                                                ModelListReceiver receiver) {
   const int refusal = SVCMGR_ERROR_INVALID_OPERATION;
   return SendUnlessRefused<AppInfoException>(SVCMGR_HERE, refusal, [&](SvcMgrAppPort& proxy) {
-    const rpc::AIModelInfo model = CopyToWire(*info);
+    const rpc::AIModelInfo model = ToWire(*info);
     const AppIdentity app = {GetAppId(), GetAppVersion()};
     proxy.GetModelVersionList(std::make_unique<svcmgr::GetModelVersionListCB>(receiver), model,
                               app.id, app.version);
@@ -243,7 +247,7 @@ int SvcMgrAppProxyHandler::GetModelVersionList(velmora_svcmgr_ai_model_info_h in
 int SvcMgrAppProxyHandler::RequestToUpdate(const velmora_svcmgr_ai_model_list_s& list,
                                            ProgressReceiver receiver) {
   return SendRequest(SVCMGR_HERE, [&](SvcMgrAppPort& proxy) {
-    const rpc::AIModelList models = CopyToWire(list);
+    const rpc::AIModelList models = ToWire(list);
     proxy.RequestToUpdate(std::make_unique<svcmgr::RequestToUpdateCB>(receiver), models);
   });
 }
@@ -251,7 +255,7 @@ int SvcMgrAppProxyHandler::RequestToUpdate(const velmora_svcmgr_ai_model_list_s&
 int SvcMgrAppProxyHandler::RequestToUninstall(const velmora_svcmgr_ai_model_list_s& list,
                                               ProgressReceiver receiver) {
   return SendRequest(SVCMGR_HERE, [&](SvcMgrAppPort& proxy) {
-    const rpc::AIModelList models = CopyToWire(list);
+    const rpc::AIModelList models = ToWire(list);
     proxy.RequestToUninstall(std::make_unique<svcmgr::RequestToUninstallCB>(receiver), models);
   });
 }

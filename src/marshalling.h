@@ -4,6 +4,7 @@
 
 // One Write and one Read for each record: its fields in wire order.
 
+#include <memory_resource>
 #include <string>
 
 #include "parcel.h"
@@ -20,10 +21,10 @@ inline void Write(svcmgr::ParcelWriter& out, const DelegateHeader& header) {
 }
 
 inline void Write(svcmgr::ParcelWriter& out, const AIModelInfo& model) {
-  out.String(model.id.get());
-  out.String(model.version.get());
-  out.String(model.title.get());
-  out.String(model.description.get());
+  out.String(model.id);
+  out.String(model.version);
+  out.String(model.title);
+  out.String(model.description);
 }
 
 inline void Write(svcmgr::ParcelWriter& out, const AIModelList& list) {
@@ -34,7 +35,7 @@ inline void Write(svcmgr::ParcelWriter& out, const AIModelList& list) {
 
 inline void Write(svcmgr::ParcelWriter& out, const AgentUpdateRequest& request) {
   out.Count(static_cast<int>(request.agents.size()));
-  for (const svcmgr::Text& agent : request.agents) out.String(agent.get());
+  for (const char* agent : request.agents) out.String(agent);
   out.Int32(request.count);
 }
 
@@ -44,17 +45,18 @@ inline void Read(svcmgr::ParcelReader& in, DelegateHeader& header) {
   header.once = in.Bool();
 }
 
-inline void Read(svcmgr::ParcelReader& in, AIModelInfo& model) {
-  model.id = in.String();
-  model.version = in.String();
-  model.title = in.String();
-  model.description = in.String();
+inline void Read(svcmgr::ParcelReader& in, AIModelInfo& model, std::pmr::memory_resource& memory) {
+  model.id = in.StringIn(memory);
+  model.version = in.StringIn(memory);
+  model.title = in.StringIn(memory);
+  model.description = in.StringIn(memory);
 }
 
 // The count may lie: nothing is allocated for elements that are not there.
 inline void Read(svcmgr::ParcelReader& in, AIModelList& list) {
   const int size = in.Count();
-  for (int i = 0; i < size && in.ok(); ++i) Read(in, list.models.emplace_back());
+  std::pmr::memory_resource& memory = *list.models.get_allocator().resource();
+  for (int i = 0; i < size && in.ok(); ++i) Read(in, list.models.emplace_back(), memory);
   list.count = in.Int32();
 }
 

@@ -4,7 +4,9 @@
 
 #include <rpc-port.h>
 
+#include <cstring>
 #include <memory>
+#include <memory_resource>
 #include <utility>
 
 #include "SvcMgrAppProxyException.h"
@@ -68,6 +70,13 @@ class ParcelReader {
   Text String() {
     Text text(Read<char*>(rpc_port_parcel_read_string));
     return text == nullptr && ok_ ? CopyText("") : std::move(text);
+  }
+  // The same in memory that goes with the message; empty after a failure. Throws std::bad_alloc.
+  const char* StringIn(std::pmr::memory_resource& memory) {
+    const Text text(Read<char*>(rpc_port_parcel_read_string));
+    if (text == nullptr) return "";
+    const std::size_t size = std::strlen(text.get()) + 1;
+    return static_cast<char*>(std::memcpy(memory.allocate(size, 1), text.get(), size));
   }
 
  private:

@@ -9,6 +9,7 @@
 //     delegate message  int32 kDelegateCommand, DelegateHeader, int32 result, then the payload
 
 #include <list>
+#include <memory_resource>
 
 #include "text.h"
 
@@ -49,15 +50,20 @@ struct DelegateHeader {
   bool once = false;
 };
 
+// The texts belong to the application in a request, to what was read in an answer.
 struct AIModelInfo {
-  svcmgr::Text id;
-  svcmgr::Text version;
-  svcmgr::Text title;
-  svcmgr::Text description;
+  const char* id;
+  const char* version;
+  const char* title;
+  const char* description;
 };
 
 struct AIModelList {
-  std::list<AIModelInfo> models;
+  AIModelList() = default;
+  // What is read into the list takes its memory there, texts and all.
+  explicit AIModelList(std::pmr::memory_resource* memory) : models(memory) {}
+
+  std::pmr::list<AIModelInfo> models;
   // What the sender says, independently of the length of the list.
   int count = 0;
 };
@@ -70,7 +76,7 @@ struct AIUpdateProgressInfo {
 };
 
 struct AgentUpdateRequest {
-  std::list<svcmgr::Text> agents;
+  std::list<const char*> agents;  // the application's
   int count = 0;
 };
 

@@ -19,13 +19,12 @@ using proxy::Delegate;
 using proxy::DelegateId;
 using proxy::MakeDelegate;
 using proxy::SvcMgrAppPort;
-using svcmgr::CopyText;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
 AIModelInfo Model(const char* id, const char* version, const char* title, const char* text) {
-  return {CopyText(id), CopyText(version), CopyText(title), CopyText(text)};
+  return {id, version, title, text};
 }
 
 AIModelList ModelsOf(int count, const std::vector<const char*>& ids) {
@@ -106,8 +105,8 @@ std::vector<Method> Methods() {
       {"request_update_with_list", true,
        [](SvcMgrAppPort& port, auto) {
          AgentUpdateRequest request;
-         request.agents.push_back(CopyText("a"));
-         request.agents.push_back(CopyText("bc"));
+         request.agents.push_back("a");
+         request.agents.push_back("bc");
          request.count = 2;
          port.request_update_with_list(request);
        },
@@ -191,7 +190,7 @@ using ARequest = proxy::ConnectedPort;
 TEST_F(ARequest, WritesTheAgentsCountAsItStands) {
   fake::QueueReply({0});
   AgentUpdateRequest request;
-  request.agents.push_back(CopyText("a"));
+  request.agents.push_back("a");
   request.count = 9;
   port->request_update_with_list(request);
   EXPECT_THAT(fake::SentParcels()[0].items, ElementsAre(10, Count(1), "a", 9));
