@@ -12,7 +12,6 @@
 #include "generation.h"
 #include "package_folder.h"
 #include "snapshot_reader.h"
-#include "thread_snapshot.h"
 
 // How a look-up finds the latest snapshot
 //
@@ -124,8 +123,9 @@ void Complain(const Snapshot::Complaints& complaints) {
   }
 }
 
-// Kept apart from the look-ups that need no store, which are then much shorter.
-__attribute__((noinline)) int AskStore(SnapshotRef* latest) {
+}  // namespace
+
+int AskStore(SnapshotRef* latest) {
   Snapshot::Complaints complaints;
   const int error = Store::Get().Latest(latest, &complaints);
   Complain(complaints);
@@ -136,18 +136,6 @@ __attribute__((noinline)) int AskStore(SnapshotRef* latest) {
     thread_snapshot.LetGo();
   }
   return 0;
-}
-
-}  // namespace
-
-int LatestSnapshot(SnapshotRef* latest) {
-  if (!thread_snapshot.IsLatest()) return AskStore(latest);
-  *latest = thread_snapshot.Share();
-  return 0;
-}
-
-void GiveBack(const Snapshot* snapshot) {
-  if (!thread_snapshot.TakeBack(snapshot)) snapshot->Release();
 }
 
 }  // namespace packages

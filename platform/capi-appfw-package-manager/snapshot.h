@@ -4,6 +4,7 @@
 
 #include <app_info_record.h>
 #include <stdint.h>
+#include <string.h>
 
 #include <atomic>
 #include <set>
@@ -52,17 +53,22 @@ class Snapshot {
   const std::vector<package_info_s>& packages() const { return packages_; }
   const Complaints& complaints() const { return complaints_; }
   bool may_change_unheard() const { return may_change_unheard_; }
-  const package_info_s* FindPackage(const char* id) const;
+  const package_info_s* FindPackage(const char* id) const {
+    const package_info_s* const last = last_found_.load(std::memory_order_relaxed);
+    return last && strcmp(last->id.c_str(), id) == 0 ? last : SearchPackage(id);
+  }
   const app_info_s* FindApplication(const char* id) const;
   Freshness& freshness() const { return freshness_; }
 
   void Hold(uint64_t shares = 1) const { shares_.fetch_add(shares, std::memory_order_relaxed); }
   void Release(uint64_t shares = 1) const {
-    if (shares_.fetch_sub(shares, std::memory_order_acq_rel) == shares) delete this;
+    if (shares_.fetch_sub(shares, std::memory_order_acq_rel) == shares) End();
   }
 
  private:
   ~Snapshot() = default;
+  void End() const;
+  const package_info_s* SearchPackage(const char* id) const;
 
   mutable std::atomic<uint64_t> shares_{1};
   std::vector<package_info_s> packages_;
