@@ -9,7 +9,8 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/../.." && pwd)
 [ $# -gt 0 ] || { sed -n '4,8s/^# \{0,1\}//p' "$0" >&2; exit 2; }
-folder=$1
+mkdir -p "$1"
+folder=$(cd "$1" && pwd)  # CMake takes no relative one for a prefix
 shift
 jobs=${JOBS:-$(nproc)}
 
@@ -59,4 +60,6 @@ try() {  # COMPILER
 [ $# -gt 0 ] || mapfile -t found < <(here)
 [ $# -eq 0 ] || found=("$@")
 [ ${#found[@]} -gt 0 ] || die "there is no compiler here"
-for compiler in "${found[@]}"; do try "$compiler"; done
+failed=()
+for compiler in "${found[@]}"; do (try "$compiler") || failed+=("$compiler"); done
+[ ${#failed[@]} = 0 ] || die "not with ${failed[*]}"
