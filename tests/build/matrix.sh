@@ -23,7 +23,7 @@ rows=(
   "hardened|g++, $hardened|g++|dev|-DCMAKE_BUILD_TYPE=None '-DCMAKE_CXX_FLAGS=$hardened' '-DCMAKE_C_FLAGS=$hardened'||"
   "clang|clang++|clang++|clang|||"
   "asan|AddressSanitizer, UndefinedBehaviorSanitizer, leaks|clang++|asan|||ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1:check_initialization_order=1:strict_init_order=1"
-  "tsan|ThreadSanitizer|clang++|tsan|||TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:atexit_sleep_ms=20"
+  "tsan|ThreadSanitizer; 64 threads and 10,000 connections|clang++|tsan|||TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:atexit_sleep_ms=20 SVCMGR_TEST_CONNECTIONS=10000"
   "valgrind|valgrind, unit tests|valgrind|dev|-DSVCMGR_TEST_FOLDERS='fake_platform;unit' '-DCMAKE_CROSSCOMPILING_EMULATOR=$memcheck'|-L ^unit|"
 )
 others=(
@@ -38,12 +38,13 @@ list() { printf '%s\n' "${rows[@]}" "${others[@]}" | awk -F'|' '{ printf "%-10s 
 row_of() { printf '%s\n' "${rows[@]}" "${others[@]}" | grep -m1 "^$1|" || die "there is no '$1'; see matrix.sh --list"; }
 
 build_and_test() {  # NAME PRESET CONFIGURING TESTS ENVIRONMENT
-  local -a configuring tests
+  local -a configuring tests environment
+  read -ra environment <<<"$5"
   eval "configuring=($3) tests=($4)"
   # -e does not hold where a status is asked for.
   cmake --fresh --preset "$2" -B "$folder/$1" "${configuring[@]}" &&
     cmake --build "$folder/$1" -j "$jobs" &&
-    env ${5:+"$5"} ctest --test-dir "$folder/$1" -j "$((jobs * 2))" --output-on-failure --no-tests=error "${tests[@]}"
+    env "${environment[@]}" ctest --test-dir "$folder/$1" -j "$((jobs * 2))" --output-on-failure --no-tests=error "${tests[@]}"
 }
 
 try() {  # NAME

@@ -400,6 +400,11 @@ void AllowHeld(Kind kind, int n) {
   state().allowed[kind] = n;
 }
 
+void AllowPortsAfterTheirProxy() {
+  const Guard guard;
+  state().ports_after_their_proxy = true;
+}
+
 void AllowHeldConnection() {
   AllowHeld(Kind::kProxy, 1);
   AllowHeld(Kind::kEventHandler, 1);
@@ -486,6 +491,7 @@ void Reset() {
   s.made.clear();
   s.live.clear();
   s.allowed.clear();
+  s.ports_after_their_proxy = false;
   s.proxies.clear();
   s.handlers.clear();
   s.main_messages.clear();

@@ -369,6 +369,9 @@ int LiveObjects(Kind kind);
 void AllowHeld(Kind kind, int n);
 /** Lets a proxy and the watch's subscription live at the end, for a test that ends connected. */
 void AllowHeldConnection();
+/** Lets a port be used after its proxy, for a test in which other threads are inside calls when the
+ *  connection ends: such a call fails. */
+void AllowPortsAfterTheirProxy();
 
 /** A live block of malloc, calloc, realloc, strdup, strndup or, in a NewTracking, operator new. */
 struct Block {

@@ -276,6 +276,14 @@ TEST_F(FakePlatform, FailsATestThatUsesAPortAfterItsProxy) {
   EXPECT_NONFATAL_FAILURE(fake::Verify(), "main port of proxy#1 is used after its proxy");
 }
 
+TEST_F(FakePlatform, RefusesAPortAfterItsProxyWhereThatIsAllowed) {
+  fake::AllowPortsAfterTheirProxy();
+  const Connected connected;
+  rpc_port_proxy_destroy(connected.proxy);
+  EXPECT_EQ(connected.NextMessage(), nullptr);
+  fake::Verify();
+}
+
 TEST_F(FakePlatform, FailsATestThatFiresAtADestroyedProxy) {
   const Connected connected;
   rpc_port_proxy_destroy(connected.proxy);

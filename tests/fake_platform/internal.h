@@ -137,6 +137,7 @@ struct State {
   std::map<Kind, int> made;
   std::map<Kind, int> live;
   std::map<Kind, int> allowed;
+  bool ports_after_their_proxy = false;
   std::vector<ProxyObject*> proxies;
   std::vector<event_handler*> handlers;
   std::deque<Message> main_messages;

@@ -328,6 +328,7 @@ Port* FindPort(const char* function, const void* handle) {
     return nullptr;
   }
   if (!found->second->proxy->alive) {
+    if (state().ports_after_their_proxy) return nullptr;
     fake::Fault(std::string(function) + ": " + Name(handle) + " is used after its proxy");
     return nullptr;
   }

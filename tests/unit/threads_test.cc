@@ -4,6 +4,7 @@
 #include <Singleton.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
@@ -235,6 +236,61 @@ TEST_F(Threads, MayUseTheirOwnModelHandles) {
       },
       [] {});
   EXPECT_EQ(wrong, 0);
+}
+
+/** One thing after the other that any thread may do; false if one of them fails otherwise than for
+ *  lack of a connection, or because it ends meanwhile. */
+bool DoOfEverything(Models* models) {
+  const auto is_usual = [](int code) {
+    return code == 0 || code == -107 || code == -38 || code == client::kInvalidApiLevel;
+  };
+  int level = 0;
+  velmora_svcmgr_ai_model_info_h info = nullptr;
+  velmora_svcmgr_ai_model_list_h list = nullptr;
+  bool updating = false;
+  const bool good = is_usual(velmora_svcmgr_get_agent_api_level(&level)) &&
+                    is_usual(models->Request()) &&
+                    velmora_svcmgr_ai_model_info_create(&info) == 0 &&
+                    velmora_svcmgr_ai_model_info_set_id(info, "id") == 0 &&
+                    velmora_svcmgr_ai_model_list_create(&list) == 0 &&
+                    velmora_svcmgr_ai_model_list_add(list, info) == 0 &&
+                    is_usual(velmora_svcmgr_is_being_updated(&updating));
+  velmora_svcmgr_ai_model_list_destroy(list);
+  velmora_svcmgr_ai_model_info_destroy(info);
+  return good;
+}
+
+TEST_F(Threads, OfAnyNumberMayDoAnythingWhileTheConnectionComesAndGoes) {
+  // For a longer look, the number of connections.
+  const char* const wanted = std::getenv("SVCMGR_TEST_CONNECTIONS");
+  const int connections = wanted == nullptr ? 100 : std::stoi(wanted);
+  // The reply to a call that the connection's end has cut off is the next one's: all are of one kind.
+  StartAgent();
+  fake::AllowPortsAfterTheirProxy();
+  std::atomic<bool> ended{false};
+  std::atomic<int> strange{0};
+  std::atomic<std::size_t> next{0};
+  std::vector<Models> others(64);
+  int left = connections;
+  RunTogether(
+      static_cast<int>(others.size()),
+      [&] {
+        Models& own = others[next++];
+        do {
+          if (!DoOfEverything(&own)) ++strange;
+        } while (!ended);
+      },
+      [&] {
+        if (left == 0) {
+          ended = true;
+          return;
+        }
+        --left;
+        if (velmora_svcmgr_disconnect() != 0 || connection.Connect() != 0) ++strange;
+        fake::Proxy().FireConnected();
+      });
+  EXPECT_EQ(strange, 0);
+  EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
 }
 
 }  // namespace
