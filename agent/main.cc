@@ -10,18 +10,19 @@
 #include <cerrno>
 #include <cstdio>
 #include <exception>
+#include <memory>
 #include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "command_words.h"
 #include "common/report.h"
 #include "scenario/scenario_files.h"
 #include "scenario/scenario_reader.h"
 #include "service/agent_service.h"
 #include "trace/condition.h"
 #include "trace/trace.h"
+#include "usage.h"
 #include "world/child.h"
 #include "world/expect.h"
 #include "world/record.h"
@@ -170,7 +171,7 @@ void AddRun(CLI::App& app, Options& options) {
   CLI::App* run = app.add_subcommand(
       "run", "Run a command in a world of its own: agent, packages, runtime folder");
   run->footer("The command comes last: svcmgr-sim run SCENARIO [OPTIONS] -- COMMAND [ARGUMENT...]");
-  run->add_option("SCENARIO", options.scenario, "What the agent does")->required();
+  run->add_option("SCENARIO", options.scenario, "What the agent does")->type_name("")->required();
   run->add_flag("--keep", options.run.keep, "Keep the world's folder and print its name");
   run->add_flag("--verbose", options.run.verbose, "Show what the agent does on standard error");
   run->add_option("--trace", options.run.traces,
@@ -186,10 +187,13 @@ void AddRun(CLI::App& app, Options& options) {
       ->allow_extra_args(false);
   run->add_option("--time-scale", options.run.time_scale,
                   "Multiply the scenario's delays; 0 removes them")
+      ->type_name("NUMBER")
       ->check(CheckTimeScale);
-  run->add_option("--app-id", options.app_id, "The command's application ID");
-  run->add_option("--app-version", options.app_version, "The command's application version");
-  run->add_option("--app-root", options.app_root, "The command's application folder");
+  run->add_option("--app-id", options.app_id, "The command's application ID")->type_name("ID");
+  run->add_option("--app-version", options.app_version, "The command's application version")
+      ->type_name("VERSION");
+  run->add_option("--app-root", options.app_root, "The command's application folder")
+      ->type_name("FOLDER");
 }
 
 void AddRecord(CLI::App& app, Options& options) {
@@ -197,14 +201,14 @@ void AddRecord(CLI::App& app, Options& options) {
       "record",
       "Run a command beside the agent that runs here, and make a scenario of its answers");
   record->footer("The command comes last: svcmgr-sim record FILE -- COMMAND [ARGUMENT...]");
-  record->add_option("FILE", options.file, "The scenario to write")->required();
+  record->add_option("FILE", options.file, "The scenario to write")->type_name("")->required();
 }
 
 void AddSend(CLI::App& app, Options& options) {
   CLI::App* send = app.add_subcommand(
       "send", "From inside a world: make its agent take steps, and wait until they are done");
   send->footer(sim::HelpForSteps());
-  send->add_option("STEP", options.steps, "What the agent does")->required();
+  send->add_option("STEP", options.steps, "What the agent does")->type_name("")->required();
 }
 
 void AddExpect(CLI::App& app, Options& options) {
@@ -216,9 +220,11 @@ void AddExpect(CLI::App& app, Options& options) {
       "With \"no \" before it, there must be no such record; with \" N times\" behind it, N of "
       "them.\n"
       "Each condition is one argument; each counts what comes after the one before it came true.");
-  expect->add_option("CONDITION", options.conditions, "What the trace has to show")->required();
-  expect->add_option("--timeout", options.timeout, "Give up after so many seconds")
-      ->capture_default_str()
+  expect->add_option("CONDITION", options.conditions, "What the trace has to show")
+      ->type_name("")
+      ->required();
+  expect->add_option("--timeout", options.timeout, "Give up after so many seconds (default: 10)")
+      ->type_name("SECONDS")
       ->check(CheckTimeout);
 }
 
@@ -237,6 +243,9 @@ int InsideAWorld(const Deed& deed) {
 int Complete(const CLI::App& app, const std::vector<std::string>& words) {
   const terminal_text::Place place = terminal_text::PlaceOf(app, words);
   if (place.option != nullptr || place.is_behind_mark) return 0;
+  if (place.is_for_help) {
+    return Print(terminal_text::Completions(place.word, terminal_text::CommandsOf(*place.command)));
+  }
   if (place.word.starts_with("-")) {
     return Print(terminal_text::Completions(place.word, terminal_text::OptionsOf(*place.command)));
   }
@@ -247,24 +256,59 @@ int Complete(const CLI::App& app, const std::vector<std::string>& words) {
       candidates.emplace_back(shipped.name);
     }
   }
+  if (command == "send") candidates = sim::StepWords();
   return Print(terminal_text::Completions(place.word, candidates));
 }
 
-/** What is wrong with a command line, and what may have been meant. */
-std::string WhatIsWrong(const CLI::App& app, const CLI::ParseError& error) {
-  const CLI::App* command = &app;
-  while (!command->get_subcommands().empty()) command = command->get_subcommands().front();
-  const bool wants_command = !terminal_text::CommandsOf(*command).empty();
+/** Whether the command that was given runs another one. */
+bool TakesCommand(const CLI::App& app) {
+  return app.got_subcommand("run") || app.got_subcommand("record");
+}
+
+std::string WhatIsWrong(const CLI::App& app, const std::vector<std::string>& words,
+                        const Options& options, const CLI::ParseError& error) {
   const std::vector<std::string> unknown = app.remaining(true);
-  const auto is_option = [](const std::string& word) { return word.size() > 1 && word[0] == '-'; };
-  // An option that is not known leaves its value over, too.
-  auto word = std::find_if(unknown.begin(), unknown.end(), is_option);
-  if (word == unknown.end()) word = unknown.begin();
-  if (word == unknown.end()) return wants_command ? "a command is missing" : error.what();
-  const char* kind = is_option(*word) ? "there is no option \""
-                     : wants_command  ? "there is no command \""
-                                      : "there is no use for \"";
-  return kind + *word + "\"" + terminal_text::DidYouMean(*word, *command);
+  const bool is_plain = !unknown.empty() && !unknown.front().empty() && unknown.front()[0] != '-';
+  if (TakesCommand(app) && options.run.command.empty() && is_plain) {
+    return "the command must stand behind '--'; see 'svcmgr-sim " +
+           app.get_subcommands().front()->get_name() + " --help'";
+  }
+  return terminal_text::UsageMessage(app, words, error);
+}
+
+/** Reads the words behind the program's name; the exit status if that is all there is to do. */
+std::optional<int> ReadCommandLine(CLI::App& app, const std::vector<std::string>& words,
+                                   const Options& options) {
+  std::vector<const char*> argv = {"svcmgr-sim"};
+  for (const std::string& word : words) argv.push_back(word.c_str());
+  try {
+    app.parse(static_cast<int>(argv.size()), argv.data());
+    const std::vector<std::string>& command = options.run.command;
+    if (TakesCommand(app) && command.empty()) throw CLI::RequiredError("-- COMMAND");
+    if (!TakesCommand(app) && !command.empty()) {
+      throw CLI::ValidationError("there is no use for '" + command.front() + "'");
+    }
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() == 0) {
+      std::ostringstream text;
+      app.exit(error, text, text);
+      return Print(text.str());
+    }
+    sim::Report(sim::Quotable(WhatIsWrong(app, words, options, error)));
+    return kUsageError;
+  }
+  return std::nullopt;
+}
+
+/** Prints the help of the command that has these words. */
+int Help(CLI::App& app, std::vector<std::string> words, const Options& options) {
+  const std::string wrong = terminal_text::CheckCommand(app, words);
+  if (!wrong.empty()) {
+    sim::Report(sim::Quotable(wrong));
+    return kUsageError;
+  }
+  words.emplace_back("--help");
+  return ReadCommandLine(app, words, options).value_or(0);
 }
 
 int Execute(CLI::App& app, const Options& options) {
@@ -297,12 +341,16 @@ int main(int argc, char** argv) {
   if (!completes) options.run.command = TakeCommand(&argc, argv);
 
   CLI::App app("Runs commands beside a simulated service-manager agent.", "svcmgr-sim");
+  app.formatter(std::make_shared<terminal_text::PlainFormatter>());
+  app.set_help_flag("-h,--help", "Print this help and exit");
   app.footer(kMoreHelp);
-  app.set_version_flag("--version", std::string("svcmgr-sim ") + SVCMGR_SIM_VERSION);
+  app.set_version_flag("--version", std::string("svcmgr-sim ") + SVCMGR_SIM_VERSION,
+                       "Print the version and exit");
   app.require_subcommand(1);
   AddRun(app, options);
   app.add_subcommand("check", "Say what is wrong with scenarios, file by file and place by place")
       ->add_option("SCENARIO", options.scenarios, "Scenarios to check")
+      ->type_name("")
       ->required();
   app.add_subcommand("list", "List the scenarios that ship with the program");
   AddRecord(app, options);
@@ -316,22 +364,12 @@ int main(int argc, char** argv) {
   agent->add_option("--trace", options.trace_formats)->allow_extra_args(false);
   agent->add_option("--last-client", options.agent.last_client);
   agent->add_option("--time-scale", options.run.time_scale);
+  std::optional<std::vector<std::string>> help_wanted;
+  terminal_text::AddHelpCommand(app, &help_wanted);
+  terminal_text::RefuseValuesOfFlags(&app);
   if (completes) return Complete(app, {argv + 3, argv + argc});
-  try {
-    app.parse(argc, argv);
-    const bool runs = app.got_subcommand("run") || app.got_subcommand("record");
-    if (runs && options.run.command.empty()) throw CLI::RequiredError("-- COMMAND");
-    if (!runs && !options.run.command.empty()) {
-      throw CLI::ExtrasError({options.run.command.front()});
-    }
-  } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0) {
-      std::ostringstream text;
-      app.exit(error, text, text);
-      return Print(text.str());
-    }
-    sim::Report(sim::Quotable(WhatIsWrong(app, error)) + "\nRun svcmgr-sim with --help for more.");
-    return kUsageError;
-  }
+  const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+  if (const auto status = ReadCommandLine(app, words, options)) return *status;
+  if (help_wanted) return Help(app, *help_wanted, options);
   return Execute(app, options);
 }

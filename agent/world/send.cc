@@ -14,6 +14,7 @@
 #include "scenario/json_tree.h"
 #include "scenario/steps.h"
 #include "service/control.h"
+#include "terminal_text.h"
 #include "world/run.h"
 
 namespace sim {
@@ -127,7 +128,12 @@ Json StepOfWord(const std::string& text) {
   const std::string name = text.substr(0, equals);
   const auto* const word = std::find_if(std::begin(kWords), std::end(kWords),
                                         [&](const Word& each) { return name == each.name; });
-  if (word == std::end(kWords)) throw std::runtime_error("\"" + Quotable(name) + "\" is no step");
+  if (word == std::end(kWords)) {
+    throw std::runtime_error(
+        "\"" + Quotable(name) + "\" is no step" +
+        terminal_text::DidYouMean(terminal_text::SimilarTo(name, StepWords())) +
+        "; \"svcmgr-sim send --help\" names them");
+  }
   if (has_argument ? word->argument == Argument::kNone : word->argument == Argument::kNeeded) {
     throw std::runtime_error("the step \"" + name + "\" " +
                              (has_argument ? "takes nothing" : "needs something behind \"=\""));
@@ -158,6 +164,12 @@ std::string HelpForSteps() {
     help += line;
   }
   return help;
+}
+
+std::vector<std::string> StepWords() {
+  std::vector<std::string> names;
+  for (const Word& word : kWords) names.emplace_back(word.name);
+  return names;
 }
 
 std::string StepsOfWords(const std::vector<std::string>& words) {

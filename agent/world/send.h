@@ -10,6 +10,9 @@ namespace sim {
 /** The words that `svcmgr-sim send` knows, one line each. */
 std::string HelpForSteps();
 
+/** The words that stand for steps, without what may be behind "=". */
+std::vector<std::string> StepWords();
+
 /**
  * The steps that words stand for, as a JSON document: each word is a step, or JSON itself. Throws
  * std::runtime_error for a word that means nothing, ScenarioError for wrong steps.

@@ -510,18 +510,44 @@ class ACall : public ARun {};
 
 TEST_F(ACall, ThatIsMistypedIsToldWhatMayHaveBeenMeant) {
   const std::pair<std::vector<std::string>, const char*> rows[] = {
-      {{}, "svcmgr-sim: a command is missing\n"},
-      {{"rund"}, "svcmgr-sim: there is no command \"rund\"; did you mean 'run'\n"},
-      {{"frobnicate"}, "svcmgr-sim: there is no command \"frobnicate\"\n"},
+      {{}, "a command is missing; see 'svcmgr-sim --help'"},
+      {{"rnu"}, "there is no command 'rnu'; did you mean 'run'; see 'svcmgr-sim --help'"},
+      {{"frobnicate"}, "there is no command 'frobnicate'; see 'svcmgr-sim --help'"},
+      {{"help", "chekc"},
+       "there is no command 'chekc'; did you mean 'check'; see 'svcmgr-sim --help'"},
       {{"run", "demo", "--trcae", "x", "--", "true"},
-       "svcmgr-sim: there is no option \"--trcae\"; did you mean '--trace'\n"},
-      {{"list", "more"}, "svcmgr-sim: there is no use for \"more\"\n"},
+       "there is no option '--trcae'; did you mean '--trace'; see 'svcmgr-sim run --help'"},
+      {{"list", "more"}, "there is no use for 'more'; see 'svcmgr-sim list --help'"},
+      {{"list", "--", "true"}, "there is no use for 'true'; see 'svcmgr-sim list --help'"},
+      {{"run", "demo"}, "-- COMMAND is required; see 'svcmgr-sim run --help'"},
+      {{"run", "demo", "true"}, "the command must stand behind '--'; see 'svcmgr-sim run --help'"},
+      {{"run", "demo", "--time-scale", "--", "true"},
+       "--time-scale needs NUMBER; see 'svcmgr-sim run --help'"},
+      {{"run", "demo", "--app-id=a", "--app-id=b", "--", "true"},
+       "--app-id is given more than once; see 'svcmgr-sim run --help'"},
+      {{"run", "demo", "--keep=yes", "--", "true"},
+       "--keep takes no value; see 'svcmgr-sim run --help'"},
+      {{"expect", "--timeout"}, "--timeout needs SECONDS; see 'svcmgr-sim expect --help'"},
   };
   for (const auto& [arguments, message] : rows) {
     const Finished run = RunSim(arguments);
     EXPECT_EQ(run.status, 2) << message;
     EXPECT_EQ(run.output, "") << message;
-    EXPECT_EQ(run.errors, std::string(message) + "Run svcmgr-sim with --help for more.\n");
+    EXPECT_EQ(run.errors, "svcmgr-sim: " + std::string(message) + "\n");
+  }
+}
+
+TEST_F(ACall, ForHelpIsACommandOrAnOption) {
+  for (const std::vector<std::string>& command :
+       std::vector<std::vector<std::string>>{{}, {"run"}, {"expect"}, {"help"}}) {
+    std::vector<std::string> by_command = command;
+    by_command.insert(by_command.begin(), "help");
+    std::vector<std::string> by_option = command;
+    by_option.emplace_back("--help");
+    const Finished help = RunSim(by_command);
+    EXPECT_EQ(help.status, 0);
+    EXPECT_THAT(help.output, HasSubstr("Usage: svcmgr-sim"));
+    EXPECT_EQ(help.output, RunSim(by_option).output);
   }
 }
 
@@ -638,7 +664,8 @@ TEST_F(ACall, ForHelpNamesNothingThatTheManPageDoesNotHave) {
   const std::string page = ManPage();
   const std::string help = RunSim({"--help"}).output;
   const auto commands = AllMatches(help.substr(help.find("Subcommands:")), "\n  ([a-z]+)  ");
-  ASSERT_EQ(commands, (std::set<std::string>{"check", "expect", "list", "record", "run", "send"}));
+  ASSERT_EQ(commands,
+            (std::set<std::string>{"check", "expect", "help", "list", "record", "run", "send"}));
   std::set<std::string> options = AllMatches(help, "(--[a-z][a-z-]*)");
   for (const std::string& command : commands) {
     EXPECT_THAT(page, HasSubstr("\n.SS " + command + "\n"));

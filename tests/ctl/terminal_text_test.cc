@@ -128,6 +128,8 @@ TEST(ASuggestion, IsMadeAtMostThreeTimesAndNeverTwiceForOneName) {
 }
 
 TEST(ASuggestion, IsNotMadeForWhatIsFarOffOrEndless) {
+  EXPECT_THAT(SimilarTo("dmeo", {"demo", "drops"}), ElementsAre("demo"));
+  EXPECT_THAT(SimilarTo("rnu", {"run"}), ElementsAre("run"));
   EXPECT_THAT(SimilarTo("x", {"speech", "vision", ""}), IsEmpty());
   EXPECT_THAT(SimilarTo(std::string(100000, 'a'), {std::string(100000, 'a')}), IsEmpty());
   EXPECT_THAT(SimilarTo("anything", {}), IsEmpty());

@@ -61,6 +61,8 @@ check svcmgrctl 'svcmgrctl update com.velmora.sv' com.velmora.svcmgr
 check svcmgr-sim 'svcmgr-sim che' check
 check svcmgr-sim 'svcmgr-sim run de' demo
 check svcmgr-sim 'svcmgr-sim run demo --tr' --trace
+check svcmgr-sim 'svcmgr-sim help rec' record
+check svcmgr-sim 'svcmgr-sim send rest' restart
 kill -STOP "$(cat "$VELMORA_RUNTIME_DIR/../agent.pid")"
 check svcmgrctl 'svcmgrctl models update vision.' ''
 kill -CONT "$(cat "$VELMORA_RUNTIME_DIR/../agent.pid")"

@@ -12,16 +12,14 @@
 #include <utility>
 #include <vector>
 
-#include "command_words.h"
 #include "completion.h"
 #include "fields.h"
+#include "usage.h"
 #include "velmora_svcmgr.h"
 #include "version.h"
 
 namespace svcmgrctl {
 namespace {
-
-using terminal_text::DidYouMean;
 
 // The timer counts milliseconds in 32 bits; 40 days fit.
 constexpr double kLongestTimeout = 40.0 * 24 * 60 * 60;
@@ -57,15 +55,6 @@ ColorWhen ColorFrom(const std::string& word) {
   return found->second;
 }
 
-// Options without the remarks on what they need and exclude: the descriptions say it better.
-class PlainFormatter : public CLI::Formatter {
- public:
-  PlainFormatter() { column_width(28); }
-  std::string make_option_opts(const CLI::Option* option) const override {
-    return option->get_type_name().empty() ? "" : " " + option->get_type_name();
-  }
-};
-
 void AddOptions(CLI::App& app, Options* options) {
   app.add_flag("--json", options->json, "Data and errors as JSON documents");
   app.add_option("--format", options->format,
@@ -97,7 +86,7 @@ void AddOptions(CLI::App& app, Options* options) {
 // The commands take from `app` what is set here, so it comes before them.
 void SetUp(CLI::App& app, Options* options) {
   app.name("svcmgrctl");
-  app.formatter(std::make_shared<PlainFormatter>());
+  app.formatter(std::make_shared<terminal_text::PlainFormatter>());
   app.set_help_flag("-h,--help", "Print this help and exit");
   app.fallthrough();
   app.footer("The options and the exit status of 'svcmgrctl --help' apply here too.");
@@ -113,108 +102,13 @@ bool WantsJson(int argc, const char* const* argv) {
   return false;
 }
 
-// The command as far as it was understood, in words, and what stands for it.
-struct Understood {
-  const CLI::App* app;
-  std::string words;
-};
-
-Understood WhatWasUnderstood(const CLI::App& root) {
-  Understood understood = {&root, root.get_name()};
-  while (!understood.app->get_subcommands().empty()) {
-    understood.app = understood.app->get_subcommands().front();
-    understood.words += " " + understood.app->get_name();
-  }
-  return understood;
-}
-
-// The option of a command, or of one above it, that an error of the parser is about.
-const CLI::Option* OptionOf(const CLI::App* command, const CLI::ParseError& error) {
-  const std::string message = error.what();
-  const std::string name = message.substr(0, message.find_first_of(": "));
-  for (; command != nullptr; command = command->get_parent())
-    for (const CLI::Option* option : command->get_options())
-      if (option->get_name() == name || option->check_lname(name)) return option;
-  return nullptr;
-}
-
-std::string Mismatch(const CLI::Option& option) {
-  if (option.get_items_expected_max() == 0) return option.get_name() + " takes no value";
-  if (option.count() > 1) return option.get_name() + " is given more than once";
-  return option.get_name() + " needs " + option.get_type_name();
-}
-
-// What is wrong with arguments that no command has a use for; empty if there are none.
-std::string WhatIsLeftOver(const CLI::App& root, const CLI::App& understood,
-                           const std::vector<std::string>& arguments, bool wants_command) {
-  constexpr std::string_view kMark = "--";
-  std::vector<std::string> unknown = root.remaining(true);
-  unknown.erase(std::remove(unknown.begin(), unknown.end(), kMark), unknown.end());
-  const auto mark = std::find(arguments.begin(), arguments.end(), kMark);
-  const auto is_behind_mark = [&](const std::string& argument) {
-    // Of what stands together in one argument, as -xyz does, only a part may be unknown.
-    return std::find(arguments.begin(), mark, argument) == mark &&
-           std::find(mark, arguments.end(), argument) != arguments.end();
-  };
-  if (!unknown.empty() && !is_behind_mark(unknown.front())) {
-    const std::string& first = unknown.front();
-    if (first.size() > 1 && first[0] == '-')
-      return "there is no option '" + first + "'" + DidYouMean(first, understood);
-    if (!wants_command) return "there is no use for '" + first + "'";
-    return "there is no command '" + first + "'" + DidYouMean(first, understood);
-  }
-  // The parser does not tell of a command there.
-  if (wants_command)
-    return std::distance(mark, arguments.end()) > 1 ? "the command must stand before '--'" : "";
-  return unknown.empty() ? "" : "there is no use for '" + unknown.front() + "'";
-}
-
-std::string WhatIsWrong(const CLI::App& root, const CLI::App& understood,
-                        const std::vector<std::string>& arguments, const CLI::ParseError& error) {
-  if (dynamic_cast<const CLI::ValidationError*>(&error) != nullptr) return error.what();
-  if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr)
-    if (const CLI::Option* option = OptionOf(&understood, error)) return Mismatch(*option);
-  const bool wants_command = !understood.get_subcommands({}).empty();
-  std::string left_over = WhatIsLeftOver(root, understood, arguments, wants_command);
-  if (!left_over.empty()) return left_over;
-  return wants_command ? "a command is missing" : error.what();
+Failure WrongUsage(const std::string& message) {
+  return {std::nullopt, "USAGE", message, kExitUsage};
 }
 
 [[noreturn]] void ThrowUsage(const CLI::App& root, const std::vector<std::string>& arguments,
                              const CLI::ParseError& error) {
-  const Understood understood = WhatWasUnderstood(root);
-  throw Failure{std::nullopt, "USAGE",
-                WhatIsWrong(root, *understood.app, arguments, error) + "; see '" +
-                    understood.words + " --help'",
-                kExitUsage};
-}
-
-/** help [COMMAND...]: the command whose help is wanted. */
-void AddHelpCommand(CLI::App& app, std::optional<std::vector<std::string>>* wanted) {
-  CLI::App* help = app.add_subcommand("help", "Print the help of a command and exit");
-  auto words = std::make_shared<std::vector<std::string>>();
-  help->add_option("COMMAND", *words, "The command; without it, the help of all")->type_name("");
-  help->callback([wanted, words] { *wanted = *words; });
-}
-
-Failure NoCommand(const std::string& word, const CLI::App& in, const std::string& understood) {
-  return {std::nullopt, "USAGE",
-          "there is no command '" + word + "'" + DidYouMean(word, in) + "; see '" + understood +
-              " --help'",
-          kExitUsage};
-}
-
-// The parser would take unknown words before --help for nothing.
-void CheckCommand(const CLI::App& app, const std::vector<std::string>& words) {
-  const CLI::App* command = &app;
-  std::string understood = app.get_name();
-  for (const std::string& word : words) {
-    const auto inner =
-        command->get_subcommands([&](const CLI::App* each) { return each->get_name() == word; });
-    if (inner.empty()) throw NoCommand(word, *command, understood);
-    command = inner.front();
-    understood.append(" ").append(word);
-  }
+  throw WrongUsage(terminal_text::UsageMessage(root, arguments, error));
 }
 
 void RefuseBoth(bool one, const char* name, bool other, const char* other_name,
@@ -261,14 +155,6 @@ std::vector<std::string> WithHelp(std::vector<std::string> words) {
   return words;
 }
 
-// A flag is given or it is not: "--json=no" is a mistake.
-void RefuseValuesOfFlags(CLI::App* command) {
-  for (CLI::Option* option : command->get_options())
-    if (option->get_items_expected_max() == 0) option->disable_flag_override();
-  for (CLI::App* inner : command->get_subcommands([](CLI::App*) { return true; }))
-    RefuseValuesOfFlags(inner);
-}
-
 }  // namespace
 
 std::string CheckSeconds(const std::string& text) {
@@ -299,13 +185,13 @@ void ReadCommandLine(int argc, const char* const* argv, Invocation* invocation) 
   AddModelCommands(app, &invocation->command);
   AddWatchCommand(app, &invocation->command);
   std::optional<std::vector<std::string>> help_wanted;
-  AddHelpCommand(app, &help_wanted);
+  terminal_text::AddHelpCommand(app, &help_wanted);
   AddDoctorCommand(app, &invocation->command);
   AddExplainCommand(app, &invocation->command);
   std::string exit_codes = ExitCodeTable();
   exit_codes.pop_back();  // help ends the line itself
   app.footer(kExamples + ("\nExit status:\n" + exit_codes));
-  RefuseValuesOfFlags(&app);
+  terminal_text::RefuseValuesOfFlags(&app);
   AddFieldsToHelp(&app);
   const std::vector<std::string> arguments(argv + std::min(argc, 1), argv + argc);
   // Half a command line is none that could be parsed.
@@ -322,14 +208,16 @@ void ReadCommandLine(int argc, const char* const* argv, Invocation* invocation) 
   }
   if (!invocation->text.empty()) return;
   if (help_wanted) {
-    CheckCommand(app, *help_wanted);
+    const std::string wrong = terminal_text::CheckCommand(app, *help_wanted);
+    if (!wrong.empty()) throw WrongUsage(wrong);
     return ReadCommandLine(WithHelp(*help_wanted), invocation);
   }
   if (!invocation->command) ThrowUsage(app, arguments, CLI::RequiredError("COMMAND"));
   try {
     if (invocation->options.format == "json") invocation->options.json = true;
     CheckForms(invocation->options);
-    invocation->options.selection = SelectionFrom(invocation->options, *WhatWasUnderstood(app).app);
+    invocation->options.selection =
+        SelectionFrom(invocation->options, *terminal_text::WhatWasUnderstood(app).app);
   } catch (const CLI::ParseError& error) {
     ThrowUsage(app, arguments, error);
   }

@@ -73,22 +73,12 @@ bool TakesModels(const CLI::App& command) {
 }  // namespace
 
 void Complete(const CLI::App& app, const std::vector<std::string>& words, Invocation* invocation) {
-  Place place = terminal_text::PlaceOf(app, words);
-  // Behind "help" stand the words of a command.
-  if (place.command->get_name() == "help") {
-    std::vector<std::string> rest = words;
-    for (std::size_t i = 0; i < rest.size(); ++i)
-      if (rest[i] == "help") {
-        rest.erase(rest.begin() + static_cast<std::ptrdiff_t>(i));
-        break;
-      }
-    place = terminal_text::PlaceOf(app, rest);
-    invocation->text = Completions(place.word, terminal_text::CommandsOf(*place.command));
-    return;
-  }
+  const Place place = terminal_text::PlaceOf(app, words);
   const std::string command = place.command->get_name();
   invocation->options.timeout = kCompletionSeconds;
-  if (place.option != nullptr)
+  if (place.is_for_help)
+    invocation->text = Completions(place.word, terminal_text::CommandsOf(*place.command));
+  else if (place.option != nullptr)
     invocation->text = Completions(place.word, ValuesFor(place));
   else if (!place.is_behind_mark && place.word.starts_with("-"))
     invocation->text = Completions(place.word, terminal_text::OptionsOf(*place.command));

@@ -43,6 +43,8 @@ struct Place {
   std::string word;
   /** It follows "--". */
   bool is_behind_mark = false;
+  /** It is a word of the command whose help is wanted. */
+  bool is_for_help = false;
 };
 
 inline const CLI::Option* OptionNamed(const CLI::App* command, const std::string& name) {
@@ -75,7 +77,10 @@ inline Place PlaceOf(const CLI::App& app, std::vector<std::string> words) {
     } else {
       for (const CLI::App* inner : place.command->get_subcommands({}))
         if (inner->get_name() == word) {
-          place.command = inner;
+          // Behind "help" stand the words of a command.
+          const bool is_help = inner->get_name() == "help";
+          place.is_for_help |= is_help;
+          place.command = is_help ? &app : inner;
           break;
         }
     }

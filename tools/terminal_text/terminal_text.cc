@@ -40,14 +40,21 @@ std::size_t CellsOf(gunichar c) {
   return g_unichar_iswide(c) ? 2 : 1;
 }
 
+/** How many characters have to be replaced, put in, taken out, or exchanged with their neighbour. */
 std::size_t EditDistance(std::string_view a, std::string_view b) {
-  std::vector<std::size_t> row(b.size() + 1);
+  using Row = std::vector<std::size_t>;
+  Row row(b.size() + 1);
   std::iota(row.begin(), row.end(), std::size_t{0});
+  Row above;
+  Row two_above;
   for (std::size_t i = 1; i <= a.size(); ++i) {
-    std::size_t diagonal = std::exchange(row[0], i);
+    two_above = std::exchange(above, row);
+    row[0] = i;
     for (std::size_t j = 1; j <= b.size(); ++j) {
-      const std::size_t replaced = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
-      diagonal = std::exchange(row[j], std::min({row[j] + 1, row[j - 1] + 1, replaced}));
+      const std::size_t replaced = above[j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1);
+      row[j] = std::min({above[j] + 1, row[j - 1] + 1, replaced});
+      if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1])
+        row[j] = std::min(row[j], two_above[j - 2] + 1);
     }
   }
   return row[b.size()];
