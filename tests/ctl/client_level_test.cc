@@ -43,6 +43,12 @@ TEST_F(ClientLevel, IsTheNumberAlone) {
   EXPECT_EQ(ending.errors, "");
 }
 
+TEST_F(ClientLevel, OfAFolderThatIsNotThereSaysWhatToGive) {
+  EXPECT_EQ(
+      RunScripted("{}", {"client-level", "/not/there"}).errors,
+      "svcmgrctl: error: there is no folder '/not/there'; give the folder of an application\n");
+}
+
 TEST_F(ClientLevel, IsExplainedByTheFieldsThatAreWanted) {
   folder_.Write("new", FileWith(9, 183));
   folder_.Write("bad", FileWith(11).substr(0, 70));

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "process.h"
 
@@ -77,6 +78,21 @@ TEST(TheDoctor, IsEndedByASignal) {
   start.arguments = {"doctor", "--timeout", "0"};
   start.signal_when_waiting = 2;
   EXPECT_EQ(RunWith(start, R"({"connect": {"events": []}})").status, 130);
+}
+
+TEST(TheDoctor, WrapsWhatToDoWhereThereIsATerminal) {
+  if (!HasTerminals()) GTEST_SKIP() << "there are no pseudo terminals here";
+  Start start;
+  start.terminal = true;
+  start.columns = 40;
+  start.arguments = {"doctor", "--color=never"};
+  const std::string script = R"({"packages": {"agent": -18026383}})";
+  const std::string shown = RunWith(start, script).output;
+  const std::size_t begin = shown.find("What to do\r\n");
+  ASSERT_NE(begin, std::string::npos) << shown;
+  std::istringstream lines(shown.substr(begin, shown.find("svcmgrctl: error") - begin));
+  for (std::string line; std::getline(lines, line);) EXPECT_LE(line.size(), 40u) << line;
+  EXPECT_THAT(shown, HasSubstr("\r\n  Session bus:"));
 }
 
 }  // namespace

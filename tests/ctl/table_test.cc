@@ -53,7 +53,17 @@ TEST(ATable, FitsAWidthAtTheCostOfItsLastColumn) {
   EXPECT_EQ(table.Render(true, 10),
             "\x1b[1mID\x1b[0m  \x1b[1mTITLE\x1b[0m\na   a tit\u2026\nb   "
             "\xe4\xb8\xad\xe6\x96\x87\u2026\n");
-  EXPECT_EQ(table.Render(false, 1), "ID  \u2026\na   \u2026\nb   \u2026\n");
+  EXPECT_EQ(table.Render(false, 1), "\u2026  \u2026\na  \u2026\nb  \u2026\n");
+}
+
+TEST(ATable, ThatIsTooWideWithoutItsLastColumnFitsAtTheCostOfItsWidestOnes) {
+  Table table;
+  table.AddHeading({"NUMBER", "NAME", "MEANING"});
+  table.AddRow({{"-28"}, {"A_NAME_THAT_TAKES_THIRTY_CELLS"}, {"a meaning of some length"}});
+  EXPECT_EQ(table.Render(false, 30),
+            "NUMBER  NAME          MEANING\n"
+            "-28     A_NAME_THAT\u2026  a meani\u2026\n");
+  EXPECT_EQ(table.Render(false, 13), "NU\u2026  NA\u2026  ME\u2026\n-28  A_\u2026  a \u2026\n");
 }
 
 TEST(ATable, WithoutRowsIsEmpty) { EXPECT_EQ(Table().Render(true), ""); }

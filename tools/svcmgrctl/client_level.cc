@@ -27,7 +27,7 @@ struct Level {
 };
 
 Failure NoFolder(const std::string& message) {
-  return {std::nullopt, "NOT_FOUND", message, kExitNotFound};
+  return {std::nullopt, "NOT_FOUND", message, kExitNotFound, "give the folder of an application"};
 }
 
 /** Where an application looks whose folder nobody has named. */
@@ -36,7 +36,7 @@ fs::path OwnFolder() {
   const fs::path folder = fs::read_symlink("/proc/self/exe", error).parent_path();
   fs::path root = folder.filename() == "bin" ? folder.parent_path() : folder;
   if (root.empty() || root == root.root_path())
-    throw NoFolder("this program's own folder is not known; name the application's");
+    throw NoFolder("this program's own folder is not known");
   return root;
 }
 

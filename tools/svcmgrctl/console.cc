@@ -140,6 +140,10 @@ void Console::Draw(std::vector<std::string> lines) {
 
 std::size_t Console::table_width() const { return cuts_tables_ ? SizeOfTerminal().columns : 0; }
 
+std::size_t Console::text_width() const {
+  return live_ ? std::clamp(SizeOfTerminal().columns - 1, std::size_t{1}, kWidestText) : 0;
+}
+
 Space Console::TerminalSpace() const { return SizeOfTerminal(); }
 
 void Console::WriteLeftovers() {

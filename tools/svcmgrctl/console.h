@@ -22,6 +22,9 @@ Json ToJson(const Failure& failure);
  */
 class Console {
  public:
+  /** Longer lines of text are hard to read. */
+  static constexpr std::size_t kWidestText = 100;
+
   explicit Console(const Options& options);
   Console(const Console&) = delete;
   Console& operator=(const Console&) = delete;
@@ -31,6 +34,10 @@ class Console {
 
   /** The cells into which the lines of a table have to fit; 0 for no limit. */
   std::size_t table_width() const;
+
+  /** The cells into which the lines of a text fit that is broken where people read it on a terminal;
+   *  0 for no limit. */
+  std::size_t text_width() const;
 
   bool json() const { return json_; }
   /** Whether a person wants to see nothing but data and errors. */

@@ -47,7 +47,8 @@ std::string TableOf(const std::vector<Finding>& findings, const Console& console
                   {WordFor(finding.health), ToneFor(finding.health)},
                   {finding.what}});
     if (!finding.remedy.empty())
-      remedies += "  " + std::string(finding.title) + ": " + finding.remedy + "\n";
+      remedies += Paragraph("  " + std::string(finding.title) + ": ", finding.remedy, 4,
+                            console.text_width());
   }
   if (remedies.empty()) return table.Render(console.color(), console.table_width());
   return table.Render(console.color(), console.table_width()) + "\n" +

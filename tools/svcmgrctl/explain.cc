@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -14,7 +13,6 @@
 namespace svcmgrctl {
 namespace {
 
-constexpr std::size_t kWidestText = 100;
 constexpr std::size_t kLabelWidth = 13;
 
 std::string Hexadecimal(int number) {
@@ -53,23 +51,11 @@ Json ToJson(const Explanation& each) {
           {"remedy", OrNull(RemedyOf(each))}};
 }
 
-/** A text behind a label, in lines of at most so many cells. */
-std::string Paragraph(const char* label, const std::string& text, std::size_t width) {
+std::string Labelled(const char* label, const std::string& text, std::size_t width) {
   if (text.empty()) return {};
   std::string line = "  " + std::string(label) + ":";
   line.resize(std::max(line.size() + 1, kLabelWidth + 2), ' ');
-  std::string paragraph;
-  std::istringstream words(text);
-  bool is_first = true;
-  for (std::string word; words >> word; is_first = false) {
-    if (!is_first && line.size() + 1 + word.size() > width) {
-      paragraph += line + "\n";
-      line = std::string(kLabelWidth + 2, ' ');
-      is_first = true;
-    }
-    line += (is_first ? "" : " ") + word;
-  }
-  return paragraph + line + "\n";
+  return Paragraph(line, text, kLabelWidth + 2, width);
 }
 
 std::string PageOf(const Explanation& each, const Console& console) {
@@ -79,11 +65,10 @@ std::string PageOf(const Explanation& each, const Console& console) {
   if (HasNumber(each)) title += std::to_string(each.number);
   if (each.number < -1000) title += " (" + Hexadecimal(each.number) + ")";
   title += (HasNumber(each) ? ", " : "") + std::string(NameOf(each.family));
-  const std::size_t width =
-      console.live() ? std::min(console.TerminalSpace().columns - 1, kWidestText) : kWidestText;
-  return title + "\n" + Paragraph("Meaning", MeaningOf(each), width) +
-         Paragraph("Comes from", std::string(ReturnedBy(each)), width) +
-         Paragraph("What to do", RemedyOf(each), width);
+  const std::size_t width = console.live() ? console.text_width() : Console::kWidestText;
+  return title + "\n" + Labelled("Meaning", MeaningOf(each), width) +
+         Labelled("Comes from", std::string(ReturnedBy(each)), width) +
+         Labelled("What to do", RemedyOf(each), width);
 }
 
 Failure NothingCalled(const std::string& word) {

@@ -65,11 +65,13 @@ std::string TableOfVersions(const std::vector<Model>& versions,
   const auto newest = NewestOf(versions);
   Table table;
   table.AddHeading({"VERSION", "REMARK", "ID", "TITLE"});
-  for (const Model& each : versions)
+  for (const Model& each : versions) {
+    const std::string remark = RemarkOn(each, installed, newest);
     table.AddRow({{each.version.value_or("")},
-                  {RemarkOn(each, installed, newest), Tone::kGood},
+                  {remark, remark.empty() ? Tone::kPlain : Tone::kGood},
                   {each.id.value_or("")},
                   {each.title.value_or("")}});
+  }
   return table.Render(console.color(), console.table_width());
 }
 

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <numeric>
+#include <sstream>
 #include <utility>
 
 #include "terminal_text.h"
@@ -14,6 +16,28 @@ using terminal_text::CellWidth;
 using terminal_text::FirstCells;
 using terminal_text::Fitted;
 using terminal_text::ForTerminal;
+
+constexpr std::size_t kGap = 2;
+
+/** Makes columns narrower, until a line fits into so many cells or none can be narrower. */
+void Fit(std::vector<std::size_t>* widths, std::size_t width) {
+  constexpr std::size_t kLeastLast = 8;
+  if (widths->empty()) return;
+  std::size_t needed =
+      std::accumulate(widths->begin(), widths->end(), std::size_t{0}) + (widths->size() - 1) * kGap;
+  const auto shrink = [&](std::size_t* column, std::size_t least) {
+    const std::size_t excess = needed > width ? needed - width : 0;
+    const std::size_t less = std::min(excess, *column > least ? *column - least : 0);
+    *column -= less;
+    needed -= less;
+    return less > 0;
+  };
+  shrink(&widths->back(), kLeastLast);
+  for (bool goes_on = true; goes_on;) {
+    const auto widest = std::max_element(widths->begin(), widths->end());
+    goes_on = shrink(&*widest, std::max<std::size_t>(*widest, 2) - 1);
+  }
+}
 
 const char* EscapeOf(Tone tone) {
   switch (tone) {
@@ -52,6 +76,23 @@ std::string FirstPaintedCells(std::string_view text, std::size_t cells) {
   return out;
 }
 
+std::string Paragraph(std::string label, std::string_view text, std::size_t indent,
+                      std::size_t width) {
+  std::string paragraph;
+  std::string line = std::move(label);
+  bool is_first = true;
+  std::istringstream words{std::string(text)};
+  for (std::string word; words >> word; is_first = false) {
+    if (!is_first && width > 0 && CellWidth(line) + 1 + CellWidth(word) > width) {
+      paragraph += line + "\n";
+      line = std::string(indent, ' ');
+      is_first = true;
+    }
+    line += (is_first ? "" : " ") + word;
+  }
+  return paragraph + line + "\n";
+}
+
 void Table::AddRow(std::vector<Cell> row) {
   for (Cell& cell : row) cell.text = cell.text.empty() ? "-" : ForTerminal(cell.text);
   rows_.push_back(std::move(row));
@@ -70,16 +111,14 @@ std::string Table::Render(bool color, std::size_t width) const {
     for (std::size_t i = 0; i < row.size(); ++i)
       widths[i] = std::max(widths[i], CellWidth(row[i].text));
   }
-  std::size_t before_last = 0;
-  for (std::size_t i = 0; i + 1 < widths.size(); ++i) before_last += widths[i] + 2;
-  const std::size_t last = width > before_last ? width - before_last : 1;
+  if (width > 0) Fit(&widths, width);
   std::string out;
   for (const auto& row : rows_) {
     for (std::size_t i = 0; i < row.size(); ++i) {
-      const bool is_cut = width > 0 && i + 1 == row.size();
-      out += Painted(is_cut ? Fitted(row[i].text, last) : row[i].text, row[i].tone, color);
+      const std::string text = Fitted(row[i].text, widths[i]);
+      out += Painted(text, row[i].tone, color);
       // Nothing is aligned to the last column, and spaces at a line's end only wrap it.
-      if (i + 1 < row.size()) out.append(widths[i] - CellWidth(row[i].text) + 2, ' ');
+      if (i + 1 < row.size()) out.append(widths[i] - CellWidth(text) + kGap, ' ');
     }
     out += '\n';
   }
