@@ -12,12 +12,18 @@ std::atomic<void*> newest_link{nullptr};
 
 }  // namespace
 
-void KeepStorage(void* storage) noexcept {
+void KeepLink(void* link) noexcept {
   void* before = newest_link.load(std::memory_order_relaxed);
   do {
-    *static_cast<void**>(storage) = before;
-  } while (!newest_link.compare_exchange_weak(before, storage, std::memory_order_release,
+    *static_cast<void**>(link) = before;
+  } while (!newest_link.compare_exchange_weak(before, link, std::memory_order_release,
                                               std::memory_order_relaxed));
+}
+
+void KeepStorage(void* storage) noexcept { KeepLink(storage); }
+
+void KeptBlocks::Add(void* block) noexcept {
+  if (next_ != end_) *next_++ = block;
 }
 
 }  // namespace svcmgr

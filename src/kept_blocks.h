@@ -14,9 +14,14 @@
 
 namespace svcmgr {
 
+// The linker can put a ledger in the place of each function that is not inline: the tests do.
+
 // Makes a link of memory that nobody uses any more. It has room for a pointer at least; a stale
 // pointer in it would hide a leak of the application.
 void KeepStorage(void* storage) noexcept;
+
+// The same for memory that was made to be a link.
+void KeepLink(void* link) noexcept;
 
 // Of a list whose elements have been released.
 template <typename T>
@@ -34,13 +39,11 @@ class KeptBlocks {
     auto* const link = static_cast<void**>(operator new((most + 1) * sizeof(void*), std::nothrow));
     if (link == nullptr) return;
     std::fill_n(link, most + 1, nullptr);
-    KeepStorage(link);
+    KeepLink(link);
     next_ = link + 1;
     end_ = next_ + most;
   }
-  void Add(void* block) noexcept {
-    if (next_ != end_) *next_++ = block;
-  }
+  void Add(void* block) noexcept;
 
  private:
   void** next_ = nullptr;

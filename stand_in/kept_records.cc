@@ -9,8 +9,9 @@
 
 extern "C" int __real_velmora_svcmgr_ai_model_info_create(velmora_svcmgr_ai_model_info_h* info);
 extern "C" int __wrap_velmora_svcmgr_ai_model_info_create(velmora_svcmgr_ai_model_info_h* info);
-// svcmgr::KeepStorage, by the name that the linker knows.
+// svcmgr::KeepStorage and svcmgr::KeepLink, by the names that the linker knows.
 extern "C" void __wrap__ZN6svcmgr11KeepStorageEPv(void* storage);
+extern "C" void __wrap__ZN6svcmgr8KeepLinkEPv(void* link);
 
 namespace kept_records {
 namespace {
@@ -45,3 +46,4 @@ int __wrap_velmora_svcmgr_ai_model_info_create(velmora_svcmgr_ai_model_info_h* i
 }
 
 void __wrap__ZN6svcmgr11KeepStorageEPv(void* storage) { kept_records::storages.push_back(storage); }
+void __wrap__ZN6svcmgr8KeepLinkEPv(void* link) { kept_records::storages.push_back(link); }

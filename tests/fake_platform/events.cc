@@ -12,6 +12,7 @@
 using fake::Kind;
 using fake::internal::Adopt;
 using fake::internal::Begin;
+using fake::internal::BeginRelease;
 using fake::internal::BeginUnrecorded;
 using fake::internal::Destroy;
 using fake::internal::Find;
@@ -198,7 +199,7 @@ int event_add_event_handler(const char* event_name, event_cb callback, void* use
 int event_remove_event_handler(event_handler_h handler) {
   const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
-  const fake::Step step = Begin(kFunction, Name(handler));
+  const fake::Step step = BeginRelease(kFunction, handler);
   return Perform(kFunction, step, [&] {
     return Destroy(kFunction, handler, Kind::kEventHandler) != nullptr ? 0
                                                                        : fake::kInvalidParameter;

@@ -160,7 +160,9 @@ const char* KindName(Kind kind) {
   return "?";
 }
 
-Step BeginUnrecorded(const char* function) {
+namespace {
+
+Step TakeScripted(const char* function) {
   const Guard guard;
   const auto found = state().scripts.find(function);
   if (found == state().scripts.end()) return {};
@@ -179,6 +181,16 @@ Step BeginUnrecorded(const char* function) {
   return script.always.empty() ? Step{} : script.always.front();
 }
 
+}  // namespace
+
+Hooks hooks;
+
+Step BeginUnrecorded(const char* function) {
+  Step step = TakeScripted(function);
+  if (hooks.on_call != nullptr) hooks.on_call(function, &step);
+  return step;
+}
+
 Step Begin(const char* function, const std::string& arguments) {
   const Guard guard;
   if (state().recording) {
@@ -186,6 +198,11 @@ Step Begin(const char* function, const std::string& arguments) {
     state().trace.push_back(state().calls.back().Text());
   }
   return BeginUnrecorded(function);
+}
+
+Step BeginRelease(const char* function, const void* handle) {
+  if (hooks.on_release != nullptr) hooks.on_release(handle);
+  return Begin(function, Name(handle));
 }
 
 Object* FindObject(const char* function, const void* handle, Kind kind) {
@@ -240,11 +257,27 @@ std::string Quote(const char* text) {
   return '"' + std::string(text) + '"';
 }
 
+namespace {
+
+struct InCallback {
+  InCallback() {
+    if (hooks.on_callback != nullptr) hooks.on_callback(true);
+  }
+  ~InCallback() {
+    if (hooks.on_callback != nullptr) hooks.on_callback(false);
+  }
+  InCallback(const InCallback&) = delete;
+  InCallback& operator=(const InCallback&) = delete;
+};
+
+}  // namespace
+
 // The forced unwind of a thread has no object, which UndefinedBehaviorSanitizer would report.
 __attribute__((no_sanitize("null"))) void Shielded(const char* what,
                                                    const std::function<void()>& callback) {
   try {
     const Outside outside;
+    const InCallback in_callback;
     callback();
 #if defined(__GLIBCXX__)  // LLVM's C++ library has no name for it.
   } catch (abi::__forced_unwind&) {
@@ -430,6 +463,7 @@ std::vector<std::string> Faults() {
 void Fault(const std::string& what) {
   const Guard guard;
   state().faults.push_back(what);
+  if (internal::hooks.on_fault != nullptr) internal::hooks.on_fault(what);
 }
 
 namespace {
@@ -465,6 +499,10 @@ void JudgeBlocks(std::ostream& verdict) {
 }  // namespace
 
 void Verify() {
+  if (internal::hooks.on_verify != nullptr) {
+    internal::hooks.on_verify();
+    return Reset();
+  }
   std::ostringstream verdict;
   {
     const Guard guard;

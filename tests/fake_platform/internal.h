@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <type_traits>
 #include <unordered_map>
 #include <vector>
 
@@ -183,6 +184,9 @@ T* Find(const char* function, const void* handle, Kind kind) {
 /** Ends an object; a fault if it is unknown or gone already. */
 Object* Destroy(const char* function, const void* handle, Kind kind);
 
+/** Records the call of a function that takes a handle back, and says what it has to do. */
+Step BeginRelease(const char* function, const void* handle);
+
 /** "parcel#3" for the record. */
 std::string Name(const void* handle);
 /** A text in quotes, or null. */
@@ -201,6 +205,24 @@ inline void Spoil(void** out) { *out = PoisonPointer(); }
 inline void Spoil(int* out) { *out = kGarbageInt; }
 inline void Spoil(bool* out) { *out = true; }
 
+/** How a program that judges the library otherwise takes part; null by default. */
+struct Hooks {
+  /** May change what a call of the platform is about to do. */
+  void (*on_call)(const char* function, Step* step) = nullptr;
+  /** Whether an allocation fails. */
+  bool (*on_allocation)(Allocator which) = nullptr;
+  /** A block has entered the ledger. */
+  void (*on_block)(void* block) = nullptr;
+  /** A handle is given back, whether or not the platform takes it. */
+  void (*on_release)(const void* handle) = nullptr;
+  void (*on_fault)(const std::string& what) = nullptr;
+  /** A callback of the library begins, or has ended. */
+  void (*on_callback)(bool begins) = nullptr;
+  /** Takes the place of the verdict. */
+  void (*on_verify)() = nullptr;
+};
+extern Hooks hooks;
+
 /** Stands for the output of functions that have none. */
 struct NoOutput {};
 inline void Spoil(NoOutput*) {}
@@ -208,6 +230,14 @@ inline void Spoil(NoOutput*) {}
 inline void PutText(const char* function, const std::string& text, char** out) {
   *out = HandOut(function, text);
 }
+/** What is handed out together with a failure is nobody's. */
+template <typename T>
+void LetGo(T* out) {
+  if constexpr (std::is_pointer_v<T>) {
+    if (hooks.on_release != nullptr && out != nullptr) hooks.on_release(*out);
+  }
+}
+
 template <typename T>
 void PutText(const char* function, const std::string&, T*) {
   Fault(std::string(function) + " has no text output to script");
@@ -221,6 +251,7 @@ int Perform(const char* function, const Step& step, Out* out, Work work) {
   switch (step.shape) {
     case Step::Shape::kWork: {
       const int worked = work();
+      if (result != 0 && worked == 0) LetGo(out);
       if (result == 0) result = worked;
       break;
     }
@@ -250,6 +281,8 @@ void Shielded(const char* what, const std::function<void()>& callback);
 
 /* The ledger of blocks (ledger.cc). */
 void ResetLedger();
+/** Lets the ledger hold the blocks of operator new, too, from here on. */
+void TrackNew();
 void ReleaseLiveBlocks();
 bool IsPoison(const void* pointer);
 

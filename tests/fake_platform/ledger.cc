@@ -87,9 +87,11 @@ struct Armed {
 
 thread_local Armed armed;
 thread_local int new_tracking = 0;
+bool all_news = false;
 
 bool ShouldFail(Allocator which) {
   if (internal::InsideFake()) return false;
+  if (internal::hooks.on_allocation != nullptr && internal::hooks.on_allocation(which)) return true;
   if (armed.which != Allocator::kAny && armed.which != which) return false;
   if (armed.happened) return armed.fail_all;
   if (armed.left == 0) return false;
@@ -105,6 +107,7 @@ void* Enter(void* block, std::size_t size, const char* origin) {
   if (!ledger().open) return block;
   ledger().released.erase(block);
   ledger().live[block] = {size, origin, ledger().next_order++};
+  if (internal::hooks.on_block != nullptr) internal::hooks.on_block(block);
   return block;
 }
 
@@ -161,6 +164,8 @@ bool IsLive(void* block) {
 
 namespace internal {
 
+void TrackNew() { all_news = true; }
+
 void ResetLedger() {
   Ledger& l = ledger();
   l.open = true;
@@ -200,6 +205,7 @@ char* HandOut(const char* function, const std::string& text) {
   if (ledger().open) {
     ledger().released.erase(copy);
     ledger().live[copy] = {text.size() + 1, function, ledger().next_order++};
+    if (hooks.on_block != nullptr) hooks.on_block(copy);
   }
   return copy;
 }
@@ -326,7 +332,7 @@ void NextDelete(void* block) {
 void* operator new(std::size_t size) {
   if (fake::ShouldFail(Allocator::kNew)) throw std::bad_alloc();
   void* const block = NextNew(size);
-  if (fake::new_tracking > 0) fake::EnterNew(block, size);
+  if (fake::new_tracking > 0 || fake::all_news) fake::EnterNew(block, size);
   return block;
 }
 

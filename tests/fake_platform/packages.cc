@@ -49,6 +49,7 @@ using fake::Kind;
 using fake::Package;
 using fake::internal::Adopt;
 using fake::internal::Begin;
+using fake::internal::BeginRelease;
 using fake::internal::Destroy;
 using fake::internal::Find;
 using fake::internal::Guard;
@@ -178,7 +179,7 @@ int package_info_create(const char* package, package_info_h* package_info) {
 int package_info_destroy(package_info_h package_info) {
   const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
-  const fake::Step step = Begin(kFunction, Name(package_info));
+  const fake::Step step = BeginRelease(kFunction, package_info);
   return Perform(kFunction, step, [&] {
     const Guard guard;
     // The availability check releases whatever a failing look-up has left, garbage too.
@@ -241,7 +242,7 @@ int app_info_create(const char* app_id, app_info_h* app_info) {
 int app_info_destroy(app_info_h app_info) {
   const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
-  const fake::Step step = Begin(kFunction, Name(app_info));
+  const fake::Step step = BeginRelease(kFunction, app_info);
   return Perform(kFunction, step, [&] {
     return Destroy(kFunction, app_info, Kind::kAppInfo) != nullptr ? 0 : fake::kInvalidParameter;
   });

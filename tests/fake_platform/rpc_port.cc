@@ -301,6 +301,7 @@ using fake::Kind;
 using fake::Step;
 using fake::internal::Adopt;
 using fake::internal::Begin;
+using fake::internal::BeginRelease;
 using fake::internal::Destroy;
 using fake::internal::Find;
 using fake::internal::Guard;
@@ -505,7 +506,7 @@ int rpc_port_parcel_send(rpc_port_parcel_h h, rpc_port_h port) {
 int rpc_port_parcel_destroy(rpc_port_parcel_h h) {
   const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
-  const Step step = Begin(kFunction, Name(h));
+  const Step step = BeginRelease(kFunction, h);
   return Perform(kFunction, step, [&] {
     const Guard guard;
     auto* const parcel = static_cast<Parcel*>(Destroy(kFunction, h, Kind::kParcel));
@@ -578,7 +579,7 @@ int rpc_port_proxy_create(rpc_port_proxy_h* h) {
 int rpc_port_proxy_destroy(rpc_port_proxy_h h) {
   const fake::internal::Inside inside;
   static const char* const kFunction = __func__;
-  const Step step = Begin(kFunction, Name(h));
+  const Step step = BeginRelease(kFunction, h);
   return Perform(kFunction, step, [&] {
     return Destroy(kFunction, h, Kind::kProxy) != nullptr ? 0 : fake::kInvalidParameter;
   });
