@@ -15,6 +15,7 @@
 #include <optional>
 #include <utility>
 
+#include "common/marks.h"
 #include "owned.h"
 #include "service/control.h"
 #include "service/events.h"
@@ -79,6 +80,7 @@ AgentService::AgentService(const Scenario& scenario, UpdateRunner& updates,
       calls_(scenario, call_file),
       store_(scenario, StoreFolder()) {
   Check(rpc_port_stub_create(&stub_, kPortName), "cannot make the port");
+  Pass(Mark::kPortMade);
   rpc_port_desktop_stub_set_admission_cb(stub_, OnAdmission, this);
   rpc_port_stub_add_connected_event_cb(stub_, OnConnected, this);
   rpc_port_stub_add_disconnected_event_cb(stub_, OnDisconnected, this);
@@ -118,12 +120,14 @@ void AgentService::Listen() {
   // Before any client can be there.
   Trace("start", {{"process", "agent"}, {"pid", getpid()}, {"app", package.id}});
   Check(rpc_port_stub_listen(stub_), "cannot listen on the port");
+  Pass(Mark::kListening);
   dlog_print(DLOG_INFO, kLogTag, "%s %s serves %s", package.id.c_str(), package.version.c_str(),
              kPortName);
 }
 
 bool AgentService::OnAdmission(const char* sender, const char*, void* data) {
   auto* self = static_cast<AgentService*>(data);
+  Pass(Mark::kAdmitting);
   const bool refused = self->Refuses(sender);
   if (refused) self->trace_.Refused(sender);
   dlog_print(DLOG_INFO, kLogTag, "%s asks to connect: %s", sender,
@@ -134,6 +138,7 @@ bool AgentService::OnAdmission(const char* sender, const char*, void* data) {
 void AgentService::OnConnected(const char* sender, const char* instance, void* data) {
   auto* self = static_cast<AgentService*>(data);
   self->trace_.Connected(sender, instance);
+  Pass(Mark::kConnected);
   self->guests_[instance] = sender;
   dlog_print(DLOG_INFO, kLogTag, "%s is connected as %s", sender, instance);
 }
@@ -148,6 +153,7 @@ void AgentService::OnDisconnected(const char* sender, const char* instance, void
 int AgentService::OnReceived(const char*, const char* instance, rpc_port_h port, void* data) {
   auto* self = static_cast<AgentService*>(data);
   std::optional<Parcel> parcel;
+  Pass(Mark::kRequestArrived);
   try {
     parcel.emplace(Parcel::From(port));
     self->trace_.Received(instance, parcel->Bytes());
@@ -165,6 +171,7 @@ void AgentService::Serve(const char* instance, Parcel& parcel) {
   const Request request = ReadRequest(parcel);
   dlog_print(DLOG_DEBUG, kLogTag, "%s calls %s", instance, InfoOf(request.method).name);
   trace_.Asked(instance, request);
+  Pass(Mark::kRequestRead);
   const std::size_t call = calls_.Next(request.method);
   const std::int32_t result = ResultOf(request.method, call);
   const MethodInfo& method = InfoOf(request.method);
@@ -276,6 +283,8 @@ base::UniqueFd TakeEndSignals() {
 
 int RunAgent(const Scenario& scenario, const AgentOptions& options) {
   base::UniqueFd ready(options.ready_fd);
+  ObeyMarks();
+  Pass(Mark::kBegun);
   signal(SIGPIPE, SIG_IGN);
   const base::UniqueFd signals = TakeEndSignals();
   const base::Owned<GMainLoop, g_main_loop_unref> loop(g_main_loop_new(nullptr, FALSE));
@@ -291,10 +300,12 @@ int RunAgent(const Scenario& scenario, const AgentOptions& options) {
   if (scenario.bus) {
     // Before there can be a client that would hear somebody else.
     OwnName(scenario.agent.package.id);
+    Pass(Mark::kNameOwned);
   }
   service.Listen();
   std::optional<ControlPort> control;
   if (options.control_fd >= 0) control.emplace(options.control_fd, updates);
+  Pass(Mark::kOpenToSteps);
   const guint watch = g_unix_fd_add(
       signals.get(), G_IO_IN,
       [](gint, GIOCondition, gpointer data) -> gboolean {
@@ -307,6 +318,7 @@ int RunAgent(const Scenario& scenario, const AgentOptions& options) {
     return 1;  // whoever started the agent is gone
   }
   ready.Reset();
+  Pass(Mark::kReady);
   g_main_loop_run(loop.get());
   g_source_remove(watch);
   if (status == 0) updates.Close();

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "common/marks.h"
 #include "protocol/messages.h"
 
 namespace sim {
@@ -203,7 +204,7 @@ bool DeliveryQueue::Take(Delivery& delivery, Step& step) {
     case Action::kSend:
       // Traced first: the client may act on a message before this process runs again.
       trace_.Sent(delivery.instance, delivery.port, step.parcel->Bytes(), there);
-      return there && step.parcel->Send(port);
+      return there && SendWhole(step, port);
     case Action::kSendRaw:
       if (step.sent == 0) trace_.SentRaw(delivery.instance, delivery.port, step.raw, there);
       return there && SendPiece(delivery, step, port);
@@ -215,6 +216,21 @@ bool DeliveryQueue::Take(Delivery& delivery, Step& step) {
       return false;
   }
   return false;
+}
+
+bool DeliveryQueue::SendWhole(const Step& step, rpc_port_h port) {
+  Pass(Mark::kMessageTraced);
+  if (IsDue(Mark::kInMessage)) {
+    const std::string_view content = step.parcel->Bytes();
+    const std::string raw = RawMessage(static_cast<std::uint32_t>(content.size()), content);
+    const std::size_t half = raw.size() / 2;
+    rpc_port_desktop_send_bytes(port, raw.data(), half);
+    Strike();
+    return rpc_port_desktop_send_bytes(port, raw.data() + half, raw.size() - half) == 0;
+  }
+  const bool sent = step.parcel->Send(port);
+  Pass(Mark::kMessageSent);
+  return sent;
 }
 
 bool DeliveryQueue::SendPiece(Delivery& delivery, Step& step, rpc_port_h port) {

@@ -78,6 +78,7 @@ class DeliveryQueue {
   bool Advance(Position delivery, bool from_loop);
   void GoOn(Position delivery, bool from_loop);
   bool Take(Delivery& delivery, Step& step);
+  static bool SendWhole(const Step& step, rpc_port_h port);
   bool SendPiece(Delivery& delivery, Step& step, rpc_port_h port);
   bool HasToWait(const Delivery& delivery) const;
 

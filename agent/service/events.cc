@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <stdexcept>
 
+#include "common/marks.h"
 #include "common/platform_error.h"
 #include "owned.h"
 #include "service/log_tag.h"
@@ -73,9 +74,11 @@ void Publish(const std::string& id, const Broadcast& broadcast,
   }
   // First: whoever hears it may end this process.
   Trace("event", {{"event", event.event}, {"data", FieldsOf(event)}});
+  Pass(Mark::kEventTraced);
   try {
     const int result = event_publish_app_event(name.c_str(), BundleOf(event).get());
     Check(result, result == -EACCES ? kSquatted : "cannot publish");
+    Pass(Mark::kEventPublished);
     dlog_print(DLOG_DEBUG, kLogTag, "published %s", name.c_str());
   } catch (const PlatformError& error) {
     Trace("lost", {{"event", event.event}, {"problem", error.what()}});

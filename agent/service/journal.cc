@@ -6,6 +6,8 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "common/marks.h"
+
 namespace sim {
 namespace {
 
@@ -81,6 +83,7 @@ void WriteJournal(const std::string& file, const Journal& journal) {
   // Agents' names come from clients and may hold any bytes.
   stream << tree.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
   stream.close();
+  Pass(Mark::kJournalDrafted);
   if (!stream || std::rename(draft.c_str(), file.c_str()) != 0) {
     throw std::runtime_error("cannot write " + file);
   }

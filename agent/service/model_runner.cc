@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/marks.h"
 #include "service/bus_barrier.h"
 #include "service/events.h"
 #include "service/log_tag.h"
@@ -79,6 +80,7 @@ void ModelRunner::GoOn(Position operation) {
 ModelRunner::Next ModelRunner::Advance(Operation& operation) {
   if (operation.index == 0) {
     Announce("START");
+    Pass(Mark::kWorkBegun);
     operation.index = 1;
   }
   if (operation.count() > 0) return AdvanceModel(operation);
@@ -95,6 +97,7 @@ ModelRunner::Next ModelRunner::AdvanceModel(Operation& operation) {
   const auto turn = NextTurn(script.points, operation.turns, operation.index, percentage);
   if (turn) return Take(operation, *turn);
   const std::int32_t result = DoPart(operation);
+  Pass(Mark::kPartDone);
   if (result != kWorkDone) return Fail(operation, percentage, result);
   const bool model_done = operation.part == script.parts;
   const bool all_done = model_done && operation.index == operation.count();
@@ -108,6 +111,7 @@ ModelRunner::Next ModelRunner::AdvanceModel(Operation& operation) {
     Report(operation, progress, all_done);
   }
   if (all_done) {
+    Pass(Mark::kWorkFinished);
     Announce("COMPLETED");
     return Next::kEnd;
   }

@@ -15,6 +15,8 @@
 #include <string_view>
 #include <utility>
 
+#include "common/marks.h"
+
 namespace sim {
 namespace {
 
@@ -211,6 +213,7 @@ bool ModelCopy::CopyBytes(std::int64_t end) {
       return false;
     }
     copied_ += size;
+    Pass(Mark::kInPart);
   }
   return true;
 }
@@ -229,6 +232,7 @@ std::int32_t ModelCopy::CopyTo(std::int32_t part, std::int32_t parts) {
 }
 
 std::int32_t ModelCopy::Finish() {
+  Pass(Mark::kVersionComplete);
   const std::string folder = store_.FolderOf(*stored_->model);
   if (rename(draft_.c_str(), (folder + "/" + FileName(version_)).c_str()) != 0) return kWorkFailed;
   draft_.clear();

@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "common/marks.h"
 #include "common/platform_error.h"
 #include "service/bus_barrier.h"
 #include "service/events.h"
@@ -135,6 +136,7 @@ void UpdateRunner::Resume() {
   const Journal journal = ReadJournal(journal_file_);
   ended_ = journal.ended;
   changes_ = journal.changes;
+  Pass(Mark::kJournalRead);
   if (!journal.found && scenario_.bus) {
     // It follows nobody who could have said so: whoever listens already hears that an agent runs.
     Publish(scenario_.agent.package.id, LaunchStep().broadcast);
@@ -145,6 +147,7 @@ void UpdateRunner::Resume() {
     for (const JournalEntry& entry : journal.entries) Schedule(Add(entry, nullptr), 0);
   }
   Note(false);
+  Pass(Mark::kLaunched);
 }
 
 void UpdateRunner::Recover(const Journal& journal) {
@@ -214,8 +217,10 @@ void UpdateRunner::GoOn(Position sequence) {
 void UpdateRunner::Advance(Position sequence) {
   while (!stopped_ && sequence->entry.next < sequence->steps.size()) {
     Note(false);
+    Pass(Mark::kStepNoted);
     const Step& step = sequence->steps[sequence->entry.next++];
     if (!Take(sequence, step)) return;
+    Pass(Mark::kStepTaken);
   }
   if (!stopped_) Finish(sequence, "");
 }
@@ -260,6 +265,7 @@ bool UpdateRunner::Take(Position sequence, const Step& step) {
     case Step::Action::kRestart:
       AwaitBusPeers(id);
       Note(true);
+      Pass(Mark::kReplacementWanted);
       stopped_ = true;
       replace_();
       return false;

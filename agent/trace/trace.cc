@@ -15,6 +15,7 @@
 #include <string_view>
 #include <utility>
 
+#include "common/marks.h"
 #include "trace/words.h"
 
 namespace sim {
@@ -122,6 +123,7 @@ void Trace(const char* what, const Fields& fields) {
   const std::string text = fields.dump(-1, ' ', false, Fields::error_handler_t::replace);
   const std::string words = Wanted(TraceFormat::kWords) ? InWords(what, fields) : "";
   const WritersTurn turn(Sinks().front().fd);
+  Pass(Mark::kTracing);
   const Stamp stamp;
   const std::string line = Line(stamp, what, text);
   for (const TraceSink& sink : Sinks()) {
