@@ -202,7 +202,13 @@ TEST(TheSharedLibrary, NeedsThePlatformAndTheRuntimeAndNothingElse) {
       "libcapi-appfw-app-common",
       "libcapi-appfw-app-manager",
       "libcapi-appfw-package-manager",
+#if defined(_LIBCPP_VERSION)
+      "libc++",
+      "libc++abi",
+      "libunwind",
+#else
       "libstdc++",
+#endif
       "libgcc_s",
       "libc",
       "libm",
@@ -210,6 +216,7 @@ TEST(TheSharedLibrary, NeedsThePlatformAndTheRuntimeAndNothingElse) {
       "ld-linux-aarch64",
       "ld-linux-armhf",
       "ld-linux",
+      "ld64",
 #if SVCMGR_SANITIZED
       "libasan",
       "libubsan",
