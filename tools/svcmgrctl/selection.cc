@@ -17,7 +17,7 @@ using terminal_text::ForTerminal;
 
 constexpr char kEscapes[] = "there are \\t, \\n, \\0 and \\\\";
 
-std::string TextOf(const Json& record, const std::string& field) {
+std::string TextIn(const Json& record, const std::string& field) {
   const auto found = record.find(field);
   if (found == record.end() || found->is_null()) return {};
   if (found->is_string()) return found->get<std::string>();
@@ -142,7 +142,7 @@ std::string Selection::Print(const Json& records, bool color, std::size_t width)
   for (const Json& record : records) {
     std::vector<Table::Cell> row;
     for (const Piece& piece : pieces_)
-      if (piece.is_field) row.push_back({TextOf(record, piece.text)});
+      if (piece.is_field) row.push_back({TextIn(record, piece.text)});
     table.AddRow(std::move(row));
   }
   return table.Render(color, width);
@@ -153,7 +153,7 @@ std::string Selection::Line(const Json& record) const {
   bool has_any = false;
   bool has_fields = false;
   for (const Piece& piece : pieces_) {
-    line += piece.is_field ? ForTerminal(TextOf(record, piece.text)) : piece.text;
+    line += piece.is_field ? ForTerminal(TextIn(record, piece.text)) : piece.text;
     has_fields |= piece.is_field;
     has_any |= piece.is_field && record.contains(piece.text);
   }
