@@ -20,10 +20,10 @@ using testing::Not;
 
 using Arguments = std::vector<std::string>;
 
-constexpr char kModels[] = R"({"models": {"models": [
+constexpr char kTwoModels[] = R"({"models": {"models": [
     {"id": "a", "version": "1.0", "title": "A model"}, {"id": "long.b", "version": ""}]}})";
 
-std::string Printed(const Arguments& arguments, const std::string& script = kModels) {
+std::string Printed(const Arguments& arguments, const std::string& script = kTwoModels) {
   const Ending ending = RunScripted(script, arguments);
   EXPECT_EQ(ending.status, 0) << ending.errors;
   EXPECT_EQ(ending.errors, "");
