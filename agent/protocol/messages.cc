@@ -184,6 +184,11 @@ Parcel AnswerWith(const Delegate& delegate, std::int32_t result,
   return parcel;
 }
 
+void Readdress(std::string& content, const Delegate& delegate) {
+  const Parcel head = AnswerFor(delegate);
+  content.replace(0, head.Bytes().size(), head.Bytes());
+}
+
 Parcel AnswerWith(const Delegate& delegate, std::int32_t result, const ProgressStep& progress) {
   Parcel parcel = AnswerFor(delegate);
   parcel.Int(result);

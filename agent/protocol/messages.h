@@ -144,6 +144,9 @@ struct ListCounts {
 Parcel AnswerWith(const Delegate& delegate, std::int32_t result,
                   const std::vector<ModelView>& models, const ListCounts& counts = {});
 
+/** Makes an answer's content that for another delegate. */
+void Readdress(std::string& content, const Delegate& delegate);
+
 /** One answer to the two model operations. */
 Parcel AnswerWith(const Delegate& delegate, std::int32_t result, const ProgressStep& progress);
 

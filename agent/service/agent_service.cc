@@ -205,15 +205,16 @@ std::int32_t AgentService::ResultOf(Method method, std::size_t call) const {
 }
 
 std::vector<TimedParcel> AgentService::Answer(const Request& request, const MethodScript& script,
-                                              std::int32_t result) const {
+                                              std::int32_t result) {
   const AnsweredBy answered_by = InfoOf(request.method).answered_by;
   if (answered_by == AnsweredBy::kModels) return AnswerList(request, script, result);
   if (answered_by == AnsweredBy::kProgress) return AnswerProgress(request, script, result);
   std::vector<TimedParcel> messages;
   if (request.method == Method::kGetLicense) {
     const Agent& agent = scenario_.agent;
-    const std::string usual = agent.kyr_disabled ? kKyrDisabledText : agent.licence;
-    messages.push_back({0, ReplyWith(script.text.value_or(usual))});
+    static const std::string disabled = kKyrDisabledText;
+    const std::string& usual = agent.kyr_disabled ? disabled : agent.licence;
+    messages.push_back({0, ReplyWith(script.text ? *script.text : usual)});
   } else {
     messages.push_back({0, ReplyWith(result)});
   }
@@ -221,21 +222,33 @@ std::vector<TimedParcel> AgentService::Answer(const Request& request, const Meth
 }
 
 std::vector<TimedParcel> AgentService::AnswerList(const Request& request,
-                                                  const MethodScript& script,
-                                                  std::int32_t result) const {
+                                                  const MethodScript& script, std::int32_t result) {
+  const std::string& content = ListContent(request, script, result);
+  std::vector<TimedParcel> messages(static_cast<std::size_t>(script.repeat));
+  for (TimedParcel& message : messages) message.parcel.SetBytes(content);
+  return messages;
+}
+
+/** Made anew only where it differs from the last one in more than its delegate. */
+const std::string& AgentService::ListContent(const Request& request, const MethodScript& script,
+                                             std::int32_t result) {
+  KnownList& known = known_lists_[request.method];
+  if (known.script == &script && known.result == result && known.state == store_.state() &&
+      known.app_id == request.app_id && known.model_id == request.model.id) {
+    Readdress(known.content, request.delegate);
+    return known.content;
+  }
   std::vector<ModelView> models;
   if (script.models) {
     models = Views(*script.models);
   } else if (!scenario_.agent.kyr_disabled) {
     models = request.method == Method::kGetModelVersionList ? Versions(request) : Models(request);
   }
-  std::vector<TimedParcel> messages;
-  messages.reserve(static_cast<std::size_t>(script.repeat));
-  for (std::int32_t i = 0; i < script.repeat; ++i) {
-    messages.push_back(
-        {0, AnswerWith(request.delegate, result, models, {script.array_count, script.count})});
-  }
-  return messages;
+  const Parcel answer =
+      AnswerWith(request.delegate, result, models, {script.array_count, script.count});
+  known = {&script,        result,           store_.state(),
+           request.app_id, request.model.id, std::string(answer.Bytes())};
+  return known.content;
 }
 
 std::vector<ModelView> AgentService::Models(const Request& request) const {

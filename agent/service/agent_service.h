@@ -55,9 +55,11 @@ class AgentService {
 
   void Serve(const char* instance, Parcel& parcel);
   std::vector<TimedParcel> Answer(const Request& request, const MethodScript& script,
-                                  std::int32_t result) const;
+                                  std::int32_t result);
   std::vector<TimedParcel> AnswerList(const Request& request, const MethodScript& script,
-                                      std::int32_t result) const;
+                                      std::int32_t result);
+  const std::string& ListContent(const Request& request, const MethodScript& script,
+                                 std::int32_t result);
   std::vector<ModelView> Models(const Request& request) const;
   std::vector<ModelView> Versions(const Request& request) const;
 
@@ -65,6 +67,16 @@ class AgentService {
   std::int32_t ResultOf(Method method, std::size_t call) const;
   std::int32_t UsualResult(Method method) const;
   void Close();
+
+  /** The last list that a method was answered with, and what it depended on. */
+  struct KnownList {
+    const MethodScript* script = nullptr;
+    std::int32_t result = 0;
+    std::uint64_t state = 0;
+    std::string app_id;
+    std::string model_id;
+    std::string content;  // of the answer
+  };
 
   const Scenario& scenario_;
   UpdateRunner& updates_;
@@ -74,6 +86,7 @@ class AgentService {
   rpc_port_stub_h stub_ = nullptr;
   std::unique_ptr<DeliveryQueue> deliveries_;
   ModelStore store_;
+  std::map<Method, KnownList> known_lists_;
   std::unique_ptr<ModelRunner> work_;
 };
 

@@ -147,6 +147,13 @@ std::deque<DeliveryQueue::Step> DeliveryQueue::Plan(rpc_port_port_type_e port,
 void DeliveryQueue::Deliver(const std::string& instance, rpc_port_port_type_e port,
                             const MethodScript& script, std::vector<TimedParcel> messages,
                             std::function<void()> done) {
+  if (CanSendAtOnce(script, messages)) {
+    for (const TimedParcel& message : messages) {
+      if (!Send(instance, port, message.parcel)) break;
+    }
+    if (done) done();
+    return;
+  }
   const auto self = deliveries_.emplace(deliveries_.end());
   self->instance = instance;
   self->port = port;
@@ -154,6 +161,24 @@ void DeliveryQueue::Deliver(const std::string& instance, rpc_port_port_type_e po
   if (script.fault != Fault::kNone) trace_.Spoilt(instance, WordFor(script.fault));
   self->done = std::move(done);
   GoOn(self, false);
+}
+
+/** Nothing to wait for and nothing to spoil, as it is with every usual answer. */
+bool DeliveryQueue::CanSendAtOnce(const MethodScript& script,
+                                  const std::vector<TimedParcel>& messages) const {
+  return deliveries_.empty() && script.delay == 0 && script.stray == 0 && !script.drip &&
+         script.fault == Fault::kNone &&
+         std::all_of(messages.begin(), messages.end(),
+                     [](const TimedParcel& message) { return message.delay == 0; });
+}
+
+bool DeliveryQueue::Send(const std::string& instance, rpc_port_port_type_e port,
+                         const Parcel& parcel) {
+  rpc_port_h handle = nullptr;
+  const bool there = rpc_port_stub_get_port(stub_, port, instance.c_str(), &handle) == 0;
+  // Traced first: the client may act on a message before this process runs again.
+  trace_.Sent(instance, port, parcel.Bytes(), there);
+  return there && SendWhole(parcel, handle);
 }
 
 void DeliveryQueue::GoOn(Position delivery, bool from_loop) {
@@ -202,9 +227,7 @@ bool DeliveryQueue::Take(Delivery& delivery, Step& step) {
     case Action::kNothing:
       return true;
     case Action::kSend:
-      // Traced first: the client may act on a message before this process runs again.
-      trace_.Sent(delivery.instance, delivery.port, step.parcel->Bytes(), there);
-      return there && SendWhole(step, port);
+      return Send(delivery.instance, delivery.port, *step.parcel);
     case Action::kSendRaw:
       if (step.sent == 0) trace_.SentRaw(delivery.instance, delivery.port, step.raw, there);
       return there && SendPiece(delivery, step, port);
@@ -218,17 +241,17 @@ bool DeliveryQueue::Take(Delivery& delivery, Step& step) {
   return false;
 }
 
-bool DeliveryQueue::SendWhole(const Step& step, rpc_port_h port) {
+bool DeliveryQueue::SendWhole(const Parcel& parcel, rpc_port_h port) {
   Pass(Mark::kMessageTraced);
   if (IsDue(Mark::kInMessage)) {
-    const std::string_view content = step.parcel->Bytes();
+    const std::string_view content = parcel.Bytes();
     const std::string raw = RawMessage(static_cast<std::uint32_t>(content.size()), content);
     const std::size_t half = raw.size() / 2;
     rpc_port_desktop_send_bytes(port, raw.data(), half);
     Strike();
     return rpc_port_desktop_send_bytes(port, raw.data() + half, raw.size() - half) == 0;
   }
-  const bool sent = step.parcel->Send(port);
+  const bool sent = parcel.Send(port);
   Pass(Mark::kMessageSent);
   return sent;
 }

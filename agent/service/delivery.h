@@ -22,7 +22,7 @@ namespace sim {
 
 /** A message and the pause before it, in milliseconds of the scenario. */
 struct TimedParcel {
-  std::int32_t delay;
+  std::int32_t delay = 0;
   Parcel parcel;
 };
 
@@ -78,7 +78,9 @@ class DeliveryQueue {
   bool Advance(Position delivery, bool from_loop);
   void GoOn(Position delivery, bool from_loop);
   bool Take(Delivery& delivery, Step& step);
-  static bool SendWhole(const Step& step, rpc_port_h port);
+  bool CanSendAtOnce(const MethodScript& script, const std::vector<TimedParcel>& messages) const;
+  bool Send(const std::string& instance, rpc_port_port_type_e port, const Parcel& parcel);
+  static bool SendWhole(const Parcel& parcel, rpc_port_h port);
   bool SendPiece(Delivery& delivery, Step& step, rpc_port_h port);
   bool HasToWait(const Delivery& delivery) const;
 

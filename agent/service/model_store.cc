@@ -170,6 +170,7 @@ std::int32_t ModelStore::Uninstall(const std::string& model) {
   StoredModel* stored = Find(model);
   if (stored == nullptr || stored->versions.empty()) return kNoSuchModel;
   if (!MakeFolder(*stored)) return kWorkFailed;
+  ++state_;
   std::error_code error;
   for (const std::string& version : stored->versions) {
     if (!fs::remove(FolderOf(*stored->model) + "/" + FileName(version), error)) return kWorkFailed;
@@ -238,6 +239,7 @@ std::int32_t ModelCopy::Finish() {
   draft_.clear();
   target_.Reset();
   if (!Has(stored_->versions, version_)) stored_->versions.push_back(version_);
+  ++store_.state_;
   const auto all = AllVersions(*stored_->model);
   std::sort(stored_->versions.begin(), stored_->versions.end(),
             [&](const std::string& a, const std::string& b) {

@@ -33,6 +33,8 @@ class ModelStore {
   ModelStore(const Scenario& scenario, std::string folder);
 
   const std::vector<StoredModel>& models() const { return models_; }
+  /** Another number after each change to them. */
+  std::uint64_t state() const { return state_; }
 
   /** The version that a request means, the newest where it names none; empty if there is none. */
   std::string Choose(const std::string& model, const std::string& version) const;
@@ -56,6 +58,7 @@ class ModelStore {
   const Scenario& scenario_;
   const std::string folder_;
   std::vector<StoredModel> models_;
+  std::uint64_t state_ = 0;
 };
 
 /** One version on its way into the store; discarded with this object unless it is finished. */

@@ -69,7 +69,7 @@ void PortTrace::Disconnected(const std::string& instance, const char* by) {
 }
 
 void PortTrace::Received(const std::string& instance, std::string_view content) {
-  Capture(PacketOf(instance, Packet::Kind::kMessage), content);
+  if (Tracing()) Capture(PacketOf(instance, Packet::Kind::kMessage), content);
 }
 
 void PortTrace::Closed() {
@@ -77,9 +77,9 @@ void PortTrace::Closed() {
 }
 
 void PortTrace::Asked(const std::string& instance, const Request& request) {
+  if (!Tracing()) return;
   const MethodInfo& method = InfoOf(request.method);
   if (method.answered_by == AnsweredBy::kReply) clients_[instance].asked = request.method;
-  if (!Tracing()) return;
   Fields fields = About(instance);
   fields["method"] = method.name;
   fields["arguments"] = ArgumentsOf(request);

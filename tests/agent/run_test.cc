@@ -671,7 +671,7 @@ TEST_F(ACall, ForHelpNamesNothingThatTheManPageDoesNotHave) {
     EXPECT_THAT(page, HasSubstr("\n.SS " + command + "\n"));
     options.merge(AllMatches(RunSim({command, "--help"}).output, "(--[a-z][a-z-]*)"));
   }
-  EXPECT_EQ(options.size(), 11u);
+  EXPECT_EQ(options.size(), 12u);
   for (const std::string& option : options) {
     EXPECT_TRUE(Explains(page, option)) << option;
   }
