@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "internal.h"
+#include "support/open_descriptors.h"
 
 #if defined(__has_feature)
 #if __has_feature(thread_sanitizer)
@@ -496,6 +497,11 @@ void JudgeBlocks(std::ostream& verdict) {
   }
 }
 
+void JudgeDescriptors(std::ostream& verdict) {
+  const int more = OpenDescriptors() - state().descriptors;
+  if (more > 0 && internal::kept_is_compared) verdict << "\n  lost: " << more << " descriptor(s)";
+}
+
 }  // namespace
 
 void Verify() {
@@ -509,6 +515,8 @@ void Verify() {
     for (const std::string& fault : state().faults) verdict << "\n  " << fault;
     JudgeObjects(verdict);
     JudgeBlocks(verdict);
+    internal::JudgeKept(verdict);
+    JudgeDescriptors(verdict);
     internal::ReleaseLiveBlocks();
   }
   Reset();
@@ -538,6 +546,8 @@ void Reset() {
   s.kept = 0;
   s.kept_texts.clear();
   internal::ResetLedger();
+  internal::ResetKept();
+  s.descriptors = OpenDescriptors();
 }
 
 }  // namespace fake

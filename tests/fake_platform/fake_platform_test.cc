@@ -2,6 +2,7 @@
 // The fake judges the library's tests, so it is judged itself: what must fail a test, does.
 
 #include "fake_platform.h"
+#include "kept.h"
 
 #include <gtest/gtest-spi.h>
 #include <pthread.h>
@@ -23,6 +24,10 @@
 #if defined(__SANITIZE_THREAD__)
 #define SVCMGR_FAKE_TSAN 1
 #endif
+
+// svcmgr::KeptBlocks::Add and svcmgr::KeepStorage, as the library calls them here.
+extern "C" void __wrap__ZN6svcmgr10KeptBlocks3AddEPv(void* self, void* block);
+extern "C" void __wrap__ZN6svcmgr11KeepStorageEPv(void* storage);
 
 namespace {
 
@@ -358,9 +363,11 @@ TEST_F(FakePlatform, FailsATestThatExpectsMoreKeptBlocksThanThereAre) {
 /* What must not. */
 
 TEST_F(FakePlatform, LetsATestKeepWhatItAnnounces) {
-  EXPECT_NE(Opaque(strdup("kept on purpose")), nullptr);
-  EXPECT_NE(Opaque(malloc(4)), nullptr);
+  __wrap__ZN6svcmgr10KeptBlocks3AddEPv(nullptr, Opaque(strdup("kept on purpose")));
+  __wrap__ZN6svcmgr11KeepStorageEPv(Opaque(malloc(4)));
   fake::ExpectKept(1);
+  fake::ExpectKept(fake::Kept::kFormerText, 1);
+  fake::ExpectKept(fake::Kept::kStorage, 1);
   fake::ExpectKeptText("kept on purpose");
   rpc_port_proxy_h proxy = nullptr;
   rpc_port_proxy_create(&proxy);

@@ -146,6 +146,8 @@ struct State {
   Application application;
   std::vector<Package> packages;
 
+  int descriptors = 0;  // that were open at the start
+
   std::size_t kept = 0;
   std::vector<std::string> kept_texts;
 };
@@ -215,6 +217,8 @@ struct Hooks {
   void (*on_block)(void* block) = nullptr;
   /** A handle is given back, whether or not the platform takes it. */
   void (*on_release)(const void* handle) = nullptr;
+  /** The library keeps something on purpose. */
+  void (*on_kept)(const void* block) = nullptr;
   void (*on_fault)(const std::string& what) = nullptr;
   /** A callback of the library begins, or has ended. */
   void (*on_callback)(bool begins) = nullptr;
@@ -284,6 +288,16 @@ void ResetLedger();
 /** Lets the ledger hold the blocks of operator new, too, from here on. */
 void TrackNew();
 void ReleaseLiveBlocks();
+/** What has made a live block; empty if there is none. */
+std::string OriginOf(const void* block);
+
+/* The ledger of what is kept (kept.cc). */
+extern bool kept_is_compared;
+void ResetKept();
+void JudgeKept(std::ostream& verdict);
+/** A block is released, so that its address may come again. */
+void ForgetKept(const void* block);
+
 bool IsPoison(const void* pointer);
 
 }  // namespace fake::internal

@@ -120,6 +120,7 @@ bool Leave(void* block) {
   }
   if (ledger().live.erase(block) > 0) {
     ledger().released.insert(block);
+    internal::ForgetKept(block);
     return true;
   }
   if (ledger().released.count(block) == 0) return true;
@@ -146,6 +147,7 @@ void Discard(void* block, std::size_t size) {
 [[maybe_unused]] void LeaveNew(void* block) {
   if (internal::InsideFake() || tracked_news.load(std::memory_order_relaxed) == 0) return;
   const Guard guard;
+  internal::ForgetKept(block);
   if (ledger().live.erase(block) > 0) tracked_news.fetch_sub(1, std::memory_order_relaxed);
 }
 
@@ -192,6 +194,11 @@ void ReleaseLiveBlocks() {
   }
   ledger().live.clear();
   tracked_news = 0;
+}
+
+std::string OriginOf(const void* block) {
+  const auto found = ledger().live.find(const_cast<void*>(block));
+  return found == ledger().live.end() ? "" : found->second.origin;
 }
 
 void* PoisonPointer() { return reinterpret_cast<void*>(0x5a5a5a5a5a5a5a5aUL); }

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "balance.h"
 
-#include <kept_blocks.h>
 #include <link.h>
 #include <pthread.h>
 
@@ -159,6 +158,11 @@ class Search {
 void WatchBalance() {
   account();  // before it hears of blocks
   fake::internal::hooks.on_block = OnBlock;
+  // Also what cannot be chained for want of memory.
+  fake::internal::hooks.on_kept = [](const void* block) {
+    const Guard guard;
+    account().kept.insert(block);
+  };
   fake::internal::hooks.on_release = [](const void* handle) {
     const Guard guard;
     account().let_go.insert(handle);
@@ -196,6 +200,8 @@ void NoteClosed(int descriptor) {
 Judged::Judged() { ++at_work; }
 Judged::~Judged() { --at_work; }
 
+bool LibraryIsAtWork() { return at_work > 0; }
+
 void JudgeBalance() {
   const Guard guard;
   if (!account().open.empty()) FindAt({}, "lost: a descriptor");
@@ -215,18 +221,3 @@ void JudgeBalance() {
 }
 
 }  // namespace faults
-
-/* What the library keeps on purpose is on the account even if it cannot be chained. */
-
-extern "C" {
-void __real__ZN6svcmgr10KeptBlocks3AddEPv(svcmgr::KeptBlocks* self, void* block);
-void __wrap__ZN6svcmgr10KeptBlocks3AddEPv(svcmgr::KeptBlocks* self, void* block);
-}
-
-void __wrap__ZN6svcmgr10KeptBlocks3AddEPv(svcmgr::KeptBlocks* self, void* block) {
-  {
-    const fake::internal::Guard guard;
-    faults::account().kept.insert(block);
-  }
-  __real__ZN6svcmgr10KeptBlocks3AddEPv(self, block);
-}

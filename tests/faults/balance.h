@@ -28,6 +28,8 @@ class Judged {
   Judged& operator=(const Judged&) = delete;
 };
 
+bool LibraryIsAtWork();
+
 /**
  * Finds each block and object that the library has made or been given, and that cannot be reached
  * any more: neither from what the application holds, nor from the library's own data, nor by what

@@ -9,6 +9,7 @@
 
 #include "connection_support.h"
 #include "fake_platform.h"
+#include "kept.h"
 #include "model_support.h"
 
 namespace {
@@ -44,6 +45,7 @@ struct ACategory : fake::PlatformTest {
     Install({Camera()});
     connection::Stand();
     fake::AllowHeld(fake::Kind::kAppInfo, 1000);
+    fake::ExpectKept(fake::Kept::kAppInfo, fake::kEachThatLives);
   }
 
   // The agent's package comes last.

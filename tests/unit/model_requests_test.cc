@@ -14,6 +14,7 @@
 #include "SvcMgrAppProxyException.h"
 #include "SvcmgrException.h"
 #include "connection_support.h"
+#include "kept.h"
 #include "model_support.h"
 #include "rules.h"
 #include "service_model_list.h"
@@ -160,6 +161,7 @@ class ModelRequests : public fake::PlatformTest {
     };
     stage->user_data = &answers;
     fake::AllowHeld(fake::Kind::kAppInfo, 1000);
+    fake::ExpectKept(fake::Kept::kAppInfo, fake::kEachThatLives);
   }
 
   void TearDown() override {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "fake_platform.h"
+#include "kept.h"
 #include "model_support.h"
 
 namespace {
@@ -66,6 +67,7 @@ struct ModelHandles : fake::PlatformTest {
     for (const List list : {empty, filled}) Destroy(list);
     if (out_text != untouched_text) free(out_text);
     fake::ExpectKept(fake::SeesOperatorNew() ? kept : 0);
+    fake::ExpectKept(fake::Kept::kStorage, kept);
     PlatformTest::TearDown();
   }
 
@@ -216,6 +218,7 @@ TEST_P(AText, LeavesItsFormerValueAllocatedWhenItIsSetAgain) {
   EXPECT_STREQ(blank->*GetParam().member, "third");
   fake::ExpectKeptText("first");
   fake::ExpectKeptText("second");
+  fake::ExpectKept(fake::Kept::kFormerText, 2);
 }
 
 TEST_P(AText, IsUnknownExceptionAndStaysWhenSettingItRunsOutOfMemory) {

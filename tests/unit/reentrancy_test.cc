@@ -14,6 +14,7 @@
 
 #include "client.h"
 #include "event_support.h"
+#include "kept.h"
 #include "rules.h"
 
 namespace {
@@ -546,6 +547,7 @@ TEST_P(AFunction, ReturnsItsCodeInsideEachKindOfCallback) {
     EXPECT_EQ(scene.Callbacks(), callbacks);
   }
   fake::AllowHeld(fake::Kind::kAppInfo, static_cast<int>(std::size(kOccasions)));
+  fake::ExpectKept(fake::Kept::kAppInfo, fake::kEachThatLives);
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, AFunction, testing::ValuesIn(rules::Functions()),

@@ -14,6 +14,7 @@
 
 #include "client.h"
 #include "exhaustion.h"
+#include "kept.h"
 
 namespace {
 
@@ -98,6 +99,7 @@ TEST_F(OutOfMemory, LosesNoAnswer) {
   EXPECT_GT(failures, 0);
   // What each conversion keeps is accounted for elsewhere.
   fake::ExpectKept(fake::LiveBlocks().size());
+  fake::ExpectAllKept();
 }
 
 TEST_F(OutOfMemory, DoesNotKeepEventsFromBeingReported) {

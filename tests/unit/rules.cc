@@ -21,9 +21,11 @@ namespace {
 constexpr char kCameraId[] = VENDOR_PACKAGE_PREFIX "camera";
 
 template <typename Handle>
-void Release(Handle handle, int (*destroy)(Handle)) {
-  if (handle == nullptr || handle == reinterpret_cast<Handle>(untouched)) return;
-  EXPECT_EQ(destroy(handle), SVCMGR_ERROR_NONE);
+bool Release(Handle handle, int (*destroy)(Handle)) {
+  if (handle == nullptr || handle == reinterpret_cast<Handle>(untouched)) return true;
+  const int code = destroy(handle);
+  EXPECT_EQ(code, SVCMGR_ERROR_NONE);
+  return code == SVCMGR_ERROR_NONE;
 }
 
 // The storage of a list that held something would be left.
@@ -33,7 +35,9 @@ void ReleaseContents(velmora_svcmgr_agent_list_h agents) {
 }
 
 void ReleaseContents(velmora_svcmgr_ai_model_list_h list) {
-  for (const auto model : list->models) Release(model, velmora_svcmgr_ai_model_info_destroy);
+  for (const auto model : list->models) {
+    if (!Release(model, velmora_svcmgr_ai_model_info_destroy)) return;
+  }
   decltype(list->models)().swap(list->models);
 }
 

@@ -20,6 +20,7 @@
 
 #include "connection_support.h"
 #include "exhaustion.h"
+#include "kept.h"
 #include "model_support.h"
 #include "rules.h"
 
@@ -75,6 +76,7 @@ class AFunction : public fake::PlatformTest, public testing::WithParamInterface<
     svcmgr::agent_update_state.End();
     // Of the category's look-up, and of a removal that was refused.
     fake::AllowHeld(fake::Kind::kAppInfo, 2);
+    fake::ExpectKept(fake::Kept::kAppInfo, fake::kEachThatLives);
     fake::AllowHeld(fake::Kind::kEventHandler, 1);
     fake::Verify();
   }

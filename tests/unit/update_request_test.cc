@@ -9,6 +9,7 @@
 #include "client.h"
 #include "connection_support.h"
 #include "event_support.h"
+#include "kept.h"
 
 namespace {
 
@@ -38,6 +39,7 @@ class AnAgentList : public fake::PlatformTest {
       EXPECT_EQ(velmora_svcmgr_agent_list_destroy(list), 0);
     }
     if (grown && fake::SeesOperatorNew()) fake::ExpectKept(1);  // the storage that stays
+    fake::ExpectKept(fake::Kept::kStorage, grown ? 1 : 0);
     PlatformTest::TearDown();
   }
 
