@@ -3,16 +3,9 @@
 
 #include <package_desktop.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-
-void Require(bool done, const char* what) {
-  if (done) return;
-  std::fprintf(stderr, "cannot %s\n", what);
-  std::_Exit(1);
-}
 
 BenchWorld::BenchWorld(Packages packages) {
   constexpr char kKeyFile[] = "[Package]\nVersion=2.3.182\n";

@@ -2,6 +2,8 @@
 #ifndef BENCH_BENCH_WORLD_H_
 #define BENCH_BENCH_WORLD_H_
 
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 
 // A private folder with an installed agent, which this process and its children live in.
@@ -25,6 +27,10 @@ class BenchWorld {
 };
 
 // Ends the process with a message unless `done`.
-void Require(bool done, const char* what);
+inline void Require(bool done, const char* what) {
+  if (done) return;
+  std::fprintf(stderr, "cannot %s\n", what);
+  std::_Exit(1);
+}
 
 #endif  // BENCH_BENCH_WORLD_H_

@@ -58,8 +58,16 @@ class Gatherer : public benchmark::BenchmarkReporter {
     }
     const auto limit = rounds_.find(promise.limit);
     if (limit == rounds_.end()) return;
-    PrintPromise((std::string(promise.work) + " / " + promise.limit).c_str(),
-                 nanoseconds / Median(limit->second), "", promise.target);
+    // Round by round, since what disturbs one side of a round disturbs the other as well.
+    std::vector<double> ratios;
+    for (std::size_t i = 0; i < std::min(measured->second.size(), limit->second.size()); ++i) {
+      ratios.push_back(measured->second[i] / limit->second[i]);
+    }
+    const auto [least, most] = std::minmax_element(ratios.begin(), ratios.end());
+    char spread[64];
+    std::snprintf(spread, sizeof spread, " (%.2f..%.2f)", *least, *most);
+    PrintPromise((std::string(promise.work) + " / " + promise.limit).c_str(), Median(ratios), "",
+                 promise.target, spread);
   }
 
  private:
@@ -102,9 +110,10 @@ void WarnOfBuild() {
 #endif
 }
 
-void PrintPromise(const char* work, double measured, const char* unit, double target) {
-  std::printf("%s %s = %.2f%s (target <= %.2f%s)\n", measured <= target ? "kept  " : "MISSED", work,
-              measured, unit, target, unit);
+void PrintPromise(const char* work, double measured, const char* unit, double target,
+                  const char* spread) {
+  std::printf("%s %s = %.2f%s%s (target <= %.2f%s)\n", measured <= target ? "kept  " : "MISSED",
+              work, measured, unit, spread, target, unit);
 }
 
 int RunBenches(int argc, char** argv, const std::vector<Promise>& promises) {

@@ -26,7 +26,8 @@ int RunBenches(int argc, char** argv, const std::vector<Promise>& promises);
 // Says so if this build is not worth measuring.
 void WarnOfBuild();
 
-// Prints one promise's line.
-void PrintPromise(const char* work, double measured, const char* unit, double target);
+// Prints one promise's line. `spread` stands behind the figure.
+void PrintPromise(const char* work, double measured, const char* unit, double target,
+                  const char* spread = "");
 
 #endif  // BENCH_PROMISES_H_

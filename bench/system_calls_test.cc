@@ -13,6 +13,7 @@
 #include <map>
 
 #include "bench_world.h"
+#include "messages.h"
 #include "servers.h"
 
 namespace {

@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef BENCH_MESSAGES_H_
+#define BENCH_MESSAGES_H_
+
+#include <cstddef>
+#include <string>
+
+// The agent's messages as they travel, length first.
+
+constexpr int kLevel = 11;
+constexpr std::size_t kLicenceSize = 20 * 1024;
+
+// Where a reply's value begins, a text's with its length: after the prefix and the command.
+constexpr std::size_t kReplyHead = 8;
+// Where a list begins: after the prefix, the command, delegate, sequence number, once and result.
+constexpr std::size_t kListHead = 21;
+// Where a list's sequence number stands.
+constexpr std::size_t kListSeq = 12;
+
+std::string LevelMessage();
+std::string LicenceMessage();
+std::string ListMessage(int delegate, int models);
+
+#endif  // BENCH_MESSAGES_H_
