@@ -6,6 +6,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
+
 #include "sink.h"
 #include "time_text.h"
 #include "visible_text.h"
@@ -22,8 +24,9 @@ constexpr char kLetters[] = "??VDIWEFS";
 // Length of the colour sequence (ESC [ digits and semicolons m) that `text` starts with, or 0.
 size_t ColourLength(std::string_view text) {
   if (text.size() < 3 || text[0] != '\x1b' || text[1] != '[') return 0;
-  const size_t end = text.find_first_not_of("0123456789;", 2);
-  return end != std::string_view::npos && text[end] == 'm' ? end + 1 : 0;
+  const auto* const end = std::find_if_not(
+      text.begin() + 2, text.end(), [](char c) { return (c >= '0' && c <= '9') || c == ';'; });
+  return end != text.end() && *end == 'm' ? static_cast<size_t>(end - text.begin()) + 1 : 0;
 }
 
 void DropNewlinesAtEnd(std::string_view* text) {
@@ -37,7 +40,8 @@ size_t ResetLength(std::string_view text) {
   if (escape == std::string_view::npos) return 0;
   const std::string_view sequence = text.substr(escape);
   const bool is_reset = ColourLength(sequence) == sequence.size() &&
-                        sequence.find_first_not_of("0;", 2) == sequence.size() - 1;
+                        std::all_of(sequence.begin() + 2, sequence.end() - 1,
+                                    [](char c) { return c == '0' || c == ';'; });
   return is_reset ? sequence.size() : 0;
 }
 

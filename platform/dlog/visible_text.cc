@@ -71,7 +71,8 @@ size_t PlainLength(std::string_view text) {
       length += 8;
       continue;
     }
-    const size_t step = HarmlessLength(text.substr(length));
+    const bool is_printable = text[length] >= ' ' && text[length] < 0x7f;
+    const size_t step = is_printable ? 1 : HarmlessLength(text.substr(length));
     if (step == 0) break;
     length += step;
   }
