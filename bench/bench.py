@@ -15,6 +15,7 @@ import json
 import os
 import re
 import statistics
+import struct
 import subprocess
 import sys
 import tempfile
@@ -46,6 +47,7 @@ def works():
         yield Work(f"list of {models:,} models", target, times, models, "models")
     for models, times in zip(SIZES, (5000, 1000, 200, 101)):
         yield Work(f"conversion of {models:,} models", 1.25, times, models, "")
+    yield Work("marker scan of 5,400 files", 1.1, 15, 0, "scan")
     for models, times in zip(SIZES, (500, 100, 20, 5)):
         yield Work(f"logged conversion of {models:,}", 3, times, models, "", logged=True)
 
@@ -120,6 +122,35 @@ def measure_conversion(work, build, folder):
                               environment))
     if work.logged:
         os.remove(log)
+
+
+def make_files(folder):
+    """5,400 files, every third of them in ELF with 30 sections; one has a marker."""
+    marker = struct.pack("<4s6H", b"KYR\0", 0, 1, 11, 2, 3, 182)
+    head = bytes([0x7F]) + b"ELF" + bytes([2, 1, 1]) + bytes(9)
+    for number in range(5400):
+        place = f"{folder}/{number // 100}"
+        os.makedirs(place, exist_ok=True)
+        content = b"some text\n" * 800
+        if number % 3 == 0:
+            # The table stands behind the front of the file, as linkers have it.
+            header = head + struct.pack("<HHIQQQIHHHHHH", 3, 62, 1, 0, 0, 8192, 0, 64, 0, 0, 64, 30, 0)
+            size = 16 if number == 2700 else 32
+            sections = b"".join(struct.pack("<IIQQQQIIQQ", 0, 1, 0, 0, 6000, size, 0, 0, 1, 0)
+                                for _ in range(30))
+            content = header.ljust(6000, b"\0") + marker.ljust(2192, b"\0") + sections
+        with open(f"{place}/{number}", "wb") as stream:
+            stream.write(content)
+
+
+def measure_scan(work, build, folder):
+    levels = []
+    for side, rounds in (("limit", work.limit), ("library", work.ours)):
+        level, *times = numbers([f"{build}/bench/scan_runs", side, str(work.times), folder])
+        levels.append(level)
+        rounds.append(times)
+    if levels != [11, 11]:
+        sys.exit(f"bench.py: the scans have found the levels {levels}")
 
 
 def settle_down():
@@ -225,10 +256,13 @@ def main():
     print(f"{rounds} rounds, on one CPU, {priority}", flush=True)
     all_works = list(works())
     with tempfile.TemporaryDirectory() as folder:
+        make_files(f"{folder}/files")
         worlds = {models: World(build, folder, models) for models in SIZES}
         for _ in range(rounds):
             for work in all_works:
-                if work.kind:
+                if work.kind == "scan":
+                    measure_scan(work, build, f"{folder}/files")
+                elif work.kind:
                     measure_query(work, build, worlds[work.models])
                 else:
                     measure_conversion(work, build, folder)
