@@ -7,6 +7,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <exception>
@@ -19,6 +20,8 @@ namespace sim {
 namespace {
 
 constexpr int kBacklog = 64;
+// Beyond it, whoever has been there longest and has asked nothing goes.
+constexpr std::size_t kMostCallers = 64;
 
 std::system_error Failure(const char* what) {
   return std::system_error(errno, std::generic_category(), what);
@@ -115,6 +118,7 @@ ControlPort::ControlPort(int listener, UpdateRunner& runner)
 }
 
 void ControlPort::Accept() {
+  MakeRoom();
   base::UniqueFd fd(accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
   if (!fd || !IsOurs(fd.get())) return;
   const auto caller = std::make_shared<Caller>();
@@ -122,7 +126,14 @@ void ControlPort::Accept() {
   // The source is the caller's: a reference that owned it would keep both forever.
   caller->source.WhenReadable(
       caller->fd.get(), [this, caller = std::weak_ptr<Caller>(caller)] { Hear(caller.lock()); });
-  callers_.insert(caller);
+  callers_.push_back(caller);
+}
+
+void ControlPort::MakeRoom() {
+  if (callers_.size() < kMostCallers) return;
+  const auto idle = std::find_if(callers_.begin(), callers_.end(),
+                                 [](const auto& caller) { return !caller->has_asked; });
+  if (idle != callers_.end()) callers_.erase(idle);
 }
 
 void ControlPort::Hear(const std::shared_ptr<Caller>& caller) {
@@ -131,6 +142,7 @@ void ControlPort::Hear(const std::shared_ptr<Caller>& caller) {
     Drop(caller);
     return;
   }
+  caller->has_asked = true;
   const auto end = request->find('\n');
   const std::weak_ptr<Caller> listener = caller;
   const auto answer = [this, listener](const std::string& problem) {
@@ -147,6 +159,6 @@ void ControlPort::Hear(const std::shared_ptr<Caller>& caller) {
   }
 }
 
-void ControlPort::Drop(const std::shared_ptr<Caller>& caller) { callers_.erase(caller); }
+void ControlPort::Drop(const std::shared_ptr<Caller>& caller) { callers_.remove(caller); }
 
 }  // namespace sim

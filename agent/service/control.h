@@ -2,8 +2,8 @@
 #ifndef AGENT_SERVICE_CONTROL_H_
 #define AGENT_SERVICE_CONTROL_H_
 
+#include <list>
 #include <memory>
-#include <set>
 #include <string>
 
 #include "service/event_source.h"
@@ -41,17 +41,19 @@ class ControlPort {
  private:
   struct Caller {
     base::UniqueFd fd;
+    bool has_asked = false;
     EventSource source;
   };
 
   void Accept();
+  void MakeRoom();
   void Hear(const std::shared_ptr<Caller>& caller);
   void Drop(const std::shared_ptr<Caller>& caller);
 
   int listener_;
   UpdateRunner& runner_;
   EventSource source_;
-  std::set<std::shared_ptr<Caller>> callers_;
+  std::list<std::shared_ptr<Caller>> callers_;  // the oldest first
 };
 
 }  // namespace sim

@@ -3,10 +3,12 @@
 // WORD... It goes through the words so many times and prints, unless that is once, what it has more
 // of after the last time than after half of them.
 //
-//     connect, disconnect, request-update, updating, level    calls the function
+//     connect, disconnect, request-update, updating, level, client-level    calls the function
 //     follow-updates, follow-models                           sets the callback for those events
-//     models, versions=MODEL                                  asks for the list
+//     models, versions=MODEL, category=CATEGORY               asks for the list
 //     update=MODELS, uninstall=MODELS                         asks for it; MODEL[@VERSION]+...
+//     untouched     says what of the process is not as it was before the library was called: what its
+//                   signals do, the blocked ones, its environment, working folder and umask
 //     until=LINE    goes on when this line has been printed; each line counts once
 //     away, back    goes on when the connection is lost, when it stands, told or untold
 //     child=WORD,...  has a forked child go through these words, and waits for its end; what the child
@@ -14,7 +16,10 @@
 //     run=COMMAND   has a shell run this in the world's folder, while the main loop goes on
 #include <glib.h>
 #include <malloc.h>
+#include <signal.h>
 #include <spawn.h>
+#include <string.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <velmora_svcmgr.h>
@@ -151,6 +156,43 @@ void TellLevel() {
   Tell("level: " + std::to_string(result) + " " + std::to_string(level));
 }
 
+void TellClientLevel() {
+  int level = 0;
+  const int result = velmora_svcmgr_get_client_api_level(&level);
+  Tell("client level: " + std::to_string(result) + " " + std::to_string(level));
+}
+
+// What belongs to the application, in words.
+struct ProcessState {
+  std::string signals;
+  std::string surroundings;
+
+  ProcessState() {
+    sigset_t blocked;
+    sigprocmask(SIG_BLOCK, nullptr, &blocked);
+    for (int number = 1; number < NSIG; ++number) {
+      struct sigaction action = {};
+      sigaction(number, nullptr, &action);
+      signals += action.sa_handler == SIG_DFL ? 'd' : action.sa_handler == SIG_IGN ? 'i' : 'h';
+      signals += sigismember(&blocked, number) == 1 ? 'b' : ' ';
+    }
+    for (char** variable = environ; *variable != nullptr; ++variable) {
+      surroundings += std::string(*variable) + "\n";
+    }
+    const mode_t mask = umask(0);
+    umask(mask);
+    const base::Malloced<char> folder(get_current_dir_name());
+    surroundings += std::to_string(mask) + "\n" + folder.get();
+  }
+};
+
+void TellWhetherUntouched() {
+  static const ProcessState before;
+  const ProcessState now;
+  Tell(std::string("untouched: signals ") + (now.signals == before.signals ? "yes" : "no") +
+       ", surroundings " + (now.surroundings == before.surroundings ? "yes" : "no"));
+}
+
 Model ModelOf(const std::string& text) {
   const std::size_t at = text.find('@');
   const std::string version = at == std::string::npos ? "" : text.substr(at + 1);
@@ -174,6 +216,13 @@ void AskForVersions(const std::string& model) {
 void AskForModels() {
   Request* request = NewRequest("models");
   const int result = velmora_svcmgr_ai_request_usable_model_list(OnModels, request);
+  Tell("ask for " + request->name, result);
+}
+
+void AskForCategory(const std::string& category) {
+  Request* request = NewRequest("category");
+  const int result = velmora_svcmgr_ai_request_usable_model_list_with_category(
+      OnModels, category.c_str(), request);
   Tell("ask for " + request->name, result);
 }
 
@@ -238,6 +287,8 @@ void Do(const std::string& word) {
   if (verb == "request-update") return Tell(verb, velmora_svcmgr_request_update());
   if (verb == "updating") return TellWhetherUpdating();
   if (verb == "level") return TellLevel();
+  if (verb == "client-level") return TellClientLevel();
+  if (verb == "untouched") return TellWhetherUntouched();
   if (verb == "follow-updates") {
     return Expect(velmora_svcmgr_set_update_status_cb(OnUpdateStatus, nullptr), verb.c_str());
   }
@@ -246,6 +297,7 @@ void Do(const std::string& word) {
   }
   if (verb == "models") return AskForModels();
   if (verb == "versions") return AskForVersions(object);
+  if (verb == "category") return AskForCategory(object);
   if (verb == "update") return AskForWork(verb, velmora_svcmgr_ai_request_to_update, object);
   if (verb == "uninstall") return AskForWork(verb, velmora_svcmgr_ai_request_to_uninstall, object);
   if (verb == "until") return AwaitLine(object);

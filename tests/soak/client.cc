@@ -322,9 +322,9 @@ void NoteUsage() {
 }
 
 void Act() {
-  if (OneIn(30)) return AskForUpdate();
+  if (OneIn(80)) return AskForUpdate();
   if (OneIn(10)) return AskForWork();
-  if (OneIn(9)) return AskForLevel();
+  if (OneIn(25)) return AskForLevel();
   if (OneIn(150)) {
     Disconnect();
     return Connect();

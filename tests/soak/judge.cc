@@ -148,6 +148,8 @@ class Model {
   /** Whether a client that has waited in vain for long had nothing to wait for. */
   bool MayWait(const State& state) const {
     constexpr Time kSoon = 3;
+    // An agent that is stopped, or waits for others, keeps a client waiting for its verdict.
+    if (state.link == Link::kConnecting) return true;
     if (state.link != Link::kDropped) return false;
     for (std::size_t i = state.next_event; i < history_.events.size(); ++i) {
       const Event& event = history_.events[i];
@@ -291,7 +293,8 @@ class Model {
     } else if (word == "updating" || word == "level" || word == "request-update") {
       AfterQuestion(state, word, words, &next);
     } else if (word == "stranded") {
-      if (state.link == Link::kDropped) next.push_back(state);
+      // Whether it is, no application can tell for certain.
+      if (state.link != Link::kConnected) next.push_back(state);
     } else if (word == "waited") {
       if (MayWait(state)) next.push_back(state);
     } else {

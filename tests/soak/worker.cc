@@ -219,7 +219,6 @@ class Worker {
   void StrikeAtMark(int turn, int signal) {
     constexpr int kMarks = static_cast<int>(sim::Mark::kCount);
     constexpr unsigned kMostPasses = 4;
-    constexpr seconds kLimit(20);
     const int mark = turn % kMarks;
     const int before = marks_->struck;
     marks_->signal = signal;
@@ -231,7 +230,7 @@ class Worker {
     if (begins) Await("an agent to kill", [&] { return Agent().Send(SIGKILL); });
     if (begins) ++counts_["to have another one begin"];
     const char* const name = sim::NameOf(static_cast<sim::Mark>(mark));
-    if (Await(name, [&] { return marks_->struck > before; }, kLimit)) ++counts_[name];
+    if (Await(name, [&] { return marks_->struck > before; })) ++counts_[name];
     marks_->armed = 0;
   }
 
