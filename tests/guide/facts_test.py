@@ -127,6 +127,23 @@ class TheWireGuide(unittest.TestCase):
         self.assertEqual({row[0] for row in listed}, keys)
 
 
+class TheSecurityDocument(unittest.TestCase):
+    def test_names_tests_that_there_are(self):
+        text = (ROOT / "docs/security.md").read_text()
+        named = {(suite, name) for suite, name in re.findall(r"`(\w+)\.(\w+)`", text) if name[0].isupper()}
+        self.assertGreater(len(named), 50)
+        there = set()
+        for path in [*(ROOT / "tests").rglob("*.cc")]:
+            there |= set(re.findall(r"^TEST(?:_[FP])?\(\s*(\w+),\s*(\w+)\)", path.read_text(), re.M))
+        self.assertEqual(sorted(named - there), [])
+
+    def test_names_files_that_there_are(self):
+        text = (ROOT / "docs/security.md").read_text()
+        named = re.findall(r"`((?:src|platform|agent|tools|base|tests|fuzz)/[\w./-]+)`", text)
+        self.assertGreater(len(named), 10)
+        self.assertEqual([name for name in named if not (ROOT / name).exists()], [])
+
+
 class ThePortingGuide(unittest.TestCase):
     def test_lists_the_functions_that_the_library_needs_of_the_platform(self):
         symbols = subprocess.run(["nm", "-D", "--undefined-only", os.environ["LIBRARY"]],
