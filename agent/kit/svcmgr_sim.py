@@ -52,6 +52,14 @@ def program():
     return found
 
 
+def _record_of(line):
+    """A line of the trace; None for one in which its writer was killed."""
+    try:
+        return json.loads(line)
+    except ValueError:
+        return None
+
+
 def _has_shape(value, shape):
     if isinstance(shape, dict):
         return isinstance(value, dict) and all(
@@ -177,8 +185,8 @@ class World:
         shape = dict(fields) if what is None else {"what": what, **fields}
         with open(self._path("trace"), "rb") as lines:
             whole = [line for line in lines if line.endswith(b"\n")]
-        records = (json.loads(line) for line in whole)
-        return [record for record in records if _has_shape(record, shape)]
+        records = (_record_of(line) for line in whole)
+        return [record for record in records if record is not None and _has_shape(record, shape)]
 
     def requests(self, method=None, **fields):
         """What clients have asked, or have asked with one method: records of the trace."""

@@ -2,6 +2,7 @@
 #include "trace/trace.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <time.h>
 #include <unistd.h>
@@ -17,6 +18,7 @@
 
 #include "common/marks.h"
 #include "trace/words.h"
+#include "unique_fd.h"
 
 namespace sim {
 namespace {
@@ -96,6 +98,16 @@ std::string Line(const Stamp& stamp, const char* what, const std::string& fields
   return line.append(fields, 1) + "\n";
 }
 
+/** Of a regular file only; the descriptor need not be readable. */
+bool EndsWithinALine(int fd) {
+  struct stat status = {};
+  if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) || status.st_size == 0) return false;
+  const std::string itself = "/proc/self/fd/" + std::to_string(fd);
+  const base::UniqueFd file(open(itself.c_str(), O_RDONLY | O_CLOEXEC));
+  char last = '\n';
+  return file && pread(file.get(), &last, 1, status.st_size - 1) == 1 && last != '\n';
+}
+
 void WriteBounded(int fd, const Stamp& stamp, const std::string& line) {
   if (lseek(fd, 0, SEEK_END) >= kMostTraceBytes) return;
   WriteWhole(fd, line);
@@ -140,6 +152,14 @@ void Trace(const char* what, const Fields& fields) {
       case TraceFormat::kCapture:
         break;
     }
+  }
+}
+
+void EndTornRecord() {
+  if (!Tracing()) return;
+  const WritersTurn turn(Sinks().front().fd);
+  for (const TraceSink& sink : Sinks()) {
+    if (sink.format != TraceFormat::kCapture && EndsWithinALine(sink.fd)) WriteWhole(sink.fd, "\n");
   }
 }
 

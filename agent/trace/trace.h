@@ -53,6 +53,12 @@ bool Tracing();
 /** Writes a record: when, what, and the fields. Texts need not be UTF-8. On any thread. */
 void Trace(const char* what, const Fields& fields = Fields::object());
 
+/**
+ * Ends a line in the middle of which a process was killed, so that the next record has a line of its
+ * own. For whoever has seen that process's end.
+ */
+void EndTornRecord();
+
 /** Writes what went over a socket to the captures. On any thread. */
 void Capture(const Packet& packet, std::string_view content);
 

@@ -74,6 +74,8 @@ struct Process {
     if (!running() || waitpid(pid, &raw, options) != pid) return;
     status = raw;
     Fields fields = {{"process", name}, {"pid", pid}};
+
+    if (WIFSIGNALED(raw)) EndTornRecord();
     fields[WIFSIGNALED(raw) ? "signal" : "status"] =
         WIFSIGNALED(raw) ? WTERMSIG(raw) : WEXITSTATUS(raw);
     Trace("end", fields);

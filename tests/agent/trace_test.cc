@@ -75,6 +75,21 @@ TEST_F(ATrace, BeginsEachRecordWithItsTimesAndWhatItIs) {
 )"));
 }
 
+TEST_F(ATrace, GoesOnInALineOfItsOwnBehindARecordWhoseWriterWasKilledInIt) {
+  Open(sim::TraceFormat::kLines);
+  sim::Trace("step");
+  ASSERT_EQ(write(fd_.get(), R"({"what":"ans)", 12), 12);
+  sim::EndTornRecord();
+  sim::EndTornRecord();
+  sim::Trace("end");
+  std::ifstream stream(file_, std::ios::binary);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(stream, line);) lines.push_back(line);
+  ASSERT_EQ(lines.size(), 3U);
+  EXPECT_EQ(lines[1], R"({"what":"ans)");
+  EXPECT_EQ(Fields::parse(lines[2])["what"], "end");
+}
+
 TEST_F(ATrace, KeepsTheLinesOfSeveralProcessesWholeAndInOrder) {
   Open(sim::TraceFormat::kLines);
   constexpr int kProcesses = 6;

@@ -75,11 +75,16 @@ class TraceReader {
   void Take(const std::string& line) {
     const Json record = Json::parse(line, nullptr, false);
     if (!record.is_object()) {
-      history_.faults.push_back("a line that is no record: " + line);
+      torn_ = line;
       return;
     }
     const std::string what = record.at("what");
     const Time time = record.at("monotonic");
+    // Only the last one of a process that was killed may have been cut off.
+    const std::string torn = std::exchange(torn_, "");
+    if (!torn.empty() && !(what == "end" && record.contains("signal"))) {
+      history_.faults.push_back("a line that is no record: " + torn);
+    }
     if (what == "start" || what == "end") return TakeProcess(what, time, record);
     if (history_.processes.empty()) return;
     AgentProcess& process = history_.processes.back();
@@ -121,7 +126,7 @@ class TraceReader {
     if (what == "connect") {
       auto& connections = history_.connections[record.at("app")];
       clients_[record.at("client")] = {record.at("app"), connections.size()};
-      connections.push_back({process, {}});
+      connections.push_back({time, process, {}});
     } else if (what == "request") {
       TakeRequest(time, record);
     } else if (what == "answer" && !record.value("lost", false)) {
@@ -158,6 +163,7 @@ class TraceReader {
 
   History history_;
   std::map<int, std::pair<std::string, std::size_t>> clients_;  // of this process
+  std::string torn_;
   bool unsettled_event_ = false;
   Connection* unsettled_message_ = nullptr;
 };

@@ -43,6 +43,7 @@ struct Message {
 
 /** A connection that an agent has accepted. */
 struct Connection {
+  Time time = 0;  // shortly after the client could know of it
   int process = 0;
   std::vector<Message> messages;
 };

@@ -149,7 +149,10 @@ class Model {
   bool MayWait(const State& state) const {
     constexpr Time kSoon = 3;
     // An agent that is stopped, or waits for others, keeps a client waiting for its verdict.
-    if (state.link == Link::kConnecting) return true;
+    if (state.link == Link::kConnecting) {
+      return connections_ == nullptr || state.next_connection >= connections_->size() ||
+             (*connections_)[state.next_connection].time > now_ - kSoon;
+    }
     if (state.link != Link::kDropped) return false;
     for (std::size_t i = state.next_event; i < history_.events.size(); ++i) {
       const Event& event = history_.events[i];
