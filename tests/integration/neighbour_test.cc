@@ -13,7 +13,7 @@ namespace {
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 
-constexpr char kScenario[] = R"({
+constexpr char kNeighbourScenario[] = R"({
   "models": [{"id": "one", "versions": ["1"]}],
   "packages": [{"id": "com.velmora.text", "metadata": {"ai-agent-category": "text"}}]
 })";
@@ -35,30 +35,31 @@ Lines Begins(const std::string& deed, const std::string& says) {
           "' deed; do [ -e trace.jsonl ] || exit 1; sleep 0.01; done"};
 }
 
-const Lines kConnect = {"untouched", "follow-updates", "follow-models", "connect",
-                        "until=connection: 0 0"};
-const Lines kConnected = {"untouched: signals yes, surroundings yes", "connect: 0",
-                          "connection: 0 0"};
-const Lines kAsk = {"level", "models", "until=models 1: 0 one@1", "updating", "untouched"};
-const Lines kAnswered = {"level: 0 11", "ask for models 1: 0", "models 1: 0 one@1",
-                         "updating: 0 no", "untouched: signals yes, surroundings yes"};
+const Lines kClientConnects = {"untouched", "follow-updates", "follow-models", "connect",
+                               "until=connection: 0 0"};
+const Lines kClientConnected = {"untouched: signals yes, surroundings yes", "connect: 0",
+                                "connection: 0 0"};
+const Lines kClientAsks = {"level", "models", "until=models 1: 0 one@1", "updating", "untouched"};
+const Lines kClientAnswered = {"level: 0 11", "ask for models 1: 0", "models 1: 0 one@1",
+                               "updating: 0 no", "untouched: signals yes, surroundings yes"};
 // The agent's own event comes behind whatever was sent before.
-const Lines kHear = {"run=\"$SVCMGR_SIM\" send model-failed", "until=model status: 0 24"};
-const Lines kHeard = {"model status: 0 24"};
+const Lines kClientListens = {"run=\"$SVCMGR_SIM\" send model-failed", "until=model status: 0 24"};
+const Lines kClientHeard = {"model status: 0 24"};
 
 TEST_F(AHostileNeighbour, HasNoEventDeliveredInTheAgentsName) {
-  const ScriptedWorld world(kScenario);
-  EXPECT_THAT(world.Run(1, kConnect + Does("forge") + kHear + kAsk),
-              ElementsAreArray(kConnected + kHeard + kAnswered));
+  const ScriptedWorld world(kNeighbourScenario);
+  EXPECT_THAT(world.Run(1, kClientConnects + Does("forge") + kClientListens + kClientAsks),
+              ElementsAreArray(kClientConnected + kClientHeard + kClientAnswered));
 }
 
 TEST_F(AHostileNeighbour, IsTakenForTheAgentWhereItOwnsTheNameOfOneThatIsGone) {
-  const ScriptedWorld world(kScenario);
+  const ScriptedWorld world(kNeighbourScenario);
   const Lines gone = {"run=\"$SVCMGR_SIM\" send kill", "until=connection: 0 1"};
-  EXPECT_THAT(
-      world.Run(1, kConnect + gone + Does("impersonate") + Lines{"until=model status: 0 20"}),
-      ElementsAreArray(kConnected + Lines{"connection: 0 1", "update status: 0", "update status: 1",
-                                          "model status: 0 17", "model status: 0 20"}));
+  EXPECT_THAT(world.Run(1, kClientConnects + gone + Does("impersonate") +
+                               Lines{"until=model status: 0 20"}),
+              ElementsAreArray(kClientConnected + Lines{"connection: 0 1", "update status: 0",
+                                                        "update status: 1", "model status: 0 17",
+                                                        "model status: 0 20"}));
 }
 
 TEST_F(AHostileNeighbour, KeepsNobodyFromTheAgentByAThousandConnections) {
@@ -68,21 +69,23 @@ TEST_F(AHostileNeighbour, KeepsNobodyFromTheAgentByAThousandConnections) {
   if (limit.rlim_max < 2100) GTEST_SKIP() << "the neighbour may not open so many connections";
   limit.rlim_cur = 400;
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-  const ScriptedWorld world(kScenario);
-  EXPECT_THAT(world.Run(1, Begins("connections 1000", "ready") + kConnect + kAsk + kHear),
-              ElementsAreArray(kConnected + kAnswered + kHeard));
+  const ScriptedWorld world(kNeighbourScenario);
+  EXPECT_THAT(world.Run(1, Begins("connections 1000", "ready") + kClientConnects + kClientAsks +
+                               kClientListens),
+              ElementsAreArray(kClientConnected + kClientAnswered + kClientHeard));
 }
 
 TEST_F(AHostileNeighbour, LeavesNoDescriptorWithTheAgent) {
-  const ScriptedWorld world(kScenario);
-  EXPECT_THAT(world.Run(1, kConnect + Does("descriptors") + kAsk),
-              ElementsAreArray(kConnected + Lines{"kept 0"} + kAnswered));
+  const ScriptedWorld world(kNeighbourScenario);
+  EXPECT_THAT(world.Run(1, kClientConnects + Does("descriptors") + kClientAsks),
+              ElementsAreArray(kClientConnected + Lines{"kept 0"} + kClientAnswered));
 }
 
 TEST_F(AHostileNeighbour, KeepsNobodyFromTheAgentByRequestsWhoseAnswersItNeverReads) {
-  const ScriptedWorld world(kScenario);
-  EXPECT_THAT(world.Run(1, kConnect + Begins("flood 2000", "sent") + kAsk + kHear),
-              ElementsAreArray(kConnected + kAnswered + kHeard));
+  const ScriptedWorld world(kNeighbourScenario);
+  EXPECT_THAT(
+      world.Run(1, kClientConnects + Begins("flood 2000", "sent") + kClientAsks + kClientListens),
+      ElementsAreArray(kClientConnected + kClientAnswered + kClientHeard));
 }
 
 TEST_F(AHostileNeighbour, ThatListensInTheAgentsPlaceKeepsNoCallWaiting) {
@@ -95,14 +98,15 @@ TEST_F(AHostileNeighbour, ThatListensInTheAgentsPlaceKeepsNoCallWaiting) {
 }
 
 TEST_F(AHostileNeighbour, HidesNeitherPackagesNorMarkersBehindWhatItPlants) {
-  const ScriptedWorld world(kScenario);
+  const ScriptedWorld world(kNeighbourScenario);
   const Lines mark = {"run=cp \"$LIBRARY\" app/libmarked.so"};
-  EXPECT_THAT(world.Run(1, Does("plant") + mark + kConnect +
-                               Lines{"client-level", "category=text", "until=category 1: 0 one@1",
-                                     "untouched"}),
-              ElementsAreArray(kConnected + Lines{"client level: 0 11", "ask for category 1: 0",
-                                                  "category 1: 0 one@1",
-                                                  "untouched: signals yes, surroundings yes"}));
+  EXPECT_THAT(
+      world.Run(
+          1, Does("plant") + mark + kClientConnects +
+                 Lines{"client-level", "category=text", "until=category 1: 0 one@1", "untouched"}),
+      ElementsAreArray(kClientConnected + Lines{"client level: 0 11", "ask for category 1: 0",
+                                                "category 1: 0 one@1",
+                                                "untouched: signals yes, surroundings yes"}));
 }
 
 TEST_F(AHostileNeighbour, ThatIsTheAgentItselfFloodsAClientWithMessagesOfWhichNoneIsTaken) {
@@ -110,8 +114,8 @@ TEST_F(AHostileNeighbour, ThatIsTheAgentItselfFloodsAClientWithMessagesOfWhichNo
     "models": [{"id": "one", "versions": ["1"]}],
     "methods": {"GetUsableModelList": {"stray": 1000}, "get_agent_api_level": {"stray": 1000}}
   })");
-  EXPECT_THAT(world.Run(1, kConnect + kAsk + kHear),
-              ElementsAreArray(kConnected + kAnswered + kHeard));
+  EXPECT_THAT(world.Run(1, kClientConnects + kClientAsks + kClientListens),
+              ElementsAreArray(kClientConnected + kClientAnswered + kClientHeard));
 }
 
 }  // namespace
