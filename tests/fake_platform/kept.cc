@@ -29,14 +29,14 @@ using internal::state;
 
 namespace {
 
-struct Ledger {
+struct KeptLedger {
   std::map<Kept, std::size_t> counts;
   std::map<Kept, std::size_t> expected;
   std::set<const void*> blocks;
 };
 
-Ledger& ledger() {
-  static auto* const forever = new Ledger;
+KeptLedger& kept_ledger() {
+  static auto* const forever = new KeptLedger;
   return *forever;
 }
 
@@ -60,13 +60,13 @@ Kept KindOf(const void* block) {
 }
 
 void Note(const void* block) {
-  ledger().blocks.insert(block);
+  kept_ledger().blocks.insert(block);
   if (internal::hooks.on_kept != nullptr) internal::hooks.on_kept(block);
 }
 
 void Note(const void* block, Kept what) {
-  if (!ledger().blocks.insert(block).second) Fault("a block is kept twice");
-  ++ledger().counts[what];
+  if (!kept_ledger().blocks.insert(block).second) Fault("a block is kept twice");
+  ++kept_ledger().counts[what];
   Note(block);
 }
 
@@ -74,19 +74,19 @@ void Note(const void* block, Kept what) {
 
 void ExpectKept(Kept what, std::size_t n) {
   const Guard guard;
-  ledger().expected[what] = n;
+  kept_ledger().expected[what] = n;
 }
 
 void ExpectAllKept() {
   const Guard guard;
-  ledger().expected = ledger().counts;
+  kept_ledger().expected = kept_ledger().counts;
 }
 
 void LetBeKept() { internal::kept_is_compared = false; }
 
 std::size_t CountKept(Kept what) {
   const Guard guard;
-  return ledger().counts[what];
+  return kept_ledger().counts[what];
 }
 
 namespace internal {
@@ -108,7 +108,7 @@ std::set<const void*> WithContents(const std::set<const void*>& kept,
 }
 
 std::size_t Expected(Kept what) {
-  const std::size_t expected = ledger().expected[what];
+  const std::size_t expected = kept_ledger().expected[what];
   return expected == kEachThatLives ? static_cast<std::size_t>(LiveObjects(Kind::kAppInfo))
                                     : expected;
 }
@@ -116,7 +116,7 @@ std::size_t Expected(Kept what) {
 }  // namespace
 
 void JudgeKept(std::ostream& verdict) {
-  Ledger& l = ledger();
+  KeptLedger& l = kept_ledger();
   for (const Kept what : {Kept::kFormerText, Kept::kRecord, Kept::kStorage, Kept::kAppInfo}) {
     if (!kept_is_compared || l.counts[what] == Expected(what)) continue;
     verdict << "\n  " << l.counts[what] << ' ' << NameOf(what) << " kept, " << Expected(what)
@@ -131,9 +131,9 @@ void JudgeKept(std::ostream& verdict) {
   }
 }
 
-void ResetKept() { ledger() = {}; }
+void ResetKept() { kept_ledger() = {}; }
 
-void ForgetKept(const void* block) { ledger().blocks.erase(block); }
+void ForgetKept(const void* block) { kept_ledger().blocks.erase(block); }
 
 }  // namespace internal
 }  // namespace fake
