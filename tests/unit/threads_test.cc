@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "client.h"
+#include "kept.h"
 
 namespace {
 
@@ -270,6 +271,7 @@ TEST_F(Threads, OfAnyNumberMayDoAnythingWhileTheConnectionComesAndGoes) {
   std::atomic<bool> ended{false};
   std::atomic<int> strange{0};
   std::atomic<std::size_t> next{0};
+  std::atomic<std::size_t> lists{0};
   std::vector<Models> others(64);
   int left = connections;
   RunTogether(
@@ -278,6 +280,7 @@ TEST_F(Threads, OfAnyNumberMayDoAnythingWhileTheConnectionComesAndGoes) {
         Models& own = others[next++];
         do {
           if (!DoOfEverything(&own)) ++strange;
+          ++lists;
         } while (!ended);
       },
       [&] {
@@ -291,6 +294,7 @@ TEST_F(Threads, OfAnyNumberMayDoAnythingWhileTheConnectionComesAndGoes) {
       });
   EXPECT_EQ(strange, 0);
   EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
+  fake::ExpectKept(fake::Kept::kStorage, lists);
 }
 
 }  // namespace
