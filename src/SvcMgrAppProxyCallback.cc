@@ -2,7 +2,6 @@
 #include "SvcMgrAppProxyCallback.h"
 
 #include <iterator>
-#include <utility>
 
 #include "client_log.h"
 #include "kept_blocks.h"
@@ -26,8 +25,8 @@ constexpr int kErrorOfAgentResult[] = {
 };
 
 // The list is delivered whatever the result is.
-void Deliver(const ModelListReceiver& receiver, int result, rpc::AIModelList list) {
-  const velmora_svcmgr_ai_model_list_h handle = Convert(std::move(list));
+void Deliver(const ModelListReceiver& receiver, int result, const rpc::AIModelList& list) {
+  const velmora_svcmgr_ai_model_list_h handle = Convert(list);
   receiver.callback(TranslateAgentResult(result), handle, receiver.user_data);
 }
 
@@ -49,7 +48,7 @@ int TranslateAgentResult(int result) {
                                                 : SVCMGR_ERROR_INVALID_OPERATION;
 }
 
-velmora_svcmgr_ai_model_list_h Convert(rpc::AIModelList list) {
+velmora_svcmgr_ai_model_list_h Convert(const rpc::AIModelList& list) {
   CLIENT_INFO("conver AIModelList to model_list_handle");
   velmora_svcmgr_ai_model_list_h handle = nullptr;
   if (velmora_svcmgr_ai_model_list_create(&handle) == SVCMGR_ERROR_NONE && list.count > 0) {
@@ -91,16 +90,16 @@ void Convert(const rpc::AIUpdateProgressInfo& info, velmora_svcmgr_ai_progress_h
 void GetUsableModelListCB::OnReceived(int result, rpc::AIModelList list) {
   // The record names the version list's delegate; log readers know it by this text.
   CLIENT_INFO_F("GetModelVersionListCB::OnReceived error_code[%d]", result);
-  Deliver(receiver_, result, std::move(list));
+  Deliver(receiver_, result, list);
 }
 
 void GetUsableModelListWithDescCB::OnReceived(int result, rpc::AIModelList list) {
   CLIENT_INFO_F("GetUsableModelListWithDescCB::OnReceived error_code[%d]", result);
-  Deliver(receiver_, result, std::move(list));
+  Deliver(receiver_, result, list);
 }
 
 void GetModelVersionListCB::OnReceived(int result, rpc::AIModelList list) {
-  Deliver(receiver_, result, std::move(list));
+  Deliver(receiver_, result, list);
 }
 
 void RequestToUpdateCB::OnReceived(int result, rpc::AIUpdateProgressInfo info) {

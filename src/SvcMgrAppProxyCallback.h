@@ -25,7 +25,7 @@ struct ProgressReceiver {
 int TranslateAgentResult(int result);
 
 // Makes a handle of a list; null if it cannot be created.
-velmora_svcmgr_ai_model_list_h Convert(rpc::AIModelList list);
+velmora_svcmgr_ai_model_list_h Convert(const rpc::AIModelList& list);
 
 // Makes a handle of a progress record; null if it cannot be created.
 void Convert(const rpc::AIUpdateProgressInfo& info, velmora_svcmgr_ai_progress_h* progress);

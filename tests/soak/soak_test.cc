@@ -89,13 +89,13 @@ TEST(TheJudge, FindsNothingInAStoryThatIsRight) {
 }
 
 TEST(TheJudge, FindsEachNoticeThatIsMissed) {
-  for (const std::size_t index : {3, 5, 7, 8, 9, 10, 11, 12}) {
+  for (const std::size_t index : {3U, 5U, 7U, 8U, 9U, 10U, 11U, 12U}) {
     EXPECT_TRUE(IsFound(Without(kStory, index))) << kStory[index];
   }
 }
 
 TEST(TheJudge, FindsEachNoticeThatComesTwice) {
-  for (const std::size_t index : {3, 5, 7, 8, 9, 10, 11, 12}) {
+  for (const std::size_t index : {3U, 5U, 7U, 8U, 9U, 10U, 11U, 12U}) {
     Lines lines = kStory;
     lines.insert(lines.begin() + static_cast<std::ptrdiff_t>(index), kStory[index]);
     EXPECT_TRUE(IsFound(lines)) << kStory[index];

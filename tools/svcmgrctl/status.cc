@@ -26,7 +26,7 @@ struct Answers {
   std::vector<Problem> problems;
 };
 
-constexpr std::string_view kConnection = "connection";
+constexpr std::string_view kConnectionPart = "connection";
 constexpr std::string_view kApiLevel = "agent_api_level";
 constexpr std::string_view kUsableModels = "usable_models";
 
@@ -41,7 +41,8 @@ bool Ask(std::string_view part, Answers* status, Question question) {
     if (failure.exit >= kExitInterrupted) throw;
     status->problems.push_back({part, failure});
     if (failure.exit == kExitKyrDisabled) status->kyr_disabled = true;
-    return part != kConnection && failure.exit != kExitTimeout && failure.exit != kExitNoConnection;
+    return part != kConnectionPart && failure.exit != kExitTimeout &&
+           failure.exit != kExitNoConnection;
   }
 }
 
@@ -49,7 +50,7 @@ Answers AskStatus(Session& session) {
   Answers status;
   status.agent_version = FindAgentPackage().version;
   const bool asked_all =
-      Ask(kConnection, &status,
+      Ask(kConnectionPart, &status,
           [&] {
             session.Connect();
             status.connected = true;
@@ -107,7 +108,7 @@ std::string TableOf(const Answers& status, const Console& console) {
   Table table;
   table.AddRow(
       {{"Connection", Tone::kHeading},
-       CellOf(status, kConnection, connection, status.connected ? Tone::kGood : Tone::kBad)});
+       CellOf(status, kConnectionPart, connection, status.connected ? Tone::kGood : Tone::kBad)});
   table.AddRow({{"Agent version", Tone::kHeading}, {status.agent_version.value_or("not known")}});
   table.AddRow({{"Agent API level", Tone::kHeading}, CellOf(status, kApiLevel, level)});
   table.AddRow({{"KYR", Tone::kHeading},
