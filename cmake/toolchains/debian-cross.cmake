@@ -1,6 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# What the toolchain files for Debian's cross compilers share; they set SVCMGR_TRIPLET, and
-# SVCMGR_MULTIARCH where Debian's folders of libraries have another name.
+# What the toolchain files for Debian's cross compilers share; they set SVCMGR_TRIPLET.
 #
 # SVCMGR_SYSROOT (CMake or environment) is the root of the machine for which is built: a device's, or one
 # of Debian's packages as ./dev cross makes it. Without it, the compiler's own libraries are used.
@@ -14,9 +13,6 @@ foreach(language IN ITEMS C:gcc CXX:g++)
   endif()
 endforeach()
 
-if(NOT SVCMGR_MULTIARCH)
-  set(SVCMGR_MULTIARCH ${SVCMGR_TRIPLET})
-endif()
 if(NOT SVCMGR_SYSROOT)
   set(SVCMGR_SYSROOT "$ENV{SVCMGR_SYSROOT}")
 endif()
@@ -26,7 +22,7 @@ if(SVCMGR_SYSROOT)
   set(CMAKE_SYSROOT ${SVCMGR_SYSROOT})
   set(ENV{PKG_CONFIG_SYSROOT_DIR} ${SVCMGR_SYSROOT})
   set(ENV{PKG_CONFIG_LIBDIR}
-    ${SVCMGR_SYSROOT}/usr/lib/${SVCMGR_MULTIARCH}/pkgconfig:${SVCMGR_SYSROOT}/usr/lib/pkgconfig:${SVCMGR_SYSROOT}/usr/share/pkgconfig)
+    ${SVCMGR_SYSROOT}/usr/lib/${SVCMGR_TRIPLET}/pkgconfig:${SVCMGR_SYSROOT}/usr/lib/pkgconfig:${SVCMGR_SYSROOT}/usr/share/pkgconfig)
   set(ENV{PKG_CONFIG_PATH} "")
 endif()
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)

@@ -30,8 +30,6 @@ others=(
   "libc++|clang++-19 with LLVM's C++ library, unit tests|clang++-19|tests/build/each_compiler.sh FOLDER clang++-19/libc++"
   "arm64|64-bit ARM, unit tests and a client, by qemu|mmdebstrap|./dev cross arm64"
   "armhf|32-bit ARM, unit tests and a client, by qemu|mmdebstrap|./dev cross armhf"
-  "i386|32-bit x86, unit tests and a client, by qemu|mmdebstrap|./dev cross i386"
-  "s390x|big-endian IBM Z, unit tests and a client, by qemu|mmdebstrap|./dev cross s390x"
 )
 
 list() { printf '%s\n' "${rows[@]}" "${others[@]}" | awk -F'|' '{ printf "%-10s %s\n", $1, $2 }'; }

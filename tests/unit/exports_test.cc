@@ -216,7 +216,6 @@ TEST(TheSharedLibrary, NeedsThePlatformAndTheRuntimeAndNothingElse) {
       "ld-linux-aarch64",
       "ld-linux-armhf",
       "ld-linux",
-      "ld64",
 #if SVCMGR_SANITIZED
       "libasan",
       "libubsan",
