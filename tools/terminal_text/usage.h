@@ -110,6 +110,13 @@ inline void AddHelpCommand(CLI::App& app, std::optional<std::vector<std::string>
   help->callback([wanted, words] { *wanted = *words; });
 }
 
+/** @param understood  The words before it, the program's name first. */
+inline std::string NoCommand(const std::string& word, const CLI::App& command,
+                             const std::string& understood) {
+  return "there is no command '" + word + "'" + DidYouMean(word, command) + "; see '" + understood +
+         " --help'";
+}
+
 /** What is wrong with the words of a command whose help is wanted; empty if nothing is. The parser
  *  would take unknown words before --help for nothing. */
 inline std::string CheckCommand(const CLI::App& app, const std::vector<std::string>& words) {
@@ -118,9 +125,7 @@ inline std::string CheckCommand(const CLI::App& app, const std::vector<std::stri
   for (const std::string& word : words) {
     const auto inner =
         command->get_subcommands([&](const CLI::App* each) { return each->get_name() == word; });
-    if (inner.empty())
-      return "there is no command '" + word + "'" + DidYouMean(word, *command) + "; see '" +
-             understood + " --help'";
+    if (inner.empty()) return NoCommand(word, *command, understood);
     command = inner.front();
     understood.append(" ").append(word);
   }
