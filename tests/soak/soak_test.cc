@@ -2,7 +2,6 @@
 #include <gmock/gmock.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 
 #include <filesystem>
 #include <fstream>
@@ -13,6 +12,7 @@
 #include <vector>
 
 #include "judge.h"
+#include "support/command.h"
 
 namespace {
 
@@ -198,21 +198,7 @@ TEST(TheJudge, FindsDescriptorsSourcesAndMemoryThatGrow) {
 
 // ---- The soak itself ----
 
-struct Soaked {
-  int status;
-  std::string output;
-};
-
-Soaked Soak(const std::string& arguments) {
-  FILE* const pipe = popen(("'" SOAK "' " + arguments + " 2>&1").c_str(), "r");
-  Soaked soaked;
-  char buffer[4096];
-  std::size_t count = 0;
-  while ((count = fread(buffer, 1, sizeof buffer, pipe)) > 0) soaked.output.append(buffer, count);
-  const int status = pclose(pipe);
-  soaked.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return soaked;
-}
+Ran Soak(const std::string& arguments) { return RunCommand("'" SOAK "' " + arguments + " 2>&1"); }
 
 class Folder {
  public:
@@ -259,7 +245,7 @@ void Spoil(const History& history, const ClientLog& client, Spoilt* spoilt) {
 
 TEST(AShortSoak, FindsNothingAndWouldHaveFoundEachNoticeThatWasMissedOrExtra) {
   const Folder folder;
-  const Soaked soaked =
+  const Ran soaked =
       Soak("--once --kills 6 --stops 0 --buses 0 --seed 5 --keep '" + folder.path() + "'");
   ASSERT_EQ(soaked.status, 0) << soaked.output;
   std::ifstream trace(folder.path() + "/0-kills/trace");
@@ -307,8 +293,8 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST_P(APlantedFault, IsFound) {
-  const Soaked soaked = Soak("--once --stops 0 --seed 7 " + std::string(GetParam().trouble) +
-                             " --plant " + GetParam().name);
+  const Ran soaked = Soak("--once --stops 0 --seed 7 " + std::string(GetParam().trouble) +
+                          " --plant " + GetParam().name);
   EXPECT_EQ(soaked.status, 1) << soaked.output;
   EXPECT_THAT(soaked.output, HasSubstr(GetParam().found));
 }

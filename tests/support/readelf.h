@@ -6,28 +6,23 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <cstdint>
-#include <cstdio>
 #include <fstream>
 #include <map>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "support/command.h"
 
 namespace binutils {
 
 /** Runs a shell command, which must succeed; returns what it prints. */
 inline std::string OutputOf(const std::string& command) {
-  std::FILE* const pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return {};
-  std::string output;
-  std::array<char, 65536> buffer{};
-  for (std::size_t n = 0; (n = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0;) {
-    output.append(buffer.data(), n);
-  }
-  EXPECT_EQ(pclose(pipe), 0) << command;
-  return output;
+  Ran ran = RunCommand(command);
+  EXPECT_EQ(ran.status, 0) << command;
+  return std::move(ran.output);
 }
 
 inline std::string Quote(const std::string& word) { return '\'' + word + '\''; }

@@ -4,13 +4,13 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/wait.h>
 
 #include <memory>
 #include <new>
 #include <string>
 
 #include "failing_allocations.h"
+#include "support/command.h"
 
 namespace {
 
@@ -161,24 +161,10 @@ TEST(LivingBlocks, AreCountedUntilTheyAreReleased) {
 
 /* The sweep itself. */
 
-struct Swept {
-  int status;
-  std::string output;
-};
-
-Swept Sweep(const std::string& arguments) {
-  FILE* const pipe = popen(("'" SWEEP "' " + arguments + " 2>&1").c_str(), "r");
-  Swept swept;
-  char buffer[4096];
-  std::size_t count = 0;
-  while ((count = fread(buffer, 1, sizeof buffer, pipe)) > 0) swept.output.append(buffer, count);
-  const int status = pclose(pipe);
-  swept.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return swept;
-}
+Ran Sweep(const std::string& arguments) { return RunCommand("'" SWEEP "' " + arguments + " 2>&1"); }
 
 TEST(TheSweep, FindsNothingInAShareOfTheAllocations) {
-  const Swept swept = Sweep("--stride 29");
+  const Ran swept = Sweep("--stride 29");
   EXPECT_EQ(swept.status, 0) << swept.output;
 }
 
@@ -200,9 +186,8 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_P(APlantedFault, IsFound) {
   // Some of these fail without ending the process; others are GLib's.
-  const Swept swept =
-      Sweep("--from connection --burst 1 --first 55 --last 65 --workers 1 --plant " +
-            std::string(GetParam().name));
+  const Ran swept = Sweep("--from connection --burst 1 --first 55 --last 65 --workers 1 --plant " +
+                          std::string(GetParam().name));
   EXPECT_EQ(swept.status, 1) << swept.output;
   EXPECT_THAT(swept.output, HasSubstr(GetParam().found));
 }

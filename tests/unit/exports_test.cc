@@ -4,8 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <array>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -13,7 +11,10 @@
 #include <regex>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "support/command.h"
 
 namespace {
 
@@ -35,15 +36,9 @@ std::string ReadFile(const char* path) {
 /** What a tool prints about the library. */
 std::string OutputOf(const std::string& tool_and_options) {
   const std::string command = tool_and_options + " '" SVCMGR_LIBRARY "'";
-  std::FILE* const pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return {};
-  std::string output;
-  std::array<char, 4096> buffer{};
-  for (std::size_t n = 0; (n = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0;) {
-    output.append(buffer.data(), n);
-  }
-  EXPECT_EQ(pclose(pipe), 0) << command;
-  return output;
+  Ran ran = RunCommand(command);
+  EXPECT_EQ(ran.status, 0) << command;
+  return std::move(ran.output);
 }
 
 /** The first group of every match. */
