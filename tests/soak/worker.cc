@@ -203,11 +203,13 @@ class Worker {
     Await("an answer to any client", [&] { return Answers() > before; });
   }
 
-  Target Agent() const {
+  pid_t AgentPid() const {
     pid_t pid = 0;
     std::ifstream(world_ / "agent.pid") >> pid;
-    return {pid, "svcmgr-sim-agent"};
+    return pid;
   }
+
+  Target Agent() const { return {AgentPid(), "svcmgr-sim-agent"}; }
 
   void KillAgent() {
     constexpr unsigned kMostPause = 80;
@@ -276,12 +278,6 @@ class Worker {
     target.Send(SIGCONT);
     ++counts_[what];
     Pause(kMostPause);
-  }
-
-  pid_t AgentPid() const {
-    pid_t pid = 0;
-    std::ifstream(world_ / "agent.pid") >> pid;
-    return pid;
   }
 
   static bool IsStopped(pid_t pid) {
