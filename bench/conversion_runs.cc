@@ -11,7 +11,6 @@
 #include <rpc-port-desktop.h>
 
 #include <array>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -20,10 +19,10 @@
 #include "SvcMgrAppProxyCallback.h"
 #include "bench_world.h"
 #include "models.h"
+#include "times.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using List = velmora_svcmgr_ai_model_list_h;
 
 // A message as it arrives, read up to its list.
@@ -128,10 +127,7 @@ void Run(std::size_t times, int models) {
     time = Clock::now() - start;
     side.Release();
   }
-  for (const auto time : all) {
-    std::printf("%lld\n", static_cast<long long>(
-                              std::chrono::duration_cast<std::chrono::nanoseconds>(time).count()));
-  }
+  PrintTimes(all);
 }
 
 }  // namespace

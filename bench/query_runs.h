@@ -2,12 +2,13 @@
 #ifndef BENCH_QUERY_RUNS_H_
 #define BENCH_QUERY_RUNS_H_
 
-#include <chrono>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
+
+#include "times.h"
 
 // What query_client and query_limit share: one kind of query, many times in a row.
 //
@@ -33,7 +34,6 @@ inline QueryRuns ReadQueryRuns(int argc, char** argv) {
 // answer goes to `size_of_texts` before.
 template <typename Ask, typename SizeOfTexts, typename Release>
 void RunQueries(std::size_t queries, Ask ask, SizeOfTexts size_of_texts, Release release) {
-  using Clock = std::chrono::steady_clock;
   std::vector<Clock::duration> times(queries);
   std::size_t bytes = 0;
   for (std::size_t i = 0; i < queries; ++i) {
@@ -44,10 +44,7 @@ void RunQueries(std::size_t queries, Ask ask, SizeOfTexts size_of_texts, Release
     release(answer);
   }
   std::printf("%zu\n", bytes);
-  for (const auto time : times) {
-    std::printf("%lld\n", static_cast<long long>(
-                              std::chrono::duration_cast<std::chrono::nanoseconds>(time).count()));
-  }
+  PrintTimes(times);
 }
 
 #endif  // BENCH_QUERY_RUNS_H_

@@ -13,7 +13,6 @@
 #include <unistd.h>
 #include <velmora_svcmgr.h>
 
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -22,10 +21,9 @@
 #include <vector>
 
 #include "bench_world.h"
+#include "times.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 int limit_level = 0;
 
@@ -88,9 +86,6 @@ int main(int argc, char** argv) {
     time = Clock::now() - start;
   }
   std::printf("%d\n", level);
-  for (const auto time : times) {
-    std::printf("%lld\n", static_cast<long long>(
-                              std::chrono::duration_cast<std::chrono::nanoseconds>(time).count()));
-  }
+  PrintTimes(times);
   return 0;
 }
