@@ -11,8 +11,6 @@
 #include <list>
 #include <memory_resource>
 
-#include "text.h"
-
 namespace rpc_port::SvcMgrAppProxy::proxy {
 
 constexpr char kPortName[] = "SvcMgrAppPort";
