@@ -18,6 +18,16 @@ char untouched[] = "untouched";
 
 namespace {
 
+constexpr char kSucceeds[] = "SucceedsAfterTheLookUpsAndWritesItsEntryRecordAlone";
+constexpr char kNotSupported[] =
+    "IsNotSupportedBeforeAllElseIfThePackageOfTheAgentIsMissingAndOnlyThen";
+constexpr char kNeedsItsLevel[] = "NeedsItsLevelOfTheAgentBeforeItsArgumentsAndSaysNothingBelow";
+constexpr char kRefusesNull[] = "RefusesEachNullArgumentBeforeItLooksAtTheConnection";
+constexpr char kNeedsTheConnection[] = "NeedsTheConnectionThatItWants";
+constexpr char kReturnsItsOwn[] = "ReturnsEachCodeOfItsOwn";
+constexpr char kLetsNoExceptionOut[] = "LetsNoExceptionOut";
+constexpr char kWithoutMemory[] = "ReturnsItsCodeWhereverMemoryRunsOut";
+
 constexpr char kCameraId[] = VENDOR_PACKAGE_PREFIX "camera";
 
 template <typename Handle>
@@ -96,14 +106,33 @@ std::string Stage::Contents() const {
   return out.str();
 }
 
+std::map<int, std::set<std::string>> Function::TestsOfCodes() const {
+  std::map<int, std::set<std::string>> tests;
+  tests[SVCMGR_ERROR_NONE] = {kSucceeds};
+  tests[SVCMGR_ERROR_NOT_SUPPORTED] = {kNotSupported};
+  tests[failure].insert(kLetsNoExceptionOut);
+  if (level > 0) tests[SVCMGR_ERROR_UNSUPPORTED_AGENT_VERSION].insert(kNeedsItsLevel);
+  if (needed > 0) tests[SVCMGR_ERROR_INVALID_PARAMETER].insert(kRefusesNull);
+  if (wants != Wants::kNothing) tests[SVCMGR_ERROR_NOT_CONNECTED].insert(kNeedsTheConnection);
+  if (!create_message.empty()) tests[SVCMGR_ERROR_OUT_OF_MEMORY].insert(kWithoutMemory);
+  for (const auto& [code, occasion] : occasions) tests[code].insert(kReturnsItsOwn);
+  return tests;
+}
+
 std::set<int> Function::Codes() const {
-  std::set<int> codes = {SVCMGR_ERROR_NONE, SVCMGR_ERROR_NOT_SUPPORTED, failure};
-  if (level > 0) codes.insert(SVCMGR_ERROR_UNSUPPORTED_AGENT_VERSION);
-  if (needed > 0) codes.insert(SVCMGR_ERROR_INVALID_PARAMETER);
-  if (wants != Wants::kNothing) codes.insert(SVCMGR_ERROR_NOT_CONNECTED);
-  if (!create_message.empty()) codes.insert(SVCMGR_ERROR_OUT_OF_MEMORY);
-  for (const auto& [code, occasion] : occasions) codes.insert(code);
+  std::set<int> codes;
+  for (const auto& [code, tests] : TestsOfCodes()) codes.insert(code);
   return codes;
+}
+
+std::map<std::string, std::string> Function::TestsOfRecords() const {
+  std::map<std::string, std::string> tests = {{"Not supported", kNotSupported},
+                                              {"Unknown Exception", kLetsNoExceptionOut}};
+  if (!entry.empty()) tests[entry] = kSucceeds;
+  if (needed > 0) tests[null_message] = kRefusesNull;
+  if (wants == Wants::kConnection) tests["not initialized"] = kNeedsTheConnection;
+  if (!create_message.empty()) tests[create_message] = kWithoutMemory;
+  return tests;
 }
 
 /* The table. */

@@ -8,6 +8,7 @@
 #include <velmora_svcmgr.h>
 
 #include <functional>
+#include <map>
 #include <optional>
 #include <ostream>
 #include <set>
@@ -183,8 +184,11 @@ class Function {
   /** Calls it, with null for the needed arguments of a set. */
   int Call(Stage& stage, unsigned nulls = 0) const { return call_(stage, nulls); }
 
-  /** Every code that it returns. */
+  /** Every code that it returns, and the tests of `AFunction` that see it return it. */
+  std::map<int, std::set<std::string>> TestsOfCodes() const;
   std::set<int> Codes() const;
+  /** The texts of its own log records, and the tests of `AFunction` that expect them. */
+  std::map<std::string, std::string> TestsOfRecords() const;
 
   std::string name;
   unsigned needed;    // how many arguments may not be null

@@ -7,6 +7,7 @@
 #include <UpdateStatusEventHandler.h>
 #include <agent_update_state.h>
 
+#include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -34,6 +35,7 @@ using rules::Stage;
 using rules::Wants;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
+using testing::Not;
 using Records = std::vector<testing::Matcher<const fake::LogRecord&>>;
 
 /** A state of the connection. */
@@ -424,6 +426,36 @@ TEST(TheTable, HasARowForEachFunctionOfTheHeader) {
   EXPECT_EQ(rows, declared);
   EXPECT_EQ(rows.size(), rules::Functions().size());
   EXPECT_EQ(rows.size(), 48U);
+}
+
+/** The names of the tests of a function. */
+std::set<std::string> TestsThatThereAre() {
+  std::set<std::string> names;
+  const testing::UnitTest& all = *testing::UnitTest::GetInstance();
+  for (int i = 0; i < all.total_test_suite_count(); ++i) {
+    const testing::TestSuite& suite = *all.GetTestSuite(i);
+    if (std::string(suite.name()) != "Each/AFunction") continue;
+    for (int j = 0; j < suite.total_test_count(); ++j) names.insert(suite.GetTestInfo(j)->name());
+  }
+  return names;
+}
+
+// What it prints is read where the tests of each code and record are listed.
+TEST(TheTable, NamesTestsOfEachCodeAndRecord) {
+  const std::set<std::string> names = TestsThatThereAre();
+  for (const Function& function : rules::Functions()) {
+    for (const auto& [code, tests] : function.TestsOfCodes()) {
+      EXPECT_THAT(tests, Not(IsEmpty())) << function.name << ' ' << code;
+      for (const std::string& test : tests) {
+        EXPECT_EQ(names.count(test + "/" + function.name), 1U) << test;
+        std::printf("code\t%d\t%s\t%s\n", code, function.name.c_str(), test.c_str());
+      }
+    }
+    for (const auto& [text, test] : function.TestsOfRecords()) {
+      EXPECT_EQ(names.count(test + "/" + function.name), 1U) << test;
+      std::printf("record\t%s\t%s\t%s\n", text.c_str(), function.unit.c_str(), test.c_str());
+    }
+  }
 }
 
 TEST(TheHeader, ListsEachCodeThatAFunctionReturnsAndNoOther) {
