@@ -22,6 +22,11 @@ function(svcmgr_platform_library name)
   set_target_properties(${target} PROPERTIES OUTPUT_NAME ${name} VERSION 1.0.0 SOVERSION 1
     LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib INSTALL_RPATH "$ORIGIN")
 
+  if(SVCMGR_COVERAGE)
+    target_compile_options(${target} PRIVATE --coverage)
+    target_link_options(${target} PRIVATE --coverage)
+  endif()
+
   set(PC_NAME ${name})
   set(PC_DESCRIPTION "${arg_DESCRIPTION}")
   list(JOIN arg_LINK " " PC_REQUIRES)

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Puts small faults into copies of src/ and tells which of them the unit tests find.
+"""Puts small faults into copies of src/, or of platform/, and tells which of them its tests find.
 
-usage: mutate.py TREE FOLDER [N] [SEED]
+usage: mutate.py TREE FOLDER [N] [SEED] [src|platform]
 
 TREE is only read; all is copied, built and run in FOLDER. The same SEED makes the same N faults for
-as long as src/ is the same. A fault that does not compile, or that changes no object file, is
+as long as the sources are the same. A fault that does not compile, or that changes no object file, is
 replaced by the next. The tests of the programs that run the faulty line come first, and the first
 one that fails ends the search.
 
@@ -24,6 +24,7 @@ import signal
 import subprocess
 import sys
 import time
+from dataclasses import dataclass
 from pathlib import Path
 
 sys.dont_write_bytecode = True  # nothing is written where the sources are
@@ -33,6 +34,28 @@ import mutants  # noqa: E402
 JOBS = os.cpu_count() or 2
 MEMORY = 4 << 30  # bytes that a test may take; a fault may make it ask for any number
 PATIENCE = 60  # seconds that a test may take beyond twenty times what it takes without a fault
+
+
+@dataclass(frozen=True)
+class Area:
+    """What gets faults, and what has to find them."""
+
+    sources: str  # a pattern of their names
+    folders: str  # of tests, as CMake takes them
+    programs: str  # a pattern of the tests' names
+    libraries: tuple  # targets, each with its folder, that the sources make
+
+
+PLATFORM = ("bundle", "dlog", "capi-appfw-app-common", "capi-appfw-app-manager",
+            "capi-appfw-package-manager", "capi-appfw-event", "rpc-port")
+AREAS = {
+    "src": Area(r"src/.*\.(cc|h)", "fake_platform;unit", r"unit_\w+_test",
+                (("svcmgr_objects", "src"),)),
+    # The headers of the interface hold nothing that could be wrong but names and numbers.
+    "platform": Area(r"platform/(?!.*/include/).*\.(cc|h)", "platform",
+                     r"(?:platform|rpc_port)_\w+_test",
+                     tuple((f"svcmgr_{name}", f"platform/{name}") for name in PLATFORM)),
+}
 
 
 class CannotGo(Exception):
@@ -59,7 +82,7 @@ def limit_test():
 class Tree:
     """A copy of the sources, in which alone faults are made."""
 
-    def __init__(self, origin, folder):
+    def __init__(self, origin, folder, area):
         self.folder = folder
         names = must(["git", "-C", origin, "ls-files", "-z", "--cached", "--others",
                       "--exclude-standard"]).split("\0")
@@ -73,7 +96,9 @@ class Tree:
             elif str(path.relative_to(folder)) not in wanted:
                 path.unlink()
         self.sources = {name: (folder / name).read_text() for name in wanted
-                        if re.fullmatch(r"src/.*\.(cc|h)", name)}
+                        if re.fullmatch(area.sources, name)}
+        if not self.sources:
+            raise CannotGo("there are no sources")
         everything = hashlib.sha256()
         for name in sorted(wanted):
             everything.update(f"{name}\0".encode() + (folder / name).read_bytes() + b"\0")
@@ -95,31 +120,36 @@ class Tree:
 
 
 class Build:
-    """The unit tests' programs, built from the copy."""
+    """The tests' programs, built from the copy."""
 
-    def __init__(self, tree, folder):
+    def __init__(self, tree, folder, area):
         self.tree = tree
         self.folder = folder
+        self.area = area
 
     def configure(self, coverage):
         must(["cmake", "-S", self.tree.folder, "-B", self.folder, "-G", "Ninja",
               "-DCMAKE_CXX_COMPILER=g++", "-DCMAKE_C_COMPILER=gcc", "-DCMAKE_BUILD_TYPE=None",
-              "-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=lld", "-DSVCMGR_TEST_FOLDERS=fake_platform;unit",
+              "-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=lld", f"-DSVCMGR_TEST_FOLDERS={self.area.folders}",
               "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST",
               f"-DSVCMGR_COVERAGE={'ON' if coverage else 'OFF'}"])
+
+    def make_libraries(self):
+        return self.make(*(target for target, _ in self.area.libraries))
 
     def make(self, *targets):
         return run(["cmake", "--build", self.folder, "-j", str(JOBS), "--target", *targets])
 
     def programs(self):
         listing = must(["ninja", "-C", self.folder, "-t", "targets", "all"])
-        return sorted(set(re.findall(r"^(unit_\w+_test): phony", listing, re.M)))
+        return sorted(set(re.findall(rf"^({self.area.programs}): phony", listing, re.M)))
 
     def objects(self):
-        """What the library's object files hold, all together."""
+        """What the libraries' object files hold, all together."""
         content = hashlib.sha256()
-        for path in sorted((self.folder / "src/CMakeFiles/svcmgr_objects.dir").rglob("*.o")):
-            content.update(path.read_bytes())
+        for target, folder in self.area.libraries:
+            for path in sorted((self.folder / folder / f"CMakeFiles/{target}.dir").rglob("*.o")):
+                content.update(path.read_bytes())
         return content.digest()
 
     def cases(self, program):
@@ -136,7 +166,7 @@ class Build:
         """What is wrong with a test case, or None; and how long it took."""
         begun = time.monotonic()
         test = subprocess.Popen([self.folder / "bin" / program, f"--gtest_filter={case}"],
-                                cwd=self.folder / "tests/unit", stdout=subprocess.PIPE,
+                                cwd=self.folder / "tests", stdout=subprocess.PIPE,
                                 stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL,
                                 start_new_session=True, preexec_fn=limit_test,
                                 env={**os.environ, **(environment or {})})
@@ -204,11 +234,10 @@ class Knowledge:
 
 
 def covered_lines(build, program, folder):
-    """The lines of src/ that a program has run, by file."""
-    notes = build.folder / "src/CMakeFiles/svcmgr_objects.dir"
+    """The lines of the area that a program has run, by file."""
     counts = sorted(folder.rglob("*.gcda"))
     for path in counts:
-        note = notes / path.with_suffix(".gcno").name
+        note = (Path("/") / path.relative_to(folder)).with_suffix(".gcno")
         if note.exists():
             path.with_suffix(".gcno").write_bytes(note.read_bytes())
     lines = {}
@@ -216,7 +245,7 @@ def covered_lines(build, program, folder):
         return lines
     for text in must(["gcov", "--json-format", "--stdout", *counts], cwd=folder).splitlines():
         for file in json.loads(text)["files"]:
-            if not file["file"].startswith("src/"):
+            if not re.fullmatch(build.area.sources, file["file"]):
                 continue
             ran = {line["line_number"] for line in file["lines"] if line["count"] > 0}
             lines.setdefault(file["file"], set()).update(ran)
@@ -231,7 +260,7 @@ def learn(build, scratch):
         build.configure(coverage)
         programs = build.programs()
         if not programs:
-            raise CannotGo("there are no unit tests")
+            raise CannotGo("there are no tests")
         built = build.make(*programs)
         if built.returncode != 0:
             raise CannotGo(built.stdout)
@@ -282,24 +311,24 @@ def attempt(tree, build, knowledge, healthy, mutant):
     """Whether the mutant counts, and the test that found it."""
     tree.put(mutant)
     try:
-        if build.make("svcmgr_objects").returncode != 0 or build.objects() == healthy:
+        if build.make_libraries().returncode != 0 or build.objects() == healthy:
             return False, None
         return True, judge(build, knowledge, mutant)
     finally:
         tree.restore(mutant)
 
 
-def mutate(origin, folder, number, seed):
+def mutate(origin, folder, number, seed, area):
     """Prints what becomes of each fault; returns whether all were found."""
     folder.mkdir(parents=True, exist_ok=True)
-    tree = Tree(origin, folder / "tree")
-    build = Build(tree, folder / "build")
+    tree = Tree(origin, folder / "tree", area)
+    build = Build(tree, folder / "build", area)
     knowledge = Knowledge.load(folder / "knowledge.json", tree.identity)
     if knowledge is None:
         knowledge = learn(build, folder / "counts")
         knowledge.save(folder / "knowledge.json", tree.identity)
     build.configure(False)
-    built = build.make("svcmgr_objects")
+    built = build.make_libraries()
     if built.returncode != 0:
         raise CannotGo(built.stdout)
     healthy = build.objects()
@@ -321,7 +350,7 @@ def mutate(origin, folder, number, seed):
               f"{'' if killer is None else f', by {killer}'}\n{difference(tree, mutant)}",
               flush=True)
     if tried == 0:
-        raise CannotGo("src/ has no place for a fault")
+        raise CannotGo("the sources have no place for a fault")
     say(f"{tried - len(alive)} of {tried} killed, {len(alive)} alive "
         f"({100 * (tried - len(alive)) / tried:.1f} %); {skipped} that did not compile, or changed "
         "nothing, were replaced")
@@ -331,16 +360,18 @@ def mutate(origin, folder, number, seed):
 
 
 def main():
-    if len(sys.argv) not in (3, 4, 5) or not all(arg.isdecimal() for arg in sys.argv[3:]):
+    arguments = sys.argv[1:]
+    area = AREAS[arguments.pop()] if arguments and arguments[-1] in AREAS else AREAS["src"]
+    if len(arguments) not in (2, 3, 4) or not all(arg.isdecimal() for arg in arguments[2:]):
         sys.stderr.write(__doc__)
         return 2
-    number, seed = [int(arg) for arg in sys.argv[3:]] + [60, 1][len(sys.argv) - 3:]
+    number, seed = [int(arg) for arg in arguments[2:]] + [60, 1][len(arguments) - 2:]
     if number == 0:
         sys.stderr.write("mutate: there must be a fault to make\n")
         return 2
     try:
-        return 0 if mutate(Path(sys.argv[1]).resolve(), Path(sys.argv[2]).resolve(), number,
-                           seed) else 1
+        return 0 if mutate(Path(arguments[0]).resolve(), Path(arguments[1]).resolve(), number, seed,
+                           area) else 1
     except CannotGo as reason:
         sys.stderr.write(f"mutate: {reason}\n")
         return 2
