@@ -46,6 +46,11 @@ class Finding(unittest.TestCase):
             "const int b = 6;", "const int b = 4;",
             "Call(a, b < 8 && a > 0);", "Call(a, b < 6 && a > 0);", "Call(a, b < 7 && a > 1);"])
 
+    def test_moves_octal_and_hexadecimal_constants(self):
+        self.assertEqual(faults("constant", "int mode = 0644;"), ["int mode = 0645;", "int mode = 0643;"])
+        self.assertEqual(faults("constant", "int mask = 0x10;"), ["int mask = 17;", "int mask = 15;"])
+        self.assertEqual(faults("constant", "int none = 0;"), ["int none = 1;"])
+
     def test_turns_truth(self):
         self.assertEqual(faults("constant", "bool f() { return true; }"),
                          ["bool f() { return false; }"])

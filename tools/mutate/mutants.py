@@ -55,10 +55,12 @@ def comparisons(code, _source):
 
 def constants(code, _source):
     for match in NUMBER.finditer(code):
-        value = int(match.group().replace("'", ""), 0)
-        yield match.start(), match.end(), str(value + 1)
-        if value > 0:
-            yield match.start(), match.end(), str(value - 1)
+        digits = match.group().replace("'", "")
+        is_octal = re.fullmatch("0[0-7]+", digits) is not None
+        value = int(digits, 8 if is_octal else 0)
+        for other in (value + 1, value - 1):
+            if other >= 0:
+                yield match.start(), match.end(), f"0{other:o}" if is_octal else str(other)
     for match in re.finditer(r"\b(true|false)\b", code):
         yield match.start(), match.end(), {"true": "false", "false": "true"}[match.group()]
 
