@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The port proxy apart from its methods: life, events, dispatch, requests, the lock.
 
+#include <climits>
 #include <exception>
 #include <string>
 #include <thread>
@@ -258,6 +259,7 @@ TEST_F(AConnectedPort, WantsIdAndSequenceNumberToMatch) {
   fake::DeliverDelegateMessage(1, -1, {});
   fake::DeliverDelegateMessage(0, first_seq, {});
   fake::DeliverDelegateMessage(-1, second_seq, {});
+  fake::DeliverDelegateMessage(INT_MIN + 1, first_seq, {});  // another one by its highest bit alone
   EXPECT_EQ(first.messages + second.messages, 0);
   EXPECT_THAT(fake::Logs(), IsEmpty());
   EXPECT_EQ(fake::LiveObjects(fake::Kind::kParcel), 0);
