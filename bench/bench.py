@@ -53,7 +53,7 @@ def works():
 
 
 def scenario(models):
-    """Texts as those of bench/models.cc and bench/messages.h."""
+    """Texts as those of bench/model_texts.h."""
     return {
         "description": "models to measure with",
         "agent": {"licence": {"fill": "l", "bytes": 20 * 1024}},
@@ -107,7 +107,7 @@ def measure_query(work, build, world):
     limit = numbers([f"{build}/bench/query_limit", *arguments])
     ours = world.run(*arguments)
     if limit[0] != ours[0]:
-        sys.exit(f"bench.py: {work.name}: {ours[0]} bytes of text, not {limit[0]}")
+        sys.exit(f"bench.py: {work.name}: the client and the limit have not had the same answer")
     work.limit.append(limit[1:])
     work.ours.append(ours[1:])
 

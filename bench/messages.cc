@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "bench_world.h"
+#include "model_texts.h"
 #include "models.h"
 
 namespace {
@@ -40,7 +41,7 @@ std::string LevelMessage() {
 std::string LicenceMessage() {
   return Message([](rpc_port_parcel_h reply) {
     rpc_port_parcel_write_int32(reply, kReply);
-    rpc_port_parcel_write_string(reply, std::string(kLicenceSize, 'l').c_str());
+    rpc_port_parcel_write_string(reply, TextOfLicence().c_str());
   });
 }
 

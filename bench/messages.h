@@ -7,9 +7,6 @@
 
 // The agent's messages as they travel, length first.
 
-constexpr int kLevel = 11;
-constexpr std::size_t kLicenceSize = 20 * 1024;
-
 // Where a reply's value begins, a text's with its length: after the prefix and the command.
 constexpr std::size_t kReplyHead = 8;
 // Where a list begins: after the prefix, the command, delegate, sequence number, once and result.

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "bench_world.h"
+#include "checksum.h"
 #include "query_runs.h"
 
 namespace {
@@ -58,10 +59,10 @@ List AskModels() {
   return arrival.list;
 }
 
-std::size_t SizeOfTexts(List list) {
+std::uint64_t ChecksumOfList(List list) {
   int count = 0;
   Require(velmora_svcmgr_ai_model_list_get_size(list, &count) == 0, "count models");
-  std::size_t size = 0;
+  Checksum sum;
   for (int i = 0; i < count; ++i) {
     velmora_svcmgr_ai_model_info_h model = nullptr;
     Require(velmora_svcmgr_ai_model_list_get(list, i, &model) == 0, "look at a model");
@@ -70,12 +71,12 @@ std::size_t SizeOfTexts(List list) {
           velmora_svcmgr_ai_model_info_get_title, velmora_svcmgr_ai_model_info_get_description}) {
       char* text = nullptr;
       Require(get(model, &text) == 0, "look at a text");
-      size += std::strlen(text);
+      sum.Add(text);
       std::free(text);
     }
     velmora_svcmgr_ai_model_info_destroy(model);
   }
-  return size;
+  return sum.value();
 }
 
 void Release(List list) {
@@ -88,13 +89,11 @@ int main(int argc, char** argv) {
   const QueryRuns runs = ReadQueryRuns(argc, argv);
   Connect();
   if (runs.kind == "int32") {
-    RunQueries(runs.queries, AskLevel, [](int) { return std::size_t{0}; }, [](int) {});
+    RunQueries(runs.queries, AskLevel, ChecksumOf<int>, [](int) {});
   } else if (runs.kind == "licence") {
-    RunQueries(
-        runs.queries, AskLicence, [](char* text) { return std::strlen(text); },
-        [](char* text) { std::free(text); });
+    RunQueries(runs.queries, AskLicence, ChecksumOf<char*>, [](char* text) { std::free(text); });
   } else {
-    RunQueries(runs.queries, AskModels, SizeOfTexts, Release);
+    RunQueries(runs.queries, AskModels, ChecksumOfList, Release);
   }
   velmora_svcmgr_disconnect();
   return 0;

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "bench_world.h"
+#include "checksum.h"
 #include "messages.h"
 #include "query_runs.h"
 
@@ -114,7 +115,6 @@ class Records {
         text = static_cast<char*>(std::malloc(size));
         std::memcpy(text, message, size);
         message += size;
-        size_of_texts_ += size - 1;
       }
     }
   }
@@ -127,7 +127,13 @@ class Records {
   Records(Records&&) = default;
   Records& operator=(Records&&) = default;
 
-  std::size_t size_of_texts() const { return size_of_texts_; }
+  std::uint64_t ChecksumOfTexts() const {
+    Checksum sum;
+    for (const auto* record : records_) {
+      for (const char* text : *record) sum.Add(text);
+    }
+    return sum.value();
+  }
 
  private:
   static std::uint32_t Number(const char** from) {
@@ -138,7 +144,6 @@ class Records {
   }
 
   std::vector<std::array<char*, 4>*> records_;
-  std::size_t size_of_texts_ = 0;
 };
 
 int Number(const char* message) {
@@ -154,18 +159,17 @@ int main(int argc, char** argv) {
   if (runs.kind == "int32") {
     Client client(StartServer(LevelMessage()), 8);
     RunQueries(
-        runs.queries, [&] { return Number(client.Exchange()); }, [](int) { return std::size_t{0}; },
-        [](int) {});
+        runs.queries, [&] { return Number(client.Exchange()); }, ChecksumOf<int>, [](int) {});
   } else if (runs.kind == "licence") {
     Client client(StartServer(LicenceMessage()), 8);
     RunQueries(
         runs.queries, [&] { return strdup(client.Exchange() + kReplyHead + kPrefix); },
-        [](char* text) { return std::strlen(text); }, [](char* text) { std::free(text); });
+        ChecksumOf<char*>, [](char* text) { std::free(text); });
   } else {
     Client client(StartServer(ListMessage(2, runs.models)), 60);
     RunQueries(
         runs.queries, [&] { return Records(client.Exchange()); },
-        [](const Records& records) { return records.size_of_texts(); }, [](const Records&) {});
+        [](const Records& records) { return records.ChecksumOfTexts(); }, [](const Records&) {});
   }
   return 0;
 }

@@ -3,6 +3,7 @@
 #define BENCH_QUERY_RUNS_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -10,11 +11,11 @@
 
 #include "times.h"
 
-// What query_client and query_limit share: one kind of query, many times in a row.
+// What query_client, query_limit and the peers share: one kind of query, many times in a row.
 //
 //     PROGRAM int32|licence|models QUERIES MODELS
 //
-// prints the bytes of text in an answer, and then the nanoseconds of each query, a line each.
+// prints the checksum of an answer (see checksum.h), and then the nanoseconds of each query, a line each.
 
 struct QueryRuns {
   std::string kind;
@@ -31,19 +32,19 @@ inline QueryRuns ReadQueryRuns(int argc, char** argv) {
 }
 
 // Runs a kind of query. `ask` returns what `release` takes after the time has been read; the last
-// answer goes to `size_of_texts` before.
-template <typename Ask, typename SizeOfTexts, typename Release>
-void RunQueries(std::size_t queries, Ask ask, SizeOfTexts size_of_texts, Release release) {
+// answer goes to `checksum_of` before.
+template <typename Ask, typename ChecksumOfAnswer, typename Release>
+void RunQueries(std::size_t queries, Ask ask, ChecksumOfAnswer checksum_of, Release release) {
   std::vector<Clock::duration> times(queries);
-  std::size_t bytes = 0;
+  std::uint64_t checksum = 0;
   for (std::size_t i = 0; i < queries; ++i) {
     const auto start = Clock::now();
     auto answer = ask();
     times[i] = Clock::now() - start;
-    if (i + 1 == queries) bytes = size_of_texts(answer);
+    if (i + 1 == queries) checksum = checksum_of(answer);
     release(answer);
   }
-  std::printf("%zu\n", bytes);
+  std::printf("%llu\n", static_cast<unsigned long long>(checksum));
   PrintTimes(times);
 }
 

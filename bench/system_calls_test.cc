@@ -13,7 +13,7 @@
 #include <map>
 
 #include "bench_world.h"
-#include "messages.h"
+#include "model_texts.h"
 #include "servers.h"
 
 namespace {
