@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef BENCH_PEERS_PEER_RUNS_H_
+#define BENCH_PEERS_PEER_RUNS_H_
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "checksum.h"
+#include "model_texts.h"
+
+// What the programs of the peers share: the server's process, and what the client makes of a list.
+
+// A process that serves until this object goes, or the process that made it ends. It is made before
+// the peer's library has been touched: many cannot be forked.
+class PeerServer {
+ public:
+  // Calls `serve` in the new process, and returns once that has called its argument.
+  explicit PeerServer(const std::function<void(const std::function<void()>& ready)>& serve);
+  ~PeerServer();
+  PeerServer(const PeerServer&) = delete;
+  PeerServer& operator=(const PeerServer&) = delete;
+
+ private:
+  pid_t pid_;
+};
+
+// A folder for a server's socket, which goes with this object.
+class SocketFolder {
+ public:
+  SocketFolder();
+  ~SocketFolder();
+  SocketFolder(const SocketFolder&) = delete;
+  SocketFolder& operator=(const SocketFolder&) = delete;
+
+  std::string socket() const { return folder_ + "/socket"; }
+
+ private:
+  std::string folder_;
+};
+
+// An application's own list, which outlives the message that it came with.
+using ModelTextsList = std::vector<ModelTexts>;
+
+inline std::uint64_t ChecksumOfModels(const ModelTextsList& models) {
+  Checksum sum;
+  for (const ModelTexts& model : models) {
+    for (const auto* text : {&model.id, &model.version, &model.title, &model.description}) {
+      sum.Add(*text);
+    }
+  }
+  return sum.value();
+}
+
+// ---- Events -------------------------------------------------------------------------------------
+
+constexpr char kEventName[] = "event.com.velmora.svcmgr.update_status";
+constexpr std::size_t kEventBytes = 64;
+
+// A process that sends an event each time it is told to, and the times from there to the callback.
+class EventTimes {
+ public:
+  // `connect` is called in the sender's process, and returns what sends one event there. To be made
+  // before the peer's library has been touched, as a server.
+  explicit EventTimes(const std::function<std::function<void()>()>& connect);
+  ~EventTimes();
+  EventTimes(const EventTimes&) = delete;
+  EventTimes& operator=(const EventTimes&) = delete;
+
+  // Has one event sent.
+  void Ask();
+  // To be called by the callback. Ends the process unless it is the event that was sent.
+  void Arrived(const char* name, const void* data, std::size_t size);
+  bool has_arrived() const { return has_arrived_; }
+  // One line with the number of events, and one with the nanoseconds of each.
+  void Print() const;
+
+ private:
+  using Clock = std::chrono::steady_clock;  // the same in all processes
+  struct Shared {
+    Clock::time_point sent;
+  };
+
+  Shared* shared_;
+  int ask_;
+  pid_t pid_;
+  bool has_arrived_ = false;
+  std::vector<Clock::duration> times_;
+};
+
+// The bytes that travel with an event.
+std::string EventData();
+
+#endif  // BENCH_PEERS_PEER_RUNS_H_
