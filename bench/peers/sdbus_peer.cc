@@ -199,7 +199,10 @@ int OnSignal(sd_bus_message* signal, void* times, sd_bus_error*) {
 }
 
 std::function<void()> ConnectSender() {
-  return [bus = OpenBus()] {
+  sd_bus* const bus = OpenBus();
+  Check(sd_bus_flush(bus),
+        "greet the bus");  // what is sent before waits for somebody to process it
+  return [bus] {
     const std::string data = EventData();
     sd_bus_message* signal = nullptr;
     Check(sd_bus_message_new_signal(bus, &signal, kPath, kInterface, kSignal), "make a signal");

@@ -1,0 +1,110 @@
+// SPDX-License-Identifier: Apache-2.0
+// Makes an application's list of the bytes of a message, many times in a row:
+//
+//     decode_peer protobuf|gvariant|capnp|capnp-in-place TIMES MODELS
+//
+// prints the checksum of the list, and then the nanoseconds of each time. Each list is the application's
+// own, so that no message is used again for the next one.
+
+#include <capnp/message.h>
+#include <capnp/serialize.h>
+#include <glib.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "bench_world.h"
+#include "capnp_models.h"
+#include "peer_runs.h"
+#include "proto_models.h"
+#include "query_runs.h"
+
+namespace {
+
+void RunProtobuf(const QueryRuns& runs) {
+  const std::string bytes = MakeProtoModels(runs.models).SerializeAsString();
+  const auto decode = [&] {
+    peers::proto::ModelList list;
+    Require(list.ParseFromString(bytes), "read a list");
+    return list;
+  };
+  RunQueries(runs.queries, decode, ChecksumOfProtoModels, [](const peers::proto::ModelList&) {});
+}
+
+GBytes* GVariantBytes(int count) {
+  GVariantBuilder builder;
+  g_variant_builder_init(&builder, G_VARIANT_TYPE("a(ssss)"));
+  for (const ModelTexts& model : TextsOfModels(count)) {
+    g_variant_builder_add(&builder, "(ssss)", model.id.c_str(), model.version.c_str(),
+                          model.title.c_str(), model.description.c_str());
+  }
+  GVariant* const models = g_variant_ref_sink(g_variant_builder_end(&builder));
+  GBytes* const bytes = g_variant_get_data_as_bytes(models);
+  g_variant_unref(models);
+  return bytes;
+}
+
+ModelTextsList DecodeGVariant(GBytes* bytes) {
+  // From somebody else: not trusted.
+  GVariant* const models =
+      g_variant_ref_sink(g_variant_new_from_bytes(G_VARIANT_TYPE("a(ssss)"), bytes, FALSE));
+  ModelTextsList list;
+  list.reserve(g_variant_n_children(models));
+  GVariantIter iter;
+  g_variant_iter_init(&iter, models);
+  const gchar *id, *version, *title, *description;
+  while (g_variant_iter_loop(&iter, "(&s&s&s&s)", &id, &version, &title, &description)) {
+    list.push_back({id, version, title, description});
+  }
+  g_variant_unref(models);
+  return list;
+}
+
+void RunGVariant(const QueryRuns& runs) {
+  GBytes* const bytes = GVariantBytes(runs.models);
+  RunQueries(
+      runs.queries, [&] { return DecodeGVariant(bytes); }, ChecksumOfModels,
+      [](const ModelTextsList&) {});
+  g_bytes_unref(bytes);
+}
+
+void RunCapnp(const QueryRuns& runs, bool in_place) {
+  capnp::MallocMessageBuilder message;
+  BuildModels(message.initRoot<peers::capnproto::ModelList>(), runs.models);
+  const kj::Array<capnp::word> words = capnp::messageToFlatArray(message);
+  const auto reader = [&] { return kj::heap<capnp::FlatArrayMessageReader>(words); };
+  const auto list_of = [](capnp::FlatArrayMessageReader& from) {
+    return from.getRoot<peers::capnproto::ModelList>();
+  };
+  if (in_place) {
+    using Reader = kj::Own<capnp::FlatArrayMessageReader>;
+    const auto look_up = [&] {
+      Reader own = reader();
+      Require(SizeOfTexts(list_of(*own)) > 0, "read a list");
+      return own;
+    };
+    RunQueries(
+        runs.queries, look_up, [&](Reader& own) { return ChecksumOfReader(list_of(*own)); },
+        [](const Reader&) {});
+  } else {
+    RunQueries(
+        runs.queries, [&] { return CopyOf(list_of(*reader())); }, ChecksumOfModels,
+        [](const ModelTextsList&) {});
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const QueryRuns runs = ReadQueryRuns(argc, argv);
+  if (runs.kind == "protobuf") {
+    RunProtobuf(runs);
+  } else if (runs.kind == "gvariant") {
+    RunGVariant(runs);
+  } else {
+    RunCapnp(runs, runs.kind == "capnp-in-place");
+  }
+  return 0;
+}

@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: Apache-2.0
+// gRPC over a Unix socket, as its manual does it: the callback API for a server, which its guide to
+// performance recommends, and a synchronous stub.
+//
+//     grpc_peer int32|licence|models QUERIES MODELS    see query_runs.h
+
+#include <grpcpp/grpcpp.h>
+#include <models.grpc.pb.h>
+
+#include <memory>
+#include <string>
+
+#include "bench_world.h"
+#include "peer_runs.h"
+#include "proto_models.h"
+#include "query_runs.h"
+
+namespace {
+
+using peers::proto::Agent;
+using peers::proto::ModelList;
+using peers::proto::Nothing;
+using peers::proto::Number;
+using peers::proto::Text;
+
+class Service final : public Agent::CallbackService {
+ public:
+  explicit Service(int models) : models_(MakeProtoModels(models)) {}
+
+  grpc::ServerUnaryReactor* Int32(grpc::CallbackServerContext* context, const Nothing*,
+                                  Number* reply) override {
+    reply->set_value(kLevel);
+    return Finish(context);
+  }
+  grpc::ServerUnaryReactor* Licence(grpc::CallbackServerContext* context, const Nothing*,
+                                    Text* reply) override {
+    reply->set_value(licence_);
+    return Finish(context);
+  }
+  grpc::ServerUnaryReactor* Models(grpc::CallbackServerContext* context, const Nothing*,
+                                   ModelList* reply) override {
+    *reply = models_;
+    return Finish(context);
+  }
+
+ private:
+  static grpc::ServerUnaryReactor* Finish(grpc::CallbackServerContext* context) {
+    grpc::ServerUnaryReactor* const reactor = context->DefaultReactor();
+    reactor->Finish(grpc::Status::OK);
+    return reactor;
+  }
+
+  std::string licence_ = TextOfLicence();
+  ModelList models_;
+};
+
+void Serve(const std::string& address, int models, const std::function<void()>& ready) {
+  Service service(models);
+  grpc::ServerBuilder builder;
+  builder.AddListeningPort(address, grpc::InsecureServerCredentials());
+  builder.RegisterService(&service);
+  const std::unique_ptr<grpc::Server> server = builder.BuildAndStart();
+  Require(server != nullptr, "serve");
+  ready();
+  server->Wait();
+}
+
+class Client {
+ public:
+  explicit Client(const std::string& address)
+      : stub_(Agent::NewStub(grpc::CreateChannel(address, grpc::InsecureChannelCredentials()))) {}
+
+  int AskInt32() const { return Call<Number>(&Agent::Stub::Int32).value(); }
+  std::string AskLicence() const {
+    Text text = Call<Text>(&Agent::Stub::Licence);
+    return std::move(*text.mutable_value());
+  }
+  ModelList AskModels() const { return Call<ModelList>(&Agent::Stub::Models); }
+
+ private:
+  template <typename Reply>
+  Reply Call(grpc::Status (Agent::Stub::*method)(grpc::ClientContext*, const Nothing&,
+                                                 Reply*)) const {
+    grpc::ClientContext context;
+    Reply reply;
+    const grpc::Status status = (stub_.get()->*method)(&context, Nothing(), &reply);
+    if (!status.ok()) std::fprintf(stderr, "%s\n", status.error_message().c_str());
+    Require(status.ok(), "call");
+    return reply;
+  }
+
+  std::unique_ptr<Agent::Stub> stub_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const QueryRuns runs = ReadQueryRuns(argc, argv);
+  const SocketFolder folder;
+  const std::string address = "unix:" + folder.socket();
+  const PeerServer server(
+      [&](const std::function<void()>& ready) { Serve(address, runs.models, ready); });
+  const Client client(address);
+  if (runs.kind == "int32") {
+    RunQueries(runs.queries, [&] { return client.AskInt32(); }, ChecksumOf<int>, [](int) {});
+  } else if (runs.kind == "licence") {
+    RunQueries(
+        runs.queries, [&] { return client.AskLicence(); }, ChecksumOf<std::string>,
+        [](const std::string&) {});
+  } else {
+    RunQueries(
+        runs.queries, [&] { return client.AskModels(); }, ChecksumOfProtoModels,
+        [](const ModelList&) {});
+  }
+  return 0;
+}
