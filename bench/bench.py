@@ -2,10 +2,11 @@
 # SPDX-License-Identifier: Apache-2.0
 """Measures all that docs/performance.md promises, and prints one table.
 
-    bench.py BUILD RESULTS [ROUNDS]
+    bench.py BUILD RESULTS [--peers] [ROUNDS]
 
 BUILD is the folder of an optimised build with the benches. RESULTS is a folder: results.json holds
-every round, ratios.svg and growth.svg show them.
+every round, ratios.svg and growth.svg show them. With --peers, other programs do the same work in
+the same rounds (see peers/peers.py).
 
 Work and its limit run in turns, each time in processes of their own, all on one CPU and, where that
 is permitted, before everything else on it.
@@ -20,6 +21,8 @@ import subprocess
 import sys
 import tempfile
 from dataclasses import dataclass, field
+
+from peers import peers as peers_module
 
 SIZES = (10, 100, 1000, 10000)
 
@@ -215,7 +218,7 @@ def growth(all_works):
                "target": 1.2}
 
 
-PLOTS = """
+RATIOS = """
 set terminal svg size 900,480 font 'sans-serif,12'
 set output '{folder}/ratios.svg'
 set title 'multiples of the limit, with the lowest and highest round'
@@ -224,6 +227,9 @@ set yrange [0:*]; set xtics rotate by 30 right; set grid y; set boxwidth 0.6; se
 plot $ratios using 0:2:xtic(1) with boxes fill solid 0.4 title 'measured', \\
      $ratios using 0:2:3:4 with yerrorbars lc 'black' notitle, \\
      $ratios using 0:5 with points pt 9 lc 'red' title 'target'
+"""
+GROWTH = """
+set terminal svg size 900,480 font 'sans-serif,12'
 set output '{folder}/growth.svg'
 set title 'microseconds as a list grows'
 set style data linespoints
@@ -233,7 +239,7 @@ plot $growth using 1:2 title 'query, limit', $growth using 1:3 title 'query', \\
 """
 
 
-def plot(all_works, folder):
+def plot(all_works, peers, folder):
     ratios = "\n".join(
         f'"{work.name}" {statistics.median(work.ratios)} {min(work.ratios)} {max(work.ratios)} {work.target}'
         for work in all_works)
@@ -244,13 +250,17 @@ def plot(all_works, folder):
                  (query.models, microseconds(query.limit), microseconds(query.ours),
                   microseconds(conversion.limit), microseconds(conversion.ours)))
         for query, conversion in zip(queries, conversions))
-    program = f"$ratios <<EOD\n{ratios}\nEOD\n$growth <<EOD\n{rows}\nEOD\n" + PLOTS.format(folder=folder)
+    program = f"$ratios <<EOD\n{ratios}\nEOD\n$growth <<EOD\n{rows}\nEOD\n"
+    program += peers_module.plot(all_works, peers, folder) if peers else RATIOS.format(folder=folder)
+    program += GROWTH.format(folder=folder)
     subprocess.run(["gnuplot"], input=program, text=True, check=True)
 
 
 def main():
     build, results = (os.path.abspath(folder) for folder in sys.argv[1:3])
-    rounds = int(sys.argv[3]) if len(sys.argv) > 3 else 7
+    options = sys.argv[3:]
+    with_peers = "--peers" in options
+    rounds = int(next((option for option in options if option != "--peers"), 7))
     os.makedirs(results, exist_ok=True)
     priority = settle_down()
     print(f"{rounds} rounds, on one CPU, {priority}", flush=True)
@@ -258,6 +268,7 @@ def main():
     with tempfile.TemporaryDirectory() as folder:
         make_files(f"{folder}/files")
         worlds = {models: World(build, folder, models) for models in SIZES}
+        peers = peers_module.Peers(build, folder, f"{folder}/files") if with_peers else None
         for _ in range(rounds):
             for work in all_works:
                 if work.kind == "scan":
@@ -266,18 +277,25 @@ def main():
                     measure_query(work, build, worlds[work.models])
                 else:
                     measure_conversion(work, build, folder)
+                if peers:
+                    peers.measure(work)
+        if peers:
+            peers.close()
         for world in worlds.values():
             world.close()
     others = list(growth(all_works)) + list(other_promises(build, rounds))
     print_table(all_works, others)
+    if peers:
+        peers.print_table()
     with open(f"{results}/results.json", "w", encoding="utf-8") as stream:
         json.dump({"rounds": rounds, "priority": priority, "others": others,
+                   "peers": peers.results() if peers else [],
                    "works": [{"name": work.name, "target": work.target, "ratios": work.ratios,
                               "limit": [statistics.median(times) for times in work.limit],
                               "ours": [statistics.median(times) for times in work.ours],
                               "first": [times[0] for times in work.ours]} for work in all_works]},
                   stream, indent=1)
-    plot(all_works, results)
+    plot(all_works, peers, results)
     print(f"{results}/results.json, ratios.svg, growth.svg")
 
 
