@@ -10,7 +10,6 @@
 
 #include <rpc-port-desktop.h>
 
-#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -20,6 +19,7 @@
 #include "bench_world.h"
 #include "models.h"
 #include "times.h"
+#include "two_records.h"
 
 namespace {
 
@@ -61,8 +61,6 @@ class Library {
 
 // ---- The limit ----------------------------------------------------------------------------------
 
-using Record = std::array<char*, 4>;
-
 // A list without checks and logs: each text is read as the platform hands it out, all go into one
 // block, and from there into the two records of its model. One of them is kept for good.
 class Limit {
@@ -82,30 +80,18 @@ class Limit {
     }
     const char* text = texts.data();
     for (int i = 0; i < models; ++i) {
-      auto* const kept = static_cast<Record*>(std::calloc(1, sizeof(Record)));
-      for (char*& field : *kept) {
-        field = strdup(text);
+      TwoRecords::Texts fields = {};
+      for (const char*& field : fields) {
+        field = text;
         text += std::strlen(text) + 1;
       }
-      kept_.push_back(kept);
-      auto* const listed = static_cast<Record*>(std::calloc(1, sizeof(Record)));
-      for (std::size_t field = 0; field < kept->size(); ++field) {
-        (*listed)[field] = strdup((*kept)[field]);
-      }
-      list_.push_back(listed);
+      records_.Add(fields);
     }
   }
-  void Release() {
-    for (Record* record : list_) {
-      for (char* text : *record) std::free(text);
-      std::free(record);
-    }
-    list_.clear();
-  }
+  void Release() { records_.ReleaseList(); }
 
  private:
-  std::vector<Record*> kept_;
-  std::vector<Record*> list_;
+  TwoRecords records_;
 };
 
 // -------------------------------------------------------------------------------------------------

@@ -9,6 +9,7 @@
 
 #include "checksum.h"
 #include "peer_runs.h"
+#include "two_records.h"
 
 // Lists of models as Cap'n Proto has them: read in the message, as its manual does it, or copied, for
 // what outlives the message.
@@ -58,6 +59,13 @@ inline ModelTextsList CopyOf(peers::capnproto::ModelList::Reader list) {
                       CopyOf(model.getDescription())});
   }
   return models;
+}
+
+inline void MakeRecords(peers::capnproto::ModelList::Reader list, TwoRecords* records) {
+  for (const auto model : list.getModels()) {
+    records->Add({model.getId().cStr(), model.getVersion().cStr(), model.getTitle().cStr(),
+                  model.getDescription().cStr()});
+  }
 }
 
 #endif  // BENCH_PEERS_CAPNP_MODELS_H_

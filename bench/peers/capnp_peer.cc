@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Cap'n Proto's RPC over a Unix socket, as its manual does it: EzRpcServer and EzRpcClient.
 //
-//     capnp_peer copied|in-place int32|licence|models QUERIES MODELS    see query_runs.h
+//     capnp_peer copied|in-place|records int32|licence|models QUERIES MODELS    see query_runs.h
 
 #include <capnp/ez-rpc.h>
 #include <capnp/message.h>
@@ -97,6 +97,10 @@ int main(int argc, char** argv) {
     RunQueries(
         runs.queries, [&] { return client.AskLicence(); }, ChecksumOf<std::string>,
         [](const std::string&) {});
+  } else if (way == "records") {
+    RunQueriesForRecords(runs.queries, [&](TwoRecords* records) {
+      MakeRecords(client.AskModels().getValue(), records);
+    });
   } else if (way == "in-place") {
     RunQueries(
         runs.queries, [&] { return AskInPlace(client); },

@@ -2,9 +2,11 @@
 // Makes an application's list of the bytes of a message, many times in a row:
 //
 //     decode_peer protobuf|gvariant|capnp|capnp-in-place TIMES MODELS
+//     decode_peer protobuf-records|gvariant-records|capnp-records TIMES MODELS
 //
 // prints the checksum of the list, and then the nanoseconds of each time. Each list is the application's
-// own, so that no message is used again for the next one.
+// own, so that no message is used again for the next one. With "-records" it ends with the records that
+// the library would have to make.
 
 #include <capnp/message.h>
 #include <capnp/serialize.h>
@@ -30,6 +32,16 @@ void RunProtobuf(const QueryRuns& runs) {
     Require(list.ParseFromString(bytes), "read a list");
     return list;
   };
+  if (runs.kind == "protobuf-records") {
+    RunQueriesForRecords(runs.queries, [&](TwoRecords* records) {
+      const peers::proto::ModelList list = decode();
+      for (const peers::proto::Model& model : list.models()) {
+        records->Add({model.id().c_str(), model.version().c_str(), model.title().c_str(),
+                      model.description().c_str()});
+      }
+    });
+    return;
+  }
   RunQueries(runs.queries, decode, ChecksumOfProtoModels, [](const peers::proto::ModelList&) {});
 }
 
@@ -46,31 +58,45 @@ GBytes* GVariantBytes(int count) {
   return bytes;
 }
 
-ModelTextsList DecodeGVariant(GBytes* bytes) {
+// Calls `start` with the number of models, and `add` with the texts of each.
+template <typename Start, typename Add>
+void DecodeGVariant(GBytes* bytes, Start start, Add add) {
   // From somebody else: not trusted.
   GVariant* const models =
       g_variant_ref_sink(g_variant_new_from_bytes(G_VARIANT_TYPE("a(ssss)"), bytes, FALSE));
-  ModelTextsList list;
-  list.reserve(g_variant_n_children(models));
+  start(g_variant_n_children(models));
   GVariantIter iter;
   g_variant_iter_init(&iter, models);
   const gchar *id, *version, *title, *description;
   while (g_variant_iter_loop(&iter, "(&s&s&s&s)", &id, &version, &title, &description)) {
-    list.push_back({id, version, title, description});
+    add(id, version, title, description);
   }
   g_variant_unref(models);
+}
+
+ModelTextsList ListOfGVariant(GBytes* bytes) {
+  ModelTextsList list;
+  DecodeGVariant(
+      bytes, [&](std::size_t count) { list.reserve(count); },
+      [&](auto... texts) { list.push_back({texts...}); });
   return list;
 }
 
 void RunGVariant(const QueryRuns& runs) {
   GBytes* const bytes = GVariantBytes(runs.models);
+  if (runs.kind == "gvariant-records") {
+    RunQueriesForRecords(runs.queries, [&](TwoRecords* records) {
+      DecodeGVariant(bytes, [](std::size_t) {}, [&](auto... texts) { records->Add({texts...}); });
+    });
+    return;
+  }
   RunQueries(
-      runs.queries, [&] { return DecodeGVariant(bytes); }, ChecksumOfModels,
+      runs.queries, [&] { return ListOfGVariant(bytes); }, ChecksumOfModels,
       [](const ModelTextsList&) {});
   g_bytes_unref(bytes);
 }
 
-void RunCapnp(const QueryRuns& runs, bool in_place) {
+void RunCapnp(const QueryRuns& runs) {
   capnp::MallocMessageBuilder message;
   BuildModels(message.initRoot<peers::capnproto::ModelList>(), runs.models);
   const kj::Array<capnp::word> words = capnp::messageToFlatArray(message);
@@ -78,7 +104,10 @@ void RunCapnp(const QueryRuns& runs, bool in_place) {
   const auto list_of = [](capnp::FlatArrayMessageReader& from) {
     return from.getRoot<peers::capnproto::ModelList>();
   };
-  if (in_place) {
+  if (runs.kind == "capnp-records") {
+    RunQueriesForRecords(runs.queries,
+                         [&](TwoRecords* records) { MakeRecords(list_of(*reader()), records); });
+  } else if (runs.kind == "capnp-in-place") {
     using Reader = kj::Own<capnp::FlatArrayMessageReader>;
     const auto look_up = [&] {
       Reader own = reader();
@@ -99,12 +128,12 @@ void RunCapnp(const QueryRuns& runs, bool in_place) {
 
 int main(int argc, char** argv) {
   const QueryRuns runs = ReadQueryRuns(argc, argv);
-  if (runs.kind == "protobuf") {
+  if (runs.kind.starts_with("protobuf")) {
     RunProtobuf(runs);
-  } else if (runs.kind == "gvariant") {
+  } else if (runs.kind.starts_with("gvariant")) {
     RunGVariant(runs);
   } else {
-    RunCapnp(runs, runs.kind == "capnp-in-place");
+    RunCapnp(runs);
   }
   return 0;
 }

@@ -13,6 +13,8 @@
 
 #include "checksum.h"
 #include "model_texts.h"
+#include "query_runs.h"
+#include "two_records.h"
 
 // What the programs of the peers share: the server's process, and what the client makes of a list.
 
@@ -55,6 +57,23 @@ inline std::uint64_t ChecksumOfModels(const ModelTextsList& models) {
     }
   }
   return sum.value();
+}
+
+// Runs queries that end with the records that the library would have to make: `make` adds those of
+// an answer.
+inline void RunQueriesForRecords(std::size_t queries,
+                                 const std::function<void(TwoRecords*)>& make) {
+  TwoRecords records;
+  const auto ask = [&] {
+    make(&records);
+    return &records;
+  };
+  const auto checksum_of = [](const TwoRecords* made) {
+    Checksum sum;
+    made->ForEachText([&](const char* text) { sum.Add(text); });
+    return sum.value();
+  };
+  RunQueries(queries, ask, checksum_of, [](TwoRecords* made) { made->ReleaseList(); });
 }
 
 // ---- Events -------------------------------------------------------------------------------------

@@ -13,7 +13,7 @@ import sys
 from dataclasses import dataclass, field
 
 # How often in a round, by the models of a list.
-TIMES = {10: 500, 100: 200, 1000: 51, 10000: 11}
+TIMES = {10: 500, 100: 200, 1000: 51, 10000: 31}
 
 
 @dataclass
@@ -31,6 +31,7 @@ CALLS = (
     Peer("gRPC", ["grpc_peer"]),
     Peer("Cap'n Proto", ["capnp_peer", "copied"]),
     Peer("Cap'n Proto, read in place", ["capnp_peer", "in-place"], lists_only=True),
+    Peer("Cap'n Proto, two records", ["capnp_peer", "records"], lists_only=True),
     Peer("ZeroMQ", ["zmq_peer"]),
 )
 DECODERS = (
@@ -38,6 +39,10 @@ DECODERS = (
     Peer("GVariant", ["decode_peer", "gvariant"]),
     Peer("Cap'n Proto", ["decode_peer", "capnp"]),
     Peer("Cap'n Proto, read in place", ["decode_peer", "capnp-in-place"]),
+    # Until all is made that the library makes.
+    Peer("protobuf, two records", ["decode_peer", "protobuf-records"]),
+    Peer("GVariant, two records", ["decode_peer", "gvariant-records"]),
+    Peer("Cap'n Proto, two records", ["decode_peer", "capnp-records"]),
 )
 EVENTS = (
     Peer("GDBus", ["gdbus_peer", "daemon", "event"]),
@@ -210,5 +215,5 @@ def plot(all_works, peers, folder):
             for row in rows)
         blocks.append(f"$peer{number} <<EOD\n{lines}\nEOD\n")
         title = name.replace("'", "''")
-        points.append(f"$peer{number} with yerrorbars pt {number % 13 + 1} lc {number + 1} title '{title}'")
+        points.append(f"$peer{number} with yerrorbars pt {number + 1} lc {number + 1} title '{title}'")
     return "".join(blocks) + PLOT.format(folder=folder, peers=", \\\n     ".join(points))
