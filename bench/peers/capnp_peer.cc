@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Cap'n Proto's RPC over a Unix socket, as its manual does it: EzRpcServer and EzRpcClient.
 //
-//     capnp_peer copied|in-place|records int32|licence|models QUERIES MODELS    see query_runs.h
+//     capnp_peer copied int32|licence|models QUERIES MODELS    see query_runs.h
+//     capnp_peer in-place|records models QUERIES MODELS
 
 #include <capnp/ez-rpc.h>
 #include <capnp/message.h>
@@ -17,6 +18,7 @@ namespace {
 
 using peers::capnproto::Agent;
 using peers::capnproto::ModelList;
+using ModelsResponse = capnp::Response<Agent::ModelsResults>;
 
 class Server final : public Agent::Server {
  public:
@@ -61,9 +63,8 @@ class Client {
     const auto response = agent_.licenceRequest().send().wait(scope());
     return CopyOf(response.getValue());
   }
-  capnp::Response<Agent::ModelsResults> AskModels() {
-    return agent_.modelsRequest().send().wait(scope());
-  }
+  ModelTextsList AskModels() { return CopyOf(AskForMessage().getValue()); }
+  ModelsResponse AskForMessage() { return agent_.modelsRequest().send().wait(scope()); }
 
  private:
   kj::WaitScope& scope() { return client_.getWaitScope(); }
@@ -72,11 +73,9 @@ class Client {
   Agent::Client agent_;
 };
 
-using ModelsResponse = capnp::Response<Agent::ModelsResults>;
-
 // Until each text has been looked up in the message, which stays.
 ModelsResponse AskInPlace(Client& client) {
-  ModelsResponse response = client.AskModels();
+  ModelsResponse response = client.AskForMessage();
   Require(SizeOfTexts(response.getValue()) > 0, "read a list");
   return response;
 }
@@ -84,22 +83,17 @@ ModelsResponse AskInPlace(Client& client) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::string way = argc > 1 ? argv[1] : "";
-  const QueryRuns runs = ReadQueryRuns(argc - 1, argv + 1);
+  const auto arguments = ReadPeerRuns(argc, argv, "copied|in-place|records");
+  const std::string& way = arguments.way;
+  const QueryRuns& runs = arguments.queries;
   const SocketFolder folder;
   const std::string address = "unix:" + folder.socket();
   const PeerServer server(
       [&](const std::function<void()>& ready) { Serve(address, runs.models, ready); });
   Client client(address);
-  if (runs.kind == "int32") {
-    RunQueries(runs.queries, [&] { return client.AskInt32(); }, ChecksumOf<int>, [](int) {});
-  } else if (runs.kind == "licence") {
-    RunQueries(
-        runs.queries, [&] { return client.AskLicence(); }, ChecksumOf<std::string>,
-        [](const std::string&) {});
-  } else if (way == "records") {
+  if (way == "records") {
     RunQueriesForRecords(runs.queries, [&](TwoRecords* records) {
-      MakeRecords(client.AskModels().getValue(), records);
+      MakeRecords(client.AskForMessage().getValue(), records);
     });
   } else if (way == "in-place") {
     RunQueries(
@@ -107,9 +101,7 @@ int main(int argc, char** argv) {
         [](const ModelsResponse& response) { return ChecksumOfReader(response.getValue()); },
         [](const ModelsResponse&) {});
   } else {
-    RunQueries(
-        runs.queries, [&] { return CopyOf(client.AskModels().getValue()); }, ChecksumOfModels,
-        [](const ModelTextsList&) {});
+    RunKind(runs, client, ChecksumOfModels);
   }
   return 0;
 }

@@ -133,6 +133,7 @@ int main(int argc, char** argv) {
   } else if (runs.kind.starts_with("gvariant")) {
     RunGVariant(runs);
   } else {
+    Require(runs.kind.starts_with("capnp"), "decode that");
     RunCapnp(runs);
   }
   return 0;

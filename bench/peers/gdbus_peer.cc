@@ -165,26 +165,12 @@ class Client {
   const char* name_;  // on the bus; null: there is none
 };
 
-void Run(const QueryRuns& runs, const Client& client) {
-  if (runs.kind == "int32") {
-    RunQueries(runs.queries, [&] { return client.AskInt32(); }, ChecksumOf<int>, [](int) {});
-  } else if (runs.kind == "licence") {
-    RunQueries(
-        runs.queries, [&] { return client.AskLicence(); }, ChecksumOf<std::string>,
-        [](const std::string&) {});
-  } else {
-    RunQueries(
-        runs.queries, [&] { return client.AskModels(); }, ChecksumOfModels,
-        [](const ModelTextsList&) {});
-  }
-}
-
 void RunByDaemon(const QueryRuns& runs) {
   const PeerServer server([&](const Ready& ready) {
     Answers answers(runs.models);
     ServeBus(&answers, ready);
   });
-  Run(runs, {OpenBus(), kName});
+  RunKind(runs, Client(OpenBus(), kName), ChecksumOfModels);
 }
 
 void RunDirectly(const QueryRuns& runs) {
@@ -198,7 +184,7 @@ void RunDirectly(const QueryRuns& runs) {
   GDBusConnection* const connection = g_dbus_connection_new_for_address_sync(
       address.c_str(), G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT, nullptr, nullptr, &error);
   Check(error, "connect");
-  Run(runs, {connection, nullptr});
+  RunKind(runs, Client(connection, nullptr), ChecksumOfModels);
 }
 
 // ---- Events -------------------------------------------------------------------------------------
@@ -250,8 +236,7 @@ void RunEvents(std::size_t count) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::string way = argc > 1 ? argv[1] : "";
-  const QueryRuns runs = ReadQueryRuns(argc - 1, argv + 1);
+  const auto [way, runs] = ReadPeerRuns(argc, argv, "daemon|direct");
   if (runs.kind == "event") {
     RunEvents(runs.queries);
   } else if (way == "daemon") {

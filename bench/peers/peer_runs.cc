@@ -40,6 +40,15 @@ void EndProcess(pid_t pid) {
 
 }  // namespace
 
+PeerRuns ReadPeerRuns(int argc, char** argv, const std::string& ways) {
+  const std::string all = "|" + ways + "|";
+  if (argc != 5 || all.find("|" + std::string(argv[1]) + "|") == std::string::npos) {
+    std::fprintf(stderr, "usage: %s %s KIND TIMES MODELS\n", argv[0], ways.c_str());
+    std::exit(2);
+  }
+  return {argv[1], ReadQueryRuns(argc - 1, argv + 1)};
+}
+
 PeerServer::PeerServer(const std::function<void(const std::function<void()>& ready)>& serve) {
   const Pipe pipe;
   pid_ = StartProcess([&] {
@@ -109,10 +118,7 @@ void EventTimes::Arrived(const char* name, const void* data, std::size_t size) {
 
 void EventTimes::Print() const {
   std::printf("%zu\n", times_.size());
-  for (const auto time : times_) {
-    std::printf("%lld\n", static_cast<long long>(
-                              std::chrono::duration_cast<std::chrono::nanoseconds>(time).count()));
-  }
+  PrintTimes(times_);
 }
 
 std::string EventData() { return std::string(kEventBytes, 'e'); }

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_world.h"
 #include "checksum.h"
 #include "model_texts.h"
 #include "query_runs.h"
@@ -46,6 +47,15 @@ class SocketFolder {
   std::string folder_;
 };
 
+struct PeerRuns {
+  std::string way;
+  QueryRuns queries;
+};
+
+// One of the `ways`, which bars separate, and then what query_runs.h says. Ends the process with a
+// message if there is no such way.
+PeerRuns ReadPeerRuns(int argc, char** argv, const std::string& ways);
+
 // An application's own list, which outlives the message that it came with.
 using ModelTextsList = std::vector<ModelTexts>;
 
@@ -57,6 +67,20 @@ inline std::uint64_t ChecksumOfModels(const ModelTextsList& models) {
     }
   }
   return sum.value();
+}
+
+// Runs the queries of one kind by a client that asks for each.
+template <typename Client, typename ChecksumOfList>
+void RunKind(const QueryRuns& runs, Client&& client, ChecksumOfList checksum_of_list) {
+  const auto nothing = [](const auto&) {};
+  if (runs.kind == "int32") {
+    RunQueries(runs.queries, [&] { return client.AskInt32(); }, ChecksumOf<int>, nothing);
+  } else if (runs.kind == "licence") {
+    RunQueries(runs.queries, [&] { return client.AskLicence(); }, ChecksumOf<std::string>, nothing);
+  } else {
+    Require(runs.kind == "models", "ask for that");
+    RunQueries(runs.queries, [&] { return client.AskModels(); }, checksum_of_list, nothing);
+  }
 }
 
 // Runs queries that end with the records that the library would have to make: `make` adds those of

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "bench_world.h"
+#include "query_runs.h"
 
 namespace {
 
@@ -145,10 +146,7 @@ std::size_t CountLines(const std::string& output, const std::string& beginning) 
 
 void Print(std::size_t found, const std::vector<Clock::duration>& times) {
   std::printf("%zu\n", found);
-  for (const auto time : times) {
-    std::printf("%lld\n", static_cast<long long>(
-                              std::chrono::duration_cast<std::chrono::nanoseconds>(time).count()));
-  }
+  PrintTimes(times);
 }
 
 }  // namespace
@@ -168,6 +166,7 @@ int main(int argc, char** argv) {
     return 0;
   }
   const bool is_readelf = with == "readelf";
+  Require(is_readelf || with == "scanelf", "look with that");
   // A name that no section has, so that all are looked at; the files' own name is in each one in ELF.
   const Command command = is_readelf ? Readelf(folder) : Scanelf(folder, ".kyr");
   const Command start = Command({with, "--version"});

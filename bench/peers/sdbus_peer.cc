@@ -139,20 +139,6 @@ class Client {
   const char* name_;  // on the bus; null: there is none
 };
 
-void Run(const QueryRuns& runs, const Client& client) {
-  if (runs.kind == "int32") {
-    RunQueries(runs.queries, [&] { return client.AskInt32(); }, ChecksumOf<int>, [](int) {});
-  } else if (runs.kind == "licence") {
-    RunQueries(
-        runs.queries, [&] { return client.AskLicence(); }, ChecksumOf<std::string>,
-        [](const std::string&) {});
-  } else {
-    RunQueries(
-        runs.queries, [&] { return client.AskModels(); }, ChecksumOfModels,
-        [](const ModelTextsList&) {});
-  }
-}
-
 void RunByDaemon(const QueryRuns& runs) {
   const PeerServer server([&](const Ready& ready) {
     Answers answers{.models = TextsOfModels(runs.models)};
@@ -160,7 +146,7 @@ void RunByDaemon(const QueryRuns& runs) {
     Check(sd_bus_request_name(bus, kName, 0), "own a name");
     Serve(bus, &answers, ready);
   });
-  Run(runs, {OpenBus(), kName});
+  RunKind(runs, Client(OpenBus(), kName), ChecksumOfModels);
 }
 
 void RunDirectly(const QueryRuns& runs) {
@@ -183,7 +169,7 @@ void RunDirectly(const QueryRuns& runs) {
   Check(sd_bus_new(&bus), "make a connection");
   Check(sd_bus_set_fd(bus, ends[0], ends[0]), "use a socket");
   Check(sd_bus_start(bus), "connect");
-  Run(runs, {bus, nullptr});
+  RunKind(runs, Client(bus, nullptr), ChecksumOfModels);
 }
 
 // ---- Events -------------------------------------------------------------------------------------
@@ -228,8 +214,7 @@ void RunEvents(std::size_t count) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::string way = argc > 1 ? argv[1] : "";
-  const QueryRuns runs = ReadQueryRuns(argc - 1, argv + 1);
+  const auto [way, runs] = ReadPeerRuns(argc, argv, "daemon|direct");
   if (runs.kind == "event") {
     RunEvents(runs.queries);
   } else if (way == "daemon") {

@@ -81,16 +81,6 @@ int main(int argc, char** argv) {
   const PeerServer server(
       [&](const std::function<void()>& ready) { Serve(address, AnswerTo(runs), ready); });
   Client client(address);
-  if (runs.kind == "int32") {
-    RunQueries(runs.queries, [&] { return client.AskInt32(); }, ChecksumOf<int>, [](int) {});
-  } else if (runs.kind == "licence") {
-    RunQueries(
-        runs.queries, [&] { return client.AskLicence(); }, ChecksumOf<std::string>,
-        [](const std::string&) {});
-  } else {
-    RunQueries(
-        runs.queries, [&] { return client.AskModels(); }, ChecksumOfProtoModels,
-        [](const ModelList&) {});
-  }
+  RunKind(runs, client, ChecksumOfProtoModels);
   return 0;
 }
