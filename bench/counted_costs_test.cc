@@ -8,17 +8,22 @@
 #include <gtest/gtest.h>
 #include <package_info.h>
 #include <rpc-port-desktop.h>
+#include <sys/resource.h>
 #include <unistd.h>
 #include <velmora_svcmgr.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "SvcMgrAppProxyCallback.h"
 #include "bench_world.h"
+#include "exported_calls.h"
 #include "messages.h"
 #include "models.h"
 #include "servers.h"
@@ -117,8 +122,6 @@ class ACount : public testing::Test {
   const BenchWorld world_;
   Model model_ = nullptr;
   List list_ = nullptr;
-  char* text_ = nullptr;
-  int number_ = 0;
 };
 
 using AConvertedModel = ACount;
@@ -147,47 +150,6 @@ TEST_F(AConvertedModel, OfAUsualAnswerIsReadWithoutAllocationsOfTheLibrary) {
   EXPECT_EQ(CountsOfConversion(10).allocations, 14 * 10 + 1 + 5 + 1);
 }
 
-using AHandle = ACount;
-
-TEST_F(AHandle, TakesTheAllocationsOfItsContent) {
-  Model made = nullptr;
-  List lists = nullptr;
-  EXPECT_EQ(AllocationsOf([&] { velmora_svcmgr_ai_model_info_create(&made); }), 1);
-  for (const auto set :
-       {velmora_svcmgr_ai_model_info_set_id, velmora_svcmgr_ai_model_info_set_version,
-        velmora_svcmgr_ai_model_info_set_title, velmora_svcmgr_ai_model_info_set_description}) {
-    EXPECT_EQ(AllocationsOf([&] { set(made, "text"); }), 1);
-  }
-  for (const auto get :
-       {velmora_svcmgr_ai_model_info_get_id, velmora_svcmgr_ai_model_info_get_version,
-        velmora_svcmgr_ai_model_info_get_title, velmora_svcmgr_ai_model_info_get_description}) {
-    EXPECT_EQ(AllocationsOf([&] { get(made, &text_); }), 1);
-    free(text_);
-  }
-  EXPECT_EQ(AllocationsOf([&] { velmora_svcmgr_ai_model_list_create(&lists); }), 1);
-  EXPECT_EQ(AllocationsOf([&] { velmora_svcmgr_ai_model_list_add(lists, made); }), 6);
-  EXPECT_EQ(AllocationsOf([&] { velmora_svcmgr_ai_model_list_get_size(lists, &number_); }), 0);
-  Model copy = nullptr;
-  EXPECT_EQ(AllocationsOf([&] { velmora_svcmgr_ai_model_list_get(lists, 0, &copy); }), 5);
-  EXPECT_EQ(AllocationsOf([&] { velmora_svcmgr_ai_model_info_destroy(copy); }), 0);
-  EXPECT_EQ(AllocationsOf([&] { velmora_svcmgr_ai_model_list_destroy(lists); }), 0);
-}
-
-TEST_F(AHandle, OfProgressOrOfAgentsTakesTheAllocationsOfItsContent) {
-  velmora_svcmgr_ai_progress_h progress = nullptr;
-  EXPECT_EQ(AllocationsOf([&] { velmora_svcmgr_ai_progress_create(&progress); }), 1);
-  EXPECT_EQ(AllocationsOf([&] { velmora_svcmgr_ai_progress_set_state(progress, 1); }), 0);
-  EXPECT_EQ(AllocationsOf([&] { velmora_svcmgr_ai_progress_get_state(progress, &number_); }), 0);
-  EXPECT_EQ(AllocationsOf([&] { velmora_svcmgr_ai_progress_destroy(progress); }), 0);
-  velmora_svcmgr_agent_list_h agents = nullptr;
-  EXPECT_EQ(AllocationsOf([&] { velmora_svcmgr_agent_list_create(&agents); }), 1);
-  EXPECT_EQ(AllocationsOf([&] { velmora_svcmgr_agent_list_add(agents, "agent"); }), 2);
-  EXPECT_EQ(AllocationsOf([&] { velmora_svcmgr_agent_list_get(agents, 0, &text_); }), 1);
-  free(text_);
-  EXPECT_EQ(AllocationsOf([&] { velmora_svcmgr_agent_list_get_size(agents, &number_); }), 0);
-  EXPECT_EQ(AllocationsOf([&] { velmora_svcmgr_agent_list_destroy(agents); }), 0);
-}
-
 void OnConnection(int, int, void* connected) { *static_cast<bool*>(connected) = true; }
 
 void OnModels(int, List list, void* arrived) {
@@ -206,6 +168,90 @@ long SwitchesOf(pid_t pid) {
 
 std::ptrdiff_t Threads() {
   return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+}
+
+using EachExportedFunction = ACount;
+
+// What one call takes, as most of many calls do: now and then a table grows, or the package folder's
+// watch is read.
+class Typical {
+ public:
+  void Add(int figure) { figures_.push_back(figure); }
+  int Get() {
+    const auto middle = figures_.begin() + static_cast<std::ptrdiff_t>(figures_.size() / 2);
+    std::nth_element(figures_.begin(), middle, figures_.end());
+    return *middle;
+  }
+
+ private:
+  std::vector<int> figures_;
+};
+
+int SwitchesOfThisThread() {
+  rusage usage = {};
+  getrusage(RUSAGE_THREAD, &usage);
+  return static_cast<int>(usage.ru_nvcsw);
+}
+
+CallCosts CostsOf(const ExportedCall& call) {
+  constexpr int kFirst = 3;  // what only the first calls do is not counted
+  constexpr int kCalls = 21;
+  Typical looks;
+  Typical records;
+  Typical allocations;
+  Typical switches;
+  for (int i = 0; i < kFirst + kCalls; ++i) {
+    Prepare(call.needs);
+    CallStage stage;
+    int result = -1;
+    const int switches_before = SwitchesOfThisThread();
+    const Counts made = CountsOf([&] { result = call.call(stage); });
+    const int switches_after = SwitchesOfThisThread();
+    EXPECT_EQ(result, SVCMGR_ERROR_NONE);
+    if (i < kFirst) continue;
+    looks.Add(made.looks);
+    records.Add(made.records);
+    allocations.Add(made.allocations);
+    switches.Add(switches_after - switches_before);
+  }
+  CallCosts costs;
+  costs.looks = looks.Get();
+  costs.records = records.Get();
+  costs.allocations = allocations.Get();
+  costs.switches = switches.Get();
+  return costs;
+}
+
+TEST_F(EachExportedFunction, TakesTheLooksRecordsAllocationsAndSwitchesOfItsRow) {
+  PrepareExportedCalls(world_.folder().c_str());
+  const ServerProcess agent = ServerProcess::Agent();
+  for (const ExportedCall& call : ExportedCalls()) {
+    SCOPED_TRACE(call.name);
+    const CallCosts costs = CostsOf(call);
+    EXPECT_EQ(costs.looks, call.costs.looks) << "looks at the agent's package";
+    EXPECT_EQ(costs.records, call.costs.records) << "log records";
+    if (call.costs.at_most) {
+      EXPECT_LE(costs.allocations, call.costs.allocations) << "allocations";
+    } else {
+      EXPECT_EQ(costs.allocations, call.costs.allocations) << "allocations";
+    }
+    // With a CPU of its own, the agent may have answered before the client waits.
+    EXPECT_LE(costs.switches, call.costs.switches) << "task switches";
+    EXPECT_EQ(Threads(), 1) << "threads";
+  }
+}
+
+TEST(TheTableOfCalls, HasEachExportedFunction) {
+  std::set<std::string> in_table;
+  for (const ExportedCall& call : ExportedCalls()) {
+    in_table.insert("velmora_svcmgr_" + std::string(call.name));
+  }
+  std::set<std::string> exported;
+  std::ifstream exports(SVCMGR_EXPORTS);
+  for (std::string word; exports >> word;) {
+    if (word.rfind("velmora_", 0) == 0) exported.insert(word.substr(0, word.find(';')));
+  }
+  EXPECT_EQ(in_table, exported);
 }
 
 class AConnectedClient : public testing::Test {

@@ -29,12 +29,27 @@ std::string Message(Write write) {
   return message;
 }
 
+void WriteAnswerHead(rpc_port_parcel_h answer, int delegate) {
+  rpc_port_parcel_write_int32(answer, kAnswer);
+  rpc_port_parcel_write_int32(answer, delegate);
+  rpc_port_parcel_write_int32(answer, 0);
+  rpc_port_parcel_write_bool(answer, false);
+  rpc_port_parcel_write_int32(answer, 0);  // result
+}
+
 }  // namespace
 
 std::string LevelMessage() {
   return Message([](rpc_port_parcel_h reply) {
     rpc_port_parcel_write_int32(reply, kReply);
     rpc_port_parcel_write_int32(reply, kLevel);
+  });
+}
+
+std::string ConsentMessage() {
+  return Message([](rpc_port_parcel_h reply) {
+    rpc_port_parcel_write_int32(reply, kReply);
+    rpc_port_parcel_write_int32(reply, 0);
   });
 }
 
@@ -47,11 +62,14 @@ std::string LicenceMessage() {
 
 std::string ListMessage(int delegate, int models) {
   return Message([=](rpc_port_parcel_h answer) {
-    rpc_port_parcel_write_int32(answer, kAnswer);
-    rpc_port_parcel_write_int32(answer, delegate);
-    rpc_port_parcel_write_int32(answer, 0);
-    rpc_port_parcel_write_bool(answer, false);
-    rpc_port_parcel_write_int32(answer, 0);  // result
+    WriteAnswerHead(answer, delegate);
     WriteModels(answer, models);
+  });
+}
+
+std::string ProgressMessage(int delegate) {
+  return Message([=](rpc_port_parcel_h answer) {
+    WriteAnswerHead(answer, delegate);
+    for (const int number : {2, 1, 1, 100}) rpc_port_parcel_write_int32(answer, number);
   });
 }

@@ -15,7 +15,11 @@ constexpr std::size_t kListHead = 21;
 constexpr std::size_t kListSeq = 12;
 
 std::string LevelMessage();
+// What the agent says to a request for an update that it takes.
+std::string ConsentMessage();
 std::string LicenceMessage();
 std::string ListMessage(int delegate, int models);
+// Its sequence number stands where a list's does.
+std::string ProgressMessage(int delegate);
 
 #endif  // BENCH_MESSAGES_H_

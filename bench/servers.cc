@@ -17,14 +17,22 @@
 
 namespace {
 
-// Methods 2 and 3 wait for a reply; 5, 6 and 7 have the delegates 1, 2 and 3.
 constexpr std::array kModels = {10, 100, 1000};
 
+// Methods that wait for a reply; the others have the delegates 1 to 5, in the order of their numbers.
+bool Waits(int method) { return method <= 4 || method == 10; }
+
 struct Messages {
+  const std::string& Reply(int method) const {
+    return method == 2 ? level : method == 3 ? licence : consent;
+  }
+
   std::string level = LevelMessage();
   std::string licence = LicenceMessage();
-  std::array<std::string, kModels.size()> lists = {
-      ListMessage(1, kModels[0]), ListMessage(2, kModels[1]), ListMessage(3, kModels[2])};
+  std::string consent = ConsentMessage();
+  std::array<std::string, 5> answers = {ListMessage(1, kModels[0]), ListMessage(2, kModels[1]),
+                                        ListMessage(3, kModels[2]), ProgressMessage(4),
+                                        ProgressMessage(5)};
 };
 
 int Int32(rpc_port_parcel_h request) {
@@ -38,15 +46,15 @@ int OnReceived(const char*, const char* instance, rpc_port_h port, void* stub) {
   rpc_port_parcel_h request = nullptr;
   Require(rpc_port_parcel_create_from_port(&request, port) == 0, "read a request");
   const int method = Int32(request);
-  const bool waits = method == 2 || method == 3;
+  const bool waits = Waits(method);
   const int delegate = waits ? 0 : Int32(request);
   const int seq = waits ? 0 : Int32(request);
   rpc_port_parcel_destroy(request);
   if (waits) {
-    const std::string& reply = method == 2 ? messages.level : messages.licence;
+    const std::string& reply = messages.Reply(method);
     return rpc_port_desktop_send_bytes(port, reply.data(), reply.size());
   }
-  std::string& answer = messages.lists.at(static_cast<std::size_t>(delegate) - 1);
+  std::string& answer = messages.answers.at(static_cast<std::size_t>(delegate) - 1);
   std::memcpy(answer.data() + kListSeq, &seq, sizeof seq);
   rpc_port_h callback_port = nullptr;
   rpc_port_stub_get_port(stub, RPC_PORT_PORT_CALLBACK, instance, &callback_port);
