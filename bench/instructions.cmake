@@ -3,7 +3,6 @@
 # this build is, and held against the figures of instructions.txt. Nothing of it is built by default.
 
 include(CheckIncludeFileCXX)
-find_package(Python3 REQUIRED COMPONENTS Interpreter)
 check_include_file_cxx(valgrind/callgrind.h SVCMGR_HAS_CALLGRIND)
 if(NOT SVCMGR_HAS_CALLGRIND OR CMAKE_CROSSCOMPILING)
   return()
