@@ -26,8 +26,8 @@ DOCUMENTS = [
     "README.md", "docs/guide/README.md", "docs/guide/first-application.md", "docs/guide/threads.md",
     "docs/guide/ownership.md", "docs/guide/errors.md", "docs/guide/connection.md", "docs/guide/models.md",
     "docs/guide/testing.md", "docs/guide/porting.md", "docs/guide/building.md", "docs/guide/wire-format.md",
-    "docs/scenarios.md", "docs/testing.md", "docs/desktop-platform.md", "docs/client-api-level.md", "docs/performance.md", "docs/reliability.md",
-    "docs/security.md", "docs/traceability.md",
+    "docs/scenarios.md", "docs/testing.md", "docs/desktop-platform.md", "docs/client-api-level.md",
+    "docs/performance.md", "docs/embedded.md", "docs/reliability.md", "docs/security.md", "docs/traceability.md",
     "docs/request.md", "examples/README.md", "ARCHITECTURE.md", "tests/README.md", "CONTRIBUTING.md",
     "CHANGELOG.md",
 ]
