@@ -483,6 +483,25 @@ void ForgetEvents() {
   }
 }
 
+/** What an application makes itself: a record, as it would to test its own callback. */
+void MakeProgress() {
+  Step("a record of progress");
+  velmora_svcmgr_ai_progress_h progress = nullptr;
+  if (!Succeeded(velmora_svcmgr_ai_progress_create(&progress), "ai_progress_create",
+                 {SVCMGR_ERROR_OUT_OF_MEMORY})) {
+    return;
+  }
+  const bool is_set = Succeeded(velmora_svcmgr_ai_progress_set_index(progress, 1), "set_index", {});
+  Succeeded(velmora_svcmgr_ai_progress_set_count(progress, 2), "set_count", {});
+  Succeeded(velmora_svcmgr_ai_progress_set_percentage(progress, 50), "set_percentage", {});
+  Succeeded(velmora_svcmgr_ai_progress_set_state(progress, 0), "set_state", {});
+  int index = 0;
+  const bool is_read =
+      Succeeded(velmora_svcmgr_ai_progress_get_index(progress, &index), "get_index", {});
+  if (is_set && is_read && index != 1) Fail("%s: the index is %d", Doing(), index);
+  Succeeded(velmora_svcmgr_ai_progress_destroy(progress), "ai_progress_destroy", {});
+}
+
 velmora_svcmgr_agent_list_h MakeAgents() {
   velmora_svcmgr_agent_list_h list = nullptr;
   if (!Succeeded(velmora_svcmgr_agent_list_create(&list), "agent_list_create",
@@ -576,6 +595,7 @@ void AskEverything() {
   if (phase == Phase::kFailing) AskForLists();
   UpdateAgents();
   WorkOnModels();
+  MakeProgress();
   // What failed work had left installed is gone now: each list is as long as in other runs.
   if (phase == Phase::kSound) AskForLists();
   ForgetEvents();

@@ -5,8 +5,12 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <new>
+#include <regex>
+#include <set>
 #include <string>
 
 #include "failing_allocations.h"
@@ -162,6 +166,21 @@ TEST(LivingBlocks, AreCountedUntilTheyAreReleased) {
 /* The sweep itself. */
 
 Ran Sweep(const std::string& arguments) { return RunCommand("'" SWEEP "' " + arguments + " 2>&1"); }
+
+/** The names of exported functions in a text. */
+std::set<std::string> FunctionsIn(const std::string& listing) {
+  static const std::regex name("velmora_svcmgr_[a-z_]+");
+  const std::sregex_token_iterator first(listing.begin(), listing.end(), name);
+  return {first, std::sregex_token_iterator()};
+}
+
+TEST(TheSweep, CallsEachFunctionOfTheLibrary) {
+  std::ifstream file(EXPORTS);
+  const std::string exports{std::istreambuf_iterator<char>(file), {}};
+  const auto all = FunctionsIn(exports);
+  EXPECT_GT(all.size(), 40U);
+  EXPECT_EQ(FunctionsIn(RunCommand("nm -D --undefined-only '" SWEEP "'").output), all);
+}
 
 TEST(TheSweep, FindsNothingInAShareOfTheAllocations) {
   const Ran swept = Sweep("--stride 29");
