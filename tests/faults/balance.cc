@@ -171,6 +171,11 @@ void WatchBalance() {
   fake::internal::TrackNew();
 }
 
+void RestartBalance() {
+  const Guard guard;
+  account() = {};
+}
+
 void GiveToApplication(const void* block) {
   const Guard guard;
   account().given.insert(block);

@@ -8,6 +8,8 @@ namespace faults {
 
 /** Begins the account. */
 void WatchBalance();
+/** Begins it anew: the platform has forgotten all blocks and objects. */
+void RestartBalance();
 
 /** The application has got a text or a handle, with all that it holds, and releases it itself. */
 void GiveToApplication(const void* block);

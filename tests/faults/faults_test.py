@@ -84,6 +84,29 @@ class ASweep(unittest.TestCase):
             self.assertIn((function, "tests/faults/planted/defects.cc"), hit)
 
 
+class AnotherSweep(unittest.TestCase):
+    def test_finds_what_hangs(self):
+        lines = sweep("faults_planted", "--filter", "AnotherPlantedDefect.Hangs", "--patience", "1000")
+        hangs = {(line["shape"], line["how"]) for line in lines if line.get("finding") == "hangs"}
+        # Once is over soon.
+        for shape in ("error", "error with garbage", "success with null"):
+            self.assertIn((shape, "from there on"), hangs)
+
+    def test_finds_what_is_behind_a_verdict(self):
+        lines = sweep("faults_planted", "--filter", "ALatePlantedDefect.LosesBlock")
+        self.assertEqual({line["finding"] for line in lines if "finding" in line}, {"lost: a block of strdup"})
+
+    def test_leaves_out_calls_with_the_stack_of_others_if_it_is_told_to(self):
+        def counts(*options):
+            lines = sweep("faults_planted", "--filter", "Of/APlantedDefect.IsPassedBy/EndsTheConnection", *options)
+            return next(line["counts"] for line in lines if "counts" in line)
+        every = counts("--alike", "0")
+        self.assertEqual(every["calls that failed"], every["calls"])
+        self.assertEqual(every["calls like others"], 0)
+        few = counts("--alike", "1")
+        self.assertEqual(few["calls that failed"] + few["calls like others"], few["calls"])
+
+
 class AShareOfTheSweep(unittest.TestCase):
     def test_finds_nothing_in_the_library(self):
         lines = sweep("faults_connection", "--stride", "23")

@@ -10,7 +10,6 @@
 #include <unistd.h>
 #include <velmora_svcmgr.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -116,7 +115,6 @@ Plan plan;
 RunRecord* run = nullptr;
 SiteRecord* site_record = nullptr;
 std::atomic<bool> armed{false};
-std::atomic<int> first_injection{0};
 pid_t armed_process = 0;
 thread_local int uncounted = 0;
 
@@ -124,18 +122,6 @@ struct Uncounted {
   Uncounted() { ++uncounted; }
   ~Uncounted() { --uncounted; }
 };
-
-void NoteSite(Function function, const Caller& caller) {
-  const fake::internal::Guard guard;
-  auto* const begin = site_record->sites.begin();
-  auto* const end = begin + site_record->count;
-  const bool known = std::any_of(begin, end, [&](const Site& site) {
-    return site.function == function && site.caller.frames == caller.frames;
-  });
-  if (!known && site_record->count < SiteRecord::kMostSites) {
-    site_record->sites[static_cast<std::size_t>(site_record->count++)] = {function, caller};
-  }
-}
 
 /** Counts a call, if it is the library's; whether it is to fail. */
 bool IsItsTurn(Family family, Function function) {
@@ -148,10 +134,14 @@ bool IsItsTurn(Family family, Function function) {
   const fake::internal::Guard guard;
   const auto index = static_cast<std::size_t>(family);
   const long n = ++run->counted[index];
-  if (n <= RunRecord::kMostCalls) run->calls[index][n - 1] = function;
-  if (family != plan.family || n < plan.first || n > plan.last) return false;
-  if (run->injected++ == 0) run->function = function;
-  NoteSite(function, caller);
+  const Stack stack = {function, caller};
+  if (plan.shape == Shape::kNone) {
+    if (n <= RunRecord::kMostCalls) run->calls[index][n - 1] = run->stacks.NumberOf(stack);
+    return false;
+  }
+  if (n < plan.first || n > plan.last) return false;
+  const StackTable::Number site = site_record->stacks.NumberOf(stack);
+  if (run->injected++ == 0) run->site = site;
   return true;
 }
 

@@ -32,6 +32,8 @@ struct Plan {
   long last = 0;
   Shape shape = Shape::kNone;
   int code = 0;  // of an error
+  /** Of a run in which nothing fails: at which of the test's verdicts it is judged; 0 for never. */
+  long verdict = 0;
 };
 
 /** All functions that may fail. */

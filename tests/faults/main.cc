@@ -17,9 +17,13 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "afterwards.h"
@@ -40,17 +44,25 @@ using Json = nlohmann::ordered_json;
 using Clock = std::chrono::steady_clock;
 
 /** A run may take this long, and as much longer as a busy machine makes of the run without a fault. */
-constexpr std::chrono::seconds kPatience{60};
+constexpr std::chrono::milliseconds kPatience{60'000};
 std::chrono::milliseconds patience = kPatience;
 
 struct Options {
+  std::chrono::milliseconds patience{kPatience};
   std::string owners;
   std::string filter = "*";
+  std::string except;
   /** Each n-th call fails, from the offset on. */
   long stride = 1;
   long offset = 1;
   /** How many calls of a family fail in one test at most; they are spread over all of them. */
   long most = 300;
+  /** How many calls with the same stack fail in one test: the first, and the last; 0 for all. */
+  long alike = 2;
+  /** Lets nothing fail, and prints the stacks of each test. */
+  bool only_list = false;
+  /** A file of calls, of which no others fail: lines of "FAMILY CALL TEST", by test. */
+  std::string calls;
 };
 
 template <typename T>
@@ -66,12 +78,24 @@ SiteRecord* const sites = MapShared<SiteRecord>();
 
 /* In the process of a run. */
 
-void JudgeOnce() {
-  if (!IsArmedProcess() || run->ending != Ending::kGone) return;
+const Plan* plan_of_run = nullptr;
+
+void Judge() {
   Disarm();
   const Use use = UseTheConnectionAfterwards();
   JudgeBalance();
   run->ending = use == Use::kDone ? Ending::kDone : Ending::kStranded;
+  // What the test does with what a fault has left it is its own affair from here on.
+  _exit(EXIT_SUCCESS);
+}
+
+/** A test may have several verdicts, and begins anew after each. */
+void OnVerdict() {
+  if (!IsArmedProcess()) return;
+  ++run->verdicts;
+  const bool last = run->verdicts == plan_of_run->verdict;
+  if (plan_of_run->shape == Shape::kNone ? last : run->injected > 0) Judge();
+  RestartBalance();
 }
 
 void OnFault(const std::string& what) {
@@ -132,13 +156,15 @@ void WatchSignals() {
     _exit(EXIT_FAILURE);
   }
   GTEST_FLAG_SET(filter, test);
-  fake::internal::hooks.on_verify = JudgeOnce;
+  plan_of_run = &plan;
+  fake::internal::hooks.on_verify = OnVerdict;
   fake::internal::hooks.on_fault = OnFault;
   WatchBalance();
   Arm(plan, run, sites);
   WatchSignals();
   [[maybe_unused]] const int verdict = RUN_ALL_TESTS();  // a fault may well make the test fail
-  JudgeOnce();
+  if (run->injected > 0 || run->verdicts == 0) Judge();
+  run->ending = Ending::kNothingFailed;
   _exit(EXIT_SUCCESS);
 }
 
@@ -161,17 +187,31 @@ void Await(pid_t child) {
   kill(-child, SIGKILL);  // what the test has started, and not ended
 }
 
+/** Where tests put their files, of which a run that ends early leaves some behind; empty for none. */
+std::string scratch;
+
+void SweepScratch() {
+  if (scratch.empty()) return;
+  std::error_code ignored;
+  for (const auto& entry : std::filesystem::directory_iterator(scratch, ignored)) {
+    std::filesystem::remove_all(entry.path(), ignored);
+  }
+}
+
 void Start(const std::string& test, const Plan& plan) {
   run->ending = Ending::kGone;
   run->injected = 0;
+  run->verdicts = 0;
   run->finding[0] = '\0';
   run->where = {};
   std::fill_n(run->counted, kFamilies, 0);
+  if (plan.shape == Shape::kNone) run->stacks.Clear();
   std::fflush(nullptr);
   const pid_t child = fork();
   if (child < 0) std::abort();
   if (child == 0) RunTest(test, plan);
   Await(child);
+  SweepScratch();
 }
 
 Json FramesOf(const Caller& caller) {
@@ -186,55 +226,129 @@ void Print(const Json& line) {
   std::fflush(stdout);
 }
 
+/** Of the calls of one family in a test, those that fail. */
+std::vector<long> WithoutAlike(Family family, long most) {
+  const StackTable::Number* const stacks = run->calls[static_cast<int>(family)];
+  const long calls = std::min(run->counted[static_cast<int>(family)], RunRecord::kMostCalls);
+  std::vector<long> last(run->stacks.Count());
+  for (long i = 1; i <= calls; ++i) last[stacks[i - 1]] = i;
+  std::vector<long> seen(run->stacks.Count());
+  std::vector<long> chosen;
+  for (long i = 1; i <= calls; ++i) {
+    const StackTable::Number stack = stacks[i - 1];
+    if (most == 0 || ++seen[stack] < most || i == last[stack]) chosen.push_back(i);
+  }
+  return chosen;
+}
+
+/** A call and the function that it calls. */
+struct Call {
+  long number;
+  Function function;
+};
+
 class Sweep {
  public:
   explicit Sweep(const Options& options) : options_(options) {}
 
   void Go(const std::string& test) {
+    Begin(test);
+    std::vector<Call> calls[kFamilies];
+    for (int family = 0; family < kFamilies; ++family) {
+      calls[family] = Choose(static_cast<Family>(family));
+    }
+    JudgeSound();
+    for (int family = 0; family < kFamilies; ++family) {
+      for (const Call& call : calls[family]) SweepCall(static_cast<Family>(family), call);
+    }
+    Print({{"test", test_}, {"counts", counts_}});
+  }
+
+  /** Lets these calls fail, and no others. */
+  void Go(const std::string& test, const std::vector<std::pair<Family, long>>& calls) {
+    Begin(test);
+    std::vector<std::pair<Family, Call>> chosen;
+    for (const auto& [family, number] : calls) {
+      if (number <= Counted(family)) chosen.emplace_back(family, CallOf(family, number));
+    }
+    JudgeSound();
+    for (const auto& [family, call] : chosen) SweepCall(family, call);
+    Print({{"test", test_}, {"counts", counts_}});
+  }
+
+  void List(const std::string& test) {
+    Begin(test);
+    Json stacks = Json::array();
+    for (int family = 0; family < kFamilies; ++family) {
+      for (const long i : WithoutAlike(static_cast<Family>(family), 2)) {
+        const Stack& stack = run->stacks[run->calls[family][i - 1]];
+        stacks.push_back({family, i, FunctionNames()[stack.function], FramesOf(stack.caller)});
+      }
+    }
+    Print({{"test", test_}, {"seconds", taken_.count()}, {"stacks", stacks}, {"counts", counts_}});
+  }
+
+ private:
+  /** Runs a test in which nothing fails. */
+  void Begin(const std::string& test) {
     test_ = test;
     counts_ = {};
     const auto start = Clock::now();
     patience = 10 * kPatience;
     Start(test, {});
-    const std::chrono::duration<double> taken = Clock::now() - start;
-    patience = kPatience + std::chrono::duration_cast<std::chrono::milliseconds>(20 * taken);
-    // Of a test that takes a second or more, a few calls have to do.
-    most_ = std::max(
-        3L, static_cast<long>(static_cast<double>(options_.most) / (1 + 10 * taken.count())));
+    taken_ = Clock::now() - start;
+    patience =
+        options_.patience + std::chrono::duration_cast<std::chrono::milliseconds>(20 * taken_);
     ++counts_["tests"];
     JudgeRun({}, "");
-    long calls[kFamilies];
-    std::copy_n(run->counted, kFamilies, calls);
-    std::vector<Function> functions[kFamilies];
-    for (int family = 0; family < kFamilies; ++family) {
-      const long n = std::min(calls[family], RunRecord::kMostCalls);
-      functions[family].assign(run->calls[family], run->calls[family] + n);
-    }
-    for (int family = 0; family < kFamilies; ++family) {
-      SweepFamily(static_cast<Family>(family), functions[family]);
-    }
-    Print({{"test", test_}, {"counts", counts_}});
   }
 
- private:
-  void SweepFamily(Family family, const std::vector<Function>& functions) {
-    const long calls = static_cast<long>(functions.size());
-    const long stride = std::max(options_.stride, (calls + most_ - 1) / most_);
-    counts_["calls"] += calls;
-    if (stride > 1) counts_["calls left out"] += calls - calls / stride;
-    for (long i = std::min(options_.offset, stride); i <= calls; i += stride) {
-      for (const Way& way : WaysOf(functions[static_cast<std::size_t>(i - 1)])) {
-        SweepWay(family, i, way);
+  /** Without a fault nothing is found, or it says nothing that something is found with one. */
+  void JudgeSound() {
+    Plan sound;
+    sound.verdict = run->verdicts;
+    Start(test_, sound);
+    JudgeRun(sound, "");
+  }
+
+  static long Counted(Family family) {
+    return std::min(run->counted[static_cast<int>(family)], RunRecord::kMostCalls);
+  }
+
+  static Call CallOf(Family family, long number) {
+    const StackTable::Number stack = run->calls[static_cast<int>(family)][number - 1];
+    return {number, run->stacks[stack].function};
+  }
+
+  std::vector<Call> Choose(Family family) {
+    const std::vector<long> different = WithoutAlike(family, options_.alike);
+    const long all = run->counted[static_cast<int>(family)];
+    // Of a test that takes a second or more, a few calls have to do.
+    const long most = std::max(
+        3L, static_cast<long>(static_cast<double>(options_.most) / (1 + 10 * taken_.count())));
+    const long count = static_cast<long>(different.size());
+    const long stride = std::max(options_.stride, (count + most - 1) / most);
+    std::vector<Call> chosen;
+    for (long i = std::min(options_.offset, stride); i <= count; i += stride) {
+      chosen.push_back(CallOf(family, different[static_cast<std::size_t>(i - 1)]));
+    }
+    const long beyond = all - Counted(family);
+    counts_["calls"] += all;
+    counts_["calls like others"] += Counted(family) - count;
+    counts_["calls left out"] += beyond + count - static_cast<long>(chosen.size());
+    return chosen;
+  }
+
+  void SweepCall(Family family, const Call& call) {
+    const long i = call.number;
+    ++counts_["calls that failed"];
+    for (const Way& way : WaysOf(call.function)) {
+      Inject({family, i, i, way.shape, way.code}, "once");
+      if (way.lasts) Inject({family, i, kForever, way.shape, way.code}, "from there on");
+      if (family != Family::kMemory) continue;
+      for (const long burst : {2, 3, 4}) {
+        Inject({family, i, i + burst - 1, way.shape, way.code}, "in a burst");
       }
-    }
-  }
-
-  void SweepWay(Family family, long i, const Way& way) {
-    Inject({family, i, i, way.shape, way.code}, "once");
-    if (way.lasts) Inject({family, i, kForever, way.shape, way.code}, "from there on");
-    if (family != Family::kMemory) return;
-    for (const long burst : {2, 3, 4}) {
-      Inject({family, i, i + burst - 1, way.shape, way.code}, "in a burst");
     }
   }
 
@@ -246,14 +360,19 @@ class Sweep {
   }
 
   void JudgeRun(const Plan& plan, const char* how) {
-    static constexpr const char* kEndings[] = {"ended by itself", "judged", "given up by the test",
-                                               "stranded", "documented assertion"};
-    ++counts_[kEndings[static_cast<int>(run->ending)]];
+    static constexpr const char* kEndings[] = {"ended by itself",      "judged",
+                                               "given up by the test", "stranded",
+                                               "documented assertion", "nothing failed"};
+    const bool injected = run->injected > 0;
+    if (plan.shape != Shape::kNone) ++counts_[kEndings[static_cast<int>(run->ending)]];
+    if (injected && run->ending != Ending::kGaveUp && run->ending != Ending::kGone) {
+      sites->judged[run->site] = true;
+    }
     if (run->finding[0] == '\0') return;
     ++counts_["findings"];
     Print({{"finding", run->finding},
            {"test", test_},
-           {"function", run->injected > 0 ? FunctionNames()[run->function] : ""},
+           {"function", injected ? FunctionNames()[sites->stacks[run->site].function] : ""},
            {"call", plan.first},
            {"shape", NameOf(plan.shape)},
            {"code", plan.code},
@@ -263,25 +382,51 @@ class Sweep {
 
   const Options& options_;
   std::string test_;
-  long most_ = 0;
+  std::chrono::duration<double> taken_{};
   std::map<std::string, long> counts_;
 };
 
 void PrintSites() {
-  for (int i = 0; i < sites->count; ++i) {
-    const Site& site = sites->sites[static_cast<std::size_t>(i)];
-    Print({{"site", FunctionNames()[site.function]}, {"frames", FramesOf(site.caller)}});
+  for (StackTable::Number i = 0; i < sites->stacks.Count(); ++i) {
+    const Stack& site = sites->stacks[i];
+    Print({{"site", FunctionNames()[site.function]},
+           {"judged", sites->judged[i]},
+           {"frames", FramesOf(site.caller)}});
   }
 }
 
-std::vector<std::string> TestsOf(const std::string& filter) {
+bool SweepCallsOf(const std::string& file, Sweep* sweep) {
+  std::ifstream in(file);
+  if (!in) return false;
+  std::map<std::string, std::vector<std::pair<Family, long>>> calls;
+  int family = 0;
+  long number = 0;
+  std::string test;
+  while (in >> family >> number >> test) {
+    calls[test].emplace_back(static_cast<Family>(family), number);
+  }
+  for (const auto& [its_test, its_calls] : calls) sweep->Go(its_test, its_calls);
+  return true;
+}
+
+bool MatchesOneOf(const std::string& globs, const std::string& name) {
+  std::istringstream in(globs);
+  std::string glob;
+  while (in >> glob) {
+    if (fnmatch(glob.c_str(), name.c_str(), 0) == 0) return true;
+  }
+  return false;
+}
+
+std::vector<std::string> TestsOf(const Options& options) {
   std::vector<std::string> tests;
   const testing::UnitTest& all = *testing::UnitTest::GetInstance();
   for (int i = 0; i < all.total_test_suite_count(); ++i) {
     const testing::TestSuite& suite = *all.GetTestSuite(i);
     for (int j = 0; j < suite.total_test_count(); ++j) {
       const std::string name = std::string(suite.name()) + '.' + suite.GetTestInfo(j)->name();
-      if (fnmatch(filter.c_str(), name.c_str(), 0) == 0) tests.push_back(name);
+      const bool left_out = MatchesOneOf(options.except, name);
+      if (!left_out && MatchesOneOf(options.filter, name)) tests.push_back(name);
     }
   }
   return tests;
@@ -291,11 +436,17 @@ bool Parse(int argc, char** argv, Options* options) {
   for (int i = 1; i + 1 < argc; i += 2) {
     const std::string name = argv[i];
     const char* const value = argv[i + 1];
+    if (name == "--scratch") scratch = value;
     if (name == "--owners") options->owners = value;
     if (name == "--filter") options->filter = value;
+    if (name == "--except") options->except = value;
     if (name == "--stride") options->stride = std::atol(value);
     if (name == "--offset") options->offset = std::atol(value);
     if (name == "--most") options->most = std::atol(value);
+    if (name == "--alike") options->alike = std::atol(value);
+    if (name == "--list") options->only_list = std::atol(value) != 0;
+    if (name == "--calls") options->calls = value;
+    if (name == "--patience") options->patience = std::chrono::milliseconds(std::atol(value));
   }
   return argc % 2 == 1 && options->stride > 0 && options->offset > 0 && options->most > 0;
 }
@@ -304,13 +455,23 @@ int Main(int argc, char** argv) {
   testing::InitGoogleMock(&argc, argv);
   Options options;
   if (!Parse(argc, argv, &options) || !LoadOwners(options.owners.c_str())) {
-    std::fputs("usage: --owners FILE [--filter GLOB] [--stride N] [--offset N] [--most N]\n",
-               stderr);
+    std::fputs(
+        "usage: --owners FILE [--filter GLOB] [--except GLOBS] [--stride N] [--offset N] [--most "
+        "N] [--alike N] "
+        "[--patience MILLISECONDS] [--scratch FOLDER] [--list 1 | --calls FILE]\n",
+        stderr);
     return 2;
   }
+  if (!scratch.empty()) setenv("TMPDIR", scratch.c_str(), 1);
   JudgeCodes();
   Sweep sweep(options);
-  for (const std::string& test : TestsOf(options.filter)) sweep.Go(test);
+  if (!options.calls.empty()) {
+    if (!SweepCallsOf(options.calls, &sweep)) return 2;
+  } else {
+    for (const std::string& test : TestsOf(options)) {
+      options.only_list ? sweep.List(test) : sweep.Go(test);
+    }
+  }
   PrintSites();
   return 0;
 }

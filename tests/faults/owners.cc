@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <fstream>
 #include <ios>
+#include <string>
+#include <utility>
 #include <vector>
 
 namespace faults {
@@ -71,7 +73,8 @@ bool LoadOwners(const char* file) {
   std::uintptr_t start = 0;
   std::uintptr_t size = 0;
   char owner = 0;
-  while (in >> std::hex >> start >> size >> owner) {
+  std::string rest;
+  while (in >> std::hex >> start >> size >> owner && std::getline(in, rest)) {
     Ranges().push_back({start, start + size, owner == 'L' ? Owner::kLibrary : Owner::kTest});
   }
   std::sort(Ranges().begin(), Ranges().end(),

@@ -23,8 +23,8 @@ struct Caller {
 };
 
 /**
- * Reads what belongs to whom: lines of "START SIZE OWNER" in hexadecimal digits, the owner L or T.
- * False if the file cannot be read.
+ * Reads what belongs to whom: lines that begin with "START SIZE OWNER", in hexadecimal digits, the
+ * owner L or T. False if the file cannot be read.
  */
 bool LoadOwners(const char* file);
 

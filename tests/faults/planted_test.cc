@@ -46,6 +46,17 @@ TEST_P(APlantedDefect, IsPassedBy) {
   EXPECT_EQ(velmora_svcmgr_is_being_updated(&updating), SVCMGR_ERROR_NONE);
 }
 
+/** What fails behind the first of a test's verdicts is seen as well. */
+TEST(ALatePlantedDefect, LosesBlock) {
+  fake::Reset();
+  for (const Defect defect : {Defect::kNone, Defect::kLosesBlock}) {
+    planted::defect = defect;
+    bool updating = true;
+    EXPECT_EQ(velmora_svcmgr_is_being_updated(&updating), SVCMGR_ERROR_NONE);
+    fake::Verify();
+  }
+}
+
 /** On its own, since each run of it takes as long as the sweep is patient. */
 TEST(AnotherPlantedDefect, Hangs) {
   fake::Reset();

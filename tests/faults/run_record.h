@@ -5,9 +5,9 @@
 /* What a run tells the process that has started it, in memory that both share. */
 
 #include <array>
-#include <cstdint>
 
 #include "owners.h"
+#include "stacks.h"
 
 namespace faults {
 
@@ -21,34 +21,28 @@ enum class Ending {
   kGaveUp,     // the test's own code crashed on what a fault had left it
   kStranded,   // judged to the end, but for the connection: the platform tells nothing of it
   kAssertion,  // an assertion that the public header names
+  kNothingFailed,
 };
 
-/** A function that may fail, by its index in FunctionNames(). */
-using Function = std::uint8_t;
-
 struct RunRecord {
-  static constexpr long kMostCalls = 1 << 20;
+  static constexpr long kMostCalls = 1 << 21;
 
   Ending ending;
   long counted[kFamilies];
   long injected;
-  Function function;                      // that failed first
-  char finding[1024];                     // the first; empty for none
-  Caller where;                           // of the finding
-  Function calls[kFamilies][kMostCalls];  // which function the n-th call was of
+  long verdicts;            // that the test has asked for
+  StackTable::Number site;  // in the SiteRecord, of the call that failed first
+  char finding[1024];       // the first; empty for none
+  Caller where;             // of the finding
+  // Of a run in which nothing fails.
+  StackTable stacks;
+  StackTable::Number calls[kFamilies][kMostCalls];  // the stack of the n-th call
 };
 
-/** A place of the library where something failed. */
-struct Site {
-  Function function;
-  Caller caller;
-};
-
+/** Places of the library where something has failed. */
 struct SiteRecord {
-  static constexpr int kMostSites = 1 << 14;
-
-  int count;
-  std::array<Site, kMostSites> sites;
+  StackTable stacks;
+  std::array<bool, StackTable::kMost> judged;  // a run that failed there first came to its end
 };
 
 }  // namespace faults
