@@ -25,6 +25,7 @@ namespace {
 // The one proxy that may live at a time.
 struct Proxy {
   rpc_port_proxy_connected_event_cb connected = nullptr;
+  rpc_port_proxy_disconnected_event_cb disconnected = nullptr;
   rpc_port_proxy_received_event_cb received = nullptr;
   void* data = nullptr;
   bool live = false;
@@ -47,6 +48,10 @@ void Push(std::string_view message) {
   if (!proxy.live) return;
   messages.emplace_back(message);
   proxy.received(AGENT_PACKAGE_ID, "SvcMgrAppPort", proxy.data);
+}
+
+void Lose() {
+  if (proxy.live) proxy.disconnected(AGENT_PACKAGE_ID, "SvcMgrAppPort", proxy.data);
 }
 
 void EndInput() {
@@ -99,8 +104,9 @@ int rpc_port_proxy_add_connected_event_cb(rpc_port_proxy_h, rpc_port_proxy_conne
   proxy.data = data;
   return 0;
 }
-int rpc_port_proxy_add_disconnected_event_cb(rpc_port_proxy_h, rpc_port_proxy_disconnected_event_cb,
-                                             void*) {
+int rpc_port_proxy_add_disconnected_event_cb(rpc_port_proxy_h,
+                                             rpc_port_proxy_disconnected_event_cb cb, void*) {
+  proxy.disconnected = cb;
   return 0;
 }
 int rpc_port_proxy_add_rejected_event_cb(rpc_port_proxy_h, rpc_port_proxy_rejected_event_cb,

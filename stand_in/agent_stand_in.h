@@ -20,6 +20,9 @@ extern std::vector<std::string> sent;
 // Has the library read one message from its callback port; nothing happens without a connection.
 void Push(std::string_view message);
 
+// Tells the library that its connection is gone; nothing happens without one.
+void Lose();
+
 // Disconnects, forgets all of the above, and releases the records that conversions keep on purpose,
 // so that whatever is left is a leak.
 void EndInput();
