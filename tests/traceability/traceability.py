@@ -89,17 +89,23 @@ def is_record(expected, text):
 # ---- Tests --------------------------------------------------------------------------------------
 
 class TestFile:
-    """The tests of a source, and what each of them refers to in its file and in shared headers."""
+    """The tests of a source, and what each of them refers to in its file and in the headers beside it."""
 
-    def __init__(self, path, headers=()):
-        self.program = path.stem
+    def __init__(self, path):
         self.items = []  # (names that it defines, its text, its test or None)
-        for text in [*(header.read_text() for header in headers), path.read_text()]:
-            self._split(without_comments(text))
+        for included in self._with_headers(path, []):
+            self._split(without_comments(included.read_text()))
         self.by_name = {}
         for number, (names, _, _) in enumerate(self.items):
             for name in names:
                 self.by_name.setdefault(name, []).append(number)
+
+    def _with_headers(self, path, seen):
+        if path.exists() and path not in seen:
+            seen.append(path)
+            for name in re.findall(r'^#include "(\w+\.h)"', path.read_text(), re.M):
+                self._with_headers(path.with_name(name), seen)
+        return seen
 
     def _split(self, code):
         code = re.sub(r"^#.*$", "", code, flags=re.M)
@@ -159,10 +165,9 @@ class Tests:
     """All unit tests: which literals each expects, and which codes it names."""
 
     def __init__(self, folder):
-        headers = sorted(folder.glob("*.h"))
         self.own, self.shared, self.codes, self.numbers = {}, {}, {}, {}
         for path in sorted(folder.glob("*_test.cc")):
-            file = TestFile(path, headers)
+            file = TestFile(path)
             for test, text in file.tests():
                 name = f"{path.stem} {test}"
                 texts = file.reached(text)

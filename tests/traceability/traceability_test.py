@@ -23,7 +23,12 @@ void Example() {
 const char* what() const noexcept override { return "thrown"; }
 '''
 
+SHARED = r'''
+inline void ExpectFarAway() { Expect("far away"); }
+'''
+
 TESTS = r'''
+#include "shared.h"
 namespace {
 using ::testing::ElementsAre;
 constexpr char kShared[] = "at a site";
@@ -37,7 +42,7 @@ TEST(Second, Shares) {
   ExpectNumber(-77);
   Expect(kShared);
 }
-TEST_F(AFixture, Checks) { Check(); }
+TEST_F(AFixture, Checks) { Check(); ExpectFarAway(); ExpectElsewhere(); }
 INSTANTIATE_TEST_SUITE_P(Each, ARow, Values(Row{"refused, and why"}));
 TEST_P(ARow, IsRefused) { Expect(GetParam()); }
 }  // namespace
@@ -65,6 +70,8 @@ RULES = [["code", "0", "velmora_svcmgr_connect", "Succeeds"]]
 def tests():
     with tempfile.TemporaryDirectory() as folder:
         (Path(folder) / "sample_test.cc").write_text(TESTS)
+        (Path(folder) / "shared.h").write_text(SHARED)
+        (Path(folder) / "other.h").write_text(SHARED.replace("FarAway", "Elsewhere").replace("far away", "elsewhere"))
         return traceability.Tests(Path(folder))
 
 
@@ -82,6 +89,10 @@ class TheTestsOfARecord(unittest.TestCase):
         self.assertEqual(tests().of_record("at a site"), ["sample_test Second.Shares"])
         self.assertEqual(tests().of_record("number [%d]"), ["sample_test Second.Shares"])
         self.assertEqual(tests().of_record("null"), ["sample_test AFixture.Checks"])
+
+    def test_are_those_that_use_a_header_which_expects_it(self):
+        self.assertEqual(tests().of_record("far away"), ["sample_test AFixture.Checks"])
+        self.assertEqual(tests().of_record("elsewhere"), [])
 
     def test_are_those_whose_rows_hold_it(self):
         self.assertEqual(tests().of_record("refused, and why"), ["sample_test ARow.IsRefused"])
