@@ -27,7 +27,8 @@ rows=(
   "valgrind|valgrind, unit tests|valgrind|dev|-DSVCMGR_TEST_FOLDERS='fake_platform;unit' '-DCMAKE_CROSSCOMPILING_EMULATOR=$memcheck'|-L ^unit|"
 )
 others=(
-  "libc++|clang++-19 with LLVM's C++ library, unit tests|clang++-19|tests/build/each_compiler.sh FOLDER clang++-19/libc++"
+  "libc++|clang++-19 with LLVM's C++ library, unit tests|clang++-19|tests/build/each_compiler.sh FOLDER/libc++ clang++-19/libc++"
+  "msan|MemorySanitizer, unit tests, with a C++ library of its own|clang++-19|tests/build/memory_sanitizer.sh FOLDER/msan"
   "arm64|64-bit ARM, unit tests and a client, by qemu|mmdebstrap|./dev cross arm64"
   "armhf|32-bit ARM, unit tests and a client, by qemu|mmdebstrap|./dev cross armhf"
 )
@@ -55,7 +56,7 @@ try() {  # NAME
   printf '==> %s: %s\n' "$name" "$what"
   local begin=$SECONDS status=0 log=$folder/$name.log tests
   if printf '%s\n' "${others[@]}" | grep -q "^$name|"; then
-    (cd "$root" && eval "${rest//FOLDER/\"\$folder\"/libc++}") >"$log" 2>&1 || status=$?
+    (cd "$root" && eval "${rest//FOLDER/\"\$folder\"}") >"$log" 2>&1 || status=$?
   else
     local preset configuring arguments environment
     IFS='|' read -r preset configuring arguments environment <<<"$rest"

@@ -20,7 +20,7 @@
 #if __has_feature(address_sanitizer)
 #define SVCMGR_FAKE_SANITIZED 1
 #endif
-#if __has_feature(thread_sanitizer)
+#if __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
 #define SVCMGR_FAKE_SANITIZED 1
 #define SVCMGR_FAKE_KEEPS_NEW 1
 #endif
@@ -29,7 +29,7 @@
 #define SVCMGR_FAKE_SANITIZED 1
 #endif
 
-// Clang's ThreadSanitizer brings an operator new that cannot be replaced.
+// Clang's ThreadSanitizer and MemorySanitizer bring an operator new that cannot be replaced.
 #ifndef SVCMGR_FAKE_KEEPS_NEW
 #define SVCMGR_FAKE_REPLACES_NEW 1
 #endif

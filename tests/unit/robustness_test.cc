@@ -238,7 +238,10 @@ void PrintTo(const Ending& ending, std::ostream* out) { *out << ending.name; }
 class AThread : public client::ConnectedTest, public testing::WithParamInterface<Ending> {
  protected:
 #if !defined(__GLIBCXX__)
-  void SetUp() override { GTEST_SKIP() << "with this C++ library no thread may end inside a call"; }
+  void SetUp() override {
+    ConnectedTest::SetUp();
+    GTEST_SKIP() << "with this C++ library no thread may end inside a call";
+  }
 #endif
 
   static fake::Step End() { return fake::Succeed().Entering(GetParam().end); }
