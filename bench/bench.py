@@ -51,6 +51,7 @@ def works():
     for models, times in zip(SIZES, (5000, 1000, 200, 101)):
         yield Work(f"conversion of {models:,} models", 1.25, times, models, "")
     yield Work("marker scan of 5,400 files", 1.1, 15, 0, "scan")
+    yield Work("event over the bus", 4, 2000, 0, "event")
     for models, times in zip(SIZES, (500, 100, 20, 5)):
         yield Work(f"logged conversion of {models:,}", 3, times, models, "", logged=True)
 
@@ -101,7 +102,9 @@ class World:
 
 
 def numbers(command, environment=None):
-    done = subprocess.run(command, env=environment, stdout=subprocess.PIPE, text=True, check=True)
+    done = subprocess.run(command, env=environment, capture_output=True, text=True, check=False)
+    if done.returncode != 0:
+        sys.exit(f"bench.py: {' '.join(command)}: {done.stderr or done.returncode}")
     return [int(line) for line in done.stdout.split()]
 
 
@@ -154,6 +157,12 @@ def measure_scan(work, build, folder):
         rounds.append(times)
     if levels != [11, 11]:
         sys.exit(f"bench.py: the scans have found the levels {levels}")
+
+
+def measure_event(work, build):
+    program = f"{build}/bench/event_runs"
+    work.limit.append(numbers([program, "limit", str(work.times)]))
+    work.ours.append(numbers(["dbus-run-session", "--", program, "library", str(work.times)]))
 
 
 def settle_down():
@@ -273,6 +282,8 @@ def main():
             for work in all_works:
                 if work.kind == "scan":
                     measure_scan(work, build, f"{folder}/files")
+                elif work.kind == "event":
+                    measure_event(work, build)
                 elif work.kind:
                     measure_query(work, build, worlds[work.models])
                 else:
