@@ -184,9 +184,22 @@ Parcel AnswerWith(const Delegate& delegate, std::int32_t result,
   return parcel;
 }
 
-void Readdress(std::string& content, const Delegate& delegate) {
+std::string Framed(std::uint32_t length, std::string_view content) {
+  std::string message;
+  message.reserve(kLengthSize + content.size());
+  for (int shift = 0; shift < 32; shift += 8)
+    message += static_cast<char>((length >> shift) & 0xff);
+  return message.append(content);
+}
+
+std::string Framed(const Parcel& parcel) {
+  const std::string_view content = parcel.Bytes();
+  return Framed(static_cast<std::uint32_t>(content.size()), content);
+}
+
+void Readdress(std::string& message, const Delegate& delegate) {
   const Parcel head = AnswerFor(delegate);
-  content.replace(0, head.Bytes().size(), head.Bytes());
+  message.replace(kLengthSize, head.Bytes().size(), head.Bytes());
 }
 
 Parcel AnswerWith(const Delegate& delegate, std::int32_t result, const ProgressStep& progress) {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "protocol/parcel.h"
@@ -22,6 +23,7 @@
 namespace sim {
 
 constexpr std::uint32_t kMostBytes = 16u << 20;  // what a message may hold
+constexpr std::size_t kLengthSize = 4;           // of the length that travels before it
 
 constexpr std::int32_t kCommandReply = 0;
 constexpr std::int32_t kCommandAnswer = 1;
@@ -144,8 +146,12 @@ struct ListCounts {
 Parcel AnswerWith(const Delegate& delegate, std::int32_t result,
                   const std::vector<ModelView>& models, const ListCounts& counts = {});
 
-/** Makes an answer's content that for another delegate. */
-void Readdress(std::string& content, const Delegate& delegate);
+/** A message as it travels: behind its length, true or not, its content. */
+std::string Framed(std::uint32_t length, std::string_view content);
+std::string Framed(const Parcel& parcel);
+
+/** Makes an answer as it travels that for another delegate. */
+void Readdress(std::string& message, const Delegate& delegate);
 
 /** One answer to the two model operations. */
 Parcel AnswerWith(const Delegate& delegate, std::int32_t result, const ProgressStep& progress);

@@ -156,8 +156,9 @@ int AgentService::OnReceived(const char*, const char* instance, rpc_port_h port,
   Pass(Mark::kRequestArrived);
   try {
     parcel.emplace(Parcel::From(port));
-    self->trace_.Received(instance, parcel->Bytes());
-    self->Serve(instance, *parcel);
+    const std::string client = instance;
+    self->trace_.Received(client, parcel->Bytes());
+    self->Serve(client, *parcel);
     return 0;
   } catch (const std::exception& error) {
     dlog_print(DLOG_WARN, kLogTag, "%s is cut off: %s", instance, error.what());
@@ -167,9 +168,9 @@ int AgentService::OnReceived(const char*, const char* instance, rpc_port_h port,
   }
 }
 
-void AgentService::Serve(const char* instance, Parcel& parcel) {
+void AgentService::Serve(const std::string& instance, Parcel& parcel) {
   const Request request = ReadRequest(parcel);
-  dlog_print(DLOG_DEBUG, kLogTag, "%s calls %s", instance, InfoOf(request.method).name);
+  dlog_print(DLOG_DEBUG, kLogTag, "%s calls %s", instance.c_str(), InfoOf(request.method).name);
   trace_.Asked(instance, request);
   Pass(Mark::kRequestRead);
   const std::size_t call = calls_.Next(request.method);
@@ -180,12 +181,19 @@ void AgentService::Serve(const char* instance, Parcel& parcel) {
     work_->Begin(instance, request, call);
     return;
   }
-  const bool delegated = method.answered_by != AnsweredBy::kReply;
-  deliveries_->Deliver(instance, delegated ? RPC_PORT_PORT_CALLBACK : RPC_PORT_PORT_MAIN, script,
-                       Answer(request, script, result),
-                       [this, &script, method = request.method, call] {
-                         if (!script.steps.empty()) updates_.RunSteps(method, call, false, nullptr);
-                       });
+  const auto port =
+      method.answered_by == AnsweredBy::kReply ? RPC_PORT_PORT_MAIN : RPC_PORT_PORT_CALLBACK;
+  const auto done = [this, &script, method = request.method, call] {
+    if (!script.steps.empty()) updates_.RunSteps(method, call, false, nullptr);
+  };
+  if (method.answered_by != AnsweredBy::kProgress && deliveries_->CanSendAtOnce(script)) {
+    const std::string& message = Known(request, script, result);
+    for (std::int32_t i = 0; i < script.repeat && deliveries_->Send(instance, port, message); ++i) {
+    }
+    done();
+  } else {
+    deliveries_->Deliver(instance, port, script, Answer(request, script, result), done);
+  }
   if (method.updates_agents && result == 0) updates_.StartUpdate(request.agents, script.delay);
 }
 
@@ -206,37 +214,51 @@ std::int32_t AgentService::ResultOf(Method method, std::size_t call) const {
 
 std::vector<TimedParcel> AgentService::Answer(const Request& request, const MethodScript& script,
                                               std::int32_t result) {
-  const AnsweredBy answered_by = InfoOf(request.method).answered_by;
-  if (answered_by == AnsweredBy::kModels) return AnswerList(request, script, result);
-  if (answered_by == AnsweredBy::kProgress) return AnswerProgress(request, script, result);
-  std::vector<TimedParcel> messages;
-  if (request.method == Method::kGetLicense) {
-    const Agent& agent = scenario_.agent;
-    static const std::string disabled = kKyrDisabledText;
-    const std::string& usual = agent.kyr_disabled ? disabled : agent.licence;
-    messages.push_back({0, ReplyWith(script.text ? *script.text : usual)});
-  } else {
-    messages.push_back({0, ReplyWith(result)});
+  if (InfoOf(request.method).answered_by == AnsweredBy::kProgress) {
+    return AnswerProgress(request, script, result);
+  }
+  const std::string& message = Known(request, script, result);
+  std::vector<TimedParcel> messages(static_cast<std::size_t>(script.repeat));
+  for (TimedParcel& timed : messages) {
+    timed.parcel.SetBytes(std::string_view(message).substr(kLengthSize));
   }
   return messages;
 }
 
-std::vector<TimedParcel> AgentService::AnswerList(const Request& request,
-                                                  const MethodScript& script, std::int32_t result) {
-  const std::string& content = ListContent(request, script, result);
-  std::vector<TimedParcel> messages(static_cast<std::size_t>(script.repeat));
-  for (TimedParcel& message : messages) message.parcel.SetBytes(content);
-  return messages;
+/** The reply or the list, as it travels; made anew only where it differs from the last one. */
+const std::string& AgentService::Known(const Request& request, const MethodScript& script,
+                                       std::int32_t result) {
+  if (InfoOf(request.method).answered_by == AnsweredBy::kModels) {
+    return KnownListOf(request, script, result);
+  }
+  return request.method == Method::kGetLicense ? KnownLicence(script) : KnownReply(result);
 }
 
-/** Made anew only where it differs from the last one in more than its delegate. */
-const std::string& AgentService::ListContent(const Request& request, const MethodScript& script,
+const std::string& AgentService::KnownReply(std::int32_t result) {
+  if (known_reply_.message.empty() || known_reply_.result != result) {
+    known_reply_ = {result, Framed(ReplyWith(result))};
+  }
+  return known_reply_.message;
+}
+
+const std::string& AgentService::KnownLicence(const MethodScript& script) {
+  const Agent& agent = scenario_.agent;
+  static const std::string disabled = kKyrDisabledText;
+  const std::string& usual = agent.kyr_disabled ? disabled : agent.licence;
+  const std::string& text = script.text ? *script.text : usual;
+  // All of them are the scenario's, and do not change.
+  if (known_licence_.text != &text) known_licence_ = {&text, Framed(ReplyWith(text))};
+  return known_licence_.message;
+}
+
+const std::string& AgentService::KnownListOf(const Request& request, const MethodScript& script,
                                              std::int32_t result) {
   KnownList& known = known_lists_[request.method];
   if (known.script == &script && known.result == result && known.state == store_.state() &&
       known.app_id == request.app_id && known.model_id == request.model.id) {
-    Readdress(known.content, request.delegate);
-    return known.content;
+    // Only whom it is for may differ.
+    Readdress(known.message, request.delegate);
+    return known.message;
   }
   std::vector<ModelView> models;
   if (script.models) {
@@ -246,9 +268,8 @@ const std::string& AgentService::ListContent(const Request& request, const Metho
   }
   const Parcel answer =
       AnswerWith(request.delegate, result, models, {script.array_count, script.count});
-  known = {&script,        result,           store_.state(),
-           request.app_id, request.model.id, std::string(answer.Bytes())};
-  return known.content;
+  known = {&script, result, store_.state(), request.app_id, request.model.id, Framed(answer)};
+  return known.message;
 }
 
 std::vector<ModelView> AgentService::Models(const Request& request) const {

@@ -53,12 +53,13 @@ class AgentService {
   static void OnDisconnected(const char* sender, const char* instance, void* data);
   static int OnReceived(const char* sender, const char* instance, rpc_port_h port, void* data);
 
-  void Serve(const char* instance, Parcel& parcel);
+  void Serve(const std::string& instance, Parcel& parcel);
   std::vector<TimedParcel> Answer(const Request& request, const MethodScript& script,
                                   std::int32_t result);
-  std::vector<TimedParcel> AnswerList(const Request& request, const MethodScript& script,
-                                      std::int32_t result);
-  const std::string& ListContent(const Request& request, const MethodScript& script,
+  const std::string& Known(const Request& request, const MethodScript& script, std::int32_t result);
+  const std::string& KnownReply(std::int32_t result);
+  const std::string& KnownLicence(const MethodScript& script);
+  const std::string& KnownListOf(const Request& request, const MethodScript& script,
                                  std::int32_t result);
   std::vector<ModelView> Models(const Request& request) const;
   std::vector<ModelView> Versions(const Request& request) const;
@@ -68,14 +69,22 @@ class AgentService {
   std::int32_t UsualResult(Method method) const;
   void Close();
 
-  /** The last list that a method was answered with, and what it depended on. */
+  // The last message of each kind, as it travels, and what it depended on.
+  struct KnownNumber {
+    std::int32_t result = 0;
+    std::string message;
+  };
+  struct KnownText {
+    const std::string* text = nullptr;
+    std::string message;
+  };
   struct KnownList {
     const MethodScript* script = nullptr;
     std::int32_t result = 0;
     std::uint64_t state = 0;
     std::string app_id;
     std::string model_id;
-    std::string content;  // of the answer
+    std::string message;
   };
 
   const Scenario& scenario_;
@@ -86,7 +95,9 @@ class AgentService {
   rpc_port_stub_h stub_ = nullptr;
   std::unique_ptr<DeliveryQueue> deliveries_;
   ModelStore store_;
-  std::map<Method, KnownList> known_lists_;
+  KnownNumber known_reply_;
+  KnownText known_licence_;
+  std::map<Method, KnownList> known_lists_;  // by their methods
   std::unique_ptr<ModelRunner> work_;
 };
 

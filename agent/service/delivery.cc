@@ -13,13 +13,6 @@
 namespace sim {
 namespace {
 
-/** The bytes of a message as they travel on a stream, with any claimed length. */
-std::string RawMessage(std::uint32_t length, std::string_view content) {
-  std::string raw;
-  for (int shift = 0; shift < 32; shift += 8) raw += static_cast<char>((length >> shift) & 0xff);
-  return raw.append(content);
-}
-
 /** Messages that a client has to ignore: on each port, of the kinds that could mislead it there. */
 Parcel StrayMessage(rpc_port_port_type_e port, std::int32_t number) {
   Parcel parcel;
@@ -94,15 +87,15 @@ void DeliveryQueue::AddFaulty(Fault fault, const MethodScript& script, Parcel pa
       break;
     case Fault::kTruncated:
       step.action = Action::kSendRaw;
-      step.raw = RawMessage(static_cast<std::uint32_t>(content.size()), Shortened(script, content));
+      step.raw = Framed(static_cast<std::uint32_t>(content.size()), Shortened(script, content));
       break;
     case Fault::kOversized:
       step.action = Action::kSendRaw;
-      step.raw = RawMessage(kMostBytes + 1, content);
+      step.raw = Framed(kMostBytes + 1, content);
       break;
     case Fault::kNegative:
       step.action = Action::kSendRaw;
-      step.raw = RawMessage(0xffffffffu, content);
+      step.raw = Framed(0xffffffffu, content);
       break;
   }
   if (script.drip) PrepareDrip(*script.drip, &step);
@@ -111,8 +104,7 @@ void DeliveryQueue::AddFaulty(Fault fault, const MethodScript& script, Parcel pa
 
 void DeliveryQueue::PrepareDrip(const Drip& drip, Step* step) {
   if (step->action == Action::kSend) {
-    const std::string_view content = step->parcel->Bytes();
-    step->raw = RawMessage(static_cast<std::uint32_t>(content.size()), content);
+    step->raw = Framed(*step->parcel);
     step->action = Action::kSendRaw;
     step->parcel.reset();
   }
@@ -147,9 +139,12 @@ std::deque<DeliveryQueue::Step> DeliveryQueue::Plan(rpc_port_port_type_e port,
 void DeliveryQueue::Deliver(const std::string& instance, rpc_port_port_type_e port,
                             const MethodScript& script, std::vector<TimedParcel> messages,
                             std::function<void()> done) {
-  if (CanSendAtOnce(script, messages)) {
+  const bool none_waits =
+      std::all_of(messages.begin(), messages.end(),
+                  [](const TimedParcel& message) { return message.delay == 0; });
+  if (none_waits && CanSendAtOnce(script)) {
     for (const TimedParcel& message : messages) {
-      if (!Send(instance, port, message.parcel)) break;
+      if (!Send(instance, port, Framed(message.parcel))) break;
     }
     if (done) done();
     return;
@@ -163,22 +158,18 @@ void DeliveryQueue::Deliver(const std::string& instance, rpc_port_port_type_e po
   GoOn(self, false);
 }
 
-/** Nothing to wait for and nothing to spoil, as it is with every usual answer. */
-bool DeliveryQueue::CanSendAtOnce(const MethodScript& script,
-                                  const std::vector<TimedParcel>& messages) const {
+bool DeliveryQueue::CanSendAtOnce(const MethodScript& script) const {
   return deliveries_.empty() && script.delay == 0 && script.stray == 0 && !script.drip &&
-         script.fault == Fault::kNone &&
-         std::all_of(messages.begin(), messages.end(),
-                     [](const TimedParcel& message) { return message.delay == 0; });
+         script.fault == Fault::kNone;
 }
 
 bool DeliveryQueue::Send(const std::string& instance, rpc_port_port_type_e port,
-                         const Parcel& parcel) {
+                         std::string_view message) {
   rpc_port_h handle = nullptr;
   const bool there = rpc_port_stub_get_port(stub_, port, instance.c_str(), &handle) == 0;
   // Traced first: the client may act on a message before this process runs again.
-  trace_.Sent(instance, port, parcel.Bytes(), there);
-  return there && SendWhole(parcel, handle);
+  trace_.Sent(instance, port, message.substr(kLengthSize), there);
+  return there && SendWhole(message, handle);
 }
 
 void DeliveryQueue::GoOn(Position delivery, bool from_loop) {
@@ -227,7 +218,7 @@ bool DeliveryQueue::Take(Delivery& delivery, Step& step) {
     case Action::kNothing:
       return true;
     case Action::kSend:
-      return Send(delivery.instance, delivery.port, *step.parcel);
+      return Send(delivery.instance, delivery.port, Framed(*step.parcel));
     case Action::kSendRaw:
       if (step.sent == 0) trace_.SentRaw(delivery.instance, delivery.port, step.raw, there);
       return there && SendPiece(delivery, step, port);
@@ -241,17 +232,16 @@ bool DeliveryQueue::Take(Delivery& delivery, Step& step) {
   return false;
 }
 
-bool DeliveryQueue::SendWhole(const Parcel& parcel, rpc_port_h port) {
+bool DeliveryQueue::SendWhole(std::string_view message, rpc_port_h port) {
   Pass(Mark::kMessageTraced);
   if (IsDue(Mark::kInMessage)) {
-    const std::string_view content = parcel.Bytes();
-    const std::string raw = RawMessage(static_cast<std::uint32_t>(content.size()), content);
-    const std::size_t half = raw.size() / 2;
-    rpc_port_desktop_send_bytes(port, raw.data(), half);
+    const std::size_t half = message.size() / 2;
+    rpc_port_desktop_send_bytes(port, message.data(), half);
     Strike();
-    return rpc_port_desktop_send_bytes(port, raw.data() + half, raw.size() - half) == 0;
+    message.remove_prefix(half);
+    return rpc_port_desktop_send_bytes(port, message.data(), message.size()) == 0;
   }
-  const bool sent = parcel.Send(port);
+  const bool sent = rpc_port_desktop_send_bytes(port, message.data(), message.size()) == 0;
   Pass(Mark::kMessageSent);
   return sent;
 }

@@ -11,6 +11,7 @@
 #include <list>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "protocol/parcel.h"
@@ -45,6 +46,11 @@ class DeliveryQueue {
   void Deliver(const std::string& instance, rpc_port_port_type_e port, const MethodScript& script,
                std::vector<TimedParcel> messages, std::function<void()> done = nullptr);
 
+  /** Whether an answer by this script has nothing to wait for, and is not to be spoilt. */
+  bool CanSendAtOnce(const MethodScript& script) const;
+  /** Sends a message, as it travels; false if it is for nobody. Only where CanSendAtOnce. */
+  bool Send(const std::string& instance, rpc_port_port_type_e port, std::string_view message);
+
   /** Ends a connection. From the main loop, not inside an event of the port. */
   void Drop(const std::string& instance);
 
@@ -78,9 +84,7 @@ class DeliveryQueue {
   bool Advance(Position delivery, bool from_loop);
   void GoOn(Position delivery, bool from_loop);
   bool Take(Delivery& delivery, Step& step);
-  bool CanSendAtOnce(const MethodScript& script, const std::vector<TimedParcel>& messages) const;
-  bool Send(const std::string& instance, rpc_port_port_type_e port, const Parcel& parcel);
-  static bool SendWhole(const Parcel& parcel, rpc_port_h port);
+  static bool SendWhole(std::string_view message, rpc_port_h port);
   bool SendPiece(Delivery& delivery, Step& step, rpc_port_h port);
   bool HasToWait(const Delivery& delivery) const;
 

@@ -10,8 +10,6 @@ const char* NameOf(rpc_port_port_type_e port) {
   return port == RPC_PORT_PORT_MAIN ? "main" : "callback";
 }
 
-constexpr std::size_t kLengthSize = 4;
-
 /** Whether bytes are a message: its content's length, then the content. */
 bool IsWhole(std::string_view bytes) {
   if (bytes.size() < kLengthSize) return false;

@@ -60,7 +60,7 @@ void Stub::Destroy() {
   gate_.AwaitRunning();
 }
 
-int Stub::GetPort(rpc_port_port_type_e type, const std::string& instance, rpc_port_h* port) {
+int Stub::GetPort(rpc_port_port_type_e type, std::string_view instance, rpc_port_h* port) {
   const auto found = clients_.find(instance);
   if (found == clients_.end()) return kInvalidParameter;
   const Connection& connection = found->second->connection;

@@ -4,9 +4,11 @@
 
 #include <rpc-port-desktop.h>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "callbacks.h"
@@ -28,7 +30,7 @@ class Stub final : public LoopSource::Handler, public std::enable_shared_from_th
 
   int Listen();
   void Destroy();
-  int GetPort(rpc_port_port_type_e type, const std::string& instance, rpc_port_h* port);
+  int GetPort(rpc_port_port_type_e type, std::string_view instance, rpc_port_h* port);
   // Ends a client without an event.
   int Disconnect(const std::string& instance);
 
@@ -63,7 +65,7 @@ class Stub final : public LoopSource::Handler, public std::enable_shared_from_th
   std::unique_ptr<ServerSocket> socket_;
   std::unique_ptr<LoopSource> source_;
   std::vector<std::shared_ptr<StubGuest>> guests_;  // the oldest first
-  std::map<std::string, std::shared_ptr<StubClient>> clients_;
+  std::map<std::string, std::shared_ptr<StubClient>, std::less<>> clients_;
 };
 
 }  // namespace rpc_port_desktop
