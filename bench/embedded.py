@@ -60,7 +60,8 @@ def build(source, processor, toolchain, way, optimisation, lto):
 
 
 def sections(tools, library):
-    """Bytes of each part in memory, of what strip leaves."""
+    """Bytes of each section in memory, of what strip leaves; and of each part, which they add up to."""
+    sizes = {}
     parts = {name: 0 for name, _ in PARTS}
     table = output(f"{tools}readelf", "-SW", library)
     # However it was made: without its marker it would be another library.
@@ -73,8 +74,9 @@ def sections(tools, library):
         names = [name for name, pattern in PARTS if re.match(pattern, found[1])]
         if len(names) != 1:
             sys.exit(f"embedded.py: {library}: to which part does {found[1]} belong?")
-        parts[names[0]] += int(found[2], 16)
-    return parts
+        sizes[found[1]] = int(found[2], 16)
+        parts[names[0]] += sizes[found[1]]
+    return sizes, parts
 
 
 def relocations(tools, library):
@@ -88,8 +90,8 @@ def look_at(tools, library):
     stripped = f"{library}.stripped"
     subprocess.run([f"{tools}strip", "-o", stripped, library], check=True)
     relative, named = relocations(tools, stripped)
-    return {"file": os.path.getsize(stripped), "parts": sections(tools, stripped),
-            "relative": relative, "named": named, "stripped": stripped}
+    sizes, parts = sections(tools, stripped)
+    return {"file": os.path.getsize(stripped), "sections": sizes, "parts": parts, "relative": relative, "named": named, "stripped": stripped}
 
 
 def load_time(bench, library):

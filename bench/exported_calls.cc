@@ -105,7 +105,7 @@ const std::vector<ExportedCall>& ExportedCalls() {
   // clang-format off
   static const std::vector<ExportedCall> calls = {
       // looks, records, allocations, system calls, of the agent, switches
-      {CALL(connect, OnConnection, nullptr), {1, 1, 44, 28, 30, 0, true}, kNoConnection},
+      {CALL(connect, OnConnection, nullptr), {1, 1, 60, 28, 30, 0, true}, kNoConnection},
       {CALL(disconnect), {1, 3, 0, 6, 20, 0, true}},
       {CALL(get_license_fulltext, &s.text), {1, 0, 5, 3, 3, 1}},
       {CALL(get_agent_api_level, &s.number), {1, 0, 2, 3, 3, 1}},

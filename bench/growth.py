@@ -83,11 +83,11 @@ def application(folder, size):
 
 
 def conversion(side):
-    """A curve's measure: conversion_runs, without its memory."""
+    """A curve's measure: conversion_runs, whose memory is the list's."""
     def measure(build, _, size):
         done = subprocess.run([f"{build}/bench/conversion_runs", side, str(few(size)), str(size)],
                               stdout=subprocess.PIPE, text=True, check=True)
-        return min(int(line) for line in done.stdout.split()), 0
+        return min(int(line) for line in done.stdout.split()), None
     return measure
 
 
@@ -119,7 +119,8 @@ def curves():
               client("disconnections", lambda _, n: {"models": worlds.models(1), **worlds.SILENT}, lambda n: 3),
               "each delegate is released"),
         Curve("clients of one agent, 200 calls each", "clients", (1, 2, 4, 8, 16, 32, 64), client("clients", lambda _, n: {}, once, worlds_in_turn=5),
-              "each client makes its calls; the agent has two sockets and a buffer for each"),
+              "each client makes its calls; the agent has two sockets and a buffer for each, and its main loop looks at all of them "
+              "whenever it wakes up"),
         Curve("one call, other clients idle", "clients", (1, 2, 4, 8, 16, 32, 64), client("bystanders", lambda _, n: {}, lambda n: 500),
               "the agent's main loop looks at two sockets for each client whenever it wakes up"),
         Curve("files of an application", "files", (100, 1000, 10000, 100000), client("files", application, few),
@@ -153,16 +154,20 @@ def end(sizes, figures):
 
 def exponents(curve):
     """Of time, and of memory: over the upper part and at the end."""
-    memory = curve.memory
-    if max(memory) - min(memory) < NOTHING:
-        memory = None
-    return {"time": exponent(curve.sizes, curve.times), "end of time": end(curve.sizes, curve.times),
-            "memory": exponent(curve.sizes, memory) if memory else 0.0,
-            "end of memory": end(curve.sizes, memory) if memory else 0.0}
+    found = {"time": exponent(curve.sizes, curve.times), "end of time": end(curve.sizes, curve.times)}
+    if None in curve.memory:
+        return found | {"memory": None, "end of memory": None}
+    if max(curve.memory) - min(curve.memory) < NOTHING:
+        return found | {"memory": 0.0, "end of memory": 0.0}
+    return found | {"memory": exponent(curve.sizes, curve.memory), "end of memory": end(curve.sizes, curve.memory)}
 
 
 def shown(value):
-    return "none" if value is None else f"{value:.2f}"
+    return "-" if value is None else f"{value:.2f}"
+
+
+def in_kilobytes(memory):
+    return "-" if memory is None else f"{memory / 1024:.0f}"
 
 
 def verdict(found):
@@ -180,7 +185,7 @@ def print_table(all_curves):
         found = exponents(curve)
         print(f"{curve.name:38}{curve.sizes[0]:7,}{curve.sizes[-1]:11,} {curve.unit:10}{shown(found['time']):>6}{shown(found['end of time']):>6}"
               f"{shown(found['memory']):>8}{shown(found['end of memory']):>6}"
-              f"{curve.times[0] / 1e6:10.3f}{curve.times[-1] / 1e6:10.1f}{curve.memory[-1] / 1024:9.0f}  {verdict(found)}")
+              f"{curve.times[0] / 1e6:10.3f}{curve.times[-1] / 1e6:10.3f}{in_kilobytes(curve.memory[-1]):>9}  {verdict(found)}")
     print()
     for curve in all_curves:
         print(f"{curve.name}: {curve.why}")
