@@ -105,8 +105,8 @@ const std::vector<ExportedCall>& ExportedCalls() {
   // clang-format off
   static const std::vector<ExportedCall> calls = {
       // looks, records, allocations, system calls, of the agent, switches
-      {CALL(connect, OnConnection, nullptr), {1, 1, 60, 28, 30, 0, true}, kNoConnection},
-      {CALL(disconnect), {1, 3, 0, 6, 20, 0, true}},
+      {CALL(connect, OnConnection, nullptr), {1, 1, 60, 28, 60, 0, true}, kNoConnection},
+      {CALL(disconnect), {1, 3, 0, 6, 40, 0, true}},
       {CALL(get_license_fulltext, &s.text), {1, 0, 5, 3, 3, 1}},
       {CALL(get_agent_api_level, &s.number), {1, 0, 2, 3, 3, 1}},
       {CALL(get_client_api_level, &s.number), {1, 0, 12, 14, 0, 0, true}},
