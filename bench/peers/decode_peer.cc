@@ -128,12 +128,13 @@ void RunCapnp(const QueryRuns& runs) {
 
 int main(int argc, char** argv) {
   const QueryRuns runs = ReadQueryRuns(argc, argv);
-  if (runs.kind.starts_with("protobuf")) {
+  const std::string decoder = runs.kind.substr(0, runs.kind.find('-'));
+  if (decoder == "protobuf") {
     RunProtobuf(runs);
-  } else if (runs.kind.starts_with("gvariant")) {
+  } else if (decoder == "gvariant") {
     RunGVariant(runs);
   } else {
-    Require(runs.kind.starts_with("capnp"), "decode that");
+    Require(decoder == "capnp", "decode that");
     RunCapnp(runs);
   }
   return 0;
