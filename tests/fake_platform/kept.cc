@@ -77,11 +77,6 @@ void ExpectKept(Kept what, std::size_t n) {
   kept_ledger().expected[what] = n;
 }
 
-void ExpectAllKept() {
-  const Guard guard;
-  kept_ledger().expected = kept_ledger().counts;
-}
-
 void LetBeKept() { internal::kept_is_compared = false; }
 
 std::size_t CountKept(Kept what) {

@@ -26,8 +26,6 @@ inline constexpr std::size_t kEachThatLives = std::numeric_limits<std::size_t>::
 
 /** Expects so many, no more and no fewer; none of each by default. */
 void ExpectKept(Kept what, std::size_t n);
-/** Expects as many as are there now, where a test is about something else. */
-void ExpectAllKept();
 /**
  * From here on, in all tests of the program, neither what is kept nor what is open is compared: for
  * what stands on the library and has descriptors of its own. What is lost is a failure all the same.

@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "client.h"
 
@@ -130,8 +131,9 @@ using TheGuard = client::ConnectedTest;
 
 TEST_F(TheGuard, ReleasesTheLockBeforeItsRecord) {
   int answered = -1;
+  bool asks = true;
   fake::OnLog([&](const fake::LogRecord& record) {
-    if (record.message != "PROXY EXCEPTION!!!") return;
+    if (record.message != "PROXY EXCEPTION!!!" || !std::exchange(asks, false)) return;
     std::thread([&] {
       fake::QueueReply({8});
       velmora_svcmgr_get_agent_api_level(&answered);
