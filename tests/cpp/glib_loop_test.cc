@@ -33,6 +33,7 @@ gint64 MillisecondsUntil(vs::Loop::TimerId timer) {
 class AGlibLoop : public fake::PlatformTest {
  protected:
   void SetUp() override {
+    g_main_context_default();  // its descriptor stays for the life of the process
     PlatformTest::SetUp();
     fake::AllowHeldConnection();
   }

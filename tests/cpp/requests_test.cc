@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "face_support.h"
+#include "kept.h"
 
 namespace {
 
@@ -84,6 +85,7 @@ TEST_F(ARequest, OfEachKindAsksForItsOwn) {
 TEST_F(ARequest, OfACategoryThatNobodyDeclaresFailsLater) {
   // The library keeps a platform's record of each application that it looks at.
   fake::AllowHeld(fake::Kind::kAppInfo, 1);
+  fake::ExpectKept(fake::Kept::kAppInfo, 1);
   std::string word;
   const vs::Token token = session->ModelsOfCategory(
       "nobody's", [&](const vs::Outcome<vs::ModelList>& models) { word = Word(models); });

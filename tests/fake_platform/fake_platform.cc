@@ -499,7 +499,7 @@ void JudgeBlocks(std::ostream& verdict) {
 
 void JudgeDescriptors(std::ostream& verdict) {
   const int more = OpenDescriptors() - state().descriptors;
-  if (more > 0 && internal::kept_is_compared) verdict << "\n  lost: " << more << " descriptor(s)";
+  if (more > 0) verdict << "\n  lost: " << more << " descriptor(s)";
 }
 
 /** On its own, so that the stack of the hook for another verdict is free of what it leaves unset. */

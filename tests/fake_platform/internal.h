@@ -292,7 +292,6 @@ void ReleaseLiveBlocks();
 std::string OriginOf(const void* block);
 
 /* The ledger of what is kept (kept.cc). */
-extern bool kept_is_compared;
 void ResetKept();
 void JudgeKept(std::ostream& verdict);
 /** A block is released, so that its address may come again. */

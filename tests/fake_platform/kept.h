@@ -9,6 +9,7 @@
  */
 
 #include <cstddef>
+#include <initializer_list>
 #include <limits>
 
 namespace fake {
@@ -27,10 +28,10 @@ inline constexpr std::size_t kEachThatLives = std::numeric_limits<std::size_t>::
 /** Expects so many, no more and no fewer; none of each by default. */
 void ExpectKept(Kept what, std::size_t n);
 /**
- * From here on, in all tests of the program, neither what is kept nor what is open is compared: for
- * what stands on the library and has descriptors of its own. What is lost is a failure all the same.
+ * From here on, in all tests of the program, any number of these may be kept: for what stands on the
+ * library and does not say how much it uses it. What is lost is a failure all the same.
  */
-void LetBeKept();
+void LetBeKept(std::initializer_list<Kept> kinds);
 /** How many have been kept so far. */
 std::size_t CountKept(Kept what);
 

@@ -50,6 +50,14 @@ void* MakeRecord(const char* text) {
 
 class TheVerdict : public fake::PlatformTest {};
 
+TEST_F(TheVerdict, LetsBeKeptWhatItIsToldToAndNothingElse) {
+  fake::LetBeKept({Kept::kStorage});
+  KeepStorage(Opaque(malloc(8)));
+  Keep(Opaque(strdup("kept")));
+  fake::ExpectKept(2);
+  EXPECT_NONFATAL_FAILURE(fake::Verify(), "1 former text(s) kept, 0 expected");
+}
+
 /* What is lost. */
 
 TEST_F(TheVerdict, SeesALostText) {
