@@ -107,6 +107,23 @@ class AnotherSweep(unittest.TestCase):
         self.assertEqual(few["calls that failed"] + few["calls like others"], few["calls"])
 
 
+class EachSite(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.each = faults.EachSite(faults.Programs(FOLDER, 2, None), ["faults_planted"], "Of/*", "")
+        cls.each.find()
+        cls.report = faults.Report()
+        cls.each.sweep(cls.report)
+
+    def test_finds_each_planted_defect(self):
+        found = {what for what, _ in self.report.findings}
+        self.assertEqual({text for text, _ in DEFECTS.values()} - found, set())
+
+    def test_lets_each_stack_fail(self):
+        self.assertGreaterEqual(self.report.counts["calls that failed"], len(self.each.tests))
+        self.assertEqual(self.report.counts["nothing failed"], 0)
+
+
 class AShareOfTheSweep(unittest.TestCase):
     def test_finds_nothing_in_the_library(self):
         lines = sweep("faults_connection", "--stride", "23")

@@ -57,7 +57,7 @@ struct Options {
   long offset = 1;
   /** How many calls of a family fail in one test at most; they are spread over all of them. */
   long most = 300;
-  /** How many calls with the same stack fail in one test: the first, and the last; 0 for all. */
+  /** How many calls with the same stack fail in one test: the first ones, and the last; 0 for all. */
   long alike = 2;
   /** Lets nothing fail, and prints the stacks of each test. */
   bool only_list = false;
