@@ -2,6 +2,7 @@
 #include "kept_records.h"
 
 #include <new>
+#include <utility>
 #include <vector>
 
 #include "require.h"
@@ -22,8 +23,7 @@ std::vector<void*> storages;
 }  // namespace
 
 void Release() {
-  for (const auto info : records) velmora_svcmgr_ai_model_info_destroy(info);
-  records.clear();
+  for (const auto info : std::exchange(records, {})) velmora_svcmgr_ai_model_info_destroy(info);
   for (void* const storage : storages) ::operator delete(storage);
   storages.clear();
 }
@@ -32,6 +32,8 @@ void Forget() {
   records.clear();
   storages.clear();
 }
+
+void Disown(velmora_svcmgr_ai_model_info_h info) { std::erase(records, info); }
 
 void DestroyWholly(velmora_svcmgr_ai_model_list_h list) {
   if (list != nullptr) REQUIRE(velmora_svcmgr_ai_model_list_destroy(list) == 0);

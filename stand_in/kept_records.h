@@ -15,6 +15,9 @@ void Release();
 // Those that were made so far belong to the caller.
 void Forget();
 
+// This one belongs to the caller, who releases it.
+void Disown(velmora_svcmgr_ai_model_info_h info);
+
 // Releases a list, which may be null; what that leaves is released with the records.
 void DestroyWholly(velmora_svcmgr_ai_model_list_h list);
 
