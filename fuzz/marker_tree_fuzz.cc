@@ -92,10 +92,11 @@ struct Tree {
   std::map<fs::path, Age> markers;        // of regular files
   std::map<std::size_t, Change> changes;  // by the number of the opening
   std::set<fs::path> changed;
+  bool is_searched = false;
   std::size_t openings = 0;
 };
 
-Tree* tree = nullptr;  // that is being searched
+Tree* tree = nullptr;  // of the input
 
 fs::path NameFrom(std::uint8_t number) {
   static const std::array<std::string, 8> kNames = {
@@ -200,7 +201,7 @@ int __wrap_open64(const char* path, int flags, ...) {
   va_start(arguments, flags);
   const int mode = (flags & O_CREAT) != 0 ? va_arg(arguments, int) : 0;
   va_end(arguments);
-  if (tree != nullptr && (flags & O_NOFOLLOW) != 0 && (flags & O_DIRECTORY) == 0) {
+  if (tree != nullptr && tree->is_searched) {
     const auto change = tree->changes.find(tree->openings++);
     if (change != tree->changes.end()) Apply(change->second, path);
   }
@@ -215,8 +216,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   fs::create_directory(root);
   tree->folder = root;
   for (std::size_t i = 0; i < kMostSteps && !input.empty(); ++i) TakeStep(&input);
-  tree->openings = 0;
   const int descriptor = LowestFreeDescriptor();
+  tree->is_searched = true;
   const svcmgr::OwnedKyrRecord found = kyr_section_get_latest(root.c_str());
   REQUIRE(LowestFreeDescriptor() == descriptor);
   Judge(found == nullptr ? Age{0, 0} : Age{found->api_level, found->version_patch});
