@@ -28,21 +28,21 @@ namespace {
 void RunProtobuf(const QueryRuns& runs) {
   const std::string bytes = MakeProtoModels(runs.models).SerializeAsString();
   const auto decode = [&] {
-    peers::proto::ModelList list;
-    Require(list.ParseFromString(bytes), "read a list");
+    ProtoList list;
+    Require(list.get()->ParseFromString(bytes), "read a list");
     return list;
   };
   if (runs.kind == "protobuf-records") {
     RunQueriesForRecords(runs.queries, [&](TwoRecords* records) {
-      const peers::proto::ModelList list = decode();
-      for (const peers::proto::Model& model : list.models()) {
+      const ProtoList list = decode();
+      for (const peers::proto::Model& model : (*list).models()) {
         records->Add({model.id().c_str(), model.version().c_str(), model.title().c_str(),
                       model.description().c_str()});
       }
     });
     return;
   }
-  RunQueries(runs.queries, decode, ChecksumOfProtoModels, [](const peers::proto::ModelList&) {});
+  RunQueries(runs.queries, decode, ChecksumOfProtoList, [](const ProtoList&) {});
 }
 
 GBytes* GVariantBytes(int count) {

@@ -61,23 +61,30 @@ class Client {
   explicit Client(const std::string& address)
       : stub_(Agent::NewStub(grpc::CreateChannel(address, grpc::InsecureChannelCredentials()))) {}
 
-  int AskInt32() const { return Call<Number>(&Agent::Stub::Int32).value(); }
+  int AskInt32() const {
+    Number number;
+    Call(&Agent::Stub::Int32, &number);
+    return number.value();
+  }
   std::string AskLicence() const {
-    Text text = Call<Text>(&Agent::Stub::Licence);
+    Text text;
+    Call(&Agent::Stub::Licence, &text);
     return std::move(*text.mutable_value());
   }
-  ModelList AskModels() const { return Call<ModelList>(&Agent::Stub::Models); }
+  ProtoList AskModels() const {
+    ProtoList list;
+    Call(&Agent::Stub::Models, list.get());
+    return list;
+  }
 
  private:
   template <typename Reply>
-  Reply Call(grpc::Status (Agent::Stub::*method)(grpc::ClientContext*, const Nothing&,
-                                                 Reply*)) const {
+  void Call(grpc::Status (Agent::Stub::*method)(grpc::ClientContext*, const Nothing&, Reply*),
+            Reply* reply) const {
     grpc::ClientContext context;
-    Reply reply;
-    const grpc::Status status = (stub_.get()->*method)(&context, Nothing(), &reply);
+    const grpc::Status status = (stub_.get()->*method)(&context, Nothing(), reply);
     if (!status.ok()) std::fprintf(stderr, "%s\n", status.error_message().c_str());
     Require(status.ok(), "call");
-    return reply;
   }
 
   std::unique_ptr<Agent::Stub> stub_;
@@ -92,6 +99,6 @@ int main(int argc, char** argv) {
   const PeerServer server(
       [&](const std::function<void()>& ready) { Serve(address, runs.models, ready); });
   const Client client(address);
-  RunKind(runs, client, ChecksumOfProtoModels);
+  RunKind(runs, client, ChecksumOfProtoList);
   return 0;
 }

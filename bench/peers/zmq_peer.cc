@@ -16,8 +16,6 @@
 
 namespace {
 
-using peers::proto::ModelList;
-
 // Made once, as its server may do with its own bytes.
 std::string AnswerTo(const QueryRuns& runs) {
   if (runs.kind == "licence") return TextOfLicence();
@@ -53,10 +51,11 @@ class Client {
     return number;
   }
   std::string AskLicence() { return Ask().to_string(); }
-  ModelList AskModels() {
+  ProtoList AskModels() {
     const zmq::message_t reply = Ask();
-    ModelList list;
-    Require(list.ParseFromArray(reply.data(), static_cast<int>(reply.size())), "read a list");
+    ProtoList list;
+    Require(list.get()->ParseFromArray(reply.data(), static_cast<int>(reply.size())),
+            "read a list");
     return list;
   }
 
@@ -81,6 +80,6 @@ int main(int argc, char** argv) {
   const PeerServer server(
       [&](const std::function<void()>& ready) { Serve(address, AnswerTo(runs), ready); });
   Client client(address);
-  RunKind(runs, client, ChecksumOfProtoModels);
+  RunKind(runs, client, ChecksumOfProtoList);
   return 0;
 }
