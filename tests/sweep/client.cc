@@ -29,7 +29,7 @@ constexpr int kTickMilliseconds = 10;
 constexpr int kTicksPerProbe = 5;
 /** What has not come after this many answers of the agent, and nothing else, will not come; on a busy
  *  machine the bus is seconds behind. */
-constexpr int kProbes = 100;
+constexpr int kProbes = 400;
 /** What has not come after this many ticks in which nothing at all happened will not come. */
 constexpr int kQuietTicks = 1000;
 /** This many dispatches of which nobody hears mean that the loop spins. */
