@@ -51,6 +51,19 @@ void OnList(int, velmora_svcmgr_ai_model_list_h list, void*) {
   kept_records::DestroyWholly(list);
 }
 
+void OnProgress(int, velmora_svcmgr_ai_progress_h progress, void*) {
+  const Reaction now = std::exchange(reaction, Reaction::kNone);
+  if (now == Reaction::kDisconnect || now == Reaction::kConnectAnew) velmora_svcmgr_disconnect();
+  if (now == Reaction::kConnectAnew) Connect();
+  for (const auto get :
+       {velmora_svcmgr_ai_progress_get_state, velmora_svcmgr_ai_progress_get_index,
+        velmora_svcmgr_ai_progress_get_count, velmora_svcmgr_ai_progress_get_percentage}) {
+    int number = 0;
+    REQUIRE(get(progress, &number) == 0);
+  }
+  REQUIRE(velmora_svcmgr_ai_progress_destroy(progress) == 0);
+}
+
 // One delegate of each kind, with sequence numbers that follow each other.
 void AskForAll() {
   velmora_svcmgr_ai_model_info_h model = nullptr;
@@ -63,6 +76,12 @@ void AskForAll() {
   REQUIRE(velmora_svcmgr_ai_request_usable_model_list(OnList, nullptr) == 0);
   REQUIRE(velmora_svcmgr_ai_request_usable_model_list_with_description(OnList, nullptr) == 0);
   REQUIRE(velmora_svcmgr_ai_request_model_version_list(model, OnList, nullptr) == 0);
+  velmora_svcmgr_ai_model_list_h list = nullptr;
+  REQUIRE(velmora_svcmgr_ai_model_list_create(&list) == 0);
+  REQUIRE(velmora_svcmgr_ai_model_list_add(list, model) == 0);
+  REQUIRE(velmora_svcmgr_ai_request_to_update(list, OnProgress, nullptr) == 0);
+  REQUIRE(velmora_svcmgr_ai_request_to_uninstall(list, OnProgress, nullptr) == 0);
+  kept_records::DestroyWholly(list);
 }
 
 constexpr std::size_t kSeqOffset = 8;  // after the command, or the method, and the delegate's ID

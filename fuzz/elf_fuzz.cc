@@ -2,7 +2,8 @@
 // A file that the search for markers comes upon, compared with a second reading of the format.
 //
 // Input: a byte that says how the file behaves while it is read, two bytes that the size which the
-// walk has seen differs by, and the file's content. The file is the input itself: no descriptor
+// walk has seen differs by (a size below zero is that of no file: the walk fails), and the file's
+// content. The file is the input itself: no descriptor
 // stands behind it.
 
 #include <elf.h>
@@ -171,6 +172,7 @@ int __wrap_close(int descriptor) {
 int __wrap_nftw64(const char* path, __nftw_func_t step, int descriptors, int flags) {
   if (file == nullptr) return __real_nftw64(path, step, descriptors, flags);
   REQUIRE((flags & FTW_PHYS) != 0);
+  if (file->seen_size < 0) return -1;
   struct stat status = {};
   status.st_mode = S_IFREG;
   status.st_size = file->seen_size;

@@ -123,6 +123,8 @@ class Model {
   bool connected = false;
   bool hears_updates = false;
   bool hears_models = false;
+  bool is_subscribed_to_models = false;  // as far as the library knows
+  bool is_left_to_models = false;        // by a platform that has refused to end it
   std::vector<Notice> notices;
 
  private:
@@ -218,8 +220,20 @@ void HearEvent(Input* input, Model* model) {
   event_stand_in::Deliver(kEvents[whose], name, data.get());
 }
 
+// Where the platform refuses, the event goes on, and nobody hears of it.
+void DeregisterModels(bool is_refused, Model* model) {
+  const bool is_subscribed = std::exchange(model->is_subscribed_to_models, false);
+  event_stand_in::refuses_removal = is_refused;
+  REQUIRE(velmora_svcmgr_ai_deregister_status_cb() ==
+          (is_refused && is_subscribed ? SVCMGR_ERROR_INVALID_OPERATION : SVCMGR_ERROR_NONE));
+  event_stand_in::refuses_removal = false;
+  model->is_left_to_models = is_subscribed ? is_refused : model->is_left_to_models;
+  model->hears_models = false;
+}
+
 void TakeStep(Input* input, Model* model) {
-  switch (input->Byte() % 8) {
+  const std::uint8_t step = input->Byte();
+  switch (step % 8) {
     case 0:
       REQUIRE(velmora_svcmgr_set_update_status_cb(OnUpdate, nullptr) == 0);
       model->hears_updates = true;
@@ -230,11 +244,11 @@ void TakeStep(Input* input, Model* model) {
       break;
     case 2:
       REQUIRE(velmora_svcmgr_ai_register_status_cb(OnModel, nullptr) == 0);
-      model->hears_models = true;
+      model->hears_models = model->is_subscribed_to_models = true;
+      model->is_left_to_models = false;
       break;
     case 3:
-      REQUIRE(velmora_svcmgr_ai_deregister_status_cb() == 0);
-      model->hears_models = false;
+      DeregisterModels((step & 8) != 0, model);
       break;
     case 4:
       REQUIRE(velmora_svcmgr_connect(OnConnection, nullptr) ==
@@ -263,7 +277,8 @@ void Compare(const Model& model) {
   REQUIRE(updating == (model.connected && model.IsUpdating()));
   REQUIRE(event_stand_in::IsSubscribed(kEvents[kAgent]) == model.IsWatching());
   REQUIRE(event_stand_in::IsSubscribed(kEvents[kUpdates]) == model.hears_updates);
-  REQUIRE(event_stand_in::IsSubscribed(kEvents[kModels]) == model.hears_models);
+  REQUIRE(event_stand_in::IsSubscribed(kEvents[kModels]) ==
+          (model.is_subscribed_to_models || model.is_left_to_models));
 }
 
 void Announce(Subscriber whose, const char* key) {
@@ -279,6 +294,7 @@ void Forget() {
   REQUIRE(velmora_svcmgr_set_update_status_cb(OnUpdate, nullptr) == 0);
   Announce(kUpdates, "Complete");
   REQUIRE(velmora_svcmgr_unset_update_status_cb() == 0);
+  REQUIRE(velmora_svcmgr_ai_register_status_cb(OnModel, nullptr) == 0);
   REQUIRE(velmora_svcmgr_ai_deregister_status_cb() == 0);
   agent_stand_in::EndInput();
   heard.clear();

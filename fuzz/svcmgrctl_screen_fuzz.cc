@@ -78,6 +78,10 @@ const CommandRow kCommands[] = {
     {Beginning::kFollowed, {"watch", "model"}},
     {Beginning::kReturned, {"license"}},
     {Beginning::kReturned, {"api-level"}},
+    {Beginning::kAsked, {"models", "list", "--fields", "id,version,title"}},
+    {Beginning::kAsked, {"models", "list", "--format", "{id} {{{version}}}\\n"}},
+    {Beginning::kFollowed, {"watch", "--format", "{name} {status}"}},
+    {Beginning::kAsked, {"complete", "--", "models", "versions", "v"}},
 };
 
 struct Form {
@@ -94,7 +98,7 @@ const Form kForms[] = {
     {{"--no-trunc", "--color", "never"}, screen::Kind::kTerminal},
 };
 
-// What only makes a difference once is done once: to read a command line takes longer than to run it.
+// Empty for options that exclude each other. What only makes a difference once is done once: to read a command line takes longer than to run it.
 const Invocation& InvocationOf(std::size_t command, std::size_t form) {
   static std::map<std::pair<std::size_t, std::size_t>, Invocation> known;
   const auto [found, is_new] = known.try_emplace({command, form});
@@ -102,7 +106,11 @@ const Invocation& InvocationOf(std::size_t command, std::size_t form) {
     std::vector<std::string> words = {"svcmgrctl"};
     words.insert(words.end(), kForms[form].options.begin(), kForms[form].options.end());
     words.insert(words.end(), kCommands[command].words.begin(), kCommands[command].words.end());
-    svcmgrctl::ReadCommandLine(words, &found->second);
+    try {
+      svcmgrctl::ReadCommandLine(words, &found->second);
+    } catch (const Failure&) {
+      found->second.command = nullptr;
+    }
   }
   return found->second;
 }
@@ -311,13 +319,14 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Input input(data, size);
   const std::size_t command = input.Byte() % std::size(kCommands);
   const std::size_t form = input.Byte() % std::size(kForms);
+  const Invocation& invocation = InvocationOf(command, form);
+  if (invocation.command == nullptr) return 0;
   screen::Use(kForms[form].kind, input.Byte());
   agent_stand_in::messages.emplace_back(input.Block());
   now = 1000;
   has_returned = false;
   Story of_input = {&input, kCommands[command].beginning};
 
-  const Invocation& invocation = InvocationOf(command, form);
   svcmgrctl::Console console(invocation.options);
   story = &of_input;
   const std::optional<Failure> failure = Run(invocation, &console);

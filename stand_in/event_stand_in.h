@@ -10,6 +10,9 @@
 // it where no bus is to be asked.
 namespace event_stand_in {
 
+// Whether the platform refuses to end a subscription: it then goes on as if nobody had asked.
+extern bool refuses_removal;
+
 // Whether anybody is subscribed to the event.
 bool IsSubscribed(std::string_view event);
 
