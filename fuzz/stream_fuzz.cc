@@ -107,5 +107,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (action & 4) both.DiscardOne();
   }
   while (both.TakeOne()) continue;
+  both.stream.Close();
+  REQUIRE(both.stream.Receive(nullptr) == rpc_port_desktop::kIoError);
   return 0;
 }

@@ -322,7 +322,9 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const Invocation& invocation = InvocationOf(command, form);
   if (invocation.command == nullptr) return 0;
   screen::Use(kForms[form].kind, input.Byte());
-  agent_stand_in::messages.emplace_back(input.Block());
+  const std::string_view reply = input.Block();
+  if (kCommands[command].beginning == Beginning::kReturned)
+    agent_stand_in::messages.emplace_back(reply);
   now = 1000;
   has_returned = false;
   Story of_input = {&input, kCommands[command].beginning};
