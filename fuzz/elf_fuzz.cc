@@ -24,6 +24,8 @@
 #include "input.h"
 #include "kyr-section.h"
 
+// Visible, because a sanitizer's library names some of them, too.
+#pragma GCC visibility push(default)
 extern "C" {
 int __real_open64(const char* path, int flags, ...);
 int __real_fstat64(int descriptor, struct stat64* status);
@@ -37,6 +39,7 @@ ssize_t __wrap_pread64(int descriptor, void* bytes, size_t size, off64_t offset)
 int __wrap_close(int descriptor);
 int __wrap_nftw64(const char* path, __nftw_func_t step, int descriptors, int flags);
 }
+#pragma GCC visibility pop
 
 namespace {
 

@@ -16,6 +16,8 @@
 #include "terminal_characters.h"
 #include "terminal_text.h"
 
+// Visible, because a sanitizer's library names some of them, too.
+#pragma GCC visibility push(default)
 extern "C" {
 ssize_t __real_write(int fd, const void* bytes, size_t size);
 int __real_isatty(int fd);
@@ -27,6 +29,7 @@ int __wrap_isatty(int fd);
 int __wrap_ioctl(int fd, unsigned long request, ...);
 int __wrap_poll(pollfd* fds, nfds_t count, int timeout);
 }
+#pragma GCC visibility pop
 
 namespace screen {
 namespace {
