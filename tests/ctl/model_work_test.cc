@@ -143,6 +143,16 @@ TEST(WorkOnModels, ThatFailsEndsWithTheStatusOfWhatTheAgentSays) {
   }
 }
 
+TEST(WorkOnModels, OfAHostileNameThatIsNotFoundIsSafeInTheRemedyToo) {
+  const Ending ending = RunScripted(
+      Work(Progress(-38, 3, 1, 1, 0), R"(, "versions": {"models": [{"id": "a", "version": "1"}]})"),
+      {"models", "update", "--force", "a\x1b[2J@2"});
+  EXPECT_EQ(ending.status, 4);
+  EXPECT_EQ(ending.errors,
+            "svcmgrctl: error: there is no version '2' of 'a\\x1B[2J'; 'svcmgrctl models versions "
+            "a\\x1B[2J' shows those that there are\n");
+}
+
 TEST(WorkOnModels, OfAVersionThatTheAgentDoesNotListIsNotFound) {
   const Ending ending = RunScripted(
       Work(Progress(-38, 3, 1, 1, 0), R"(, "versions": {"models": [{"id": "a", "version": "1"}]})"),

@@ -178,7 +178,8 @@ void Console::Error(const Failure& failure) const {
   }
   std::string line = "svcmgrctl: " + Painted("error:", Tone::kBad, err_color_) + " " +
                      ForTerminal(Shortened(failure.message));
-  if (const std::string remedy = RemedyFor(failure); !remedy.empty()) line += "; " + remedy;
+  if (const std::string remedy = RemedyFor(failure); !remedy.empty())
+    line += "; " + ForTerminal(Shortened(remedy));
   if (failure.code) line += " (" + failure.name + ")";
   WriteAll(STDERR_FILENO, line + "\n");
 }
