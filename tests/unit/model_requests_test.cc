@@ -421,6 +421,7 @@ TEST_F(ModelRequests, ReadTheIdentityAnewEachTime) {
 TEST_F(ModelRequests, SendNothingWhenATextOfAnyModelIsNotSet) {
   connection::Stand();
   models::Add(stage->models, {"model-2", "2.0", "", "Another"});
+  ASSERT_EQ(stage->models->models.size(), 2U);
   using Field = char* velmora_svcmgr_ai_model_info_s::*;
   const std::vector<std::pair<const Request&, models::Info>> cases = {
       {kVersions, stage->info},

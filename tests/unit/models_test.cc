@@ -380,7 +380,9 @@ TEST_F(ModelLists, LeaveTheirStorageAndNothingElseWhenTheyAreDestroyed) {
 TEST_F(ModelLists, CopyWhicheverTextsAreSet) {
   for (const Texts& texts : AllCombinations()) {
     Add(filled, texts);
-    EXPECT_EQ(At(filled, Size(filled) - 1), texts);
+    const int size = Size(filled);
+    ASSERT_GT(size, 0);
+    EXPECT_EQ(At(filled, size - 1), texts);
   }
 }
 

@@ -45,8 +45,9 @@ void ReleaseContents(velmora_svcmgr_agent_list_h agents) {
 }
 
 void ReleaseContents(velmora_svcmgr_ai_model_list_h list) {
-  for (const auto model : list->models) {
+  for (auto& model : list->models) {
     if (!Release(model, velmora_svcmgr_ai_model_info_destroy)) return;
+    model = nullptr;
   }
   decltype(list->models)().swap(list->models);
 }
