@@ -6,8 +6,11 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <array>
 #include <atomic>
+#include <cstddef>
 #include <exception>
+#include <memory_resource>
 
 #include "record.h"
 #include "sink.h"
@@ -69,7 +72,11 @@ __attribute__((noinline, format(printf, 3, 0))) int Print(log_priority prio, con
   try {
     Message message;
     const int result = message.Format(fmt, args);
-    return result < 0 ? result : WriteToSink(prio, RecordLine(prio, tag, fmt, message));
+    if (result < 0) return result;
+    // Most lines fit: they take nothing of the application's heap.
+    std::array<std::byte, 1280> space;
+    std::pmr::monotonic_buffer_resource memory(space.data(), space.size());
+    return WriteToSink(prio, RecordLine(prio, tag, fmt, message, &memory));
   } catch (const std::exception&) {
     return -ENOMEM;  // not "...": a cancelled thread unwinds through here
   }

@@ -47,7 +47,7 @@ size_t ResetLength(std::string_view text) {
 
 // One record is one line, in the colour that its format begins with: a sequence that an argument
 // brings along is not the record's colour.
-void AppendLine(std::string* out, std::string_view text, std::string_view format, bool cut,
+void AppendLine(std::pmr::string* out, std::string_view text, std::string_view format, bool cut,
                 bool keeps_colour) {
   const std::string_view colour = text.substr(0, ColourLength(format));
   text.remove_prefix(colour.size());
@@ -86,9 +86,9 @@ int Message::FormatLong(const char* fmt, va_list args) {
   return vsnprintf(heap_.get(), size_ + 1, fmt, args) < 0 ? -EINVAL : 0;
 }
 
-std::string RecordLine(log_priority prio, const char* tag, const char* fmt,
-                       const Message& message) {
-  std::string record;
+std::pmr::string RecordLine(log_priority prio, const char* tag, const char* fmt,
+                            const Message& message, std::pmr::memory_resource* memory) {
+  std::pmr::string record(memory);
   record.reserve(message.text().size() + 160);
   record += TimeText().text();
   const int letter = prio < DLOG_VERBOSE ? DLOG_INFO : prio;

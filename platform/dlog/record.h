@@ -6,6 +6,7 @@
 #include <stdarg.h>
 
 #include <cstddef>
+#include <memory_resource>
 #include <string>
 #include <string_view>
 
@@ -31,8 +32,9 @@ class Message {
   bool cut_ = false;
 };
 
-// The whole line for the sink, with its end. Throws std::bad_alloc.
-std::string RecordLine(log_priority prio, const char* tag, const char* fmt, const Message& message);
+// The whole line for the sink, with its end, in this memory. Throws std::bad_alloc.
+std::pmr::string RecordLine(log_priority prio, const char* tag, const char* fmt,
+                            const Message& message, std::pmr::memory_resource* memory);
 
 }  // namespace dlog_desktop
 

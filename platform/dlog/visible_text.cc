@@ -10,7 +10,7 @@
 namespace dlog_desktop {
 namespace {
 
-void AppendEscaped(std::string* out, char c) {
+void AppendEscaped(std::pmr::string* out, char c) {
   if (c == '\n') {
     *out += "\\n";
     return;
@@ -81,7 +81,7 @@ size_t PlainLength(std::string_view text) {
 
 }  // namespace
 
-void AppendVisible(std::string* out, std::string_view text) {
+void AppendVisible(std::pmr::string* out, std::string_view text) {
   while (!text.empty()) {
     size_t length = PlainLength(text);
     out->append(text.substr(0, length));

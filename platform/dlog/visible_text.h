@@ -2,6 +2,7 @@
 #ifndef DLOG_VISIBLE_TEXT_H_
 #define DLOG_VISIBLE_TEXT_H_
 
+#include <memory_resource>
 #include <string>
 #include <string_view>
 
@@ -9,7 +10,7 @@ namespace dlog_desktop {
 
 // Appends a text so that nothing in it hides: the bytes of what must not reach a terminal, and
 // those that are not UTF-8, become visible one by one. Tabs are passed on.
-void AppendVisible(std::string* out, std::string_view text);
+void AppendVisible(std::pmr::string* out, std::string_view text);
 
 }  // namespace dlog_desktop
 
