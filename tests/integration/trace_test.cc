@@ -21,6 +21,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsSupersetOf;
 using testing::StartsWith;
+using testing::UnorderedElementsAre;
 
 /** Runs of shell scripts in traced worlds. */
 class AWorld : public OwnWorlds {
@@ -110,14 +111,16 @@ TEST_F(ATracedWorld, TellsRepliesAndWholeLists) {
 TEST_F(ATracedWorld, NumbersClientsThroughTheAgentsRestarts) {
   Run("empty", "\"$CTL\" license; \"$SIM\" send restart; \"$CTL\" license; \"$CTL\" license");
   std::vector<json> kinds;
+  std::vector<json> gone;  // a busy agent may see the next one come first
   for (const json& record : Records()) {
     const std::string what = record["what"];
-    if (what == "connect" || what == "disconnect") kinds.push_back({what, record["client"]});
+    if (what == "connect") kinds.push_back({what, record["client"]});
+    if (what == "disconnect") gone.push_back(record["client"]);
     if (what == "end" && record["process"] == "agent") kinds.push_back({what, record["status"]});
   }
-  EXPECT_THAT(kinds, ElementsAre(json({"connect", 1}), json({"disconnect", 1}), json({"end", 75}),
-                                 json({"connect", 2}), json({"disconnect", 2}),
-                                 json({"connect", 3}), json({"disconnect", 3}), json({"end", 0})));
+  EXPECT_THAT(kinds, ElementsAre(json({"connect", 1}), json({"end", 75}), json({"connect", 2}),
+                                 json({"connect", 3}), json({"end", 0})));
+  EXPECT_THAT(gone, UnorderedElementsAre(1, 2, 3));
 }
 
 TEST_F(ATracedWorld, TellsEventsStepsAndProcesses) {
