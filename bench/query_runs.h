@@ -31,14 +31,6 @@ inline QueryRuns ReadQueryRuns(int argc, char** argv) {
   return {argv[1], std::strtoul(argv[2], nullptr, 10), std::atoi(argv[3])};
 }
 
-// The nanoseconds of each time, a line each.
-inline void PrintTimes(const std::vector<std::chrono::steady_clock::duration>& times) {
-  for (const auto time : times) {
-    std::printf("%lld\n", static_cast<long long>(
-                              std::chrono::duration_cast<std::chrono::nanoseconds>(time).count()));
-  }
-}
-
 // Runs a kind of query. `ask` returns what `release` takes after the time has been read; the last
 // answer goes to `checksum_of` before.
 template <typename Ask, typename ChecksumOfAnswer, typename Release>
