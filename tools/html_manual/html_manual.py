@@ -28,7 +28,7 @@ DOCUMENTS = [
     "docs/guide/testing.md", "docs/guide/porting.md", "docs/guide/building.md", "docs/guide/wire-format.md",
     "docs/scenarios.md", "docs/testing.md", "docs/desktop-platform.md", "docs/client-api-level.md",
     "docs/performance.md", "docs/embedded.md", "docs/reliability.md", "docs/security.md", "docs/traceability.md",
-    "docs/request.md", "examples/README.md", "ARCHITECTURE.md", "tests/README.md", "CONTRIBUTING.md",
+    "docs/request.md", "examples/README.md", "ARCHITECTURE.md", "tests/README.md", "fuzz/README.md", "CONTRIBUTING.md",
     "CHANGELOG.md",
 ]
 # Blocks that Doxygen colours; others stay as they are.
@@ -264,7 +264,7 @@ class Manual:
 
         guides = [name for name in DOCUMENTS if name.startswith("docs/guide/") and not name.endswith("README.md")]
         others = [name for name in DOCUMENTS if name.startswith("docs/") and "guide/" not in name]
-        project = ["ARCHITECTURE.md", "tests/README.md", "CONTRIBUTING.md", "CHANGELOG.md"]
+        project = ["ARCHITECTURE.md", "tests/README.md", "fuzz/README.md", "CONTRIBUTING.md", "CHANGELOG.md"]
         lines = ['<doxygenlayout version="1.0"><navindex>', '<tab type="mainpage" title="Start"/>',
                  *group("Guides", page_id("docs/guide/README.md"), listed(guides)),
                  *group("C", "c_interface", [(title, f"{FAMILIES[title][0]}_group") for title, _ in self.header.sections]
