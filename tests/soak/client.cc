@@ -99,6 +99,7 @@ struct Client {
   long answered = -1;  // the number of the last answer
   long answers[kKinds] = {};
   bool told_connected = false;
+  bool attempt_failed = false;  // the last one, at once
   bool stranded = false;
   bool notes = false;  // a connection has begun, on which nothing was asked yet
   bool heard_last = false;
@@ -195,12 +196,12 @@ void Turn(unsigned milliseconds) {
 }
 
 /** What no application can tell from a wait, it ends by a time limit of its own. */
-void LookAtTheTime(bool connected) {
+void LookAtTheTime(bool has_hope) {
   // The end of a world waits for it.
   const gint64 limit = (client.shared->settles ? 1 : 4) * G_USEC_PER_SEC;
   static gint64 away_since = 0;
   const gint64 now = g_get_monotonic_time();
-  if (connected || away_since == 0) away_since = now;
+  if (has_hope || away_since == 0) away_since = now;
   if (now - away_since > limit && !client.stranded) {
     client.log.Write("waited");
     client.stranded = true;
@@ -266,11 +267,15 @@ bool IsConnected() {
   if (code == SVCMGR_ERROR_NONE || code != last) client.log.Write("updating %d %d", code, updating);
   last = code;
   client.told_connected = code == SVCMGR_ERROR_NONE;
-  LookAtTheTime(client.told_connected);
+  LookAtTheTime(client.told_connected || client.attempt_failed);
   return client.told_connected;
 }
 
-void Connect() { client.log.Write("connect %d", velmora_svcmgr_connect(OnConnection, nullptr)); }
+void Connect() {
+  const int code = velmora_svcmgr_connect(OnConnection, nullptr);
+  client.log.Write("connect %d", code);
+  client.attempt_failed = code != SVCMGR_ERROR_NONE;  // at once: the next one may do better
+}
 
 void Disconnect() {
   const int code = velmora_svcmgr_disconnect();
