@@ -16,12 +16,12 @@ import json
 import os
 import re
 import statistics
-import struct
 import subprocess
 import sys
 import tempfile
 from dataclasses import dataclass, field
 
+import worlds
 from peers import peers as peers_module
 
 SIZES = (10, 100, 1000, 10000)
@@ -57,19 +57,10 @@ def works():
 
 
 def scenario(models):
-    """Texts as those of bench/model_texts.h."""
     return {
         "description": "models to measure with",
         "agent": {"licence": {"fill": "l", "bytes": 20 * 1024}},
-        "models": [
-            {
-                "id": f"com.example.model.{number}",
-                "versions": ["1.0.0"],
-                "title": f"The model of number {number}",
-                "description": "d" * 80,
-            }
-            for number in range(models)
-        ],
+        "models": worlds.models(models),
     }
 
 
@@ -128,25 +119,6 @@ def measure_conversion(work, build, folder):
                               environment))
     if work.logged:
         os.remove(log)
-
-
-def make_files(folder):
-    """5,400 files, every third of them in ELF with 30 sections; one has a marker."""
-    marker = struct.pack("<4s6H", b"KYR\0", 0, 1, 11, 2, 3, 182)
-    head = bytes([0x7F]) + b"ELF" + bytes([2, 1, 1]) + bytes(9)
-    for number in range(5400):
-        place = f"{folder}/{number // 100}"
-        os.makedirs(place, exist_ok=True)
-        content = b"some text\n" * 800
-        if number % 3 == 0:
-            # The table stands behind the front of the file, as linkers have it.
-            header = head + struct.pack("<HHIQQQIHHHHHH", 3, 62, 1, 0, 0, 8192, 0, 64, 0, 0, 64, 30, 0)
-            size = 16 if number == 2700 else 32
-            sections = b"".join(struct.pack("<IIQQQQIIQQ", 0, 1, 0, 0, 6000, size, 0, 0, 1, 0)
-                                for _ in range(30))
-            content = header.ljust(6000, b"\0") + marker.ljust(2192, b"\0") + sections
-        with open(f"{place}/{number}", "wb") as stream:
-            stream.write(content)
 
 
 def measure_scan(work, build, folder):
@@ -275,8 +247,8 @@ def main():
     print(f"{rounds} rounds, on one CPU, {priority}", flush=True)
     all_works = list(works())
     with tempfile.TemporaryDirectory() as folder:
-        make_files(f"{folder}/files")
-        worlds = {models: World(build, folder, models) for models in SIZES}
+        worlds.make_files(f"{folder}/files", 5400, lines=800, marked=2700)
+        agents = {models: World(build, folder, models) for models in SIZES}
         peers = peers_module.Peers(build, folder, f"{folder}/files") if with_peers else None
         for _ in range(rounds):
             for work in all_works:
@@ -285,15 +257,15 @@ def main():
                 elif work.kind == "event":
                     measure_event(work, build)
                 elif work.kind:
-                    measure_query(work, build, worlds[work.models])
+                    measure_query(work, build, agents[work.models])
                 else:
                     measure_conversion(work, build, folder)
                 if peers:
                     peers.measure(work)
         if peers:
             peers.close()
-        for world in worlds.values():
-            world.close()
+        for agent in agents.values():
+            agent.close()
     others = list(growth(all_works)) + list(other_promises(build, rounds))
     print_table(all_works, others)
     if peers:

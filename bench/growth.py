@@ -14,7 +14,6 @@ exponent, but not the end. Of each point's repetitions the quickest counts.
 import json
 import math
 import os
-import struct
 import subprocess
 import sys
 import tempfile
@@ -58,28 +57,10 @@ def once(_size):
     return 1
 
 
-def make_files(folder, count):
-    """Files as an application has them: every third in ELF with 30 sections, one with a marker."""
-    marker = struct.pack("<4s6H", b"KYR\0", 0, 1, 11, 2, 3, 182)
-    header = bytes([0x7F]) + b"ELF" + bytes([2, 1, 1]) + bytes(9) + struct.pack(
-        "<HHIQQQIHHHHHH", 3, 62, 1, 0, 0, 8192, 0, 64, 0, 0, 64, 30, 0)
-    for number in range(count):
-        place = f"{folder}/{number // 100}"
-        if number % 100 == 0:
-            os.makedirs(place)
-        content = b"some text\n" * 80
-        if number % 3 == 0:
-            size = 16 if number == 3 else 32
-            sections = struct.pack("<IIQQQQIIQQ", 0, 1, 0, 0, 6000, size, 0, 0, 1, 0) * 30
-            content = header.ljust(6000, b"\0") + marker.ljust(2192, b"\0") + sections
-        with open(f"{place}/{number}", "wb") as stream:
-            stream.write(content)
-
-
 def application(folder, size):
     """An agent whose client's application has so many files."""
     if not os.path.exists(f"{folder}/files-{size}"):
-        make_files(f"{folder}/files-{size}", size)
+        worlds.make_files(f"{folder}/files-{size}", size, lines=80, marked=3)
     return {"client": {"root": f"files-{size}"}}
 
 

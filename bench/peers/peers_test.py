@@ -15,6 +15,7 @@ from types import SimpleNamespace
 sys.path[0] = os.path.dirname(sys.path[0])
 
 import bench
+import worlds
 from peers import peers
 
 BUILD = os.path.abspath(sys.argv.pop(1))
@@ -68,7 +69,7 @@ class EachPeer(unittest.TestCase):
 
     def test_finds_what_there_is_in_files(self):
         with tempfile.TemporaryDirectory() as folder:
-            bench.make_files(folder)
+            worlds.make_files(folder, 5400, lines=800, marked=2700)
             self.check(work("scan", 0), 3, files=folder)
 
 
