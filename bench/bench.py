@@ -200,14 +200,15 @@ def growth(all_works):
 
 
 RATIOS = """
-set terminal svg size 900,480 font 'sans-serif,12'
+set terminal svg size {size} font 'sans-serif,12'
 set output '{folder}/ratios.svg'
 set title 'multiples of the limit, with the lowest and highest round'
-set style data boxxyerror
-set yrange [0:*]; set xtics rotate by 30 right; set grid y; set boxwidth 0.6; set key top left
+set logscale y; set yrange [0.1:*]; set xrange [-0.7:*]; set grid y; set boxwidth 0.6
+set xtics rotate by 30 right; set key {key}
 plot $ratios using 0:2:xtic(1) with boxes fill solid 0.4 title 'measured', \\
      $ratios using 0:2:3:4 with yerrorbars lc 'black' notitle, \\
-     $ratios using 0:5 with points pt 9 lc 'red' title 'target'
+     $ratios using 0:5 with points pt 9 lc 'red' title 'target'{points}
+set key default; unset logscale; unset xrange
 """
 GROWTH = """
 set terminal svg size 900,480 font 'sans-serif,12'
@@ -232,7 +233,9 @@ def plot(all_works, peers, folder):
                   microseconds(conversion.limit), microseconds(conversion.ours)))
         for query, conversion in zip(queries, conversions))
     program = f"$ratios <<EOD\n{ratios}\nEOD\n$growth <<EOD\n{rows}\nEOD\n"
-    program += peers_module.plot(all_works, peers, folder) if peers else RATIOS.format(folder=folder)
+    blocks, points = peers.points(all_works) if peers else ("", "")
+    size, key = ("1100,620", "outside right top") if peers else ("900,480", "top left")
+    program += blocks + RATIOS.format(folder=folder, points=points, size=size, key=key)
     program += GROWTH.format(folder=folder)
     subprocess.run(["gnuplot"], input=program, text=True, check=True)
 

@@ -188,32 +188,17 @@ class Peers:
                  "to_limit": row.to_limit, "to_ours": row.to_ours, "target": row.target}
                 for row in self.rows.values()]
 
-
-PLOT = """
-set terminal svg size 1100,620 font 'sans-serif,12'
-set output '{folder}/ratios.svg'
-set title 'multiples of the limit, with the lowest and highest round'
-set logscale y; set yrange [0.1:*]; set xrange [-0.7:*]; set grid y; set boxwidth 0.6
-set xtics rotate by 30 right; set key outside right top
-plot $ratios using 0:2:xtic(1) with boxes fill solid 0.4 title 'measured', \\
-     $ratios using 0:2:3:4 with yerrorbars lc 'black' notitle, \\
-     $ratios using 0:5 with points pt 9 lc 'red' title 'target', \\
-     {peers}
-set key default; unset logscale; unset xrange
-"""
-
-
-def plot(all_works, peers, folder):
-    """What draws the plot of the ratios with those of the peers in it, for gnuplot."""
-    place = {work.name: number for number, work in enumerate(all_works)}
-    names = list(dict.fromkeys(row.peer.name for row in peers.rows.values()))
-    blocks, points = [], []
-    for number, name in enumerate(names):
-        rows = [row for row in peers.rows.values() if row.peer.name == name]
-        lines = "\n".join(
-            f"{place[row.work.name]} {statistics.median(row.to_limit)} {min(row.to_limit)} {max(row.to_limit)}"
-            for row in rows)
-        blocks.append(f"$peer{number} <<EOD\n{lines}\nEOD\n")
-        title = name.replace("'", "''")
-        points.append(f"$peer{number} with yerrorbars pt {number + 1} lc {number + 1} title '{title}'")
-    return "".join(blocks) + PLOT.format(folder=folder, peers=", \\\n     ".join(points))
+    def points(self, all_works):
+        """What draws them into the plot of the ratios, for gnuplot: blocks of data, and the rest of a plot."""
+        place = {work.name: number for number, work in enumerate(all_works)}
+        names = list(dict.fromkeys(row.peer.name for row in self.rows.values()))
+        blocks, points = "", ""
+        for number, name in enumerate(names):
+            rows = [row for row in self.rows.values() if row.peer.name == name]
+            lines = "\n".join(
+                f"{place[row.work.name]} {statistics.median(row.to_limit)} {min(row.to_limit)} {max(row.to_limit)}"
+                for row in rows)
+            blocks += f"$peer{number} <<EOD\n{lines}\nEOD\n"
+            title = name.replace("'", "''")
+            points += f", \\\n     $peer{number} with yerrorbars pt {number + 1} lc {number + 1} title '{title}'"
+        return blocks, points
