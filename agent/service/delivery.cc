@@ -163,10 +163,20 @@ bool DeliveryQueue::CanSendAtOnce(const MethodScript& script) const {
          script.fault == Fault::kNone;
 }
 
+rpc_port_h DeliveryQueue::FindPort(const std::string& instance, rpc_port_port_type_e port) const {
+  rpc_port_h handle = nullptr;
+  rpc_port_stub_get_port(stub_, port, instance.c_str(), &handle);
+  return handle;
+}
+
 bool DeliveryQueue::Send(const std::string& instance, rpc_port_port_type_e port,
                          std::string_view message) {
-  rpc_port_h handle = nullptr;
-  const bool there = rpc_port_stub_get_port(stub_, port, instance.c_str(), &handle) == 0;
+  return SendOn(FindPort(instance, port), instance, port, message);
+}
+
+bool DeliveryQueue::SendOn(rpc_port_h handle, const std::string& instance,
+                           rpc_port_port_type_e port, std::string_view message) {
+  const bool there = handle != nullptr;
   // Traced first: the client may act on a message before this process runs again.
   trace_.Sent(instance, port, message.substr(kLengthSize), there);
   return there && SendWhole(message, handle);
@@ -211,14 +221,13 @@ bool DeliveryQueue::Advance(Position delivery, bool from_loop) {
 }
 
 bool DeliveryQueue::Take(Delivery& delivery, Step& step) {
-  rpc_port_h port = nullptr;
-  const bool there =
-      rpc_port_stub_get_port(stub_, delivery.port, delivery.instance.c_str(), &port) == 0;
+  const rpc_port_h port = FindPort(delivery.instance, delivery.port);
+  const bool there = port != nullptr;
   switch (step.action) {
     case Action::kNothing:
       return true;
     case Action::kSend:
-      return Send(delivery.instance, delivery.port, Framed(*step.parcel));
+      return SendOn(port, delivery.instance, delivery.port, Framed(*step.parcel));
     case Action::kSendRaw:
       if (step.sent == 0) trace_.SentRaw(delivery.instance, delivery.port, step.raw, there);
       return there && SendPiece(delivery, step, port);

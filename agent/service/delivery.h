@@ -84,6 +84,10 @@ class DeliveryQueue {
   bool Advance(Position delivery, bool from_loop);
   void GoOn(Position delivery, bool from_loop);
   bool Take(Delivery& delivery, Step& step);
+  /** Null if the client has gone. */
+  rpc_port_h FindPort(const std::string& instance, rpc_port_port_type_e port) const;
+  bool SendOn(rpc_port_h handle, const std::string& instance, rpc_port_port_type_e port,
+              std::string_view message);
   static bool SendWhole(std::string_view message, rpc_port_h port);
   bool SendPiece(Delivery& delivery, Step& step, rpc_port_h port);
   bool HasToWait(const Delivery& delivery) const;
