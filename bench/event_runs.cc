@@ -20,17 +20,15 @@
 #include <velmora_svcmgr.h>
 
 #include <array>
-#include <chrono>
 #include <cstdlib>
 #include <new>
 #include <string>
 #include <vector>
 
 #include "bench_world.h"
+#include "times.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 // What an event of the library holds: name of the package, of the event and its data.
 constexpr std::size_t kEventSize = 128;
@@ -110,11 +108,7 @@ class Subscriber {
       while (arrived_ == Clock::time_point()) g_main_context_iteration(nullptr, TRUE);
       time = arrived_ - *published;
     }
-    for (const auto time : times_) {
-      std::printf("%lld\n",
-                  static_cast<long long>(
-                      std::chrono::duration_cast<std::chrono::nanoseconds>(time).count()));
-    }
+    PrintTimes(times_);
   }
 
  private:

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <vector>
 
+// The same in all processes.
 using Clock = std::chrono::steady_clock;
 
 // In nanoseconds, a line each, as bench.py reads them.

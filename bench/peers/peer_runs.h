@@ -4,7 +4,6 @@
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -15,6 +14,7 @@
 #include "checksum.h"
 #include "model_texts.h"
 #include "query_runs.h"
+#include "times.h"
 #include "two_records.h"
 
 // What the programs of the peers share: the server's process, and what the client makes of a list.
@@ -124,7 +124,6 @@ class EventTimes {
   void Print() const;
 
  private:
-  using Clock = std::chrono::steady_clock;  // the same in all processes
   struct Shared {
     Clock::time_point sent;
   };

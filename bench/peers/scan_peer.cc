@@ -17,7 +17,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -26,11 +25,9 @@
 #include <vector>
 
 #include "bench_world.h"
-#include "query_runs.h"
+#include "times.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 // ---- libelf -------------------------------------------------------------------------------------
 
