@@ -226,23 +226,12 @@ void RunEvents(std::size_t count) {
                                               "org.freedesktop.DBus", "GetId", nullptr, nullptr,
                                               G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error));
   Check(error, "subscribe");
-  for (std::size_t i = 0; i < count; ++i) {
-    times.Ask();
-    while (!times.has_arrived()) g_main_context_iteration(nullptr, TRUE);
-  }
-  times.Print();
+  times.Measure(count, [] { g_main_context_iteration(nullptr, TRUE); });
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const auto [way, runs] = ReadPeerRuns(argc, argv, "daemon|direct");
-  if (runs.kind == "event") {
-    RunEvents(runs.queries);
-  } else if (way == "daemon") {
-    RunByDaemon(runs);
-  } else {
-    RunDirectly(runs);
-  }
-  return 0;
+  return RunBusPeer(argc, argv,
+                    {.by_daemon = RunByDaemon, .directly = RunDirectly, .events = RunEvents});
 }

@@ -49,6 +49,18 @@ PeerRuns ReadPeerRuns(int argc, char** argv, const std::string& ways) {
   return {argv[1], ReadQueryRuns(argc - 1, argv + 1)};
 }
 
+int RunBusPeer(int argc, char** argv, const BusPeer& peer) {
+  const auto [way, runs] = ReadPeerRuns(argc, argv, "daemon|direct");
+  if (runs.kind == "event") {
+    peer.events(runs.queries);
+  } else if (way == "daemon") {
+    peer.by_daemon(runs);
+  } else {
+    peer.directly(runs);
+  }
+  return 0;
+}
+
 PeerServer::PeerServer(const std::function<void(const std::function<void()>& ready)>& serve) {
   const Pipe pipe;
   pid_ = StartProcess([&] {

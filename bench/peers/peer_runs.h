@@ -56,6 +56,16 @@ struct PeerRuns {
 // message if there is no such way.
 PeerRuns ReadPeerRuns(int argc, char** argv, const std::string& ways);
 
+// What a peer over a bus can do. Its connections end with the process.
+struct BusPeer {
+  void (*by_daemon)(const QueryRuns& runs);
+  void (*directly)(const QueryRuns& runs);  // without a bus between the two
+  void (*events)(std::size_t count);        // by the daemon
+};
+
+// All of such a peer's main function.
+int RunBusPeer(int argc, char** argv, const BusPeer& peer);
+
 // An application's own list, which outlives the message that it came with.
 using ModelTextsList = std::vector<ModelTexts>;
 
@@ -115,15 +125,23 @@ class EventTimes {
   EventTimes(const EventTimes&) = delete;
   EventTimes& operator=(const EventTimes&) = delete;
 
-  // Has one event sent.
-  void Ask();
+  // Has so many events sent, each when the one before has arrived, for which it calls `turn`. Prints
+  // a line with their number, and one with the nanoseconds of each.
+  template <typename Turn>
+  void Measure(std::size_t count, Turn turn) {
+    for (std::size_t i = 0; i < count; ++i) {
+      Ask();
+      while (!has_arrived_) turn();
+    }
+    Print();
+  }
   // To be called by the callback. Ends the process unless it is the event that was sent.
   void Arrived(const char* name, const void* data, std::size_t size);
-  bool has_arrived() const { return has_arrived_; }
-  // One line with the number of events, and one with the nanoseconds of each.
-  void Print() const;
 
  private:
+  void Ask();
+  void Print() const;
+
   struct Shared {
     Clock::time_point sent;
   };

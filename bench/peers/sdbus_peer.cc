@@ -204,23 +204,12 @@ void RunEvents(std::size_t count) {
   sd_bus* const bus = OpenBus();
   Check(sd_bus_match_signal(bus, nullptr, nullptr, kPath, kInterface, kSignal, OnSignal, &times),
         "subscribe");
-  for (std::size_t i = 0; i < count; ++i) {
-    times.Ask();
-    while (!times.has_arrived()) Turn(bus);
-  }
-  times.Print();
+  times.Measure(count, [bus] { Turn(bus); });
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const auto [way, runs] = ReadPeerRuns(argc, argv, "daemon|direct");
-  if (runs.kind == "event") {
-    RunEvents(runs.queries);
-  } else if (way == "daemon") {
-    RunByDaemon(runs);
-  } else {
-    RunDirectly(runs);
-  }
-  return 0;
+  return RunBusPeer(argc, argv,
+                    {.by_daemon = RunByDaemon, .directly = RunDirectly, .events = RunEvents});
 }
