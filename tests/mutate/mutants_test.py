@@ -2,9 +2,12 @@
 """The places for faults, and the choice among them."""
 
 import itertools
+import tempfile
 import unittest
+from pathlib import Path
 
 import mutants
+import mutate
 
 SAMPLE = '''\
 #include "header<1>.h"
@@ -102,6 +105,27 @@ class Choosing(unittest.TestCase):
         chosen = list(mutants.choose(self.SOURCES, 1))
         places = {(m.file, m.kind, m.start) for m in chosen}
         self.assertEqual(len(places), len(chosen))
+
+
+class ThePlatform(unittest.TestCase):
+    def libraries(self, lists):
+        with tempfile.TemporaryDirectory() as folder:
+            for name, text in lists.items():
+                path = Path(folder, "platform", name, "CMakeLists.txt")
+                path.parent.mkdir(parents=True)
+                path.write_text(text)
+            return mutate.AREAS["platform"].libraries(Path(folder))
+
+    def test_is_all_libraries_that_the_tree_makes_of_it(self):
+        self.assertEqual(
+            self.libraries({"one": "# A comment.\nsvcmgr_platform_library(one-library\n  SOURCES a.cc)\n",
+                            "two": "svcmgr_platform_library(two SOURCES b.cc)\n",
+                            "none": "add_library(none b.cc)\n"}),
+            (("svcmgr_one-library", "platform/one"), ("svcmgr_two", "platform/two")))
+
+    def test_without_a_library_allows_no_result(self):
+        with self.assertRaisesRegex(mutate.CannotGo, "makes a library"):
+            self.libraries({"none": "add_library(none b.cc)\n"})
 
 
 if __name__ == "__main__":

@@ -24,6 +24,7 @@ import signal
 import subprocess
 import sys
 import time
+from collections.abc import Callable
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -43,18 +44,25 @@ class Area:
     sources: str  # a pattern of their names
     folders: str  # of tests, as CMake takes them
     programs: str  # a pattern of the tests' names
-    libraries: tuple  # targets, each with its folder, that the sources make
+    libraries: Callable  # of the tree: targets, each with its folder, that the sources make
 
 
-PLATFORM = ("bundle", "dlog", "capi-appfw-app-common", "capi-appfw-app-manager",
-            "capi-appfw-package-manager", "capi-appfw-event", "rpc-port")
+def platform_libraries(tree):
+    found = tuple((f"svcmgr_{name}", str(path.parent.relative_to(tree)))
+                  for path in sorted(tree.glob("platform/*/CMakeLists.txt"))
+                  for name in re.findall(r"^svcmgr_platform_library\(([\w-]+)", path.read_text(), re.M))
+    if not found:
+        raise CannotGo(f"no platform/*/CMakeLists.txt in {tree} makes a library")
+    return found
+
+
 AREAS = {
     "src": Area(r"src/.*\.(cc|h)", "fake_platform;unit", r"unit_\w+_test",
-                (("svcmgr_objects", "src"),)),
+                lambda _: (("svcmgr_objects", "src"),)),
     # The headers of the interface hold nothing that could be wrong but names and numbers.
     "platform": Area(r"platform/(?!.*/include/).*\.(cc|h)", "platform",
                      r"(?:platform|rpc_port)_\w+_test",
-                     tuple((f"svcmgr_{name}", f"platform/{name}") for name in PLATFORM)),
+                     platform_libraries),
 }
 
 
@@ -123,6 +131,7 @@ class Build:
     """The tests' programs, built from the copy."""
 
     def __init__(self, tree, folder, area):
+        self.libraries = area.libraries(tree.folder)
         self.tree = tree
         self.folder = folder
         self.area = area
@@ -135,7 +144,7 @@ class Build:
               f"-DSVCMGR_COVERAGE={'ON' if coverage else 'OFF'}"])
 
     def make_libraries(self):
-        return self.make(*(target for target, _ in self.area.libraries))
+        return self.make(*(target for target, _ in self.libraries))
 
     def make(self, *targets):
         return run(["cmake", "--build", self.folder, "-j", str(JOBS), "--target", *targets])
@@ -147,7 +156,7 @@ class Build:
     def objects(self):
         """What the libraries' object files hold, all together."""
         content = hashlib.sha256()
-        for target, folder in self.area.libraries:
+        for target, folder in self.libraries:
             for path in sorted((self.folder / folder / f"CMakeFiles/{target}.dir").rglob("*.o")):
                 content.update(path.read_bytes())
         return content.digest()
