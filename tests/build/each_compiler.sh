@@ -7,14 +7,11 @@
 # A COMPILER is a name such as g++-13 or clang++-16, with /libc++ behind it for LLVM's C++ library.
 # GoogleTest is built with it, too. Without any: all that this machine has. Warnings are errors.
 set -euo pipefail
-root=$(cd "$(dirname "$0")/../.." && pwd)
+. "$(dirname "$(readlink -f "$0")")/own_googletest.sh"
 [ $# -gt 0 ] || { sed -n '4,8s/^# \{0,1\}//p' "$0" >&2; exit 2; }
 mkdir -p "$1"
 folder=$(cd "$1" && pwd)  # CMake takes no relative one for a prefix
 shift
-jobs=${JOBS:-$(nproc)}
-
-die() { printf 'each_compiler.sh: %s\n' "$*" >&2; exit 1; }
 
 here() {
   local name
@@ -29,14 +26,8 @@ here() {
   done
 }
 
-quiet() {  # LOG COMMAND...
-  local log=$1
-  shift
-  "$@" >"$log" 2>&1 || { tail -n 60 "$log" >&2; die "failed: $*"; }
-}
-
 try() {  # COMPILER
-  local cxx=${1%/libc++} build=$folder/${1//[\/+]/_} flags=
+  local cxx=${1%/libc++} build=$folder/${1//[\/+]/_} flags='' options
   local cc=${cxx/clang++/clang}
   cc=${cc/g++/gcc}
   command -v "$cxx" >/dev/null || die "there is no $cxx here"
@@ -45,14 +36,11 @@ try() {  # COMPILER
   if [ "$1" != "$cxx" ]; then
     flags=-stdlib=libc++
   fi
+  options=(-DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_FLAGS="$flags")
   # Debian's was made by its newest compiler, with what older ones do not have.
-  quiet "$build/gtest.log" cmake -S /usr/src/googletest -B "$build/gtest" -G Ninja -DCMAKE_CXX_COMPILER="$cxx" \
-    -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_INSTALL_PREFIX="$build/prefix"
-  quiet "$build/gtest.log" cmake --build "$build/gtest" -j "$jobs" --target install
-  quiet "$build/configure.log" cmake -S "$root" -B "$build/tree" -G Ninja -DCMAKE_BUILD_TYPE=Debug \
-    -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_FLAGS="$flags" -DSVCMGR_WERROR=ON \
-    -DCMAKE_PREFIX_PATH="$build/prefix" "-DSVCMGR_TEST_FOLDERS=fake_platform;unit"
-  quiet "$build/build.log" cmake --build "$build/tree" -j "$jobs" --target velmora-svcmgr tests/unit/all
+  build_googletest "$build" "${options[@]}"
+  configure_tree "$build" "${options[@]}"
+  build_tree "$build" velmora-svcmgr tests/unit/all
   quiet "$build/test.log" ctest --test-dir "$build/tree/tests/unit" -j "$jobs" --no-tests=error
   printf '%s: %s\n' "$1" "$(sed -n 's/^\([0-9]*% tests passed.*\)/\1/p' "$build/test.log")"
 }
