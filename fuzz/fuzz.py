@@ -2,21 +2,28 @@
 # SPDX-License-Identifier: Apache-2.0
 """Runs fuzz targets and counts what they have run, or tells what their corpora cover.
 
-usage: fuzz.py search PROGRAMS CORPORA FOLDER SECONDS [TARGET...]
+usage: fuzz.py search PROGRAMS CORPORA FOLDER SECONDS|wanted [TARGET...]
+       fuzz.py fast   PROGRAMS CORPORA FOLDER SECONDS|wanted FAST [TARGET...]
        fuzz.py coverage PROGRAMS CORPORA FOLDER
 
-PROGRAMS holds the targets, CORPORA a folder of known inputs for each. FOLDER takes what is found, the
-inputs that a search gathers, and how often each target was run in all: the sum over all searches of
-this folder. A target may be called without its ending, _fuzz.
+PROGRAMS holds the targets, built with sanitizers, CORPORA a folder of known inputs for each. FOLDER takes
+what is found, the inputs that a search gathers, and how often each target was run in all: the sum over
+all searches of this folder. "wanted" goes on until that is as often as it should be. A target may be
+called without its ending, _fuzz.
+
+FAST holds the same targets without sanitizers. They run short inputs, several times as many, and their
+judges alone look on; what they gather the others run afterwards.
 
 Ends with 0 if nothing was found and each decoder is covered, with 1 if not, with 2 if it cannot tell.
 """
 
+import fcntl
 import json
 import os
 import re
 import subprocess
 import sys
+from dataclasses import dataclass
 from pathlib import Path
 
 sys.dont_write_bytecode = True  # nothing is written where the sources are
@@ -26,6 +33,10 @@ SLOW = {"connection_fuzz", "marker_tree_fuzz", "scenario_fuzz", "svcmgrctl_argum
         "svcmgrctl_screen_fuzz", "walk_fuzz"}
 WANTED_FAST = 10**8
 WANTED_SLOW = 10**6
+SLICE = 60  # seconds after which it is counted again what is still missing
+# Short inputs, of which each branch counts once however often it is taken: what slows a search most is
+# to tell how often each was.
+FAST_OPTIONS = ("-max_len=256", "-use_counters=0")
 
 # What makes something of bytes, texts or events that come from outside, and what draws it. Of sources
 # that do other things, too, such as to send or to open files, the functions that decode are named.
@@ -86,67 +97,129 @@ def chosen(targets, names):
     return {name: targets[name] for name in full} or targets
 
 
+def wanted_of(target):
+    return WANTED_SLOW if target in SLOW else WANTED_FAST
+
+
 class Counts:
-    """How often each target was run, and for how long, in a file that only grows."""
+    """How often each target was run, with sanitizers and fast, in a file that only grows.
+
+    Several searches may count in the same file at once.
+    """
+
+    WAYS = ("sanitized", "fast")
 
     def __init__(self, path):
         self.path = path
-        self.of = json.loads(path.read_text()) if path.exists() else {}
 
-    def add(self, target, executions, seconds):
-        total = self.of.setdefault(target, {"executions": 0, "seconds": 0})
-        total["executions"] += executions
-        total["seconds"] += seconds
-        # In one step: whoever interrupts a search keeps what was counted before.
-        new = self.path.with_suffix(".new")
-        new.write_text(json.dumps(self.of, indent=1, sort_keys=True) + "\n")
-        new.replace(self.path)
+    def read(self):
+        return json.loads(self.path.read_text()) if self.path.exists() else {}
 
+    def of(self, target, way=None):
+        total = self.read().get(target, {})
+        return sum(total.get(each, 0) for each in ([way] if way else self.WAYS))
 
-def search(target, program, corpora, folder, seconds):
-    """Runs one target; returns its executions and seconds, and whether it found something."""
-    gathered = folder / "corpus" / target
-    gathered.mkdir(parents=True, exist_ok=True)
-    command = [program, f"-max_total_time={seconds}", "-print_final_stats=1", "-verbosity=0",
-               f"-artifact_prefix={folder}/{target}-", gathered, *known_inputs(corpora, target)]
-    run = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                         errors="replace")
-    number = {name: int(value) for name, value in re.findall(r"stat::(\w+):\s+(\d+)", run.stdout)}
-    if run.returncode != 0:
-        print(run.stdout, file=sys.stderr)
-    per_second = max(number.get("average_exec_per_sec", 0), 1)
-    executions = number.get("number_of_executed_units", 0)
-    return executions, executions / per_second, run.returncode != 0
+    def add(self, target, way, executions):
+        with open(self.path.with_suffix(".lock"), "w", encoding="utf-8") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            total = self.read()
+            of_target = total.setdefault(target, dict.fromkeys(self.WAYS, 0))
+            of_target[way] += executions
+            # In one step: whoever interrupts a search keeps what was counted before.
+            new = self.path.with_suffix(".new")
+            new.write_text(json.dumps(total, indent=1, sort_keys=True) + "\n")
+            new.replace(self.path)
 
 
-def search_all(programs, corpora, folder, seconds, names):
-    targets = chosen(targets_in(programs), names)
-    counts = Counts(folder / "executions.json")
+@dataclass
+class Search:
+    """One search: where things are, and how it goes."""
+
+    programs: Path  # with sanitizers
+    corpora: Path
+    folder: Path
+    fast: Path | None  # without
+
+    @property
+    def way(self):
+        return "fast" if self.fast else "sanitized"
+
+    def gathered(self, target):
+        folder = self.folder / "corpus" / target
+        folder.mkdir(parents=True, exist_ok=True)
+        return folder
+
+    def run(self, program, target, *options):
+        """Runs a target once; returns its executions and seconds, and whether it found something."""
+        command = [program, *options, "-print_final_stats=1", "-verbosity=0",
+                   f"-artifact_prefix={self.folder}/{target}-", self.gathered(target),
+                   *known_inputs(self.corpora, target)]
+        run = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                             errors="replace")
+        number = {name: int(value) for name, value in re.findall(r"stat::(\w+):\s+(\d+)", run.stdout)}
+        if run.returncode != 0:
+            print(run.stdout, file=sys.stderr)
+        per_second = max(number.get("average_exec_per_sec", 0), 1)
+        executions = number.get("number_of_executed_units", 0)
+        return executions, executions / per_second, run.returncode != 0
+
+    def step(self, target, seconds, most):
+        """Searches for so many seconds, or until it was run so often."""
+        options = [f"-max_total_time={seconds}", *([f"-runs={most}"] if most else [])]
+        if not self.fast:
+            return self.run(self.programs / target, target, *options)
+        return self.run(self.fast / target, target, *options, *FAST_OPTIONS)
+
+    def known_to_sanitizers(self, target):
+        """Whether what was gathered is nothing new to the target with sanitizers."""
+        _, _, found = self.run(self.programs / target, target, "-runs=0")
+        return not found
+
+
+def search_target(search, target, seconds, counts):
+    """Returns executions, seconds, and whether something was found."""
+    executions, took, found = 0, 0, False
+    while not found:
+        missing = max(wanted_of(target) - counts.of(target), 0)
+        if seconds is None and missing == 0:
+            break
+        now, seconds_now, found = search.step(target, seconds or SLICE, 0 if seconds else missing)
+        counts.add(target, search.way, now)
+        executions, took = executions + now, took + seconds_now
+        if seconds is not None:
+            break
+    if search.fast and not search.known_to_sanitizers(target):
+        found = True
+    return executions, took, found
+
+
+def search_all(search, length, names):
+    seconds = None if length == "wanted" else int(length)
+    targets = chosen(targets_in(search.programs), names)
+    counts = Counts(search.folder / "executions.json")
     now, finders = {}, []
-    for target, program in targets.items():
-        print(f"{target}: {seconds} s", flush=True)
-        executions, took, found = search(target, program, corpora, folder, seconds)
-        now[target] = executions, took
-        counts.add(target, executions, took)
+    for target in targets:
+        print(f"{target}: {f'{seconds} s' if seconds else 'until it is enough'}", flush=True)
+        *now[target], found = search_target(search, target, seconds, counts)
         if found:
             finders.append(target)
     print_counts(targets, now, counts)
     for target in finders:
-        print(f"fuzz: {target} found something, which is in {folder}", file=sys.stderr)
+        print(f"fuzz: {target} found something, which is in {search.folder}", file=sys.stderr)
     return 1 if finders else 0
 
 
 def print_counts(targets, now, counts):
     width = max(map(len, targets))
-    print(f"\n{'target':{width}}  {'this time':>12}  {'each second':>12}  {'in all':>14}  wanted")
+    print(f"\n{'target':{width}}  {'this time':>12}  {'each second':>12}  {'sanitized':>12}  {'fast':>12}"
+          "  wanted")
     for target in targets:
         executions, took = now[target]
         rate = round(executions / took) if took else 0
-        wanted = WANTED_SLOW if target in SLOW else WANTED_FAST
-        total = counts.of[target]["executions"]
-        share = min(100 * total // wanted, 100)
-        print(f"{target:{width}}  {executions:12,}  {rate:12,}  {total:14,}  {share:3} % of "
-              f"{wanted:,}")
+        wanted = wanted_of(target)
+        share = min(100 * counts.of(target) // wanted, 100)
+        print(f"{target:{width}}  {executions:12,}  {rate:12,}  {counts.of(target, 'sanitized'):12,}  "
+              f"{counts.of(target, 'fast'):12,}  {share:3} % of {wanted:,}")
 
 
 def tool(name):
@@ -225,11 +298,14 @@ def coverage(programs, corpora, folder):
 
 
 def main(words):
-    if len(words) >= 5 and words[0] == "search":
-        programs, corpora, folder = map(Path, words[1:4])
-        return search_all(programs, corpora, folder, int(words[4]), words[5:])
-    if len(words) == 4 and words[0] == "coverage":
-        return coverage(*map(Path, words[1:]))
+    kind, *words = words or [""]
+    folders = [Path(word) for word in words[:3]]
+    if kind in ("search", "fast") and re.fullmatch(r"\d+|wanted", (words[3:4] or [""])[0]):
+        fast = Path(words.pop(4)) if kind == "fast" and len(words) > 4 else None
+        if fast or kind == "search":
+            return search_all(Search(*folders, fast), words[3], words[4:])
+    if kind == "coverage" and len(words) == 3:
+        return coverage(*folders)
     print(__doc__, file=sys.stderr)
     return 2
 
