@@ -332,6 +332,11 @@ Step SucceedWithText(std::string text) {
 
 Step Hook(std::function<void()> hook) { return Step().Leaving(std::move(hook)); }
 
+std::ostream& operator<<(std::ostream& out, const Step& step) {
+  constexpr const char* kShapes[] = {"work", "untouched", "garbage", "null", "text"};
+  return out << kShapes[static_cast<std::size_t>(step.shape)] << ' ' << step.result;
+}
+
 void Next(const std::string& function, Step step) {
   const Guard guard;
   internal::ScriptOf(function).next.push_back(std::move(step));

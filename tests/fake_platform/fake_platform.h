@@ -85,6 +85,8 @@ struct Step {
   /** Adds a hook that runs inside the call, after its work and just before it returns. */
   Step Leaving(std::function<void()> hook) &&;
 };
+/** The shape and the result, so that nobody prints the bytes, of which some are never set. */
+std::ostream& operator<<(std::ostream& out, const Step& step);
 
 /** The function's normal work. */
 Step Succeed();

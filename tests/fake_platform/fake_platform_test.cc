@@ -424,6 +424,14 @@ TEST_F(FakePlatform, GivesEachShapeOfResult) {
   free(id);
 }
 
+TEST(AStep, IsPrintedByItsShapeAndItsResult) {
+  EXPECT_EQ(testing::PrintToString(fake::Succeed()), "work 0");
+  EXPECT_EQ(testing::PrintToString(fake::Fail(-5)), "untouched -5");
+  EXPECT_EQ(testing::PrintToString(fake::FailWithGarbage(-5)), "garbage -5");
+  EXPECT_EQ(testing::PrintToString(fake::FailWithNull(-22)), "null -22");
+  EXPECT_EQ(testing::PrintToString(fake::SucceedWithText("text")), "text 0");
+}
+
 TEST_F(FakePlatform, RunsHooksInsideTheCallAndThrowsOutOfIt) {
   std::vector<std::string> order;
   fake::Next("rpc_port_parcel_create",
