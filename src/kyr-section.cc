@@ -28,16 +28,21 @@ constexpr std::size_t kFrontSize = 4096;
 // have to be allocated, and a file be passed over when there is no memory.
 constexpr std::size_t kTablePieceSize = 16384;
 
+// The numbers of a record begin with the low byte, whatever the machine.
 std::uint16_t Uint16At(const unsigned char* bytes) {
   return static_cast<std::uint16_t>(bytes[0] | bytes[1] << 8);
 }
 
-std::uint32_t Uint32At(const unsigned char* bytes) {
-  return Uint16At(bytes) | static_cast<std::uint32_t>(Uint16At(bytes + 2)) << 16;
+// The others are in the machine's own byte order, as in each file that it can load; the order that a
+// file claims is not looked at.
+template <typename Number>
+Number NativeAt(const unsigned char* bytes) {
+  Number number;
+  std::memcpy(&number, bytes, sizeof number);
+  return number;
 }
 
-// Where the fields stand in the two kinds of ELF files. Of 64-bit values the low halves are read;
-// the byte order that a file claims is not looked at.
+// Where the fields stand in the two kinds of ELF files. Of 64-bit values the low halves are read.
 struct Layout {
   std::size_t header_size;
   std::size_t table_offset;
@@ -49,8 +54,14 @@ struct Layout {
 
 template <typename Header, typename Section>
 constexpr Layout LayoutOf() {
-  return {sizeof(Header),  offsetof(Header, e_shoff),    offsetof(Header, e_shnum),
-          sizeof(Section), offsetof(Section, sh_offset), offsetof(Section, sh_size)};
+  constexpr std::size_t kLowHalf =
+      __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ ? sizeof(Section::sh_size) - sizeof(std::uint32_t) : 0;
+  return {sizeof(Header),
+          offsetof(Header, e_shoff) + kLowHalf,
+          offsetof(Header, e_shnum),
+          sizeof(Section),
+          offsetof(Section, sh_offset) + kLowHalf,
+          offsetof(Section, sh_size) + kLowHalf};
 }
 
 constexpr Layout kLayout32 = LayoutOf<Elf32_Ehdr, Elf32_Shdr>();
@@ -153,8 +164,8 @@ std::optional<KyrRecord> ReadRecord(const FileFront& front, std::uint64_t offset
 std::optional<KyrRecord> FindRecord(const FileFront& front, const Layout& layout) {
   unsigned char piece[kTablePieceSize];
   const std::size_t most = sizeof piece / layout.entry_size;
-  std::uint64_t offset = Uint32At(front.bytes() + layout.table_offset);
-  std::size_t left = Uint16At(front.bytes() + layout.entry_count);
+  std::uint64_t offset = NativeAt<std::uint32_t>(front.bytes() + layout.table_offset);
+  std::size_t left = NativeAt<std::uint16_t>(front.bytes() + layout.entry_count);
   while (left > 0) {
     const std::size_t size =
         front.file().Available(offset, std::min(left, most) * layout.entry_size);
@@ -163,8 +174,9 @@ std::optional<KyrRecord> FindRecord(const FileFront& front, const Layout& layout
     std::size_t count = read / layout.entry_size;
     for (std::size_t entry = 0; entry < count; ++entry) {
       const unsigned char* section = piece + entry * layout.entry_size;
-      if (Uint32At(section + layout.section_size) != sizeof(KyrRecord)) continue;
-      if (auto record = ReadRecord(front, Uint32At(section + layout.section_offset))) return record;
+      if (NativeAt<std::uint32_t>(section + layout.section_size) != sizeof(KyrRecord)) continue;
+      const auto place = NativeAt<std::uint32_t>(section + layout.section_offset);
+      if (auto record = ReadRecord(front, place)) return record;
     }
     if (read < size) ++count;  // the header that could not be read; those after it may be readable
     offset += count * layout.entry_size;

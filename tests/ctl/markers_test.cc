@@ -129,8 +129,8 @@ TEST_F(Markers, CannotBeToldOfADamagedFileWhichIsNoEnd) {
 }
 
 TEST_F(Markers, AreNotReadFromFilesWithTheOtherByteOrder) {
-  folder_.Write("a",
-                Finished(elf::Builder(elf::Kind::k64).DataByte(2).Section(MarkerOf(11)).Build()));
+  folder_.Write(
+      "a", Finished(elf::Builder(elf::Kind::k64).OtherByteOrder().Section(MarkerOf(11)).Build()));
   const std::vector<MarkedFile> files = Find();
   ASSERT_THAT(files, SizeIs(1));
   EXPECT_THAT(files[0].problem, HasSubstr("passed over"));

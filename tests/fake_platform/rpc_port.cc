@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <endian.h>
 #include <rpc-port.h>
 
 #include <cstring>
@@ -356,7 +357,10 @@ bool TakeBytes(Parcel* parcel, void* out, std::size_t size) {
 }
 
 int ReadUntyped(const char*, Parcel* parcel, int* out) {
-  return TakeBytes(parcel, out, sizeof *out) ? 0 : fake::kIoError;
+  std::uint32_t little = 0;
+  if (!TakeBytes(parcel, &little, sizeof little)) return fake::kIoError;
+  *out = static_cast<int>(le32toh(little));
+  return 0;
 }
 
 int ReadUntyped(const char*, Parcel* parcel, bool* out) {
@@ -368,7 +372,7 @@ int ReadUntyped(const char*, Parcel* parcel, bool* out) {
 
 int ReadUntyped(const char* function, Parcel* parcel, char** out) {
   int length = 0;
-  if (!TakeBytes(parcel, &length, sizeof length)) return fake::kIoError;
+  if (ReadUntyped(function, parcel, &length) != 0) return fake::kIoError;
   const std::size_t left = parcel->bytes.size() - parcel->position;
   if (length <= 0 || static_cast<std::size_t>(length) > left) return fake::kIoError;
   const std::string text = parcel->bytes.substr(parcel->position, static_cast<std::size_t>(length));

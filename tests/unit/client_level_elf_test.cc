@@ -182,12 +182,13 @@ struct Place {
 };
 
 TEST_F(RealFiles, WithPlantedSectionsHoldWhatReadelfSays) {
+  const std::string order = elf::kNativeOrder == ELFDATA2LSB ? "little" : "big";
   // What objcopy is told to copy, quoted.
   const std::pair<const char*, std::string> sources[] = {
       {"program", Quote(SVCMGR_PLANT_PROGRAM)},
       {"object", Quote(SVCMGR_PLANT_OBJECT)},
       {"library", Quote(SVCMGR_PLANT_LIBRARY)},
-      {"32", "-I binary -O elf32-little " + Quote(FileOf("data"))},
+      {"32", "-I binary -O elf32-" + order + ' ' + Quote(FileOf("data"))},
   };
   const Place places[] = {
       {"alone", {}, {}},

@@ -430,6 +430,10 @@ TEST_P(AnElfFile, HasAMarkerWhateverStandsInWhatNobodyLooksAt) {
   }
 }
 
+TEST_P(AnElfFile, OfAMachineWithTheOtherByteOrderHasNone) {
+  EXPECT_EQ(SearchIn(New().OtherByteOrder().Section(Marker{})), kNothing);
+}
+
 TEST_P(AnElfFile, OfClass1IsReadAsOneOf32BitsAndOfAnotherAsOneOf64Bits) {
   for (const int class_byte : {0, 1, 2, 3, 4, 127, 255}) {
     const Kind read_as = class_byte == 1 ? Kind::k32 : Kind::k64;

@@ -4,6 +4,10 @@
 
 /* ELF files made byte by byte, right ones and wrong ones. */
 
+#include <elf.h>
+
+#include <algorithm>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -25,6 +29,10 @@ inline Bytes Little(std::uint64_t number, std::size_t size) {
   return bytes;
 }
 
+/** The data encoding of this machine's own files. */
+inline constexpr int kNativeOrder =
+    std::endian::native == std::endian::little ? ELFDATA2LSB : ELFDATA2MSB;
+
 /** A marker record. */
 struct Marker {
   unsigned api_level = 11;
@@ -43,7 +51,7 @@ struct Marker {
 
 enum class Kind { k32, k64 };
 
-/** An ELF file: header, contents of the sections, table of their headers. */
+/** An ELF file: header, contents of the sections, table of their headers; its numbers are this machine's. */
 class Builder {
  public:
   explicit Builder(Kind kind) : kind_(kind), class_byte_(kind == Kind::k32 ? 1 : 2) {}
@@ -51,6 +59,11 @@ class Builder {
   /** What the file claims to be; the layout stays that of its kind. */
   Builder& ClassByte(int byte) { return Set(class_byte_, byte); }
   Builder& DataByte(int byte) { return Set(data_byte_, byte); }
+  /** Its numbers are those of machines with the other byte order, and it says so. */
+  Builder& OtherByteOrder() {
+    order_ = ELFDATA2LSB + ELFDATA2MSB - kNativeOrder;
+    return DataByte(order_);
+  }
   /** What the header claims about the table. */
   Builder& ClaimTable(std::uint64_t offset) { return Set(claimed_offset_, offset); }
   Builder& ClaimCount(std::uint64_t count) { return Set(claimed_count_, count); }
@@ -122,8 +135,14 @@ class Builder {
     bytes.replace(at, what.size(), what);
   }
 
+  Bytes Number(std::uint64_t number, std::size_t size) const {
+    Bytes bytes = Little(number, size);
+    if (order_ == ELFDATA2MSB) std::reverse(bytes.begin(), bytes.end());
+    return bytes;
+  }
+
   Bytes Word(std::uint64_t number) const {
-    return Little(kind_ == Kind::k32 ? number : number | std::uint64_t{upper_} << 32, WordSize());
+    return Number(kind_ == Kind::k32 ? number : number | std::uint64_t{upper_} << 32, WordSize());
   }
 
   Bytes FileHeader(std::uint64_t table_offset) const {
@@ -133,8 +152,8 @@ class Builder {
     Put(header, 5, Little(static_cast<std::uint64_t>(data_byte_), 1));
     const bool is_32 = kind_ == Kind::k32;
     Put(header, is_32 ? 32 : 40, Word(claimed_offset_.value_or(table_offset)));
-    Put(header, is_32 ? 46 : 58, Little(claimed_entry_size_.value_or(EntrySize()), 2));
-    Put(header, is_32 ? 48 : 60, Little(claimed_count_.value_or(sections_.size()), 2));
+    Put(header, is_32 ? 46 : 58, Number(claimed_entry_size_.value_or(EntrySize()), 2));
+    Put(header, is_32 ? 48 : 60, Number(claimed_count_.value_or(sections_.size()), 2));
     return header;
   }
 
@@ -148,7 +167,8 @@ class Builder {
 
   Kind kind_;
   int class_byte_;
-  int data_byte_ = 1;
+  int data_byte_ = kNativeOrder;
+  int order_ = kNativeOrder;
   std::optional<std::uint64_t> claimed_offset_;
   std::optional<std::uint64_t> claimed_count_;
   std::optional<std::uint64_t> claimed_entry_size_;

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <bit>
 #include <cerrno>
 #include <cstring>
 #include <optional>
@@ -22,6 +23,9 @@ namespace {
 constexpr std::size_t kMarkerSize = 16;
 // No ELF file is smaller.
 constexpr off_t kLeastFile = 52;
+// The library reads files of this machine's byte order alone.
+constexpr bool kLowByteFirst = std::endian::native == std::endian::little;
+constexpr unsigned char kNativeOrder = kLowByteFirst ? ELFDATA2LSB : ELFDATA2MSB;
 
 using ElfFile = base::Owned<Elf, elf_end>;
 
@@ -88,8 +92,9 @@ void ReadFile(const char* path, MarkedFile* file) {
                                                                        : ElfProblem();
     return;
   }
-  if (header.e_ident[EI_DATA] != ELFDATA2LSB) {
-    file->problem = "passed over: its numbers begin with the high byte";
+  if (header.e_ident[EI_DATA] != kNativeOrder) {
+    file->problem = kLowByteFirst ? "passed over: its numbers begin with the high byte"
+                                  : "passed over: its numbers begin with the low byte";
     return;
   }
   ReadSections(fd.get(), elf.get(), header.e_shnum, file);
