@@ -61,7 +61,7 @@ AREAS = {
                 lambda _: (("svcmgr_objects", "src"),)),
     # The headers of the interface hold nothing that could be wrong but names and numbers.
     "platform": Area(r"platform/(?!.*/include/).*\.(cc|h)", "platform",
-                     r"(?:platform|rpc_port)_\w+_test",
+                     r"(?:platform|rpc_port)(?:_\w+)?_test",
                      platform_libraries),
 }
 
