@@ -6,23 +6,29 @@ usage: mutate.py TREE FOLDER [N] [SEED] [src|platform]
 
 TREE is only read; all is copied, built and run in FOLDER. The same SEED makes the same N faults for
 as long as the sources are the same. A fault that does not compile, or that changes no object file, is
-replaced by the next. The tests of the programs that run the faulty line come first, and the first
-one that fails ends the search.
+replaced by the next. The test that found a fault in an earlier run comes first, then those that run
+the faulty line; the first one that fails ends the search. A fault is alive only if all have passed.
 
 Ends with 0 if every fault was found, with 1 if one was not, and with 2 if no result can be given.
 """
 
+import collections
 import concurrent.futures
+import contextlib
 import difflib
 import hashlib
+import itertools
 import json
 import os
 import random
 import re
 import resource
+import select
+import shutil
 import signal
 import subprocess
 import sys
+import tempfile
 import time
 from collections.abc import Callable
 from dataclasses import dataclass
@@ -34,7 +40,8 @@ import mutants  # noqa: E402
 
 JOBS = os.cpu_count() or 2
 MEMORY = 4 << 30  # bytes that a test may take; a fault may make it ask for any number
-PATIENCE = 60  # seconds that a test may take beyond twenty times what it takes without a fault
+PATIENCE = 15  # seconds that a test may take beyond ten times what it takes without a fault
+DEAR = 1  # seconds from which on a test is tried late
 
 
 @dataclass(frozen=True)
@@ -82,7 +89,8 @@ def must(command, **options):
     return done.stdout
 
 
-def limit_test():
+def limit_processes():
+    """Of this one, for all that it starts."""
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
     resource.setrlimit(resource.RLIMIT_DATA, (MEMORY, MEMORY))
 
@@ -135,11 +143,13 @@ class Build:
         self.tree = tree
         self.folder = folder
         self.area = area
+        self.running = set()
 
     def configure(self, coverage):
         must(["cmake", "-S", self.tree.folder, "-B", self.folder, "-G", "Ninja",
               "-DCMAKE_CXX_COMPILER=g++", "-DCMAKE_C_COMPILER=gcc", "-DCMAKE_BUILD_TYPE=None",
-              "-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=lld", f"-DSVCMGR_TEST_FOLDERS={self.area.folders}",
+              "-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=lld", "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON",
+              f"-DSVCMGR_TEST_FOLDERS={self.area.folders}",
               "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST",
               f"-DSVCMGR_COVERAGE={'ON' if coverage else 'OFF'}"])
 
@@ -147,7 +157,7 @@ class Build:
         return self.make(*(target for target, _ in self.libraries))
 
     def make(self, *targets):
-        return run(["cmake", "--build", self.folder, "-j", str(JOBS), "--target", *targets])
+        return run(["ninja", "-C", self.folder, "-j", str(JOBS), *targets])
 
     def programs(self):
         listing = must(["ninja", "-C", self.folder, "-t", "targets", "all"])
@@ -161,7 +171,11 @@ class Build:
                 content.update(path.read_bytes())
         return content.digest()
 
-    def cases(self, program):
+    def tests(self):
+        """Each test is a program and one of its cases."""
+        return [(program, case) for program in self.programs() for case in self._cases(program)]
+
+    def _cases(self, program):
         suite, names = "", []
         for line in must([self.folder / "bin" / program, "--gtest_list_tests"]).splitlines():
             line = line.split("  #")[0].rstrip()
@@ -171,137 +185,218 @@ class Build:
                 names.append(suite + line.strip())
         return names
 
-    def run_case(self, program, case, limit, environment=None):
-        """What is wrong with a test case, or None; and how long it took."""
+    def run_test(self, test, limit, environment=None):
+        """What is wrong with a test, or None; and how long it took."""
+        program, case = test
         begun = time.monotonic()
-        test = subprocess.Popen([self.folder / "bin" / program, f"--gtest_filter={case}"],
-                                cwd=self.folder / "tests", stdout=subprocess.PIPE,
-                                stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL,
-                                start_new_session=True, preexec_fn=limit_test,
-                                env={**os.environ, **(environment or {})})
-        try:
-            output, _ = test.communicate(timeout=limit)
-        except subprocess.TimeoutExpired:
-            os.killpg(test.pid, signal.SIGKILL)
-            test.communicate()
-            return "it does not end", limit
-        wrong = None if test.returncode == 0 else output.decode(errors="replace")
-        return wrong, time.monotonic() - begun
+        with tempfile.TemporaryFile() as output:
+            process = subprocess.Popen([self.folder / "bin" / program, f"--gtest_filter={case}"],
+                                       cwd=self.folder / "tests", stdout=output,
+                                       stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL,
+                                       start_new_session=True,
+                                       env={**os.environ, **(environment or {})})
+            self.running.add(process)
+            try:
+                end = os.pidfd_open(process.pid)
+                ended, _, _ = select.select([end], [], [], limit)
+                os.close(end)
+            finally:
+                kill_group(process)  # also what the test may have left behind
+                self.running.discard(process)
+                process.wait()
+            seconds = time.monotonic() - begun
+            if not ended:
+                return "it does not end", seconds
+            output.seek(0)
+            if process.returncode == 0:
+                return None, seconds
+            return output.read().decode(errors="replace") or "it fails", seconds
+
+    def run_tests(self, tests, limit, environment=lambda _: None):
+        """Runs tests side by side; yields (test, what is wrong or None, seconds). May be left early."""
+        remaining = iter(tests)
+        running = {}
+        with concurrent.futures.ThreadPoolExecutor(JOBS) as pool:
+            def start(number):
+                for test in itertools.islice(remaining, number):
+                    running[pool.submit(self.run_test, test, limit(test), environment(test))] = test
+
+            try:
+                start(JOBS)
+                while running:
+                    done, _ = concurrent.futures.wait(running, return_when="FIRST_COMPLETED")
+                    for future in done:
+                        test = running.pop(future)
+                        wrong, seconds = future.result()
+                        yield test, wrong, seconds
+                    start(len(done))
+            finally:
+                for process in list(self.running):
+                    kill_group(process)
 
 
-def run_cases(build, program, cases, limit, environment=None, until_failure=True):
-    """Runs test cases side by side; yields (case, what is wrong or None, seconds)."""
-    remaining = list(cases)
-    with concurrent.futures.ThreadPoolExecutor(JOBS) as pool:
-        def start():
-            case = remaining.pop(0)
-            return pool.submit(build.run_case, program, case, limit(case), environment), case
-
-        running = dict(start() for _ in range(min(JOBS, len(remaining))))
-        while running:
-            done, _ = concurrent.futures.wait(running, return_when="FIRST_COMPLETED")
-            for future in done:
-                case = running.pop(future)
-                wrong, seconds = future.result()
-                yield case, wrong, seconds
-                if wrong is not None and until_failure:
-                    remaining.clear()
-                if remaining:
-                    running.update([start()])
+def kill_group(process):
+    with contextlib.suppress(ProcessLookupError):
+        os.killpg(process.pid, signal.SIGKILL)
 
 
 class Knowledge:
-    """What is known of the tests without faults: how long each takes, what each program runs."""
+    """What is known of the tests without faults: how long each takes, and which lines it runs."""
 
-    def __init__(self, seconds, lines):
-        self.seconds = seconds  # program -> case -> seconds
-        self.lines = lines  # program -> file -> lines that it runs
+    def __init__(self, seconds, runs):
+        self.seconds = seconds  # test -> seconds
+        self.runs = runs  # file -> line -> the tests that run it
 
     @classmethod
     def load(cls, path, identity):
         if not path.exists():
             return None
         known = json.loads(path.read_text())
-        if known.pop("identity") != identity:
+        if known.get("identity") != identity:
             return None
-        return cls(known["seconds"], known["lines"])
+        tests = [(program, case) for program, case, _ in known["tests"]]
+        return cls({(program, case): seconds for program, case, seconds in known["tests"]},
+                   {file: {int(line): {tests[number] for number in numbers}
+                           for line, numbers in lines.items()}
+                    for file, lines in known["runs"].items()})
 
     def save(self, path, identity):
-        path.write_text(json.dumps({"identity": identity, "seconds": self.seconds,
-                                    "lines": self.lines}))
+        numbers = {test: number for number, test in enumerate(self.seconds)}
+        path.write_text(json.dumps({
+            "identity": identity,
+            "tests": [(*test, seconds) for test, seconds in self.seconds.items()],
+            "runs": {file: {line: sorted(numbers[test] for test in tests)
+                            for line, tests in lines.items()}
+                     for file, lines in self.runs.items()}}))
 
-    def order(self, mutant):
-        """The programs, those that run the mutant's line first."""
-        def rank(program):
-            lines = self.lines[program].get(mutant.file, [])
-            return (mutant.line not in lines, not lines, -len(lines),
-                    sum(self.seconds[program].values()))
-        return sorted(self.seconds, key=rank)
+    def running(self, mutant):
+        """The tests that run the mutant's line; that of a statement's rest is where it begins."""
+        lines = self.runs.get(mutant.file, {})
+        before = [line for line in lines if line <= mutant.line]
+        return lines[max(before)] if before else set().union(*lines.values())
 
-    def limit(self, program):
-        return lambda case: PATIENCE + 20 * self.seconds[program][case]
+    def order(self, mutant, hint=None):
+        """All tests, each once, those that may find the mutant soon first, by program."""
+        running = self.running(mutant)
+        of_all = collections.Counter(program for program, _ in self.seconds)
+        of_running = collections.Counter(program for program, _ in running)
+
+        def rank(test):
+            program, _ = test
+            return (test != hint, test not in running, self.seconds[test] > DEAR,
+                    -of_running[program] / of_all[program], program)
+        tests = list(self.seconds)
+        random.Random(mutant.identity).shuffle(tests)  # neighbours test the same thing
+        return sorted(tests, key=rank)
+
+    def limit(self, test):
+        return PATIENCE + 10 * self.seconds[test]
 
 
-def covered_lines(build, program, folder):
-    """The lines of the area that a program has run, by file."""
-    counts = sorted(folder.rglob("*.gcda"))
-    for path in counts:
-        note = (Path("/") / path.relative_to(folder)).with_suffix(".gcno")
-        if note.exists():
-            path.with_suffix(".gcno").write_bytes(note.read_bytes())
-    lines = {}
-    if not counts:
-        return lines
-    for text in must(["gcov", "--json-format", "--stdout", *counts], cwd=folder).splitlines():
-        for file in json.loads(text)["files"]:
-            if not re.fullmatch(build.area.sources, file["file"]):
+class Hints:
+    """Which test has found a mutant in an earlier run: where to look first, and nothing more."""
+
+    def __init__(self, path):
+        self.path = path
+        self.found = json.loads(path.read_text()) if path.exists() else {}
+
+    def get(self, mutant):
+        return tuple(self.found.get(mutant.identity, ()))
+
+    def add(self, mutant, test):
+        self.found[mutant.identity] = test
+        new = self.path.with_suffix(".new")
+        new.write_text(json.dumps(self.found))
+        new.replace(self.path)
+
+
+class Counts:
+    """The lines of the area that each test has run. Many tests count the same; gcov reads that once."""
+
+    def __init__(self, area, folder):
+        self.area = area
+        self.folder = folder
+        self.folders = {}  # by test
+        self.tests = {}  # by the name of what they have counted
+        folder.mkdir(parents=True, exist_ok=True)
+
+    def environment(self, test):
+        self.folders[test] = self.folder / f"test{len(self.folders)}"
+        return {"GCOV_PREFIX": str(self.folders[test])}
+
+    def take(self, test):
+        folder = self.folders[test]
+        for path in folder.rglob("*.gcda"):
+            place = Path("/") / path.relative_to(folder)
+            name = hashlib.sha256(bytes(place) + path.read_bytes()).hexdigest()
+            kept = self.folder / f"{name}.gcda"
+            if name not in self.tests and place.with_suffix(".gcno").exists():
+                path.rename(kept)
+                shutil.copy(place.with_suffix(".gcno"), kept.with_suffix(".gcno"))
+            self.tests.setdefault(name, []).append(test)
+        shutil.rmtree(folder, ignore_errors=True)
+
+    def runs(self):
+        """file -> line -> the tests that run it"""
+        runs = {}
+        names = sorted(path.name for path in self.folder.glob("*.gcda"))
+        for begin in range(0, len(names), 100):
+            for text in must(["gcov", "--json-format", "--stdout", "--relative-only",
+                              *names[begin:begin + 100]], cwd=self.folder).splitlines():
+                self._read(json.loads(text), runs)
+        return runs
+
+    def _read(self, report, runs):
+        tests = self.tests[Path(report["data_file"]).stem]
+        for file in report["files"]:
+            if not re.fullmatch(self.area.sources, file["file"]):
                 continue
-            ran = {line["line_number"] for line in file["lines"] if line["count"] > 0}
-            lines.setdefault(file["file"], set()).update(ran)
-    return {file: sorted(ran) for file, ran in lines.items()}
+            lines = runs.setdefault(file["file"], {})
+            for line in file["lines"]:
+                if line["count"] > 0:
+                    lines.setdefault(line["line_number"], set()).update(tests)
+
+
+def build_tests(build, coverage):
+    build.configure(coverage)
+    programs = build.programs()
+    if not programs:
+        raise CannotGo("there are no tests")
+    built = build.make(*programs)
+    if built.returncode != 0:
+        raise CannotGo(built.stdout)
 
 
 def learn(build, scratch):
     """Builds and runs everything twice: for the lines that are run, and as it is for the times."""
-    lines, seconds = {}, {}
-    for coverage in (True, False):
-        say("what each test program runs" if coverage else "the tests without a fault")
-        build.configure(coverage)
-        programs = build.programs()
-        if not programs:
-            raise CannotGo("there are no tests")
-        built = build.make(*programs)
-        if built.returncode != 0:
-            raise CannotGo(built.stdout)
-        for program in programs:
-            folder = scratch / program
-            environment = {"GCOV_PREFIX": str(folder)} if coverage else None
-            times = {}
-            for case, wrong, took in run_cases(build, program, build.cases(program),
-                                               lambda _: 1200, environment, False):
-                times[case] = took
-                if wrong is not None and not coverage:
-                    raise CannotGo(f"{program} {case} fails without a fault:\n{wrong}")
-            if coverage:
-                folder.mkdir(parents=True, exist_ok=True)
-                lines[program] = covered_lines(build, program, folder)
-                must(["rm", "-rf", folder])
-            else:
-                seconds[program] = times
-    return Knowledge(seconds, lines)
+    say("what each test runs")
+    shutil.rmtree(scratch, ignore_errors=True)
+    build_tests(build, True)
+    counts = Counts(build.area, scratch)
+    for test, _, _ in build.run_tests(build.tests(), lambda _: 1200, counts.environment):
+        counts.take(test)
+    runs = counts.runs()
+    shutil.rmtree(scratch)
+    say("the tests without a fault")
+    build_tests(build, False)
+    seconds = {}
+    for test, wrong, took in build.run_tests(build.tests(), lambda _: 1200):
+        if wrong is not None:
+            raise CannotGo(f"{' '.join(test)} fails without a fault:\n{wrong}")
+        seconds[test] = took
+    return Knowledge(seconds, runs)
 
 
-def judge(build, knowledge, mutant):
-    """The name of the first test that finds the mutant, or None."""
-    for program in knowledge.order(mutant):
+def judge(build, knowledge, mutant, hint):
+    """The first test that finds the mutant, or None."""
+    running = knowledge.running(mutant)
+    for program, tests in itertools.groupby(knowledge.order(mutant, hint), key=lambda test: test[0]):
         if build.make(program).returncode != 0:
-            return f"the build of {program}"
-        cases = list(knowledge.seconds[program])
-        random.Random(mutant.identity).shuffle(cases)  # neighbours test the same thing
-        failed = [case for case, wrong, _ in run_cases(build, program, cases,
-                                                       knowledge.limit(program)) if wrong]
-        if failed:
-            return f"{program} {failed[0]}"
+            return program, "is not built"
+        for test, wrong, _ in build.run_tests(tests, knowledge.limit):
+            # What does not run the line has to fail again, or else the machine is to blame.
+            if wrong and (test in running or build.run_test(test, knowledge.limit(test))[0]):
+                return test
     return None
 
 
@@ -316,13 +411,13 @@ def say(text):
     print(f"==> {text}", flush=True)
 
 
-def attempt(tree, build, knowledge, healthy, mutant):
+def attempt(tree, build, knowledge, healthy, mutant, hint):
     """Whether the mutant counts, and the test that found it."""
     tree.put(mutant)
     try:
         if build.make_libraries().returncode != 0 or build.objects() == healthy:
             return False, None
-        return True, judge(build, knowledge, mutant)
+        return True, judge(build, knowledge, mutant, hint)
     finally:
         tree.restore(mutant)
 
@@ -332,6 +427,7 @@ def mutate(origin, folder, number, seed, area):
     folder.mkdir(parents=True, exist_ok=True)
     tree = Tree(origin, folder / "tree", area)
     build = Build(tree, folder / "build", area)
+    hints = Hints(folder / "hints.json")
     knowledge = Knowledge.load(folder / "knowledge.json", tree.identity)
     if knowledge is None:
         knowledge = learn(build, folder / "counts")
@@ -347,16 +443,18 @@ def mutate(origin, folder, number, seed, area):
         if tried == number:
             break
         begun = time.monotonic()
-        counts, killer = attempt(tree, build, knowledge, healthy, mutant)
+        counts, killer = attempt(tree, build, knowledge, healthy, mutant, hints.get(mutant))
         if not counts:
             skipped += 1
             continue
         tried += 1
         if killer is None:
             alive.append(mutant)
+        else:
+            hints.add(mutant, killer)
         print(f"{tried:4} {'alive ' if killer is None else 'killed'} {mutant.file}:{mutant.line} "
               f"({mutant.kind}, {time.monotonic() - begun:.0f} s)"
-              f"{'' if killer is None else f', by {killer}'}\n{difference(tree, mutant)}",
+              f"{'' if killer is None else ', by ' + ' '.join(killer)}\n{difference(tree, mutant)}",
               flush=True)
     if tried == 0:
         raise CannotGo("the sources have no place for a fault")
@@ -378,6 +476,7 @@ def main():
     if number == 0:
         sys.stderr.write("mutate: there must be a fault to make\n")
         return 2
+    limit_processes()
     try:
         return 0 if mutate(Path(arguments[0]).resolve(), Path(arguments[1]).resolve(), number, seed,
                            area) else 1
