@@ -39,8 +39,10 @@ sys.dont_write_bytecode = True  # nothing is written where the sources are
 import mutants  # noqa: E402
 
 JOBS = os.cpu_count() or 2
+TESTS_AT_ONCE = 2 * JOBS  # many of them wait, those that hang because of a fault all the time
 MEMORY = 4 << 30  # bytes that a test may take; a fault may make it ask for any number
 PATIENCE = 15  # seconds that a test may take beyond ten times what it takes without a fault
+BUILT = r"CMakeLists|(base|cmake|include|platform|src|tests/support|tests/sweep)/"  # what all tests are made of
 DEAR = 1  # seconds from which on a test is tried late
 
 
@@ -115,10 +117,11 @@ class Tree:
                         if re.fullmatch(area.sources, name)}
         if not self.sources:
             raise CannotGo("there are no sources")
-        everything = hashlib.sha256()
+        content = hashlib.sha256()
         for name in sorted(wanted):
-            everything.update(f"{name}\0".encode() + (folder / name).read_bytes() + b"\0")
-        self.identity = everything.hexdigest()
+            if re.match(rf"{BUILT}|tests/({area.folders.replace(';', '|')})/", name):
+                content.update(f"{name}\0".encode() + (folder / name).read_bytes() + b"\0")
+        self.identity = content.hexdigest()
 
     @staticmethod
     def _copy(source, target):
@@ -216,13 +219,13 @@ class Build:
         """Runs tests side by side; yields (test, what is wrong or None, seconds). May be left early."""
         remaining = iter(tests)
         running = {}
-        with concurrent.futures.ThreadPoolExecutor(JOBS) as pool:
+        with concurrent.futures.ThreadPoolExecutor(TESTS_AT_ONCE) as pool:
             def start(number):
                 for test in itertools.islice(remaining, number):
                     running[pool.submit(self.run_test, test, limit(test), environment(test))] = test
 
             try:
-                start(JOBS)
+                start(TESTS_AT_ONCE)
                 while running:
                     done, _ = concurrent.futures.wait(running, return_when="FIRST_COMPLETED")
                     for future in done:
@@ -231,8 +234,12 @@ class Build:
                         yield test, wrong, seconds
                     start(len(done))
             finally:
-                for process in list(self.running):
-                    kill_group(process)
+                while running:  # one of them may be only about to start
+                    for process in list(self.running):
+                        kill_group(process)
+                    done, _ = concurrent.futures.wait(running, timeout=0.05)
+                    for future in done:
+                        del running[future]
 
 
 def kill_group(process):
