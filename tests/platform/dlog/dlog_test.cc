@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <dlfcn.h>
 #include <dlog.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -320,6 +321,16 @@ TEST_F(ALogFile, IsWrittenWhenTheProcessExits) {
   ToFile("info");
   EXPECT_EQ(InChild([] { dlog_print(DLOG_INFO, "TAG", "last words"); }, false), 0);
   EXPECT_THAT(Messages(), ElementsAre("last words"));
+}
+
+TEST_F(ALogFile, HoldsWhatALibraryLogsThatEndsAfterTheLog) {
+  ToFile("info");
+  const auto work = [] {
+    dlog_print(DLOG_INFO, "TAG", "last words");
+    if (!dlopen(LAST_WORDS, RTLD_NOW)) _exit(1);
+  };
+  EXPECT_EQ(InChild(work, false), 0);
+  EXPECT_THAT(Messages(), ElementsAre("last words", "very last words"));
 }
 
 TEST_F(ALogFile, HoldsNoRecordTwiceAfterAFork) {

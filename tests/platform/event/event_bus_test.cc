@@ -163,6 +163,23 @@ TEST_F(ADyingBus, IsLookedForUntilItReturns) {
   publisher.PublishUntil(kStatus, [&] { return calls_ > 0; });
 }
 
+TEST_F(ADyingBus, IsSpokenOfInTheLogWhenItGoesAndWhenItHasReturned) {
+  setenv("VELMORA_LOG_LEVEL", "info", 1);
+  testing::internal::CaptureStderr();
+  event_handler_h handler = nullptr;
+  ASSERT_NO_FATAL_FAILURE(SubscribeTo(kStatus, &handler));
+  const int with_bus = PolledDescriptors();
+  bus_.Kill();
+  RunUntil([&] { return PolledDescriptors() < with_bus; });
+  bus_.Start();
+  Publisher publisher;
+  publisher.PublishUntil(kStatus, [&] { return calls_ > 0; });
+  EXPECT_THAT(testing::internal::GetCapturedStderr(),
+              testing::ContainsRegex(
+                  " W APP_EVENT [0-9]+: The session bus is gone: there are no events "
+                  "until it returns\n.* I APP_EVENT [0-9]+: The session bus sends events\n"));
+}
+
 TEST_F(ADyingBus, LetsASubscriptionBeRemovedInItsOwnTime) {
   event_handler_h handler = nullptr;
   ASSERT_NO_FATAL_FAILURE(SubscribeTo(kStatus, &handler));

@@ -166,6 +166,7 @@ TEST_F(ASubscriberShortOfMemory, GetsAllEventsOnceThereIsMemoryAndLooksNowAndThe
   EXPECT_GE(took, 3 * G_USEC_PER_SEC / 20);
   EXPECT_TRUE(Hears(3));
   EXPECT_THAT(texts_, ElementsAre("introduction", "one", "two"));
+  EXPECT_FALSE(LooksAgain());
 }
 
 TEST_F(ASubscriberShortOfMemory, IsSubscribedOrToldAndKeepsWhatItHad) {

@@ -339,6 +339,40 @@ TEST_F(ASubscriber, MayComeAndGoInOtherThreadsWhileTheMainLoopRuns) {
   EXPECT_EQ(events_.size(), 50u);
 }
 
+// A main loop that finds nothing on the bus, because another thread has read it, and that only its
+// own waking wakes.
+std::atomic<int> waking{-1};
+std::atomic<bool> sleeps{false};
+
+gint PollForTheWaking(GPollFD* polled, guint count, gint timeout_ms) {
+  if (waking < 0) waking = polled[0].fd;
+  gint ready = 0;
+  for (guint i = 0; i < count; ++i) {
+    polled[i].revents = 0;
+    if (polled[i].fd != waking) continue;
+    sleeps = timeout_ms != 0;
+    ready = g_poll(&polled[i], 1, timeout_ms);
+  }
+  return ready;
+}
+
+TEST_F(ASubscriber, HearsInASleepingMainLoopOfWhatAnotherThreadHasRead) {
+  g_main_context_set_poll_func(nullptr, PollForTheWaking);
+  g_main_context_iteration(nullptr, FALSE);
+  ASSERT_EQ(PolledDescriptors(), 1);
+  Subscribe(kStatus);
+  std::thread reader([this] {
+    while (!sleeps) std::this_thread::yield();
+    EXPECT_EQ(PublishHere(kStatus, "read there"), 0);
+    // The bus's answer comes after the event.
+    Subscribe(kOther, [](const char*, bundle*, void*) {}, nullptr);
+  });
+  WaitForEvents(1);
+  reader.join();
+  g_main_context_set_poll_func(nullptr, nullptr);
+  EXPECT_THAT(events_, ElementsAre(Pair(kStatus, "read there")));
+}
+
 TEST_F(ASubscriber, RefusesNullArgumentsAndNamesThatAreNone) {
   int mark = 0;
   auto* handler = reinterpret_cast<event_handler_h>(&mark);

@@ -209,14 +209,13 @@ void RunUntil(const std::function<bool()>& condition) {
 
 namespace {
 
-std::vector<GPollFD> PollSet() {
+std::vector<GPollFD> PollSet(gint* timeout_ms) {
   GMainContext* context = g_main_context_default();
   EXPECT_TRUE(g_main_context_acquire(context));
   gint priority = 0;
-  gint timeout = 0;
   std::vector<GPollFD> polled(16);
   g_main_context_prepare(context, &priority);
-  const gint count = g_main_context_query(context, G_MAXINT, &timeout, polled.data(), 16);
+  const gint count = g_main_context_query(context, G_MAXINT, timeout_ms, polled.data(), 16);
   g_main_context_check(context, priority, polled.data(), count);
   g_main_context_release(context);
   polled.resize(static_cast<size_t>(count));
@@ -225,10 +224,20 @@ std::vector<GPollFD> PollSet() {
 
 }  // namespace
 
-int PolledDescriptors() { return static_cast<int>(PollSet().size()); }
+int PolledDescriptors() {
+  gint timeout_ms = 0;
+  return static_cast<int>(PollSet(&timeout_ms).size());
+}
+
+bool LooksAgain() {
+  gint timeout_ms = 0;
+  (void)PollSet(&timeout_ms);
+  return timeout_ms >= 0;
+}
 
 int ReadDescriptors() {
-  const auto polled = PollSet();
+  gint timeout_ms = 0;
+  const auto polled = PollSet(&timeout_ms);
   return static_cast<int>(std::count_if(polled.begin(), polled.end(), [](const GPollFD& each) {
     return (each.events & G_IO_IN) != 0;
   }));

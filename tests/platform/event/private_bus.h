@@ -92,5 +92,7 @@ void RunUntil(const std::function<bool()>& condition);
 // Number of descriptors that the default main context polls, and of those that it would read.
 int PolledDescriptors();
 int ReadDescriptors();
+// Whether the default main context would look again although nothing happens.
+bool LooksAgain();
 
 #endif  // TESTS_PLATFORM_EVENT_PRIVATE_BUS_H_
