@@ -21,6 +21,7 @@
 #include "private_bus.h"
 #include "support/fake_bus.h"
 
+using testing::ContainsRegex;
 using testing::ElementsAre;
 
 namespace {
@@ -104,6 +105,9 @@ TEST_F(AStoppedBus, KeepsNoSubscriberWaiting) {
   }
   EXPECT_EQ(event_desktop_await_subscriptions(), -110);
   RunUntil([&] { return Log().find("The session bus does not answer") != std::string::npos; });
+  EXPECT_THAT(Log(),
+              ContainsRegex(" W APP_EVENT [0-9]+: The session bus does not answer: there are "
+                            "no events until then\n"));
   for (const event_handler_h handler : handlers) EXPECT_EQ(event_remove_event_handler(handler), 0);
 }
 
@@ -196,6 +200,8 @@ TEST_F(AStoppedBus, TellsLateThatANameIsAnothers) {
   EXPECT_EQ(event_desktop_own_package("com.example.agent"), -110);
   bus_.Continue();
   RunUntil([&] { return Log().find("another process owns") != std::string::npos; });
+  EXPECT_THAT(Log(), ContainsRegex(" E APP_EVENT [0-9]+: Published events are dropped: another "
+                                   "process owns the package's name on the session bus\n"));
   EXPECT_EQ(PublishHere(kStatus, "not mine"), -13);
   ASSERT_EQ(publisher.Publish(kStatus, "key", "end"), 0);
   WaitForEvents(2);

@@ -14,6 +14,7 @@
 #include "private_bus.h"
 #include "support/fake_bus.h"
 
+using testing::ContainsRegex;
 using testing::ElementsAre;
 
 namespace {
@@ -129,10 +130,14 @@ TEST_F(ABusOfManyUsers, PassesNoEventOfAnotherUsersProcess) {
     SendEvent(bus, ":1.8", "genuine");
     return kOtherUser;
   };
+  testing::internal::CaptureStderr();
   Begin(":1.7");
   Subscribe();
   WaitForEvents(1);
   EXPECT_THAT(texts_, ElementsAre("genuine"));
+  EXPECT_THAT(testing::internal::GetCapturedStderr(),
+              ContainsRegex(" W APP_EVENT [0-9]+: Events of :1.7 are dropped: it is another user's "
+                            "process\n"));
 }
 
 TEST_F(ABusOfManyUsers, PassesNoEventOfAnotherUsersProcessThatIsKnown) {
@@ -199,11 +204,14 @@ TEST_F(ABusOfManyUsers, IsAskedOnceForEachOwner) {
 
 TEST_F(ABusOfManyUsers, FailsASubscriptionThatItRefuses) {
   allows_match_ = [] { return false; };
+  testing::internal::CaptureStderr();
   Begin("");
   // A slow machine may need longer than a subscription waits.
   while (event_add_event_handler(kStatus, Record, &texts_, &handler_) != -5) {
     EXPECT_EQ(event_remove_event_handler(handler_), 0);
   }
+  EXPECT_THAT(testing::internal::GetCapturedStderr(),
+              ContainsRegex(" W APP_EVENT [0-9]+: The session bus refuses events: too many\n"));
 }
 
 TEST_F(ABusOfManyUsers, IsAskedAgainForWhatItRefusesLate) {

@@ -9,6 +9,7 @@
 
 #include "package_world.h"
 
+using testing::ContainsRegex;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -162,6 +163,9 @@ TEST_F(ABrokenKeyFile, HidesNoOtherPackage) {
   for (; number > 0; --number) {
     EXPECT_THAT(Log(), HasSubstr("broken" + std::to_string(number) + ".package"));
   }
+  EXPECT_THAT(Log(), ContainsRegex(" E PACKAGE_MANAGER [0-9]+: Left out a broken package: " +
+                                   PathOf("broken7").string() + ": holds a NUL\n"));
+  EXPECT_THAT(Log(), HasSubstr("broken11.package: not a regular file of at most 1 MiB\n"));
 }
 
 TEST_F(ABrokenKeyFile, IsLoggedOnce) {
@@ -183,6 +187,8 @@ TEST_F(ABrokenKeyFile, MayBeAnythingButARegularFile) {
   std::filesystem::create_symlink(PathOf("loop"), PathOf("loop"));
   WriteByHand("com.example.notes", KeyFile("1"));
   EXPECT_THAT(AllIds(), ElementsAre("com.example.notes"));
+  EXPECT_THAT(Log(), HasSubstr("fifo.package: not a regular file of at most 1 MiB\n"));
+  EXPECT_THAT(Log(), HasSubstr("device.package: Too many levels of symbolic links\n"));
 }
 
 TEST_F(ABrokenKeyFile, IsAPackageOnceItIsRepaired) {
