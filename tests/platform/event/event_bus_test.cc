@@ -178,6 +178,7 @@ TEST_F(ADyingBus, IsSpokenOfInTheLogWhenItGoesAndWhenItHasReturned) {
               testing::ContainsRegex(
                   " W APP_EVENT [0-9]+: The session bus is gone: there are no events "
                   "until it returns\n.* I APP_EVENT [0-9]+: The session bus sends events\n"));
+  EXPECT_FALSE(LooksAgain());
 }
 
 TEST_F(ADyingBus, LetsASubscriptionBeRemovedInItsOwnTime) {

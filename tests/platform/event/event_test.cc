@@ -61,6 +61,7 @@ TEST_F(ASubscriber, GetsTheEventsOfAnotherProcessInTheirOrder) {
   WaitForEvents(3);
   EXPECT_THAT(events_,
               ElementsAre(Pair(kStatus, "one"), Pair(kStatus, "two"), Pair(kStatus, "three")));
+  EXPECT_FALSE(LooksAgain());
 }
 
 TEST_F(ASubscriber, GetsEventsOfAPublisherThatWasThereBefore) {
