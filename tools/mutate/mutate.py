@@ -16,6 +16,7 @@ import collections
 import concurrent.futures
 import contextlib
 import difflib
+import functools
 import hashlib
 import itertools
 import json
@@ -142,11 +143,14 @@ class Build:
     """The tests' programs, built from the copy."""
 
     def __init__(self, tree, folder, area):
-        self.libraries = area.libraries(tree.folder)
         self.tree = tree
         self.folder = folder
         self.area = area
         self.running = set()
+
+    @functools.cached_property
+    def libraries(self):
+        return self.area.libraries(self.tree.folder)
 
     def configure(self, coverage):
         must(["cmake", "-S", self.tree.folder, "-B", self.folder, "-G", "Ninja",
