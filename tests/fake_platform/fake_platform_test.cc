@@ -585,6 +585,9 @@ TEST_F(FakePlatform, LetsAProxyBeDestroyedInsideItsOwnCallback) {
 }
 
 TEST_F(FakePlatform, LetsAThreadExitOutOfACallback) {
+#if !defined(__GLIBCXX__)
+  GTEST_SKIP() << "with this C++ library no thread may end inside a call";
+#endif
   rpc_port_proxy_h proxy = nullptr;
   rpc_port_proxy_create(&proxy);
   rpc_port_proxy_add_received_event_cb(

@@ -24,6 +24,10 @@
 #define SVCMGR_FAKE_SANITIZED 1
 #define SVCMGR_FAKE_KEEPS_NEW 1
 #endif
+#if __has_feature(memory_sanitizer)
+#include <sanitizer/msan_interface.h>
+#define SVCMGR_FAKE_MAKE_READABLE __msan_unpoison
+#endif
 #endif
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 #define SVCMGR_FAKE_SANITIZED 1
@@ -54,6 +58,13 @@ namespace fake {
 namespace {
 
 using internal::Guard;
+
+// Of a block that is lost nothing may ever have been written.
+void MakeReadable([[maybe_unused]] const void* bytes, [[maybe_unused]] std::size_t size) {
+#ifdef SVCMGR_FAKE_MAKE_READABLE
+  SVCMGR_FAKE_MAKE_READABLE(bytes, size);
+#endif
+}
 
 constexpr char kNewOrigin[] = "new";
 
@@ -221,6 +232,7 @@ char* HandOut(const char* function, const std::string& text) {
 
 std::string Block::Text() const {
   const auto* const bytes = static_cast<const char*>(pointer);
+  MakeReadable(bytes, size);
   return {bytes, std::find(bytes, bytes + size, '\0')};
 }
 
