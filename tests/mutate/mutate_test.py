@@ -17,7 +17,7 @@ SECONDS = {A: 0.1, B: 0.1, C: 0.1, DEAR: 5}
 
 
 def mutant(line, file="src/a.cc"):
-    return Mutant(file, "constant", 0, 1, "1", line, f"{file} {line}")
+    return Mutant(file, "constant", 0, 1, "1", line, f"{file}\0{line}")
 
 
 class Area(unittest.TestCase):
@@ -33,8 +33,8 @@ class Area(unittest.TestCase):
 class TheOrder(unittest.TestCase):
     RUNS = {"src/a.cc": {10: {B, C, DEAR}, 20: {A, DEAR}}}
 
-    def order(self, line, hint=None, file="src/a.cc"):
-        order = mutate.Knowledge(SECONDS, self.RUNS).order(mutant(line, file), hint)
+    def order(self, line, hint=None, file="src/a.cc", finders=()):
+        order = mutate.Knowledge(SECONDS, self.RUNS).order(mutant(line, file), hint, finders)
         self.assertCountEqual(order, SECONDS)
         return order
 
@@ -45,6 +45,14 @@ class TheOrder(unittest.TestCase):
     def test_has_the_test_that_found_the_fault_before_all_others(self):
         self.assertEqual(self.order(10, A)[0], A)
         self.assertEqual(self.order(10, DEAR)[0], DEAR)
+
+    def test_has_the_program_first_that_found_most_in_the_file_and_in_it_that_test(self):
+        self.assertEqual(self.order(10, finders=[C, C, B])[0], C)
+        self.assertEqual(self.order(10, finders=[C, B, B])[0], B)
+        runs = {"src/a.cc": {10: {A, B, C}}}
+        order = mutate.Knowledge(SECONDS, runs).order
+        self.assertEqual(order(mutant(10), None, [A, B, A])[:2], [A, B])
+        self.assertEqual(order(mutant(10), None, [A, B, B])[:2], [B, A])
 
     def test_has_each_test_without_a_hint_that_is_no_test_any_more(self):
         self.assertEqual(self.order(10, ("gone_test", "A.A")), self.order(10))
@@ -77,6 +85,8 @@ class Memory(unittest.TestCase):
         mutate.Hints(self.path).add(mutant(1), A)
         self.assertEqual(mutate.Hints(self.path).get(mutant(1)), A)
         self.assertFalse(mutate.Hints(self.path).get(mutant(2)))
+        self.assertEqual(mutate.Hints(self.path).of_file("src/a.cc"), [A])
+        self.assertEqual(mutate.Hints(self.path).of_file("src/a.c"), [])
 
     def test_of_equal_counts_gives_their_lines_to_each_test(self):
         counts = mutate.Counts(mutate.AREAS["src"], self.path)
@@ -105,7 +115,8 @@ class Judging(unittest.TestCase):
             make=lambda program: SimpleNamespace(returncode=0 if built(program) else 1),
             run_test=run_test,
             run_tests=lambda tests, limit: ((test, *run_test(test, limit)) for test in tests))
-        return mutate.judge(build, mutate.Knowledge(SECONDS, {"src/a.cc": {10: {B}}}), mutant(10), ())
+        hints = mutate.Hints(Path("/nonexistent/hints.json"))
+        return mutate.judge(build, mutate.Knowledge(SECONDS, {"src/a.cc": {10: {B}}}), hints, mutant(10))
 
     def test_ends_with_the_first_test_that_fails(self):
         self.assertEqual(self.judge({B: 1}), B)

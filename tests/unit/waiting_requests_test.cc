@@ -77,8 +77,13 @@ Mishap Throwing(const char* name, const char* message) {
 
 struct Unnamed {};
 
+Mishap Making(const char* name, const fake::Step& step) {
+  return {name, [=] { fake::Next("rpc_port_parcel_create", step); }, "", kOfTheProxy};
+}
+
 const auto kMishaps = testing::Values(
-    Failing("NotMade", "rpc_port_parcel_create", ""),
+    Making("NotMade", fake::Fail(-32)), Making("NotMadeButGarbage", fake::FailWithGarbage(-32)),
+    Making("MadeButNothing", fake::SucceedWithNull()),
     Failing("NotWritten", "rpc_port_parcel_write_int32", ""),
     Failing("NotSent", "rpc_port_parcel_send", "Failed to send parcel. result(-32)"),
     Mishap{"NoReply", [] {}, "Invalid protocol", kOfTheProxy},

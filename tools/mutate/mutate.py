@@ -286,16 +286,22 @@ class Knowledge:
         before = [line for line in lines if line <= mutant.line]
         return lines[max(before)] if before else set().union(*lines.values())
 
-    def order(self, mutant, hint=None):
-        """All tests, each once, those that may find the mutant soon first, by program."""
+    def order(self, mutant, hint=None, finders=()):
+        """All tests, each once, by program, those that may find the mutant soon first.
+
+        `hint` is the one that has found it before, `finders` are those that have found others in the
+        same file, once for each.
+        """
         running = self.running(mutant)
+        found = collections.Counter(finders)
+        found_by = collections.Counter(program for program, _ in finders)
         of_all = collections.Counter(program for program, _ in self.seconds)
         of_running = collections.Counter(program for program, _ in running)
 
         def rank(test):
             program, _ = test
-            return (test != hint, test not in running, self.seconds[test] > DEAR,
-                    -of_running[program] / of_all[program], program)
+            return (test != hint, test not in running, self.seconds[test] > DEAR, -found_by[program],
+                    -of_running[program] / of_all[program], program, -found[test])
         tests = list(self.seconds)
         random.Random(mutant.identity).shuffle(tests)  # neighbours test the same thing
         return sorted(tests, key=rank)
@@ -305,7 +311,7 @@ class Knowledge:
 
 
 class Hints:
-    """Which test has found a mutant in an earlier run: where to look first, and nothing more."""
+    """Which test has found which mutant, so far or in an earlier run: where to look first, no more."""
 
     def __init__(self, path):
         self.path = path
@@ -313,6 +319,10 @@ class Hints:
 
     def get(self, mutant):
         return tuple(self.found.get(mutant.identity, ()))
+
+    def of_file(self, file):
+        return [tuple(test) for identity, test in self.found.items()
+                if identity.startswith(f"{file}\0")]
 
     def add(self, mutant, test):
         self.found[mutant.identity] = test
@@ -403,10 +413,11 @@ def learn(build, scratch):
     return Knowledge(seconds, runs)
 
 
-def judge(build, knowledge, mutant, hint):
+def judge(build, knowledge, hints, mutant):
     """The first test that finds the mutant, or None."""
     running = knowledge.running(mutant)
-    for program, tests in itertools.groupby(knowledge.order(mutant, hint), key=lambda test: test[0]):
+    order = knowledge.order(mutant, hints.get(mutant), hints.of_file(mutant.file))
+    for program, tests in itertools.groupby(order, key=lambda test: test[0]):
         if build.make(program).returncode != 0:
             return program, "is not built"
         for test, wrong, _ in build.run_tests(tests, knowledge.limit):
@@ -427,13 +438,13 @@ def say(text):
     print(f"==> {text}", flush=True)
 
 
-def attempt(tree, build, knowledge, healthy, mutant, hint):
+def attempt(tree, build, knowledge, hints, healthy, mutant):
     """Whether the mutant counts, and the test that found it."""
     tree.put(mutant)
     try:
         if build.make_libraries().returncode != 0 or build.objects() == healthy:
             return False, None
-        return True, judge(build, knowledge, mutant, hint)
+        return True, judge(build, knowledge, hints, mutant)
     finally:
         tree.restore(mutant)
 
@@ -459,7 +470,7 @@ def mutate(origin, folder, number, seed, area):
         if tried == number:
             break
         begun = time.monotonic()
-        counts, killer = attempt(tree, build, knowledge, healthy, mutant, hints.get(mutant))
+        counts, killer = attempt(tree, build, knowledge, hints, healthy, mutant)
         if not counts:
             skipped += 1
             continue
