@@ -625,6 +625,8 @@ class AStandardErrorThatNobodyReads : public Log {
           before.find("lost") == std::string::npos;
       const size_t said = after.find(notice);
       if (!whole || said == std::string::npos || after.find(": last") < said) _exit(5);
+      const size_t line = after.rfind('\n', said) + 1;  // 0 where it is the first
+      if (after[line] < '0' || after[line] > '9') _exit(8);
       if (dlog_print(DLOG_ERROR, "TAG", "later") < 0) _exit(6);
       _exit(ReadAll(reader).find("Lost") == std::string::npos ? 0 : 7);
     };

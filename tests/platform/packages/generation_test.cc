@@ -79,6 +79,15 @@ TEST_F(AGeneration, GoesWhereItCannotBeWrittenAnyMore) {
   EXPECT_FALSE(std::filesystem::exists(Path()));
 }
 
+TEST_F(AGeneration, GoesWhereItIsALinkThatNobodyFollows) {
+  ASSERT_EQ(Install("a", "1"), 0);
+  std::filesystem::remove(Path());
+  std::filesystem::create_symlink("elsewhere", Path());
+  ASSERT_EQ(Install("a", "2"), 0);
+  EXPECT_FALSE(std::filesystem::is_symlink(Path()));
+  EXPECT_EQ(VersionOf("a"), "2");
+}
+
 // A file system in memory for the folder, as small as they come.
 class AFullFileSystem : public AGeneration {
  protected:

@@ -3,6 +3,7 @@
 
 #include <app_info.h>
 #include <gmock/gmock.h>
+#include <malloc.h>
 #include <sys/stat.h>
 
 #include <utility>
@@ -251,6 +252,25 @@ TEST_F(AnInstalledApplication, IsOneSnapshotWhateverIsInstalledLater) {
   app_info_foreach_metadata(info, CollectMetadata, &metadata);
   EXPECT_THAT(metadata, ElementsAre(Pair("key", "old")));
   app_info_destroy(info);
+}
+
+// Zero under sanitizers, which have their own allocators.
+size_t BytesInUse() {
+  const struct mallinfo2 info = mallinfo2();
+  return info.uordblks + info.hblkhd;
+}
+
+TEST_F(AnInstalledApplication, LeavesNothingBehind) {
+  size_t first = 0;
+  for (int i = 0; i < 40; ++i) {
+    WriteByHand("a", KeyFile(std::to_string(i)) +
+                         "[Application a]\nkey=" + std::string(500000, 'x') + "\n");
+    app_info_h info = nullptr;
+    ASSERT_EQ(app_info_create("a", &info), 0);
+    ASSERT_EQ(app_info_destroy(info), 0);
+    if (i == 1) first = BytesInUse();
+  }
+  EXPECT_LT(BytesInUse(), first + (5 << 20));
 }
 
 TEST_F(AnInstalledApplication, RefusesNullArguments) {
