@@ -17,6 +17,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -33,6 +34,18 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 using testing::SizeIs;
+
+#ifndef SANITIZED
+// The log calls this instead of the C library's. Sanitizers have their own.
+std::atomic<size_t> largest_block{SIZE_MAX};
+
+extern "C" void* __libc_malloc(size_t size);
+extern "C" __attribute__((visibility("default"))) void* malloc(size_t size) {
+  if (size <= largest_block) return __libc_malloc(size);
+  errno = ENOMEM;
+  return nullptr;
+}
+#endif
 
 namespace {
 
@@ -287,6 +300,19 @@ TEST_F(ARecord, IsWholeUpTo64KiBAndCutBeyondWithAMark) {
   for (size_t i = 0; i < 6; ++i) EXPECT_EQ(messages[i], text.substr(0, sizes[i]));
   for (size_t i = 6; i < 8; ++i) EXPECT_EQ(messages[i], text.substr(0, 65536) + " [cut]");
 }
+
+#ifndef SANITIZED
+TEST_F(ARecord, FailsWhereThereIsNoMemoryForItsLength) {
+  ToFile("info");
+  const std::string text(60000, 'x');
+  largest_block = 1000;
+  const int result = dlog_print(DLOG_ERROR, "TAG", "%s", text.c_str());
+  largest_block = SIZE_MAX;
+  EXPECT_EQ(result, -12);
+  EXPECT_EQ(dlog_print(DLOG_ERROR, "TAG", "%s", text.c_str()), 0);
+  EXPECT_THAT(Messages(), ElementsAre(text));
+}
+#endif
 
 TEST_F(ALogFile, GathersRecordsUntilAnError) {
   ToFile("info");
