@@ -39,6 +39,7 @@ struct Files {
   std::function<int(struct stat64&)> on_stat;      // after the call; an errno, or 0
   std::function<void()> on_read;                   // before a read
   std::vector<Span> unreadable;                    // what no read gets
+  int interruptions = 0;                           // how many reads a signal ends
   bool walk_fails = false;
 };
 
@@ -76,6 +77,10 @@ int __wrap_fstat64(int descriptor, struct stat64* status) {
 ssize_t __wrap_pread64(int descriptor, void* bytes, size_t size, off64_t offset) {
   ++files().reads;
   if (files().on_read) files().on_read();
+  if (files().interruptions-- > 0) {
+    errno = EINTR;
+    return -1;
+  }
   const auto start = static_cast<std::size_t>(offset);
   for (const Span& span : files().unreadable) {
     if (start + size <= span.first || start >= span.end) continue;
@@ -87,6 +92,7 @@ ssize_t __wrap_pread64(int descriptor, void* bytes, size_t size, off64_t offset)
   }
   const ssize_t count = __real_pread64(descriptor, bytes, size, offset);
   if (count > 0) files().bytes_read += static_cast<std::size_t>(count);
+  if (count >= 0) errno = EINTR;  // which then says nothing
   return count;
 }
 
@@ -930,6 +936,13 @@ TEST_P(ATable, AtTheFrontWithHeadersThatCannotBeReadHasAMarkerBehindThem) {
     EXPECT_EQ(SearchIn(builder), kOwn) << first;
   }
   EXPECT_THAT(fake::Logs(), IsEmpty());
+}
+
+TEST_P(ATable, IsReadAlthoughSignalsInterruptTheReading) {
+  Write("file", WithMarkersFrom(kCount - 1));
+  files().interruptions = 3;
+  EXPECT_EQ(Search(), OwnOfLevel(kCount - 1));
+  EXPECT_EQ(fake::Logs().size(), 0U);
 }
 
 TEST_P(ATable, WithoutAReadableHeaderHasNoMarker) {
