@@ -161,6 +161,28 @@ TEST_F(AStoppedBus, SendsTheEventsOfAnotherProcessOnceItGoesOn) {
   publisher.PublishUntil(kStatus, [&] { return !texts_.empty(); });
 }
 
+// Its predecessor may have ended meanwhile, and the end of a port shows behind other sources.
+TEST_F(AStoppedBus, SendsTheEventsOfAPublisherThatItNamesLateBehindTheEndOfPorts) {
+  SubscribeBefore(kStatus);
+  RawClient publisher;
+  ASSERT_TRUE(publisher.OwnName("com.example.other"));
+  bus_.Stop();
+  Subscribe(kElsewhere);
+  bus_.Continue();
+  EXPECT_NE(publisher.OwnerOf("com.example.other"), "");
+  EXPECT_NE(publisher.OwnerOf("com.example.other"), "");
+  publisher.SendEvent(kElsewhere, std::string("key\0\0\0\0\0late\0\0s\4\20", 17), nullptr);
+  const guint endless = g_idle_add_full(
+      G_PRIORITY_DEFAULT + 1, [](void*) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr,
+      nullptr);
+  const int read = ReadDescriptors();
+  RunUntil([&] { return ReadDescriptors() == read - 1 || !texts_.empty(); });
+  EXPECT_THAT(texts_, testing::IsEmpty());
+  g_source_remove(endless);
+  WaitForEvents(1);
+  EXPECT_THAT(texts_, ElementsAre("late"));
+}
+
 TEST_F(AStoppedBus, DoesNotStopTheMainLoop) {
   SubscribeBefore(kStatus);
   bus_.Stop();
