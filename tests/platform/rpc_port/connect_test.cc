@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <thread>
+#include <vector>
 
 #include "support.h"
 
@@ -347,6 +349,30 @@ TEST_F(AProxy, CallsAllCallbacksOfAnEventInTheirOrder) {
   ASSERT_EQ(client.Connect(), 0);
   ASSERT_TRUE(RunUntil([&] { return client.Saw("connected again"); }));
   EXPECT_THAT(client.events, ElementsAre("connected", "connected again"));
+}
+
+// What only a race would spoil, ThreadSanitizer sees.
+TEST_F(AProxy, TakesCallbacksFromManyThreads) {
+  constexpr int kThreads = 4;
+  constexpr int kOfEach = 100;
+  Server server;
+  ASSERT_EQ(server.Listen(), 0);
+  Client client;
+  int calls = 0;
+  const auto count = [](const char*, const char*, rpc_port_h, void* called) {
+    ++*static_cast<int*>(called);
+  };
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&] {
+      for (int n = 0; n < kOfEach; ++n) {
+        EXPECT_EQ(rpc_port_proxy_add_connected_event_cb(client.h, count, &calls), 0);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  ASSERT_TRUE(client.ConnectNow());
+  EXPECT_TRUE(RunUntil([&] { return calls == kThreads * kOfEach; }));
 }
 
 TEST_F(AProxy, KnowsWhomItIsConnectedTo) {
