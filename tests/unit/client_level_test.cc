@@ -772,6 +772,18 @@ TEST_F(AFileThatChanges, WhileItIsReadDoesNoHarm) {
   }
 }
 
+TEST_F(AFileThatChanges, IntoAShorterOneIsAskedForNoMoreThanItHas) {
+  Builder builder(Kind::k64);
+  for (int i = 0; i < 65535; ++i) builder.Header(0xfffffff0U, 16);
+  const path file = Write("app/bad", builder.Build());
+  files().reads = 0;
+  files().on_read = [file] {
+    if (files().reads == 2) fs::resize_file(file, 70);
+  };
+  EXPECT_EQ(Search(), kNothing);
+  EXPECT_LE(files().reads, 5);
+}
+
 TEST_F(AFileThatChanges, IntoAFifoLeavesWhatIsInItToItsReader) {
   const Bytes message = Builder(Kind::k64).Section(Marker{99}).TableFirst().Build();
   Write("app/bad", message);
