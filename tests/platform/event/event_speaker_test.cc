@@ -75,6 +75,7 @@ class ABusOfManyUsers : public testing::Test {
   // On the bus's thread: asked for the user of a client; null for one that is gone.
   std::function<std::optional<uint32_t>(sd_bus* bus, const std::string& client)> user_of_;
   std::function<bool()> allows_match_ = [] { return true; };
+  std::function<void(const char* rule)> forget_ = [](const char*) {};
   std::function<void()> before_greeting_ = [] {};
   std::atomic<int> questions_ = 0;
   Texts texts_;
@@ -86,6 +87,10 @@ class ABusOfManyUsers : public testing::Test {
     if (member == "Hello") {
       before_greeting_();
       sd_bus_reply_method_return(message, "s", kSelf);
+    } else if (member == "RemoveMatch") {
+      const char* rule = nullptr;
+      ASSERT_GE(sd_bus_message_read(message, "s", &rule), 0);
+      forget_(rule);
     } else if (member == "AddMatch") {
       if (allows_match_()) {
         sd_bus_reply_method_return(message, "");
@@ -200,6 +205,21 @@ TEST_F(ABusOfManyUsers, IsAskedOnceForEachOwner) {
   Subscribe();
   WaitForEvents(50);
   EXPECT_EQ(questions_, 1);
+}
+
+TEST_F(ABusOfManyUsers, HearsWhatNobodyListensToAnyMore) {
+  std::promise<std::string> forgotten;
+  forget_ = [&](const char* rule) { forgotten.set_value(rule); };
+  Begin("");
+  Subscribe();
+  event_handler_h other = nullptr;
+  ASSERT_EQ(event_add_event_handler("event.com.example.agent.other", Record, &texts_, &other), 0);
+  EXPECT_EQ(event_remove_event_handler(other), 0);
+  EXPECT_EQ(forgotten.get_future().get(),
+            "type='signal',path='/org/desktop/ApplicationEvents',interface='org.desktop."
+            "ApplicationEvents',member='Event',sender='com.example.agent',arg0='event.com.example."
+            "agent.other'");
+  forget_ = [](const char*) {};
 }
 
 TEST_F(ABusOfManyUsers, FailsASubscriptionThatItRefuses) {
