@@ -4,6 +4,7 @@
 #include <app_info.h>
 #include <gmock/gmock.h>
 #include <malloc.h>
+#include <package_desktop.h>
 #include <sys/stat.h>
 
 #include <utility>
@@ -263,8 +264,11 @@ size_t BytesInUse() {
 TEST_F(AnInstalledApplication, LeavesNothingBehind) {
   size_t first = 0;
   for (int i = 0; i < 40; ++i) {
-    WriteByHand("a", KeyFile(std::to_string(i)) +
-                         "[Application a]\nkey=" + std::string(500000, 'x') + "\n");
+    const std::string text =
+        KeyFile(std::to_string(i)) + "[Application a]\nkey=" + std::string(500000, 'x') + "\n";
+    // At first without a generation, then with one.
+    if (i < 20) WriteByHand("a", text);
+    if (i >= 20) ASSERT_EQ(package_desktop_install(folder_.c_str(), "a", text.c_str()), 0);
     app_info_h info = nullptr;
     ASSERT_EQ(app_info_create("a", &info), 0);
     ASSERT_EQ(app_info_destroy(info), 0);
