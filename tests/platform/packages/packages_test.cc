@@ -267,8 +267,13 @@ TEST_F(AnInstalledApplication, LeavesNothingBehind) {
     const std::string text =
         KeyFile(std::to_string(i)) + "[Application a]\nkey=" + std::string(500000, 'x') + "\n";
     // At first without a generation, then with one.
-    if (i < 20) WriteByHand("a", text);
-    if (i >= 20) ASSERT_EQ(package_desktop_install(folder_.c_str(), "a", text.c_str()), 0);
+    int result = 0;
+    if (i < 20) {
+      WriteByHand("a", text);
+    } else {
+      result = package_desktop_install(folder_.c_str(), "a", text.c_str());
+    }
+    ASSERT_EQ(result, 0);
     app_info_h info = nullptr;
     ASSERT_EQ(app_info_create("a", &info), 0);
     ASSERT_EQ(app_info_destroy(info), 0);
