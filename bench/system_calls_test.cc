@@ -210,7 +210,7 @@ class RowCounter {
   void OnMark(const __ptrace_syscall_info& info) {
     switch (static_cast<Mark>(info.entry.args[0])) {
       case Mark::kCallBegins:
-        row_ = &rows_.at(info.entry.args[1]);
+        row_ = &rows_.at(static_cast<std::size_t>(info.entry.args[1]));
         count_ = &row_->of_client.emplace_back(0);
         break;
       case Mark::kCallEnds:
