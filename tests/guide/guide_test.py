@@ -198,7 +198,7 @@ def main():
                    if not name.startswith("VELMORA_") and name != "LD_LIBRARY_PATH"}
     environment["LC_ALL"] = "C.UTF-8"
     try:
-        count = check_guide(guide.read_text(), root, folder, environment, 300)
+        count = check_guide(guide.read_text(), root, folder, environment, 900)
     except Wrong as wrong:
         sys.exit(f"{guide}: {wrong}")
     print(f"{count} commands did what the guide says")
