@@ -2,18 +2,24 @@
 // The generation file where the file system has no room for it, or somebody else has touched it.
 
 #include <dlfcn.h>
+#include <gmock/gmock.h>
 #include <package_desktop.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "package_world.h"
 #include "support/own_mounts.h"
+
+using testing::HasSubstr;
 
 namespace {
 
 // How many bytes a write may take: with none, it fails with ENOSPC.
 constexpr size_t kUnlimited = SIZE_MAX;
 size_t room = kUnlimited;
+// While it is true, no file ends.
+bool files_grow = false;
 
 }  // namespace
 
@@ -27,6 +33,14 @@ extern "C" __attribute__((visibility("default"))) ssize_t pwrite(int fd, const v
     return -1;
   }
   return real(fd, data, size < room ? size : room, offset);
+}
+
+extern "C" __attribute__((visibility("default"))) ssize_t read(int fd, void* data, size_t size) {
+  using Function = ssize_t(int, void*, size_t);
+  static auto* const real = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, "read"));
+  if (!files_grow) return real(fd, data, size);
+  memset(data, '#', size);
+  return static_cast<ssize_t>(size);
 }
 
 namespace {
@@ -43,6 +57,8 @@ class AGeneration : public PackageWorld {
     return {std::istreambuf_iterator<char>(file), {}};
   }
 };
+
+using AGrowingKeyFile = PackageWorld;
 
 TEST_F(AGeneration, IsAnotherOneAfterEachChange) {
   ASSERT_EQ(Install("a", "1"), 0);
@@ -86,6 +102,14 @@ TEST_F(AGeneration, GoesWhereItIsALinkThatNobodyFollows) {
   ASSERT_EQ(Install("a", "2"), 0);
   EXPECT_FALSE(std::filesystem::is_symlink(Path()));
   EXPECT_EQ(VersionOf("a"), "2");
+}
+
+TEST_F(AGrowingKeyFile, IsNotReadForEver) {
+  WriteByHand("a", KeyFile("1"));
+  files_grow = true;
+  EXPECT_EQ(VersionOf("a"), "");
+  files_grow = false;
+  EXPECT_THAT(Log(), HasSubstr("a.package: still growing\n"));
 }
 
 // A file system in memory for the folder, as small as they come.

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
 #include <thread>
 #include <vector>
 
@@ -443,6 +444,14 @@ TEST_F(AStub, ServesEveryNameThatAPortCanHave) {
     EXPECT_EQ(rpc_port_proxy_destroy(proxy), 0);
     EXPECT_EQ(rpc_port_stub_destroy(stub), 0);
   }
+}
+
+// The name is between processes that need not have the same library.
+TEST_F(AStub, IsFoundUnderTheSameFileNameByAnyBuildHoweverLongItsNameIs) {
+  Server server(std::string(100, 'p').c_str());
+  ASSERT_EQ(server.Listen(), 0);
+  EXPECT_TRUE(std::filesystem::exists(folder() + "/org.example.self:" + std::string(46, 'p') +
+                                      "~80896fcafcb6503f"));
 }
 
 TEST_F(AStub, IsNotFoundUnderTheNameOfAnother) {
