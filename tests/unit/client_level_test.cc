@@ -1018,6 +1018,12 @@ constexpr int kReadsOfTheMostSections = 1 + 65536 / 256;
 
 using ASearch = AnApplicationFolder;
 
+TEST_F(ASearch, FindsAFileThatIsOpenedInThePlaceOfTheStandardInput) {
+  Write("app/file", Marker{});
+  files().on_open = [](const std::string&) { return close(STDIN_FILENO), 0; };
+  EXPECT_EQ(Search(), kOwn);
+}
+
 TEST_F(ASearch, TakesOneReadOfAFileOfAnotherKind) {
   for (const std::size_t size : {52U, 64U, 4095U, 4096U, 4097U, 100'000U}) {
     files() = {};
