@@ -274,6 +274,8 @@ TEST_F(AnAnswer, WithAnArrayCountBeyondItsModelsIsAFailureWithAnEmptyList) {
     ASSERT_THAT(answers, SizeIs(1));
     EXPECT_EQ(answers[0].error, SVCMGR_ERROR_INVALID_OPERATION);
     EXPECT_EQ(Size(answers[0].list), 0);
+    EXPECT_THAT(fake::Logs(), testing::Contains(IsInfo(kAnswerFile, "Convert",
+                                                       "Successful conversion of [0] models.")));
     ReleaseAnswers();
   }
 }
