@@ -35,6 +35,7 @@ class AForkedSubscriber : public testing::Test {
  protected:
   AForkedSubscriber() {
     EXPECT_EQ(event_add_event_handler(kStatus, Record, &texts_, &handler_), 0);
+    AwaitSubscriptions();
   }
   void Publish(const char* text) { ASSERT_EQ(publisher_.Publish(kStatus, "key", text), 0); }
   void WaitFor(size_t count) {
@@ -90,6 +91,7 @@ TEST_F(AForkedSubscriber, MadeByAHandlerCallsNoFurtherOne) {
   };
   ASSERT_EQ(event_add_event_handler(kStatus, fork_once, nullptr, &forking), 0);
   ASSERT_EQ(event_add_event_handler(kStatus, Record, &after, &last), 0);
+  AwaitSubscriptions();
   Publish("one");
   Publish("two");
   RunUntil([&] { return child == 0 || after.size() >= 2; });
@@ -111,6 +113,7 @@ TEST_F(AForkedSubscriber, SubscribesAnew) {
     std::vector<std::string> own;
     event_handler_h handler = nullptr;
     EXPECT_EQ(event_add_event_handler(kStatus, Record, &own, &handler), 0);
+    AwaitSubscriptions();
     EXPECT_EQ(write(ready[1], "", 1), 1);
     RunUntil([&] { return own.size() >= 2; });
     EXPECT_THAT(own, ElementsAre("one", "two"));

@@ -3,7 +3,6 @@
 // allocators.
 
 #include <app_event.h>
-#include <app_event_desktop.h>
 #include <glib.h>
 #include <gmock/gmock.h>
 
@@ -73,7 +72,7 @@ class ASubscriberShortOfMemory : public testing::Test {
   event_handler_h Subscribe(const char* name) {
     event_handler_h handler = nullptr;
     EXPECT_EQ(Add(name, &handler), 0);
-    EXPECT_EQ(event_desktop_await_subscriptions(), 0);
+    AwaitSubscriptions();
     return handler;
   }
 
@@ -175,19 +174,18 @@ TEST_F(ASubscriberShortOfMemory, IsSubscribedOrToldAndKeepsWhatItHad) {
   ASSERT_TRUE(Hears(1));
   event_handler_h handler = nullptr;
   int added = 0;
-  const long failures =
-      ForEachFailure([&] { added = Add(kOther, &handler); },
-                     [&] {
-                       EXPECT_THAT(added, AnyOf(0, -12));
-                       texts_.clear();
-                       Publish(kStatus, "had");
-                       EXPECT_TRUE(Hears(1));
-                       if (added != 0) return;
-                       RunUntil([] { return event_desktop_await_subscriptions() == 0; });
-                       Publish(kOther, "new");
-                       EXPECT_TRUE(Hears(2));
-                       EXPECT_EQ(event_remove_event_handler(handler), 0);
-                     });
+  const long failures = ForEachFailure([&] { added = Add(kOther, &handler); },
+                                       [&] {
+                                         EXPECT_THAT(added, AnyOf(0, -12));
+                                         texts_.clear();
+                                         Publish(kStatus, "had");
+                                         EXPECT_TRUE(Hears(1));
+                                         if (added != 0) return;
+                                         AwaitSubscriptions();
+                                         Publish(kOther, "new");
+                                         EXPECT_TRUE(Hears(2));
+                                         EXPECT_EQ(event_remove_event_handler(handler), 0);
+                                       });
   EXPECT_GT(failures, 10);
 }
 
@@ -204,7 +202,7 @@ TEST_F(ASubscriberShortOfMemory, IsSubscribedOrToldAtFirstAndLeavesNothingOpen) 
         EXPECT_THAT(added, AnyOf(0, -5, -12));
         texts_.clear();
         if (added == 0) {
-          RunUntil([] { return event_desktop_await_subscriptions() == 0; });
+          AwaitSubscriptions();
           const int with_publisher = publisher_ ? 0 : 2;  // its pipes
           Publish(kStatus, "one");
           EXPECT_TRUE(Hears(1));

@@ -91,7 +91,7 @@ class AStoppedBus : public ASilentBus {
   // Subscribes while the bus still answers.
   void SubscribeBefore(const char* name) {
     Subscribe(name);
-    EXPECT_EQ(event_desktop_await_subscriptions(), 0);
+    AwaitSubscriptions();
   }
 
   PrivateBus bus_;

@@ -38,7 +38,7 @@ class ASubscriber : public testing::Test {
   event_handler_h Subscribe(const char* name, event_cb callback, void* user_data) {
     event_handler_h handler = nullptr;
     EXPECT_EQ(event_add_event_handler(name, callback, user_data, &handler), 0) << name;
-    EXPECT_EQ(event_desktop_await_subscriptions(), 0);
+    AwaitSubscriptions();
     return handler;
   }
   event_handler_h Subscribe(const char* name) { return Subscribe(name, Record, &events_); }

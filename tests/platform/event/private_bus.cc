@@ -2,6 +2,7 @@
 #include "private_bus.h"
 
 #include <app_event.h>
+#include <app_event_desktop.h>
 #include <fcntl.h>
 #include <glib.h>
 #include <signal.h>
@@ -205,6 +206,10 @@ void RunUntil(const std::function<bool()>& condition) {
   while (!condition() && !late) g_main_context_iteration(nullptr, TRUE);
   if (!late) g_source_remove(limit);
   ASSERT_FALSE(late) << "waited in vain";
+}
+
+void AwaitSubscriptions() {
+  RunUntil([] { return event_desktop_await_subscriptions() == 0; });
 }
 
 namespace {

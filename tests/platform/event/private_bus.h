@@ -89,6 +89,9 @@ int PublishHere(const char* name, const char* value);
 // Runs the default main context until the condition holds; fails the test after a generous time.
 void RunUntil(const std::function<bool()>& condition);
 
+// Runs it until the bus has all subscriptions of this process, however long it takes to answer.
+void AwaitSubscriptions();
+
 // Number of descriptors that the default main context polls, and of those that it would read.
 int PolledDescriptors();
 int ReadDescriptors();
