@@ -179,15 +179,20 @@ class Search:
 def search_target(search, target, seconds, counts):
     """Returns executions, seconds, and whether something was found."""
     executions, took, found = 0, 0, False
-    while not found:
-        missing = max(wanted_of(target) - counts.of(target), 0)
-        if seconds is None and missing == 0:
-            break
-        now, seconds_now, found = search.step(target, seconds or SLICE, 0 if seconds else missing)
+
+    def step(*limits):
+        nonlocal executions, took, found
+        now, seconds_now, found = search.step(target, *limits)
         counts.add(target, search.way, now)
         executions, took = executions + now, took + seconds_now
-        if seconds is not None:
+
+    if seconds is not None:
+        step(seconds, 0)
+    while seconds is None and not found:
+        missing = wanted_of(target) - counts.of(target)
+        if missing <= 0:
             break
+        step(SLICE, missing)
     if search.fast and not search.known_to_sanitizers(target):
         found = True
     return executions, took, found
