@@ -17,7 +17,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -28,24 +27,14 @@
 #include <thread>
 #include <vector>
 
+#include "sweep/failing_allocations.h"
+
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 using testing::SizeIs;
-
-#ifndef SANITIZED
-// The log calls this instead of the C library's. Sanitizers have their own.
-std::atomic<size_t> largest_block{SIZE_MAX};
-
-extern "C" void* __libc_malloc(size_t size);
-extern "C" __attribute__((visibility("default"))) void* malloc(size_t size) {
-  if (size <= largest_block) return __libc_malloc(size);
-  errno = ENOMEM;
-  return nullptr;
-}
-#endif
 
 namespace {
 
@@ -305,9 +294,10 @@ TEST_F(ARecord, IsWholeUpTo64KiBAndCutBeyondWithAMark) {
 TEST_F(ARecord, FailsWhereThereIsNoMemoryForItsLength) {
   ToFile("info");
   const std::string text(60000, 'x');
-  largest_block = 1000;
+  sweep::Failures failures;
+  sweep::Arm(1, 1, &failures);
   const int result = dlog_print(DLOG_ERROR, "TAG", "%s", text.c_str());
-  largest_block = SIZE_MAX;
+  sweep::Disarm();
   EXPECT_EQ(result, -12);
   EXPECT_EQ(dlog_print(DLOG_ERROR, "TAG", "%s", text.c_str()), 0);
   EXPECT_THAT(Messages(), ElementsAre(text));
