@@ -15,7 +15,6 @@
 //                   is told is printed with "child " in front
 //     run=COMMAND   has a shell run this in the world's folder, while the main loop goes on
 #include <glib.h>
-#include <malloc.h>
 #include <signal.h>
 #include <spawn.h>
 #include <string.h>
@@ -35,6 +34,7 @@
 #include <vector>
 
 #include "owned.h"
+#include "support/bytes_in_use.h"
 #include "support/open_descriptors.h"
 
 namespace {
@@ -335,9 +335,9 @@ int main(int argc, char** argv) {
   for (int i = 0; i < first; ++i) Round(words);
   if (rounds == 1) return EXIT_SUCCESS;
   const int descriptors = OpenDescriptors();
-  const auto memory = static_cast<long>(mallinfo2().uordblks);
+  const auto memory = static_cast<long>(BytesInUse());
   for (int i = first; i < rounds; ++i) Round(words);
-  const long growth = static_cast<long>(mallinfo2().uordblks) - memory;
+  const long growth = static_cast<long>(BytesInUse()) - memory;
   std::printf("descriptors %+d, memory %s\n", OpenDescriptors() - descriptors,
               growth < 16384 ? "as before" : "grown");
   return EXIT_SUCCESS;

@@ -4,13 +4,13 @@
 // looks at nothing before it has ended. Prints what the client saw, and what it has more of after
 // the last update than after the first.
 #include <glib.h>
-#include <malloc.h>
 #include <velmora_svcmgr.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 
+#include "support/bytes_in_use.h"
 #include "support/open_descriptors.h"
 
 namespace {
@@ -80,9 +80,9 @@ int main(int argc, char** argv) {
   const int first = std::min(30, updates / 2);
   for (int i = 0; i < first; ++i) Update(client, command);
   const int descriptors = OpenDescriptors();
-  const auto memory = static_cast<long>(mallinfo2().uordblks);
+  const auto memory = static_cast<long>(BytesInUse());
   for (int i = first; i < updates; ++i) Update(client, command);
-  const long growth = static_cast<long>(mallinfo2().uordblks) - memory;
+  const long growth = static_cast<long>(BytesInUse()) - memory;
   std::printf("updates %d, losses %d, other statuses %d, descriptors %+d, memory %s\n",
               client.completed, client.losses, client.other_statuses,
               OpenDescriptors() - descriptors, growth < 32768 ? "as before" : "grown");

@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <glib.h>
-#include <malloc.h>
 #include <stdlib.h>
 #include <time.h>
 #include <unistd.h>
@@ -16,6 +15,7 @@
 #include <random>
 #include <utility>
 
+#include "support/bytes_in_use.h"
 #include "support/open_descriptors.h"
 
 namespace soak {
@@ -319,7 +319,7 @@ void GrowOnPurpose() {
 /** What the process uses at a moment at which nothing is asked and a connection has just begun. */
 void NoteUsage() {
   GrowOnPurpose();
-  auto memory = static_cast<long>(mallinfo2().uordblks);
+  auto memory = static_cast<long>(BytesInUse());
   for (int kind = 0; kind < kKinds; ++kind) {
     memory -= client.shared->kept[kind] * client.answers[kind];
   }
@@ -349,13 +349,13 @@ void Measure() {
   for (int kind = 0; kind < kKinds; ++kind) {
     long before = 0;
     for (int round = 0; round < 2; ++round) {
-      before = static_cast<long>(mallinfo2().uordblks);
+      before = static_cast<long>(BytesInUse());
       for (int i = 0; i < kAnswers; ++i) {
         ask[kind]();
         Await([] { return client.answered + 1 == client.asked; });
       }
     }
-    const long after = static_cast<long>(mallinfo2().uordblks);
+    const long after = static_cast<long>(BytesInUse());
     client.shared->kept[kind] = (after - before) / kAnswers;
   }
   client.shared->measured = true;

@@ -94,6 +94,18 @@ class ADyingBus : public testing::Test {
   void SubscribeTo(const char* name, event_handler_h* handler) {
     ASSERT_EQ(event_add_event_handler(name, Count, &calls_, handler), 0);
   }
+  // Ends once an event of the next bus is heard.
+  void LoseItAndHearTheNext() {
+    event_handler_h handler = nullptr;
+    ASSERT_NO_FATAL_FAILURE(SubscribeTo(kStatus, &handler));
+    const int with_bus = PolledDescriptors();
+    bus_.Kill();
+    RunUntil([&] { return PolledDescriptors() < with_bus; });
+    bus_.Start();
+    // What is sent before the subscriptions are renewed is not heard.
+    Publisher publisher;
+    publisher.PublishUntil(kStatus, [&] { return calls_ > 0; });
+  }
 
   PrivateBus bus_;
   int calls_ = 0;
@@ -151,29 +163,12 @@ TEST_F(ADyingBus, GivesItsSubscriptionsToItsSuccessor) {
   RunUntil([&] { return calls_ == 1; });
 }
 
-TEST_F(ADyingBus, IsLookedForUntilItReturns) {
-  event_handler_h handler = nullptr;
-  ASSERT_NO_FATAL_FAILURE(SubscribeTo(kStatus, &handler));
-  const int with_bus = PolledDescriptors();
-  bus_.Kill();
-  RunUntil([&] { return PolledDescriptors() < with_bus; });
-  bus_.Start();
-  // What is sent before the subscriptions are renewed is not heard.
-  Publisher publisher;
-  publisher.PublishUntil(kStatus, [&] { return calls_ > 0; });
-}
+TEST_F(ADyingBus, IsLookedForUntilItReturns) { LoseItAndHearTheNext(); }
 
 TEST_F(ADyingBus, IsSpokenOfInTheLogWhenItGoesAndWhenItHasReturned) {
   setenv("VELMORA_LOG_LEVEL", "info", 1);
   testing::internal::CaptureStderr();
-  event_handler_h handler = nullptr;
-  ASSERT_NO_FATAL_FAILURE(SubscribeTo(kStatus, &handler));
-  const int with_bus = PolledDescriptors();
-  bus_.Kill();
-  RunUntil([&] { return PolledDescriptors() < with_bus; });
-  bus_.Start();
-  Publisher publisher;
-  publisher.PublishUntil(kStatus, [&] { return calls_ > 0; });
+  ASSERT_NO_FATAL_FAILURE(LoseItAndHearTheNext());
   const std::string log = testing::internal::GetCapturedStderr();
   EXPECT_THAT(log, testing::Not(testing::HasSubstr("refuses")));
   EXPECT_THAT(log, testing::ContainsRegex(

@@ -3,13 +3,13 @@
 
 #include <app_info.h>
 #include <gmock/gmock.h>
-#include <malloc.h>
 #include <package_desktop.h>
 #include <sys/stat.h>
 
 #include <utility>
 
 #include "package_world.h"
+#include "support/bytes_in_use.h"
 
 using testing::ContainsRegex;
 using testing::ElementsAre;
@@ -253,12 +253,6 @@ TEST_F(AnInstalledApplication, IsOneSnapshotWhateverIsInstalledLater) {
   app_info_foreach_metadata(info, CollectMetadata, &metadata);
   EXPECT_THAT(metadata, ElementsAre(Pair("key", "old")));
   app_info_destroy(info);
-}
-
-// Zero under sanitizers, which have their own allocators.
-size_t BytesInUse() {
-  const struct mallinfo2 info = mallinfo2();
-  return info.uordblks + info.hblkhd;
 }
 
 TEST_F(AnInstalledApplication, LeavesNothingBehind) {

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <fcntl.h>
-#include <malloc.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -9,6 +8,7 @@
 #include <csignal>
 
 #include "support.h"
+#include "support/bytes_in_use.h"
 
 using testing::Each;
 using testing::ElementsAre;
@@ -387,12 +387,6 @@ TEST_F(AConnection, OffersAPushToTheNextCallbackIfTheFirstLeavesIt) {
   EXPECT_EQ(server.Push("two"), 0);
   ASSERT_TRUE(RunUntil([&] { return client.Saw("two"); }));
   EXPECT_THAT(taken, ElementsAre("one"));
-}
-
-// Zero under sanitizers, which have their own allocators.
-size_t BytesInUse() {
-  const struct mallinfo2 info = mallinfo2();
-  return info.uordblks + info.hblkhd;
 }
 
 TEST_F(AConnection, NeverMakesTheServerWaitForItsClient) {
