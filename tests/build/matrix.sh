@@ -13,16 +13,16 @@ jobs=${JOBS:-$(nproc)}
 die() { printf 'matrix.sh: %s\n' "$*" >&2; exit 2; }
 
 # NAME|what is built and tested|command that this needs|preset|configuring, in CMake's words|tests, in ctest's words|environment
-# Optimised as a distribution does it, with what its checks add to the C and C++ library. With these
-# assertions g++ 12 sees ends of std::string overrun where they are not.
+# Optimised as a distribution does it, with what its checks add to the C and C++ library.
 hardened='-O2 -D_GLIBCXX_ASSERTIONS -D_FORTIFY_SOURCE=3'
-hardened_flags="$hardened -Wno-array-bounds"
+# Where g++ 12 optimises more than the presets ask for, it sees ends of std::string overrun that are not.
+overrun='-Wno-error=array-bounds -Wno-error=stringop-overflow -Wno-error=stringop-overread'
 memcheck='valgrind;-q;--error-exitcode=99;--leak-check=full;--errors-for-leak-kinds=definite;--show-leak-kinds=definite'
 rows=(
   "debug|g++, -O0|g++|dev|-DCMAKE_CXX_FLAGS=-O0||"
-  "release|g++, -O3 -DNDEBUG|g++|dev|-DCMAKE_BUILD_TYPE=Release||"
-  "lto|g++, -O3 and link-time optimisation|g++|dev|-DCMAKE_BUILD_TYPE=Release -DCMAKE_INTERPROCEDURAL_OPTIMIZATION=ON||"
-  "hardened|g++, $hardened|g++|dev|-DCMAKE_BUILD_TYPE=None '-DCMAKE_CXX_FLAGS=$hardened_flags' '-DCMAKE_C_FLAGS=$hardened'||"
+  "release|g++, -O3 -DNDEBUG|g++|dev|-DCMAKE_BUILD_TYPE=Release '-DCMAKE_CXX_FLAGS=$overrun'||"
+  "lto|g++, -O3 and link-time optimisation|g++|dev|-DCMAKE_BUILD_TYPE=Release -DCMAKE_INTERPROCEDURAL_OPTIMIZATION=ON '-DCMAKE_CXX_FLAGS=$overrun'||"
+  "hardened|g++, $hardened|g++|dev|-DCMAKE_BUILD_TYPE=None '-DCMAKE_CXX_FLAGS=$hardened $overrun' '-DCMAKE_C_FLAGS=$hardened'||"
   "clang|clang++|clang++|clang|||"
   "asan|AddressSanitizer, UndefinedBehaviorSanitizer, leaks|clang++|asan|||ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1:check_initialization_order=1:strict_init_order=1"
   "tsan|ThreadSanitizer; 64 threads and 10,000 connections|clang++|tsan|||TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:atexit_sleep_ms=20 SVCMGR_TEST_CONNECTIONS=10000"
