@@ -7,7 +7,6 @@
 
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <new>
 #include <regex>
 #include <set>
@@ -46,6 +45,12 @@ bool IsNew(T* made) {
   return seen != nullptr;
 }
 
+bool IsNewArray(char* made) {
+  char* volatile seen = made;
+  delete[] seen;
+  return seen != nullptr;
+}
+
 template <typename Work>
 bool DoesNotThrow(Work work) try {
   return work();
@@ -80,8 +85,7 @@ const Function kFunctions[] = {
     {"new_nothrow", [] { return IsNew(new (std::nothrow) int); }},
     {"new_aligned", [] { return DoesNotThrow([] { return IsNew(new Aligned); }); }},
     {"new_aligned_nothrow", [] { return IsNew(new (std::nothrow) Aligned); }},
-    {"new_array",
-     [] { return DoesNotThrow([] { return std::make_unique<char[]>(size) != nullptr; }); }},
+    {"new_array", [] { return DoesNotThrow([] { return IsNewArray(new char[size]); }); }},
     {"string", [] { return DoesNotThrow([] { return std::string(4 * size, 'x')[size] == 'x'; }); }},
 };
 
