@@ -124,7 +124,9 @@ Relay::Relay(const std::string& agent, const std::string& folder, Recording& rec
   rpc_port_stub_add_disconnected_event_cb(stub_, OnClientGone, this);
   rpc_port_stub_add_received_event_cb(stub_, OnRequest, this);
   for (const char* suffix : {"agent_status", "update_status", "model_status"}) Subscribe(suffix);
-  event_desktop_await_subscriptions();
+  if (event_desktop_await_subscriptions() != 0) {
+    recording_.Lose("what is published before the session bus answers");
+  }
   const Variable own("VELMORA_APP_ID", agent);
   const Variable runtime("VELMORA_RUNTIME_DIR", folder);
   Check(rpc_port_stub_listen(stub_), "cannot listen on the port");

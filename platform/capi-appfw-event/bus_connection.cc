@@ -290,6 +290,7 @@ bool BusConnection::Stands(const EventName& name) const {
 }
 
 void BusConnection::AwaitAll(uint64_t deadline) {
+  is_silent_ = false;  // whoever asks for it waits anew
   Await(deadline, [this] {
     return std::all_of(packages_.begin(), packages_.end(), [this](const auto& package) {
       const auto& events = package.second.events;

@@ -42,8 +42,8 @@ std::string ScenarioWith(const std::string& step, std::size_t position,
 
 constexpr char kSaysThatItRuns[] = R"({"event": "Launch"})";
 
-const Lines kAsk = {"follow-updates", "follow-models", "connect", "until=connection: 0 0",
-                    "request-update"};
+const Lines kAsk = {"follow-updates", "follow-models",         "subscribed",
+                    "connect",        "until=connection: 0 0", "request-update"};
 const Lines kAsked = {"connect: 0", "connection: 0 0", "request-update: 0"};
 
 /** Goes on when the agent stays before this step and the client has heard all that it said. */

@@ -5,6 +5,7 @@
 //
 //     connect, disconnect, request-update, updating, level, client-level    calls the function
 //     follow-updates, follow-models                           sets the callback for those events
+//     subscribed    goes on when no event can be missed any more
 //     models, versions=MODEL, category=CATEGORY               asks for the list
 //     update=MODELS, uninstall=MODELS                         asks for it; MODEL[@VERSION]+...
 //     untouched     says what of the process is not as it was before the library was called: what its
@@ -14,6 +15,7 @@
 //     child=WORD,...  has a forked child go through these words, and waits for its end; what the child
 //                   is told is printed with "child " in front
 //     run=COMMAND   has a shell run this in the world's folder, while the main loop goes on
+#include <app_event_desktop.h>
 #include <glib.h>
 #include <signal.h>
 #include <spawn.h>
@@ -295,6 +297,7 @@ void Do(const std::string& word) {
   if (verb == "follow-models") {
     return Expect(velmora_svcmgr_ai_register_status_cb(OnModelStatus, nullptr), verb.c_str());
   }
+  if (verb == "subscribed") return Expect(event_desktop_await_subscriptions(), verb.c_str());
   if (verb == "models") return AskForModels();
   if (verb == "versions") return AskForVersions(object);
   if (verb == "category") return AskForCategory(object);

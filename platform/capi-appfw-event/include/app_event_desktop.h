@@ -22,8 +22,8 @@ int event_desktop_own_package(const char* package);
 
 /**
  * Waits until the bus has taken all subscriptions that the process has made, so that no event can
- * be missed: for programs that start what they listen to. -110 if it has not within a minute, at
- * once if it is known to be silent.
+ * be missed: for programs that start what they listen to. -110 if it has not within a minute, or if
+ * there is no bus any more.
  */
 int event_desktop_await_subscriptions(void);
 
