@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <unordered_map>
 
 #include "forks.h"
@@ -20,9 +21,11 @@ inline std::atomic<uintptr_t> last_handle{0};
 template <typename Object>
 class Handles {
  public:
-  // Lives until the process ends, because destructors that run at exit may still pass handles.
-  static Handles& Get() {
-    static auto* const handles = new Handles;
+  // Lives until the process ends, because destructors that run at exit may still pass handles. It
+  // takes no memory, which there may be none of where the first handle that is passed is destroyed.
+  static Handles& Get() noexcept {
+    alignas(Handles) static unsigned char storage[sizeof(Handles)];
+    static auto* const handles = new (storage) Handles;
     return *handles;
   }
 

@@ -12,7 +12,8 @@
 namespace {
 
 std::atomic<bool> armed{false};
-std::atomic<int> nth{0};
+std::atomic<int> first{0};
+std::atomic<int> last{0};
 std::atomic<size_t> at_least{0};
 std::atomic<int> seen{0};
 std::atomic<int> failed{0};
@@ -26,7 +27,8 @@ bool IsOfThePorts(void* caller) {
 
 bool Fails(size_t size, void* caller) {
   if (!armed || size < at_least || !IsOfThePorts(caller)) return false;
-  if (nth != 0 && ++seen != nth) return false;
+  const int number = ++seen;
+  if (number < first || number > last) return false;
   ++failed;
   return true;
 }
@@ -37,8 +39,9 @@ void* Allocate(size_t size, void* caller) {
 
 }  // namespace
 
-FailingAllocations::FailingAllocations(int n, size_t size) {
-  nth = n;
+FailingAllocations::FailingAllocations(int first_to_fail, int last_to_fail, size_t size) {
+  first = first_to_fail;
+  last = last_to_fail;
   at_least = size;
   seen = 0;
   failed = 0;

@@ -3,6 +3,7 @@
 #define TESTS_PLATFORM_RPC_PORT_FAILING_ALLOCATIONS_H_
 
 #include <cstddef>
+#include <limits>
 
 // While it exists, allocations of the ports fail: those that they ask for themselves, or through
 // the C++ library. GLib's do not, because it would end the process; nor do the test's own, as long
@@ -10,9 +11,11 @@
 class FailingAllocations {
  public:
   // Only the n-th, counted from 1.
-  static FailingAllocations Nth(int n) { return {n, 0}; }
+  static FailingAllocations Nth(int n) { return {n, n, 0}; }
+  // The n-th, and each one after it.
+  static FailingAllocations From(int n) { return {n, kNoEnd, 0}; }
   // All of at least this size.
-  static FailingAllocations AtLeast(size_t size) { return {0, size}; }
+  static FailingAllocations AtLeast(size_t size) { return {1, kNoEnd, size}; }
   ~FailingAllocations();
   FailingAllocations(const FailingAllocations&) = delete;
 
@@ -20,7 +23,9 @@ class FailingAllocations {
   int count() const;
 
  private:
-  FailingAllocations(int nth, size_t at_least);
+  static constexpr int kNoEnd = std::numeric_limits<int>::max();
+
+  FailingAllocations(int first, int last, size_t at_least);
 };
 
 #endif  // TESTS_PLATFORM_RPC_PORT_FAILING_ALLOCATIONS_H_

@@ -137,6 +137,20 @@ TEST_F(AClientShortOfMemory, FailsToConnectWithAnIoErrorOrConnects) {
   EXPECT_GT(failures, 10);
 }
 
+TEST_F(AClientShortOfMemory, IsDestroyedWithoutAny) {
+  Serve({"serve"});
+  int result = -1;
+  for (int n = 1; result != 0; ++n) {
+    SCOPED_TRACE("from allocation " + std::to_string(n));
+    client = std::make_unique<Client>();
+    const auto failing = FailingAllocations::From(n);
+    result = client->Connect();
+    EXPECT_THAT(result, AnyOf(0, -5));
+    EXPECT_EQ(client->Destroy(), 0);
+    ASSERT_LT(n, kMost);
+  }
+}
+
 class AClientShortOfMemoryForPushes : public AClientInNeed,
                                       public testing::WithParamInterface<size_t> {};
 INSTANTIATE_TEST_SUITE_P(OfSize, AClientShortOfMemoryForPushes,
