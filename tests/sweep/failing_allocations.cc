@@ -212,6 +212,9 @@ Stack StackOfLiveBlock(void* caller) {
 
 }  // namespace sweep
 
+// The libraries, too, are to call these.
+#pragma GCC visibility push(default)
+
 #define CALLER __builtin_extract_return_addr(__builtin_return_address(0))
 
 extern "C" {
@@ -300,3 +303,5 @@ void operator delete(void* block, std::size_t, std::align_val_t) noexcept { swee
 void operator delete[](void* block, std::size_t, std::align_val_t) noexcept {
   sweep::Release(block);
 }
+
+#pragma GCC visibility pop
