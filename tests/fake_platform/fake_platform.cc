@@ -507,7 +507,6 @@ void JudgeDescriptors(std::ostream& verdict) {
   if (more > 0) verdict << "\n  lost: " << more << " descriptor(s)";
 }
 
-/** On its own, so that the stack of the hook for another verdict is free of what it leaves unset. */
 std::string GiveVerdict() {
   std::ostringstream verdict;
   {
@@ -526,7 +525,7 @@ std::string GiveVerdict() {
 
 void Verify() {
   if (internal::hooks.on_verify != nullptr) {
-    internal::hooks.on_verify();
+    internal::hooks.on_verify(__builtin_frame_address(0));
     return Reset();
   }
   const std::string verdict = GiveVerdict();

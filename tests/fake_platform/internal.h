@@ -222,8 +222,8 @@ struct Hooks {
   void (*on_fault)(const std::string& what) = nullptr;
   /** A callback of the library begins, or has ended. */
   void (*on_callback)(bool begins) = nullptr;
-  /** Takes the place of the verdict. */
-  void (*on_verify)() = nullptr;
+  /** Takes the place of the verdict. From `frames` on, the stack is the test's and its callers'. */
+  void (*on_verify)(const void* frames) = nullptr;
 };
 extern Hooks hooks;
 

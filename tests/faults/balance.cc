@@ -97,15 +97,14 @@ class Search {
     Follow();
   }
 
-  void StartFromStack() {
+  void StartFromStack(const void* frames) {
     pthread_attr_t attributes;
     void* lowest = nullptr;
     std::size_t size = 0;
     if (pthread_getattr_np(pthread_self(), &attributes) != 0) return;
     pthread_attr_getstack(&attributes, &lowest, &size);
     pthread_attr_destroy(&attributes);
-    const std::uintptr_t here = Address(__builtin_frame_address(0));
-    Scan(here, Address(lowest) + size - here);
+    Scan(Address(frames), Address(lowest) + size - Address(frames));
     Follow();
   }
 
@@ -207,14 +206,14 @@ Judged::~Judged() { --at_work; }
 
 bool LibraryIsAtWork() { return at_work > 0; }
 
-void JudgeBalance() {
+void JudgeBalance(const void* frames) {
   const Guard guard;
   if (!account().open.empty()) FindAt({}, "lost: a descriptor");
   const std::vector<fake::Block> blocks = fake::LiveBlocks();
   Search search(blocks);
   search.StartFromOwned();
   search.StartFromProgram();
-  search.StartFromStack();
+  search.StartFromStack(frames);
   for (const auto* const lost : search.Lost()) {
     if (lost->object != nullptr) {
       FindAt({}, "lost: %s", fake::internal::KindName(lost->object->kind));

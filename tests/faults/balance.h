@@ -35,9 +35,10 @@ bool LibraryIsAtWork();
 /**
  * Finds each block and object that the library has made or been given, and that cannot be reached
  * any more: neither from what the application holds, nor from the library's own data, nor by what
- * it keeps on purpose.
+ * it keeps on purpose. What the application holds on its stack lies in `frames` or above: what is
+ * below is the judges' own, where earlier calls have left what they held.
  */
-void JudgeBalance();
+void JudgeBalance(const void* frames);
 
 }  // namespace faults
 

@@ -80,21 +80,21 @@ SiteRecord* const sites = MapShared<SiteRecord>();
 
 const Plan* plan_of_run = nullptr;
 
-void Judge() {
+void Judge(const void* frames) {
   Disarm();
   const Use use = UseTheConnectionAfterwards();
-  JudgeBalance();
+  JudgeBalance(frames);
   run->ending = use == Use::kDone ? Ending::kDone : Ending::kStranded;
   // What the test does with what a fault has left it is its own affair from here on.
   _exit(EXIT_SUCCESS);
 }
 
 /** A test may have several verdicts, and begins anew after each. */
-void OnVerdict() {
+void OnVerdict(const void* frames) {
   if (!IsArmedProcess()) return;
   ++run->verdicts;
   const bool last = run->verdicts == plan_of_run->verdict;
-  if (plan_of_run->shape == Shape::kNone ? last : run->injected > 0) Judge();
+  if (plan_of_run->shape == Shape::kNone ? last : run->injected > 0) Judge(frames);
   RestartBalance();
 }
 
@@ -163,7 +163,7 @@ void WatchSignals() {
   Arm(plan, run, sites);
   WatchSignals();
   [[maybe_unused]] const int verdict = RUN_ALL_TESTS();  // a fault may well make the test fail
-  if (run->injected > 0 || run->verdicts == 0) Judge();
+  if (run->injected > 0 || run->verdicts == 0) Judge(__builtin_frame_address(0));
   run->ending = Ending::kNothingFailed;
   _exit(EXIT_SUCCESS);
 }
