@@ -204,13 +204,16 @@ TEST_F(Threads, MayWaitForTheLockOrAReplyWhileTheConnectionEnds) {
     while (!ended) std::this_thread::yield();
   }));
   std::atomic<int> strange{0};
+  std::atomic<int> asked{0};
   const auto ask = [&] {
     int level = 0;
     const int code = velmora_svcmgr_get_agent_api_level(&level);
     if (code != client::kInvalidApiLevel && code != -107) ++strange;
+    ++asked;
   };
   std::thread first(ask);
-  while (waiting == 0) std::this_thread::yield();
+  while (waiting == 0 && asked == 0) std::this_thread::yield();
+  EXPECT_EQ(asked, 0) << "ended before it waited";
   std::thread second(ask);
   EXPECT_EQ(velmora_svcmgr_disconnect(), 0);
   ended = true;
