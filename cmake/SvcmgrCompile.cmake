@@ -116,6 +116,19 @@ function(svcmgr_compile_together target files)
   endif()
 endfunction()
 
+# svcmgr_wrap(TARGET PRIVATE|PUBLIC|INTERFACE FUNCTION...)
+#
+# Whoever calls one of the functions in what is linked calls __wrap_FUNCTION, which finds the function
+# itself as __real_FUNCTION.
+function(svcmgr_wrap target scope)
+  list(TRANSFORM ARGN PREPEND LINKER:--wrap= OUTPUT_VARIABLE options)
+  if("pread64" IN_LIST ARGN)
+    # What it is called where _FORTIFY_SOURCE checks the size of its buffer.
+    list(APPEND options LINKER:--wrap=__pread64_chk,--defsym=__wrap___pread64_chk=__wrap_pread64)
+  endif()
+  target_link_options(${target} ${scope} ${options})
+endfunction()
+
 # svcmgr_without_pointer_checks(TARGET...)
 #
 # UndefinedBehaviorSanitizer's checks of each pointer take longer to compile into the templates of
