@@ -330,6 +330,11 @@ bool IsArmedProcess() { return armed_process == getpid(); }
 
 Shape InjectedShape() { return run->injected > 0 ? plan.shape : Shape::kNone; }
 
+std::string InjectedFunction() {
+  if (run->injected == 0) return "";
+  return FunctionNames()[site_record->stacks[run->site].function];
+}
+
 namespace {
 
 __attribute__((format(printf, 2, 0))) void Note(const Caller& where, const char* format,

@@ -63,6 +63,7 @@ void FindAt(const Caller& where, const char* format, ...) __attribute__((format(
 
 /** Of the injection that has happened, if any. */
 Shape InjectedShape();
+std::string InjectedFunction();
 
 }  // namespace faults
 
