@@ -118,6 +118,7 @@ SiteRecord* site_record = nullptr;
 std::atomic<bool> armed{false};
 pid_t armed_process = 0;
 thread_local int uncounted = 0;
+thread_local bool injected_here = false;
 
 struct Uncounted {
   Uncounted() { ++uncounted; }
@@ -143,6 +144,7 @@ bool IsItsTurn(Family family, Function function) {
   if (n < plan.first || n > plan.last) return false;
   const StackTable::Number site = site_record->stacks.NumberOf(stack);
   if (run->injected++ == 0) run->site = site;
+  injected_here = true;
   return true;
 }
 
@@ -334,6 +336,8 @@ std::string InjectedFunction() {
   if (run->injected == 0) return "";
   return FunctionNames()[site_record->stacks[run->site].function];
 }
+
+bool InjectedHere() { return injected_here; }
 
 namespace {
 

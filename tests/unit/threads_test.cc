@@ -203,6 +203,11 @@ TEST_F(Threads, MayWaitForTheLockOrAReplyWhileTheConnectionEnds) {
     ++waiting;
     while (!ended) std::this_thread::yield();
   }));
+  // But for this thread: what it waited for, from inside the disconnection, only it could end.
+  fake::Always("rpc_port_parcel_create",
+               fake::Succeed().Entering([&, here = std::this_thread::get_id()] {
+                 if (std::this_thread::get_id() == here) ended = true;
+               }));
   std::atomic<int> strange{0};
   std::atomic<int> asked{0};
   const auto ask = [&] {
