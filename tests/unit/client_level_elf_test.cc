@@ -50,7 +50,7 @@ Found RecordOf(const std::string& file, const std::vector<binutils::Section>& se
   for (const binutils::Section& section : sections) {
     if (section.size != 16) continue;
     const Bytes bytes = binutils::BytesAt(file, section.offset, 16);
-    if (bytes.size() == 16 && bytes.compare(0, 6, Bytes("KYR\0\0\0", 6)) == 0) {
+    if (bytes.size() == 16 && bytes.compare(0, 6, Bytes{'K', 'Y', 'R', '\0', '\0', '\0'}) == 0) {
       return ToFound(bytes);
     }
   }

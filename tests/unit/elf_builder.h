@@ -41,7 +41,7 @@ struct Marker {
   unsigned version_patch = 182;
   unsigned format = 1;
   unsigned reserved = 0;
-  Bytes magic = Bytes("KYR\0", 4);
+  Bytes magic = {'K', 'Y', 'R', '\0'};
 
   Bytes ToBytes() const {
     return magic + Little(reserved, 2) + Little(format, 2) + Little(api_level, 2) +
