@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <new>
+#include <type_traits>
 #include <unordered_map>
 
 #include "forks.h"
@@ -22,7 +23,7 @@ template <typename Object>
 class Handles {
  public:
   // Lives until the process ends, because destructors that run at exit may still pass handles. It
-  // takes no memory, which there may be none of where the first handle that is passed is destroyed.
+  // takes no memory: the first to ask for it may be a destructor, where memory has just run out.
   static Handles& Get() noexcept {
     alignas(Handles) static unsigned char storage[sizeof(Handles)];
     static auto* const handles = new (storage) Handles;
@@ -59,6 +60,7 @@ class Handles {
     Birth birth;
   };
   using Entries = std::unordered_map<uintptr_t, Entry>;
+  static_assert(std::is_nothrow_default_constructible_v<Entries>);
 
   typename Entries::iterator FindEntry(void* handle) {
     const auto found = objects_.find(reinterpret_cast<uintptr_t>(handle));

@@ -156,10 +156,13 @@ void DropModels(int, velmora_svcmgr_ai_model_list_h list, void*) {
   if (list != nullptr) velmora_svcmgr_ai_model_list_destroy(list);
 }
 
+constexpr long kReentries = 5;
+constexpr long kDisconnects = 0;
+
 void CallTheLibrary() {
   int level = 0;
-  switch (plan.first % 5) {
-    case 0:
+  switch (plan.first % kReentries) {
+    case kDisconnects:
       velmora_svcmgr_disconnect();
       break;
     case 1:
@@ -335,6 +338,10 @@ Shape InjectedShape() { return run->injected > 0 ? plan.shape : Shape::kNone; }
 std::string InjectedFunction() {
   if (run->injected == 0) return "";
   return FunctionNames()[site_record->stacks[run->site].function];
+}
+
+bool InjectedDisconnection() {
+  return InjectedShape() == Shape::kReentry && plan.first % kReentries == kDisconnects;
 }
 
 bool InjectedHere() { return injected_here; }

@@ -64,6 +64,8 @@ void FindAt(const Caller& where, const char* format, ...) __attribute__((format(
 /** Of the injection that has happened, if any. */
 Shape InjectedShape();
 std::string InjectedFunction();
+/** Whether it was a re-entry that ends the connection. */
+bool InjectedDisconnection();
 /** Whether it was in the thread that asks. */
 bool InjectedHere();
 

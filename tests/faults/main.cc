@@ -112,7 +112,7 @@ void OnFault(const std::string& what) {
   const bool unheard = what.find("no callback is registered") != std::string::npos;
   // The re-entry may end the connection while another thread is inside a call, which the public header
   // warns of; the platform refuses the port.
-  const bool ended_elsewhere = InjectedShape() == Shape::kReentry && !InjectedHere() &&
+  const bool ended_elsewhere = InjectedDisconnection() && !InjectedHere() &&
                                what.find("is used after its proxy") != std::string::npos;
   if (!out_of_step && !unheard && !ended_elsewhere) FindAt(caller, "%s", what.c_str());
 }

@@ -31,6 +31,7 @@ has_marker "$prefix/$LIBDIR/libvelmora-svcmgr.so"
 has_marker "$prefix/bin/svcmgrctl"
 quiet "$CMAKE" --install "$BUILD_DIR" --prefix "$work/stripped" --strip
 has_marker "$work/stripped/$LIBDIR/libvelmora-svcmgr.so"
+has_marker "$work/stripped/bin/svcmgrctl"
 
 step "each file belongs to a component, by which packages are made"
 quiet "$CMAKE" --install "$BUILD_DIR" --prefix "$work/unspecified" --component Unspecified
