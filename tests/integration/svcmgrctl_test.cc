@@ -192,7 +192,7 @@ TEST(WorkOnModels, IsOverByEventsWhereTheAgentSendsNoLastMessage) {
   const TempFolder folder;
   const std::string scenario = folder.Write("scenario.json", R"({
       "models": [{"id": "a", "versions": ["1"]}],
-      "methods": {"RequestToUninstall": {"report": "no-last", "parts": 4}}})");
+      "methods": {"RequestToUninstall": {"report": "no-last", "parts": 4, "pace": 200}}})");
   const Finished run = RunCtl(scenario, {"--json", "models", "uninstall", "a"});
   EXPECT_EQ(run.status, 0) << run.output << run.errors;
   EXPECT_THAT(run.output, HasSubstr(R"("decided_by":"event")"));
